@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+// The GigE driver on simulated cameras, beside an independent tool and a bare socket. Runs in a network namespace of
+// its own, so it needs root: unshare -n.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "hal/HAL.h"
+#include "platform/Platform.h"
+#include "platform/gvcp/GvcpCodec.h"
+#include "platform/simulated/gige/SimulatedGigENetwork.h"
+
+namespace Nimbrel2::Platform {
+namespace {
+
+constexpr std::uint32_t kFirstAddress = 0x7F000002;
+constexpr std::uint32_t kCurrentIpAddress = 0x24;
+
+[[noreturn]] void Give(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+void EnterNetworkOfItsOwn() {
+    if (unshare(CLONE_NEWNET) != 0) Give("unshare (root is needed)");
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    if (ioctl(fd, SIOCGIFFLAGS, &request) != 0) Give("lo");
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    if (ioctl(fd, SIOCSIFFLAGS, &request) != 0) Give("lo up");
+    close(fd);
+}
+
+// Simulated cameras on loopback and, when wanted, the HAL over them with its first listing done.
+class Cameras {
+public:
+    explicit Cameras(std::int64_t count) {
+        for (std::int64_t i = 0; i < count; ++i) {
+            Simulated::SimulatedCameraOptions options;
+            options.address = kFirstAddress + static_cast<std::uint32_t>(i);
+            options.mac = 0x020000000100 + static_cast<std::uint64_t>(i);
+            options.serialNumber = std::to_string(1000 + i);
+            if (!m_network.AddCamera(options)) Give("a simulated camera");
+        }
+    }
+    ~Cameras() { HAL_CleanupLibrary(); }
+
+    static void StartHal(std::chrono::milliseconds window) {
+        Options options;
+        options.networkInterfaces = {"lo"};
+        options.discoveryWindow = window;
+        if (!Configure(options) || HAL_InitLibrary() != HAL_OK) Give("the HAL");
+    }
+
+    // How many were listed; their entries are given back.
+    static std::uint64_t List(void** first = nullptr) {
+        void* entries[128] = {};
+        std::uint64_t count = 128;
+        if (HAL_GigEGetCameras(entries, &count) != HAL_OK) return 0;
+        for (std::uint64_t i = first != nullptr ? 1 : 0; i < count; ++i) HAL_GigEFreeCamera(entries[i]);
+        if (first != nullptr) *first = entries[0];
+        return count;
+    }
+
+private:
+    Simulated::SimulatedGigENetwork m_network;
+};
+
+void Reenumerate(benchmark::State& state) {
+    const Cameras cameras(state.range(0));
+    Cameras::StartHal(std::chrono::milliseconds(200));
+    Cameras::List();
+    for (auto _ : state) {
+        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
+    }
+}
+BENCHMARK(Reenumerate)->Name("Reenumerate1")->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Reenumerate)->Name("Reenumerate4")->Arg(4)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Reenumerate)->Name("Reenumerate16")->Arg(16)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Reenumerate)->Name("Reenumerate128")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void DiscoverFirst(benchmark::State& state) {
+    const Cameras cameras(state.range(0));
+    for (auto _ : state) {
+        Cameras::StartHal(std::chrono::milliseconds(1000));
+        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
+        state.PauseTiming();
+        HAL_CleanupLibrary();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(DiscoverFirst)->Name("DiscoverFirst1")->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+BENCHMARK(DiscoverFirst)->Name("DiscoverFirst16")->Arg(16)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+
+void DiscoverWithIndependentTool(benchmark::State& state) {
+    const Cameras cameras(state.range(0));
+    for (auto _ : state) {
+        if (std::system("arv-tool-0.8 >/dev/null 2>&1") != 0) state.SkipWithError("arv-tool-0.8 failed");
+    }
+}
+BENCHMARK(DiscoverWithIndependentTool)
+    ->Name("DiscoverWithIndependentTool1")
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(DiscoverWithIndependentTool)
+    ->Name("DiscoverWithIndependentTool4")
+    ->Arg(4)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(DiscoverWithIndependentTool)
+    ->Name("DiscoverWithIndependentTool16")
+    ->Arg(16)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(DiscoverWithIndependentTool)
+    ->Name("DiscoverWithIndependentTool128")
+    ->Arg(128)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+
+void ReadRegister(benchmark::State& state) {
+    const Cameras cameras(1);
+    Cameras::StartHal(std::chrono::milliseconds(200));
+    void* entry = nullptr;
+    Cameras::List(&entry);
+    for (auto _ : state) {
+        std::uint32_t value = 0;
+        if (HAL_GigEReadRegister(entry, kCurrentIpAddress, &value) != HAL_OK) state.SkipWithError("no answer");
+    }
+}
+BENCHMARK(ReadRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void ReadRegisterOnBareSocket(benchmark::State& state) {
+    const Cameras cameras(1);
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in camera{};
+    camera.sin_family = AF_INET;
+    camera.sin_port = htons(Gvcp::kPort);
+    camera.sin_addr.s_addr = htonl(kFirstAddress);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) Give("connect");
+    std::uint8_t command[] = {0x42, 0x01, 0x00, 0x80, 0x00, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x24};
+    std::uint8_t answer[2048];
+    std::uint16_t id = 0;
+    for (auto _ : state) {
+        id = static_cast<std::uint16_t>(id % 0xFFFF + 1);
+        command[6] = static_cast<std::uint8_t>(id >> 8);
+        command[7] = static_cast<std::uint8_t>(id & 0xFF);
+        if (send(fd, command, sizeof command, 0) < 0 || recv(fd, answer, sizeof answer, 0) != 12) {
+            state.SkipWithError("no answer");
+        }
+    }
+    close(fd);
+}
+BENCHMARK(ReadRegisterOnBareSocket)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+}  // namespace
+}  // namespace Nimbrel2::Platform
+
+int main(int argc, char** argv) {
+    Nimbrel2::Platform::EnterNetworkOfItsOwn();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

@@ -1,0 +1,27 @@
+# Our own build only: warnings and sanitizers. Linked PRIVATE by our targets and never exported.
+add_library(nimbrel2_build_flags INTERFACE)
+target_compile_options(nimbrel2_build_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+                       $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(nimbrel2_build_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
+endif()
+if(NIMBREL2_WARNINGS_AS_ERRORS)
+  target_compile_options(nimbrel2_build_flags INTERFACE -Werror)
+endif()
+if(NIMBREL2_BUILD_FUZZ)
+  # What is fuzzed must count its branches, or the fuzzer is blind; the programs alone link libFuzzer itself.
+  target_compile_options(nimbrel2_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+if(NIMBREL2_SANITIZE)
+  target_compile_options(nimbrel2_build_flags INTERFACE -fsanitize=${NIMBREL2_SANITIZE} -fno-omit-frame-pointer
+                         -fno-sanitize-recover=all)
+  target_link_options(nimbrel2_build_flags INTERFACE -fsanitize=${NIMBREL2_SANITIZE})
+endif()
+
+# One object target a folder: nimbrel2_object_library(NAME SOURCES ... LINKS ...)
+function(nimbrel2_object_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(${name} OBJECT ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:nimbrel2_build_flags>)
+endfunction()

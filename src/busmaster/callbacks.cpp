@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: Apache-2.0
+// The registry of user callbacks, and the threads that call them.
+// Registration runs on client threads, signalling on the worker, each user function on a detached thread of its own.
+// A user function runs with m_callbackMutex held and may want m_busMasterMutex for a look-up. So whoever holds
+// m_busMasterMutex only tries m_callbackMutex, and lets the main lock go before it waits.
+#include <boost/thread/lock_algorithms.hpp>
+#include <memory>
+
+#include "busmaster/BusMasterMembers.h"
+#include "busmaster/Support.h"
+
+namespace Nimbrel2 {
+
+namespace {
+
+using Lock = boost::unique_lock<boost::mutex>;
+
+// The callback mutex that this thread holds while it runs a user function.
+thread_local const boost::mutex* t_runningUnder = nullptr;
+
+bool IsInsideCallback(const boost::mutex& callbackMutex) { return t_runningUnder == &callbackMutex; }
+
+Error InsideCallbackError() {
+    return NIMBREL2_ERROR(ERROR_FAILED, "Callbacks cannot be registered or unregistered from inside a callback.");
+}
+
+// Takes the main lock and then both, in a way that never waits for a callback with the main lock held. check runs under
+// the main lock, again after it had to be let go; both locks are held when it returns ERROR_OK.
+template <class Check>
+Error LockRegistry(Lock& busMasterLock, Lock& callbackLock, Check check) {
+    busMasterLock.lock();
+    Error error = check();
+    if (error != ERROR_OK || callbackLock.try_lock()) {
+        return error;
+    }
+    busMasterLock.unlock();
+    boost::lock(busMasterLock, callbackLock);
+    return check();
+}
+
+void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int parameter) {
+    if (function == nullptr) {
+        return;
+    }
+    try {
+        function(data, parameter);
+    } catch (...) {
+        TraceLine("A user callback threw an exception.");
+    }
+}
+
+}  // namespace
+
+Error BusMaster::RegisterCallback(void (*function)(void*, unsigned int), BusCallbackType type, void* data,
+                                  void** handle) {
+    return WithoutExceptions([&]() -> Error {
+        Members& members = *m_members;
+        if (IsInsideCallback(members.m_callbackMutex)) {
+            return InsideCallbackError();
+        }
+        Lock busMasterLock(members.m_busMasterMutex, boost::defer_lock);
+        Lock callbackLock(members.m_callbackMutex, boost::defer_lock);
+        Members::CallbackList* list = nullptr;
+        const Error error = LockRegistry(busMasterLock, callbackLock, [&]() -> Error {
+            if (handle == nullptr) {
+                return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid callback handle address.");
+            }
+            if (!members.GetInitialized()) {
+                return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized.");
+            }
+            switch (type) {
+                case ARRIVAL:
+                    list = &members.m_arrivalCallbacks;
+                    break;
+                case REMOVAL:
+                    list = &members.m_removalCallbacks;
+                    break;
+                case BUS_RESET:
+                    list = &members.m_busResetCallbacks;
+                    break;
+                default:
+                    return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid callback type.");
+            }
+            return InternalError(ERROR_OK);
+        });
+        if (error != ERROR_OK) {
+            return error;
+        }
+        auto record = std::make_unique<CallbackData>();
+        record->fn = function;
+        record->data = data;
+        record->number = ++members.m_registrations;
+        list->push_back(record.get());
+        try {
+            members.m_callbackSet.insert(record.get());
+        } catch (...) {
+            list->pop_back();
+            throw;
+        }
+        *handle = record.release();
+        return InternalError(ERROR_OK);
+    });
+}
+
+Error BusMaster::UnregisterCallback(void* handle) {
+    return WithoutExceptions([&]() -> Error {
+        Members& members = *m_members;
+        if (IsInsideCallback(members.m_callbackMutex)) {
+            return InsideCallbackError();
+        }
+        Lock busMasterLock(members.m_busMasterMutex, boost::defer_lock);
+        Lock callbackLock(members.m_callbackMutex, boost::defer_lock);
+        const Error error = LockRegistry(busMasterLock, callbackLock, [&]() -> Error {
+            if (!members.GetInitialized()) {
+                return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized.");
+            }
+            if (handle == nullptr) {
+                return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid callback handle.");
+            }
+            return InternalError(ERROR_OK);
+        });
+        if (error != ERROR_OK) {
+            return error;
+        }
+        auto* record = static_cast<CallbackData*>(handle);
+        // The set knows every live record, so an unknown or freed pointer is never read.
+        if (members.m_callbackSet.erase(record) == 0) {
+            return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid callback handle.");
+        }
+        {
+            // Free: only a thread that holds m_callbackMutex takes it. Tried, not waited for, because its holder may
+            // wait for the main lock.
+            const Lock recordLock(record->mutex, boost::try_to_lock);
+            members.m_arrivalCallbacks.remove(record);
+            members.m_removalCallbacks.remove(record);
+            members.m_busResetCallbacks.remove(record);
+        }
+        delete record;
+        return InternalError(ERROR_OK);
+    });
+}
+
+Error BusMaster::Members::SignalCallbacks(CallbackList& list, unsigned int parameter) {
+    return WithoutExceptions([&]() -> Error {
+        if (!GetInitialized()) {
+            return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Failed to get initialization status");
+        }
+        const CallbackList snapshot = list;
+        const boost::shared_ptr<Members> self = shared_from_this();
+        for (CallbackData* callback : snapshot) {
+            auto threadData = std::make_unique<CallbackThreadData>();
+            threadData->callback = callback;
+            threadData->parameter = parameter;
+            threadData->number = callback->number;
+            {
+                const Lock lock(m_quietMutex);
+                ++m_callbacksLeft;
+            }
+            try {
+                boost::thread thread = StartThread([self, data = threadData.get()] {
+                    SignalCallbackThread(data, self->m_callbackSet, self->m_callbackMutex);
+                    self->CallbackEnded();
+                });
+                threadData.release();
+                thread.detach();
+            } catch (const boost::thread_resource_error& error) {
+                CallbackEnded();
+                return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE, "Could not start a callback thread. System error: %d.",
+                                      error.native_error());
+            } catch (...) {
+                CallbackEnded();
+                throw;
+            }
+        }
+        return InternalError(ERROR_OK);
+    });
+}
+
+void BusMaster::Members::CallbackEnded() {
+    {
+        const Lock lock(m_quietMutex);
+        --m_callbacksLeft;
+    }
+    m_quietCondition.notify_all();
+}
+
+void* BusMaster::SignalCallbackThread(void* threadData, std::set<CallbackData*>& liveSet, boost::mutex& setMutex) {
+    const std::unique_ptr<CallbackThreadData> owned(static_cast<CallbackThreadData*>(threadData));
+    const CallbackThreadData call = *owned;
+    const Lock lock(setMutex);
+    // The address alone does not do: a registration that came after the signal may have it now.
+    if (liveSet.count(call.callback) != 0 && call.callback->number == call.number) {
+        const Lock recordLock(call.callback->mutex);
+        t_runningUnder = &setMutex;
+        CallUser(call.callback->fn, call.callback->data, call.parameter);
+        t_runningUnder = nullptr;
+    }
+    return nullptr;
+}
+
+bool BusMaster::FreeCallbackList(std::list<CallbackData*>* list, std::set<CallbackData*>& liveSet,
+                                 boost::mutex& setMutex) {
+    if (list == nullptr) {
+        return true;
+    }
+    Lock lock(setMutex, boost::defer_lock);
+    if (!TryLockUntil(lock, DeadlineIn(GetDeadlines().lockAtDestruction))) {
+        return false;
+    }
+    while (!list->empty()) {
+        CallbackData* record = list->front();
+        {
+            const Lock recordLock(record->mutex);
+            list->pop_front();
+            liveSet.erase(record);
+        }
+        delete record;
+    }
+    return true;
+}
+
+}  // namespace Nimbrel2

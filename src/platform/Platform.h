@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// What an application may choose about the HAL that ships, before it first asks for the bus master.
+#ifndef NIMBREL2_PLATFORM_PLATFORM_H
+#define NIMBREL2_PLATFORM_PLATFORM_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Nimbrel2::Platform {
+
+/// Who drives a bus.
+enum class Driver {
+    None,   ///< Nobody: the bus lists nothing and raises nothing.
+    Linux,  ///< This computer's own bus.
+    Rig,    ///< A simulated computer: Options::rig.
+};
+
+/// A simulated computer (platform/rig/Rig.h).
+class Rig;
+
+/// A USB camera that speaks IIDC over vendor requests; no class tells it, so its ids must be named.
+struct UsbId {
+    std::uint16_t vendor = 0;
+    std::uint16_t product = 0;
+};
+
+struct Options {
+    Driver fireWire = Driver::Linux;
+    Driver usb = Driver::Linux;
+    Driver gigE = Driver::Linux;
+
+    /// Network interfaces that GigE uses, by name. Empty: every one that is up, except loopback.
+    std::vector<std::string> networkInterfaces;
+
+    /// How long a discovery listens, from its first request. A conforming camera may take a second to answer.
+    /// 10 ms to 60 s.
+    std::chrono::milliseconds discoveryWindow{1000};
+
+    /// USB cameras besides those of the USB3 Vision class.
+    std::vector<UsbId> usbCameraIds;
+
+    /// What the buses with Driver::Rig belong to; must be there when one has it.
+    std::shared_ptr<Rig> rig;
+};
+
+/// What Configure answers: empty reason, or the option and the value that are wrong.
+struct ConfigureResult {
+    std::uint32_t status = 0;  ///< HALStatus
+    std::string reason;
+    explicit operator bool() const { return status == 0; }
+};
+
+/// Chooses drivers and options for the next HAL_InitLibrary. Without a call the defaults above hold.
+/// @return HAL_BUSY while the HAL is running, that is from the first Singleton<BusMaster>::GetInstance() to the end of
+///         that object; HAL_INVALID_ARGUMENT with the reason for an option out of range. Nothing changes then.
+/// @par Threads  Any, one at a time with HAL_InitLibrary. No I/O.
+ConfigureResult Configure(const Options& options);
+
+/// Waits until every bus event that was raised so far has been called back, on all buses.
+/// @return false when that took longer than the time, or the HAL is not running.
+/// @par Threads  Any, but an event callback. A bus that never rests is never done.
+bool WaitUntilEventsAreDelivered(std::chrono::milliseconds time);
+
+}  // namespace Nimbrel2::Platform
+
+#endif

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// The event side of one bus: who is registered, and whether a listing is due. One object a bus and a session.
+#ifndef NIMBREL2_PLATFORM_HAL_BUSEVENTS_H
+#define NIMBREL2_PLATFORM_HAL_BUSEVENTS_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "hal/HAL.h"
+#include "platform/Drivers.h"
+#include "platform/hal/EventDelivery.h"
+#include "platform/hal/Handles.h"
+#include "platform/hal/ListingLedger.h"
+#include "platform/hal/StartThread.h"
+
+namespace Nimbrel2::Platform {
+
+/// Takes what the driver raises and hands it to the delivery thread of each registration.
+/// @par Threads  Any. Lock order: m_mutex, then a delivery's own; neither is ever held during a callback or a join.
+class BusEvents final : public BusEventSink {
+public:
+    using Listing = ListingLedger::Listing;
+
+    BusEvents(HALInterfaceType bus, ThreadStarter startThread);
+    /// Ends what Close has not ended, without waiting for callbacks.
+    ~BusEvents() override;
+    BusEvents(const BusEvents&) = delete;
+    BusEvents& operator=(const BusEvents&) = delete;
+
+    void RaiseReset() override;
+    void Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) override;
+
+    /// @return HAL_CLOSED after StopCallbacks, HAL_OUT_OF_MEMORY when no thread can be made.
+    std::uint32_t Register(HALBusEventFunction function, void* context, void** registration);
+    /// Also from inside the registration's own callback. @return HAL_GONE for an unknown registration.
+    std::uint32_t Deregister(void* registration);
+
+    /// Waits until everything raised so far has been called back. False when the deadline came first.
+    [[nodiscard]] bool WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const;
+
+    /// Around each listing that succeeds: EndListing receives what BeginListing returned.
+    [[nodiscard]] std::uint64_t BeginListing() const;
+    void EndListing(Listing listing, std::uint64_t changesAtBegin);
+
+    /// From here on no callback is begun and nothing registers.
+    void StopCallbacks();
+    /// Waits for the callbacks in flight until the deadline and joins their threads. One whose callback still hangs
+    /// then is left alone with its EventDelivery. After StopCallbacks.
+    void JoinThreads(EventDelivery::Clock::time_point deadline);
+
+private:
+    struct Registration {
+        std::shared_ptr<EventDelivery> delivery;
+        std::thread thread;
+    };
+    using Registrations = std::map<Handle, Registration>;
+
+    /// Joins threads of earlier registrations that have ended by themselves.
+    void Reap();
+
+    const HALInterfaceType m_bus;
+    const ThreadStarter m_startThread;
+
+    mutable std::mutex m_mutex;  // Guards all below.
+    bool m_stopped = false;
+    ListingLedger m_ledger;
+    Registrations m_registrations;
+    /// Deregistered, with a thread that may still be in its last callback.
+    Registrations m_ending;
+};
+
+}  // namespace Nimbrel2::Platform
+
+#endif

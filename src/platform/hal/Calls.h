@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// What every HAL function does around its own work: find the session, check, look the entry up, let nothing be thrown.
+// Any thread. No lock is held while the work runs.
+#ifndef NIMBREL2_PLATFORM_HAL_CALLS_H
+#define NIMBREL2_PLATFORM_HAL_CALLS_H
+
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "hal/HAL.h"
+#include "platform/hal/Process.h"
+
+namespace Nimbrel2::Platform {
+
+/// Nothing is thrown through a C function.
+template <class Work>
+std::uint32_t Guarded(const Work& work) noexcept {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        return HAL_OUT_OF_MEMORY;
+    } catch (...) {
+        return HAL_FAILED;
+    }
+}
+
+/// Closed is told before any argument is looked at.
+template <class Work>
+std::uint32_t InSession(bool argumentsAreGood, const Work& work) noexcept {
+    return Guarded([&]() -> std::uint32_t {
+        const std::shared_ptr<Session> session = Process::Get().CurrentSession();
+        if (!session) return HAL_CLOSED;
+        if (!argumentsAreGood) return HAL_INVALID_ARGUMENT;
+        return work(*session);
+    });
+}
+
+/// @param work  Takes the device, and the position that it had in its listing.
+template <class Device, class Work>
+std::uint32_t OnDevice(const void* entry, bool argumentsAreGood, const Work& work) noexcept {
+    return InSession(entry != nullptr && argumentsAreGood, [&](Session& session) -> std::uint32_t {
+        std::shared_ptr<Device> device;
+        std::uint32_t position = 0;
+        const std::uint32_t status = session.Entries().Find(entry, &device, &position);
+        return status == HAL_OK ? work(*device, position) : status;
+    });
+}
+
+}  // namespace Nimbrel2::Platform
+
+#endif

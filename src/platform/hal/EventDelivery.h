@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// One registration for bus events: its queue, its callback, and the body of the thread that calls it.
+#ifndef NIMBREL2_PLATFORM_HAL_EVENTDELIVERY_H
+#define NIMBREL2_PLATFORM_HAL_EVENTDELIVERY_H
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "hal/HAL.h"
+#include "platform/hal/EventQueue.h"
+
+namespace Nimbrel2::Platform {
+
+/// Shared between BusEvents and the delivery thread, which touches nothing else of ours: a callback that hangs may
+/// outlive the HAL without its thread ever reaching freed memory.
+class EventDelivery {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context);
+
+    /// The thread's body: delivers until Stop. Calls back with no lock held.
+    void Run();
+
+    void AddReset();
+    void Add(const BusEvent& event);
+
+    /// Waits until nothing waits to be delivered and no callback is in flight. False when the deadline came first.
+    [[nodiscard]] bool WaitUntilIdle(Clock::time_point deadline) const;
+
+    /// No callback is begun from here on. One that Run has already taken from the queue is in flight, and is not waited
+    /// for. What still waits is dropped.
+    void Stop();
+
+    /// True when Run has ended and only its thread's last instructions may be left.
+    [[nodiscard]] bool HasEnded() const;
+    /// Waits for that. False when the deadline came first.
+    [[nodiscard]] bool WaitUntilEnded(Clock::time_point deadline) const;
+
+private:
+    void Call(const BusEvent& event) const;
+
+    const HALInterfaceType m_bus;
+    const HALBusEventFunction m_function;
+    void* const m_context;
+
+    mutable std::mutex m_mutex;  // A leaf: held for a few instructions, never during a callback.
+    std::condition_variable m_wake;
+    mutable std::condition_variable m_endedCondition;
+    mutable std::condition_variable m_idleCondition;
+    EventQueue m_queue;
+    bool m_stopped = false;
+    bool m_ended = false;
+    bool m_idle = false;  // Run sleeps with an empty queue, or has ended.
+};
+
+}  // namespace Nimbrel2::Platform
+
+#endif

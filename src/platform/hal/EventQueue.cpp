@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// Order, coalescing and settling of waiting bus events. Runs on any thread, under its owner's lock.
+#include "platform/hal/EventQueue.h"
+
+#include <algorithm>
+
+namespace Nimbrel2::Platform {
+
+EventQueue::EventQueue() : m_events(kCapacity) {}
+
+void EventQueue::AddReset(TimePoint now) {
+    if (!m_resetWaits) {
+        m_resetWaits = true;
+        m_firstReset = now;
+        m_lastReset = now;
+        return;
+    }
+    // Two threads may read the clock in one order and come here in the other.
+    m_lastReset = std::max(m_lastReset, now);
+}
+
+void EventQueue::Add(const BusEvent& event, TimePoint now) {
+    if (m_count < kCapacity) {
+        m_events[(m_head + m_count) % kCapacity] = event;
+        ++m_count;
+    } else if (!IsWaiting(event)) {
+        AddReset(now);
+    }
+}
+
+EventQueue::Step EventQueue::Take(TimePoint now) {
+    if (m_resetWaits) {
+        const TimePoint ripe = std::min(m_lastReset + kQuiet, m_firstReset + kLongestBurst);
+        if (now < ripe) return {Step::Kind::Settle, {}, ripe};
+        m_resetWaits = false;
+        return {Step::Kind::Deliver, {HAL_BUS_RESET, 0, 0}, {}};
+    }
+    if (m_count == 0) return {};
+    const BusEvent event = m_events[m_head];
+    m_head = (m_head + 1) % kCapacity;
+    --m_count;
+    return {Step::Kind::Deliver, event, {}};
+}
+
+bool EventQueue::IsWaiting(const BusEvent& event) const {
+    for (std::size_t i = 0; i < m_count; ++i) {
+        if (m_events[(m_head + i) % kCapacity] == event) return true;
+    }
+    return false;
+}
+
+}  // namespace Nimbrel2::Platform

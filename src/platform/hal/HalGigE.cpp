@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+// The functions on one GigE camera. Run on their caller's thread, which the driver may block for network I/O; no lock
+// of the glue is held.
+#include "platform/hal/Calls.h"
+#include "platform/hal/Texts.h"
+
+using namespace Nimbrel2::Platform;
+
+uint32_t HAL_GigEGetCameraIpAddress(void* entry, uint32_t* ipAddress) {
+    return OnDevice<GigEDevice>(entry, ipAddress != nullptr, [&](GigEDevice& device, std::uint32_t) {
+        GvcpDiscoveryRecord record{};
+        const std::uint32_t status = device.GetRecord(&record);
+        if (status == HAL_OK) *ipAddress = record.ipAddress;
+        return status;
+    });
+}
+
+uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow, uint32_t* serialNumber,
+                               uint32_t* version, uint32_t* deviceMode, char* vendor, char* model, uint32_t* vendorSize,
+                               uint32_t* modelSize) {
+    const bool good =
+        macHigh && macLow && serialNumber && version && deviceMode && vendor && model && vendorSize && modelSize;
+    return OnDevice<GigEDevice>(entry, good, [&](GigEDevice& device, std::uint32_t) {
+        GvcpDiscoveryRecord record{};
+        const std::uint32_t status = device.GetRecord(&record);
+        if (status != HAL_OK) return status;
+        *macHigh = record.macHigh;
+        *macLow = record.macLow;
+        *serialNumber = LeadingNumber(FieldText(record.serialNumber));
+        *version = std::uint32_t{record.versionMajor} << 16 | record.versionMinor;
+        *deviceMode = record.deviceMode;
+        CopyText(FieldText(record.manufacturerName), vendor, vendorSize);
+        CopyText(FieldText(record.modelName), model, modelSize);
+        return status;
+    });
+}
+
+uint32_t HAL_GigEGetDiscoveryRecord(void* entry, GvcpDiscoveryRecord* record) {
+    return OnDevice<GigEDevice>(entry, record != nullptr,
+                                [&](GigEDevice& device, std::uint32_t) { return device.GetRecord(record); });
+}
+
+uint32_t HAL_GigEReadRegister(void* entry, uint32_t address, uint32_t* value) {
+    return OnDevice<GigEDevice>(entry, address % 4 == 0 && value,
+                                [&](GigEDevice& device, std::uint32_t) { return device.ReadRegister(address, value); });
+}
+
+uint32_t HAL_GigEWriteRegister(void* entry, uint32_t address, uint32_t value) {
+    return OnDevice<GigEDevice>(entry, address % 4 == 0, [&](GigEDevice& device, std::uint32_t) {
+        return device.WriteRegister(address, value);
+    });
+}
+
+uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor) {
+    return OnDevice<GigEDevice>(entry, monitor != nullptr, [&](GigEDevice& device, std::uint32_t) {
+        bool monitored = false;
+        const std::uint32_t status = device.IsInMonitorMode(&monitored);
+        if (status == HAL_OK) *monitor = monitored ? 1 : 0;
+        return status;
+    });
+}
+
+uint32_t HAL_GigEGetLocalApplicationPort(void* entry, uint32_t* port) {
+    return OnDevice<GigEDevice>(entry, port != nullptr,
+                                [&](GigEDevice& device, std::uint32_t) { return device.GetLocalPort(port); });
+}
+
+uint32_t HAL_GigEGetLocalApplicationIpAddress(void* entry, uint32_t* ipAddress) {
+    return OnDevice<GigEDevice>(entry, ipAddress != nullptr,
+                                [&](GigEDevice& device, std::uint32_t) { return device.GetLocalAddress(ipAddress); });
+}

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// Start, stop and hand-out of the session. Any thread; takes the process's mutex for copies only.
+#include "platform/hal/Process.h"
+
+#include <cstddef>
+#include <new>
+#include <utility>
+
+namespace Nimbrel2::Platform {
+
+Process& Process::Get() {
+    alignas(Process) static std::byte memory[sizeof(Process)];
+    static Process& process = *new (memory) Process;
+    return process;
+}
+
+std::uint32_t Process::Start() {
+    Options options;
+    DriverFactory makeDrivers;
+    ThreadStarter startThread;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_state != State::Closed) return HAL_BUSY;
+        options = m_options;
+        makeDrivers = m_makeDrivers;
+        startThread = m_startThread;
+        m_state = State::Starting;
+    }
+    std::shared_ptr<Session> session;
+    std::uint32_t status = HAL_FAILED;
+    try {
+        session = std::make_shared<Session>(startThread);
+        status = session->Start(makeDrivers, options);
+    } catch (...) {
+        session.reset();
+        const std::lock_guard lock(m_mutex);
+        m_state = State::Closed;
+        throw;
+    }
+    // A failed session ends before anybody may start the next.
+    if (status != HAL_OK) session.reset();
+    const std::lock_guard lock(m_mutex);
+    m_state = session ? State::Running : State::Closed;
+    m_session = std::move(session);
+    return status;
+}
+
+std::uint32_t Process::Stop() {
+    std::shared_ptr<Session> session;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_state != State::Running) return HAL_CLOSED;
+        m_state = State::Closing;
+        session = std::move(m_session);
+    }
+    session->Close();
+    session.reset();
+    const std::lock_guard lock(m_mutex);
+    m_state = State::Closed;
+    return HAL_OK;
+}
+
+std::shared_ptr<Session> Process::CurrentSession() {
+    const std::lock_guard lock(m_mutex);
+    return m_session;
+}
+
+std::uint32_t Process::SetOptions(Options options) {
+    const std::lock_guard lock(m_mutex);
+    if (m_state != State::Closed) return HAL_BUSY;
+    std::swap(m_options, options);
+    return HAL_OK;
+}
+
+std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
+    const std::lock_guard lock(m_mutex);
+    if (m_state != State::Closed) return HAL_BUSY;
+    m_makeDrivers.swap(factory);
+    return HAL_OK;
+}
+
+std::uint32_t Process::SetThreadStarter(ThreadStarter starter) {
+    const std::lock_guard lock(m_mutex);
+    if (m_state != State::Closed) return HAL_BUSY;
+    m_startThread.swap(starter);
+    return HAL_OK;
+}
+
+}  // namespace Nimbrel2::Platform

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the platform keeps for the whole process: the options, and the session while there is one.
+#ifndef NIMBREL2_PLATFORM_HAL_PROCESS_H
+#define NIMBREL2_PLATFORM_HAL_PROCESS_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "platform/hal/DriverFactory.h"
+#include "platform/hal/Session.h"
+#include "platform/hal/StartThread.h"
+
+namespace Nimbrel2::Platform {
+
+/// Never destroyed, so a HAL call during or after exit finds a mutex and no session, and answers HAL_CLOSED.
+/// @par Threads  Any. The mutex is held for copies only, never while a session starts, closes or works.
+class Process {
+public:
+    /// The one object. Needs no memory.
+    static Process& Get();
+
+    /// @return HAL_BUSY unless closed; HAL_OUT_OF_MEMORY. @throws what a driver throws; nothing was started then.
+    std::uint32_t Start();
+    /// @return HAL_CLOSED when there is no session.
+    std::uint32_t Stop();
+    /// Null when there is none, or one that is starting or closing.
+    std::shared_ptr<Session> CurrentSession();
+
+    /// These take effect with the next Start. @return HAL_BUSY unless closed.
+    std::uint32_t SetOptions(Options options);
+    std::uint32_t SetDriverFactory(DriverFactory factory);
+    std::uint32_t SetThreadStarter(ThreadStarter starter);
+
+private:
+    enum class State { Closed, Starting, Running, Closing };
+
+    Process() = default;
+
+    std::mutex m_mutex;  // Guards all below; taken alone.
+    State m_state = State::Closed;
+    std::shared_ptr<Session> m_session;  // Set exactly while Running.
+    Options m_options;
+    DriverFactory m_makeDrivers = &MakeDrivers;
+    ThreadStarter m_startThread = &StartThread;
+};
+
+}  // namespace Nimbrel2::Platform
+
+#endif

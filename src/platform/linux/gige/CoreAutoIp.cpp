@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// Chooses addresses for cameras that are on a wrong subnet and gives them to them. Any thread; m_mutex is let go while
+// the network is waited for.
+#include <algorithm>
+
+#include "platform/linux/gige/FreeAddress.h"
+#include "platform/linux/gige/GigECore.h"
+
+namespace Nimbrel2::Platform::GigE {
+
+namespace {
+
+// Per camera and round of asking. On a crowded wire more rounds follow.
+constexpr std::size_t kCandidates = 4;
+constexpr int kMaxRounds = 32;
+
+}  // namespace
+
+std::uint32_t GigECore::AutoForceIp(const std::uint32_t* serialNumber) {
+    std::vector<AddressPlan> plans;
+    const std::uint32_t status = PlanAddresses(serialNumber, &plans);
+    if (status != HAL_OK) return status;
+    std::vector<ForceJob> jobs;
+    std::vector<AddressPlan*> planOfJob;
+    {
+        std::lock_guard lock(m_mutex);
+        for (AddressPlan& plan : plans) {
+            const auto interface = m_interfaces.find(plan.interface);
+            if (plan.status != HAL_OK || plan.alreadyRight) continue;
+            if (interface == m_interfaces.end() || !interface->second.IsUsed()) {
+                plan.status = HAL_UNREACHABLE;
+                continue;
+            }
+            ForceJob job;
+            job.mac = MacOf(plan.record);
+            job.ip = plan.newIp;
+            job.mask = plan.newMask;
+            job.ports.push_back(interface->second.port);
+            jobs.push_back(std::move(job));
+            planOfJob.push_back(&plan);
+        }
+    }
+    if (!jobs.empty()) ForceAll(jobs);
+    for (std::size_t i = 0; i < jobs.size(); ++i) planOfJob[i]->status = jobs[i].status;
+    for (const AddressPlan& plan : plans) {
+        if (plan.status != HAL_OK) return plan.status;
+    }
+    return HAL_OK;
+}
+
+std::uint32_t GigECore::PlanAddresses(const std::uint32_t* serialNumber, std::vector<AddressPlan>* plans) {
+    Collected heard;
+    const std::uint32_t status = DiscoverAll(&heard);
+    if (status != HAL_OK) return status;
+    *plans = PlansFor(heard, serialNumber);
+    if (serialNumber != nullptr && plans->empty()) return HAL_GONE;
+
+    std::map<int, std::vector<AddressPlan*>> byInterface;
+    for (AddressPlan& plan : *plans) {
+        if (!plan.alreadyRight && plan.status == HAL_OK) byInterface[plan.interface].push_back(&plan);
+    }
+    for (auto& [interface, wrong] : byInterface) ChooseAddresses(wrong, FindTakenAddresses(heard, interface));
+    return HAL_OK;
+}
+
+// One plan a camera, in the order of their MACs. A camera that one interface can reach is right, whatever others hear.
+std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, const std::uint32_t* serialNumber) const {
+    std::vector<AddressPlan> plans;
+    std::lock_guard lock(m_mutex);
+    for (const auto& [where, camera] : heard) {
+        if (serialNumber != nullptr && SerialNumberOf(camera.record) != *serialNumber) continue;
+        const auto interface = m_interfaces.find(camera.interface);
+        if (interface == m_interfaces.end()) continue;
+        AddressPlan plan;
+        plan.record = camera.record;
+        plan.interface = camera.interface;
+        plan.interfaceName = interface->second.info.name;
+        plan.alreadyRight = camera.reachable;
+        if (!camera.reachable && interface->second.info.addresses.empty()) plan.status = HAL_UNREACHABLE;
+        if (!camera.reachable && where.first.mac == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
+        const bool again = !plans.empty() && KeyOf(plans.back().record) == where.first;
+        if (!again) {
+            plans.push_back(plan);
+        } else if (!plans.back().alreadyRight && (plan.alreadyRight || plans.back().status != HAL_OK)) {
+            plans.back() = plan;
+        }
+    }
+    return plans;
+}
+
+std::set<std::uint32_t> GigECore::FindTakenAddresses(const Collected& heard, int interface) {
+    std::set<std::uint32_t> taken;
+    for (const auto& entry : heard) taken.insert({entry.second.record.ipAddress, entry.second.record.defaultGateway});
+    m_routes.ReadGateways(interface, &taken);
+    std::lock_guard lock(m_mutex);
+    for (const auto& [key, camera] : m_table.GetCameras()) {
+        for (const auto& sighting : camera.sightings) taken.insert(sighting->ip);
+    }
+    for (const auto& entry : m_interfaces) {
+        for (const InterfaceAddress& address : entry.second.info.addresses) taken.insert(address.address);
+    }
+    return taken;
+}
+
+void GigECore::ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::uint32_t> taken) {
+    const int interface = plans.front()->interface;
+    InterfaceAddress subnet;
+    {
+        std::lock_guard lock(m_mutex);
+        const auto found = m_interfaces.find(interface);
+        if (found == m_interfaces.end() || found->second.info.addresses.empty()) {
+            for (AddressPlan* plan : plans) plan->status = HAL_UNREACHABLE;
+            return;
+        }
+        subnet = found->second.info.addresses.front();
+    }
+    for (int round = 0; round < kMaxRounds && !plans.empty(); ++round) {
+        std::map<AddressPlan*, std::vector<std::uint32_t>> candidates;
+        std::vector<std::uint32_t> all;
+        std::set<std::uint32_t> spokenFor = taken;
+        for (AddressPlan* plan : plans) {
+            candidates[plan] = FindFreeAddresses(subnet, spokenFor, MacOf(plan->record), kCandidates);
+            spokenFor.insert(candidates[plan].begin(), candidates[plan].end());
+            all.insert(all.end(), candidates[plan].begin(), candidates[plan].end());
+        }
+        std::map<std::uint32_t, std::uint64_t> neighbours;
+        const std::uint32_t status = AskWhoHas(interface, all, &neighbours);
+        for (AddressPlan* plan : plans) {
+            plan->status = status;
+            if (status != HAL_OK) continue;
+            for (const std::uint32_t ip : candidates[plan]) {
+                const auto neighbour = neighbours.find(ip);
+                taken.insert(ip);
+                // The camera may have had the address before: then the neighbour is the camera itself.
+                if (neighbour != neighbours.end() && neighbour->second != MacOf(plan->record)) continue;
+                plan->newIp = ip;
+                plan->newMask = subnet.GetMask();
+                break;
+            }
+            if (candidates[plan].empty()) plan->status = HAL_FAILED;  // the subnet is full
+        }
+        std::erase_if(plans, [](const AddressPlan* plan) { return plan->newIp != 0 || plan->status != HAL_OK; });
+    }
+    for (AddressPlan* plan : plans) plan->status = HAL_FAILED;
+}
+
+// Sends a datagram to each address, which makes the kernel ask who has it, and looks at who has answered. Needs no
+// privileges, other than an ARP probe.
+std::uint32_t GigECore::AskWhoHas(int interface, const std::vector<std::uint32_t>& ips,
+                                  std::map<std::uint32_t, std::uint64_t>* neighbours) {
+    std::unique_lock lock(m_mutex);
+    const auto found = m_interfaces.find(interface);
+    if (found == m_interfaces.end() || !found->second.IsUsed()) return HAL_UNREACHABLE;
+    if (found->second.info.loopback || ips.empty()) return HAL_OK;
+    const std::shared_ptr<UdpPort> port = found->second.port;
+    const NetworkInterface info = found->second.info;
+    lock.unlock();
+    for (const std::uint32_t ip : ips) port->Knock(ip, LocalAddressFor(info, ip));
+    lock.lock();
+    m_changed.wait_until(lock, Clock::now() + m_timings.neighbourWait, [&] { return !m_running; });
+    if (!m_running) return HAL_CLOSED;
+    lock.unlock();
+    return StatusOfErrno(m_routes.ReadNeighbours(interface, neighbours));
+}
+
+}  // namespace Nimbrel2::Platform::GigE

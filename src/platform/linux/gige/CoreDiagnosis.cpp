@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the driver knows, for people. Any thread; m_mutex while it is copied, not while the kernel and the cameras are
+// asked for the rest.
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+
+#include <array>
+
+#include "platform/linux/gige/GigECore.h"
+
+namespace Nimbrel2::Platform::GigE {
+
+namespace {
+
+void ReadSocketMemory(int fd, InterfaceDiagnosis* diagnosis) {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> values{};
+    socklen_t size = sizeof values;
+    if (::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, values.data(), &size) != 0) return;
+    diagnosis->receiveBuffer = values[SK_MEMINFO_RCVBUF];
+    diagnosis->receiveDrops = values[SK_MEMINFO_DROPS];
+}
+
+}  // namespace
+
+std::uint32_t GigECore::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
+    *diagnosis = GigEDiagnosis{};
+    std::vector<std::shared_ptr<UdpPort>> ports;
+    std::vector<ListedCamera> listed;
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_running) return HAL_CLOSED;
+        diagnosis->error = m_routesRefused;
+        for (const auto& [index, interface] : m_interfaces) {
+            InterfaceDiagnosis entry;
+            entry.interface = interface.info;
+            entry.used = interface.IsUsed();
+            entry.reason = interface.reason;
+            entry.error = interface.error;
+            entry.sendError = interface.sendError;
+            diagnosis->interfaces.push_back(entry);
+            ports.push_back(interface.port);
+        }
+        for (const auto& [key, camera] : m_table.GetCameras()) {
+            for (const auto& sighting : camera.sightings) {
+                CameraDiagnosis entry;
+                entry.record = sighting->record;
+                entry.interface = sighting->interface;
+                entry.reachable = sighting->state != CameraTable::State::Foreign;
+                entry.present = sighting->state == CameraTable::State::Present;
+                entry.listed = sighting.get() == camera.listed;
+                entry.addressTaken = sighting->addressTaken;
+                diagnosis->cameras.push_back(entry);
+                listed.push_back(ListedCamera{key, sighting->record, TimePoint()});
+            }
+        }
+    }
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+        InterfaceDiagnosis& entry = diagnosis->interfaces[i];
+        m_routes.ReadRpFilter(entry.interface.index, &entry.rpFilterOfAll, &entry.rpFilterOfIt);
+        if (!ports[i]) continue;
+        entry.localPort = ports[i]->GetLocalPort();
+        ReadSocketMemory(ports[i]->GetFd(), &entry);
+    }
+    for (std::size_t i = 0; askControl && i < listed.size(); ++i) {
+        if (diagnosis->cameras[i].listed) GetControl(listed[i], &diagnosis->cameras[i].control);
+    }
+    return HAL_OK;
+}
+
+}  // namespace Nimbrel2::Platform::GigE

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+// Listings. Any thread; m_mutex is let go while the network is waited for.
+#include <algorithm>
+#include <tuple>
+
+#include "platform/linux/gige/GigECore.h"
+
+namespace Nimbrel2::Platform::GigE {
+
+// Of two cameras that have answered at one address, which happens while one takes it over from the other, the last one
+// has it.
+std::vector<const CameraTable::Sighting*> GigECore::FindListed() const {
+    std::map<std::pair<int, std::uint32_t>, const CameraTable::Sighting*> holders;
+    for (const auto& [key, camera] : m_table.GetCameras()) {
+        if (camera.listed == nullptr) continue;
+        const CameraTable::Sighting*& holder = holders[{camera.listed->interface, camera.listed->ip}];
+        if (holder == nullptr || holder->lastAnswer < camera.listed->lastAnswer) holder = camera.listed;
+    }
+    std::vector<const CameraTable::Sighting*> listed;
+    for (const auto& entry : holders) listed.push_back(entry.second);
+    return listed;
+}
+
+std::map<CameraKey, std::uint32_t> GigECore::GetListedAddresses() const {
+    std::map<CameraKey, std::uint32_t> addresses;
+    for (const CameraTable::Sighting* sighting : FindListed()) addresses[sighting->camera->key] = sighting->ip;
+    return addresses;
+}
+
+std::uint32_t GigECore::ListCameras(std::vector<ListedCamera>* cameras) {
+    std::unique_lock lock(m_mutex);
+    if (!m_running) return HAL_CLOSED;
+    ++m_numListings;
+    if (!m_hasListed) WaitForWindow(lock);
+    Verify(lock);
+    --m_numListings;
+    if (!m_running) return HAL_CLOSED;
+
+    // From here to the end nothing changes: what is returned is known, what comes later is news.
+    const std::uint32_t status = HasUsedInterface() ? std::uint32_t{HAL_OK} : RefusalStatus();
+    CollectListed(cameras);
+    m_hasListed = true;
+    m_reported = GetListedAddresses();
+    return status == HAL_NO_BUS ? std::uint32_t{HAL_OK} : status;
+}
+
+// The window ends at a fixed time after the first request, whatever is heard meanwhile. A computer without a network
+// has nothing to wait for.
+void GigECore::WaitForWindow(std::unique_lock<std::mutex>& lock) {
+    while (m_running && HasUsedInterface() && Clock::now() < m_windowEnd) {
+        // The first request is the monitor's first act; until then there is no end to wait for.
+        const TimePoint limit = std::min(m_windowEnd, Clock::now() + m_timings.listingLimit);
+        m_changed.wait_until(lock, limit);
+    }
+}
+
+// Asks all known cameras at once whether they are still there. Those that a first listing has heard but not yet reached
+// get their chance to answer; later the monitor reports them when they do.
+void GigECore::Verify(std::unique_lock<std::mutex>& lock) {
+    const TimePoint start = Clock::now();
+    const TimePoint deadline = start + m_timings.listingLimit;
+    std::vector<Probe> probes;
+    m_table.ProbeAll(start, &probes);
+    if (!probes.empty()) {
+        lock.unlock();
+        SendProbes(probes);
+        m_poller.Wake();
+        lock.lock();
+    }
+    const bool isFirst = !m_hasListed;
+    while (m_running && (m_table.IsVerifying(start) || (isFirst && m_table.IsConfirming()))) {
+        if (m_changed.wait_until(lock, deadline) == std::cv_status::timeout) return;
+    }
+}
+
+void GigECore::CollectListed(std::vector<ListedCamera>* cameras) const {
+    const TimePoint now = Clock::now();
+    cameras->clear();
+    for (const CameraTable::Sighting* sighting : FindListed()) {
+        cameras->push_back(ListedCamera{sighting->camera->key, sighting->record, now});
+    }
+    std::sort(cameras->begin(), cameras->end(), [](const ListedCamera& a, const ListedCamera& b) {
+        return std::tie(a.key.mac, a.record.ipAddress, a.key.serial) <
+               std::tie(b.key.mac, b.record.ipAddress, b.key.serial);
+    });
+}
+
+std::uint32_t GigECore::GetRecord(const ListedCamera& listed, GvcpDiscoveryRecord* record) {
+    std::lock_guard lock(m_mutex);
+    if (!m_running) return HAL_CLOSED;
+    const CameraTable::Camera* camera = m_table.Find(listed.key);
+    // What the listing saw stays true of a camera that has left, and the bus master may still be busy with that
+    // listing.
+    *record = camera != nullptr && camera->listed != nullptr ? camera->listed->record : listed.record;
+    return HAL_OK;
+}
+
+}  // namespace Nimbrel2::Platform::GigE

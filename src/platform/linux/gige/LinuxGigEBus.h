@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// GigE Vision cameras on this computer's own network interfaces.
+// Any thread; see GigECore.h for the threads and locks below.
+#ifndef NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
+#define NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Drivers.h"
+#include "platform/linux/gige/GigEDiagnosis.h"
+
+namespace Nimbrel2::Platform {
+
+struct LinuxGigEOptions {
+    /// Network interfaces to use, by name. Empty: every one that is up, except loopback.
+    std::vector<std::string> networkInterfaces;
+
+    /// How long the first listing and each discovery listen, from their first request.
+    std::chrono::milliseconds discoveryWindow{1000};
+};
+
+/// What this driver can tell and plan beyond what every GigE bus can. MakeLinuxGigEBus makes one of these.
+class LinuxGigEBus : public GigEBus {
+public:
+    /// What is known of interfaces and cameras, from what the monitor has heard.
+    /// @param askControl  Reads the control privilege of each listed camera too, which takes network I/O.
+    virtual std::uint32_t Diagnose(bool askControl, GigE::GigEDiagnosis* diagnosis) = 0;
+
+    /// What ForceIpAuto (serialNumber null) or AutoForceIpToCamera would do, found out by a discovery.
+    virtual std::uint32_t PlanAddresses(const std::uint32_t* serialNumber, std::vector<GigE::AddressPlan>* plans) = 0;
+};
+
+/// The driver of the GigE bus. It looks for cameras from Start() on, in the network namespace of the thread that calls
+/// it.
+/// @param events  Must outlive the driver's Stop. Nothing is raised after that.
+std::unique_ptr<GigEBus> MakeLinuxGigEBus(const LinuxGigEOptions& options, BusEventSink& events);
+
+}  // namespace Nimbrel2::Platform
+
+#endif

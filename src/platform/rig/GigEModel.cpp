@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: Apache-2.0
+// Network interfaces and GigE cameras in memory. No thread, no lock: the rig that owns it guards it.
+#include "platform/rig/GigEModel.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <utility>
+
+namespace Nimbrel2::Platform {
+
+namespace {
+
+using Milliseconds = std::chrono::milliseconds;
+
+// What a register access waits for: 200 ms, three times.
+constexpr Milliseconds AnswerTimeOut{600};
+
+bool IsMask(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
+
+std::string MacText(std::uint64_t mac) {
+    char text[18];
+    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", static_cast<unsigned>(mac >> 40 & 0xFF),
+                  static_cast<unsigned>(mac >> 32 & 0xFF), static_cast<unsigned>(mac >> 24 & 0xFF),
+                  static_cast<unsigned>(mac >> 16 & 0xFF), static_cast<unsigned>(mac >> 8 & 0xFF),
+                  static_cast<unsigned>(mac & 0xFF));
+    return text;
+}
+
+}  // namespace
+
+std::vector<RigProblem> GigEModel::Validate(const std::vector<NetworkInterfaceDescription>& interfaces,
+                                            const std::string& pointer) {
+    std::vector<RigProblem> problems;
+    std::set<std::string> names;
+    std::set<std::uint64_t> macs;
+    for (std::size_t i = 0; i < interfaces.size(); ++i) {
+        const NetworkInterfaceDescription& network = interfaces[i];
+        const std::string where = pointer + "/" + std::to_string(i);
+        if (network.name.empty() || !names.insert(network.name).second) {
+            problems.push_back({where + "/name", "\"" + network.name + "\" is empty or taken"});
+        }
+        if (!IsMask(network.subnetMask)) {
+            problems.push_back({where + "/subnetMask", "a subnet mask is ones followed by zeros"});
+        }
+        for (std::size_t k = 0; k < network.cameras.size(); ++k) {
+            const GigECameraDescription& camera = network.cameras[k];
+            const std::string cameraWhere = where + "/cameras/" + std::to_string(k);
+            if (camera.name.empty() || !names.insert(camera.name).second) {
+                problems.push_back({cameraWhere + "/name", "\"" + camera.name + "\" is empty or taken"});
+            }
+            if (camera.options.mac == 0 || !macs.insert(camera.options.mac).second) {
+                problems.push_back({cameraWhere + "/mac", "\"" + camera.name +
+                                                              "\" needs a MAC that no other camera has, not " +
+                                                              MacText(camera.options.mac)});
+            }
+            if (!IsMask(camera.options.subnetMask)) {
+                problems.push_back({cameraWhere + "/subnetMask", "a subnet mask is ones followed by zeros"});
+            }
+        }
+    }
+    return problems;
+}
+
+GigEModel::GigEModel(std::vector<NetworkInterfaceDescription> interfaces) : m_interfaces(std::move(interfaces)) {
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        for (const GigECameraDescription& description : m_interfaces[i].cameras) {
+            Camera camera;
+            camera.name = description.name;
+            camera.interface = i;
+            camera.plugged = description.plugged;
+            camera.faults = description.options.faults;
+            camera.registers = std::make_unique<Simulated::BootstrapRegisters>(description.options);
+            if (description.options.owner.has_value()) {
+                camera.registers->HoldControl(*description.options.owner);
+            }
+            m_cameras.push_back(std::move(camera));
+        }
+    }
+}
+
+GigEModel::Camera* GigEModel::Find(const std::string& name) {
+    const auto found =
+        std::find_if(m_cameras.begin(), m_cameras.end(), [&name](const Camera& camera) { return camera.name == name; });
+    return found == m_cameras.end() ? nullptr : &*found;
+}
+
+bool GigEModel::Has(const std::string& name) const {
+    return std::any_of(m_cameras.begin(), m_cameras.end(),
+                       [&name](const Camera& camera) { return camera.name == name; });
+}
+
+bool GigEModel::HasInterface(const std::string& name) const {
+    return std::any_of(m_interfaces.begin(), m_interfaces.end(),
+                       [&name](const NetworkInterfaceDescription& network) { return network.name == name; });
+}
+
+bool GigEModel::Plug(const std::string& name) {
+    Camera* camera = Find(name);
+    return camera != nullptr && !std::exchange(camera->plugged, true);
+}
+
+bool GigEModel::Unplug(const std::string& name) {
+    Camera* camera = Find(name);
+    if (camera == nullptr || !camera->plugged) {
+        return false;
+    }
+    camera->plugged = false;
+    camera->registers->PowerCycle();  // most are powered over their cable
+    return true;
+}
+
+std::optional<std::string> GigEModel::Move(const std::string& name, const std::string& interfaceName) {
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        if (m_interfaces[i].name == interfaceName) {
+            Camera* camera = Find(name);
+            camera->interface = i;
+            camera->plugged = true;
+            return std::nullopt;
+        }
+    }
+    return "the rig has no network interface named \"" + interfaceName + "\"";
+}
+
+bool GigEModel::SetLink(const std::string& interfaceName, bool up) {
+    for (NetworkInterfaceDescription& network : m_interfaces) {
+        if (network.name == interfaceName) {
+            return std::exchange(network.up, up) != up;
+        }
+    }
+    return false;
+}
+
+void GigEModel::SetAddress(const std::string& name, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
+    Find(name)->registers->SetIpConfiguration(address, mask, gateway);
+}
+
+void GigEModel::Hold(const std::string& name, const Simulated::ControlOwner& owner) {
+    Find(name)->registers->HoldControl(owner);
+}
+
+void GigEModel::Release(const std::string& name) { Find(name)->registers->ReleaseControl(); }
+
+void GigEModel::SetFaults(const std::string& name, const Simulated::Faults& faults) { Find(name)->faults = faults; }
+
+std::optional<Milliseconds> GigEModel::AnswerTime(const Camera& camera) {
+    if (camera.faults.silent || camera.faults.lossPercent >= 100 || camera.faults.delayMinimum >= AnswerTimeOut) {
+        return std::nullopt;
+    }
+    return camera.faults.delayMinimum;
+}
+
+std::vector<const GigEModel::Camera*> GigEModel::Heard() const {
+    std::vector<const Camera*> heard;
+    for (const Camera& camera : m_cameras) {
+        if (camera.plugged && m_interfaces[camera.interface].up && AnswerTime(camera).has_value()) {
+            heard.push_back(&camera);
+        }
+    }
+    std::sort(heard.begin(), heard.end(), [](const Camera* a, const Camera* b) {
+        return std::make_pair(a->registers->GetMac(), a->registers->GetAddress()) <
+               std::make_pair(b->registers->GetMac(), b->registers->GetAddress());
+    });
+    return heard;
+}
+
+bool GigEModel::IsOnSubnet(const Camera& camera) const {
+    const NetworkInterfaceDescription& network = m_interfaces[camera.interface];
+    return ((camera.registers->GetAddress() ^ network.address) & network.subnetMask) == 0;
+}
+
+std::vector<const GigEModel::Camera*> GigEModel::Reached() const {
+    std::vector<const Camera*> reached;
+    std::set<std::pair<std::size_t, std::uint32_t>> addresses;
+    for (const Camera* camera : Heard()) {
+        if (IsOnSubnet(*camera) && addresses.insert({camera->interface, camera->registers->GetAddress()}).second) {
+            reached.push_back(camera);
+        }
+    }
+    return reached;
+}
+
+GigEModel::Camera* GigEModel::FindHeard(std::uint64_t mac) {
+    for (const Camera* camera : Heard()) {
+        if (camera->registers->GetMac() == mac) {
+            return &m_cameras[static_cast<std::size_t>(camera - m_cameras.data())];
+        }
+    }
+    return nullptr;
+}
+
+bool GigEModel::HasInterfaceUp() const {
+    return std::any_of(m_interfaces.begin(), m_interfaces.end(),
+                       [](const NetworkInterfaceDescription& network) { return network.up; });
+}
+
+std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
+    if (!HasInterfaceUp()) {
+        return HAL_NO_BUS;
+    }
+    Camera* camera = FindHeard(mac);
+    if (camera == nullptr) {
+        return HAL_NO_ACKNOWLEDGE;
+    }
+    camera->registers->ExpireControl(std::chrono::steady_clock::now());
+    if (camera->registers->IsControlHeld()) {
+        return HAL_NO_ACKNOWLEDGE;  // a camera in use discards the command
+    }
+    if (address == 0) {
+        camera->registers->RestartIpConfiguration();  // without an acknowledge
+        return HAL_NO_ACKNOWLEDGE;
+    }
+    camera->registers->SetIpConfiguration(address, mask, gateway);
+    return HAL_OK;
+}
+
+std::uint32_t GigEModel::AutoForceIp(Camera& camera) {
+    if (IsOnSubnet(camera)) {
+        return HAL_OK;
+    }
+    const NetworkInterfaceDescription& network = m_interfaces[camera.interface];
+    std::set<std::uint32_t> taken;
+    for (const NetworkInterfaceDescription& other : m_interfaces) {
+        taken.insert(other.address);
+    }
+    for (const Camera& other : m_cameras) {
+        taken.insert(other.registers->GetAddress());
+        taken.insert(other.registers->GetGateway());
+    }
+    const std::uint32_t subnet = network.address & network.subnetMask;
+    const std::uint32_t broadcast = subnet | ~network.subnetMask;
+    for (std::uint32_t address = subnet + 1; address < broadcast; ++address) {
+        if (taken.count(address) == 0) {
+            return ForceIp(camera.registers->GetMac(), address, network.subnetMask, 0);
+        }
+    }
+    return HAL_FAILED;  // the subnet is full
+}
+
+}  // namespace Nimbrel2::Platform

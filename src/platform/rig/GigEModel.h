@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// The computer's network interfaces in memory, with the GigE cameras on them.
+#ifndef NIMBREL2_PLATFORM_RIG_GIGEMODEL_H
+#define NIMBREL2_PLATFORM_RIG_GIGEMODEL_H
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hal/HAL.h"
+#include "platform/rig/RigDescription.h"
+#include "platform/simulated/gige/BootstrapRegisters.h"
+
+namespace Nimbrel2::Platform {
+
+/// All network interfaces of a rig. A camera is heard on the interface that it is on, and reached when its address is
+/// in that interface's subnet; of two cameras on one address the one with the lower MAC is reached.
+/// @par Threads  None of its own, no lock: the rig that owns it guards it.
+class GigEModel {
+public:
+    static std::vector<RigProblem> Validate(const std::vector<NetworkInterfaceDescription>& interfaces,
+                                            const std::string& pointer);
+
+    /// @pre Validate found nothing.
+    explicit GigEModel(std::vector<NetworkInterfaceDescription> interfaces);
+
+    struct Camera {
+        std::string name;
+        std::size_t interface = 0;
+        bool plugged = true;
+        Simulated::Faults faults;
+        std::unique_ptr<Simulated::BootstrapRegisters> registers;
+    };
+
+    bool Has(const std::string& name) const;
+    bool HasInterface(const std::string& name) const;
+
+    // ---- What happens to it. False: nothing changed.
+    // -----------------------------------------------------------------
+    bool Plug(const std::string& name);
+    bool Unplug(const std::string& name);
+    /// @pre Has(name). A problem: there is no such interface.
+    std::optional<std::string> Move(const std::string& name, const std::string& interfaceName);
+    bool SetLink(const std::string& interfaceName, bool up);
+    void SetAddress(const std::string& name, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
+    void Hold(const std::string& name, const Simulated::ControlOwner& owner);
+    void Release(const std::string& name);
+    void SetFaults(const std::string& name, const Simulated::Faults& faults);
+
+    // ---- What the computer sees
+    // ---------------------------------------------------------------------------------------
+    /// Cameras that answer a broadcast on an interface that is up, in the order of MAC and address.
+    std::vector<const Camera*> Heard() const;
+    /// Those of them that are reached.
+    std::vector<const Camera*> Reached() const;
+    /// Null when no camera that is heard has that MAC.
+    Camera* FindHeard(std::uint64_t mac);
+    const NetworkInterfaceDescription& InterfaceOf(const Camera& camera) const {
+        return m_interfaces[camera.interface];
+    }
+    bool IsOnSubnet(const Camera& camera) const;
+    bool HasInterfaceUp() const;
+
+    /// FORCEIP by broadcast on every interface: HAL_NO_ACKNOWLEDGE when no camera with that MAC hears it, or when it is
+    /// held.
+    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
+    /// Gives a camera that is heard and not reached a free address of its interface's subnet.
+    std::uint32_t AutoForceIp(Camera& camera);
+
+    /// How long the camera takes to answer one command, none: it does not.
+    static std::optional<std::chrono::milliseconds> AnswerTime(const Camera& camera);
+
+private:
+    Camera* Find(const std::string& name);
+
+    std::vector<NetworkInterfaceDescription> m_interfaces;
+    std::vector<Camera> m_cameras;
+};
+
+}  // namespace Nimbrel2::Platform
+
+#endif

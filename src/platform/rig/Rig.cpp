@@ -1,0 +1,508 @@
+// SPDX-License-Identifier: Apache-2.0
+// What happens to a rig, and the events that follow from it. Any thread; m_mutex throughout, let go of while a fault
+// waits.
+#include "platform/rig/Rig.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <thread>
+
+namespace Nimbrel2::Platform {
+
+const std::vector<std::string>& RigFaultFunctions() {
+    // Never destroyed: threads may outlive static objects.
+    static const auto& functions = *new std::vector<std::string>{
+        "HAL_1394FireBusReset",
+        "HAL_1394GetCameras",
+        "HAL_1394GetConfigInfo",
+        "HAL_1394GetDeviceInfo",
+        "HAL_1394GetDevices",
+        "HAL_1394GetNode",
+        "HAL_1394GetNodeSerialNumbers",
+        "HAL_1394GetSelfIds",
+        "HAL_1394GetVirtualCameras",
+        "HAL_1394ReadPhyRegister",
+        "HAL_1394ReadRegister",
+        "HAL_1394WritePhyRegister",
+        "HAL_1394WriteRegister",
+        "HAL_GigEGetCameras",
+        "HAL_GigEGetDiscoveryRecord",
+        "HAL_GigEGetLocalApplicationIpAddress",
+        "HAL_GigEGetLocalApplicationPort",
+        "HAL_GigEIsInMonitorMode",
+        "HAL_GigEReadRegister",
+        "HAL_GigEWriteRegister",
+        "HAL_GvcpAutoForceIpToCamera",
+        "HAL_GvcpDiscovery",
+        "HAL_GvcpForceIp",
+        "HAL_GvcpForceIpAuto",
+        "HAL_UsbFireBusReset",
+        "HAL_UsbGetCameras",
+        "HAL_UsbGetConfigInfo",
+        "HAL_UsbGetLinkInfo",
+        "HAL_UsbGetPortStatus",
+        "HAL_UsbGetSelfIds",
+        "HAL_UsbGetSerialText",
+        "HAL_UsbGetSpeed",
+    };
+    return functions;
+}
+
+std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
+    std::vector<RigProblem> problems;
+    std::set<std::string> names;
+    const auto checkName = [&](const std::string& name, const std::string& where) {
+        if (name.empty() || !names.insert(name).second) {
+            problems.push_back({where + "/name", "\"" + name + "\" is empty or taken by something else in the rig"});
+        }
+    };
+    const auto append = [&problems](std::vector<RigProblem> more) {
+        std::move(more.begin(), more.end(), std::back_inserter(problems));
+    };
+    for (std::size_t i = 0; i < description.fireWire.size(); ++i) {
+        const FireWireBusDescription& bus = description.fireWire[i];
+        const std::string where = "/firewire/" + std::to_string(i);
+        checkName(bus.name, where);
+        append(FireWireModel::Validate(bus, where));
+        for (std::size_t k = 0; k < bus.phys.size(); ++k) {
+            checkName(bus.phys[k].name, where + "/phys/" + std::to_string(k));
+        }
+    }
+    for (std::size_t i = 0; i < description.usb.size(); ++i) {
+        const UsbHostDescription& host = description.usb[i];
+        const std::string where = "/usb/" + std::to_string(i);
+        checkName(host.name, where);
+        append(UsbModel::Validate(host, where));
+        for (std::size_t k = 0; k < host.devices.size(); ++k) {
+            checkName(host.devices[k].name, where + "/devices/" + std::to_string(k));
+        }
+    }
+    append(GigEModel::Validate(description.gigE, "/gige"));
+    for (std::size_t i = 0; i < description.gigE.size(); ++i) {
+        const NetworkInterfaceDescription& network = description.gigE[i];
+        const std::string where = "/gige/" + std::to_string(i);
+        checkName(network.name, where);
+        for (std::size_t k = 0; k < network.cameras.size(); ++k) {
+            checkName(network.cameras[k].name, where + "/cameras/" + std::to_string(k));
+        }
+    }
+    return problems;
+}
+
+namespace {
+
+// A removal for each that is gone and an arrival for each that is new; both sorted.
+void RaiseDifference(BusEventSink& sink, const std::vector<std::string>& before,
+                     const std::vector<std::string>& after) {
+    const auto raise = [&sink](const std::vector<std::string>& from, const std::vector<std::string>& in,
+                               HALBusEvent event) {
+        std::vector<std::string> missing;
+        std::set_difference(from.begin(), from.end(), in.begin(), in.end(), std::back_inserter(missing));
+        for (std::size_t i = 0; i < missing.size(); ++i) {
+            sink.Raise(event, 0, 0);
+        }
+    };
+    raise(before, after, HAL_BUS_REMOVAL);
+    raise(after, before, HAL_BUS_ARRIVAL);
+}
+
+std::string NoDevice(const std::string& device) { return "the rig has no device named \"" + device + "\""; }
+
+}  // namespace
+
+Rig::Rig(RigDescription description)
+    : m_gigE(std::move(description.gigE)), m_virtualCameras(std::move(description.virtualCameras)) {
+    m_fireWire.reserve(description.fireWire.size());
+    for (FireWireBusDescription& bus : description.fireWire) {
+        m_fireWireNames.push_back(bus.name);
+        const auto card = static_cast<unsigned int>(m_fireWire.size());
+        m_fireWire.emplace_back(std::move(bus), card);
+    }
+    m_usb.reserve(description.usb.size());
+    for (UsbHostDescription& host : description.usb) {
+        m_usbNames.push_back(host.name);
+        const auto number = static_cast<unsigned int>(m_usb.size());
+        m_usb.emplace_back(std::move(host), number);
+    }
+}
+
+FireWireModel* Rig::FireWireOf(const std::string& device) {
+    const auto found =
+        std::find_if(m_fireWire.begin(), m_fireWire.end(), [&](const FireWireModel& bus) { return bus.Has(device); });
+    return found == m_fireWire.end() ? nullptr : &*found;
+}
+
+UsbModel* Rig::UsbOf(const std::string& device) {
+    const auto found = std::find_if(m_usb.begin(), m_usb.end(), [&](const UsbModel& host) { return host.Has(device); });
+    return found == m_usb.end() ? nullptr : &*found;
+}
+
+Rig::NodesByIdentity Rig::NodesOf(const FireWireModel& bus) {
+    NodesByIdentity nodes;
+    for (const FireWireModel::Node& node : bus.Nodes()) {
+        if (node.phy->kind == PhyKind::Camera || node.phy->kind == PhyKind::Device) {
+            nodes[node.phy->eui64] =
+                NodeWords{node.phy->kind == PhyKind::Camera, static_cast<std::uint32_t>(node.phy->eui64 >> 32),
+                          static_cast<std::uint32_t>(node.phy->eui64)};
+        }
+    }
+    return nodes;
+}
+
+std::vector<std::string> Rig::CamerasOf(const UsbModel& host) {
+    std::vector<std::string> names;
+    for (const UsbModel::Attached& attached : host.Devices()) {
+        if (attached.device->kind == UsbKind::Camera) {
+            names.push_back(attached.device->name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// A change of the cables is a bus reset, and an arrival or removal for each node that it brought or took.
+template <class Change>
+bool Rig::ChangeFireWire(FireWireModel& bus, Change change) {
+    const NodesByIdentity before = NodesOf(bus);
+    if (!change()) {
+        return false;
+    }
+    if (m_fireWireSink == nullptr) {
+        return true;
+    }
+    m_fireWireSink->RaiseReset();
+    const NodesByIdentity after = NodesOf(bus);
+    const auto raiseMissing = [this](const NodesByIdentity& from, const NodesByIdentity& in, HALBusEvent event) {
+        for (const auto& [eui64, node] : from) {
+            if (in.count(eui64) == 0) {
+                // Only a node that is no camera is named.
+                m_fireWireSink->Raise(event, node.camera ? 0 : node.high, node.camera ? 0 : node.low);
+            }
+        }
+    };
+    raiseMissing(before, after, HAL_BUS_REMOVAL);
+    raiseMissing(after, before, HAL_BUS_ARRIVAL);
+    return true;
+}
+
+template <class Change>
+bool Rig::ChangeUsb(UsbModel& host, Change change) {
+    const std::vector<std::string> before = CamerasOf(host);
+    if (!change()) {
+        return false;
+    }
+    if (m_usbSink == nullptr) {
+        return true;
+    }
+    m_usbSink->RaiseReset();
+    RaiseDifference(*m_usbSink, before, CamerasOf(host));
+    return true;
+}
+
+// A camera whose address changes is another one to everybody above: it leaves and comes.
+template <class Change>
+bool Rig::ChangeGigE(Change change) {
+    const auto identities = [this] {
+        std::vector<std::string> found;
+        for (const GigEModel::Camera* camera : m_gigE.Reached()) {
+            found.push_back(camera->name + "/" + std::to_string(camera->registers->GetAddress()));
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    };
+    const std::vector<std::string> before = identities();
+    if (!change()) {
+        return false;
+    }
+    const std::vector<std::string> after = identities();
+    if (m_gigESink != nullptr && before != after) {
+        m_gigESink->RaiseReset();
+        RaiseDifference(*m_gigESink, before, after);
+    }
+    return true;
+}
+
+std::optional<std::string> Rig::Plug(const std::string& device) {
+    const std::lock_guard lock(m_mutex);
+    if (FireWireModel* bus = FireWireOf(device)) {
+        return ChangeFireWire(*bus, [&] { return bus->Plug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is plugged in already");
+    }
+    if (UsbModel* host = UsbOf(device)) {
+        return ChangeUsb(*host, [&] { return host->Plug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is plugged in already");
+    }
+    if (m_gigE.Has(device)) {
+        return ChangeGigE([&] { return m_gigE.Plug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is plugged in already");
+    }
+    return NoDevice(device);
+}
+
+std::optional<std::string> Rig::Unplug(const std::string& device) {
+    const std::lock_guard lock(m_mutex);
+    if (FireWireModel* bus = FireWireOf(device)) {
+        return ChangeFireWire(*bus, [&] { return bus->Unplug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is not plugged in, or the computer's own card");
+    }
+    if (UsbModel* host = UsbOf(device)) {
+        return ChangeUsb(*host, [&] { return host->Unplug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is not plugged in");
+    }
+    if (m_gigE.Has(device)) {
+        return ChangeGigE([&] { return m_gigE.Unplug(device); })
+                   ? std::nullopt
+                   : std::optional<std::string>("\"" + device + "\" is not plugged in");
+    }
+    return NoDevice(device);
+}
+
+std::optional<std::string> Rig::Move(const std::string& device, unsigned int ownPort, const CableEnd& to) {
+    const std::lock_guard lock(m_mutex);
+    std::optional<std::string> problem;
+    if (FireWireModel* bus = FireWireOf(device)) {
+        ChangeFireWire(*bus, [&] {
+            problem = bus->Move(device, ownPort, to);
+            return !problem.has_value();
+        });
+    } else if (UsbModel* host = UsbOf(device)) {
+        ChangeUsb(*host, [&] {
+            problem = host->Move(device, to.phy, to.port);
+            return !problem.has_value();
+        });
+    } else if (m_gigE.Has(device)) {
+        ChangeGigE([&] {
+            problem = m_gigE.Move(device, to.phy);
+            return !problem.has_value();
+        });
+    } else {
+        problem = NoDevice(device);
+    }
+    return problem;
+}
+
+template <class Change>
+std::optional<std::string> Rig::ChangeGigECamera(const std::string& camera, Change change) {
+    const std::lock_guard lock(m_mutex);
+    if (!m_gigE.Has(camera)) {
+        return "the rig has no GigE camera named \"" + camera + "\"";
+    }
+    std::optional<std::string> problem;
+    ChangeGigE([&] {
+        problem = change();
+        return !problem.has_value();
+    });
+    return problem;
+}
+
+std::optional<std::string> Rig::SetLink(const std::string& interfaceName, bool up) {
+    const std::lock_guard lock(m_mutex);
+    if (!m_gigE.HasInterface(interfaceName)) {
+        return "the rig has no network interface named \"" + interfaceName + "\"";
+    }
+    ChangeGigE([&] { return m_gigE.SetLink(interfaceName, up); });
+    return std::nullopt;
+}
+
+std::optional<std::string> Rig::SetAddress(const std::string& camera, std::uint32_t address, std::uint32_t mask,
+                                           std::uint32_t gateway) {
+    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
+        m_gigE.SetAddress(camera, address, mask, gateway);
+        return std::nullopt;
+    });
+}
+
+std::optional<std::string> Rig::Hold(const std::string& camera, const Simulated::ControlOwner& owner) {
+    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
+        m_gigE.Hold(camera, owner);
+        return std::nullopt;
+    });
+}
+
+std::optional<std::string> Rig::Release(const std::string& camera) {
+    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
+        m_gigE.Release(camera);
+        return std::nullopt;
+    });
+}
+
+std::optional<std::string> Rig::SetFaults(const std::string& camera, const Simulated::Faults& faults) {
+    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
+        m_gigE.SetFaults(camera, faults);
+        return std::nullopt;
+    });
+}
+
+std::uint32_t Rig::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
+    const std::lock_guard lock(m_mutex);
+    std::uint32_t status = HAL_OK;
+    ChangeGigE([&] {
+        status = m_gigE.ForceIp(mac, address, mask, gateway);
+        return true;
+    });
+    return status;
+}
+
+std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) {
+    const std::lock_guard lock(m_mutex);
+    if (!m_gigE.HasInterfaceUp()) {
+        return HAL_NO_BUS;
+    }
+    std::uint32_t first = HAL_OK;
+    ChangeGigE([&] {
+        for (const GigEModel::Camera* heard : m_gigE.Heard()) {
+            if (!wanted(heard->registers->GetDiscoveryRecord())) {
+                continue;
+            }
+            const std::uint32_t status = m_gigE.AutoForceIp(*m_gigE.FindHeard(heard->registers->GetMac()));
+            first = first == HAL_OK ? status : first;
+        }
+        return true;
+    });
+    return first;
+}
+
+std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int count) {
+    const std::lock_guard lock(m_mutex);
+    for (std::size_t i = 0; i < m_fireWire.size(); ++i) {
+        if (m_fireWireNames[i] == bus) {
+            for (unsigned int k = 0; k < count; ++k) {
+                ChangeFireWire(m_fireWire[i], [&] {
+                    m_fireWire[i].Reset("");
+                    return true;
+                });
+            }
+            return std::nullopt;
+        }
+    }
+    for (std::size_t i = 0; i < m_usb.size(); ++i) {
+        if (m_usbNames[i] == bus) {
+            for (unsigned int k = 0; k < count; ++k) {
+                ChangeUsb(m_usb[i], [&] {
+                    m_usb[i].Reset();
+                    return true;
+                });
+            }
+            return std::nullopt;
+        }
+    }
+    return "the rig has no FireWire bus or USB host named \"" + bus + "\"";
+}
+
+std::optional<std::string> Rig::FailBus(const std::string& bus) {
+    const std::lock_guard lock(m_mutex);
+    BusEventSink* sink = nullptr;
+    if (std::count(m_fireWireNames.begin(), m_fireWireNames.end(), bus) != 0) {
+        sink = m_fireWireSink;
+    } else if (std::count(m_usbNames.begin(), m_usbNames.end(), bus) != 0) {
+        sink = m_usbSink;
+    } else {
+        return "the rig has no FireWire bus or USB host named \"" + bus + "\"";
+    }
+    if (sink != nullptr) {
+        sink->Raise(HAL_BUS_ERROR, 0, 0);
+    }
+    return std::nullopt;
+}
+
+void Rig::AddFault(RigFault fault) {
+    const std::lock_guard lock(m_mutex);
+    m_faults.push_back(std::move(fault));
+}
+
+void Rig::SetFast(bool fast) {
+    const std::lock_guard lock(m_mutex);
+    m_fast = fast;
+}
+
+void Rig::ConnectFireWire(BusEventSink* sink) {
+    const std::lock_guard lock(m_mutex);
+    m_fireWireSink = sink;
+}
+
+void Rig::ConnectUsb(BusEventSink* sink) {
+    const std::lock_guard lock(m_mutex);
+    m_usbSink = sink;
+}
+
+void Rig::ConnectGigE(BusEventSink* sink) {
+    const std::lock_guard lock(m_mutex);
+    m_gigESink = sink;
+}
+
+void Rig::Wait(std::chrono::milliseconds time) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_fast) {
+            return;
+        }
+    }
+    std::this_thread::sleep_for(time);
+}
+
+std::uint32_t Rig::Enter(const char* function) {
+    std::uint32_t status = HAL_OK;
+    std::chrono::milliseconds delay{0};
+    {
+        const std::lock_guard lock(m_mutex);
+        for (auto fault = m_faults.begin(); fault != m_faults.end();) {
+            if (fault->function != function || --fault->call != 0) {
+                ++fault;
+                continue;
+            }
+            status = fault->status;
+            delay += fault->delay;
+            fault = m_faults.erase(fault);
+        }
+    }
+    Wait(delay);
+    return status;
+}
+
+std::uint32_t Rig::ResetBusOf(std::uint64_t eui64) {
+    const std::lock_guard lock(m_mutex);
+    for (FireWireModel& bus : m_fireWire) {
+        if (bus.FindNode(eui64) != nullptr) {
+            ChangeFireWire(bus, [&bus, eui64] {
+                bus.Reset(bus.FindNode(eui64)->phy->name);
+                return true;
+            });
+            return HAL_OK;
+        }
+    }
+    return HAL_GONE;
+}
+
+std::uint32_t Rig::ResetHostOf(const std::string& device) {
+    const std::lock_guard lock(m_mutex);
+    UsbModel* host = UsbOf(device);
+    if (host == nullptr || host->Find(device) == nullptr) {
+        return HAL_GONE;
+    }
+    ChangeUsb(*host, [host] {
+        host->Reset();
+        return true;
+    });
+    return HAL_OK;
+}
+
+std::vector<std::uint32_t> Rig::VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const {
+    const std::lock_guard lock(m_mutex);
+    std::vector<std::uint32_t> serialNumbers;
+    for (std::uint32_t serial : m_virtualCameras) {
+        while (std::count(taken.begin(), taken.end(), serial) != 0 ||
+               std::count(serialNumbers.begin(), serialNumbers.end(), serial) != 0) {
+            ++serial;
+        }
+        serialNumbers.push_back(serial);
+    }
+    return serialNumbers;
+}
+
+}  // namespace Nimbrel2::Platform

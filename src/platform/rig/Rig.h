@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: Apache-2.0
+// A whole computer in memory: its buses, what happens to them, and what its drivers see.
+#ifndef NIMBREL2_PLATFORM_RIG_RIG_H
+#define NIMBREL2_PLATFORM_RIG_RIG_H
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Drivers.h"
+#include "platform/rig/FireWireModel.h"
+#include "platform/rig/GigEModel.h"
+#include "platform/rig/RigDescription.h"
+#include "platform/rig/UsbModel.h"
+
+namespace Nimbrel2::Platform {
+
+/// The FireWire buses, USB hosts and network interfaces of a computer.
+struct RigDescription {
+    std::vector<FireWireBusDescription> fireWire;
+    std::vector<UsbHostDescription> usb;
+    std::vector<NetworkInterfaceDescription> gigE;
+    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has gives way to the next free one.
+    std::vector<std::uint32_t> virtualCameras;
+};
+
+/// What one call of a HAL function is made to do.
+struct RigFault {
+    std::string function;                ///< "HAL_1394GetCameras" and so on.
+    unsigned int call = 1;               ///< Which call from now on, the first being 1.
+    std::uint32_t status = HAL_OK;       ///< What it answers; HAL_OK: what it would have answered.
+    std::chrono::milliseconds delay{0};  ///< How long it takes on top.
+};
+
+/// The functions that a fault may name.
+const std::vector<std::string>& RigFaultFunctions();
+
+/// The computer that a rig description makes. Lives as long as anybody plays with it, across any number of
+/// HAL_InitLibrary and HAL_CleanupLibrary; its drivers hold it.
+/// @par Threads  Any. One mutex guards the models; events are raised with it held, which sinks allow.
+class Rig {
+public:
+    /// Why the description is no computer; empty: it is one. Also what only shows across buses: a name taken twice, a
+    /// card without a bus.
+    static std::vector<RigProblem> Validate(const RigDescription& description);
+
+    /// @pre Validate found nothing.
+    explicit Rig(RigDescription description);
+
+    // ---- What happens to the computer. An empty result: done; else why it cannot be.
+    // ---------------------------------
+    std::optional<std::string> Plug(const std::string& device);
+    std::optional<std::string> Unplug(const std::string& device);
+    /// A FireWire device onto a port of another PHY, a USB device onto a port of a hub or host, a GigE camera onto a
+    /// network interface (to.phy names it, ports mean nothing). Unplugged devices are plugged in by it.
+    std::optional<std::string> Move(const std::string& device, unsigned int ownPort, const CableEnd& to);
+    std::optional<std::string> SetLink(const std::string& interfaceName, bool up);
+    std::optional<std::string> SetAddress(const std::string& camera, std::uint32_t address, std::uint32_t mask,
+                                          std::uint32_t gateway);
+    /// The camera's control channel is taken by another host, or given back by it.
+    std::optional<std::string> Hold(const std::string& camera, const Simulated::ControlOwner& owner);
+    std::optional<std::string> Release(const std::string& camera);
+    /// From now on the camera's answers are late, lost or doubled.
+    std::optional<std::string> SetFaults(const std::string& camera, const Simulated::Faults& faults);
+    /// A bus reset on the FireWire bus or USB host of that name, count times in a row.
+    std::optional<std::string> ResetBus(const std::string& bus, unsigned int count = 1);
+    /// A bus error on the FireWire bus or USB host of that name.
+    std::optional<std::string> FailBus(const std::string& bus);
+    void AddFault(RigFault fault);
+
+    /// Virtual time: delays of faults are not waited for. Off at first.
+    void SetFast(bool fast);
+
+    // ---- For the drivers
+    // ---------------------------------------------------------------------------------------------
+    /// Where events go from now on; null: nowhere.
+    void ConnectFireWire(BusEventSink* sink);
+    void ConnectUsb(BusEventSink* sink);
+    void ConnectGigE(BusEventSink* sink);
+
+    /// At the head of each HAL function: waits as a fault says and answers its status, HAL_OK without one.
+    std::uint32_t Enter(const char* function);
+
+    /// As long as something takes on the wire; not in virtual time.
+    void Wait(std::chrono::milliseconds time);
+
+    /// Runs a function on the models with the rig locked: f(std::vector<FireWireModel>&).
+    template <class Function>
+    auto WithFireWire(Function function) {
+        const std::lock_guard lock(m_mutex);
+        return function(m_fireWire);
+    }
+    template <class Function>
+    auto WithUsb(Function function) {
+        const std::lock_guard lock(m_mutex);
+        return function(m_usb);
+    }
+
+    template <class Function>
+    auto WithGigE(Function function) {
+        const std::lock_guard lock(m_mutex);
+        return function(m_gigE);
+    }
+
+    /// Resets the FireWire bus that the node is on. HAL_GONE when it is on none.
+    std::uint32_t ResetBusOf(std::uint64_t eui64);
+    /// Resets the USB host that the device hangs below.
+    std::uint32_t ResetHostOf(const std::string& device);
+
+    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
+    /// Every camera on a wrong subnet that is wanted gets an address of its own; the first failure is answered.
+    std::uint32_t AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted);
+
+    /// Serial numbers of virtual cameras, none of them in taken.
+    std::vector<std::uint32_t> VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const;
+
+private:
+    struct NodeWords {
+        bool camera = false;
+        std::uint32_t high = 0;
+        std::uint32_t low = 0;
+    };
+    using NodesByIdentity = std::map<std::uint64_t, NodeWords>;
+
+    FireWireModel* FireWireOf(const std::string& device);
+    UsbModel* UsbOf(const std::string& device);
+    static NodesByIdentity NodesOf(const FireWireModel& bus);
+    static std::vector<std::string> CamerasOf(const UsbModel& host);
+    template <class Change>
+    bool ChangeFireWire(FireWireModel& bus, Change change);
+    template <class Change>
+    bool ChangeUsb(UsbModel& host, Change change);
+    template <class Change>
+    bool ChangeGigE(Change change);
+    template <class Change>
+    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change);
+
+    mutable std::mutex m_mutex;  // Guards all below. Outermost: sinks take theirs under it.
+    std::vector<FireWireModel> m_fireWire;
+    std::vector<std::string> m_fireWireNames;
+    std::vector<UsbModel> m_usb;
+    std::vector<std::string> m_usbNames;
+    GigEModel m_gigE;
+    std::vector<std::uint32_t> m_virtualCameras;
+    BusEventSink* m_fireWireSink = nullptr;
+    BusEventSink* m_usbSink = nullptr;
+    BusEventSink* m_gigESink = nullptr;
+    std::vector<RigFault> m_faults;
+    bool m_fast = false;
+};
+
+}  // namespace Nimbrel2::Platform
+
+#endif

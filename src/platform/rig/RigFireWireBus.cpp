@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: Apache-2.0
+// The FireWire driver over a rig. Any thread; the rig's lock for the length of one look at the model.
+#include "platform/rig/RigFireWireBus.h"
+
+#include <algorithm>
+
+#include "platform/rig/RigDriverState.h"
+
+namespace Nimbrel2::Platform {
+
+namespace {
+
+class Device final : public FireWireDevice {
+public:
+    Device(std::shared_ptr<const RigDriverState> state, const PhyDescription& phy, unsigned int card)
+        : m_state(std::move(state)), m_phy(phy), m_card(card) {}
+
+    std::uint32_t GetConfigInfo(ConfigInfo* info) override {
+        return OnBus("HAL_1394GetConfigInfo", [&](FireWireModel& bus) -> std::uint32_t {
+            info->numbers = {static_cast<std::uint32_t>(m_phy.eui64 >> 32), 0xFFC0U | bus.FindNode(m_phy.eui64)->phyId,
+                             static_cast<std::uint32_t>(m_phy.eui64), bus.Card(), m_phy.unitVersion};
+            info->vendor = m_phy.vendor;
+            info->model = m_phy.model;
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {
+        return OnBus("HAL_1394GetDeviceInfo", [&](FireWireModel&) -> std::uint32_t {
+            *high = static_cast<std::uint32_t>(m_phy.eui64 >> 32);
+            *low = static_cast<std::uint32_t>(m_phy.eui64);
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) override {
+        return OnBus("HAL_1394GetNode", [&](FireWireModel& bus) -> std::uint32_t {
+            *node = static_cast<std::uint16_t>(bus.FindNode(m_phy.eui64)->phyId);
+            *busNumber = static_cast<std::uint16_t>(bus.Card());
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t ReadQuadlet(std::uint64_t offset, std::uint32_t* value) override {
+        return OnBus("HAL_1394ReadRegister",
+                     [&](FireWireModel& bus) { return bus.ReadQuadlet(m_phy.eui64, offset, value); });
+    }
+
+    std::uint32_t WriteQuadlet(std::uint64_t offset, std::uint32_t value) override {
+        return OnBus("HAL_1394WriteRegister",
+                     [&](FireWireModel& bus) { return bus.WriteQuadlet(m_phy.eui64, offset, value); });
+    }
+
+    std::uint32_t ReadPhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
+                          std::uint32_t* value) override {
+        return OnBus("HAL_1394ReadPhyRegister",
+                     [&](FireWireModel& bus) { return bus.ReadPhy(m_phy.eui64, page, port, address, value); });
+    }
+
+    std::uint32_t WritePhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
+                           std::uint32_t value) override {
+        bool resetAsked = false;
+        const std::uint32_t status = OnBus("HAL_1394WritePhyRegister", [&](FireWireModel& bus) {
+            return bus.WritePhy(m_phy.eui64, page, port, address, value, &resetAsked);
+        });
+        return resetAsked ? m_state->rig->ResetBusOf(m_phy.eui64) : status;
+    }
+
+    std::uint32_t FireBusReset() override {
+        const std::uint32_t status = m_state->Enter("HAL_1394FireBusReset");
+        return status != HAL_OK ? status : m_state->rig->ResetBusOf(m_phy.eui64);
+    }
+
+    std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>* packets, std::uint64_t* busKey,
+                             std::uint32_t* generation) override {
+        return OnBus("HAL_1394GetSelfIds", [&](FireWireModel& bus) -> std::uint32_t {
+            *packets = bus.SelfIds();
+            *busKey = bus.Card() + 1;
+            *generation = bus.Generation();
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t GetNodeSerialNumbers(std::vector<std::uint32_t>* serialNumbers) override {
+        return OnBus("HAL_1394GetNodeSerialNumbers", [&](FireWireModel& bus) -> std::uint32_t {
+            serialNumbers->clear();
+            for (const FireWireModel::Node& node : bus.Nodes()) {
+                serialNumbers->resize(std::max<std::size_t>(serialNumbers->size(), node.phyId + 1));
+                (*serialNumbers)[node.phyId] = static_cast<std::uint32_t>(node.phy->eui64);
+            }
+            return HAL_OK;
+        });
+    }
+
+private:
+    // Runs an operation on the node's bus, if the node is on it now.
+    template <class Operation>
+    std::uint32_t OnBus(const char* function, Operation operation) const {
+        const std::uint32_t status = m_state->Enter(function);
+        if (status != HAL_OK) {
+            return status;
+        }
+        return m_state->rig->WithFireWire([&](std::vector<FireWireModel>& buses) -> std::uint32_t {
+            for (FireWireModel& bus : buses) {
+                if (bus.Card() == m_card && bus.FindNode(m_phy.eui64) != nullptr) {
+                    return operation(bus);
+                }
+            }
+            return HAL_GONE;
+        });
+    }
+
+    const std::shared_ptr<const RigDriverState> m_state;
+    const PhyDescription m_phy;
+    const unsigned int m_card;
+};
+
+// A camera without hardware: identification and a few registers, on no bus.
+class VirtualCamera final : public FireWireDevice {
+public:
+    VirtualCamera(std::shared_ptr<const RigDriverState> state, std::uint32_t serialNumber)
+        : m_state(std::move(state)), m_serialNumber(serialNumber) {}
+
+    std::uint32_t GetConfigInfo(ConfigInfo* info) override {
+        const std::uint32_t status = m_state->Enter("HAL_1394GetConfigInfo");
+        info->numbers = {0, 0, m_serialNumber, 0, 0};
+        info->vendor = "Nimbrel2";
+        info->model = "Virtual camera";
+        return status;
+    }
+    std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {
+        *high = 0;
+        *low = m_serialNumber;
+        return m_state->Enter("HAL_1394GetDeviceInfo");
+    }
+    std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) override {
+        *node = 0;
+        *busNumber = 0;
+        return m_state->Enter("HAL_1394GetNode");
+    }
+    std::uint32_t ReadQuadlet(std::uint64_t, std::uint32_t*) override { return HAL_NO_SUCH_REGISTER; }
+    std::uint32_t WriteQuadlet(std::uint64_t, std::uint32_t) override { return HAL_NO_SUCH_REGISTER; }
+    std::uint32_t ReadPhy(std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t*) override {
+        return HAL_NOT_SUPPORTED;
+    }
+    std::uint32_t WritePhy(std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t) override {
+        return HAL_PHY_WRITE_NOT_IMPLEMENTED;
+    }
+    std::uint32_t FireBusReset() override { return HAL_NOT_SUPPORTED; }
+    std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>*, std::uint64_t*, std::uint32_t*) override {
+        return HAL_NOT_SUPPORTED;
+    }
+    std::uint32_t GetNodeSerialNumbers(std::vector<std::uint32_t>*) override { return HAL_NOT_SUPPORTED; }
+
+private:
+    const std::shared_ptr<const RigDriverState> m_state;
+    const std::uint32_t m_serialNumber;
+};
+
+class RigFireWireBus final : public FireWireBus {
+public:
+    RigFireWireBus(std::shared_ptr<Rig> rig, BusEventSink& sink)
+        : m_state(std::make_shared<RigDriverState>(std::move(rig))), m_sink(sink) {}
+
+    std::uint32_t Start() override {
+        m_state->rig->ConnectFireWire(&m_sink);
+        return HAL_OK;
+    }
+
+    void Stop() override {
+        m_state->stopped = true;
+        m_state->rig->ConnectFireWire(nullptr);
+    }
+
+    std::uint32_t ListCameras(std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
+        return List("HAL_1394GetCameras", PhyKind::Camera, cameras);
+    }
+
+    std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>& taken,
+                                     std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
+        const std::uint32_t status = m_state->Enter("HAL_1394GetVirtualCameras");
+        if (status == HAL_OK) {
+            for (const std::uint32_t serialNumber : m_state->rig->VirtualSerialNumbers(taken)) {
+                cameras->push_back(std::make_shared<VirtualCamera>(m_state, serialNumber));
+            }
+        }
+        return status;
+    }
+
+    std::uint32_t ListDevices(std::vector<std::shared_ptr<FireWireDevice>>* devices) override {
+        return List("HAL_1394GetDevices", PhyKind::Device, devices);
+    }
+
+private:
+    // In the order of cards, then EUI-64.
+    std::uint32_t List(const char* function, PhyKind kind, std::vector<std::shared_ptr<FireWireDevice>>* devices) {
+        const std::uint32_t status = m_state->Enter(function);
+        if (status != HAL_OK) {
+            return status;
+        }
+        m_state->rig->WithFireWire([&](std::vector<FireWireModel>& buses) {
+            for (const FireWireModel& bus : buses) {
+                std::vector<const PhyDescription*> found;
+                for (const FireWireModel::Node& node : bus.Nodes()) {
+                    if (node.phy->kind == kind) {
+                        found.push_back(node.phy);
+                    }
+                }
+                std::sort(found.begin(), found.end(),
+                          [](const PhyDescription* a, const PhyDescription* b) { return a->eui64 < b->eui64; });
+                for (const PhyDescription* phy : found) {
+                    devices->push_back(std::make_shared<Device>(m_state, *phy, bus.Card()));
+                }
+            }
+        });
+        return HAL_OK;
+    }
+
+    const std::shared_ptr<RigDriverState> m_state;
+    BusEventSink& m_sink;
+};
+
+}  // namespace
+
+std::unique_ptr<FireWireBus> MakeRigFireWireBus(std::shared_ptr<Rig> rig, BusEventSink& sink) {
+    return std::make_unique<RigFireWireBus>(std::move(rig), sink);
+}
+
+}  // namespace Nimbrel2::Platform

@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+// The GigE driver over a rig. Any thread; the rig's lock for the length of one look at the model.
+#include "platform/rig/RigGigEBus.h"
+
+#include "platform/gvcp/GvcpCodec.h"
+#include "platform/hal/Texts.h"
+#include "platform/rig/RigDriverState.h"
+
+namespace Nimbrel2::Platform {
+
+namespace {
+
+using Gvcp::Register::kCurrentIpAddress;
+
+constexpr std::uint16_t ApplicationPort = 49152;  // from which this computer talks to every camera of a rig
+
+// A camera is known by its MAC.
+class Device final : public GigEDevice {
+public:
+    Device(std::shared_ptr<const RigDriverState> state, const GvcpDiscoveryRecord& record)
+        : m_state(std::move(state)), m_mac(static_cast<std::uint64_t>(record.macHigh) << 32 | record.macLow) {}
+
+    std::uint32_t GetRecord(GvcpDiscoveryRecord* record) override {
+        return OnCamera("HAL_GigEGetDiscoveryRecord", [&](GigEModel&, GigEModel::Camera& camera) -> std::uint32_t {
+            *record = camera.registers->GetDiscoveryRecord();
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) override {
+        const std::uint32_t status = Ask("HAL_GigEReadRegister", [&](const Simulated::Endpoint& self, auto& camera) {
+            return camera.registers->Read(self, address, value);
+        });
+        if (status != HAL_OK && status != HAL_CLOSED && address == kCurrentIpAddress) {
+            GvcpDiscoveryRecord record{};
+            if (GetRecord(&record) == HAL_OK) {  // a camera that is there has the address that it is listed with
+                *value = record.ipAddress;
+                return HAL_OK;
+            }
+        }
+        return status;
+    }
+
+    std::uint32_t WriteRegister(std::uint32_t address, std::uint32_t value) override {
+        return Ask("HAL_GigEWriteRegister", [&](const Simulated::Endpoint& self, auto& camera) {
+            return camera.registers->Write(self, address, value, std::chrono::steady_clock::now());
+        });
+    }
+
+    std::uint32_t IsInMonitorMode(bool* monitor) override {
+        return OnCamera("HAL_GigEIsInMonitorMode", [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+            camera.registers->ExpireControl(std::chrono::steady_clock::now());
+            *monitor = camera.registers->IsControlHeld() &&
+                       camera.registers->GetPrimaryApplication() != SelfTowards(model, camera);
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t GetLocalPort(std::uint32_t* port) override {
+        *port = ApplicationPort;
+        return m_state->Enter("HAL_GigEGetLocalApplicationPort");
+    }
+
+    std::uint32_t GetLocalAddress(std::uint32_t* ipAddress) override {
+        return OnCamera("HAL_GigEGetLocalApplicationIpAddress",
+                        [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+                            *ipAddress = model.InterfaceOf(camera).address;
+                            return HAL_OK;
+                        });
+    }
+
+private:
+    static Simulated::Endpoint SelfTowards(const GigEModel& model, const GigEModel::Camera& camera) {
+        return {model.InterfaceOf(camera).address, ApplicationPort};
+    }
+
+    template <class Operation>
+    std::uint32_t OnCamera(const char* function, Operation operation) const {
+        const std::uint32_t status = m_state->Enter(function);
+        if (status != HAL_OK) {
+            return status;
+        }
+        return m_state->rig->WithGigE([&](GigEModel& model) -> std::uint32_t {
+            GigEModel::Camera* camera = model.FindHeard(m_mac);
+            return camera == nullptr ? static_cast<std::uint32_t>(HAL_GONE) : operation(model, *camera);
+        });
+    }
+
+    // One command over the wire: it takes the time that the camera takes, and only a camera on the subnet hears it.
+    template <class Command>
+    std::uint32_t Ask(const char* function, Command command) const {
+        std::chrono::milliseconds answerTime{0};
+        const std::uint32_t status =
+            OnCamera(function, [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+                if (!model.IsOnSubnet(camera)) {
+                    return HAL_UNREACHABLE;
+                }
+                answerTime = *GigEModel::AnswerTime(camera);
+                camera.registers->ExpireControl(std::chrono::steady_clock::now());
+                const Simulated::Endpoint self = SelfTowards(model, camera);
+                const std::uint32_t result = Gvcp::ToHalStatus(command(self, camera));
+                camera.registers->Touch(self, std::chrono::steady_clock::now());
+                return result;
+            });
+        m_state->rig->Wait(answerTime);
+        return status;
+    }
+
+    const std::shared_ptr<const RigDriverState> m_state;
+    const std::uint64_t m_mac;
+};
+
+class RigGigEBus final : public GigEBus {
+public:
+    RigGigEBus(std::shared_ptr<Rig> rig, BusEventSink& sink)
+        : m_state(std::make_shared<RigDriverState>(std::move(rig))), m_sink(sink) {}
+
+    std::uint32_t Start() override {
+        m_state->rig->ConnectGigE(&m_sink);
+        return HAL_OK;
+    }
+
+    void Stop() override {
+        m_state->stopped = true;
+        m_state->rig->ConnectGigE(nullptr);
+    }
+
+    std::uint32_t ListCameras(std::vector<std::shared_ptr<GigEDevice>>* cameras) override {
+        const std::uint32_t status = m_state->Enter("HAL_GigEGetCameras");
+        if (status == HAL_OK) {
+            m_state->rig->WithGigE([&](GigEModel& model) {
+                for (const GigEModel::Camera* camera : model.Reached()) {
+                    cameras->push_back(std::make_shared<Device>(m_state, camera->registers->GetDiscoveryRecord()));
+                }
+            });
+        }
+        return status;
+    }
+
+    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
+        const std::uint32_t status = m_state->Enter("HAL_GvcpDiscovery");
+        if (status != HAL_OK) {
+            return status;
+        }
+        return m_state->rig->WithGigE([&](GigEModel& model) -> std::uint32_t {
+            if (!model.HasInterfaceUp()) {
+                return HAL_NO_BUS;
+            }
+            for (const GigEModel::Camera* camera : model.Heard()) {
+                records->push_back(camera->registers->GetDiscoveryRecord());
+            }
+            return HAL_OK;
+        });
+    }
+
+    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ipAddress, std::uint32_t subnetMask,
+                          std::uint32_t gateway) override {
+        const std::uint32_t status = m_state->Enter("HAL_GvcpForceIp");
+        return status != HAL_OK ? status : m_state->rig->ForceIp(mac, ipAddress, subnetMask, gateway);
+    }
+
+    std::uint32_t ForceIpAuto() override {
+        const std::uint32_t status = m_state->Enter("HAL_GvcpForceIpAuto");
+        return status != HAL_OK ? status : m_state->rig->AutoForceIp([](const GvcpDiscoveryRecord&) { return true; });
+    }
+
+    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
+        const std::uint32_t status = m_state->Enter("HAL_GvcpAutoForceIpToCamera");
+        if (status != HAL_OK) {
+            return status;
+        }
+        bool found = false;
+        const std::uint32_t result = m_state->rig->AutoForceIp([&](const GvcpDiscoveryRecord& record) {
+            const bool wanted = LeadingNumber(FieldText(record.serialNumber)) == serialNumber;
+            found = found || wanted;
+            return wanted;
+        });
+        return found ? result : static_cast<std::uint32_t>(HAL_GONE);
+    }
+
+private:
+    const std::shared_ptr<RigDriverState> m_state;
+    BusEventSink& m_sink;
+};
+
+}  // namespace
+
+std::unique_ptr<GigEBus> MakeRigGigEBus(std::shared_ptr<Rig> rig, BusEventSink& sink) {
+    return std::make_unique<RigGigEBus>(std::move(rig), sink);
+}
+
+}  // namespace Nimbrel2::Platform

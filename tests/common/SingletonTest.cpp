@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one object of a process. Each test has a class of its own, for each can be destroyed but once; what happens at
+// exit is looked at from outside, in a child process.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <set>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "common/Singleton.h"
+
+namespace Nimbrel2 {
+namespace {
+
+template <int Number>
+class Object : public Singleton<Object<Number>> {
+public:
+    Object() { ++made; }
+    ~Object() override { ++destroyed; }
+
+    static inline std::atomic<int> made{0};
+    static inline std::atomic<int> destroyed{0};
+};
+
+TEST(Singleton, HasOneVirtualOperationTheDestructor) {
+    EXPECT_TRUE(std::has_virtual_destructor_v<Singleton<Object<0>>>);
+    EXPECT_EQ(sizeof(void*), sizeof(Object<0>));
+}
+
+TEST(Singleton, MakesTheObjectOnFirstUseAndGivesOutTheSameAfterThat) {
+    using Subject = Object<1>;
+    EXPECT_EQ(0, Subject::made);
+    Subject& first = Singleton<Subject>::GetInstance();
+    EXPECT_EQ(&first, &Singleton<Subject>::GetInstance());
+    EXPECT_EQ(1, Subject::made);
+    EXPECT_EQ(0, Subject::destroyed);
+}
+
+TEST(Singleton, IsDestroyedOnceHoweverOftenThatIsAskedFor) {
+    using Subject = Object<2>;
+    Singleton<Subject>::GetInstance();
+    Singleton<Subject>::DestroyInstance();
+    Singleton<Subject>::DestroyInstance();
+    EXPECT_EQ(1, Subject::destroyed);
+}
+
+TEST(Singleton, MayBeMadeAfterADestructionThatFoundNone) {
+    using Subject = Object<3>;
+    Singleton<Subject>::DestroyInstance();
+    EXPECT_EQ(0, Subject::destroyed);
+    Singleton<Subject>::GetInstance();
+    EXPECT_EQ(1, Subject::made);
+}
+
+// Its constructor waits until other threads are on their way to it.
+class SlowToMake : public Singleton<SlowToMake> {
+public:
+    SlowToMake() {
+        ++made;
+        while (callers < 8) {
+            std::this_thread::yield();
+        }
+    }
+
+    static inline std::atomic<int> made{0};
+    static inline std::atomic<int> callers{0};
+};
+
+TEST(Singleton, IsMadeOnceWhenManyThreadsAreFirst) {
+    std::vector<std::thread> threads;
+    std::vector<SlowToMake*> seen(8);
+    for (auto& place : seen) {
+        threads.emplace_back([&place] {
+            ++SlowToMake::callers;
+            place = &Singleton<SlowToMake>::GetInstance();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(1, SlowToMake::made);
+    EXPECT_EQ(1U, std::set<SlowToMake*>(seen.begin(), seen.end()).size());
+}
+
+class ThrowsWhenMade : public Singleton<ThrowsWhenMade> {
+public:
+    ThrowsWhenMade() {
+        if (++attempts == 1) {
+            throw std::bad_alloc();
+        }
+    }
+    static inline int attempts = 0;
+};
+
+TEST(Singleton, IsTriedAgainWhenMakingItFailed) {
+    EXPECT_THROW(Singleton<ThrowsWhenMade>::GetInstance(), std::bad_alloc);
+    Singleton<ThrowsWhenMade>::GetInstance();
+    EXPECT_EQ(2, ThrowsWhenMade::attempts);
+}
+
+using SingletonDeathTest = ::testing::Test;
+
+TEST(SingletonDeathTest, EndsTheProgramWhenAskedForAfterItWasDestroyed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Singleton<Object<4>>::GetInstance();
+            Singleton<Object<4>>::DestroyInstance();
+            Singleton<Object<4>>::GetInstance();
+        },
+        "Singleton::GetInstance was called after the object had been destroyed");
+}
+
+class SaysWhenDestroyed : public Singleton<SaysWhenDestroyed> {
+public:
+    ~SaysWhenDestroyed() override { std::fputs("destroyed.", stderr); }
+};
+
+TEST(SingletonDeathTest, IsDestroyedOnceAtExit) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            Singleton<SaysWhenDestroyed>::GetInstance();
+            std::exit(7);
+        },
+        ::testing::ExitedWithCode(7), "^destroyed\\.$");
+}
+
+TEST(SingletonDeathTest, IsNotDestroyedAgainAtExit) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            Singleton<SaysWhenDestroyed>::GetInstance();
+            Singleton<SaysWhenDestroyed>::DestroyInstance();
+            std::exit(7);
+        },
+        ::testing::ExitedWithCode(7), "^destroyed\\.$");
+}
+
+TEST(SingletonDeathTest, CanBeDestroyedAtExitByAnExitHandlerThatCameFirst) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::atexit([] { Singleton<SaysWhenDestroyed>::DestroyInstance(); });
+            Singleton<SaysWhenDestroyed>::GetInstance();
+            std::exit(7);
+        },
+        ::testing::ExitedWithCode(7), "^destroyed\\.$");
+}
+
+}  // namespace
+}  // namespace Nimbrel2

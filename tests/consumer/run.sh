@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs a build, then builds and runs programs against the installed package as a stranger would, once with CMake and
+# once with pkg-config, all in a temporary folder: run.sh BUILD SOURCE C_COMPILER CXX_COMPILER
+set -euo pipefail
+build=$1 source=$2 cc=$3 cxx=$4
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() {
+    echo "consumer: $*" >&2
+    exit 1
+}
+# Nothing of the build's surroundings may help the consumer.
+unset CPATH CPLUS_INCLUDE_PATH LIBRARY_PATH LD_LIBRARY_PATH CMAKE_PREFIX_PATH PKG_CONFIG_PATH CXXFLAGS CFLAGS LDFLAGS
+
+cmake --install "$build" --prefix "$work/installed" >"$work/log" || fail "cmake --install failed: $(cat "$work/log")"
+# A tree may be moved after it was installed.
+mv "$work/installed" "$work/prefix"
+cp -r "$source/tests/consumer" "$work/project"
+cp "$source/examples/null_hal.c" "$work/project/"
+
+library=$(find "$work/prefix" -name 'libnimbrel2.so.0')
+[ -L "$library" ] || fail "no libnimbrel2.so.0 points to the library"
+readelf -d "$library" | grep -q 'SONAME.*\[libnimbrel2\.so\.0\]' || fail "the library does not call itself libnimbrel2.so.0"
+libdir=$(dirname "$library")
+
+# What our own build is compiled with is nobody else's business.
+leaked=$(grep -rnE -- '-W|-fsanitize|-fno-omit|build_flags|'"$source|$build" "$libdir/cmake" "$libdir/pkgconfig" || true)
+[ -z "$leaked" ] || fail "flags or paths of our own build are exported:"$'\n'"$leaked"
+
+expect() {
+    local output
+    output=$(timeout 60 "$@") || fail "$1 failed with status $?: $output"
+    [ "$output" = "0 cameras, 0 devices" ] || fail "$1 printed: $output"
+    echo "consumer: ${1#"$work"/}: $output"
+}
+
+cmake -S "$work/project" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_CXX_COMPILER="$cxx" -DNIMBREL2_INSTALLED="$work/prefix"
+cmake --build "$work/cmake" --parallel 2
+expect "$work/cmake/with_shipped_hal"
+expect "$work/cmake/with_own_hal"
+
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+[ "$(pkg-config --modversion nimbrel2)" = "$(sed -n 's/^project(nimbrel2 VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")" ] ||
+    fail "nimbrel2.pc has another version"
+# shellcheck disable=SC2046  # pkg-config prints words
+"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$work/project/main.cpp" -o "$work/with_pkgconfig" \
+    $(pkg-config --cflags --libs nimbrel2)
+expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"

@@ -1,0 +1,407 @@
+// SPDX-License-Identifier: Apache-2.0
+// A network that answers wrongly, too much, and to what it was not asked.
+#include <thread>
+
+#include "tests/platform/gige/GigEFixture.h"
+#include "tests/platform/gige/HostileDevice.h"
+
+namespace Nimbrel2::Testing {
+namespace {
+
+using Platform::Gvcp::MessageId;
+using ::testing::ElementsAre;
+using Bytes = HostileDevice::Bytes;
+using Request = HostileDevice::Request;
+
+const std::uint32_t kDeviceIp = Ip("192.168.77.100");
+constexpr std::uint64_t kDeviceMac = 0x0200000066AA;
+
+/// A simulated camera at 192.168.77.102 that behaves, and a device at 192.168.77.100 that does not.
+class GigEHostile : public GigEWireTest {
+protected:
+    GigEHostile() {
+        m_wire.Ip("addr flush dev c0");
+        m_wire.Ip("link add br0 type bridge");
+        m_wire.Ip("link set br0 up");
+        m_wire.Ip("link set c0 master br0");
+        Connect(m_wire, "c1", m_elsewhere, "e0");
+        m_wire.Ip("link set c1 master br0");
+        m_elsewhere.Ip("addr add 192.168.77.100/24 dev e0");
+        auto options = CameraOptions("192.168.77.102", 2);
+        options.interfaceName = "br0";
+        AddCamera(options);
+    }
+
+    void Attack(std::function<void(HostileDevice&, const Request&)> function) {
+        m_device = std::make_unique<HostileDevice>(m_elsewhere, kDeviceIp, std::move(function));
+    }
+
+    NetworkNamespace m_elsewhere;
+    std::unique_ptr<HostileDevice> m_device;
+};
+
+/// Answers DISCOVERY as a camera does; true when it was one.
+bool BehaveInDiscovery(HostileDevice& device, const Request& request) {
+    if (!request.Is(MessageId::DiscoveryCmd)) return false;
+    device.Answer(request, HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+    return true;
+}
+
+TEST_F(GigEHostile, DeviceThatBehavesIsListed) {
+    Attack([](HostileDevice& device, const Request& request) { BehaveInDiscovery(device, request); });
+    Start({});
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102", "666@192.168.77.100"));
+}
+
+struct WrongAnswer {
+    const char* name;
+    std::function<void(HostileDevice&, const Request&, Bytes)> send;  ///< gets the right answer
+};
+
+std::ostream& operator<<(std::ostream& out, const WrongAnswer& row) { return out << row.name; }
+
+Bytes With(Bytes bytes, std::size_t at, std::uint8_t value) {
+    bytes[at] = value;
+    return bytes;
+}
+
+/// Answers that are no answer, whatever was asked.
+std::vector<WrongAnswer> WrongAnswers() {
+    return {
+        {"IdOneMore",
+         [](auto& device, auto& request, Bytes right) {
+             device.Answer(request, With(right, 7, static_cast<std::uint8_t>(right[7] + 1)));
+         }},
+        {"IdZero",
+         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(With(right, 6, 0), 7, 0)); }},
+        {"PortOneMore",
+         [](auto& device, auto& request, Bytes right) { device.AnswerFrom(request, kDeviceIp, 3957, right); }},
+        {"AcknowledgeOfAnotherCommand",
+         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 3, 0x87)); }},
+        {"UnknownAcknowledge",
+         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 3, 0x77)); }},
+        {"Command", [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 0, 0x42)); }},
+        {"TheRequestItself", [](auto& device, auto& request, Bytes) { device.Answer(request, request.bytes); }},
+        {"LengthOneMore",
+         [](auto& device, auto& request, Bytes right) {
+             device.Answer(request, With(right, 5, static_cast<std::uint8_t>(right[5] + 1)));
+         }},
+        {"OneByteMore",
+         [](auto& device, auto& request, Bytes right) {
+             right.push_back(0);
+             device.Answer(request, right);
+         }},
+        {"CutAtEveryByte",
+         [](auto& device, auto& request, Bytes right) {
+             for (std::size_t size = 0; size < right.size(); ++size) device.Answer(request, {right.data(), size});
+         }},
+        {"CutAtEveryWordWithTheLengthRight",
+         [](auto& device, auto& request, Bytes right) {
+             for (std::size_t size = 8; size < right.size(); size += 4) {
+                 Bytes cut(right.begin(), right.begin() + static_cast<std::ptrdiff_t>(size));
+                 cut[4] = 0;
+                 cut[5] = static_cast<std::uint8_t>(size - 8);
+                 device.Answer(request, cut);
+             }
+         }},
+        {"AsLongAsUdpAllows",
+         [](auto& device, auto& request, Bytes right) {
+             for (const std::size_t size : {549u, 577u, 1473u, 2048u, 9000u, 65507u}) {
+                 right.resize(size);
+                 device.Answer(request, right);
+             }
+         }},
+        {"Empty", [](auto& device, auto& request, Bytes) { device.Answer(request, {}); }},
+    };
+}
+
+class GigEWrongAnswer : public GigEHostile, public ::testing::WithParamInterface<WrongAnswer> {};
+
+TEST_P(GigEWrongAnswer, ToADiscoveryInventsNoCameraAndLosesNone) {
+    Attack([](HostileDevice& device, const Request& request) {
+        if (!request.Is(MessageId::DiscoveryCmd)) return;
+        GetParam().send(device, request, HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+    });
+    Start({});
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+    EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102"));
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+}
+
+TEST_P(GigEWrongAnswer, ToARegisterReadIsNotTakenForTheRightOne) {
+    Attack([](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) return;
+        GetParam().send(device, request, HostileDevice::ReadAck(request, 0xBAD));
+        device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+    EXPECT_EQ(value, 0x600Du);
+}
+
+TEST_P(GigEWrongAnswer, AloneIsNoAnswerAndEndsInTime) {
+    Attack([](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) return;
+        GetParam().send(device, request, HostileDevice::ReadAck(request, 0xBAD));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    const auto start = Clock::now();
+    const std::uint32_t status = cameras[1]->ReadRegister(0x934, &value);
+    EXPECT_TRUE(status == HAL_TIMED_OUT || status == HAL_BAD_ANSWER) << status;
+    EXPECT_GE(Since(start), 590ms);
+    EXPECT_LT(Since(start), 1s);
+    EXPECT_EQ(cameras[1]->ReadRegister(0x24, &value), HAL_OK) << "the table knows the address";
+    EXPECT_EQ(value, kDeviceIp);
+    EXPECT_EQ(ListNames().size(), 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, GigEWrongAnswer, ::testing::ValuesIn(WrongAnswers()),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(GigEHostile, AnswersOfAnotherAddressAreNotTheCameras) {
+    Attack([](HostileDevice& device, const Request& request) {
+        if (request.Is(MessageId::DiscoveryCmd) && request.to == 0xFFFFFFFF) BehaveInDiscovery(device, request);
+        // Asked alone, it answers from elsewhere: then it is not what it says it is.
+        if (request.Is(MessageId::DiscoveryCmd) && request.to != 0xFFFFFFFF) {
+            device.AnswerFrom(request, Ip("192.168.77.55"), 3956,
+                              HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+        }
+    });
+    Start({});
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+    EXPECT_TRUE(m_device->WaitFor([](const Request& request) { return request.to == kDeviceIp; }, 1s));
+}
+
+TEST_F(GigEHostile, RegisterAnswersOfAnotherAddressDoNotCount) {
+    Attack([](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request)) return;
+        device.AnswerFrom(request, Ip("192.168.77.55"), 3956, HostileDevice::ReadAck(request, 0xBAD));
+        device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+    EXPECT_EQ(value, 0x600Du);
+}
+
+TEST_F(GigEHostile, AddressesOfGroupsAreNeverAsked) {
+    const std::vector<std::uint32_t> groups{Ip("192.168.77.255"), Ip("192.168.77.0"), Ip("224.0.0.1"),
+                                            Ip("127.0.0.1"),      Ip("0.0.0.0"),      0xFFFFFFFF};
+    Attack([&](HostileDevice& device, const Request& request) {
+        for (std::size_t i = 0; i < groups.size(); ++i) {
+            device.Answer(request, HostileDevice::DiscoveryAck(request, kDeviceMac + i, groups[i]));
+        }
+    });
+    Start({});
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+    EXPECT_EQ(DiscoverNames().size(), 1 + groups.size()) << "seen is not reachable";
+    for (const Request& request : m_device->GetRequests()) EXPECT_EQ(request.to, 0xFFFFFFFF);
+}
+
+TEST_F(GigEHostile, RetriesKeepTheirId) {
+    std::atomic<int> dropped{0};
+    Attack([&](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request) || dropped++ < 2) return;
+        device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    const auto start = Clock::now();
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+    EXPECT_GE(Since(start), 395ms);
+    EXPECT_LT(Since(start), 590ms);
+    std::vector<std::uint16_t> ids;
+    for (const Request& request : m_device->GetRequests()) {
+        if (request.Is(MessageId::ReadRegCmd)) ids.push_back(request.header.requestId);
+    }
+    ASSERT_EQ(ids.size(), 3u);
+    EXPECT_THAT(ids, ::testing::Each(ids[0]));
+    EXPECT_NE(ids[0], 0);
+}
+
+TEST_F(GigEHostile, LateAndDuplicateAnswersAreDropped) {
+    // Shared: the device may still be busy with the last request when the test ends.
+    const auto shared = std::make_shared<std::vector<Request>>();
+    Attack([shared](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request)) return;
+        std::vector<Request>& unanswered = *shared;
+        if (request.Address() == 0x100) {
+            unanswered.push_back(request);
+            return;
+        }
+        // First what is late, with another value, then the answer, twice.
+        for (const Request& late : unanswered) device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
+        device.Answer(request, HostileDevice::ReadAck(request, request.Address()));
+        device.Answer(request, HostileDevice::ReadAck(request, 0xBAD));
+        unanswered.push_back(request);
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x100, &value), HAL_TIMED_OUT);
+    std::this_thread::sleep_for(1s);  // the silence after a time-out, which is its contract
+    for (std::uint32_t address = 0x200; address < 0x300; address += 4) {
+        ASSERT_EQ(cameras[1]->ReadRegister(address, &value), HAL_OK);
+        ASSERT_EQ(value, address);
+    }
+}
+
+TEST_F(GigEHostile, ACameraThatTimedOutIsLeftInPeace) {
+    std::atomic<bool> silent{true};
+    Attack([&](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request) || silent) return;
+        device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    const auto countReads = [&] {
+        const auto requests = m_device->GetRequests();
+        return std::count_if(requests.begin(), requests.end(),
+                             [](const Request& request) { return request.Is(MessageId::ReadRegCmd); });
+    };
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_TIMED_OUT);
+    const auto timedOut = Clock::now();
+    silent = false;
+    EXPECT_EQ(countReads(), 3);
+    while (Since(timedOut) < 900ms) {
+        const auto start = Clock::now();
+        EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_TIMED_OUT);
+        EXPECT_LT(Since(start), 100ms);
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(countReads(), 3);
+    while (Since(timedOut) < 1050ms) std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+}
+
+TEST_F(GigEHostile, PendingAcknowledgesAreHonouredUpToASecond) {
+    std::vector<std::thread> later;
+    std::mutex mutex;
+    Attack([&](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request)) return;
+        const auto pending = Platform::Gvcp::EncodePendingAck(request.header.requestId, 800);
+        device.Answer(request, pending.GetBytes());
+        if (request.Address() != 0x934) return;
+        std::lock_guard lock(mutex);
+        later.emplace_back([&device, request] {
+            std::this_thread::sleep_for(500ms);
+            device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+        });
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+    EXPECT_EQ(value, 0x600Du);
+    auto requests = m_device->GetRequests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                            [](const Request& request) { return request.Is(MessageId::ReadRegCmd); }),
+              1)
+        << "a camera that is at work is not asked again";
+    const auto start = Clock::now();
+    EXPECT_EQ(cameras[1]->ReadRegister(0x938, &value), HAL_TIMED_OUT);
+    EXPECT_GE(Since(start), 790ms);
+    EXPECT_LT(Since(start), 1100ms);
+    for (std::thread& thread : later) thread.join();
+}
+
+TEST_F(GigEHostile, EndlessPendingAcknowledgesEnd) {
+    std::atomic<bool> stop{false};
+    std::thread sender;
+    Attack([&](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request) || sender.joinable()) return;
+        sender = std::thread([&device, &stop, request] {
+            const auto pending = Platform::Gvcp::EncodePendingAck(request.header.requestId, 0xFFFF);
+            while (!stop) {
+                device.Answer(request, pending.GetBytes());
+                std::this_thread::sleep_for(1ms);
+            }
+        });
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    const auto start = Clock::now();
+    EXPECT_EQ(cameras[1]->ReadRegister(0x938, &value), HAL_TIMED_OUT);
+    EXPECT_GE(Since(start), 990ms);
+    EXPECT_LT(Since(start), 1200ms);
+    stop = true;
+    sender.join();
+}
+
+TEST_F(GigEHostile, FloodsLoseNoCameraAndHoldNothingUp) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> floods;
+    std::mutex mutex;
+    std::atomic<std::uint64_t> sent{0};
+    Attack([&](HostileDevice& device, const Request& request) {
+        std::lock_guard lock(mutex);
+        if (!request.Is(MessageId::DiscoveryCmd) || floods.size() >= 1) return;
+        floods.emplace_back([&device, &stop, &sent, request] {
+            Request now = request;
+            for (std::uint64_t i = 0; !stop; ++i) {
+                // The right id and ever new cameras, in the subnet and out of it; then answers to nothing.
+                const auto ip =
+                    static_cast<std::uint32_t>(Ip("192.168.77.0") + 1 + i % 250 + (i % 3 == 0 ? 0x10000 : 0));
+                device.Answer(now, HostileDevice::DiscoveryAck(now, 0x066600000000 + i, ip));
+                if (i % 8 == 0) device.Answer(now, HostileDevice::ReadAck(now, static_cast<std::uint32_t>(i)));
+                if (i % 1000 == 0) {
+                    const auto requests = device.GetRequests();
+                    for (const Request& last : requests) {
+                        if (last.Is(MessageId::DiscoveryCmd) && last.to == 0xFFFFFFFF) now = last;
+                    }
+                }
+                ++sent;
+            }
+        });
+    });
+    Start({});
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+    const auto before = m_sink.GetCounts();
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 1u);
+    const auto begin = Clock::now();
+    int listings = 0;
+    while (Since(begin) < 4s) {
+        const auto start = Clock::now();
+        EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+        EXPECT_LT(Since(start), 3s);
+        std::uint32_t value = 0;
+        EXPECT_EQ(cameras[0]->ReadRegister(0x24, &value), HAL_OK);
+        EXPECT_EQ(value, Ip("192.168.77.102"));
+        ++listings;
+    }
+    EXPECT_GT(listings, 10);
+    const auto discovery = Clock::now();
+    std::vector<GvcpDiscoveryRecord> records;
+    EXPECT_EQ(m_bus->Discover(&records), HAL_OK);
+    EXPECT_LT(Since(discovery), m_window + 1s);
+    EXPECT_LE(records.size(), 4200u);
+    EXPECT_TRUE(std::any_of(records.begin(), records.end(),
+                            [](const auto& record) { return NameOf(record) == "2@192.168.77.102"; }));
+    stop = true;
+    for (std::thread& flood : floods) flood.join();
+    EXPECT_EQ(m_sink.GetCounts(), before);
+    EXPECT_GT(sent, 10000u);
+    const auto end = Clock::now();
+    Stop();
+    EXPECT_LT(Since(end), 1s);
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Testing

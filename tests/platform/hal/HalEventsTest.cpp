@@ -1,0 +1,397 @@
+// SPDX-License-Identifier: Apache-2.0
+// Registration and delivery: order, coalescing, slow and hung callbacks, deregistration, unseen changes. Negative
+// claims are proved by a marker event behind what must not come.
+#include <chrono>
+#include <ostream>
+#include <system_error>
+
+#include "platform/Platform.h"
+#include "tests/platform/hal/EventListener.h"
+#include "tests/platform/hal/HalFixture.h"
+
+namespace Nimbrel2::Platform::Testing {
+namespace {
+
+using namespace std::chrono_literals;
+using SteadyClock = std::chrono::steady_clock;
+
+struct BusUnderTest {
+    const char* name;
+    HALInterfaceType type;
+    std::uint32_t (*registerEvents)(void**, HALBusEventFunction, void*);
+    std::uint32_t (*deregisterEvents)(void*);
+    BusEventSink* FakeWorld::*sink;
+    std::uint32_t (*list)(void**, std::uint64_t*);
+};
+
+std::ostream& operator<<(std::ostream& out, const BusUnderTest& bus) { return out << bus.name; }
+
+constexpr BusUnderTest kBuses[] = {
+    {"FireWire", HAL_INTERFACE_1394, HAL_1394RegisterBusEvents, HAL_1394DeregisterBusEvents, &FakeWorld::fireWireSink,
+     HAL_1394GetCameras},
+    {"Usb", HAL_INTERFACE_USB, HAL_UsbRegisterBusEvents, HAL_UsbDeregisterBusEvents, &FakeWorld::usbSink,
+     HAL_UsbGetCameras},
+    {"GigE", HAL_INTERFACE_GIGE, HAL_GigERegisterBusEvents, HAL_GigEDeregisterBusEvents, &FakeWorld::gigESink,
+     HAL_GigEGetCameras},
+};
+
+class HalEvents : public HalFixture, public ::testing::WithParamInterface<BusUnderTest> {
+protected:
+    const BusUnderTest& Bus() const { return GetParam(); }
+    BusEventSink& Sink() { return *(world.get()->*Bus().sink); }
+
+    /// Hung callbacks outlive a test that failed.
+    void TearDown() override {
+        listener.Release();
+        HalFixture::TearDown();
+    }
+
+    void* Register(EventListener& to) {
+        void* registration = nullptr;
+        EXPECT_EQ(Bus().registerEvents(&registration, &EventListener::Callback, &to), HAL_OK);
+        EXPECT_NE(registration, nullptr);
+        return registration;
+    }
+
+    Heard Reset() const { return {HAL_BUS_RESET, Bus().type}; }
+    Heard Event(HALBusEvent event, unsigned first = 0, unsigned second = 0) const {
+        return {event, Bus().type, first, second};
+    }
+
+    /// Raises an event that no test uses otherwise; what was raised before it has been delivered once it is heard.
+    void RaiseMarker() { Sink().Raise(HAL_BUS_ERROR, 0xFFFF, 0xFFFF); }
+    Heard Marker() const { return Event(HAL_BUS_ERROR, 0xFFFF, 0xFFFF); }
+
+    /// Leaves a callback hanging in an arrival, so that what is raised from here on waits.
+    void HoldInArrival() {
+        listener.Hold();
+        Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+        ASSERT_TRUE(listener.WaitForBegun(1));
+    }
+
+    EventListener listener;
+};
+
+INSTANTIATE_TEST_SUITE_P(, HalEvents, ::testing::ValuesIn(kBuses),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(HalEvents, EventsComeInOrderWithTheirWordsFromTheirBus) {
+    Register(listener);
+    Sink().Raise(HAL_BUS_ARRIVAL, 1, 2);
+    Sink().Raise(HAL_BUS_REMOVAL, 3, 4);
+    Sink().Raise(HAL_BUS_ERROR, 0, 0);
+    ASSERT_TRUE(listener.WaitForBegun(3));
+    EXPECT_EQ(listener.HeardSoFar(),
+              (std::vector<Heard>{Event(HAL_BUS_ARRIVAL, 1, 2), Event(HAL_BUS_REMOVAL, 3, 4), Event(HAL_BUS_ERROR)}));
+}
+
+TEST_P(HalEvents, EventsOfOtherBusesAreNotHeard) {
+    Register(listener);
+    for (const BusUnderTest& other : kBuses) {
+        if (other.type == Bus().type) continue;
+        (world.get()->*other.sink)->Raise(HAL_BUS_ARRIVAL, 0, 0);
+        (world.get()->*other.sink)->RaiseReset();
+    }
+    RaiseMarker();
+    ASSERT_TRUE(listener.WaitForBegun(1));
+    EXPECT_EQ(listener.HeardSoFar(), std::vector<Heard>{Marker()});
+}
+
+TEST_P(HalEvents, ResetsThatWaitAreOneAndGoFirst) {
+    Register(listener);
+    HoldInArrival();
+    Sink().Raise(HAL_BUS_REMOVAL, 5, 6);
+    Sink().RaiseReset();
+    Sink().Raise(HAL_BUS_RESET, 0, 0);
+    Sink().Raise(HAL_BUS_ARRIVAL, 7, 8);
+    Sink().RaiseReset();
+    RaiseMarker();
+    listener.Release();
+    ASSERT_TRUE(listener.WaitForBegun(5));
+    EXPECT_EQ(listener.HeardSoFar(), (std::vector<Heard>{Event(HAL_BUS_ARRIVAL), Reset(), Event(HAL_BUS_REMOVAL, 5, 6),
+                                                         Event(HAL_BUS_ARRIVAL, 7, 8), Marker()}));
+}
+
+TEST_P(HalEvents, AResetWaitsForTenQuietMilliseconds) {
+    Register(listener);
+    const SteadyClock::time_point begin = SteadyClock::now();
+    Sink().RaiseReset();
+    Sink().RaiseReset();
+    ASSERT_TRUE(listener.WaitForBegun(1));
+    EXPECT_GE(SteadyClock::now() - begin, 10ms);
+    RaiseMarker();
+    ASSERT_TRUE(listener.WaitForBegun(2));
+    EXPECT_EQ(listener.HeardSoFar(), (std::vector<Heard>{Reset(), Marker()}));
+}
+
+TEST_P(HalEvents, ABusThatNeverRestsIsHeardAllTheSame) {
+    Register(listener);
+    const SteadyClock::time_point deadline = SteadyClock::now() + EventListener::kPatience;
+    while (listener.HeardSoFar().empty() && SteadyClock::now() < deadline) Sink().RaiseReset();
+    // More may have come since: the last ones raised after the first callback are a burst of their own.
+    ASSERT_FALSE(listener.HeardSoFar().empty());
+    EXPECT_EQ(listener.HeardSoFar().front(), Reset());
+}
+
+TEST_P(HalEvents, EachRegistrationHasAThreadOfItsOwnThatCallsOneAtATime) {
+    EventListener other;
+    other.Hold();
+    Register(listener);
+    Register(other);
+    for (unsigned i = 0; i < 50; ++i) Sink().Raise(HAL_BUS_ARRIVAL, i, 0);
+    // The other one hangs in its first callback and keeps nobody waiting: neither the sink nor the first listener.
+    ASSERT_TRUE(other.WaitForBegun(1));
+    ASSERT_TRUE(listener.WaitForReturned(50));
+    EXPECT_EQ(other.HeardSoFar().size(), 1u);
+    other.Release();
+    ASSERT_TRUE(other.WaitForReturned(50));
+    EXPECT_EQ(listener.MostAtOnce(), 1u);
+    EXPECT_EQ(other.MostAtOnce(), 1u);
+    EXPECT_NE(listener.Threads().front(), other.Threads().front());
+    EXPECT_EQ(listener.Threads(), std::vector<std::thread::id>(50, listener.Threads().front()));
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+}
+
+TEST_P(HalEvents, NoHalCallWaitsForASlowCallback) {
+    Register(listener);
+    HoldInArrival();
+    world->gigECameras = world->usbCameras = world->fireWireCameras = 1;
+    EXPECT_EQ(List(Bus().list).size(), 1u);
+    EventListener other;
+    void* const registration = Register(other);
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+    Sink().RaiseReset();
+}
+
+TEST_P(HalEvents, ACallbackMayCallEveryHalFunction) {
+    EventListener inner;
+    std::uint32_t statuses[4] = {99, 99, 99, 99};
+    listener.onEvent = [&](const Heard&) {
+        void* entries[1];
+        std::uint64_t count = 1;
+        statuses[0] = Bus().list(entries, &count);
+        void* registration = nullptr;
+        statuses[1] = Bus().registerEvents(&registration, &EventListener::Callback, &inner);
+        statuses[2] = Bus().deregisterEvents(registration);
+        statuses[3] = HAL_GvcpForceIpAuto();
+    };
+    Register(listener);
+    Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+    ASSERT_TRUE(listener.WaitForReturned(1));
+    for (const std::uint32_t status : statuses) EXPECT_EQ(status, HAL_OK);
+}
+
+TEST_P(HalEvents, ACallbackThatThrowsIsCalledAgain) {
+    struct Thrower {
+        static void Callback(HALBusEvent event, void* context, HALInterfaceType bus, unsigned first, unsigned second,
+                             unsigned third) {
+            EventListener::Callback(event, context, bus, first, second, third);
+            throw 42;
+        }
+    };
+    void* registration = nullptr;
+    ASSERT_EQ(Bus().registerEvents(&registration, &Thrower::Callback, &listener), HAL_OK);
+    Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+    RaiseMarker();
+    ASSERT_TRUE(listener.WaitForBegun(2));
+    EXPECT_EQ(listener.HeardSoFar().back(), Marker());
+}
+
+TEST_P(HalEvents, DeregisteringBeginsNoNewCallbackAndDoesNotWaitForOneInFlight) {
+    void* const registration = Register(listener);
+    HoldInArrival();
+    Sink().RaiseReset();
+    Sink().Raise(HAL_BUS_REMOVAL, 0, 0);
+    // Were it to wait, this would never return: the callback is released only behind it.
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_GONE);
+    RaiseMarker();
+    listener.Release();
+    // The clean-up has joined the thread when it returns, so whatever it was going to call has been called.
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    EXPECT_EQ(listener.HeardSoFar(), std::vector<Heard>{Event(HAL_BUS_ARRIVAL)});
+}
+
+TEST_P(HalEvents, ARegistrationMayEndItselfInsideItsOwnCallback) {
+    void* registration = nullptr;
+    std::uint32_t status = 99;
+    listener.onEvent = [&](const Heard&) { status = Bus().deregisterEvents(registration); };
+    listener.Hold();
+    registration = Register(listener);
+    Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+    RaiseMarker();
+    listener.Release();
+    ASSERT_TRUE(listener.WaitForReturned(1));
+    EXPECT_EQ(status, HAL_OK);
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_GONE);
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    EXPECT_EQ(listener.HeardSoFar(), std::vector<Heard>{Event(HAL_BUS_ARRIVAL)});
+}
+
+TEST_P(HalEvents, ARegistrationOfAnotherBusIsGone) {
+    void* const registration = Register(listener);
+    for (const BusUnderTest& other : kBuses) {
+        if (other.type == Bus().type) continue;
+        EXPECT_EQ(other.deregisterEvents(registration), HAL_GONE);
+    }
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+}
+
+TEST_P(HalEvents, ARegistrationIsNullAfterAFailure) {
+    int something = 0;
+    void* registration = &something;
+    EXPECT_EQ(Bus().registerEvents(&registration, nullptr, nullptr), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(registration, nullptr);
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    registration = &something;
+    EXPECT_EQ(Bus().registerEvents(&registration, &EventListener::Callback, &listener), HAL_CLOSED);
+    EXPECT_EQ(registration, nullptr);
+}
+
+TEST_P(HalEvents, ManyRegistrationsComeAndGo) {
+    for (int i = 0; i < 200; ++i) {
+        void* const registration = Register(listener);
+        Sink().RaiseReset();
+        EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+    }
+}
+
+TEST_P(HalEvents, AThreadThatCannotBeMadeFailsTheRegistrationOnly) {
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    ASSERT_EQ(InstallThreadStarterForTest([](const char*, const std::function<void()>&) -> std::thread {
+                  throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+              }),
+              HAL_OK);
+    ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
+    void* registration = &listener;
+    EXPECT_EQ(Bus().registerEvents(&registration, &EventListener::Callback, &listener), HAL_OUT_OF_MEMORY);
+    EXPECT_EQ(registration, nullptr);
+    Sink().RaiseReset();
+    EXPECT_TRUE(List(Bus().list).empty());
+}
+
+TEST_P(HalEvents, WaitingForDeliveryReturnsWhenTheLastCallbackHas) {
+    Register(listener);
+    Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+    Sink().RaiseReset();
+    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    EXPECT_EQ(listener.ReturnedSoFar(), 2u);
+    EXPECT_TRUE(WaitUntilEventsAreDelivered(0ms));
+}
+
+TEST_P(HalEvents, WaitingForDeliveryGivesUpOnACallbackThatHangs) {
+    Register(listener);
+    HoldInArrival();
+    EXPECT_FALSE(WaitUntilEventsAreDelivered(20ms));
+    listener.Release();
+    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+}
+
+TEST_P(HalEvents, NothingIsDeliveredWithoutASession) {
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    EXPECT_FALSE(WaitUntilEventsAreDelivered(0ms));
+}
+
+// ---- Unseen changes. The first event of a registration is the queued reset, or the marker when there is none: a reset
+// would have gone first.
+
+class HalUnseenChange : public HalEvents {
+protected:
+    bool RegisteringQueuesAReset() {
+        EventListener fresh;
+        void* const registration = Register(fresh);
+        RaiseMarker();
+        EXPECT_TRUE(fresh.WaitForReturned(1));
+        const bool queued = fresh.HeardSoFar().front() == Reset();
+        EXPECT_TRUE(fresh.WaitForReturned(queued ? 2 : 1));
+        EXPECT_EQ(fresh.HeardSoFar().back(), Marker());
+        EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+        return queued;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(, HalUnseenChange, ::testing::ValuesIn(kBuses),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(HalUnseenChange, NoneWithoutAChange) {
+    EXPECT_FALSE(RegisteringQueuesAReset());
+    List(Bus().list);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, SeveralChangesSinceTheListingAreOneReset) {
+    List(Bus().list);
+    Sink().RaiseReset();
+    Sink().RaiseReset();
+    EXPECT_TRUE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, AChangeBeforeTheFirstListingIsSeenByIt) {
+    Sink().RaiseReset();
+    EXPECT_TRUE(RegisteringQueuesAReset());
+    List(Bus().list);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, WhatTheListingItselfFoundAndReturnedRaisesNone) {
+    world->gigECameras = world->usbCameras = world->fireWireCameras = 2;
+    EXPECT_EQ(List(Bus().list).size(), 2u);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, AChangeWhileAListingRunsIsUnseen) {
+    world->duringListing = [this](const std::string&) { Sink().RaiseReset(); };
+    List(Bus().list);
+    world->duringListing = nullptr;
+    EXPECT_TRUE(RegisteringQueuesAReset());
+    List(Bus().list);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, AFailedListingSeesNothing) {
+    Sink().RaiseReset();
+    world->status = HAL_PERMISSION;
+    void* entries[1];
+    std::uint64_t count = 1;
+    EXPECT_EQ(Bus().list(entries, &count), HAL_PERMISSION);
+    EXPECT_TRUE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, ArrivalsAndRemovalsAloneAreNoChange) {
+    List(Bus().list);
+    Sink().Raise(HAL_BUS_ARRIVAL, 0, 0);
+    Sink().Raise(HAL_BUS_REMOVAL, 0, 0);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenChange, IsForgottenWithTheSession) {
+    Sink().RaiseReset();
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+class HalUnseenFireWireChange : public HalUnseenChange {};
+INSTANTIATE_TEST_SUITE_P(, HalUnseenFireWireChange, ::testing::Values(kBuses[0]),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(HalUnseenFireWireChange, AChangeBetweenTheListingsOfCamerasAndDevicesIsUnseen) {
+    List(HAL_1394GetCameras);
+    Sink().RaiseReset();
+    List(HAL_1394GetDevices);
+    EXPECT_TRUE(RegisteringQueuesAReset());
+    List(HAL_1394GetCameras);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+TEST_P(HalUnseenFireWireChange, AListingOfVirtualCamerasShowsNothingOfTheBus) {
+    List(HAL_1394GetCameras);
+    Sink().RaiseReset();
+    void* entries[256];
+    std::uint64_t count = 0;
+    ASSERT_EQ(HAL_1394GetVirtualCameras(entries, nullptr, &count), HAL_OK);
+    EXPECT_TRUE(RegisteringQueuesAReset());
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Platform::Testing

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+// Rig files: what they say, and what is wrong with those that are none.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "platform/rig/RigFile.h"
+
+namespace Nimbrel2::Platform {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const char kGood[] = R"({
+  "name": "good", "description": "all kinds",
+  "firewire": [{"name": "fw0", "gapCount": 5,
+    "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M"}],
+    "cables": [[["card", 0], ["cam", 0]]]}],
+  "usb": [{"name": "x", "devices": [{"name": "u", "parent": "x", "port": 1, "serial": "7", "vendorId": "0x1234"}]}],
+  "gige": [{"name": "e", "address": "10.0.0.1/8", "cameras": [
+    {"name": "g", "mac": "02:00:00:00:00:0A", "address": "10.0.0.2/24", "gateway": "10.0.0.254", "serial": "8",
+     "owner": {"address": "10.0.0.3", "port": 5, "exclusive": true}, "answers": {"delayMs": 7}}]}],
+  "virtualCameras": [9],
+  "timeline": [
+    {"at": 0.5, "plug": "cam"}, {"unplug": "u"}, {"after": {"event": "removal", "serial": 7}, "busReset": "fw0"},
+    {"move": {"device": "u", "to": "x", "port": 2}}, {"resetStorm": {"bus": "x", "count": 3}}, {"busError": "fw0"},
+    {"take": {"camera": "g", "address": "1.2.3.4", "port": 6}}, {"release": "g"},
+    {"setAddress": {"camera": "g", "address": "10.0.0.9/16"}}, {"link": {"interface": "e", "up": false}},
+    {"answers": {"camera": "g", "lossPercent": 1.5}}, {"fault": {"function": "HAL_UsbGetCameras", "call": 2, "status": 3, "delayMs": 4}}],
+  "end": {"cameras": [8, 7]}
+})";
+
+TEST(RigFile, ReadsEveryKey) {
+    const RigPlan plan = ParseRig(kGood, "good.json");
+    EXPECT_EQ(plan.name, "good");
+    EXPECT_EQ(plan.rig.fireWire.at(0).gapCount, 5U);
+    EXPECT_EQ(plan.rig.fireWire.at(0).phys.at(1).eui64, 0x11U);
+    EXPECT_EQ(plan.rig.usb.at(0).devices.at(0).vendorId, 0x1234);
+    const GigECameraDescription& camera = plan.rig.gigE.at(0).cameras.at(0);
+    EXPECT_EQ(camera.options.mac, 0x02000000000AU);
+    EXPECT_EQ(camera.options.address, 0x0A000002U);
+    EXPECT_EQ(camera.options.subnetMask, 0xFFFFFF00U);
+    EXPECT_EQ(plan.rig.gigE.at(0).subnetMask, 0xFF000000U);
+    EXPECT_TRUE(camera.options.owner->exclusive);
+    EXPECT_EQ(camera.options.faults.delayMinimum.count(), 7);
+    ASSERT_EQ(plan.timeline.size(), 12U);
+    EXPECT_EQ(plan.timeline[0].at->count(), 500);
+    EXPECT_EQ(plan.timeline[2].after->serialNumber, 7U);
+    EXPECT_EQ(std::get<AddressStep>(plan.timeline[8].action).subnetMask, 0xFFFF0000U);
+    EXPECT_EQ(std::get<RigFault>(plan.timeline[11].action).status, 3U);
+    EXPECT_EQ(plan.timeline[11].pointer, "/timeline/11");
+    EXPECT_THAT(*plan.finalSerialNumbers, ElementsAre(7U, 8U)) << "ascending";
+}
+
+TEST(RigFile, DescribesEveryActionInWords) {
+    for (const RigStep& step : ParseRig(kGood, "good.json").timeline) EXPECT_FALSE(Describe(step.action).empty());
+}
+
+TEST(RigFile, CarriesASchemaAndARigOfItsOwn) {
+    EXPECT_THAT(std::string(RigSchema()), HasSubstr("json-schema.org"));
+    EXPECT_NO_THROW(ParseRig(BuiltInRig(), "built-in"));
+}
+
+struct BadFile {
+    const char* name;
+    const char* from;  // What in the good file is replaced ...
+    const char* to;    // ... by this.
+    const char* pointer;
+    const char* reason;
+};
+
+class RigFileRefuses : public testing::TestWithParam<BadFile> {};
+
+TEST_P(RigFileRefuses, AndNamesFilePlaceAndReason) {
+    std::string text = kGood;
+    const std::size_t place = text.find(GetParam().from);
+    ASSERT_NE(place, std::string::npos);
+    text.replace(place, std::string(GetParam().from).size(), GetParam().to);
+    try {
+        ParseRig(text, "bad.json");
+        FAIL() << "was taken for a rig";
+    } catch (const RigFileError& error) {
+        const std::string where = *GetParam().pointer == '\0' ? "" : std::string(GetParam().pointer) + ": ";
+        EXPECT_THAT(error.what(), StartsWith("bad.json: " + where));
+        EXPECT_THAT(error.what(), HasSubstr(GetParam().reason));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, RigFileRefuses,
+    testing::Values(
+        BadFile{"NoJson", R"("name": "good",)", R"("name": "good")", "", "line 2"},
+        BadFile{"UnknownKey", R"("gapCount")", R"("gap_count")", "/firewire/0/gap_count", "unknown key"},
+        BadFile{"UnknownTopKey", R"("name": "good")", R"("nom": "good")", "/nom", "unknown key"},
+        BadFile{"KeyThatNeedsEscaping", R"("name": "good")", R"("a/b~": 1)", "/a~1b~0", "unknown key"},
+        BadFile{"RepeatedKey", R"("gapCount": 5)", R"("gapCount": 5, "gapCount": 6)", "", "stands twice"},
+        BadFile{"MissingKey", R"("parent": "x", )", "", "/usb/0/devices/0", "\"parent\" is missing"},
+        BadFile{"WrongKind", R"("kind": "card")", R"("kind": "cart")", "/firewire/0/phys/0/kind", "not \"cart\""},
+        BadFile{"TextForNumber", R"("gapCount": 5)", R"("gapCount": "5")", "/firewire/0/gapCount", "not string"},
+        BadFile{"NumberForText", R"("name": "good")", R"("name": 5)", "/name", "a text is wanted"},
+        BadFile{"NegativeNumber", R"("gapCount": 5)", R"("gapCount": -5)", "/firewire/0/gapCount", "not -5"},
+        BadFile{"NumberTooLarge", R"("gapCount": 5)", R"("gapCount": 64)", "/firewire/0/gapCount", "0 to 63"},
+        BadFile{"BadHex", R"("eui64": "11")", R"("eui64": "1g")", "/firewire/0/phys/1/eui64", "not \"1g\""},
+        BadFile{"HexTooLong", R"("0x1234")", R"("0x12345")", "/usb/0/devices/0/vendorId", "up to 4"},
+        BadFile{"BadMac", "02:00:00:00:00:0A", "02:00:00:00:00", "/gige/0/cameras/0/mac", "a MAC address"},
+        BadFile{"ZeroMac", "02:00:00:00:00:0A", "00:00:00:00:00:00", "/gige/0/cameras/0/mac", "needs a MAC"},
+        BadFile{"BadAddress", "10.0.0.2/24", "10.0.0.256/24", "/gige/0/cameras/0/address", "an IPv4 address"},
+        BadFile{"NoPrefix", "10.0.0.2/24", "10.0.0.2", "/gige/0/cameras/0/address", "prefix length"},
+        BadFile{"BadPrefix", "10.0.0.2/24", "10.0.0.2/33", "/gige/0/cameras/0/address", "prefix length"},
+        BadFile{"BadGateway", "10.0.0.254", "10.0.0", "/gige/0/cameras/0/gateway", "an IPv4 address"},
+        BadFile{"SameNameOnTwoBuses", R"("name": "u")", R"("name": "cam")", "/usb/0/devices/0/name", "taken"},
+        BadFile{"OneEndedCable", R"([[["card", 0], ["cam", 0]]])", R"([[["card", 0]]])", "/firewire/0/cables/0",
+                "two ends"},
+        BadFile{"NoCableEnd", R"(["cam", 0])", R"(["cam"])", "/firewire/0/cables/0/1", "a cable end"},
+        BadFile{"PlugsNobody", R"("plug": "cam")", R"("plug": "com")", "/timeline/0/plug", "no device named \"com\""},
+        BadFile{"ResetsNoBus", R"("busReset": "fw0")", R"("busReset": "fw1")", "/timeline/2/busReset", "named \"fw1\""},
+        BadFile{"MovesNowhere", R"("to": "x")", R"("to": "y")", "/timeline/3/move/to", "named \"y\""},
+        BadFile{"TakesNoGigECamera", R"("take": {"camera": "g")", R"("take": {"camera": "cam")",
+                "/timeline/6/take/camera", "no GigE camera named \"cam\""},
+        BadFile{"NoInterface", R"("interface": "e")", R"("interface": "f")", "/timeline/9/link/interface",
+                "named \"f\""},
+        BadFile{"NoFunction", "HAL_UsbGetCameras", "HAL_Nothing", "/timeline/11/fault/function", "\"HAL_Nothing\""},
+        BadFile{"NoAction", R"({"release": "g"})", "{}", "/timeline/7", "exactly one action, not 0"},
+        BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "not 2"},
+        BadFile{"AtAndAfter", R"("at": 0.5)", R"("at": 0.5, "after": {"event": "reset"})", "/timeline/0", "not both"},
+        BadFile{"TimeOutOfRange", R"("at": 0.5)", R"("at": -1)", "/timeline/0/at", "not -1"},
+        BadFile{"LossOutOfRange", "1.5", "101", "/timeline/10/answers/lossPercent", "not 101"}),
+    [](const testing::TestParamInfo<BadFile>& row) { return row.param.name; });
+
+std::string ErrorOf(const std::string& text) {
+    try {
+        ParseRig(text, "bad.json");
+    } catch (const RigFileError& error) {
+        return error.what();
+    }
+    return "";
+}
+
+TEST(RigFile, RefusesAMillionNestedArraysWithoutFallingOver) {
+    EXPECT_THAT(ErrorOf(std::string(1000000, '[')), HasSubstr("nested deeper than 16 levels"));
+}
+
+TEST(RigFile, RefusesEveryTruncationOfAGoodFile) {
+    const std::string text = kGood;
+    for (std::size_t length = 0; length < text.size(); length += 7)
+        EXPECT_NE(ErrorOf(text.substr(0, length)), "") << length;
+}
+
+TEST(RigFile, RefusesWhatIsNoObject) {
+    EXPECT_THAT(ErrorOf("[]"), HasSubstr("an object is wanted, not array"));
+    EXPECT_THAT(ErrorOf("null"), HasSubstr("an object is wanted, not null"));
+}
+
+class RigFileOnDisk : public testing::Test {
+protected:
+    ~RigFileOnDisk() override { std::remove(m_path.c_str()); }
+
+    std::string ReadError() const {
+        try {
+            ReadRigFile(m_path);
+        } catch (const RigFileError& error) {
+            return error.what();
+        }
+        return "";
+    }
+
+    const std::string m_path = testing::TempDir() + "rig-" + std::to_string(getpid()) + ".json";
+};
+
+TEST_F(RigFileOnDisk, IsRead) {
+    std::ofstream(m_path) << kGood;
+    EXPECT_EQ(ReadRigFile(m_path).name, "good");
+}
+
+TEST_F(RigFileOnDisk, ThatIsNotThereIsNamed) { EXPECT_EQ(ReadError(), m_path + ": cannot be opened"); }
+
+TEST_F(RigFileOnDisk, OfAHundredMegabytesIsRefused) {
+    std::ofstream(m_path).close();
+    ASSERT_EQ(truncate(m_path.c_str(), 100 << 20), 0);
+    EXPECT_EQ(ReadError(), m_path + ": is larger than 16 MiB");
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Platform

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+// The progress line: on a terminal only, and gone when the wait is.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+
+#include "tests/tools/ToolFixture.h"
+
+namespace Nimbrel2::Tool::Testing {
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+/// A terminal whose screen the test is.
+class Terminal {
+public:
+    explicit Terminal(unsigned short columns) : m_fd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+        std::array<char, 64> name{};
+        EXPECT_EQ(grantpt(m_fd), 0);
+        EXPECT_EQ(unlockpt(m_fd), 0);
+        EXPECT_EQ(ptsname_r(m_fd, name.data(), name.size()), 0);
+        m_name = name.data();
+        winsize size{};
+        size.ws_row = 24;
+        size.ws_col = columns;
+        EXPECT_EQ(ioctl(m_fd, TIOCSWINSZ, &size), 0);
+    }
+    ~Terminal() { close(m_fd); }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    const std::string& GetName() const { return m_name; }
+
+    /// Reads until the text has come. @return all that has come so far.
+    std::string ReadUntil(const std::string& text) {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        while (m_text.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            if (!ReadSome(100) && m_closed) break;
+        }
+        return m_text;
+    }
+
+    /// Everything, once no program has the terminal open any more.
+    std::string ReadToEnd() {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        while (!m_closed && std::chrono::steady_clock::now() < deadline) ReadSome(100);
+        return m_text;
+    }
+
+private:
+    bool ReadSome(int patience) {
+        pollfd wait{m_fd, POLLIN, 0};
+        if (poll(&wait, 1, patience) <= 0) return false;
+        std::array<char, 4096> buffer;
+        const ssize_t size = read(m_fd, buffer.data(), buffer.size());
+        m_closed = size <= 0;
+        if (size > 0) m_text.append(buffer.data(), static_cast<std::size_t>(size));
+        return size > 0;
+    }
+
+    const int m_fd;
+    std::string m_name;
+    std::string m_text;
+    bool m_closed = false;
+};
+
+// The program with its standard error on the terminal.
+std::unique_ptr<ChildProcess> StartOn(const Terminal& terminal, const ScriptedComputer& computer,
+                                      const std::string& arguments, const std::string& environment = "TERM=xterm") {
+    return std::make_unique<ChildProcess>(
+        Words{"sh", "-c", environment + " exec " + computer.ShellCommandLine(arguments) + " 2>" + terminal.GetName()});
+}
+
+TEST(Progress, IsShownOnATerminalAndWipedAfterwards) {
+    ScriptedComputer computer({"hold gige"});
+    Terminal terminal(80);
+    const auto list = StartOn(terminal, computer, "list --json");
+    EXPECT_THAT(terminal.ReadUntil("Discovering GigE cameras ... 0.3 s"),
+                HasSubstr("Discovering GigE cameras ... 0.3 s"));
+    computer.Do("release gige");
+    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
+    EXPECT_EQ(Json::parse(list->GetOutput()).size(), 2u);
+}
+
+TEST(Progress, IsWipedWhenASignalEndsTheProgram) {
+    const ScriptedComputer computer({"hold gige"});
+    Terminal terminal(80);
+    const auto list = StartOn(terminal, computer, "list");
+    terminal.ReadUntil("Discovering");
+    list->Signal(SIGINT);
+    EXPECT_EQ(list->WaitForExit(kDeadline), 128 + SIGINT);
+    EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
+}
+
+TEST(Progress, TellsWhoIsWaitedFor) {
+    ScriptedComputer computer({"usb 1 480 V M"});
+    Terminal terminal(80);
+    const auto list = StartOn(terminal, computer, "list --wait 1,2,3");
+    EXPECT_THAT(terminal.ReadUntil("Waiting for cameras 2 and 3 ... "), HasSubstr("Waiting for cameras 2 and 3 ... "));
+    computer.Do("usb 2 480 V M");
+    EXPECT_THAT(terminal.ReadUntil("Waiting for camera 3 ... "), HasSubstr("Waiting for camera 3 ... "));
+    computer.Do("usb 3 480 V M");
+    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
+}
+
+TEST(Progress, NeverWrapsInANarrowTerminal) {
+    const ScriptedComputer computer({"hold gige"});
+    Terminal terminal(12);
+    const auto list = StartOn(terminal, computer, "list");
+    EXPECT_THAT(terminal.ReadUntil("Discoveri"), HasSubstr("\r| Discoveri\033[K"));
+    list->Signal(SIGINT);
+    EXPECT_EQ(list->WaitForExit(kDeadline), 128 + SIGINT);
+}
+
+TEST(Progress, IsNotShownWhereItCannotBeWiped) {
+    ScriptedComputer computer;
+    Terminal terminal(80);
+    const auto list = StartOn(terminal, computer, "list --wait 9 --timeout 0.6", "TERM=dumb");
+    EXPECT_EQ(list->WaitForExit(kDeadline), 1);
+    EXPECT_THAT(terminal.ReadToEnd(), Not(HasSubstr("Waiting")));
+}
+
+TEST(Progress, IsNotShownInAPipe) {
+    const ProgramResult result = ScriptedComputer().Run({"list", "--wait", "9", "--timeout", "0.6"});
+    EXPECT_EQ(result.errors, "nimbrel list: after 0.6 s still missing: camera 9\n");
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Tool::Testing

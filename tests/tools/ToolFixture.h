@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// Runs the command line as users do, on scripted buses or on the real ones. One thread a test; no lock.
+#ifndef NIMBREL2_TESTS_TOOLS_TOOLFIXTURE_H
+#define NIMBREL2_TESTS_TOOLS_TOOLFIXTURE_H
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/ChildProcess.h"
+
+namespace Nimbrel2::Tool::Testing {
+
+using Json = nlohmann::ordered_json;
+using Words = std::vector<std::string>;
+using Nimbrel2::Testing::ChildProcess;
+using Nimbrel2::Testing::ProgramResult;
+
+/// Longer than anything takes on a busy machine, and the end of a test that goes wrong.
+constexpr std::chrono::seconds kDeadline{30};
+/// What a user may wait for the end after Ctrl-C.
+constexpr std::chrono::milliseconds kPromptly{1000};
+
+/// The program on the buses of this computer.
+std::string RealProgram();
+
+/// A computer whose buses a script plays: lines before the program starts, and more while it runs.
+class ScriptedComputer {
+public:
+    /// @throws std::system_error
+    explicit ScriptedComputer(const Words& lines = {});
+    ~ScriptedComputer();
+
+    ScriptedComputer(const ScriptedComputer&) = delete;
+    ScriptedComputer& operator=(const ScriptedComputer&) = delete;
+
+    /// Something happens on the buses.
+    void Do(const std::string& line);
+
+    /// The words that run the program on this computer.
+    Words CommandLine(const Words& arguments) const;
+    /// The same as a shell takes them.
+    std::string ShellCommandLine(const std::string& arguments) const;
+
+    std::unique_ptr<ChildProcess> Start(const Words& arguments) const;
+    ProgramResult Run(const Words& arguments) const;
+    /// With variables of the environment, "NAME=value".
+    ProgramResult RunWith(const Words& environment, const Words& arguments) const;
+
+private:
+    std::string m_folder;
+    std::string m_script;
+    int m_fd = -1;
+};
+
+/// Sends a signal and measures how long the program takes to end. @return its exit status.
+int EndBy(int signal, ChildProcess& program, std::chrono::milliseconds* took);
+
+/// The complete lines of a text, parsed as a JSON object each.
+std::vector<Json> ParseLines(const std::string& text);
+
+/// Lines without their line feeds.
+Words Lines(const std::string& text);
+
+}  // namespace Nimbrel2::Tool::Testing
+
+#endif

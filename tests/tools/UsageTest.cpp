@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the command line says to those who use it wrongly or ask it for help.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/tools/ToolFixture.h"
+
+namespace Nimbrel2::Tool::Testing {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+struct WrongUsage {
+    const char* name;
+    Words arguments;
+    Words named;  ///< What the message must name.
+};
+
+class Usage : public ::testing::TestWithParam<WrongUsage> {};
+
+TEST_P(Usage, IsRefusedWithTheOptionAndTheValueNamed) {
+    const ProgramResult result = Nimbrel2::Testing::RunProgram([] {
+        Words words{RealProgram()};
+        words.insert(words.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+        return words;
+    }());
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors, StartsWith("nimbrel"));
+    for (const std::string& word : GetParam().named) EXPECT_THAT(result.errors, HasSubstr(word));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Wrong, Usage,
+    ::testing::Values(
+        WrongUsage{"NoCommand", {}, {"command", "--help"}}, WrongUsage{"MisspeltCommand", {"lsit"}, {"lsit"}},
+        WrongUsage{"TwoCommands", {"list", "watch"}, {"watch"}},
+        WrongUsage{"UnknownOption", {"list", "--jsno"}, {"list", "--jsno"}},
+        WrongUsage{"UnexpectedWord", {"watch", "19340211"}, {"19340211"}},
+        WrongUsage{"UnknownBus", {"list", "--bus", "can"}, {"--bus", "\"can\"", "1394, usb, gige"}},
+        WrongUsage{"TwoBusesAfterOneOption", {"list", "--bus", "usb", "gige"}, {"gige"}},
+        WrongUsage{"ValueMissing", {"list", "--discovery-window"}, {"--discovery-window"}},
+        WrongUsage{
+            "WindowTooShort", {"list", "--discovery-window", "0.009"}, {"--discovery-window", "\"0.009\"", "0.01 s"}},
+        WrongUsage{
+            "WindowTooLong", {"watch", "--discovery-window", "60.1"}, {"--discovery-window", "\"60.1\"", "60 s"}},
+        WrongUsage{"WindowWithComma", {"list", "--discovery-window", "0,2"}, {"--discovery-window", "\"0,2\""}},
+        WrongUsage{"WindowNotANumber", {"list", "--discovery-window", "nan"}, {"--discovery-window", "\"nan\""}},
+        WrongUsage{"WindowInfinite", {"list", "--discovery-window", "inf"}, {"--discovery-window", "\"inf\""}},
+        WrongUsage{"WindowNegative", {"list", "--discovery-window", "-1"}, {"--discovery-window", "\"-1\""}},
+        WrongUsage{"WindowTwice",
+                   {"list", "--discovery-window", "1", "--discovery-window", "2"},
+                   {"--discovery-window", "\"1\"", "\"2\""}},
+        WrongUsage{"InterfaceEmpty", {"list", "--interface", ""}, {"--interface", "\"\""}},
+        WrongUsage{"WaitForNoNumber", {"list", "--wait", "17,GV01"}, {"--wait", "\"GV01\""}},
+        WrongUsage{"WaitForNobody", {"list", "--wait", "17,"}, {"--wait", "\"\""}},
+        WrongUsage{"WaitForTooLargeANumber", {"list", "--wait", "4294967296"}, {"--wait", "4294967296"}},
+        WrongUsage{"TimeoutWithoutWait", {"list", "--timeout", "3"}, {"--timeout", "--wait"}},
+        WrongUsage{"TimeoutOfLetters", {"list", "--wait", "1", "--timeout", "soon"}, {"--timeout", "\"soon\""}},
+        WrongUsage{"CountOfZero", {"watch", "--count", "0"}, {"--count", "\"0\""}},
+        WrongUsage{"CountNegative", {"watch", "--count", "-3"}, {"--count", "\"-3\""}},
+        WrongUsage{"DurationNegative", {"watch", "--duration", "-3"}, {"--duration", "\"-3\""}}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(UsageMessage, ShowsNoControlCharactersOfTheValue) {
+    const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "list", "--bus", "\x1b[2J\x9b"});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("--bus"), ::testing::Not(HasSubstr("\x1b")), ::testing::Not(HasSubstr("\x9b"))));
+}
+
+class Help : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
+    Words words{RealProgram()};
+    if (*GetParam() != '\0') words.emplace_back(GetParam());
+    words.emplace_back("--help");
+    const ProgramResult result = Nimbrel2::Testing::RunProgram(words);
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(result.errors, IsEmpty());
+    EXPECT_THAT(result.output, AllOf(HasSubstr("Exit status:"), HasSubstr("Examples:"), HasSubstr("--help")));
+    for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), 80u) << line;
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, Help, ::testing::Values("", "list", "watch"), [](const auto& test) {
+    return *test.param == '\0' ? std::string("program") : std::string(test.param);
+});
+
+TEST(Version, IsPrintedAlone) {
+    const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "--version"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, "nimbrel " NIMBREL2_VERSION "\n");
+    EXPECT_THAT(result.errors, IsEmpty());
+}
+
+TEST(Interface, ThatTheComputerDoesNotHaveFailsAndNamesThoseItHas) {
+    const ProgramResult result = ScriptedComputer().Run({"list", "--interface", "nosuch0"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("--interface"), HasSubstr("\"nosuch0\""), HasSubstr("lo")));
+}
+
+std::string OptionsOf(const Words& arguments) {
+    const ProgramResult result = ScriptedComputer({"tell options"}).Run(arguments);
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    return result.errors;
+}
+
+TEST(Options, ReachThePlatform) {
+    EXPECT_EQ(OptionsOf({"list"}), "options: 1394=linux usb=linux gige=linux interfaces= window=1000\n");
+    EXPECT_EQ(OptionsOf({"list", "--bus", "gige", "--interface", "lo", "--interface", "lo"}),
+              "options: 1394=none usb=none gige=linux interfaces=lo, window=1000\n");
+    EXPECT_EQ(OptionsOf({"list", "--bus", "1394", "--bus=usb", "--discovery-window", "0.25"}),
+              "options: 1394=linux usb=linux gige=none interfaces= window=250\n");
+    EXPECT_EQ(OptionsOf({"list", "--discovery-window", "60"}),
+              "options: 1394=linux usb=linux gige=linux interfaces= window=60000\n");
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Tool::Testing

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the bus master lists, as values that commands print. Any thread; each look-up waits while the lists are rebuilt.
+#ifndef NIMBREL2_TOOLS_NIMBREL_CAMERAS_H
+#define NIMBREL2_TOOLS_NIMBREL_CAMERAS_H
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "busmaster/BusMaster.h"
+
+namespace Nimbrel2::Tool {
+
+/// Objects keep the order in which their members are added.
+using Json = nlohmann::ordered_json;
+
+/// One camera. Its texts are the camera's own, so they may hold anything.
+struct Camera {
+    unsigned int index = 0;
+    ZevoGuid guid;
+    std::uint32_t serialNumber = 0;
+    std::string serialText;
+    InterfaceType interfaceType = INTERFACE_IEEE1394;
+    std::string vendor;
+    std::string model;
+    IPAddress ip;  ///< GigE only.
+
+    bool IsGigE() const { return interfaceType == INTERFACE_GIGE; }
+};
+
+/// One IEEE 1394 node that is no camera.
+struct Device {
+    unsigned int index = 0;
+    ZevoGuid guid;
+    InterfaceType interfaceType = INTERFACE_IEEE1394;
+};
+
+/// The lists as they are now. A camera that leaves meanwhile is left out, or listed with its texts empty.
+/// @throws CommandError with the bus master's error.
+std::vector<Camera> ListCameras(BusMaster& busMaster);
+std::vector<Device> ListDevices(BusMaster& busMaster);
+
+/// Four groups of eight lower-case hexadecimal digits joined by `-`.
+std::string FormatGuid(const ZevoGuid& guid);
+/// The dotted form.
+std::string FormatIp(const IPAddress& ip);
+/// `1394`, `USB2`, `USB3` or `GigE`.
+std::string FormatInterface(InterfaceType type);
+
+Json ToJson(const Camera& camera);
+Json ToJson(const Device& device);
+
+/// JSON in ASCII, one line unless indent is positive: valid whatever bytes the texts hold, harmless to any terminal.
+std::string Dump(const Json& json, int indent = -1);
+
+/// @throws CommandError with the error's description, unless it is ERROR_OK.
+void Check(const Error& error);
+
+}  // namespace Nimbrel2::Tool
+
+#endif

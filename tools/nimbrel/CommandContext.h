@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the commands share: common options, the action that the command line asks for, output, the bus master.
+// Main thread only; no lock.
+#ifndef NIMBREL2_TOOLS_NIMBREL_COMMANDCONTEXT_H
+#define NIMBREL2_TOOLS_NIMBREL_COMMANDCONTEXT_H
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "busmaster/BusMaster.h"
+#include "platform/Platform.h"
+#include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Output.h"
+
+namespace Nimbrel2::Tool {
+
+/// The bus master while a command uses it. Its end is the bus master's: callbacks are over when it returns.
+using BusMasterSession = std::unique_ptr<BusMaster, void (*)(BusMaster*)>;
+
+class CommandContext {
+public:
+    CommandContext() = default;
+    CommandContext(const CommandContext&) = delete;
+    CommandContext& operator=(const CommandContext&) = delete;
+
+    // ---- While the command line is declared ------------------------------------------------------------------------
+
+    /// A subcommand that runs the action when it is the one asked for.
+    CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
+                         std::function<int()> action);
+
+    /// `--json`.
+    void AddJsonOption(CLI::App& command, const std::string& description);
+    /// `--interface`, `--bus`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that start the bus
+    /// master.
+    void AddBusOptions(CLI::App& command);
+
+    enum class Times { Once, Repeatable };
+    /// An option that takes one text each time it is given. The parser throws CommandError for a text it refuses.
+    static void AddValue(CLI::App& command, const std::string& name, const std::string& placeholder,
+                         const std::string& description, std::function<void(const std::string&)> parser,
+                         Times times = Times::Once);
+
+    // ---- After it was parsed ---------------------------------------------------------------------------------------
+
+    void SetAction(std::function<int()> action) { m_action = std::move(action); }
+    /// What the command line asks for; empty before it was parsed.
+    const std::function<int()>& GetAction() const { return m_action; }
+
+    bool WantsJson() const { return m_json; }
+    Output& GetOutput() { return m_output; }
+
+    /// Writes a command's result. @throws CommandError. A reader that has gone is no error: nobody wants the rest.
+    void Print(const std::string& text);
+
+    /// Configures the platform from the options, makes the bus master and lists everything once, which takes the
+    /// discovery window, with progress on a terminal.
+    /// @param unlessGiven  The discovery window when the user has not chosen one.
+    /// @throws CommandError when an interface does not exist, or with the bus master's error.
+    BusMasterSession StartBusMaster(std::chrono::milliseconds unlessGiven = Platform::Options().discoveryWindow);
+
+    /// Says on standard error which buses cannot be searched; to the bus master they merely have no cameras.
+    /// @return whether all can. @throws CommandError.
+    bool CheckBuses(BusMaster& busMaster) const;
+
+    /// Runs everything on that rig from here on, in place of what --rig and --demo say.
+    void UseRig(std::shared_ptr<Platform::Rig> rig) { m_rig = std::move(rig); }
+    /// The rig that the command runs on; null: this computer.
+    const std::shared_ptr<Platform::Rig>& GetRig() const { return m_rig; }
+
+    bool UsesBus(const std::string& name) const;
+    /// "IEEE 1394, USB and GigE": the buses that are looked at.
+    std::string DescribeBuses() const;
+    /// What GigE looks at: the named network interfaces, or else all those that are up except loopback.
+    std::vector<std::string> GetNetworkInterfaces() const;
+
+private:
+    Platform::Options MakePlatformOptions(std::chrono::milliseconds unlessGiven) const;
+    void LoadRig();
+
+    bool m_json = false;
+    bool m_virtual = false;
+    std::vector<std::string> m_interfaces;
+    std::vector<std::string> m_buses;
+    std::optional<std::chrono::milliseconds> m_discoveryWindow;
+    std::optional<std::string> m_rigFile;
+    bool m_demo = false;
+    std::shared_ptr<Platform::Rig> m_rig;
+    std::function<int()> m_action;
+    Output m_output;
+};
+
+}  // namespace Nimbrel2::Tool
+
+#endif

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// Signal handlers. They run on any thread, in the middle of anything: atomics and async-signal-safe calls only.
+#include "tools/nimbrel/Interrupts.h"
+
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+namespace Nimbrel2::Tool::Interrupts {
+namespace {
+
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr long kPatienceNanoseconds = 700'000'000;
+
+std::atomic<int> g_caughtFd{-1};
+std::atomic<bool> g_progressShown{false};
+timer_t g_watchdog;
+
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+void EndBySignal(int number) {
+    if (g_progressShown) {
+        constexpr char kWipe[] = "\r\033[K";
+        if (write(STDERR_FILENO, kWipe, sizeof kWipe - 1) < 0) {
+            // A terminal that takes nothing any more shows nothing either.
+        }
+    }
+    signal(number, SIG_DFL);
+    raise(number);  // takes effect when the handler returns and the signal is no longer blocked
+}
+
+void OnSignal(int number) {
+    const int savedErrno = errno;
+    const int fd = g_caughtFd;
+    if (fd < 0) {
+        EndBySignal(number);
+    } else {
+        // Armed here and not by whoever reads the descriptor: that thread may be stuck.
+        itimerspec patience{};
+        patience.it_value.tv_nsec = kPatienceNanoseconds;
+        timer_settime(g_watchdog, 0, &patience, nullptr);
+        const std::uint64_t one = 1;
+        if (write(fd, &one, sizeof one) < 0) {
+            // Only a full counter refuses it, and that is readable already.
+        }
+    }
+    errno = savedErrno;
+}
+
+void OnWatchdog(int) { _exit(0); }
+
+void Handle(int number, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+void Install() {
+    struct sigaction hangUp {};
+    sigaction(SIGHUP, nullptr, &hangUp);
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (const int number : kEndingSignals) {
+        if (number == SIGHUP && hangUp.sa_handler == SIG_IGN) continue;
+        Handle(number, OnSignal);
+        sigaddset(&handled, number);
+    }
+    Handle(SIGPIPE, SIG_IGN);
+    // Whoever started the program may have blocked them.
+    pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
+}
+
+int Catch() {
+    if (g_caughtFd >= 0) return g_caughtFd;
+    Handle(SIGALRM, OnWatchdog);
+    sigevent expiry{};
+    expiry.sigev_notify = SIGEV_SIGNAL;
+    expiry.sigev_signo = SIGALRM;
+    if (timer_create(CLOCK_MONOTONIC, &expiry, &g_watchdog) != 0) {
+        throw std::system_error(errno, std::generic_category(), "timer_create");
+    }
+    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    g_caughtFd = fd;
+    return fd;
+}
+
+void SetProgressShown(bool shown) { g_progressShown = shown; }
+
+}  // namespace Nimbrel2::Tool::Interrupts

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+// Writing to standard output and standard error. Main thread only; no lock.
+#include "tools/nimbrel/Output.h"
+
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+
+#include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Text.h"
+
+namespace Nimbrel2::Tool {
+
+Output::Result Output::WaitForReader() {
+    std::array<pollfd, 2> waits{{{STDOUT_FILENO, POLLOUT, 0}, {m_interrupt, POLLIN, 0}}};
+    while (poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno != EINTR) return Result::Written;  // the write will tell what is wrong
+    }
+    // Room goes first: an interrupted command may still say what it has to say.
+    return waits[0].revents != 0 ? Result::Written : Result::Interrupted;
+}
+
+Output::Result Output::Write(const std::string& text) {
+    std::string_view left = text;
+    while (!left.empty()) {
+        if (WaitForReader() == Result::Interrupted) return Result::Interrupted;
+        // A pipe that poll calls writable takes this much without making the writer wait.
+        const ssize_t written = write(STDOUT_FILENO, left.data(), std::min<std::size_t>(left.size(), PIPE_BUF));
+        if (written >= 0) {
+            left.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EPIPE) {
+            return Result::ReaderGone;
+        } else if (errno != EINTR && errno != EAGAIN) {
+            throw CommandError("standard output cannot be written: " + std::generic_category().message(errno));
+        }
+    }
+    return Result::Written;
+}
+
+void WriteError(const std::string& text) {
+    const std::string shown = ForTerminal(text, Lines::Kept);
+    std::string_view left = shown;
+    while (!left.empty()) {
+        const ssize_t written = write(STDERR_FILENO, left.data(), left.size());
+        if (written < 0 && errno != EINTR) return;
+        if (written > 0) left.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace Nimbrel2::Tool

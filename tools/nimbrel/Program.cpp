@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+// Declares the commands, parses the command line and turns failures into messages and exit statuses. Main thread only.
+#include "tools/nimbrel/Program.h"
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "tools/nimbrel/CommandContext.h"
+#include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/ListCommand.h"
+#include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/RigCommand.h"
+#include "tools/nimbrel/SimulateCommand.h"
+#include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/WatchCommand.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+const char kDescription[] = "Finds and watches machine-vision cameras on IEEE 1394, USB and GigE.";
+
+const char kFooter[] =
+    R"(`nimbrel COMMAND --help` tells more about each command.
+
+Exit status:
+  0  Done.
+  1  The operation failed; standard error says why.
+  2  Wrong usage; standard error names the option and the value.
+
+Examples:
+  nimbrel list                    what is attached
+  nimbrel list --demo             on the built-in simulated computer
+  nimbrel list --interface lo     on loopback, where simulated cameras live
+  nimbrel watch --json            what happens, for a program to read
+)";
+
+// "nimbrel list" once a subcommand is known.
+std::string ProgramName(const CLI::App& app) {
+    const auto chosen = app.get_subcommands();
+    return app.get_name() + (chosen.empty() ? "" : " " + chosen.front()->get_name());
+}
+
+int Complain(const CLI::App& app, const std::string& text, ExitStatus status) {
+    const std::string name = ProgramName(app);
+    WriteError(name + ": " + text + "\n" + (status == kUsage ? "`" + name + " --help` tells what is possible.\n" : ""));
+    return status;
+}
+
+void Declare(CLI::App& app, CommandContext& context) {
+    app.set_version_flag("--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
+    app.set_help_flag("-h,--help", "Print this help and end.");
+    app.require_subcommand(0, 1);  // that one is there is checked below, or a misspelt one would go unnamed
+    app.footer(kFooter);
+    app.get_formatter()->column_width(29);
+    AddListCommand(app, context);
+    AddWatchCommand(app, context);
+    AddRigCommand(app, context);
+    AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
+}
+
+int Run(CLI::App& app, CommandContext& context, int argc, const char* const* argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        context.Print(app.help());
+        return kDone;
+    } catch (const CLI::CallForVersion&) {
+        context.Print(app.version() + "\n");
+        return kDone;
+    } catch (const CLI::ParseError& error) {
+        return Complain(app, error.what(), kUsage);
+    }
+    if (!context.GetAction()) return Complain(app, "a command is needed", kUsage);
+    return context.GetAction()();
+}
+
+}  // namespace
+
+int RunProgram(int argc, const char* const* argv) {
+    Interrupts::Install();
+    CLI::App app(kDescription, "nimbrel");
+    try {
+        UseLocaleOfUser();
+        CommandContext context;
+        Declare(app, context);
+        return Run(app, context, argc, argv);
+    } catch (const CommandError& error) {
+        return Complain(app, error.what(), error.GetStatus());
+    } catch (const std::exception& error) {
+        return Complain(app, error.what(), kFailed);
+    }
+}
+
+}  // namespace Nimbrel2::Tool

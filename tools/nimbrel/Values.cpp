@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reads and writes values of options. Pure.
+#include "tools/nimbrel/Values.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <optional>
+
+#include "tools/nimbrel/CommandError.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+using std::chrono::milliseconds;
+
+CommandError Refusal(const std::string& option, const std::string& text, const std::string& wanted) {
+    return CommandError(option + ": \"" + text + "\" is not " + wanted, kUsage);
+}
+
+// Digits only: from_chars takes a minus sign for what it is, even before an unsigned number's digits.
+template <class Number>
+std::optional<Number> WholeNumber(const std::string& text) {
+    Number number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+}  // namespace
+
+milliseconds ParseSeconds(const std::string& option, const std::string& text, milliseconds smallest,
+                          milliseconds largest) {
+    const CommandError refusal = Refusal(
+        option, text,
+        "a time from " + FormatSeconds(smallest) + " to " + FormatSeconds(largest) + " in seconds, such as 0.2");
+    const bool hasDigits = text.find_first_of("0123456789") != std::string::npos;
+    if (!hasDigits || text.find_first_not_of("0123456789.") != std::string::npos) throw refusal;
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size()) throw refusal;
+    const double rounded = std::round(seconds * 1000);
+    if (rounded < static_cast<double>(smallest.count()) || rounded > static_cast<double>(largest.count())) {
+        throw refusal;
+    }
+    return milliseconds(static_cast<milliseconds::rep>(rounded));
+}
+
+std::uint64_t ParseCount(const std::string& option, const std::string& text) {
+    const auto count = WholeNumber<std::uint64_t>(text);
+    if (!count || *count == 0) throw Refusal(option, text, "a whole number from 1 up");
+    return *count;
+}
+
+std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text) {
+    std::vector<std::uint32_t> serials;
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find(',', begin), text.size());
+        const std::string word = text.substr(begin, end - begin);
+        const auto serial = WholeNumber<std::uint32_t>(word);
+        if (!serial) throw Refusal(option, word, "a serial number, which is a number from 0 to 4294967295");
+        if (std::find(serials.begin(), serials.end(), *serial) == serials.end()) serials.push_back(*serial);
+        begin = end + 1;
+    }
+    return serials;
+}
+
+std::string FormatSeconds(milliseconds time) {
+    std::string text = std::to_string(time.count() / 1000);
+    std::string decimals = std::to_string(1000 + time.count() % 1000).substr(1);
+    decimals.erase(decimals.find_last_not_of('0') + 1);
+    return text + (decimals.empty() ? "" : "." + decimals) + " s";
+}
+
+std::string Enumerate(const std::vector<std::string>& words) {
+    std::string text;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (i != 0) text += i + 1 == words.size() ? " and " : ", ";
+        text += words[i];
+    }
+    return text;
+}
+
+}  // namespace Nimbrel2::Tool

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+// Values of options, from text. Pure.
+#ifndef NIMBREL2_TOOLS_NIMBREL_VALUES_H
+#define NIMBREL2_TOOLS_NIMBREL_VALUES_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Nimbrel2::Tool {
+
+/// A decimal number of seconds within bounds, to the millisecond. "0.2" and "60" are some; signs, exponents, commas and
+/// blanks are not.
+/// @throws CommandError (wrong usage) that names the option and the value.
+std::chrono::milliseconds ParseSeconds(const std::string& option, const std::string& text,
+                                       std::chrono::milliseconds smallest, std::chrono::milliseconds largest);
+
+/// A decimal number from 1 up. @throws CommandError as above.
+std::uint64_t ParseCount(const std::string& option, const std::string& text);
+
+/// Serial numbers separated by commas, each once, in the order given. @throws CommandError as above.
+std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text);
+
+/// "0.2 s": without zeros at the end.
+std::string FormatSeconds(std::chrono::milliseconds time);
+
+/// "a", "a and b", "a, b and c".
+std::string Enumerate(const std::vector<std::string>& words);
+
+}  // namespace Nimbrel2::Tool
+
+#endif

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+// `nimbrel watch`: prints what the bus master calls back. The callbacks only queue; this thread, the main one, prints.
+// No lock.
+#include "tools/nimbrel/WatchCommand.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/nimbrel/EventPrinter.h"
+#include "tools/nimbrel/EventQueue.h"
+#include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/Values.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLongestDuration = std::chrono::hours(24 * 365);
+
+const char kFooter[] =
+    R"(Prints a line for each event until Ctrl-C, SIGTERM, --count, --duration or a
+reader that goes away ends it. A line on standard error says from when on the
+buses are watched. Events of one instant come in no particular order.
+
+Exit status:
+  0  It watched, and was ended by one of these.
+  1  It failed; standard error says why.
+  2  Wrong usage; standard error names the option and the value.
+  A signal that comes before the first discovery is over ends it at once
+  (Ctrl-C: status 130).
+
+JSON: {"event":"reset"|"arrival"|"removal","serial","generation","time"}, one
+object a line. "generation" counts how often that camera has come and gone since
+the start; "time" is UTC. Resets have serial 0 and generation 0.
+
+Examples:
+  nimbrel watch                                   until Ctrl-C
+  nimbrel watch --bus gige --interface eth1 --json >>cameras.log
+  nimbrel watch --duration 60                     for a minute, then end
+  nimbrel watch --count 1                         until the next event
+)";
+
+class WatchCommand {
+public:
+    explicit WatchCommand(CommandContext& context) : m_context(context) {}
+
+    void AddOptions(CLI::App& command) {
+        m_context.AddJsonOption(command, "Print one JSON object a line.");
+        CommandContext::AddValue(command, "--count", "N", "End after so many events.",
+                                 [this](const std::string& text) { m_count = ParseCount("--count", text); });
+        CommandContext::AddValue(command, "--duration", "SECONDS", "End so long after watching began.",
+                                 [this](const std::string& text) {
+                                     m_duration = ParseSeconds("--duration", text, milliseconds(0), kLongestDuration);
+                                 });
+        m_context.AddBusOptions(command);
+    }
+
+    int Run() {
+        EventQueue events;  // outlives the bus master, which calls it back
+        const BusMasterSession busMaster = m_context.StartBusMaster();
+        m_interrupt = Interrupts::Catch();
+        m_context.GetOutput().SetInterrupt(m_interrupt);
+        m_context.CheckBuses(*busMaster);
+        events.Register(*busMaster);
+        EventPrinter printer(m_context, *busMaster);
+        const std::size_t present = printer.GetNumCameras();
+        WriteError("Watching " + m_context.DescribeBuses() + ": " + std::to_string(present) +
+                   (present == 1 ? " camera" : " cameras") + " now. Ctrl-C ends.\n");
+        if (m_duration) m_end = Clock::now() + *m_duration;
+        while (PrintEvents(events, printer) && WaitForEvent(events)) {
+        }
+        return kDone;
+    }
+
+private:
+    // False when it is time to end.
+    bool PrintEvents(EventQueue& events, EventPrinter& printer) {
+        while (const std::optional<BusEvent> event = events.Take()) {
+            if (!printer.Print(*event) || ++m_printed == m_count) return false;
+        }
+        if (const std::uint64_t lost = events.TakeLost()) {
+            WriteError("nimbrel watch: " + std::to_string(lost) +
+                       " events were not printed: standard output was not read in time.\n");
+        }
+        return true;
+    }
+
+    // False when it is time to end: by a signal, by --duration, or because nobody reads any more.
+    bool WaitForEvent(EventQueue& events) const {
+        // No events asked for: an error or hang-up is always told.
+        std::array<pollfd, 3> waits{{{events.GetFd(), POLLIN, 0}, {m_interrupt, POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
+        int patience = -1;
+        if (m_end) {
+            const auto left = std::chrono::ceil<milliseconds>(*m_end - Clock::now());
+            if (left.count() <= 0) return false;
+            patience = static_cast<int>(std::min<milliseconds::rep>(left.count(), 1'000'000'000));
+        }
+        if (poll(waits.data(), waits.size(), patience) <= 0) return true;
+        return waits[1].revents == 0 && (waits[2].revents & (POLLERR | POLLHUP)) == 0;
+    }
+
+    CommandContext& m_context;
+    std::uint64_t m_count = 0;  // 0: without end
+    std::optional<milliseconds> m_duration;
+    std::optional<Clock::time_point> m_end;
+    std::uint64_t m_printed = 0;
+    int m_interrupt = -1;
+};
+
+}  // namespace
+
+void AddWatchCommand(CLI::App& app, CommandContext& context) {
+    const auto watch = std::make_shared<WatchCommand>(context);
+    CLI::App* command = context.AddCommand(app, "watch", "Prints what happens to the cameras, as it happens.",
+                                           [watch] { return watch->Run(); });
+    watch->AddOptions(*command);
+    command->footer(kFooter);
+}
+
+}  // namespace Nimbrel2::Tool
