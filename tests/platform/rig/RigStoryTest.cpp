@@ -87,6 +87,8 @@ protected:
         m_busMaster->RegisterCallback(&Record::OnReset, BUS_RESET, &m_record, &handle);
         m_busMaster->RegisterCallback(&Record::OnArrival, ARRIVAL, &m_record, &handle);
         m_busMaster->RegisterCallback(&Record::OnRemoval, REMOVAL, &m_record, &handle);
+        // A rescan asked for before the worker first idles is lost, as it may be.
+        ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
     }
 
     void Settle() {
