@@ -322,6 +322,21 @@ TEST_F(GigEHostile, PendingAcknowledgesAreHonouredUpToASecond) {
     EXPECT_LT(Since(start), 1100ms);
 }
 
+TEST_F(GigEHostile, APendingAcknowledgeThatAsksForNoTimeTakesNone) {
+    HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
+        if (BehaveInDiscovery(device, request)) return;
+        device.Answer(request, Platform::Gvcp::EncodePendingAck(request.header.requestId, 0).GetBytes());
+        device.Pause(20ms);
+        device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 2u);
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
+    EXPECT_EQ(value, 0x600Du);
+}
+
 TEST_F(GigEHostile, EndlessPendingAcknowledgesEnd) {
     std::atomic<bool> begun{false};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
@@ -342,6 +357,27 @@ TEST_F(GigEHostile, EndlessPendingAcknowledgesEnd) {
     EXPECT_EQ(cameras[1]->ReadRegister(0x938, &value), HAL_TIMED_OUT);
     EXPECT_GE(Since(start), 990ms);
     EXPECT_LT(Since(start), 1200ms);
+}
+
+TEST_F(GigEHostile, EverNewCamerasDoNotDrawTheFirstListingOut) {
+    std::atomic<bool> begun{false};
+    HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
+        if (!request.Is(MessageId::DiscoveryCmd) || begun.exchange(true)) return;
+        device.InBackground([&device, request] {
+            // Slowly enough that none of them is too much, and always one that has not been asked to the end.
+            for (std::uint32_t i = 0; !device.IsStopping(); ++i) {
+                const Request now = LastBroadcast(device, request);
+                const auto ip = Ip("192.168.77.0") + 110 + i % 100;
+                device.Answer(now, HostileDevice::DiscoveryAck(now, 0x066600000000 + i, ip));
+                device.Pause(20ms);
+            }
+        });
+    });
+    m_window = 2s;
+    Start({});
+    const auto start = Clock::now();
+    EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
+    EXPECT_LT(Since(start), 3900ms) << "3 s are the limit, and with 3 s more after the window it would be 5 s";
 }
 
 TEST_F(GigEHostile, FloodsLoseNoCameraAndHoldNothingUp) {
