@@ -149,11 +149,13 @@ private:
 
     // CoreMonitor.cpp
     void MonitorLoop();
+    void MonitorTurn();
     TimePoint DoWhatIsDue();
     void SendBroadcast(Interface& interface, TimePoint now);  // m_mutex is held
     void SendProbes(const std::vector<Probe>& probes);
     bool TakesAnswer(const Interface& interface, std::uint32_t from, std::uint16_t id, const CameraKey& key,
                      TimePoint now);  // m_mutex is held
+    void OnAcknowledge(UdpPort& port, std::uint32_t from, std::span<const std::uint8_t> bytes);
     void OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::uint16_t id, const GvcpDiscoveryRecord& record);
     void ReportChanges();  // m_mutex is held
 
