@@ -178,6 +178,35 @@ public:
         return found ? result : static_cast<std::uint32_t>(HAL_GONE);
     }
 
+    std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
+        *diagnosis = GigEDiagnosis{};
+        if (m_state->stopped) {
+            return HAL_CLOSED;
+        }
+        *diagnosis = m_state->rig->WithGigE([&](GigEModel& model) {
+            return model.Diagnose(askControl, ApplicationPort, std::chrono::steady_clock::now());
+        });
+        return HAL_OK;
+    }
+
+    // Found out by a discovery, as the addresses are that it plans.
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
+        plans->clear();
+        const std::uint32_t status = m_state->Enter("HAL_GvcpDiscovery");
+        if (status != HAL_OK) {
+            return status;
+        }
+        return m_state->rig->WithGigE([&](GigEModel& model) -> std::uint32_t {
+            if (!model.HasInterfaceUp()) {
+                return HAL_NO_BUS;
+            }
+            *plans = model.PlanAddresses([&](const GvcpDiscoveryRecord& record) {
+                return !serialNumber || LeadingNumber(FieldText(record.serialNumber)) == *serialNumber;
+            });
+            return serialNumber && plans->empty() ? HAL_GONE : HAL_OK;
+        });
+    }
+
 private:
     const std::shared_ptr<RigDriverState> m_state;
     BusEventSink& m_sink;
