@@ -26,7 +26,7 @@ std::uint32_t Guarded(const Work& work) noexcept {
 }
 
 /// Closed is told before any argument is looked at, and a wrong argument before the call counts as one.
-/// @param function  The HAL function's name.
+/// @param function  The name of the function that the application has called.
 template <class Work>
 std::uint32_t InSession(const char* function, bool argumentsAreGood, const Work& work) noexcept {
     return Guarded([&]() -> std::uint32_t {

@@ -12,8 +12,8 @@
 namespace Nimbrel2::Platform {
 
 Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
-    Drivers drivers{
-        std::make_unique<EmptyFireWireBus>(), std::make_unique<EmptyUsbBus>(), std::make_unique<EmptyGigEBus>()};
+    Drivers drivers{std::make_unique<EmptyFireWireBus>(), std::make_unique<EmptyUsbBus>(),
+                    std::make_unique<EmptyGigEBus>()};
     if (options.gigE == Driver::Linux) {
         drivers.gigE = MakeLinuxGigEBus({options.networkInterfaces, options.discoveryWindow}, sinks.gigE);
     }

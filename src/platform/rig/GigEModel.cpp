@@ -3,6 +3,7 @@
 #include "platform/rig/GigEModel.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <set>
 #include <utility>
@@ -17,6 +18,23 @@ using Milliseconds = std::chrono::milliseconds;
 // one counts.
 constexpr Milliseconds TryTime{200};
 constexpr int Tries = 3;
+
+constexpr std::uint32_t Mtu = 1500;
+
+// Interfaces are numbered from 1, as the kernel does.
+int NumberOf(std::size_t interface) { return static_cast<int>(interface) + 1; }
+
+/// 0 when the subnet is full.
+std::uint32_t FindFreeAddress(const InterfaceAddress& subnet, const std::set<std::uint32_t>& taken) {
+    const std::uint32_t first = subnet.address & subnet.GetMask();
+    const std::uint32_t broadcast = first | ~subnet.GetMask();
+    for (std::uint32_t address = first + 1; address < broadcast; ++address) {
+        if (taken.count(address) == 0) {
+            return address;
+        }
+    }
+    return 0;
+}
 
 bool IsMask(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
@@ -239,27 +257,97 @@ std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::
     return static_cast<std::uint32_t>(exchange.answered ? HAL_OK : HAL_NO_ACKNOWLEDGE);
 }
 
-std::uint32_t GigEModel::AutoForceIp(Camera& camera) {
-    if (IsOnSubnet(camera)) {
-        return HAL_OK;
-    }
-    const NetworkInterfaceDescription& network = m_interfaces[camera.interface];
+InterfaceAddress GigEModel::AddressOf(std::size_t interface) const {
+    InterfaceAddress address;
+    address.address = m_interfaces[interface].address;
+    address.prefixLength = static_cast<std::uint8_t>(std::popcount(m_interfaces[interface].subnetMask));
+    return address;
+}
+
+std::vector<AddressPlan> GigEModel::PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const {
     std::set<std::uint32_t> taken;
-    for (const NetworkInterfaceDescription& other : m_interfaces) {
-        taken.insert(other.address);
+    for (const NetworkInterfaceDescription& network : m_interfaces) {
+        taken.insert(network.address);
     }
-    for (const Camera& other : m_cameras) {
-        taken.insert(other.registers->GetAddress());
-        taken.insert(other.registers->GetGateway());
+    for (const Camera& camera : m_cameras) {
+        taken.insert(camera.registers->GetAddress());
+        taken.insert(camera.registers->GetGateway());
     }
-    const std::uint32_t subnet = network.address & network.subnetMask;
-    const std::uint32_t broadcast = subnet | ~network.subnetMask;
-    for (std::uint32_t address = subnet + 1; address < broadcast; ++address) {
-        if (taken.count(address) == 0) {
-            return ForceIp(camera.registers->GetMac(), address, network.subnetMask, 0);
+    std::vector<AddressPlan> plans;
+    for (const Camera* camera : Heard()) {
+        AddressPlan plan;
+        plan.record = camera->registers->GetDiscoveryRecord();
+        if (!wanted(plan.record)) {
+            continue;
         }
+        plan.interface = NumberOf(camera->interface);
+        plan.interfaceName = m_interfaces[camera->interface].name;
+        plan.interfaceAddress = AddressOf(camera->interface);
+        plan.alreadyRight = IsOnSubnet(*camera);
+        if (!plan.alreadyRight) {
+            plan.newIp = FindFreeAddress(plan.interfaceAddress, taken);
+            plan.newMask = plan.newIp == 0 ? 0 : plan.interfaceAddress.GetMask();
+            plan.status = plan.newIp == 0 ? HAL_FAILED : HAL_OK;
+            taken.insert(plan.newIp);
+        }
+        plans.push_back(plan);
     }
-    return HAL_FAILED;  // the subnet is full
+    return plans;
+}
+
+ControlInfo GigEModel::ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now) {
+    using namespace Gvcp::Register;
+    ControlInfo control;
+    camera.registers->ExpireControl(now);
+    std::uint32_t privilege = 0;
+    const Gvcp::Status status = camera.registers->Read(self, kControlChannelPrivilege, &privilege);
+    camera.registers->Touch(self, now);
+    if (status == Gvcp::Status::AccessDenied) {
+        control.state = ControlState::Exclusive;
+        return control;
+    }
+    if ((privilege & (Gvcp::Ccp::kControlAccess | Gvcp::Ccp::kExclusiveAccess)) == 0) {
+        control.state = ControlState::Free;
+        return control;
+    }
+    std::uint32_t port = 0;
+    camera.registers->Read(self, kPrimaryApplicationIpAddress, &control.ownerIp);
+    camera.registers->Read(self, kPrimaryApplicationPort, &port);
+    control.ownerPort = static_cast<std::uint16_t>(port);
+    const bool ours = camera.registers->GetPrimaryApplication() == self;
+    control.state = ours ? ControlState::Ours : ControlState::Controlled;
+    return control;
+}
+
+GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now) {
+    GigEDiagnosis diagnosis;
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        InterfaceDiagnosis entry;
+        entry.interface.index = NumberOf(i);
+        entry.interface.name = m_interfaces[i].name;
+        entry.interface.up = entry.interface.running = entry.used = m_interfaces[i].up;
+        entry.interface.broadcast = true;
+        entry.interface.mtu = Mtu;
+        entry.interface.addresses.push_back(AddressOf(i));
+        entry.reason = m_interfaces[i].up ? "" : "down";
+        entry.localPort = self;
+        diagnosis.interfaces.push_back(entry);
+    }
+    const std::vector<const Camera*> reached = Reached();
+    for (const Camera* heard : Heard()) {
+        Camera& camera = m_cameras[static_cast<std::size_t>(heard - m_cameras.data())];
+        CameraDiagnosis entry;
+        entry.record = camera.registers->GetDiscoveryRecord();
+        entry.interface = NumberOf(camera.interface);
+        entry.reachable = IsOnSubnet(camera);
+        entry.listed = entry.present = std::find(reached.begin(), reached.end(), heard) != reached.end();
+        entry.addressTaken = entry.reachable && !entry.listed;
+        if (askControl && entry.listed) {
+            entry.control = ControlOf(camera, {m_interfaces[camera.interface].address, self}, now);
+        }
+        diagnosis.cameras.push_back(entry);
+    }
+    return diagnosis;
 }
 
 }  // namespace Nimbrel2::Platform

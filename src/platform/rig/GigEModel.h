@@ -4,6 +4,7 @@
 #define NIMBREL2_PLATFORM_RIG_GIGEMODEL_H
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/Diagnostics.h"
 #include "platform/rig/RigDescription.h"
 #include "platform/simulated/gige/BootstrapRegisters.h"
 
@@ -67,8 +69,12 @@ public:
     /// FORCEIP by broadcast on every interface: HAL_NO_ACKNOWLEDGE when no camera with that MAC hears it, or when it is
     /// held.
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
-    /// Gives a camera that is heard and not reached a free address of its interface's subnet.
-    std::uint32_t AutoForceIp(Camera& camera);
+    /// What giving every camera that is heard, wanted and not on its subnet a free address would do, in the order of
+    /// Heard.
+    std::vector<AddressPlan> PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const;
+
+    /// Interfaces and the cameras that are heard on them. @param self  The port that this computer asks from.
+    GigEDiagnosis Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now);
 
     /// What becomes of one command to a camera.
     struct Exchange {
@@ -83,6 +89,8 @@ private:
     Camera* Find(const std::string& name);
     /// Whether it ever answers.
     static bool Answers(const Camera& camera);
+    InterfaceAddress AddressOf(std::size_t interface) const;
+    static ControlInfo ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now);
 
     std::vector<NetworkInterfaceDescription> m_interfaces;
     std::vector<Camera> m_cameras;

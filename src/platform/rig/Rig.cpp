@@ -378,11 +378,12 @@ std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecor
     }
     std::uint32_t first = HAL_OK;
     ChangeGigE([&] {
-        for (const GigEModel::Camera* heard : m_gigE.Heard()) {
-            if (!wanted(heard->registers->GetDiscoveryRecord())) {
-                continue;
+        for (const AddressPlan& plan : m_gigE.PlanAddresses(wanted)) {
+            const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
+            std::uint32_t status = plan.status;
+            if (plan.newIp != 0) {
+                status = m_gigE.ForceIp(mac, plan.newIp, plan.newMask, 0);
             }
-            const std::uint32_t status = m_gigE.AutoForceIp(*m_gigE.FindHeard(heard->registers->GetMac()));
             first = first == HAL_OK ? status : first;
         }
         return true;

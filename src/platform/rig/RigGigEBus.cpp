@@ -183,6 +183,34 @@ public:
         return found ? result : static_cast<std::uint32_t>(HAL_GONE);
     }
 
+    std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
+        *diagnosis = GigEDiagnosis{};
+        if (const std::uint32_t status = m_state->Check(); status != HAL_OK) {
+            return status;
+        }
+        *diagnosis = m_state->rig->WithGigE([&](GigEModel& model) {
+            return model.Diagnose(askControl, ApplicationPort, std::chrono::steady_clock::now());
+        });
+        return HAL_OK;
+    }
+
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
+        plans->clear();
+        const std::uint32_t status = m_state->Check();
+        if (status != HAL_OK) {
+            return status;
+        }
+        return m_state->rig->WithGigE([&](GigEModel& model) -> std::uint32_t {
+            if (!model.HasInterfaceUp()) {
+                return HAL_NO_BUS;
+            }
+            *plans = model.PlanAddresses([&](const GvcpDiscoveryRecord& record) {
+                return !serialNumber || LeadingNumber(FieldText(record.serialNumber)) == *serialNumber;
+            });
+            return serialNumber && plans->empty() ? HAL_GONE : HAL_OK;
+        });
+    }
+
 private:
     const std::shared_ptr<RigDriverState> m_state;
     BusEventSink& m_sink;

@@ -7,8 +7,8 @@
 namespace Nimbrel2::Testing {
 namespace {
 
-using Platform::GigE::ControlInfo;
-using Platform::GigE::ControlState;
+using Platform::ControlInfo;
+using Platform::ControlState;
 using Platform::Gvcp::MessageId;
 using Platform::Simulated::ControlOwner;
 using Platform::Simulated::ErrorRule;
