@@ -24,6 +24,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/ZevoGuid.h
     hal/HAL.h
     platform/Platform.h
+    platform/SimulatedComputer.h
     topology/TopologyNode.h)
 
 foreach(header IN LISTS NIMBREL2_PUBLIC_HEADERS)

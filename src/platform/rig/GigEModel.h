@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -69,14 +70,23 @@ public:
     /// Gives a camera that is heard and not reached a free address of its interface's subnet.
     std::uint32_t AutoForceIp(Camera& camera);
 
-    /// How long the camera takes to answer one command, none: it does not.
-    static std::optional<std::chrono::milliseconds> AnswerTime(const Camera& camera);
+    /// What becomes of one command to a camera.
+    struct Exchange {
+        std::chrono::milliseconds time{0};  ///< until the answer, or until it is waited for no longer
+        bool arrived = false;               ///< the camera heard it
+        bool answered = false;
+    };
+    /// Sends one, three times if need be, and draws what is lost. The draws of a rig are the same each time it plays.
+    Exchange Send(const Camera& camera);
 
 private:
     Camera* Find(const std::string& name);
+    /// Whether it ever answers.
+    static bool Answers(const Camera& camera);
 
     std::vector<NetworkInterfaceDescription> m_interfaces;
     std::vector<Camera> m_cameras;
+    std::minstd_rand m_random;
 };
 
 }  // namespace Nimbrel2::Platform
