@@ -23,7 +23,9 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/UsbInterface.h
     common/ZevoGuid.h
     hal/HAL.h
+    platform/Diagnostics.h
     platform/Platform.h
+    platform/SimulatedComputer.h
     topology/TopologyNode.h)
 
 foreach(header IN LISTS NIMBREL2_PUBLIC_HEADERS)

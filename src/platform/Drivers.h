@@ -11,10 +11,12 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/Diagnostics.h"
 
 namespace Nimbrel2::Platform {
 
@@ -118,6 +120,10 @@ public:
                                   std::uint32_t gateway) = 0;
     virtual std::uint32_t ForceIpAuto() = 0;
     virtual std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) = 0;
+    /// As Diagnostics.h states it for DiagnoseGigE.
+    virtual std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) = 0;
+    /// As Diagnostics.h states it for PlanGigEAddresses.
+    virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) = 0;
 };
 
 }  // namespace Nimbrel2::Platform

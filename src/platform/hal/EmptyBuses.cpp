@@ -44,4 +44,15 @@ std::uint32_t EmptyGigEBus::ForceIpAuto() { return m_reason; }
 
 std::uint32_t EmptyGigEBus::AutoForceIpToCamera(std::uint32_t /*serialNumber*/) { return m_reason; }
 
+std::uint32_t EmptyGigEBus::Diagnose(bool /*askControl*/, GigEDiagnosis* diagnosis) {
+    *diagnosis = GigEDiagnosis{};
+    return m_reason;
+}
+
+std::uint32_t EmptyGigEBus::PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
+                                          std::vector<AddressPlan>* plans) {
+    plans->clear();
+    return m_reason;
+}
+
 }  // namespace Nimbrel2::Platform

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/Drivers.h"
@@ -41,6 +42,8 @@ public:
                           std::uint32_t gateway) override;
     std::uint32_t ForceIpAuto() override;
     std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override;
+    std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override;
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override;
 
 private:
     const std::uint32_t m_reason;

@@ -3,6 +3,7 @@
 #include "platform/rig/GigEModel.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <set>
 #include <utility>
@@ -13,8 +14,27 @@ namespace {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// What a register access waits for: 200 ms, three times.
-constexpr Milliseconds AnswerTimeOut{600};
+// What the driver of a real network does for an answer. Each try has the same request id, so an answer to an earlier
+// one counts.
+constexpr Milliseconds TryTime{200};
+constexpr int Tries = 3;
+
+constexpr std::uint32_t Mtu = 1500;
+
+// Interfaces are numbered from 1, as the kernel does.
+int NumberOf(std::size_t interface) { return static_cast<int>(interface) + 1; }
+
+/// 0 when the subnet is full.
+std::uint32_t FindFreeAddress(const InterfaceAddress& subnet, const std::set<std::uint32_t>& taken) {
+    const std::uint32_t first = subnet.address & subnet.GetMask();
+    const std::uint32_t broadcast = first | ~subnet.GetMask();
+    for (std::uint32_t address = first + 1; address < broadcast; ++address) {
+        if (taken.count(address) == 0) {
+            return address;
+        }
+    }
+    return 0;
+}
 
 bool IsMask(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
@@ -143,17 +163,36 @@ void GigEModel::Release(const std::string& name) { Find(name)->registers->Releas
 
 void GigEModel::SetFaults(const std::string& name, const Simulated::Faults& faults) { Find(name)->faults = faults; }
 
-std::optional<Milliseconds> GigEModel::AnswerTime(const Camera& camera) {
-    if (camera.faults.silent || camera.faults.lossPercent >= 100 || camera.faults.delayMinimum >= AnswerTimeOut) {
-        return std::nullopt;
+bool GigEModel::Answers(const Camera& camera) {
+    return !camera.faults.silent && camera.faults.lossPercent < 100 && camera.faults.delayMinimum < Tries * TryTime;
+}
+
+GigEModel::Exchange GigEModel::Send(const Camera& camera) {
+    const auto isLost = [this, &camera] {
+        return std::uniform_real_distribution(0.0, 100.0)(m_random) < camera.faults.lossPercent;
+    };
+    Exchange exchange{Tries * TryTime, false, false};
+    for (int i = 0; i < Tries; ++i) {
+        const Milliseconds answer = i * TryTime + camera.faults.delayMinimum;
+        if (answer >= exchange.time) {
+            break;  // an earlier answer is there before, or nobody waits for this one
+        }
+        if (isLost()) {
+            continue;
+        }
+        exchange.arrived = true;
+        if (!isLost()) {
+            exchange.answered = true;
+            exchange.time = answer;
+        }
     }
-    return camera.faults.delayMinimum;
+    return exchange;
 }
 
 std::vector<const GigEModel::Camera*> GigEModel::Heard() const {
     std::vector<const Camera*> heard;
     for (const Camera& camera : m_cameras) {
-        if (camera.plugged && m_interfaces[camera.interface].up && AnswerTime(camera).has_value()) {
+        if (camera.plugged && m_interfaces[camera.interface].up && Answers(camera)) {
             heard.push_back(&camera);
         }
     }
@@ -202,6 +241,10 @@ std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::
     if (camera == nullptr) {
         return HAL_NO_ACKNOWLEDGE;
     }
+    const Exchange exchange = Send(*camera);
+    if (!exchange.arrived) {
+        return HAL_NO_ACKNOWLEDGE;
+    }
     camera->registers->ExpireControl(std::chrono::steady_clock::now());
     if (camera->registers->IsControlHeld()) {
         return HAL_NO_ACKNOWLEDGE;  // a camera in use discards the command
@@ -211,30 +254,100 @@ std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::
         return HAL_NO_ACKNOWLEDGE;
     }
     camera->registers->SetIpConfiguration(address, mask, gateway);
-    return HAL_OK;
+    return static_cast<std::uint32_t>(exchange.answered ? HAL_OK : HAL_NO_ACKNOWLEDGE);
 }
 
-std::uint32_t GigEModel::AutoForceIp(Camera& camera) {
-    if (IsOnSubnet(camera)) {
-        return HAL_OK;
-    }
-    const NetworkInterfaceDescription& network = m_interfaces[camera.interface];
+InterfaceAddress GigEModel::AddressOf(std::size_t interface) const {
+    InterfaceAddress address;
+    address.address = m_interfaces[interface].address;
+    address.prefixLength = static_cast<std::uint8_t>(std::popcount(m_interfaces[interface].subnetMask));
+    return address;
+}
+
+std::vector<AddressPlan> GigEModel::PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const {
     std::set<std::uint32_t> taken;
-    for (const NetworkInterfaceDescription& other : m_interfaces) {
-        taken.insert(other.address);
+    for (const NetworkInterfaceDescription& network : m_interfaces) {
+        taken.insert(network.address);
     }
-    for (const Camera& other : m_cameras) {
-        taken.insert(other.registers->GetAddress());
-        taken.insert(other.registers->GetGateway());
+    for (const Camera& camera : m_cameras) {
+        taken.insert(camera.registers->GetAddress());
+        taken.insert(camera.registers->GetGateway());
     }
-    const std::uint32_t subnet = network.address & network.subnetMask;
-    const std::uint32_t broadcast = subnet | ~network.subnetMask;
-    for (std::uint32_t address = subnet + 1; address < broadcast; ++address) {
-        if (taken.count(address) == 0) {
-            return ForceIp(camera.registers->GetMac(), address, network.subnetMask, 0);
+    std::vector<AddressPlan> plans;
+    for (const Camera* camera : Heard()) {
+        AddressPlan plan;
+        plan.record = camera->registers->GetDiscoveryRecord();
+        if (!wanted(plan.record)) {
+            continue;
         }
+        plan.interface = NumberOf(camera->interface);
+        plan.interfaceName = m_interfaces[camera->interface].name;
+        plan.interfaceAddress = AddressOf(camera->interface);
+        plan.alreadyRight = IsOnSubnet(*camera);
+        if (!plan.alreadyRight) {
+            plan.newIp = FindFreeAddress(plan.interfaceAddress, taken);
+            plan.newMask = plan.newIp == 0 ? 0 : plan.interfaceAddress.GetMask();
+            plan.status = plan.newIp == 0 ? HAL_FAILED : HAL_OK;
+            taken.insert(plan.newIp);
+        }
+        plans.push_back(plan);
     }
-    return HAL_FAILED;  // the subnet is full
+    return plans;
+}
+
+ControlInfo GigEModel::ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now) {
+    using namespace Gvcp::Register;
+    ControlInfo control;
+    camera.registers->ExpireControl(now);
+    std::uint32_t privilege = 0;
+    const Gvcp::Status status = camera.registers->Read(self, kControlChannelPrivilege, &privilege);
+    camera.registers->Touch(self, now);
+    if (status == Gvcp::Status::AccessDenied) {
+        control.state = ControlState::Exclusive;
+        return control;
+    }
+    if ((privilege & (Gvcp::Ccp::kControlAccess | Gvcp::Ccp::kExclusiveAccess)) == 0) {
+        control.state = ControlState::Free;
+        return control;
+    }
+    std::uint32_t port = 0;
+    camera.registers->Read(self, kPrimaryApplicationIpAddress, &control.ownerIp);
+    camera.registers->Read(self, kPrimaryApplicationPort, &port);
+    control.ownerPort = static_cast<std::uint16_t>(port);
+    const bool ours = camera.registers->GetPrimaryApplication() == self;
+    control.state = ours ? ControlState::Ours : ControlState::Controlled;
+    return control;
+}
+
+GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now) {
+    GigEDiagnosis diagnosis;
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        InterfaceDiagnosis entry;
+        entry.interface.index = NumberOf(i);
+        entry.interface.name = m_interfaces[i].name;
+        entry.interface.up = entry.interface.running = entry.used = m_interfaces[i].up;
+        entry.interface.broadcast = true;
+        entry.interface.mtu = Mtu;
+        entry.interface.addresses.push_back(AddressOf(i));
+        entry.reason = m_interfaces[i].up ? "" : "down";
+        entry.localPort = self;
+        diagnosis.interfaces.push_back(entry);
+    }
+    const std::vector<const Camera*> reached = Reached();
+    for (const Camera* heard : Heard()) {
+        Camera& camera = m_cameras[static_cast<std::size_t>(heard - m_cameras.data())];
+        CameraDiagnosis entry;
+        entry.record = camera.registers->GetDiscoveryRecord();
+        entry.interface = NumberOf(camera.interface);
+        entry.reachable = IsOnSubnet(camera);
+        entry.listed = entry.present = std::find(reached.begin(), reached.end(), heard) != reached.end();
+        entry.addressTaken = entry.reachable && !entry.listed;
+        if (askControl && entry.listed) {
+            entry.control = ControlOf(camera, {m_interfaces[camera.interface].address, self}, now);
+        }
+        diagnosis.cameras.push_back(entry);
+    }
+    return diagnosis;
 }
 
 }  // namespace Nimbrel2::Platform

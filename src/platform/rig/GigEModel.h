@@ -4,12 +4,15 @@
 #define NIMBREL2_PLATFORM_RIG_GIGEMODEL_H
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/Diagnostics.h"
 #include "platform/rig/RigDescription.h"
 #include "platform/simulated/gige/BootstrapRegisters.h"
 
@@ -66,17 +69,32 @@ public:
     /// FORCEIP by broadcast on every interface: HAL_NO_ACKNOWLEDGE when no camera with that MAC hears it, or when it is
     /// held.
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
-    /// Gives a camera that is heard and not reached a free address of its interface's subnet.
-    std::uint32_t AutoForceIp(Camera& camera);
+    /// What giving every camera that is heard, wanted and not on its subnet a free address would do, in the order of
+    /// Heard.
+    std::vector<AddressPlan> PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const;
 
-    /// How long the camera takes to answer one command, none: it does not.
-    static std::optional<std::chrono::milliseconds> AnswerTime(const Camera& camera);
+    /// Interfaces and the cameras that are heard on them. @param self  The port that this computer asks from.
+    GigEDiagnosis Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now);
+
+    /// What becomes of one command to a camera.
+    struct Exchange {
+        std::chrono::milliseconds time{0};  ///< until the answer, or until it is waited for no longer
+        bool arrived = false;               ///< the camera heard it
+        bool answered = false;
+    };
+    /// Sends one, three times if need be, and draws what is lost. The draws of a rig are the same each time it plays.
+    Exchange Send(const Camera& camera);
 
 private:
     Camera* Find(const std::string& name);
+    /// Whether it ever answers.
+    static bool Answers(const Camera& camera);
+    InterfaceAddress AddressOf(std::size_t interface) const;
+    static ControlInfo ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now);
 
     std::vector<NetworkInterfaceDescription> m_interfaces;
     std::vector<Camera> m_cameras;
+    std::minstd_rand m_random;
 };
 
 }  // namespace Nimbrel2::Platform

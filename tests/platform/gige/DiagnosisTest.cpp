@@ -5,20 +5,18 @@
 namespace Nimbrel2::Testing {
 namespace {
 
-using Platform::GigE::AddressPlan;
-using Platform::GigE::CameraDiagnosis;
-using Platform::GigE::ControlState;
-using Platform::GigE::GigEDiagnosis;
-using Platform::GigE::InterfaceDiagnosis;
+using Platform::AddressPlan;
+using Platform::CameraDiagnosis;
+using Platform::ControlState;
+using Platform::GigEDiagnosis;
+using Platform::InterfaceDiagnosis;
 using Platform::Simulated::SimulatedGigECamera;
 
 class GigEDiagnosisTest : public GigEWireTest {
 protected:
-    Platform::LinuxGigEBus& Bus() { return dynamic_cast<Platform::LinuxGigEBus&>(*m_bus); }
-
     GigEDiagnosis Diagnose(bool askControl = false) {
         GigEDiagnosis diagnosis;
-        EXPECT_EQ(Bus().Diagnose(askControl, &diagnosis), HAL_OK);
+        EXPECT_EQ(m_bus->Diagnose(askControl, &diagnosis), HAL_OK);
         return diagnosis;
     }
 
@@ -104,9 +102,9 @@ TEST_F(GigEDiagnosisTest, TellsWhenTheKernelDoesNot) {
     Start({});
     Stop();
     GigEDiagnosis diagnosis;
-    EXPECT_EQ(Bus().Diagnose(true, &diagnosis), HAL_CLOSED);
+    EXPECT_EQ(m_bus->Diagnose(true, &diagnosis), HAL_CLOSED);
     std::vector<AddressPlan> plans;
-    EXPECT_EQ(Bus().PlanAddresses(nullptr, &plans), HAL_CLOSED);
+    EXPECT_EQ(m_bus->PlanAddresses(std::nullopt, &plans), HAL_CLOSED);
 }
 
 TEST_F(GigEDiagnosisTest, PlansAddressesWithoutChangingAny) {
@@ -114,7 +112,7 @@ TEST_F(GigEDiagnosisTest, PlansAddressesWithoutChangingAny) {
     const auto id = AddCamera("10.9.9.9", 9);
     Start({});
     std::vector<AddressPlan> plans;
-    ASSERT_EQ(Bus().PlanAddresses(nullptr, &plans), HAL_OK);
+    ASSERT_EQ(m_bus->PlanAddresses(std::nullopt, &plans), HAL_OK);
     ASSERT_EQ(plans.size(), 2u);
     EXPECT_TRUE(plans[0].alreadyRight);
     EXPECT_EQ(plans[0].newIp, 0u);
@@ -124,8 +122,12 @@ TEST_F(GigEDiagnosisTest, PlansAddressesWithoutChangingAny) {
     EXPECT_EQ(plans[1].newMask, 0xFFFFFF00u);
     EXPECT_EQ(plans[1].status, HAL_OK);
     m_cameras->Use(id, [](SimulatedGigECamera& camera) { EXPECT_EQ(camera.GetAddress(), Ip("10.9.9.9")); });
-    const std::uint32_t nobody = 4711;
-    EXPECT_EQ(Bus().PlanAddresses(&nobody, &plans), HAL_GONE);
+    EXPECT_TRUE(plans[1].interfaceAddress.Contains(plans[1].newIp));
+    ASSERT_EQ(m_bus->PlanAddresses(9, &plans), HAL_OK);
+    ASSERT_EQ(plans.size(), 1u) << "of that camera alone";
+    EXPECT_EQ(plans[0].record.ipAddress, Ip("10.9.9.9"));
+    EXPECT_EQ(m_bus->PlanAddresses(4711, &plans), HAL_GONE);
+    EXPECT_THAT(plans, ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -33,6 +34,8 @@ struct FakeWorld {
     int usbCameras = 0;
     int gigECameras = 0;
     std::vector<GvcpDiscoveryRecord> discovered;
+    GigEDiagnosis diagnosis;
+    std::vector<AddressPlan> plans;
     std::vector<SelfIdPacket_t> selfIds;
     std::vector<std::uint32_t> nodeSerialNumbers;
     std::vector<UsbSelfId> usbRecords;
@@ -334,6 +337,16 @@ public:
     }
     std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
         m_world->Log(Line("AutoForceIpToCamera %u", serialNumber));
+        return m_world->Answer();
+    }
+    std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
+        m_world->Log(Line("Diagnose %d", askControl ? 1 : 0));
+        *diagnosis = m_world->diagnosis;
+        return m_world->Answer();
+    }
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
+        m_world->Log(serialNumber ? Line("PlanAddresses %u", *serialNumber) : std::string("PlanAddresses"));
+        *plans = m_world->plans;
         return m_world->Answer();
     }
 };

@@ -16,7 +16,7 @@ constexpr int kMaxRounds = 32;
 
 }  // namespace
 
-std::uint32_t GigECore::AutoForceIp(const std::uint32_t* serialNumber) {
+std::uint32_t GigECore::AutoForceIp(std::optional<std::uint32_t> serialNumber) {
     std::vector<AddressPlan> plans;
     const std::uint32_t status = PlanAddresses(serialNumber, &plans);
     if (status != HAL_OK) return status;
@@ -48,12 +48,13 @@ std::uint32_t GigECore::AutoForceIp(const std::uint32_t* serialNumber) {
     return HAL_OK;
 }
 
-std::uint32_t GigECore::PlanAddresses(const std::uint32_t* serialNumber, std::vector<AddressPlan>* plans) {
+std::uint32_t GigECore::PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
+    plans->clear();
     Collected heard;
     const std::uint32_t status = DiscoverAll(&heard);
     if (status != HAL_OK) return status;
     *plans = PlansFor(heard, serialNumber);
-    if (serialNumber != nullptr && plans->empty()) return HAL_GONE;
+    if (serialNumber && plans->empty()) return HAL_GONE;
 
     std::map<int, std::vector<AddressPlan*>> byInterface;
     for (AddressPlan& plan : *plans) {
@@ -64,11 +65,11 @@ std::uint32_t GigECore::PlanAddresses(const std::uint32_t* serialNumber, std::ve
 }
 
 // One plan a camera, in the order of their MACs. A camera that one interface can reach is right, whatever others hear.
-std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, const std::uint32_t* serialNumber) const {
+std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, std::optional<std::uint32_t> serialNumber) const {
     std::vector<AddressPlan> plans;
     std::lock_guard lock(m_mutex);
     for (const auto& [where, camera] : heard) {
-        if (serialNumber != nullptr && SerialNumberOf(camera.record) != *serialNumber) continue;
+        if (serialNumber && SerialNumberOf(camera.record) != *serialNumber) continue;
         const auto interface = m_interfaces.find(camera.interface);
         if (interface == m_interfaces.end()) continue;
         AddressPlan plan;
@@ -76,7 +77,11 @@ std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, const std::u
         plan.interface = camera.interface;
         plan.interfaceName = interface->second.info.name;
         plan.alreadyRight = camera.reachable;
-        if (!camera.reachable && interface->second.info.addresses.empty()) plan.status = HAL_UNREACHABLE;
+        const NetworkInterface& info = interface->second.info;
+        const InterfaceAddress* subnet = camera.reachable ? info.FindSubnet(camera.record.ipAddress) : nullptr;
+        if (subnet == nullptr && !info.addresses.empty()) subnet = &info.addresses.front();
+        if (subnet != nullptr) plan.interfaceAddress = *subnet;
+        if (!camera.reachable && info.addresses.empty()) plan.status = HAL_UNREACHABLE;
         if (!camera.reachable && where.first.mac == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
         const bool again = !plans.empty() && KeyOf(plans.back().record) == where.first;
         if (!again) {

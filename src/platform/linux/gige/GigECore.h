@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,9 +23,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Diagnostics.h"
 #include "platform/Drivers.h"
 #include "platform/linux/gige/CameraTable.h"
-#include "platform/linux/gige/GigEDiagnosis.h"
 #include "platform/linux/gige/PacketListener.h"
 #include "platform/linux/gige/PendingReplies.h"
 #include "platform/linux/gige/Poller.h"
@@ -63,12 +64,9 @@ public:
     std::uint32_t Discover(std::vector<DiscoveredCamera>* cameras);
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
 
-    /// What AutoForceIp would do, found out by a discovery and by asking the wire who has which address.
-    /// @param serialNumber  Null for every camera.
-    std::uint32_t PlanAddresses(const std::uint32_t* serialNumber, std::vector<AddressPlan>* plans);
-    std::uint32_t AutoForceIp(const std::uint32_t* serialNumber);
-
-    /// @param askControl  Reads the control privilege of each listed camera too.
+    /// @param serialNumber  Nothing for every camera.
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber);
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans);
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis);
 
     // One camera, found anew at each call. listed is what the entry's own listing saw.
@@ -133,6 +131,7 @@ private:
         std::uint32_t status = HAL_NO_ACKNOWLEDGE;
         std::vector<std::shared_ptr<UdpPort>> ports;
         std::unique_ptr<PendingReply> reply;
+        ReplyNews said;
     };
 
     // CoreInterfaces.cpp
@@ -148,19 +147,21 @@ private:
 
     // CoreMonitor.cpp
     void MonitorLoop();
+    void MonitorTurn();
     TimePoint DoWhatIsDue();
     void SendBroadcast(Interface& interface, TimePoint now);  // m_mutex is held
     void SendProbes(const std::vector<Probe>& probes);
     bool TakesAnswer(const Interface& interface, std::uint32_t from, std::uint16_t id, const CameraKey& key,
                      TimePoint now);  // m_mutex is held
+    void OnAcknowledge(UdpPort& port, std::uint32_t from, std::span<const std::uint8_t> bytes);
     void OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::uint16_t id, const GvcpDiscoveryRecord& record);
     void ReportChanges();  // m_mutex is held
 
     // CoreListing.cpp
     std::vector<const CameraTable::Sighting*> FindListed() const;   // m_mutex is held
     std::map<CameraKey, std::uint32_t> GetListedAddresses() const;  // m_mutex is held
-    void WaitForWindow(std::unique_lock<std::mutex>& lock);
-    void Verify(std::unique_lock<std::mutex>& lock);
+    void WaitForWindow(std::unique_lock<std::mutex>& lock, TimePoint limit);
+    void Verify(std::unique_lock<std::mutex>& lock, TimePoint limit);
     void CollectListed(std::vector<ListedCamera>* cameras) const;  // m_mutex is held
 
     // CoreRegisters.cpp
@@ -172,6 +173,7 @@ private:
     bool CountsAsPresent(const ListedCamera& listed, std::uint32_t* ip);
 
     // CoreDiscovery.cpp
+    class Collecting;
     std::uint32_t DiscoverAll(Collected* heard);
     void WaitForAnswers(std::vector<PacketListener>& listeners, TimePoint deadline);
     void Collect(const CameraKey& key, const DiscoveredCamera& camera);  // m_mutex is held
@@ -184,7 +186,7 @@ private:
     void CamerasHaveMoved(const std::vector<ForceJob>& jobs);
 
     // CoreAutoIp.cpp
-    std::vector<AddressPlan> PlansFor(const Collected& heard, const std::uint32_t* serialNumber) const;
+    std::vector<AddressPlan> PlansFor(const Collected& heard, std::optional<std::uint32_t> serialNumber) const;
     std::set<std::uint32_t> FindTakenAddresses(const Collected& heard, int interface);
     void ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::uint32_t> taken);
     std::uint32_t AskWhoHas(int interface, const std::vector<std::uint32_t>& ips,

@@ -9,7 +9,7 @@ namespace Nimbrel2::Platform {
 
 namespace {
 
-class Bus final : public LinuxGigEBus {
+class Bus final : public GigEBus {
 public:
     explicit Bus(std::shared_ptr<GigE::GigECore> core) : m_core(std::move(core)) {}
     ~Bus() override { m_core->Stop(); }
@@ -40,15 +40,13 @@ public:
         return m_core->ForceIp(mac, ipAddress, subnetMask, gateway);
     }
 
-    std::uint32_t ForceIpAuto() override { return m_core->AutoForceIp(nullptr); }
-    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
-        return m_core->AutoForceIp(&serialNumber);
-    }
+    std::uint32_t ForceIpAuto() override { return m_core->AutoForceIp(std::nullopt); }
+    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override { return m_core->AutoForceIp(serialNumber); }
 
-    std::uint32_t Diagnose(bool askControl, GigE::GigEDiagnosis* diagnosis) override {
+    std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         return m_core->Diagnose(askControl, diagnosis);
     }
-    std::uint32_t PlanAddresses(const std::uint32_t* serialNumber, std::vector<GigE::AddressPlan>* plans) override {
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
         return m_core->PlanAddresses(serialNumber, plans);
     }
 

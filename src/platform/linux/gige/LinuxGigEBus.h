@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "platform/Drivers.h"
-#include "platform/linux/gige/GigEDiagnosis.h"
 
 namespace Nimbrel2::Platform {
 
@@ -20,17 +19,6 @@ struct LinuxGigEOptions {
 
     /// How long the first listing and each discovery listen, from their first request.
     std::chrono::milliseconds discoveryWindow{1000};
-};
-
-/// What this driver can tell and plan beyond what every GigE bus can. MakeLinuxGigEBus makes one of these.
-class LinuxGigEBus : public GigEBus {
-public:
-    /// What is known of interfaces and cameras, from what the monitor has heard.
-    /// @param askControl  Reads the control privilege of each listed camera too, which takes network I/O.
-    virtual std::uint32_t Diagnose(bool askControl, GigE::GigEDiagnosis* diagnosis) = 0;
-
-    /// What ForceIpAuto (serialNumber null) or AutoForceIpToCamera would do, found out by a discovery.
-    virtual std::uint32_t PlanAddresses(const std::uint32_t* serialNumber, std::vector<GigE::AddressPlan>* plans) = 0;
 };
 
 /// The driver of the GigE bus. It looks for cameras from Start() on, in the network namespace of the thread that calls

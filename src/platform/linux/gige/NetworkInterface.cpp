@@ -25,17 +25,6 @@ std::string ReasonNotEligible(const NetworkInterface& interface, const std::vect
 
 }  // namespace
 
-const InterfaceAddress* NetworkInterface::FindSubnet(std::uint32_t ip) const {
-    const InterfaceAddress* best = nullptr;
-    for (const InterfaceAddress& address : addresses) {
-        if (!address.Contains(ip)) continue;
-        const bool better = best == nullptr || address.prefixLength > best->prefixLength ||
-                            (address.prefixLength == best->prefixLength && best->secondary && !address.secondary);
-        if (better) best = &address;
-    }
-    return best;
-}
-
 std::string ReasonNotUsed(const NetworkInterface& interface, const std::vector<std::string>& wanted) {
     std::string reason = ReasonNotEligible(interface, wanted);
     if (!reason.empty()) return reason;

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// Hands questions of Diagnostics.h to the driver. Run on their caller's thread, which the driver may block for network
+// I/O; no lock of the glue is held.
+#include "platform/Diagnostics.h"
+
+#include "platform/hal/Calls.h"
+
+namespace Nimbrel2::Platform {
+
+const InterfaceAddress* NetworkInterface::FindSubnet(std::uint32_t ip) const {
+    const InterfaceAddress* best = nullptr;
+    for (const InterfaceAddress& address : addresses) {
+        if (!address.Contains(ip)) continue;
+        const bool better = best == nullptr || address.prefixLength > best->prefixLength ||
+                            (address.prefixLength == best->prefixLength && best->secondary && !address.secondary);
+        if (better) best = &address;
+    }
+    return best;
+}
+
+std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
+    return InSession(__func__, diagnosis != nullptr,
+                     [&](Session& session) { return session.GigE().Diagnose(askControl, diagnosis); });
+}
+
+std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
+    return InSession(__func__, plans != nullptr,
+                     [&](Session& session) { return session.GigE().PlanAddresses(serialNumber, plans); });
+}
+
+}  // namespace Nimbrel2::Platform
