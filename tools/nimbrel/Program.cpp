@@ -8,14 +8,23 @@
 #include <string>
 #include <utility>
 
+#include "tools/nimbrel/AutoIpCommand.h"
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/ControlCommand.h"
+#include "tools/nimbrel/DiscoverCommand.h"
+#include "tools/nimbrel/ForceIpCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/PhyCommand.h"
+#include "tools/nimbrel/RescanCommand.h"
+#include "tools/nimbrel/ResetCommand.h"
 #include "tools/nimbrel/RigCommand.h"
 #include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/UsbLinkCommand.h"
+#include "tools/nimbrel/UsbPortCommand.h"
 #include "tools/nimbrel/WatchCommand.h"
 
 namespace Nimbrel2::Tool {
@@ -58,6 +67,15 @@ void Declare(CLI::App& app, CommandContext& context) {
     app.get_formatter()->column_width(29);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
+    AddDiscoverCommand(app, context);
+    AddForceIpCommand(app, context);
+    AddAutoIpCommand(app, context);
+    AddControlCommand(app, context);
+    AddResetCommand(app, context);
+    AddPhyCommand(app, context);
+    AddUsbLinkCommand(app, context);
+    AddUsbPortCommand(app, context);
+    AddRescanCommand(app, context);
     AddRigCommand(app, context);
     AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
 }
