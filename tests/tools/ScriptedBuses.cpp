@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -203,6 +204,10 @@ public:
     }
     std::uint32_t ForceIpAuto() override { return HAL_OK; }
     std::uint32_t AutoForceIpToCamera(std::uint32_t) override { return HAL_GONE; }
+    std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t>, std::vector<Platform::AddressPlan>*) override {
+        return HAL_OK;
+    }
 };
 
 const char* DriverName(Platform::Driver driver) { return driver == Platform::Driver::None ? "none" : "linux"; }

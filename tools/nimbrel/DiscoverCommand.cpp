@@ -84,8 +84,7 @@ private:
         if (foreign != 0) {
             text += "\n" + std::to_string(foreign) + (foreign == 1 ? " camera is" : " cameras are") +
                     " on a wrong subnet: `nimbrel auto-ip` gives " + (foreign == 1 ? "it" : "each") +
-                    " a right address.
-                    ";
+                    " a right address.\n";
         }
         return text;
     }
