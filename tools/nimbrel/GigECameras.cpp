@@ -2,9 +2,9 @@
 // Discovers GigE cameras through the bus master. Main thread only; no lock.
 #include "tools/nimbrel/GigECameras.h"
 
+#include <charconv>
 #include <thread>
 
-#include "common/DiscoveryRecord.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Text.h"
 
@@ -19,6 +19,10 @@ constexpr std::chrono::milliseconds kShortestRound{100};
 constexpr unsigned int kFirstCapacity = 1024;
 constexpr unsigned int kMostTries = 4;
 
+std::string VersionText(std::uint32_t major, std::uint32_t minor) {
+    return std::to_string(major) + "." + std::to_string(minor);
+}
+
 GigECamera FromInfo(const CameraInfo& info) {
     return {info.serialNumber,
             info.macAddress,
@@ -28,15 +32,26 @@ GigECamera FromInfo(const CameraInfo& info) {
             FromField(info.vendorName),
             FromField(info.modelName),
             FromField(info.userDefinedName),
-            std::to_string(info.gigEMajorVersion) + "." + std::to_string(info.gigEMinorVersion)};
+            VersionText(info.gigEMajorVersion, info.gigEMinorVersion)};
 }
 
 }  // namespace
 
 GigECamera FromRecord(const GvcpDiscoveryRecord& record) {
-    CameraInfo info;
-    FillCameraInfo(record, &info);
-    return FromInfo(info);
+    GigECamera camera;
+    std::uint64_t serialNumber = 0;  // the number that the text begins with, as in listings
+    std::from_chars(record.serialNumber, record.serialNumber + sizeof record.serialNumber, serialNumber);
+    camera.serialNumber = static_cast<std::uint32_t>(serialNumber);
+    const std::uint64_t mac = std::uint64_t{record.macHigh} << 32 | record.macLow;
+    for (int i = 0; i < 6; ++i) camera.mac.octets[i] = static_cast<std::uint8_t>(mac >> (40 - 8 * i) & 0xFF);
+    camera.ip = UnpackIPAddress(record.ipAddress);
+    camera.subnet = UnpackIPAddress(record.subnetMask);
+    camera.gateway = UnpackIPAddress(record.defaultGateway);
+    camera.vendor = FromField(record.manufacturerName);
+    camera.model = FromField(record.modelName);
+    camera.name = FromField(record.userDefinedName);
+    camera.version = VersionText(record.versionMajor, record.versionMinor);
+    return camera;
 }
 
 bool IsSame(const GigECamera& first, const GigECamera& second) {
