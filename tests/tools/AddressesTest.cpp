@@ -15,7 +15,7 @@ using ::testing::IsEmpty;
 
 // One camera at its place, one with an address of another subnet.
 ProgramResult OnWrongSubnet(Words arguments) {
-    arguments.insert(arguments.end(), {"--rig", std::string(NIMBREL_EXAMPLE_RIGS) + "/wrong-subnet.json"});
+    arguments.insert(arguments.end(), {"--rig", std::string(NIMBREL_RIGS) + "/wrong-subnet.json"});
     return RunReal(arguments);
 }
 

@@ -119,6 +119,12 @@ TEST(Operation, RunsOnARigOfAFile) {
               "{\"ok\":true,\"value\":32768512,\"speed\":\"5 Gbit/s (SuperSpeed)\",\"port\":2,\"hubs\":0}\n");
 }
 
+TEST(Operation, TakesOptionsOfTheBusesBeforeTheCommandToo) {
+    EXPECT_EQ(RunReal({"--demo", "phy", "read", "200705", "0", "0", "1"}).output, "0x07\n");
+    EXPECT_EQ(RunReal({"--demo", "control", "31000001", "--json"}).output, "{\"available\":true}\n");
+    EXPECT_EQ(RunReal({"--demo", "discover"}).exitStatus, 0);
+}
+
 // ---- Which camera --------------------------------------------------------------------------------------------------
 
 TEST(CameraArgument, MayBeAGuidInEitherCase) {
