@@ -269,11 +269,12 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return test.param.name; });
 
 TEST(Control, OfACameraThatDoesNotAnswerFailsWithTheErrorOfTheBusMaster) {
-    std::string faults;
-    for (unsigned int call = 1; call <= 20; ++call) {
-        faults += (call == 1 ? "" : ",") + Fault("HAL_GigEReadRegister", 7, call);
+    // The first reads are those of the listing, which fails or does without; a later one is that of the question.
+    ProgramResult result;
+    for (unsigned int call = 1; call <= 10; ++call) {
+        result = RigComputer(OneOfEach(Fault("HAL_GigEReadRegister", 7, call))).Run({"control", "33"});
+        if (result.errors.find("CCP") != std::string::npos) break;
     }
-    const ProgramResult result = RigComputer(OneOfEach(faults)).Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, HasSubstr("nimbrel control: camera 33 (GigE): Fail to read CCP register!"));
