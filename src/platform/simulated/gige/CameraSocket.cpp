@@ -95,6 +95,11 @@ void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint16_t port, 
     header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
     info.ipi_ifindex = static_cast<int>(interfaceIndex);
+    // And so must the address be, or the datagram would come from the first one of the interface, which is not the
+    // camera's and passes filters that stop the camera's.
+    sockaddr_in own{};
+    socklen_t ownSize = sizeof(own);
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0) info.ipi_spec_dst = own.sin_addr;
     std::memcpy(CMSG_DATA(header), &info, sizeof(info));
     (void)sendmsg(socket, &message, MSG_NOSIGNAL);
 }
