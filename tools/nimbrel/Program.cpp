@@ -10,6 +10,7 @@
 
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/DoctorCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
@@ -58,6 +59,7 @@ void Declare(CLI::App& app, CommandContext& context) {
     app.get_formatter()->column_width(29);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
+    AddDoctorCommand(app, context);
     AddRigCommand(app, context);
     AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
 }
