@@ -18,7 +18,7 @@ enum class Driver {
     Rig,    ///< A simulated computer: Options::rig.
 };
 
-/// A simulated computer (platform/rig/Rig.h).
+/// A simulated computer: platform/SimulatedComputer.h makes one.
 class Rig;
 
 /// A USB camera that speaks IIDC over vendor requests; no class tells it, so its ids must be named.

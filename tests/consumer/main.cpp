@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Uses the installed library as it ships, with every bus switched off so that the answer is known.
+// Uses the installed library as it ships, on a simulated computer whose only camera is unplugged.
 #include <busmaster/BusMaster.h>
-#include <platform/Platform.h>
+#include <platform/SimulatedComputer.h>
 
 #include "print_counts.h"
 
 int main() {
-    Nimbrel2::Platform::Options options;
-    options.fireWire = options.usb = options.gigE = Nimbrel2::Platform::Driver::None;
-    if (!Nimbrel2::Platform::Configure(options)) return 2;
+    using namespace Nimbrel2::Platform;
+    SimulatedComputer computer = SimulatedComputer::Parse(
+        R"({"usb": [{"name": "host", "devices": [{"name": "one", "parent": "host", "port": 1, "serial": "1"}]}]})",
+        "own");
+    computer.Perform(R"({"unplug": "one"})");
+    if (!Configure(computer.MakeOptions())) return 2;
     return PrintCounts();
 }

@@ -17,7 +17,7 @@ LAYERS = {
     "platform": {"platform", "hal"},
 }
 PORTABLE = {"hal", "common", "topology", "busmaster"}
-# Simulated cameras and computers are features of the command line and no part of the library's interface.
+# How cameras and computers are simulated is known to the command line and no part of the library's interface.
 SIMULATION = ("platform/simulated/", "platform/rig/")
 SOURCES = {".h", ".c", ".cpp"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')

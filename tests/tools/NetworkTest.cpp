@@ -90,6 +90,18 @@ TEST_F(LoopbackCameras, AreNotListedWhenLoopbackIsNotNamed) {
     EXPECT_THAT(result.output, HasSubstr("no network interface is up"));
 }
 
+TEST(ListWithoutCameras, NamesTheNetworkInterfacesThatWereSearchedAndNoOthers) {
+    NetworkNamespace network;
+    network.Ip("link add v0 type veth peer name v1");
+    network.Ip("link set v0 up");
+    network.Ip("link set v1 up");
+    const Words list{RealProgram(), "list", "--bus", "gige"};
+    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: no network interface is up with a link"))
+        << "they have no IPv4 address";
+    network.Ip("addr add 10.1.2.3/24 dev v0");
+    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: looked on v0.\n"));
+}
+
 TEST_F(LoopbackCameras, AreWatchedAsTheyComeAndGo) {
     ASSERT_EQ(Run({"list", "--interface", "lo", "--wait", "1001,1002,1003,1004", "--timeout", "20"}).exitStatus, 0);
     const auto watch = Start({"watch", "--interface", "lo", "--json"});

@@ -203,6 +203,11 @@ public:
     }
     std::uint32_t ForceIpAuto() override { return HAL_OK; }
     std::uint32_t AutoForceIpToCamera(std::uint32_t) override { return HAL_GONE; }
+    std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
+    std::uint32_t TestHearing(Platform::GigEHearing*) override { return HAL_OK; }
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t>, std::vector<Platform::AddressPlan>*) override {
+        return HAL_OK;
+    }
 };
 
 const char* DriverName(Platform::Driver driver) { return driver == Platform::Driver::None ? "none" : "linux"; }

@@ -234,8 +234,9 @@ private:
         const std::vector<std::string> interfaces = m_context.GetNetworkInterfaces();
         if (interfaces.empty()) {
             return text +
-                   "GigE: no network interface is up (loopback counts only when it is named, as in\n"
-                   "\"--interface lo\"). `ip link set NAME up` brings one up.\n";
+                   "GigE: no network interface is up with a link and an IPv4 address (loopback counts\n"
+                   "only when it is named, as in \"--interface lo\"). `ip link set NAME up` brings one\n"
+                   "up, `ip addr add ADDRESS/24 dev NAME` gives it an address.\n";
         }
         std::vector<std::string> shown;
         for (const std::string& name : interfaces) shown.push_back(ForTerminal(name));

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "platform/simulated/gige/InterfaceAddresses.h"
@@ -60,7 +62,8 @@ CLI::Validator Whole(std::uint64_t low, std::uint64_t high, const std::string& w
 }
 
 void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
-    const auto address = Readable(ReadAddress, "an IPv4 address such as 192.168.77.50");
+    const auto address = Readable(ReadHostAddress, "the IPv4 address of a host such as 192.168.77.50");
+    const auto gateway = Readable(ReadAddress, "an IPv4 address such as 192.168.77.1");
     command.add_option("--count", options.count, "How many cameras (1); addresses, MACs and serials count up.")
         ->type_name("N")
         ->check(Whole(1, kMostCameras, "a number from 1 to 4096"));
@@ -82,7 +85,7 @@ void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
     command.add_option("--mask", options.subnetMask, "Subnet mask (255.0.0.0 for 127.*, else 255.255.255.0).")
         ->type_name("N")
         ->check(Readable(ReadSubnetMask, "a subnet mask such as 255.255.255.0"));
-    command.add_option("--gateway", options.gateway, "Default gateway (0.0.0.0).")->type_name("G")->check(address);
+    command.add_option("--gateway", options.gateway, "Default gateway (0.0.0.0).")->type_name("G")->check(gateway);
 }
 
 void AddText(CLI::App& command, const std::string& name, std::string& text, std::size_t bytes,
@@ -190,6 +193,7 @@ private:
     sigset_t m_before{};
 };
 
+/// @throws std::system_error when it cannot be printed. Without a reader the cameras are there all the same.
 void PrintCamera(const SimulatedCameraOptions& camera, const std::string& interfaceName, bool json) {
     if (json) {
         // Texts come from the command line in any bytes; what is no UTF-8 is shown as such.
@@ -211,7 +215,9 @@ void PrintCamera(const SimulatedCameraOptions& camera, const std::string& interf
                     camera.vendor.c_str(), camera.model.c_str(),
                     camera.userDefinedName.empty() ? "" : ("  \"" + camera.userDefinedName + "\"").c_str());
     }
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0 && errno != EPIPE) {
+        throw std::system_error(errno, std::generic_category(), "standard output cannot be written");
+    }
 }
 
 void PrintProblem(const std::string& problem) { std::fprintf(stderr, "nimbrel: %s\n", problem.c_str()); }

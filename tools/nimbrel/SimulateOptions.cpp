@@ -91,6 +91,12 @@ std::optional<std::uint32_t> ReadAddress(const std::string& text) {
     return ntohl(address.s_addr);
 }
 
+std::optional<std::uint32_t> ReadHostAddress(const std::string& text) {
+    const auto address = ReadAddress(text);
+    if (!address || *address >> 24 == 0 || *address >> 28 >= 0xE) return std::nullopt;
+    return address;
+}
+
 std::optional<std::uint32_t> ReadSubnetMask(const std::string& text) {
     const auto mask = ReadAddress(text);
     if (!mask || *mask == 0 || std::countl_one(*mask) + std::countr_zero(*mask) != 32) return std::nullopt;

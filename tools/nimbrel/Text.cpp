@@ -115,6 +115,17 @@ std::string ForTerminal(const std::string& text, Lines lines) {
     return lines == Lines::Joined ? Trim(shown) : shown;
 }
 
+std::u32string ToCharacters(const std::string& text) {
+    std::u32string characters;
+    for (std::string_view left = text; !left.empty();) {
+        const char32_t c = TakeCharacter(&left);
+        const bool isControl = c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x2028 || c == 0x2029;
+        const bool isNone = c == kInvalid || (c & 0xFFFE) == 0xFFFE || (c >= 0xFDD0 && c <= 0xFDEF);
+        characters += isControl || isNone || ChangesDirection(c) ? kReplacement : c;
+    }
+    return characters;
+}
+
 std::size_t DisplayWidth(const std::string& shown) {
     std::size_t width = 0;
     for (const Glyph& glyph : Glyphs(shown)) width += glyph.width;

@@ -25,21 +25,23 @@ std::uint32_t Guarded(const Work& work) noexcept {
     }
 }
 
-/// Closed is told before any argument is looked at.
+/// Closed is told before any argument is looked at, and a wrong argument before the call counts as one.
+/// @param function  The name of the function that the application has called.
 template <class Work>
-std::uint32_t InSession(bool argumentsAreGood, const Work& work) noexcept {
+std::uint32_t InSession(const char* function, bool argumentsAreGood, const Work& work) noexcept {
     return Guarded([&]() -> std::uint32_t {
         const std::shared_ptr<Session> session = Process::Get().CurrentSession();
         if (!session) return HAL_CLOSED;
         if (!argumentsAreGood) return HAL_INVALID_ARGUMENT;
-        return work(*session);
+        const std::uint32_t status = session->Enter(function);
+        return status == HAL_OK ? work(*session) : status;
     });
 }
 
 /// @param work  Takes the device, and the position that it had in its listing.
 template <class Device, class Work>
-std::uint32_t OnDevice(const void* entry, bool argumentsAreGood, const Work& work) noexcept {
-    return InSession(entry != nullptr && argumentsAreGood, [&](Session& session) -> std::uint32_t {
+std::uint32_t OnDevice(const char* function, const void* entry, bool argumentsAreGood, const Work& work) noexcept {
+    return InSession(function, entry != nullptr && argumentsAreGood, [&](Session& session) -> std::uint32_t {
         std::shared_ptr<Device> device;
         std::uint32_t position = 0;
         const std::uint32_t status = session.Entries().Find(entry, &device, &position);

@@ -19,7 +19,7 @@ const InterfaceAddress* NetworkInterface::FindSubnet(std::uint32_t ip) const {
 }
 
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
-    return InSession(diagnosis != nullptr,
+    return InSession(__func__, diagnosis != nullptr,
                      [&](Session& session) { return session.GigE().Diagnose(askControl, diagnosis); });
 }
 
@@ -28,7 +28,7 @@ std::uint32_t TestGigEHearing(GigEHearing* hearing) {
 }
 
 std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
-    return InSession(plans != nullptr,
+    return InSession(__func__, plans != nullptr,
                      [&](Session& session) { return session.GigE().PlanAddresses(serialNumber, plans); });
 }
 

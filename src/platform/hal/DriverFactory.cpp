@@ -4,6 +4,7 @@
 
 #include "platform/hal/EmptyBuses.h"
 #include "platform/linux/gige/LinuxGigEBus.h"
+#include "platform/rig/Rig.h"
 #include "platform/rig/RigFireWireBus.h"
 #include "platform/rig/RigGigEBus.h"
 #include "platform/rig/RigUsbBus.h"
@@ -19,6 +20,9 @@ Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
     if (options.fireWire == Driver::Rig) drivers.fireWire = MakeRigFireWireBus(options.rig, sinks.fireWire);
     if (options.usb == Driver::Rig) drivers.usb = MakeRigUsbBus(options.rig, sinks.usb);
     if (options.gigE == Driver::Rig) drivers.gigE = MakeRigGigEBus(options.rig, sinks.gigE);
+    if (options.rig != nullptr) {
+        drivers.enter = [rig = options.rig](const char* function) { return rig->Enter(function); };
+    }
     return drivers;
 }
 

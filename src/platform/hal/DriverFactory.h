@@ -16,6 +16,8 @@ struct Drivers {
     std::unique_ptr<FireWireBus> fireWire;
     std::unique_ptr<UsbBus> usb;
     std::unique_ptr<GigEBus> gigE;
+    /// At the head of each HAL function: what is not HAL_OK is the function's answer. May wait. Empty: nothing happens.
+    std::function<std::uint32_t(const char* function)> enter{};
 };
 
 /// Where each driver raises its events. They outlive the drivers.

@@ -8,35 +8,42 @@ namespace {
 
 using EventsOfBus = BusEvents& (Session::*)();
 
-std::uint32_t Register(EventsOfBus events, void** registration, HALBusEventFunction function, void* context) {
+std::uint32_t Register(const char* function, EventsOfBus events, void** registration, HALBusEventFunction callback,
+                       void* context) {
     // Whatever happens, the caller is left with nothing that looks like a registration but is none.
     if (registration != nullptr) *registration = nullptr;
-    return InSession(registration != nullptr && function != nullptr,
-                     [&](Session& session) { return (session.*events)().Register(function, context, registration); });
+    return InSession(function, registration != nullptr && callback != nullptr,
+                     [&](Session& session) { return (session.*events)().Register(callback, context, registration); });
 }
 
-std::uint32_t Deregister(EventsOfBus events, void* registration) {
-    return InSession(registration != nullptr,
+std::uint32_t Deregister(const char* function, EventsOfBus events, void* registration) {
+    return InSession(function, registration != nullptr,
                      [&](Session& session) { return (session.*events)().Deregister(registration); });
 }
 
 }  // namespace
 
 uint32_t HAL_1394RegisterBusEvents(void** registration, HALBusEventFunction function, void* context) {
-    return Register(&Session::FireWireEvents, registration, function, context);
+    return Register(__func__, &Session::FireWireEvents, registration, function, context);
 }
 
 uint32_t HAL_UsbRegisterBusEvents(void** registration, HALBusEventFunction function, void* context) {
-    return Register(&Session::UsbEvents, registration, function, context);
+    return Register(__func__, &Session::UsbEvents, registration, function, context);
 }
 
 uint32_t HAL_GigERegisterBusEvents(void** registration, HALBusEventFunction function, void* context) {
-    return Register(&Session::GigEEvents, registration, function, context);
+    return Register(__func__, &Session::GigEEvents, registration, function, context);
 }
 
-uint32_t HAL_1394DeregisterBusEvents(void* registration) { return Deregister(&Session::FireWireEvents, registration); }
-uint32_t HAL_UsbDeregisterBusEvents(void* registration) { return Deregister(&Session::UsbEvents, registration); }
-uint32_t HAL_GigEDeregisterBusEvents(void* registration) { return Deregister(&Session::GigEEvents, registration); }
+uint32_t HAL_1394DeregisterBusEvents(void* registration) {
+    return Deregister(__func__, &Session::FireWireEvents, registration);
+}
+uint32_t HAL_UsbDeregisterBusEvents(void* registration) {
+    return Deregister(__func__, &Session::UsbEvents, registration);
+}
+uint32_t HAL_GigEDeregisterBusEvents(void* registration) {
+    return Deregister(__func__, &Session::GigEEvents, registration);
+}
 
 bool Nimbrel2::Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds time) {
     const auto deadline = EventDelivery::Clock::now() + time;

@@ -25,7 +25,7 @@ uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddre
                                uint32_t* modelSize) {
     const bool good =
         first && nodeAddress && serialNumber && card && unitVersion && vendor && model && vendorSize && modelSize;
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         ConfigInfo info;
         const std::uint32_t status = device.GetConfigInfo(&info);
         if (status != HAL_OK) return status;
@@ -41,7 +41,7 @@ uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddre
 }
 
 uint32_t HAL_1394GetDeviceInfo(void* entry, uint32_t* info1, uint32_t* info2, uint32_t* info3) {
-    return OnDevice<FireWireDevice>(entry, info1 && info2 && info3,
+    return OnDevice<FireWireDevice>(__func__, entry, info1 && info2 && info3,
                                     [&](FireWireDevice& device, std::uint32_t position) {
                                         const std::uint32_t status = device.GetEui64(info2, info1);
                                         *info3 = 0xFFFFFFFF - position;
@@ -50,47 +50,48 @@ uint32_t HAL_1394GetDeviceInfo(void* entry, uint32_t* info1, uint32_t* info2, ui
 }
 
 uint32_t HAL_1394GetNode(void* entry, uint16_t* node, uint16_t* busNumber) {
-    return OnDevice<FireWireDevice>(entry, node && busNumber, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, node && busNumber, [&](FireWireDevice& device, std::uint32_t) {
         return device.GetNode(node, busNumber);
     });
 }
 
 uint32_t HAL_1394ReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value) {
     const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && value;
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         return device.ReadQuadlet(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_1394WriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags) {
     const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && flags == 0;
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         return device.WriteQuadlet(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_1394ReadPhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address, uint32_t* value) {
     const bool good = IsPhyRegister(page, port, address) && value;
-    return OnDevice<FireWireDevice>(
-        entry, good, [&](FireWireDevice& device, std::uint32_t) { return device.ReadPhy(page, port, address, value); });
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
+        return device.ReadPhy(page, port, address, value);
+    });
 }
 
 uint32_t HAL_1394WritePhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address, uint32_t value) {
     const bool good = IsPhyRegister(page, port, address) && value <= 0xFF;
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         return device.WritePhy(page, port, address, value);
     });
 }
 
 uint32_t HAL_1394FireBusReset(void* entry) {
-    return OnDevice<FireWireDevice>(entry, true,
+    return OnDevice<FireWireDevice>(__func__, entry, true,
                                     [](FireWireDevice& device, std::uint32_t) { return device.FireBusReset(); });
 }
 
 uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* count, uint64_t* busKey,
                             uint32_t* generation) {
     const bool good = count && busKey && generation && (packets || *count == 0);
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) -> std::uint32_t {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) -> std::uint32_t {
         std::vector<SelfIdPacket_t> found;
         const std::uint32_t status = device.GetSelfIds(&found, busKey, generation);
         if (status != HAL_OK) return status;
@@ -104,7 +105,7 @@ uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* coun
 
 uint32_t HAL_1394GetNodeSerialNumbers(void* entry, uint32_t* serialNumbers, uint64_t count) {
     const bool good = serialNumbers || count == 0;
-    return OnDevice<FireWireDevice>(entry, good, [&](FireWireDevice& device, std::uint32_t) {
+    return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         std::vector<std::uint32_t> found;
         const std::uint32_t status = device.GetNodeSerialNumbers(&found);
         if (status != HAL_OK) return status;

@@ -7,7 +7,7 @@
 using namespace Nimbrel2::Platform;
 
 uint32_t HAL_GigEGetCameraIpAddress(void* entry, uint32_t* ipAddress) {
-    return OnDevice<GigEDevice>(entry, ipAddress != nullptr, [&](GigEDevice& device, std::uint32_t) {
+    return OnDevice<GigEDevice>(__func__, entry, ipAddress != nullptr, [&](GigEDevice& device, std::uint32_t) {
         GvcpDiscoveryRecord record{};
         const std::uint32_t status = device.GetRecord(&record);
         if (status == HAL_OK) *ipAddress = record.ipAddress;
@@ -20,7 +20,7 @@ uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow,
                                uint32_t* modelSize) {
     const bool good =
         macHigh && macLow && serialNumber && version && deviceMode && vendor && model && vendorSize && modelSize;
-    return OnDevice<GigEDevice>(entry, good, [&](GigEDevice& device, std::uint32_t) {
+    return OnDevice<GigEDevice>(__func__, entry, good, [&](GigEDevice& device, std::uint32_t) {
         GvcpDiscoveryRecord record{};
         const std::uint32_t status = device.GetRecord(&record);
         if (status != HAL_OK) return status;
@@ -36,23 +36,23 @@ uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow,
 }
 
 uint32_t HAL_GigEGetDiscoveryRecord(void* entry, GvcpDiscoveryRecord* record) {
-    return OnDevice<GigEDevice>(entry, record != nullptr,
+    return OnDevice<GigEDevice>(__func__, entry, record != nullptr,
                                 [&](GigEDevice& device, std::uint32_t) { return device.GetRecord(record); });
 }
 
 uint32_t HAL_GigEReadRegister(void* entry, uint32_t address, uint32_t* value) {
-    return OnDevice<GigEDevice>(entry, address % 4 == 0 && value,
+    return OnDevice<GigEDevice>(__func__, entry, address % 4 == 0 && value,
                                 [&](GigEDevice& device, std::uint32_t) { return device.ReadRegister(address, value); });
 }
 
 uint32_t HAL_GigEWriteRegister(void* entry, uint32_t address, uint32_t value) {
-    return OnDevice<GigEDevice>(entry, address % 4 == 0, [&](GigEDevice& device, std::uint32_t) {
+    return OnDevice<GigEDevice>(__func__, entry, address % 4 == 0, [&](GigEDevice& device, std::uint32_t) {
         return device.WriteRegister(address, value);
     });
 }
 
 uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor) {
-    return OnDevice<GigEDevice>(entry, monitor != nullptr, [&](GigEDevice& device, std::uint32_t) {
+    return OnDevice<GigEDevice>(__func__, entry, monitor != nullptr, [&](GigEDevice& device, std::uint32_t) {
         bool monitored = false;
         const std::uint32_t status = device.IsInMonitorMode(&monitored);
         if (status == HAL_OK) *monitor = monitored ? 1 : 0;
@@ -61,11 +61,11 @@ uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor) {
 }
 
 uint32_t HAL_GigEGetLocalApplicationPort(void* entry, uint32_t* port) {
-    return OnDevice<GigEDevice>(entry, port != nullptr,
+    return OnDevice<GigEDevice>(__func__, entry, port != nullptr,
                                 [&](GigEDevice& device, std::uint32_t) { return device.GetLocalPort(port); });
 }
 
 uint32_t HAL_GigEGetLocalApplicationIpAddress(void* entry, uint32_t* ipAddress) {
-    return OnDevice<GigEDevice>(entry, ipAddress != nullptr,
+    return OnDevice<GigEDevice>(__func__, entry, ipAddress != nullptr,
                                 [&](GigEDevice& device, std::uint32_t) { return device.GetLocalAddress(ipAddress); });
 }

@@ -11,7 +11,7 @@ static_assert(sizeof(GvcpDiscoveryRecord) == 212, "the record has no padding but
 
 uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count) {
     const bool good = count != nullptr && (records != nullptr || *count == 0);
-    return InSession(good, [&](Session& session) -> std::uint32_t {
+    return InSession(__func__, good, [&](Session& session) -> std::uint32_t {
         std::vector<GvcpDiscoveryRecord> found;
         const std::uint32_t status = session.GigE().Discover(&found);
         if (status != HAL_OK) return status;
@@ -24,16 +24,17 @@ uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count) {
 }
 
 uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask, uint32_t gateway) {
-    return InSession(macHigh <= 0xFFFF, [&](Session& session) {
+    return InSession(__func__, macHigh <= 0xFFFF, [&](Session& session) {
         const std::uint64_t mac = std::uint64_t{macHigh} << 32 | macLow;
         return session.GigE().ForceIp(mac, ipAddress, subnetMask, gateway);
     });
 }
 
 uint32_t HAL_GvcpForceIpAuto(void) {
-    return InSession(true, [](Session& session) { return session.GigE().ForceIpAuto(); });
+    return InSession(__func__, true, [](Session& session) { return session.GigE().ForceIpAuto(); });
 }
 
 uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber) {
-    return InSession(true, [&](Session& session) { return session.GigE().AutoForceIpToCamera(serialNumber); });
+    return InSession(__func__, true,
+                     [&](Session& session) { return session.GigE().AutoForceIpToCamera(serialNumber); });
 }

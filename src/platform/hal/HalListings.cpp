@@ -37,14 +37,15 @@ std::uint32_t ListAndHandOut(Session& session, BusEvents& events, BusEvents::Lis
     return status;
 }
 
-std::uint32_t GiveBack(EntryKind kind, void* entry) {
-    return InSession(entry != nullptr, [&](Session& session) { return session.Entries().Remove(kind, entry); });
+std::uint32_t GiveBack(const char* function, EntryKind kind, void* entry) {
+    return InSession(function, entry != nullptr,
+                     [&](Session& session) { return session.Entries().Remove(kind, entry); });
 }
 
 }  // namespace
 
 uint32_t HAL_1394GetCameras(void** entries, uint64_t* count) {
-    return InSession(entries != nullptr && count != nullptr, [&](Session& session) {
+    return InSession(__func__, entries != nullptr && count != nullptr, [&](Session& session) {
         return ListAndHandOut<FireWireDevice>(session, session.FireWireEvents(), BusEvents::Listing::Cameras,
                                               EntryKind::FireWireCamera, entries, count,
                                               [&](auto* found) { return session.FireWire().ListCameras(found); });
@@ -54,7 +55,7 @@ uint32_t HAL_1394GetCameras(void** entries, uint64_t* count) {
 uint32_t HAL_1394GetVirtualCameras(void** entries, const uint64_t* serialNumbers, uint64_t* count) {
     constexpr std::uint64_t capacity = 256;
     const bool good = entries != nullptr && count != nullptr && (serialNumbers != nullptr || *count == 0);
-    return InSession(good, [&](Session& session) {
+    return InSession(__func__, good, [&](Session& session) {
         const std::vector<std::uint64_t> taken(serialNumbers, serialNumbers + *count);
         Found<FireWireDevice> found;
         const std::uint32_t status = session.FireWire().ListVirtualCameras(taken, &found);
@@ -64,7 +65,7 @@ uint32_t HAL_1394GetVirtualCameras(void** entries, const uint64_t* serialNumbers
 }
 
 uint32_t HAL_1394GetDevices(void** entries, uint64_t* count) {
-    return InSession(entries != nullptr && count != nullptr, [&](Session& session) {
+    return InSession(__func__, entries != nullptr && count != nullptr, [&](Session& session) {
         return ListAndHandOut<FireWireDevice>(session, session.FireWireEvents(), BusEvents::Listing::Devices,
                                               EntryKind::FireWireDevice, entries, count,
                                               [&](auto* found) { return session.FireWire().ListDevices(found); });
@@ -72,7 +73,7 @@ uint32_t HAL_1394GetDevices(void** entries, uint64_t* count) {
 }
 
 uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count) {
-    return InSession(entries != nullptr && count != nullptr, [&](Session& session) {
+    return InSession(__func__, entries != nullptr && count != nullptr, [&](Session& session) {
         return ListAndHandOut<UsbDevice>(session, session.UsbEvents(), BusEvents::Listing::Cameras,
                                          EntryKind::UsbCamera, entries, count,
                                          [&](auto* found) { return session.Usb().ListCameras(found); });
@@ -80,14 +81,14 @@ uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count) {
 }
 
 uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count) {
-    return InSession(entries != nullptr && count != nullptr, [&](Session& session) {
+    return InSession(__func__, entries != nullptr && count != nullptr, [&](Session& session) {
         return ListAndHandOut<GigEDevice>(session, session.GigEEvents(), BusEvents::Listing::Cameras,
                                           EntryKind::GigECamera, entries, count,
                                           [&](auto* found) { return session.GigE().ListCameras(found); });
     });
 }
 
-uint32_t HAL_1394FreeCamera(void* entry) { return GiveBack(EntryKind::FireWireCamera, entry); }
-uint32_t HAL_1394FreeDevice(void* entry) { return GiveBack(EntryKind::FireWireDevice, entry); }
-uint32_t HAL_UsbFreeCamera(void* entry) { return GiveBack(EntryKind::UsbCamera, entry); }
-uint32_t HAL_GigEFreeCamera(void* entry) { return GiveBack(EntryKind::GigECamera, entry); }
+uint32_t HAL_1394FreeCamera(void* entry) { return GiveBack(__func__, EntryKind::FireWireCamera, entry); }
+uint32_t HAL_1394FreeDevice(void* entry) { return GiveBack(__func__, EntryKind::FireWireDevice, entry); }
+uint32_t HAL_UsbFreeCamera(void* entry) { return GiveBack(__func__, EntryKind::UsbCamera, entry); }
+uint32_t HAL_GigEFreeCamera(void* entry) { return GiveBack(__func__, EntryKind::GigECamera, entry); }

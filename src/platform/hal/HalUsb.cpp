@@ -18,7 +18,7 @@ uint32_t HAL_UsbGetConfigInfo(void* entry, uint32_t* vidPid, uint32_t* busAndAdd
                               uint32_t* modelSize) {
     const bool good =
         vidPid && busAndAddress && serialNumber && speed && version && vendor && model && vendorSize && modelSize;
-    return OnDevice<UsbDevice>(entry, good, [&](UsbDevice& device, std::uint32_t) {
+    return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         ConfigInfo info;
         const std::uint32_t status = device.GetConfigInfo(&info);
         if (status != HAL_OK) return status;
@@ -34,7 +34,7 @@ uint32_t HAL_UsbGetConfigInfo(void* entry, uint32_t* vidPid, uint32_t* busAndAdd
 }
 
 uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* size) {
-    return OnDevice<UsbDevice>(entry, text && size, [&](UsbDevice& device, std::uint32_t) {
+    return OnDevice<UsbDevice>(__func__, entry, text && size, [&](UsbDevice& device, std::uint32_t) {
         std::string serial;
         const std::uint32_t status = device.GetSerialText(&serial);
         if (status == HAL_OK) CopyText(serial, text, size);
@@ -43,42 +43,43 @@ uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* size) {
 }
 
 uint32_t HAL_UsbGetSpeed(void* entry, uint32_t* speed) {
-    return OnDevice<UsbDevice>(entry, speed != nullptr,
+    return OnDevice<UsbDevice>(__func__, entry, speed != nullptr,
                                [&](UsbDevice& device, std::uint32_t) { return device.GetSpeed(speed); });
 }
 
 uint32_t HAL_UsbReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value) {
     const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && value;
-    return OnDevice<UsbDevice>(entry, good, [&](UsbDevice& device, std::uint32_t) {
+    return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         return device.ReadRegister(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_UsbWriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags) {
     const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && flags == 0;
-    return OnDevice<UsbDevice>(entry, good, [&](UsbDevice& device, std::uint32_t) {
+    return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         return device.WriteRegister(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_UsbFireBusReset(void* entry) {
-    return OnDevice<UsbDevice>(entry, true, [](UsbDevice& device, std::uint32_t) { return device.FireBusReset(); });
+    return OnDevice<UsbDevice>(__func__, entry, true,
+                               [](UsbDevice& device, std::uint32_t) { return device.FireBusReset(); });
 }
 
 uint32_t HAL_UsbGetLinkInfo(void* entry, uint32_t* link) {
-    return OnDevice<UsbDevice>(entry, link != nullptr,
+    return OnDevice<UsbDevice>(__func__, entry, link != nullptr,
                                [&](UsbDevice& device, std::uint32_t) { return device.GetLinkInfo(link); });
 }
 
 uint32_t HAL_UsbGetPortStatus(void* entry, uint32_t* status) {
-    return OnDevice<UsbDevice>(entry, status != nullptr,
+    return OnDevice<UsbDevice>(__func__, entry, status != nullptr,
                                [&](UsbDevice& device, std::uint32_t) { return device.GetPortStatus(status); });
 }
 
 uint32_t HAL_UsbGetSelfIds(void* entry, UsbSelfId* records, uint64_t* count, uint32_t* deviceId, uint64_t* hostKey,
                            uint32_t* generation) {
     const bool good = count && deviceId && hostKey && generation && (records || *count == 0);
-    return OnDevice<UsbDevice>(entry, good, [&](UsbDevice& device, std::uint32_t) -> std::uint32_t {
+    return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) -> std::uint32_t {
         std::vector<UsbSelfId> found;
         const std::uint32_t status = device.GetTree(&found, deviceId, hostKey, generation);
         if (status != HAL_OK) return status;

@@ -53,11 +53,13 @@ std::uint32_t Process::Stop() {
         m_state = State::Closing;
         session = std::move(m_session);
     }
+    // Whatever it is made to answer, a clean-up cleans up.
+    const std::uint32_t status = session->Enter("HAL_CleanupLibrary");
     session->Close();
     session.reset();
     const std::lock_guard lock(m_mutex);
     m_state = State::Closed;
-    return HAL_OK;
+    return status;
 }
 
 std::shared_ptr<Session> Process::CurrentSession() {

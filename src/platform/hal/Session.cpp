@@ -21,6 +21,7 @@ Session::~Session() {
 
 std::uint32_t Session::Start(const DriverFactory& makeDrivers, const Options& options) {
     m_drivers = makeDrivers(options, {m_fireWireEvents, m_usbEvents, m_gigEEvents});
+    if (const std::uint32_t status = Enter("HAL_InitLibrary"); status != HAL_OK) return status;
 
     const std::uint32_t fireWire = m_drivers.fireWire->Start();
     m_fireWireStarted = fireWire == HAL_OK;

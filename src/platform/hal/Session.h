@@ -33,6 +33,11 @@ public:
     /// closed.
     void Close();
 
+    /// What a HAL function does first: not HAL_OK is its answer. May wait.
+    std::uint32_t Enter(const char* function) const {
+        return m_drivers.enter ? m_drivers.enter(function) : static_cast<std::uint32_t>(HAL_OK);
+    }
+
     EntryTable& Entries() { return m_entries; }
     BusEvents& FireWireEvents() { return m_fireWireEvents; }
     BusEvents& UsbEvents() { return m_usbEvents; }

@@ -14,8 +14,10 @@ namespace {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// What a register access waits for: 200 ms, three times.
-constexpr Milliseconds AnswerTimeOut{600};
+// What the driver of a real network does for an answer. Each try has the same request id, so an answer to an earlier
+// one counts.
+constexpr Milliseconds TryTime{200};
+constexpr int Tries = 3;
 
 constexpr std::uint32_t Mtu = 1500;
 
@@ -161,17 +163,36 @@ void GigEModel::Release(const std::string& name) { Find(name)->registers->Releas
 
 void GigEModel::SetFaults(const std::string& name, const Simulated::Faults& faults) { Find(name)->faults = faults; }
 
-std::optional<Milliseconds> GigEModel::AnswerTime(const Camera& camera) {
-    if (camera.faults.silent || camera.faults.lossPercent >= 100 || camera.faults.delayMinimum >= AnswerTimeOut) {
-        return std::nullopt;
+bool GigEModel::Answers(const Camera& camera) {
+    return !camera.faults.silent && camera.faults.lossPercent < 100 && camera.faults.delayMinimum < Tries * TryTime;
+}
+
+GigEModel::Exchange GigEModel::Send(const Camera& camera) {
+    const auto isLost = [this, &camera] {
+        return std::uniform_real_distribution(0.0, 100.0)(m_random) < camera.faults.lossPercent;
+    };
+    Exchange exchange{Tries * TryTime, false, false};
+    for (int i = 0; i < Tries; ++i) {
+        const Milliseconds answer = i * TryTime + camera.faults.delayMinimum;
+        if (answer >= exchange.time) {
+            break;  // an earlier answer is there before, or nobody waits for this one
+        }
+        if (isLost()) {
+            continue;
+        }
+        exchange.arrived = true;
+        if (!isLost()) {
+            exchange.answered = true;
+            exchange.time = answer;
+        }
     }
-    return camera.faults.delayMinimum;
+    return exchange;
 }
 
 std::vector<const GigEModel::Camera*> GigEModel::Heard() const {
     std::vector<const Camera*> heard;
     for (const Camera& camera : m_cameras) {
-        if (camera.plugged && m_interfaces[camera.interface].up && AnswerTime(camera).has_value()) {
+        if (camera.plugged && m_interfaces[camera.interface].up && Answers(camera)) {
             heard.push_back(&camera);
         }
     }
@@ -220,6 +241,10 @@ std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::
     if (camera == nullptr) {
         return HAL_NO_ACKNOWLEDGE;
     }
+    const Exchange exchange = Send(*camera);
+    if (!exchange.arrived) {
+        return HAL_NO_ACKNOWLEDGE;
+    }
     camera->registers->ExpireControl(std::chrono::steady_clock::now());
     if (camera->registers->IsControlHeld()) {
         return HAL_NO_ACKNOWLEDGE;  // a camera in use discards the command
@@ -229,7 +254,7 @@ std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::
         return HAL_NO_ACKNOWLEDGE;
     }
     camera->registers->SetIpConfiguration(address, mask, gateway);
-    return HAL_OK;
+    return static_cast<std::uint32_t>(exchange.answered ? HAL_OK : HAL_NO_ACKNOWLEDGE);
 }
 
 InterfaceAddress GigEModel::AddressOf(std::size_t interface) const {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -75,16 +76,25 @@ public:
     /// Interfaces and the cameras that are heard on them. @param self  The port that this computer asks from.
     GigEDiagnosis Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now);
 
-    /// How long the camera takes to answer one command, none: it does not.
-    static std::optional<std::chrono::milliseconds> AnswerTime(const Camera& camera);
+    /// What becomes of one command to a camera.
+    struct Exchange {
+        std::chrono::milliseconds time{0};  ///< until the answer, or until it is waited for no longer
+        bool arrived = false;               ///< the camera heard it
+        bool answered = false;
+    };
+    /// Sends one, three times if need be, and draws what is lost. The draws of a rig are the same each time it plays.
+    Exchange Send(const Camera& camera);
 
 private:
     Camera* Find(const std::string& name);
+    /// Whether it ever answers.
+    static bool Answers(const Camera& camera);
     InterfaceAddress AddressOf(std::size_t interface) const;
     static ControlInfo ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now);
 
     std::vector<NetworkInterfaceDescription> m_interfaces;
     std::vector<Camera> m_cameras;
+    std::minstd_rand m_random;
 };
 
 }  // namespace Nimbrel2::Platform

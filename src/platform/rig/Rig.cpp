@@ -13,7 +13,10 @@ namespace Nimbrel2::Platform {
 const std::vector<std::string>& RigFaultFunctions() {
     // Never destroyed: threads may outlive static objects.
     static const auto& functions = *new std::vector<std::string>{
+        "HAL_1394DeregisterBusEvents",
         "HAL_1394FireBusReset",
+        "HAL_1394FreeCamera",
+        "HAL_1394FreeDevice",
         "HAL_1394GetCameras",
         "HAL_1394GetConfigInfo",
         "HAL_1394GetDeviceInfo",
@@ -24,20 +27,30 @@ const std::vector<std::string>& RigFaultFunctions() {
         "HAL_1394GetVirtualCameras",
         "HAL_1394ReadPhyRegister",
         "HAL_1394ReadRegister",
+        "HAL_1394RegisterBusEvents",
         "HAL_1394WritePhyRegister",
         "HAL_1394WriteRegister",
+        "HAL_CleanupLibrary",
+        "HAL_GigEDeregisterBusEvents",
+        "HAL_GigEFreeCamera",
+        "HAL_GigEGetCameraIpAddress",
         "HAL_GigEGetCameras",
+        "HAL_GigEGetConfigInfo",
         "HAL_GigEGetDiscoveryRecord",
         "HAL_GigEGetLocalApplicationIpAddress",
         "HAL_GigEGetLocalApplicationPort",
         "HAL_GigEIsInMonitorMode",
         "HAL_GigEReadRegister",
+        "HAL_GigERegisterBusEvents",
         "HAL_GigEWriteRegister",
         "HAL_GvcpAutoForceIpToCamera",
         "HAL_GvcpDiscovery",
         "HAL_GvcpForceIp",
         "HAL_GvcpForceIpAuto",
+        "HAL_InitLibrary",
+        "HAL_UsbDeregisterBusEvents",
         "HAL_UsbFireBusReset",
+        "HAL_UsbFreeCamera",
         "HAL_UsbGetCameras",
         "HAL_UsbGetConfigInfo",
         "HAL_UsbGetLinkInfo",
@@ -45,6 +58,9 @@ const std::vector<std::string>& RigFaultFunctions() {
         "HAL_UsbGetSelfIds",
         "HAL_UsbGetSerialText",
         "HAL_UsbGetSpeed",
+        "HAL_UsbReadRegister",
+        "HAL_UsbRegisterBusEvents",
+        "HAL_UsbWriteRegister",
     };
     return functions;
 }
@@ -68,6 +84,9 @@ std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
         for (std::size_t k = 0; k < bus.phys.size(); ++k) {
             checkName(bus.phys[k].name, where + "/phys/" + std::to_string(k));
         }
+        for (std::size_t k = 0; k < bus.placedCameras.size(); ++k) {
+            checkName(bus.placedCameras[k].camera.name, where + "/placedCameras/" + std::to_string(k));
+        }
     }
     for (std::size_t i = 0; i < description.usb.size(); ++i) {
         const UsbHostDescription& host = description.usb[i];
@@ -76,6 +95,9 @@ std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
         append(UsbModel::Validate(host, where));
         for (std::size_t k = 0; k < host.devices.size(); ++k) {
             checkName(host.devices[k].name, where + "/devices/" + std::to_string(k));
+        }
+        for (std::size_t k = 0; k < host.placedCameras.size(); ++k) {
+            checkName(host.placedCameras[k].camera.name, where + "/placedCameras/" + std::to_string(k));
         }
     }
     append(GigEModel::Validate(description.gigE, "/gige"));
@@ -415,6 +437,11 @@ std::optional<std::string> Rig::FailBus(const std::string& bus) {
 void Rig::AddFault(RigFault fault) {
     const std::lock_guard lock(m_mutex);
     m_faults.push_back(std::move(fault));
+}
+
+std::size_t Rig::CountFaultsLeft() const {
+    const std::lock_guard lock(m_mutex);
+    return m_faults.size();
 }
 
 void Rig::SetFast(bool fast) {

@@ -72,6 +72,8 @@ public:
     /// A bus error on the FireWire bus or USB host of that name.
     std::optional<std::string> FailBus(const std::string& bus);
     void AddFault(RigFault fault);
+    /// Faults whose call has not come yet.
+    std::size_t CountFaultsLeft() const;
 
     /// Virtual time: delays of faults are not waited for. Off at first.
     void SetFast(bool fast);

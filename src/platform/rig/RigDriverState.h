@@ -15,10 +15,8 @@ namespace Nimbrel2::Platform {
 struct RigDriverState {
     explicit RigDriverState(std::shared_ptr<Rig> theRig) : rig(std::move(theRig)) {}
 
-    /// At the head of each HAL function: HAL_CLOSED once the driver has stopped, else what a fault makes of the call.
-    std::uint32_t Enter(const char* function) const {
-        return stopped ? static_cast<std::uint32_t>(HAL_CLOSED) : rig->Enter(function);
-    }
+    /// HAL_CLOSED once the driver has stopped.
+    std::uint32_t Check() const { return static_cast<std::uint32_t>(stopped ? HAL_CLOSED : HAL_OK); }
 
     const std::shared_ptr<Rig> rig;
     std::atomic<bool> stopped{false};

@@ -335,6 +335,9 @@ struct Names {
                 devices.insert(device.name);
                 places.insert(device.name);
             }
+            for (const auto& placed : host.placedCameras) {
+                devices.insert(placed.camera.name);
+            }
         }
         for (const NetworkInterfaceDescription& network : rig.gigE) {
             interfaces.insert(network.name);
@@ -475,6 +478,23 @@ constexpr ActionKey ActionKeys[] = {
     {"fault", [](const JsonValue& value, const Names&) -> RigAction { return ReadFault(value); }},
 };
 
+// The one key of the object that names an action.
+RigAction ReadAction(JsonObject& object, const JsonValue& value, const Names& names) {
+    RigAction read;
+    int actions = 0;
+    for (const ActionKey& action : ActionKeys) {
+        object.Optional(action.key, [&](const JsonValue& what) {
+            read = action.read(what, names);
+            ++actions;
+        });
+    }
+    object.Done();
+    if (actions != 1) {
+        value.Fail("a step is exactly one action, not " + std::to_string(actions));
+    }
+    return read;
+}
+
 RigStep ReadStep(const JsonValue& value, const Names& names) {
     JsonObject object(value);
     RigStep step;
@@ -484,17 +504,7 @@ RigStep ReadStep(const JsonValue& value, const Names& names) {
     if (step.at.has_value() && step.after.has_value()) {
         value.Fail("a step comes \"at\" a time or \"after\" an event, not both");
     }
-    int actions = 0;
-    for (const ActionKey& action : ActionKeys) {
-        object.Optional(action.key, [&](const JsonValue& what) {
-            step.action = action.read(what, names);
-            ++actions;
-        });
-    }
-    object.Done();
-    if (actions != 1) {
-        value.Fail("a step is exactly one action, not " + std::to_string(actions));
-    }
+    step.action = ReadAction(object, value, names);
     return step;
 }
 
@@ -538,6 +548,17 @@ RigPlan ParseRig(std::string_view text, const std::string& file) {
         return ReadPlan(JsonValue(document, ""));
     } catch (const JsonProblem& problem) {
         throw RigFileError(file, problem.pointer, problem.what());
+    }
+}
+
+RigAction ParseRigAction(std::string_view text, const RigDescription& rig) {
+    try {
+        const nlohmann::json document = ParseStrictly(text, MaxDepth);
+        const JsonValue value(document, "");
+        JsonObject object(value);
+        return ReadAction(object, value, Names(rig));
+    } catch (const JsonProblem& problem) {
+        throw RigFileError(std::string(text), problem.pointer, problem.what());
     }
 }
 

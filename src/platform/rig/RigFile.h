@@ -42,6 +42,10 @@ RigPlan ReadRigFile(const std::string& path);
 /// The same for a text; file is what errors name.
 RigPlan ParseRig(std::string_view text, const std::string& file);
 
+/// An action of the timeline by itself: {"unplug": "left camera"}. @throws RigFileError, which shows the text as the
+/// file.
+RigAction ParseRigAction(std::string_view text, const RigDescription& rig);
+
 /// Takes away all network interfaces of a rig but those named. @throws std::invalid_argument for a name it has not.
 void KeepNetworkInterfaces(RigDescription* rig, const std::vector<std::string>& names);
 

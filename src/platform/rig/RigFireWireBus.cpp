@@ -16,7 +16,7 @@ public:
         : m_state(std::move(state)), m_phy(phy), m_card(card) {}
 
     std::uint32_t GetConfigInfo(ConfigInfo* info) override {
-        return OnBus("HAL_1394GetConfigInfo", [&](FireWireModel& bus) -> std::uint32_t {
+        return OnBus([&](FireWireModel& bus) -> std::uint32_t {
             info->numbers = {static_cast<std::uint32_t>(m_phy.eui64 >> 32), 0xFFC0U | bus.FindNode(m_phy.eui64)->phyId,
                              static_cast<std::uint32_t>(m_phy.eui64), bus.Card(), m_phy.unitVersion};
             info->vendor = m_phy.vendor;
@@ -26,7 +26,7 @@ public:
     }
 
     std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {
-        return OnBus("HAL_1394GetDeviceInfo", [&](FireWireModel&) -> std::uint32_t {
+        return OnBus([&](FireWireModel&) -> std::uint32_t {
             *high = static_cast<std::uint32_t>(m_phy.eui64 >> 32);
             *low = static_cast<std::uint32_t>(m_phy.eui64);
             return HAL_OK;
@@ -34,7 +34,7 @@ public:
     }
 
     std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) override {
-        return OnBus("HAL_1394GetNode", [&](FireWireModel& bus) -> std::uint32_t {
+        return OnBus([&](FireWireModel& bus) -> std::uint32_t {
             *node = static_cast<std::uint16_t>(bus.FindNode(m_phy.eui64)->phyId);
             *busNumber = static_cast<std::uint16_t>(bus.Card());
             return HAL_OK;
@@ -42,38 +42,34 @@ public:
     }
 
     std::uint32_t ReadQuadlet(std::uint64_t offset, std::uint32_t* value) override {
-        return OnBus("HAL_1394ReadRegister",
-                     [&](FireWireModel& bus) { return bus.ReadQuadlet(m_phy.eui64, offset, value); });
+        return OnBus([&](FireWireModel& bus) { return bus.ReadQuadlet(m_phy.eui64, offset, value); });
     }
 
     std::uint32_t WriteQuadlet(std::uint64_t offset, std::uint32_t value) override {
-        return OnBus("HAL_1394WriteRegister",
-                     [&](FireWireModel& bus) { return bus.WriteQuadlet(m_phy.eui64, offset, value); });
+        return OnBus([&](FireWireModel& bus) { return bus.WriteQuadlet(m_phy.eui64, offset, value); });
     }
 
     std::uint32_t ReadPhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
                           std::uint32_t* value) override {
-        return OnBus("HAL_1394ReadPhyRegister",
-                     [&](FireWireModel& bus) { return bus.ReadPhy(m_phy.eui64, page, port, address, value); });
+        return OnBus([&](FireWireModel& bus) { return bus.ReadPhy(m_phy.eui64, page, port, address, value); });
     }
 
     std::uint32_t WritePhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
                            std::uint32_t value) override {
         bool resetAsked = false;
-        const std::uint32_t status = OnBus("HAL_1394WritePhyRegister", [&](FireWireModel& bus) {
-            return bus.WritePhy(m_phy.eui64, page, port, address, value, &resetAsked);
-        });
+        const std::uint32_t status = OnBus(
+            [&](FireWireModel& bus) { return bus.WritePhy(m_phy.eui64, page, port, address, value, &resetAsked); });
         return resetAsked ? m_state->rig->ResetBusOf(m_phy.eui64) : status;
     }
 
     std::uint32_t FireBusReset() override {
-        const std::uint32_t status = m_state->Enter("HAL_1394FireBusReset");
+        const std::uint32_t status = m_state->Check();
         return status != HAL_OK ? status : m_state->rig->ResetBusOf(m_phy.eui64);
     }
 
     std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>* packets, std::uint64_t* busKey,
                              std::uint32_t* generation) override {
-        return OnBus("HAL_1394GetSelfIds", [&](FireWireModel& bus) -> std::uint32_t {
+        return OnBus([&](FireWireModel& bus) -> std::uint32_t {
             *packets = bus.SelfIds();
             *busKey = bus.Card() + 1;
             *generation = bus.Generation();
@@ -82,7 +78,7 @@ public:
     }
 
     std::uint32_t GetNodeSerialNumbers(std::vector<std::uint32_t>* serialNumbers) override {
-        return OnBus("HAL_1394GetNodeSerialNumbers", [&](FireWireModel& bus) -> std::uint32_t {
+        return OnBus([&](FireWireModel& bus) -> std::uint32_t {
             serialNumbers->clear();
             for (const FireWireModel::Node& node : bus.Nodes()) {
                 serialNumbers->resize(std::max<std::size_t>(serialNumbers->size(), node.phyId + 1));
@@ -95,8 +91,8 @@ public:
 private:
     // Runs an operation on the node's bus, if the node is on it now.
     template <class Operation>
-    std::uint32_t OnBus(const char* function, Operation operation) const {
-        const std::uint32_t status = m_state->Enter(function);
+    std::uint32_t OnBus(Operation operation) const {
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
@@ -122,7 +118,7 @@ public:
         : m_state(std::move(state)), m_serialNumber(serialNumber) {}
 
     std::uint32_t GetConfigInfo(ConfigInfo* info) override {
-        const std::uint32_t status = m_state->Enter("HAL_1394GetConfigInfo");
+        const std::uint32_t status = m_state->Check();
         info->numbers = {0, 0, m_serialNumber, 0, 0};
         info->vendor = "Nimbrel2";
         info->model = "Virtual camera";
@@ -131,12 +127,12 @@ public:
     std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {
         *high = 0;
         *low = m_serialNumber;
-        return m_state->Enter("HAL_1394GetDeviceInfo");
+        return m_state->Check();
     }
     std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) override {
         *node = 0;
         *busNumber = 0;
-        return m_state->Enter("HAL_1394GetNode");
+        return m_state->Check();
     }
     std::uint32_t ReadQuadlet(std::uint64_t, std::uint32_t*) override { return HAL_NO_SUCH_REGISTER; }
     std::uint32_t WriteQuadlet(std::uint64_t, std::uint32_t) override { return HAL_NO_SUCH_REGISTER; }
@@ -173,12 +169,12 @@ public:
     }
 
     std::uint32_t ListCameras(std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
-        return List("HAL_1394GetCameras", PhyKind::Camera, cameras);
+        return List(PhyKind::Camera, cameras);
     }
 
     std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>& taken,
                                      std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
-        const std::uint32_t status = m_state->Enter("HAL_1394GetVirtualCameras");
+        const std::uint32_t status = m_state->Check();
         if (status == HAL_OK) {
             for (const std::uint32_t serialNumber : m_state->rig->VirtualSerialNumbers(taken)) {
                 cameras->push_back(std::make_shared<VirtualCamera>(m_state, serialNumber));
@@ -188,13 +184,13 @@ public:
     }
 
     std::uint32_t ListDevices(std::vector<std::shared_ptr<FireWireDevice>>* devices) override {
-        return List("HAL_1394GetDevices", PhyKind::Device, devices);
+        return List(PhyKind::Device, devices);
     }
 
 private:
     // In the order of cards, then EUI-64.
-    std::uint32_t List(const char* function, PhyKind kind, std::vector<std::shared_ptr<FireWireDevice>>* devices) {
-        const std::uint32_t status = m_state->Enter(function);
+    std::uint32_t List(PhyKind kind, std::vector<std::shared_ptr<FireWireDevice>>* devices) {
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }

@@ -21,16 +21,20 @@ public:
         : m_state(std::move(state)), m_mac(static_cast<std::uint64_t>(record.macHigh) << 32 | record.macLow) {}
 
     std::uint32_t GetRecord(GvcpDiscoveryRecord* record) override {
-        return OnCamera("HAL_GigEGetDiscoveryRecord", [&](GigEModel&, GigEModel::Camera& camera) -> std::uint32_t {
+        return OnCamera([&](GigEModel&, GigEModel::Camera& camera) -> std::uint32_t {
             *record = camera.registers->GetDiscoveryRecord();
             return HAL_OK;
         });
     }
 
     std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) override {
-        const std::uint32_t status = Ask("HAL_GigEReadRegister", [&](const Simulated::Endpoint& self, auto& camera) {
-            return camera.registers->Read(self, address, value);
+        std::uint32_t answer = 0;
+        const std::uint32_t status = Ask([&](const Simulated::Endpoint& self, auto& camera) {
+            return camera.registers->Read(self, address, &answer);
         });
+        if (status == HAL_OK) {
+            *value = answer;
+        }
         if (status != HAL_OK && status != HAL_CLOSED && address == kCurrentIpAddress) {
             GvcpDiscoveryRecord record{};
             if (GetRecord(&record) == HAL_OK) {  // a camera that is there has the address that it is listed with
@@ -42,13 +46,13 @@ public:
     }
 
     std::uint32_t WriteRegister(std::uint32_t address, std::uint32_t value) override {
-        return Ask("HAL_GigEWriteRegister", [&](const Simulated::Endpoint& self, auto& camera) {
+        return Ask([&](const Simulated::Endpoint& self, auto& camera) {
             return camera.registers->Write(self, address, value, std::chrono::steady_clock::now());
         });
     }
 
     std::uint32_t IsInMonitorMode(bool* monitor) override {
-        return OnCamera("HAL_GigEIsInMonitorMode", [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+        return OnCamera([&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
             camera.registers->ExpireControl(std::chrono::steady_clock::now());
             *monitor = camera.registers->IsControlHeld() &&
                        camera.registers->GetPrimaryApplication() != SelfTowards(model, camera);
@@ -58,15 +62,14 @@ public:
 
     std::uint32_t GetLocalPort(std::uint32_t* port) override {
         *port = ApplicationPort;
-        return m_state->Enter("HAL_GigEGetLocalApplicationPort");
+        return m_state->Check();
     }
 
     std::uint32_t GetLocalAddress(std::uint32_t* ipAddress) override {
-        return OnCamera("HAL_GigEGetLocalApplicationIpAddress",
-                        [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
-                            *ipAddress = model.InterfaceOf(camera).address;
-                            return HAL_OK;
-                        });
+        return OnCamera([&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+            *ipAddress = model.InterfaceOf(camera).address;
+            return HAL_OK;
+        });
     }
 
 private:
@@ -75,8 +78,8 @@ private:
     }
 
     template <class Operation>
-    std::uint32_t OnCamera(const char* function, Operation operation) const {
-        const std::uint32_t status = m_state->Enter(function);
+    std::uint32_t OnCamera(Operation operation) const {
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
@@ -88,21 +91,23 @@ private:
 
     // One command over the wire: it takes the time that the camera takes, and only a camera on the subnet hears it.
     template <class Command>
-    std::uint32_t Ask(const char* function, Command command) const {
-        std::chrono::milliseconds answerTime{0};
-        const std::uint32_t status =
-            OnCamera(function, [&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
-                if (!model.IsOnSubnet(camera)) {
-                    return HAL_UNREACHABLE;
-                }
-                answerTime = *GigEModel::AnswerTime(camera);
+    std::uint32_t Ask(Command command) const {
+        GigEModel::Exchange exchange;
+        const std::uint32_t status = OnCamera([&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
+            if (!model.IsOnSubnet(camera)) {
+                return HAL_UNREACHABLE;
+            }
+            exchange = model.Send(camera);
+            std::uint32_t result = HAL_TIMED_OUT;
+            if (exchange.arrived) {
                 camera.registers->ExpireControl(std::chrono::steady_clock::now());
                 const Simulated::Endpoint self = SelfTowards(model, camera);
-                const std::uint32_t result = Gvcp::ToHalStatus(command(self, camera));
+                result = Gvcp::ToHalStatus(command(self, camera));
                 camera.registers->Touch(self, std::chrono::steady_clock::now());
-                return result;
-            });
-        m_state->rig->Wait(answerTime);
+            }
+            return exchange.answered ? result : static_cast<std::uint32_t>(HAL_TIMED_OUT);
+        });
+        m_state->rig->Wait(exchange.time);
         return status;
     }
 
@@ -126,7 +131,7 @@ public:
     }
 
     std::uint32_t ListCameras(std::vector<std::shared_ptr<GigEDevice>>* cameras) override {
-        const std::uint32_t status = m_state->Enter("HAL_GigEGetCameras");
+        const std::uint32_t status = m_state->Check();
         if (status == HAL_OK) {
             m_state->rig->WithGigE([&](GigEModel& model) {
                 for (const GigEModel::Camera* camera : model.Reached()) {
@@ -138,7 +143,7 @@ public:
     }
 
     std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
-        const std::uint32_t status = m_state->Enter("HAL_GvcpDiscovery");
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
@@ -155,17 +160,17 @@ public:
 
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ipAddress, std::uint32_t subnetMask,
                           std::uint32_t gateway) override {
-        const std::uint32_t status = m_state->Enter("HAL_GvcpForceIp");
+        const std::uint32_t status = m_state->Check();
         return status != HAL_OK ? status : m_state->rig->ForceIp(mac, ipAddress, subnetMask, gateway);
     }
 
     std::uint32_t ForceIpAuto() override {
-        const std::uint32_t status = m_state->Enter("HAL_GvcpForceIpAuto");
+        const std::uint32_t status = m_state->Check();
         return status != HAL_OK ? status : m_state->rig->AutoForceIp([](const GvcpDiscoveryRecord&) { return true; });
     }
 
     std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
-        const std::uint32_t status = m_state->Enter("HAL_GvcpAutoForceIpToCamera");
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
@@ -180,8 +185,8 @@ public:
 
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         *diagnosis = GigEDiagnosis{};
-        if (m_state->stopped) {
-            return HAL_CLOSED;
+        if (const std::uint32_t status = m_state->Check(); status != HAL_OK) {
+            return status;
         }
         *diagnosis = m_state->rig->WithGigE([&](GigEModel& model) {
             return model.Diagnose(askControl, ApplicationPort, std::chrono::steady_clock::now());
@@ -207,10 +212,9 @@ public:
         return status;
     }
 
-    // Found out by a discovery, as the addresses are that it plans.
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
         plans->clear();
-        const std::uint32_t status = m_state->Enter("HAL_GvcpDiscovery");
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }

@@ -23,7 +23,7 @@ public:
         : m_state(std::move(state)), m_device(*attached.device), m_lastSpeed(attached.speed) {}
 
     std::uint32_t GetConfigInfo(ConfigInfo* info) override {
-        return WhileAttached("HAL_UsbGetConfigInfo", [&](UsbModel& host, const UsbModel::Attached& attached) {
+        return WhileAttached([&](UsbModel& host, const UsbModel::Attached& attached) {
             info->numbers = {static_cast<std::uint32_t>(m_device.vendorId) << 16 | m_device.productId,
                              static_cast<std::uint32_t>(host.HostKey()) << 8 | attached.deviceId,
                              UsbSerialNumber(m_device.vendorId, m_device.productId, m_device.serial), attached.speed,
@@ -35,12 +35,12 @@ public:
 
     std::uint32_t GetSerialText(std::string* text) override {
         *text = m_device.serial;
-        return m_state->Enter("HAL_UsbGetSerialText");
+        return m_state->Check();
     }
 
     std::uint32_t GetSpeed(std::uint32_t* megabits) override {
-        const std::uint32_t status = WhileAttached(
-            "HAL_UsbGetSpeed", [&](UsbModel&, const UsbModel::Attached& attached) { m_lastSpeed = attached.speed; });
+        const std::uint32_t status =
+            WhileAttached([&](UsbModel&, const UsbModel::Attached& attached) { m_lastSpeed = attached.speed; });
         *megabits = m_lastSpeed;
         return status == HAL_GONE ? static_cast<std::uint32_t>(HAL_OK) : status;
     }
@@ -49,25 +49,23 @@ public:
     std::uint32_t WriteRegister(std::uint64_t, std::uint32_t) override { return HAL_NOT_SUPPORTED; }
 
     std::uint32_t FireBusReset() override {
-        const std::uint32_t status = m_state->Enter("HAL_UsbFireBusReset");
+        const std::uint32_t status = m_state->Check();
         return status != HAL_OK ? status : m_state->rig->ResetHostOf(m_device.name);
     }
 
     std::uint32_t GetLinkInfo(std::uint32_t* link) override {
-        return WhileAttached("HAL_UsbGetLinkInfo", [&](UsbModel&, const UsbModel::Attached& attached) {
-            *link = UsbModel::LinkInfo(attached);
-        });
+        return WhileAttached(
+            [&](UsbModel&, const UsbModel::Attached& attached) { *link = UsbModel::LinkInfo(attached); });
     }
 
     std::uint32_t GetPortStatus(std::uint32_t* status) override {
-        return WhileAttached("HAL_UsbGetPortStatus", [&](UsbModel&, const UsbModel::Attached& attached) {
-            *status = UsbModel::PortStatus(attached);
-        });
+        return WhileAttached(
+            [&](UsbModel&, const UsbModel::Attached& attached) { *status = UsbModel::PortStatus(attached); });
     }
 
     std::uint32_t GetTree(std::vector<UsbSelfId>* records, std::uint32_t* deviceId, std::uint64_t* hostKey,
                           std::uint32_t* generation) override {
-        return WhileAttached("HAL_UsbGetSelfIds", [&](UsbModel& host, const UsbModel::Attached& attached) {
+        return WhileAttached([&](UsbModel& host, const UsbModel::Attached& attached) {
             *records = host.Records();
             *deviceId = attached.deviceId;
             *hostKey = host.HostKey();
@@ -77,8 +75,8 @@ public:
 
 private:
     template <class Operation>
-    std::uint32_t WhileAttached(const char* function, Operation operation) const {
-        const std::uint32_t status = m_state->Enter(function);
+    std::uint32_t WhileAttached(Operation operation) const {
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
@@ -115,7 +113,7 @@ public:
 
     // In the order of controllers, then port paths.
     std::uint32_t ListCameras(std::vector<std::shared_ptr<UsbDevice>>* cameras) override {
-        const std::uint32_t status = m_state->Enter("HAL_UsbGetCameras");
+        const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A device that answers GVCP as a test wants it to. One thread; m_mutex guards the requests.
+// A device that answers GVCP as a test wants it to. m_mutex guards the requests and the threads in the background.
 #include "tests/platform/gige/HostileDevice.h"
 
 #include <arpa/inet.h>
@@ -54,11 +54,31 @@ HostileDevice::HostileDevice(NetworkNamespace& network, std::uint32_t address,
 }
 
 HostileDevice::~HostileDevice() {
-    m_stop = true;
-    shutdown(m_socket, SHUT_RDWR);
-    m_thread.join();
+    Stop();
     close(m_socket);
     close(m_raw);
+}
+
+void HostileDevice::Stop() {
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = true;
+        m_changed.notify_all();
+    }
+    if (m_thread.joinable()) m_thread.join();
+    // Nobody adds to them any more.
+    for (std::thread& thread : m_background) thread.join();
+    m_background.clear();
+}
+
+void HostileDevice::InBackground(std::function<void()> work) {
+    std::lock_guard lock(m_mutex);
+    m_background.emplace_back(std::move(work));
+}
+
+void HostileDevice::Pause(std::chrono::milliseconds time) {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, time, [this] { return m_stop.load(); });
 }
 
 void HostileDevice::Serve() {

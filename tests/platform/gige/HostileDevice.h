@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // A device that answers GVCP as a test wants it to: anything, from any address and port. One thread of its own, on
-// which the test's function runs. Needs CAP_NET_RAW.
+// which the test's function runs, and those that the function starts; all of them end with the device. So a test
+// declares the device after everything that its function refers to. Needs CAP_NET_RAW.
 #ifndef NIMBREL2_TESTS_PLATFORM_GIGE_HOSTILEDEVICE_H
 #define NIMBREL2_TESTS_PLATFORM_GIGE_HOSTILEDEVICE_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -42,6 +44,16 @@ public:
     HostileDevice(const HostileDevice&) = delete;
     HostileDevice& operator=(const HostileDevice&) = delete;
 
+    /// Ends every thread of the device. What it has heard stays.
+    void Stop();
+
+    // For the function.
+    /// Does something for longer, until IsStopping at the latest, on a thread of its own.
+    void InBackground(std::function<void()> work);
+    bool IsStopping() const { return m_stop; }
+    /// Waits that long, or until the device stops.
+    void Pause(std::chrono::milliseconds time);
+
     /// From the device's address, port 3956, to whoever asked.
     void Answer(const Request& request, std::span<const std::uint8_t> bytes);
     /// From any address and port; at most 1400 bytes.
@@ -69,6 +81,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<Request> m_requests;
+    std::vector<std::thread> m_background;
     std::thread m_thread;
 };
 

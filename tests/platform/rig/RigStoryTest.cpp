@@ -3,18 +3,30 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <boost/smart_ptr/weak_ptr.hpp>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "busmaster/BusMaster.h"
+#include "common/GigEInterface.h"
 #include "common/IEEE1394Interface.h"
+#include "hal/HAL.h"
 #include "platform/Platform.h"
 #include "platform/rig/RigFile.h"
+#include "tests/support/LargeRig.h"
+#include "tests/support/TraceRecorder.h"
 
 namespace Nimbrel2 {
 namespace {
@@ -23,6 +35,25 @@ using Platform::CableEnd;
 using Platform::Rig;
 using testing::Contains;
 using testing::UnorderedElementsAre;
+
+// All that hal/HAL.h declares.
+std::set<std::string> FunctionsOfTheHal() {
+    std::ifstream header(NIMBREL2_HAL_HEADER);
+    const std::string text{std::istreambuf_iterator<char>(header), {}};
+    std::set<std::string> names;
+    const std::regex declaration("\nuint32_t (HAL_\\w+)\\(");
+    for (std::sregex_iterator found(text.begin(), text.end(), declaration), end; found != end; ++found) {
+        names.insert((*found)[1]);
+    }
+    return names;
+}
+
+void* FirstOf(std::uint32_t (*list)(void**, std::uint64_t*)) {
+    std::array<void*, 256> entries{};
+    std::uint64_t count = entries.size();
+    EXPECT_EQ(list(entries.data(), &count), HAL_OK);
+    return entries[0];
+}
 
 constexpr unsigned int kPatience = 10000;  // ms
 
@@ -71,11 +102,15 @@ private:
 
 class RigStory : public testing::Test {
 protected:
-    RigStory() : m_rig(std::make_shared<Rig>(Platform::ParseRig(kRig, "story").rig)) {
+    RigStory() { Use(Platform::ParseRig(kRig, "story").rig); }
+
+    void Use(Platform::RigDescription description) {
+        m_busMaster.reset();
+        m_rig = std::make_shared<Rig>(std::move(description));
+        m_rig->SetFast(true);
         Platform::Options options;
         options.fireWire = options.usb = options.gigE = Platform::Driver::Rig;
         options.rig = m_rig;
-        m_rig->SetFast(true);
         EXPECT_TRUE(Platform::Configure(options));
         m_busMaster = std::make_unique<BusMaster>();
     }
@@ -127,7 +162,7 @@ protected:
         });
     }
 
-    const std::shared_ptr<Rig> m_rig;
+    std::shared_ptr<Rig> m_rig;
     Record m_record;
     std::unique_ptr<BusMaster> m_busMaster;
 };
@@ -160,37 +195,93 @@ TEST_F(RigStory, TellsOfACameraThatIsUnpluggedAndForgetsIt) {
     EXPECT_EQ(m_busMaster->GetGeneration(2), 1U);
 }
 
-TEST_F(RigStory, KeepsHandleGuidAndInterfaceOfACameraThatMovesFromNode2ToNode5AndSwitchesIsoOnAgain) {
+// The whole road of one event, from the cable to the look-up that finds nothing.
+TEST_F(RigStory, FollowsAnUnpluggedCameraFromTheBusToTheUser) {
     Start();
-    // disk 0 and card 1 come first; camera one is node 2, camera two node 3, the hub the root.
+    IEEE1394Interface* const stays = FireWireOf(2);
+    const ZevoGuid staysGuid = GuidOf(2);
+    const ZevoGuid leavesGuid = GuidOf(1);
+    unsigned short nodeBefore = 0;
+    stays->GetCameraNode(&nodeBefore);
+    BusMasterHandle* handle = nullptr;
+    ASSERT_EQ(m_busMaster->GetHandleFromGuid(leavesGuid, &handle).GetType(), ERROR_OK);
+    const boost::weak_ptr<HardwareInterface> leaves = handle->hwInterface;
+
+    Testing::TraceRecorder trace;
+    ASSERT_EQ(m_rig->Unplug("one"), std::nullopt);
+    Settle();
+
+    const std::vector<std::string> lines = trace.Lines();
+    const auto at = [&lines](const std::string& line) {
+        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+    };
+    const std::string event = "Bus event: Bus reset on 1394 interface";
+    const std::string wake = "BusMaster wake up event triggered";
+    const std::string merge = "Updating camera list. Current size: 4, new size: 3";
+    EXPECT_THAT(lines, testing::IsSupersetOf({event, wake, merge}));
+    EXPECT_LT(at(event), at(wake));
+    EXPECT_LT(at(wake), at(merge));
+    EXPECT_GE(m_record.TakeResets(), 1U);
+    EXPECT_THAT(m_record.Take(), UnorderedElementsAre("-1"));
+    EXPECT_TRUE(leaves.expired()) << "its interface is released and its handle freed";
+    EXPECT_EQ(m_busMaster->GetHandleFromGuid(leavesGuid, &handle).GetType(), ERROR_NOT_FOUND);
+    EXPECT_TRUE(GuidOf(2) == staysGuid);
+    EXPECT_EQ(FireWireOf(2), stays);
+    unsigned short node = 0;
+    stays->GetCameraNode(&node);
+    EXPECT_EQ(node, nodeBefore - 1) << "the new node number is copied into the camera that stays";
+    ZevoGuid guid = staysGuid;
+    const Error error = m_busMaster->GetCameraFromSerialNumber(1, &guid);
+    EXPECT_EQ(error.GetType(), ERROR_FAILED);
+    EXPECT_STREQ(error.GetMessage(), "Camera with specified serial number was not found.");
+    EXPECT_TRUE(guid == ZevoGuid());
+}
+
+// A node takes its number after its children, lowest port first, and the card is the root: on this bus one is node 2 of
+// 0 to 7, and on the right hub it is node 5.
+constexpr char kTwoHubs[] = R"({
+  "firewire": [{"name": "fw0",
+    "phys": [{"name": "card", "kind": "card", "ports": 3, "eui64": "0x0800460102030405", "contender": true},
+             {"name": "left", "kind": "repeater", "ports": 6}, {"name": "right", "kind": "repeater", "ports": 6},
+             {"name": "one", "ports": 2, "eui64": "0x0011880000000001"},
+             {"name": "two", "ports": 2, "eui64": "0x0011880000000002"},
+             {"name": "three", "ports": 2, "eui64": "0x0011880000000003"},
+             {"name": "four", "ports": 2, "eui64": "0x0011880000000004"},
+             {"name": "five", "ports": 2, "eui64": "0x0011880000000005"}],
+    "cables": [[["card", 0], ["left", 5]], [["card", 1], ["right", 5]], [["left", 0], ["two", 0]],
+               [["left", 1], ["three", 0]], [["left", 2], ["one", 0]], [["right", 0], ["four", 0]],
+               [["right", 1], ["five", 0]]]}]
+})";
+
+TEST_F(RigStory, KeepsHandleGuidAndInterfaceOfACameraThatMovesFromNode2ToNode5AndSwitchesIsoOnAgain) {
+    Use(Platform::ParseRig(kTwoHubs, "two hubs").rig);
+    Start();
     IEEE1394Interface* const camera = FireWireOf(1);
     ASSERT_NE(camera, nullptr);
+    const ZevoGuid guid = GuidOf(1);
+    BusMasterHandle* handle = nullptr;
+    ASSERT_EQ(m_busMaster->GetHandleFromGuid(guid, &handle).GetType(), ERROR_OK);
     unsigned short node = 0;
     camera->GetCameraNode(&node);
-    const unsigned short before = node;
-    const ZevoGuid guid = GuidOf(1);
+    EXPECT_EQ(node, 2U);
     camera->isoEnabled = true;
     m_rig->WithFireWire([](std::vector<Platform::FireWireModel>& buses) {
         buses.front().WriteQuadlet(0x0011880000000001, 0xFFFFF0F00614, 0);
     });
 
-    ASSERT_EQ(m_rig->Plug("three"), std::nullopt);
-    Settle();
-    ASSERT_EQ(m_rig->Plug("four"), std::nullopt);
-    Settle();
-    ASSERT_EQ(m_rig->Move("one", 0, CableEnd{"two", 1}), std::nullopt);
+    ASSERT_EQ(m_rig->Move("one", 0, CableEnd{"right", 2}), std::nullopt);
     Settle();
 
     EXPECT_EQ(FireWireOf(1), camera) << "the same interface object";
     EXPECT_TRUE(GuidOf(1) == guid);
+    BusMasterHandle* now = nullptr;
+    EXPECT_EQ(m_busMaster->GetHandleFromGuid(guid, &now).GetType(), ERROR_OK);
+    EXPECT_EQ(now, handle);
     camera->GetCameraNode(&node);
-    const unsigned int now = m_rig->WithFireWire(
-        [](std::vector<Platform::FireWireModel>& buses) { return buses.front().FindNode(0x0011880000000001)->phyId; });
-    EXPECT_EQ(node, now);
-    EXPECT_NE(node, before);
+    EXPECT_EQ(node, 5U);
     EXPECT_EQ(IsoEnable(0x0011880000000001), 0x80000000U);
     EXPECT_EQ(IsoEnable(0x0011880000000002), 0U) << "nobody had that one's transmission running";
-    EXPECT_THAT(m_record.Take(), UnorderedElementsAre("+3", "+4"));
+    EXPECT_THAT(m_record.Take(), testing::IsEmpty());
 }
 
 TEST_F(RigStory, NoticesNothingOfAReplugThatIsOverBeforeItLooks) {
@@ -269,6 +360,132 @@ TEST_F(RigStory, KeepsTheOtherBusesWhenOneListingIsRefused) {
     EXPECT_THAT(m_record.Take(), UnorderedElementsAre("+1", "+2"));
 }
 
+TEST_F(RigStory, MakesEveryHalFunctionAnswerWhatAFaultSays) {
+    const std::vector<std::string>& functions = Platform::RigFaultFunctions();
+    EXPECT_EQ(std::set<std::string>(functions.begin(), functions.end()), FunctionsOfTheHal());
+    // Each takes its second call's answer from the rig, and none another's.
+    m_busMaster.reset();
+    ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
+    void* camera = FirstOf(HAL_1394GetCameras);
+    void* device = FirstOf(HAL_1394GetDevices);
+    void* usb = FirstOf(HAL_UsbGetCameras);
+    void* net = FirstOf(HAL_GigEGetCameras);
+    std::array<std::uint32_t, 5> words{};
+    std::array<char, 64> first{}, second{};
+    std::uint32_t firstSize = 64, secondSize = 64;
+    std::uint16_t node = 0, bus = 0;
+    std::uint64_t count = 0, key = 0;
+    std::uint32_t small = 0;
+    GvcpDiscoveryRecord record{};
+    void* registration = &record;
+    void* entries[256] = {};
+    const auto ignore = [](HALBusEvent, void*, HALInterfaceType, unsigned int, unsigned int, unsigned int) {};
+    std::uint32_t* const w = words.data();
+    const std::map<std::string, std::function<std::uint32_t()>> calls{
+        {"HAL_1394GetCameras", [&] { return HAL_1394GetCameras(entries, &(count = 256)); }},
+        {"HAL_1394GetVirtualCameras", [&] { return HAL_1394GetVirtualCameras(entries, nullptr, &(count = 0)); }},
+        {"HAL_1394GetDevices", [&] { return HAL_1394GetDevices(entries, &(count = 256)); }},
+        {"HAL_UsbGetCameras", [&] { return HAL_UsbGetCameras(entries, &(count = 256)); }},
+        {"HAL_GigEGetCameras", [&] { return HAL_GigEGetCameras(entries, &(count = 256)); }},
+        {"HAL_1394FreeCamera", [&] { return HAL_1394FreeCamera(camera); }},
+        {"HAL_1394FreeDevice", [&] { return HAL_1394FreeDevice(device); }},
+        {"HAL_UsbFreeCamera", [&] { return HAL_UsbFreeCamera(usb); }},
+        {"HAL_GigEFreeCamera", [&] { return HAL_GigEFreeCamera(net); }},
+        {"HAL_GigEGetCameraIpAddress", [&] { return HAL_GigEGetCameraIpAddress(net, w); }},
+        {"HAL_1394RegisterBusEvents", [&] { return HAL_1394RegisterBusEvents(&registration, ignore, w); }},
+        {"HAL_UsbRegisterBusEvents", [&] { return HAL_UsbRegisterBusEvents(&registration, ignore, w); }},
+        {"HAL_GigERegisterBusEvents", [&] { return HAL_GigERegisterBusEvents(&registration, ignore, w); }},
+        {"HAL_1394DeregisterBusEvents", [&] { return HAL_1394DeregisterBusEvents(w); }},
+        {"HAL_UsbDeregisterBusEvents", [&] { return HAL_UsbDeregisterBusEvents(w); }},
+        {"HAL_GigEDeregisterBusEvents", [&] { return HAL_GigEDeregisterBusEvents(w); }},
+        {"HAL_GvcpDiscovery", [&] { return HAL_GvcpDiscovery(nullptr, &(small = 0)); }},
+        {"HAL_GvcpForceIp", [] { return HAL_GvcpForceIp(0, 1, 2, 3, 4); }},
+        {"HAL_GvcpForceIpAuto", [] { return HAL_GvcpForceIpAuto(); }},
+        {"HAL_GvcpAutoForceIpToCamera", [] { return HAL_GvcpAutoForceIpToCamera(1); }},
+        {"HAL_1394GetConfigInfo",
+         [&] {
+             return HAL_1394GetConfigInfo(camera, w, w + 1, w + 2, w + 3, w + 4, first.data(), second.data(),
+                                          &firstSize, &secondSize);
+         }},
+        {"HAL_1394GetDeviceInfo", [&] { return HAL_1394GetDeviceInfo(device, w, w + 1, w + 2); }},
+        {"HAL_1394GetNode", [&] { return HAL_1394GetNode(camera, &node, &bus); }},
+        {"HAL_1394ReadRegister", [&] { return HAL_1394ReadRegister(camera, 0xF0000410, 0xFFFFFFFF, w); }},
+        {"HAL_1394WriteRegister", [&] { return HAL_1394WriteRegister(camera, 0xF0F00614, 0xFFFFFFFF, 0, 0); }},
+        {"HAL_1394ReadPhyRegister", [&] { return HAL_1394ReadPhyRegister(camera, 0, 0, 0, w); }},
+        {"HAL_1394WritePhyRegister", [&] { return HAL_1394WritePhyRegister(camera, 0, 0, 0, 0); }},
+        {"HAL_1394FireBusReset", [&] { return HAL_1394FireBusReset(camera); }},
+        {"HAL_1394GetSelfIds", [&] { return HAL_1394GetSelfIds(camera, nullptr, &(count = 0), &key, w); }},
+        {"HAL_1394GetNodeSerialNumbers", [&] { return HAL_1394GetNodeSerialNumbers(camera, w, 1); }},
+        {"HAL_UsbGetConfigInfo",
+         [&] {
+             return HAL_UsbGetConfigInfo(usb, w, w + 1, w + 2, w + 3, w + 4, first.data(), second.data(), &firstSize,
+                                         &secondSize);
+         }},
+        {"HAL_UsbGetSerialText", [&] { return HAL_UsbGetSerialText(usb, first.data(), &firstSize); }},
+        {"HAL_UsbGetSpeed", [&] { return HAL_UsbGetSpeed(usb, w); }},
+        {"HAL_UsbReadRegister", [&] { return HAL_UsbReadRegister(usb, 0xF0000410, 0xFFFFFFFF, w); }},
+        {"HAL_UsbWriteRegister", [&] { return HAL_UsbWriteRegister(usb, 0xF0F00614, 0xFFFFFFFF, 0, 0); }},
+        {"HAL_UsbFireBusReset", [&] { return HAL_UsbFireBusReset(usb); }},
+        {"HAL_UsbGetLinkInfo", [&] { return HAL_UsbGetLinkInfo(usb, w); }},
+        {"HAL_UsbGetPortStatus", [&] { return HAL_UsbGetPortStatus(usb, w); }},
+        {"HAL_UsbGetSelfIds", [&] { return HAL_UsbGetSelfIds(usb, nullptr, &(count = 0), w, &key, w + 1); }},
+        {"HAL_GigEGetConfigInfo",
+         [&] {
+             return HAL_GigEGetConfigInfo(net, w, w + 1, w + 2, w + 3, w + 4, first.data(), second.data(), &firstSize,
+                                          &secondSize);
+         }},
+        {"HAL_GigEGetDiscoveryRecord", [&] { return HAL_GigEGetDiscoveryRecord(net, &record); }},
+        {"HAL_GigEReadRegister", [&] { return HAL_GigEReadRegister(net, 0, w); }},
+        {"HAL_GigEWriteRegister", [&] { return HAL_GigEWriteRegister(net, 0xA00, 0); }},
+        {"HAL_GigEIsInMonitorMode", [&] { return HAL_GigEIsInMonitorMode(net, w); }},
+        {"HAL_GigEGetLocalApplicationPort", [&] { return HAL_GigEGetLocalApplicationPort(net, w); }},
+        {"HAL_GigEGetLocalApplicationIpAddress", [&] { return HAL_GigEGetLocalApplicationIpAddress(net, w); }},
+        {"HAL_CleanupLibrary", [] { return HAL_CleanupLibrary(); }},
+        {"HAL_InitLibrary", [] { return HAL_InitLibrary(); }},
+    };
+    ASSERT_EQ(calls.size(), functions.size());
+    constexpr std::uint32_t kOwnStatus = 4711;
+    for (const auto& [function, call] : calls) {
+        if (function == "HAL_CleanupLibrary" || function == "HAL_InitLibrary") continue;
+        m_rig->AddFault({function, 1, kOwnStatus, {}});
+        EXPECT_EQ(call(), kOwnStatus) << function;
+        EXPECT_EQ(m_rig->CountFaultsLeft(), 0U) << function;
+    }
+    for (const char* function : {"HAL_CleanupLibrary", "HAL_InitLibrary"}) {
+        m_rig->AddFault({function, 1, kOwnStatus, {}});
+        EXPECT_EQ(calls.at(function)(), kOwnStatus) << function;
+    }
+    EXPECT_EQ(HAL_CleanupLibrary(), HAL_CLOSED) << "the start that was refused has left nothing";
+}
+
+TEST_F(RigStory, LosesThatShareOfACamerasAnswersInMemoryToo) {
+    Start();
+    HardwareInterface* hw = nullptr;
+    ASSERT_EQ(m_busMaster->GetHwInterfaceFromSerialNumber(200, &hw).GetType(), ERROR_OK);
+    auto* const camera = dynamic_cast<GigEInterface*>(hw);
+    ASSERT_NE(camera, nullptr);
+    const auto countAnswered = [camera] {
+        int answered = 0;
+        for (int i = 0; i < 1000; ++i) {
+            unsigned int value = 0;
+            const std::uint32_t status = camera->ReadGVCPRegister(0x0A00, &value);
+            EXPECT_THAT(status, testing::AnyOf(HAL_OK, HAL_TIMED_OUT));
+            answered += status == HAL_OK ? 1 : 0;
+        }
+        return answered;
+    };
+    EXPECT_EQ(countAnswered(), 1000);
+    Platform::Simulated::Faults half;
+    half.lossPercent = 50;
+    ASSERT_EQ(m_rig->SetFaults("net", half), std::nullopt);
+    // One try gets through in 25 of 100 cases, one of three in 58.
+    const int answered = countAnswered();
+    EXPECT_GT(answered, 500);
+    EXPECT_LT(answered, 660);
+    ASSERT_EQ(m_rig->SetFaults("net", {}), std::nullopt);
+    EXPECT_EQ(countAnswered(), 1000);
+}
+
 TEST_F(RigStory, FindsAGigECameraOnceItHasAnAddressOfThisSubnet) {
     Start();
     EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_OK);
@@ -332,78 +549,29 @@ TEST_F(RigStory, StandsEightThreadsOfLookUpsWhileTheBusesChange) {
 
 TEST_F(RigStory, HandlesThreeResetsDuringOneCycleInOneMore) {
     Start();
-    // The cycle stands in the listing while three resets come in, each on its own.
-    m_rig->SetFast(false);
-    m_rig->AddFault({"HAL_UsbGetCameras", 1, HAL_OK, std::chrono::milliseconds(400)});
+    Testing::TraceRecorder trace;
+    const std::string inTheCycle = "Updating camera list. Current size: 4, new size: 4";
+    const std::shared_ptr<Testing::Gate> cycle = trace.BlockAt(inTheCycle);
     std::thread rescan([this] { m_busMaster->RescanBus(); });
+    EXPECT_TRUE(trace.WaitFor(inTheCycle));
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(m_rig->ResetBus("fw0"), std::nullopt);
-        ASSERT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(kPatience)));
+        EXPECT_EQ(m_rig->ResetBus("fw0"), std::nullopt);
+        EXPECT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(kPatience)));
     }
+    cycle->Open();
     rescan.join();
     Settle();
-    EXPECT_LE(m_record.TakeResets(), 3U) << "the cycle itself, and at most two for what came after it had begun";
+    EXPECT_EQ(trace.Count("Handling outstanding bus reset (3)"), 1U);
+    EXPECT_EQ(trace.Count(inTheCycle), 2U);
+    EXPECT_EQ(m_record.TakeResets(), 2U) << "the rescan's cycle, and one for the three";
     EXPECT_THAT(m_record.Take(), testing::IsEmpty());
 }
 
 TEST_F(RigStory, StartsWithFiveHundredAndTwelveCameras) {
-    Platform::RigDescription description;
-    for (unsigned int bus = 0; bus < 5; ++bus) {
-        Platform::FireWireBusDescription fireWire;
-        fireWire.name = "fw" + std::to_string(bus);
-        const auto add = [&fireWire, bus](const std::string& name, Platform::PhyKind kind, unsigned int ports) {
-            Platform::PhyDescription phy;
-            phy.name = name;
-            phy.kind = kind;
-            phy.ports = ports;
-            phy.eui64 = kind == Platform::PhyKind::Repeater ? 0 : (bus + 1) * 1000 + fireWire.phys.size();
-            fireWire.phys.push_back(phy);
-        };
-        const std::string suffix = " " + std::to_string(bus);
-        add("card" + suffix, Platform::PhyKind::Card, 3);
-        for (unsigned int hub = 0; hub < 3; ++hub) {
-            add("hub " + std::to_string(hub) + suffix, Platform::PhyKind::Repeater, 27);
-            fireWire.cables.push_back({{{"card" + suffix, hub}, {"hub " + std::to_string(hub) + suffix, 0}}});
-        }
-        for (unsigned int camera = 0; camera < 52 && bus * 52 + camera < 256; ++camera) {
-            const std::string name = "camera " + std::to_string(camera) + suffix;
-            add(name, Platform::PhyKind::Camera, 1);
-            fireWire.cables.push_back({{{"hub " + std::to_string(camera / 26) + suffix, 1 + camera % 26}, {name, 0}}});
-        }
-        description.fireWire.push_back(std::move(fireWire));
-    }
-    for (unsigned int host = 0; host < 16; ++host) {
-        Platform::UsbHostDescription usb;
-        usb.name = "usb" + std::to_string(host);
-        usb.usb3Ports = 8;
-        for (unsigned int port = 1; port <= 8; ++port) {
-            Platform::UsbDeviceDescription camera;
-            camera.name = usb.name + " camera " + std::to_string(port);
-            camera.parent = usb.name;
-            camera.port = port;
-            camera.serial = std::to_string(100000 + host * 8 + port);
-            usb.devices.push_back(camera);
-        }
-        description.usb.push_back(std::move(usb));
-    }
-    Platform::NetworkInterfaceDescription network{"eth0", 0x0A000001, 0xFF000000, true, {}};
-    for (unsigned int i = 0; i < 128; ++i) {
-        Platform::GigECameraDescription camera;
-        camera.name = "net " + std::to_string(i);
-        camera.options.mac = 0x020000000100 + i;
-        camera.options.address = 0x0A000100 + i;
-        camera.options.serialNumber = std::to_string(200000 + i);
-        network.cameras.push_back(camera);
-    }
-    description.gigE.push_back(std::move(network));
+    Platform::RigDescription description = Testing::RigOf512Cameras();
     ASSERT_TRUE(Rig::Validate(description).empty());
 
-    m_busMaster.reset();
-    Platform::Options options;
-    options.fireWire = options.usb = options.gigE = Platform::Driver::Rig;
-    options.rig = std::make_shared<Rig>(std::move(description));
-    ASSERT_TRUE(Platform::Configure(options));
-    m_busMaster = std::make_unique<BusMaster>();
+    Use(std::move(description));
     Start();
     unsigned int count = 0;
     EXPECT_FALSE(m_busMaster->GetNumOfCameras(&count) != ERROR_OK);

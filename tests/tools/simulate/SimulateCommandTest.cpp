@@ -106,6 +106,20 @@ TEST_F(SimulateCommand, FailsWithAddressAndReasonWhenItCannotBind) {
     EXPECT_THAT(noInterface.errors, HasSubstr("nowhere0: no such network interface"));
 }
 
+TEST_F(SimulateCommand, FailsWhenStandardOutputIsFull) {
+    const ProgramResult result =
+        space.RunProgram({"sh", "-c", "exec " SIMULATE_COMMAND " simulate gige --count 2 --duration 10 >/dev/full"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors, HasSubstr("standard output cannot be written: No space left on device"));
+}
+
+TEST_F(SimulateCommand, GoesOnWhenNobodyReadsIt) {
+    const ProgramResult result = space.RunProgram(
+        {"sh", "-c", "(" SIMULATE_COMMAND " simulate gige --count 200 --duration 0.05; echo $? >&2) | head -1"});
+    EXPECT_THAT(result.output, HasSubstr("serial 1 "));
+    EXPECT_EQ(result.errors, "0\n");
+}
+
 struct UsageRow {
     const char* name;
     std::vector<std::string> arguments;
@@ -135,6 +149,8 @@ INSTANTIATE_TEST_SUITE_P(
         UsageRow{"CountInWords", {"--count", "two"}, "--count", "two"},
         UsageRow{"Address", {"--address", "1.2.3"}, "--address", "1.2.3"},
         UsageRow{"BaseAddress", {"--base-address", "a.b.c.d"}, "--base-address", "a.b.c.d"},
+        UsageRow{"AddressOfAGroup", {"--address", "224.0.0.5"}, "--address", "224.0.0.5"},
+        UsageRow{"AddressOfNobody", {"--base-address", "0.0.0.5"}, "--base-address", "0.0.0.5"},
         UsageRow{
             "BothAddresses", {"--address", "127.0.0.2", "--base-address", "127.0.0.3"}, "--base-address", "--address"},
         UsageRow{"Mac", {"--mac", "02:00"}, "--mac", "02:00"},

@@ -17,6 +17,7 @@ using ::testing::SizeIs;
 
 TEST(SimulateValues, AreReadWhole) {
     EXPECT_EQ(ReadAddress("192.168.77.50"), 0xC0A84D32u);
+    EXPECT_EQ(ReadHostAddress("223.255.255.254"), 0xDFFFFFFEu);
     EXPECT_EQ(ReadSubnetMask("255.255.240.0"), 0xFFFFF000u);
     EXPECT_EQ(ReadMac("02:B0:5e:0a:0B:0c"), 0x02B05E0A0B0Cu);
     EXPECT_EQ(ReadEndpoint("192.168.77.1:50000"), (Platform::Simulated::Endpoint{0xC0A84D01, 50000}));
@@ -30,6 +31,9 @@ TEST(SimulateValues, AreReadWhole) {
 TEST(SimulateValues, AreRefusedWhenTheyAreNone) {
     for (const char* text : {"", "1", "1.2.3", "1.2.3.4.5", "1.2.3.256", "1.2.3.4 ", " 1.2.3.4", "01.2.3.4x", "::1"}) {
         EXPECT_FALSE(ReadAddress(text)) << text;
+    }
+    for (const char* text : {"", "0.0.0.0", "0.1.2.3", "224.0.0.1", "239.1.2.3", "255.255.255.255"}) {
+        EXPECT_FALSE(ReadHostAddress(text)) << text;
     }
     for (const char* text : {"", "0.0.0.0", "255.0.255.0", "0.0.0.255", "24"}) {
         EXPECT_FALSE(ReadSubnetMask(text)) << text;

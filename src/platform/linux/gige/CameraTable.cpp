@@ -21,7 +21,7 @@ bool SameRecord(const GvcpDiscoveryRecord& record, const CameraKey& key, std::ui
 }  // namespace
 
 CameraTable::~CameraTable() {
-    EraseIf([](const Sighting&) { return true; });
+    for (const auto& probe : m_probes) m_ids.Release(probe.first);
 }
 
 // ---- What is heard -------------------------------------------------------------------------------------------------
@@ -113,13 +113,13 @@ void CameraTable::StartProbe(Sighting& sighting, TimePoint now, std::vector<Prob
         sighting.m_nextProbe = now + m_timings.probePeriod;
         return;
     }
+    m_probes[id] = &sighting;
     sighting.m_probing = true;
     sighting.m_probeId = id;
     sighting.m_round = 0;
     sighting.m_sentInRound = 0;
     sighting.m_refusedRounds = 0;
     sighting.m_roundEnd = now + m_timings.probeRound;
-    m_probes[id] = &sighting;
     if (sighting.state != State::Present) ++m_numConfirming;
     Due(sighting.m_roundEnd);
     Send(sighting, now, out);
@@ -267,12 +267,19 @@ CameraTable::Sighting* CameraTable::AddSighting(int interface, const GvcpDiscove
         if (m_unlisted.empty()) return nullptr;
         Erase(m_unlisted.front());
     }
-    Camera& camera = m_cameras[KeyOf(record)];
-    if (!camera.channel) {
-        camera.key = KeyOf(record);
-        camera.channel = std::make_shared<CameraChannel>();
-    }
+    // All memory first: a table that has run out of it is still whole.
     auto sighting = std::make_unique<Sighting>();
+    std::list<Sighting*> unlisted{sighting.get()};
+    const CameraKey key = KeyOf(record);
+    auto found = m_cameras.find(key);
+    if (found == m_cameras.end()) {
+        Camera fresh{key, {}, nullptr, std::make_shared<CameraChannel>()};
+        fresh.sightings.reserve(1);
+        found = m_cameras.emplace(key, std::move(fresh)).first;
+    } else {
+        found->second.sightings.reserve(found->second.sightings.size() + 1);
+    }
+    Camera& camera = found->second;
     sighting->camera = &camera;
     sighting->interface = interface;
     sighting->ip = record.ipAddress;
@@ -280,7 +287,8 @@ CameraTable::Sighting* CameraTable::AddSighting(int interface, const GvcpDiscove
     sighting->record = record;
     sighting->lastHeard = now;
     sighting->m_nextProbe = now;
-    sighting->m_unlisted = m_unlisted.insert(m_unlisted.end(), sighting.get());
+    sighting->m_unlisted = unlisted.begin();
+    m_unlisted.splice(m_unlisted.end(), unlisted);
     camera.sightings.push_back(std::move(sighting));
     ++m_numSightings;
     Due(now + m_timings.sightingLifetime);
@@ -295,7 +303,7 @@ void CameraTable::Erase(Sighting* sighting) {
     std::erase_if(camera.sightings, [&](const auto& held) { return held.get() == sighting; });
     --m_numSightings;
     if (camera.sightings.empty()) {
-        m_cameras.erase(CameraKey(camera.key));
+        m_cameras.erase(m_cameras.find(camera.key));
     } else {
         ChooseListed(camera);
     }

@@ -18,6 +18,25 @@ constexpr std::size_t kPacketBudget = 256;
 
 }  // namespace
 
+/// Collects what is heard into something that lives only as long as the discovery, however that ends.
+class GigECore::Collecting {
+public:
+    Collecting(GigECore& core, Collected* heard) : m_core(core), m_heard(heard) {
+        const std::lock_guard lock(m_core.m_mutex);
+        m_core.m_collectors.push_back(m_heard);
+    }
+    ~Collecting() {
+        const std::lock_guard lock(m_core.m_mutex);
+        std::erase(m_core.m_collectors, m_heard);
+    }
+    Collecting(const Collecting&) = delete;
+    Collecting& operator=(const Collecting&) = delete;
+
+private:
+    GigECore& m_core;
+    Collected* const m_heard;
+};
+
 std::uint32_t GigECore::Discover(std::vector<DiscoveredCamera>* cameras) {
     Collected heard;
     const std::uint32_t status = DiscoverAll(&heard);
@@ -59,23 +78,24 @@ std::uint32_t GigECore::DiscoverAll(Collected* heard) {
         if (listener.IsOpen()) listeners.push_back(std::move(listener));
     }
 
-    const TimePoint start = Clock::now();
-    std::vector<Probe> probes;
     {
-        std::lock_guard lock(m_mutex);
-        m_collectors.push_back(heard);
-        for (auto& entry : m_interfaces) {
-            if (entry.second.IsUsed()) StartBurst(entry.second, start);
+        const Collecting collecting(*this, heard);
+        const TimePoint start = Clock::now();
+        std::vector<Probe> probes;
+        {
+            std::lock_guard lock(m_mutex);
+            for (auto& entry : m_interfaces) {
+                if (entry.second.IsUsed()) StartBurst(entry.second, start);
+            }
+            // A firewall may let through only what it can pair with a request, which broadcasts are not.
+            m_table.ProbeAll(start, &probes);
         }
-        // A firewall may let through only what it can pair with a request, which broadcasts are not.
-        m_table.ProbeAll(start, &probes);
+        m_poller.Wake();
+        SendProbes(probes);
+        WaitForAnswers(listeners, start + m_timings.discoveryWindow);
     }
-    m_poller.Wake();
-    SendProbes(probes);
-    WaitForAnswers(listeners, start + m_timings.discoveryWindow);
 
     std::lock_guard lock(m_mutex);
-    std::erase(m_collectors, heard);
     if (!m_running) return HAL_CLOSED;
     return heard->empty() ? SendStatus() : std::uint32_t{HAL_OK};
 }

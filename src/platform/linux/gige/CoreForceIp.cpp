@@ -66,17 +66,18 @@ void GigECore::ForceAll(std::vector<ForceJob>& jobs) {
         SendForceIps(jobs);
         const TimePoint deadline = Clock::now() + m_timings.forceIpTry;
         for (ForceJob& job : jobs) {
-            while (job.reply && !job.reply->answered && job.ip != 0 && !m_stopping && Clock::now() < deadline) {
-                m_replies->Wait(*job.reply, nullptr, deadline, *this);
-            }
+            if (!job.reply || job.ip == 0) continue;
+            do {
+                job.said = m_replies->Wait(*job.reply, nullptr, deadline, *this);
+            } while (!job.said.answered && !m_stopping && Clock::now() < deadline);
         }
     }
     for (ForceJob& job : jobs) {
         if (!job.reply) continue;
-        m_replies->Remove(*job.reply);
+        job.said = m_replies->Remove(*job.reply);
         m_ids.Release(job.reply->id);
-        if (job.reply->answered) {
-            job.status = Gvcp::ToHalStatus(job.reply->status);
+        if (job.said.answered) {
+            job.status = Gvcp::ToHalStatus(job.said.status);
         } else if (m_stopping) {
             job.status = HAL_CLOSED;
         }
@@ -86,7 +87,7 @@ void GigECore::ForceAll(std::vector<ForceJob>& jobs) {
 
 void GigECore::SendForceIps(std::vector<ForceJob>& jobs) {
     for (ForceJob& job : jobs) {
-        if (!job.reply || job.reply->answered) continue;
+        if (!job.reply || job.said.answered) continue;
         const Gvcp::ForceIpCommand command{static_cast<std::uint16_t>(job.mac >> 32),
                                            static_cast<std::uint32_t>(job.mac), job.ip, job.mask, job.gateway};
         const Gvcp::Packet packet = Gvcp::EncodeForceIpCommand(job.reply->id, kForceIpFlags, command);

@@ -7,6 +7,26 @@
 
 namespace Nimbrel2::Platform::GigE {
 
+namespace {
+
+/// Counts a listing while it runs, also when memory runs out in it. m_mutex is held from its begin, and at its end.
+class RunningListing {
+public:
+    RunningListing(int& count, std::unique_lock<std::mutex>& lock) : m_count(count), m_lock(lock) { ++m_count; }
+    ~RunningListing() {
+        if (!m_lock.owns_lock()) m_lock.lock();
+        --m_count;
+    }
+    RunningListing(const RunningListing&) = delete;
+    RunningListing& operator=(const RunningListing&) = delete;
+
+private:
+    int& m_count;
+    std::unique_lock<std::mutex>& m_lock;
+};
+
+}  // namespace
+
 // Of two cameras that have answered at one address, which happens while one takes it over from the other, the last one
 // has it.
 std::vector<const CameraTable::Sighting*> GigECore::FindListed() const {
@@ -30,35 +50,39 @@ std::map<CameraKey, std::uint32_t> GigECore::GetListedAddresses() const {
 std::uint32_t GigECore::ListCameras(std::vector<ListedCamera>* cameras) {
     std::unique_lock lock(m_mutex);
     if (!m_running) return HAL_CLOSED;
-    ++m_numListings;
-    if (!m_hasListed) WaitForWindow(lock);
-    Verify(lock);
-    --m_numListings;
+    const RunningListing running(m_numListings, lock);
+    const TimePoint limit = Clock::now() + m_timings.listingLimit;
+    if (!m_hasListed) WaitForWindow(lock, limit);
+    Verify(lock, limit);
     if (!m_running) return HAL_CLOSED;
 
     // From here to the end nothing changes: what is returned is known, what comes later is news.
     const std::uint32_t status = HasUsedInterface() ? std::uint32_t{HAL_OK} : RefusalStatus();
+    cameras->clear();
+    if (status != HAL_OK && status != HAL_NO_BUS) return status;  // has shown nothing: what has left is still news
     CollectListed(cameras);
     m_hasListed = true;
     m_reported = GetListedAddresses();
-    return status == HAL_NO_BUS ? std::uint32_t{HAL_OK} : status;
+    return HAL_OK;
 }
 
 // The window ends at a fixed time after the first request, whatever is heard meanwhile. A computer without a network
 // has nothing to wait for.
-void GigECore::WaitForWindow(std::unique_lock<std::mutex>& lock) {
+void GigECore::WaitForWindow(std::unique_lock<std::mutex>& lock, TimePoint limit) {
     while (m_running && HasUsedInterface() && Clock::now() < m_windowEnd) {
         // The first request is the monitor's first act; until then there is no end to wait for.
-        const TimePoint limit = std::min(m_windowEnd, Clock::now() + m_timings.listingLimit);
-        m_changed.wait_until(lock, limit);
+        const TimePoint end = m_windowEnd == TimePoint::max() ? limit : m_windowEnd;
+        if (Clock::now() >= end) return;
+        m_changed.wait_until(lock, end);
     }
 }
 
 // Asks all known cameras at once whether they are still there. Those that a first listing has heard but not yet reached
-// get their chance to answer; later the monitor reports them when they do.
-void GigECore::Verify(std::unique_lock<std::mutex>& lock) {
+// get their chance to answer; later the monitor reports them when they do. After a window longer than the limit there
+// still is time for this.
+void GigECore::Verify(std::unique_lock<std::mutex>& lock, TimePoint limit) {
     const TimePoint start = Clock::now();
-    const TimePoint deadline = start + m_timings.listingLimit;
+    const TimePoint deadline = std::max(limit, start + m_timings.probeRounds * m_timings.probeRound);
     std::vector<Probe> probes;
     m_table.ProbeAll(start, &probes);
     if (!probes.empty()) {

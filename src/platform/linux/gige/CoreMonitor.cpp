@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
 #include "platform/gvcp/GvcpCodec.h"
@@ -70,27 +71,36 @@ void GigECore::Stop() {
 }
 
 void GigECore::MonitorLoop() {
-    std::vector<std::uint64_t> ready;
-    std::vector<std::shared_ptr<UdpPort>> ports;
     m_monitorId = std::this_thread::get_id();
     while (!m_stopping) {
-        m_poller.Wait(DoWhatIsDue(), &ready);
-        bool look = Clock::now() >= m_retryRefused;
-        if (look) m_retryRefused = TimePoint::max();
-        ports.clear();
-        for (const std::uint64_t token : ready) {
-            if (token == kChangesToken) {
-                look = m_changes.Drain() || look;
-                continue;
-            }
-            std::lock_guard lock(m_mutex);
-            const auto found = m_interfaces.find(static_cast<int>(token));
-            if (found != m_interfaces.end() && found->second.port) ports.push_back(found->second.port);
+        try {
+            MonitorTurn();
+        } catch (const std::bad_alloc&) {
+            // What this turn has left undone the next ones do, the look at the interfaces included.
+            m_retryRefused = Clock::now();
+            std::this_thread::sleep_for(kTickGrid);
         }
-        // Before the deadlines are looked at: an answer that lies on the socket has come in time.
-        for (const auto& port : ports) port->Drain(kReadBudget, *this);
-        if (look) LookAtInterfaces();
     }
+}
+
+void GigECore::MonitorTurn() {
+    std::vector<std::uint64_t> ready;
+    std::vector<std::shared_ptr<UdpPort>> ports;
+    m_poller.Wait(DoWhatIsDue(), &ready);
+    bool look = Clock::now() >= m_retryRefused;
+    if (look) m_retryRefused = TimePoint::max();
+    for (const std::uint64_t token : ready) {
+        if (token == kChangesToken) {
+            look = m_changes.Drain() || look;
+            continue;
+        }
+        std::lock_guard lock(m_mutex);
+        const auto found = m_interfaces.find(static_cast<int>(token));
+        if (found != m_interfaces.end() && found->second.port) ports.push_back(found->second.port);
+    }
+    // Before the deadlines are looked at: an answer that lies on the socket has come in time.
+    for (const auto& port : ports) port->Drain(kReadBudget, *this);
+    if (look) LookAtInterfaces();
 }
 
 TimePoint GigECore::DoWhatIsDue() {
@@ -114,7 +124,6 @@ TimePoint GigECore::DoWhatIsDue() {
         });
         m_table.Tick(now, &probes);
         next = std::min(next, m_table.GetNextDeadline());
-        if (!refused) m_retryRefused = TimePoint::max();
         if (refused && m_retryRefused == TimePoint::max()) m_retryRefused = now + m_timings.refusedRetry;
         next = std::min(next, m_retryRefused);
         if (m_numListings + m_numWaiting > 0) m_changed.notify_all();
@@ -169,6 +178,14 @@ void GigECore::SendProbes(const std::vector<Probe>& probes) {
 void GigECore::OnDatagram(UdpPort& port, std::uint32_t from, std::uint16_t fromPort,
                           std::span<const std::uint8_t> bytes) {
     if (fromPort != Gvcp::kPort) return;
+    try {
+        OnAcknowledge(port, from, bytes);
+    } catch (const std::bad_alloc&) {
+        // Lost, as datagrams are.
+    }
+}
+
+void GigECore::OnAcknowledge(UdpPort& port, std::uint32_t from, std::span<const std::uint8_t> bytes) {
     const Gvcp::DecodedAcknowledge acknowledge = Gvcp::DecodeAcknowledge(bytes);
     if (acknowledge.error == Gvcp::DecodeError::TooShort || acknowledge.error == Gvcp::DecodeError::NotAnAcknowledge) {
         return;

@@ -98,31 +98,35 @@ std::uint32_t GigECore::ExecuteAlone(const Target& target, const Command& comman
                                     ? Gvcp::EncodeReadRegCommand(reply.id, {&command.address, 1})
                                     : Gvcp::EncodeWriteRegCommand(reply.id, {&write, 1});
     m_replies->Add(reply);
-    const std::uint32_t status = Exchange(target, reply, packet.GetBytes());
-    m_replies->Remove(reply);
+    const std::uint32_t sent = Exchange(target, reply, packet.GetBytes());
+    const ReplyNews said = m_replies->Remove(reply);
     m_ids.Release(reply.id);
-    *value = reply.value;
-    return status;
+    if (sent != HAL_OK) return sent;
+    if (!said.answered) return said.malformed ? HAL_BAD_ANSWER : HAL_TIMED_OUT;
+    *value = said.value;
+    return Gvcp::ToHalStatus(said.status);
 }
 
 // Sends the command up to three times, with one id: a camera that has executed it answers the repeat without executing
 // it again. A pending acknowledge says that it is at work, so nothing is repeated from then on.
+// Not HAL_OK when the network or Stop ended it; else the reply tells.
 std::uint32_t GigECore::Exchange(const Target& target, PendingReply& reply, std::span<const std::uint8_t> packet) {
-    for (int i = 0; i < m_timings.registerTries && !reply.answered; ++i) {
+    ReplyNews said;
+    for (int i = 0; i < m_timings.registerTries && !said.answered; ++i) {
         const int error = target.port->Send(packet, target.ip, target.localIp);
         if (error != 0 && error != EAGAIN && error != ENOBUFS) return StatusOfErrno(error);
         TimePoint deadline = Clock::now() + m_timings.registerTry;
         do {
-            m_replies->Wait(reply, target.port.get(), deadline, *this);
+            said = m_replies->Wait(reply, target.port.get(), deadline, *this);
             if (m_stopping) return HAL_CLOSED;
-            if (reply.pendingUntil != TimePoint()) {
-                deadline = reply.pendingUntil;
+            if (said.pendingUntil != TimePoint()) {
+                // It asks for more time: one that asks for less, or for none, is not given up the sooner for it.
+                deadline = std::max(deadline, said.pendingUntil);
                 i = m_timings.registerTries;
             }
-        } while (!reply.answered && Clock::now() < deadline);
+        } while (!said.answered && Clock::now() < deadline);
     }
-    if (reply.answered) return Gvcp::ToHalStatus(reply.status);
-    return reply.malformed ? HAL_BAD_ANSWER : HAL_TIMED_OUT;
+    return HAL_OK;
 }
 
 // Asks the camera that did not answer whether it is there at all, at once and not at its next turn.

@@ -132,6 +132,7 @@ private:
         std::uint32_t status = HAL_NO_ACKNOWLEDGE;
         std::vector<std::shared_ptr<UdpPort>> ports;
         std::unique_ptr<PendingReply> reply;
+        ReplyNews said;
     };
 
     // CoreInterfaces.cpp
@@ -147,19 +148,21 @@ private:
 
     // CoreMonitor.cpp
     void MonitorLoop();
+    void MonitorTurn();
     TimePoint DoWhatIsDue();
     void SendBroadcast(Interface& interface, TimePoint now);  // m_mutex is held
     void SendProbes(const std::vector<Probe>& probes);
     bool TakesAnswer(const Interface& interface, std::uint32_t from, std::uint16_t id, const CameraKey& key,
                      TimePoint now);  // m_mutex is held
+    void OnAcknowledge(UdpPort& port, std::uint32_t from, std::span<const std::uint8_t> bytes);
     void OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::uint16_t id, const GvcpDiscoveryRecord& record);
     void ReportChanges();  // m_mutex is held
 
     // CoreListing.cpp
     std::vector<const CameraTable::Sighting*> FindListed() const;   // m_mutex is held
     std::map<CameraKey, std::uint32_t> GetListedAddresses() const;  // m_mutex is held
-    void WaitForWindow(std::unique_lock<std::mutex>& lock);
-    void Verify(std::unique_lock<std::mutex>& lock);
+    void WaitForWindow(std::unique_lock<std::mutex>& lock, TimePoint limit);
+    void Verify(std::unique_lock<std::mutex>& lock, TimePoint limit);
     void CollectListed(std::vector<ListedCamera>* cameras) const;  // m_mutex is held
 
     // CoreRegisters.cpp
@@ -171,6 +174,7 @@ private:
     bool CountsAsPresent(const ListedCamera& listed, std::uint32_t* ip);
 
     // CoreDiscovery.cpp
+    class Collecting;
     std::uint32_t DiscoverAll(Collected* heard);
     void WaitForAnswers(std::vector<PacketListener>& listeners, TimePoint deadline);
     void Collect(const CameraKey& key, const DiscoveredCamera& camera);  // m_mutex is held

@@ -11,22 +11,22 @@ namespace {
 // A flood must not keep a waiting thread from looking at its deadline.
 constexpr std::size_t kReadBudget = 64;
 
-bool HasNews(const PendingReply& reply, TimePoint knownPending) {
-    return reply.answered || reply.pendingUntil != knownPending;
+bool IsMore(const ReplyNews& said, TimePoint knownPending) {
+    return said.answered || said.pendingUntil != knownPending;
 }
 
 // What the acknowledge of one READREG, WRITEREG or FORCEIP says; false when it is no such acknowledge.
-bool ReadInto(PendingReply& reply, const Gvcp::DecodedAcknowledge& acknowledge) {
-    reply.status = acknowledge.header.status;
+bool ReadInto(ReplyNews& said, const Gvcp::DecodedAcknowledge& acknowledge) {
+    said.status = acknowledge.header.status;
     if (std::holds_alternative<Gvcp::ErrorAcknowledge>(acknowledge.body)) return true;
     if (std::holds_alternative<Gvcp::ForceIpAcknowledge>(acknowledge.body)) return true;
     if (const auto* read = std::get_if<Gvcp::ReadRegAcknowledge>(&acknowledge.body)) {
         if (read->values.GetCount() != 1) return false;
-        reply.value = read->values[0];
+        said.value = read->values[0];
         return true;
     }
     if (const auto* write = std::get_if<Gvcp::WriteRegAcknowledge>(&acknowledge.body)) {
-        reply.value = write->index;
+        said.value = write->index;
         return true;
     }
     return false;
@@ -41,18 +41,19 @@ void PendingReplies::Add(PendingReply& reply) {
     m_replies[reply.id] = &reply;
 }
 
-void PendingReplies::Remove(PendingReply& reply) {
+ReplyNews PendingReplies::Remove(PendingReply& reply) {
     std::lock_guard lock(m_mutex);
     m_replies.erase(reply.id);
+    return reply.m_said;
 }
 
-void PendingReplies::Wait(PendingReply& reply, UdpPort* port, TimePoint deadline, DatagramHandler& handler) {
+ReplyNews PendingReplies::Wait(PendingReply& reply, UdpPort* port, TimePoint deadline, DatagramHandler& handler) {
     std::unique_lock lock(m_mutex);
-    const TimePoint knownPending = reply.pendingUntil;
-    while (!HasNews(reply, knownPending) && !m_closed && Clock::now() < deadline) {
+    const TimePoint knownPending = reply.m_said.pendingUntil;
+    while (!IsMore(reply.m_said, knownPending) && !m_closed && Clock::now() < deadline) {
         if (port != nullptr && !port->beingRead) {
             ReadFor(reply, *port, deadline, handler, lock);
-            return;
+            return reply.m_said;
         }
         reply.m_waitsBehind = port;
         reply.m_news.wait_until(lock, deadline);
@@ -60,14 +61,15 @@ void PendingReplies::Wait(PendingReply& reply, UdpPort* port, TimePoint deadline
     }
     // It may have been woken to read on, and leaves: somebody else must.
     if (port != nullptr && !port->beingRead) HandOver(*port);
+    return reply.m_said;
 }
 
 void PendingReplies::ReadFor(PendingReply& reply, UdpPort& port, TimePoint deadline, DatagramHandler& handler,
                              std::unique_lock<std::mutex>& lock) {
-    const TimePoint knownPending = reply.pendingUntil;
+    const TimePoint knownPending = reply.m_said.pendingUntil;
     port.beingRead = true;
     m_poller.Pause(port.GetFd(), TokenOf(port));
-    while (!HasNews(reply, knownPending) && !m_closed && Clock::now() < deadline) {
+    while (!IsMore(reply.m_said, knownPending) && !m_closed && Clock::now() < deadline) {
         lock.unlock();
         port.WaitReadable(deadline, m_stopFd);
         port.Drain(kReadBudget, handler);
@@ -93,19 +95,19 @@ void PendingReplies::Deliver(int interface, std::uint32_t from, const Gvcp::Deco
     const auto found = m_replies.find(acknowledge.header.ackId);
     if (found == m_replies.end()) return;
     PendingReply& reply = *found->second;
-    if (reply.answered || from != reply.from || (reply.interface != 0 && interface != reply.interface)) return;
+    if (reply.m_said.answered || from != reply.from || (reply.interface != 0 && interface != reply.interface)) return;
 
     if (const auto* pending = std::get_if<Gvcp::PendingAcknowledge>(&acknowledge.body)) {
-        reply.pendingUntil = std::min(now + Milliseconds(pending->timeToCompletion), reply.limit);
+        reply.m_said.pendingUntil = std::min(now + Milliseconds(pending->timeToCompletion), reply.limit);
         reply.m_news.notify_one();
         return;
     }
     if (acknowledge.header.id != reply.acknowledge) return;
-    if (acknowledge.error != Gvcp::DecodeError::None || !ReadInto(reply, acknowledge)) {
-        reply.malformed = true;
+    if (acknowledge.error != Gvcp::DecodeError::None || !ReadInto(reply.m_said, acknowledge)) {
+        reply.m_said.malformed = true;
         return;
     }
-    reply.answered = true;
+    reply.m_said.answered = true;
     reply.m_news.notify_one();
 }
 

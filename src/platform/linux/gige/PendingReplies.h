@@ -17,7 +17,16 @@
 
 namespace Nimbrel2::Platform::GigE {
 
-/// One command. Fill the first five, then Add.
+/// What has come for a command.
+struct ReplyNews {
+    bool answered = false;
+    bool malformed = false;  ///< something came from the right address with the right id, and could not be read
+    TimePoint pendingUntil;  ///< what a pending acknowledge has asked for; the epoch without one
+    Gvcp::Status status{};
+    std::uint32_t value = 0;  ///< READREG: the register; WRITEREG: how many were written
+};
+
+/// One command. Fill it, then Add.
 struct PendingReply {
     std::uint16_t id = 0;
     int interface = 0;       ///< that the answer must come in on; 0 for any
@@ -25,14 +34,10 @@ struct PendingReply {
     Gvcp::MessageId acknowledge{};
     TimePoint limit;  ///< pending acknowledges are honoured up to here
 
-    bool answered = false;
-    bool malformed = false;  ///< something came from the right address with the right id, and could not be read
-    TimePoint pendingUntil;  ///< what a pending acknowledge has asked for; the epoch without one
-    Gvcp::Status status{};
-    std::uint32_t value = 0;  ///< READREG: the register; WRITEREG: how many were written
-
 private:
     friend class PendingReplies;
+    // Another thread may be writing it: Wait and Remove tell what is in it.
+    ReplyNews m_said;
     std::condition_variable m_news;
     const UdpPort* m_waitsBehind = nullptr;  ///< the port that another thread reads for it
 };
@@ -43,13 +48,14 @@ public:
 
     void Add(PendingReply& reply);
 
-    /// After this nothing touches the reply.
-    void Remove(PendingReply& reply);
+    /// After this nothing touches the reply. @return what has come for it in the end.
+    ReplyNews Remove(PendingReply& reply);
 
     /// Waits until the reply was answered, a pending acknowledge came for it, Close was called or the deadline has
     /// come.
     /// @param port  Where to read meanwhile; null leaves that to the monitor.
-    void Wait(PendingReply& reply, UdpPort* port, TimePoint deadline, DatagramHandler& handler);
+    /// @return what has come so far.
+    ReplyNews Wait(PendingReply& reply, UdpPort* port, TimePoint deadline, DatagramHandler& handler);
 
     /// One acknowledge other than of DISCOVERY. What nobody waits for is dropped.
     void Deliver(int interface, std::uint32_t from, const Gvcp::DecodedAcknowledge& acknowledge, TimePoint now);

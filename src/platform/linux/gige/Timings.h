@@ -42,8 +42,9 @@ struct Timings {
     int forceIpTries = 3;
     Milliseconds forceIpVerify{2000};  ///< a camera may take this long to be heard at its new address
 
-    Milliseconds listingLimit{3000};  ///< a listing ends after this (or after its window), whatever the network does
-    Milliseconds listedGrace{3000};   ///< an entry's own listing answers for a camera that left this shortly after it
+    /// A listing ends after this, whatever the network does; after a longer window, two rounds of asking later.
+    Milliseconds listingLimit{3000};
+    Milliseconds listedGrace{3000};  ///< an entry's own listing answers for a camera that left this shortly after it
 
     Milliseconds refusedRetry{1000};  ///< sockets that were refused are tried again after this
     Milliseconds neighbourWait{200};  ///< how long a host may take to answer an ARP request
