@@ -229,7 +229,8 @@ TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     First().record.serialNumber[0] = '\0';
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel auto-ip");
-    First().record.macHigh = First().record.macLow = 0;
+    First().record.macHigh = 0;
+    First().record.macLow = 0;
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "sudo ip route add 10.9.9.9/32 dev h0");
     H0().interface.addresses.clear();
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "sudo ip address add 192.168.100.1/24 dev h0");

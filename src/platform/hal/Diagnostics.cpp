@@ -24,7 +24,8 @@ std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
 }
 
 std::uint32_t TestGigEHearing(GigEHearing* hearing) {
-    return InSession(hearing != nullptr, [&](Session& session) { return session.GigE().TestHearing(hearing); });
+    return InSession(__func__, hearing != nullptr,
+                     [&](Session& session) { return session.GigE().TestHearing(hearing); });
 }
 
 std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
