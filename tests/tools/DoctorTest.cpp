@@ -18,8 +18,6 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-const char kReady[] = "Ctrl-C ends.\n";
-
 /// h0 (192.168.77.1/24) on a wire to c0 (192.168.77.100/24) of another computer.
 class DoctorOnAWire : public ::testing::Test {
 protected:
@@ -35,7 +33,7 @@ protected:
     void SimulateCamera(const std::string& address, const std::string& mac, const std::string& serial) {
         m_simulators.push_back(m_wire.StartProgram({RealProgram(), "simulate", "gige", "--interface", "c0", "--address",
                                                     address, "--mac", mac, "--serial", serial}));
-        ASSERT_TRUE(m_simulators.back()->WaitForErrors(kReady, kDeadline)) << m_simulators.back()->GetErrors();
+        ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", kDeadline)) << m_simulators.back()->GetErrors();
     }
 
     void StartIndependentCamera() {
@@ -131,21 +129,21 @@ TEST_F(DoctorOnAWire, FindsTwoInterfacesInOneSubnetAndItsCureHelps) {
 TEST_F(DoctorOnAWire, FindsTwoCamerasOnOneAddress) {
     NetworkNamespace second;
     Connect(m_wire, "b1", second, "c1");
-    m_wire.Ip("link add name br type bridge");
-    m_wire.Ip("link set br up");
+    m_wire.Ip("link add name bridge0 type bridge");
+    m_wire.Ip("link set bridge0 up");
     m_wire.Ip("addr flush dev c0");
-    m_wire.Ip("link set c0 master br");
-    m_wire.Ip("link set b1 master br");
+    m_wire.Ip("link set c0 master bridge0");
+    m_wire.Ip("link set b1 master bridge0");
     NetworkNamespace first;
     Connect(m_wire, "b2", first, "c2");
-    m_wire.Ip("link set b2 master br");
+    m_wire.Ip("link set b2 master bridge0");
     std::vector<std::unique_ptr<ChildProcess>> cameras;
     for (const auto& [network, name, mac] : {std::tuple{&second, "c1", "1"}, std::tuple{&first, "c2", "2"}}) {
         network->Ip(std::string("addr add 192.168.77.10") + mac + "/24 dev " + name);
         cameras.push_back(
             network->StartProgram({RealProgram(), "simulate", "gige", "--interface", name, "--address", "192.168.77.55",
                                    "--mac", std::string("02:00:00:00:00:0") + mac, "--serial", mac}));
-        ASSERT_TRUE(cameras.back()->WaitForErrors(kReady, kDeadline)) << cameras.back()->GetErrors();
+        ASSERT_TRUE(cameras.back()->WaitForOutput("\n", kDeadline)) << cameras.back()->GetErrors();
     }
     const Json finding = OneWrong("gige.address-conflict");
     EXPECT_THAT(finding["evidence"].get<std::string>(),
