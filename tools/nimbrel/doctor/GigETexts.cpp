@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <set>
 
-#include "platform/hal/Texts.h"
+#include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
@@ -42,11 +42,16 @@ std::string MacText(std::uint64_t mac) {
 }
 
 std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record) {
-    return Platform::LeadingNumber(Platform::FieldText(record.serialNumber));
+    std::uint32_t number = 0;  // its low 32 bits, as the bus master takes it
+    for (const char c : FromField(record.serialNumber)) {
+        if (c < '0' || c > '9') break;
+        number = number * 10 + static_cast<std::uint32_t>(c - '0');
+    }
+    return number;
 }
 
 std::string CameraText(const GvcpDiscoveryRecord& record) {
-    const std::string serial(Platform::FieldText(record.serialNumber));
+    const std::string serial = FromField(record.serialNumber);
     return "camera " + (serial.empty() ? "without a serial number" : serial) + " (" + MacText(MacOf(record)) + ")";
 }
 
