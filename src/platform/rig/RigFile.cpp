@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t MaxFileBytes = 16U << 20;
 constexpr int MaxDepth = 16;
 constexpr double MaxSeconds = 86400;
+constexpr std::size_t MaxSteps = 10000;
 
 // ---- Values
 // ----------------------------------------------------------------------------------------------------------
@@ -517,6 +518,22 @@ RigStep ReadStep(const JsonValue& value, const Names& names) {
     return step;
 }
 
+// Whether each step can be done when its turn comes: what happens to a rig depends on nothing but its timeline.
+void Rehearse(const RigPlan& plan) {
+    if (plan.timeline.empty()) {
+        return;
+    }
+    Rig rig(plan.rig);
+    for (const RigStep& step : plan.timeline) {
+        if (std::holds_alternative<BusResetStep>(step.action)) {
+            continue;  // always can
+        }
+        if (const std::optional<std::string> problem = Apply(rig, step.action)) {
+            throw JsonProblem(step.pointer, *problem);
+        }
+    }
+}
+
 // ---- The whole
 // -------------------------------------------------------------------------------------------------------
 
@@ -536,7 +553,14 @@ RigPlan ReadPlan(const JsonValue& root) {
         throw JsonProblem(problems.front().pointer, problems.front().reason);
     }
     const Names names(plan.rig);
+    object.Optional("timeline", [](const JsonValue& steps) {
+        if (steps.Size() > MaxSteps) {
+            steps.Fail("a timeline has at most " + std::to_string(MaxSteps) + " steps, not " +
+                       std::to_string(steps.Size()));
+        }
+    });
     ReadList(object, "timeline", &plan.timeline, [&](const JsonValue& step) { return ReadStep(step, names); });
+    Rehearse(plan);
     object.Optional("end", [&](const JsonValue& end) {
         JsonObject keys(end);
         plan.finalSerialNumbers.emplace();
