@@ -9,11 +9,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "hal/HAL.h"
 #include "platform/Platform.h"
@@ -102,6 +105,68 @@ void DiscoverFirst(benchmark::State& state) {
 }
 BENCHMARK(DiscoverFirst)->Name("DiscoverFirst1")->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(DiscoverFirst)->Name("DiscoverFirst16")->Arg(16)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+
+// A camera that answers each broadcast a thousand times a second until the next one comes.
+class TalkativeCamera {
+public:
+    explicit TalkativeCamera(std::uint32_t address) : m_socket(socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        own.sin_port = htons(Gvcp::kPort);  // of any address: broadcasts come to such a socket
+        const timeval tick{0, 1000};
+        if (setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof tick) != 0 ||
+            bind(m_socket, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+            Give("a talkative camera");
+        }
+        m_record.ipAddress = address;
+        m_record.macLow = 0x77;
+        std::strcpy(m_record.serialNumber, "77");
+        m_thread = std::thread([this] { Talk(); });
+    }
+    ~TalkativeCamera() {
+        m_stop = true;
+        m_thread.join();
+        close(m_socket);
+    }
+
+private:
+    void Talk() {
+        sockaddr_in asker{};
+        std::optional<std::uint16_t> id;
+        while (!m_stop) {
+            std::uint8_t command[2048];
+            sockaddr_in from{};
+            socklen_t size = sizeof from;
+            const ssize_t got =
+                recvfrom(m_socket, command, sizeof command, 0, reinterpret_cast<sockaddr*>(&from), &size);
+            if (got >= 8) {
+                asker = from;
+                id = static_cast<std::uint16_t>(command[6] << 8 | command[7]);
+            }
+            if (!id) continue;
+            const Gvcp::Packet answer = Gvcp::EncodeDiscoveryAck(*id, m_record);
+            sendto(m_socket, answer.GetData(), answer.GetSize(), 0, reinterpret_cast<const sockaddr*>(&asker),
+                   sizeof asker);
+        }
+    }
+
+    const int m_socket;
+    GvcpDiscoveryRecord m_record{};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+void DiscoverFirstUnderSteadyAnswers(benchmark::State& state) {
+    const TalkativeCamera camera(INADDR_LOOPBACK);
+    for (auto _ : state) {
+        Cameras::StartHal(std::chrono::milliseconds(1000));
+        if (Cameras::List() != 1) state.SkipWithError("the camera is missing");
+        state.PauseTiming();
+        HAL_CleanupLibrary();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(DiscoverFirstUnderSteadyAnswers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
 void DiscoverWithIndependentTool(benchmark::State& state) {
     const Cameras cameras(state.range(0));

@@ -29,6 +29,8 @@ PAIRS = [
     ("listing 128 known GigE cameras / the tool's discovery", "Reenumerate128", "DiscoverWithIndependentTool128", 0.05),
     ("the first discovery of 1 / the tool's", "DiscoverFirst1", "DiscoverWithIndependentTool1", 1.0),
     ("the first discovery of 16 / the tool's", "DiscoverFirst16", "DiscoverWithIndependentTool16", 1.0),
+    ("the first discovery of 1 that answers without end / of 1", "DiscoverFirstUnderSteadyAnswers", "DiscoverFirst1",
+     1.1),
     ("a GigE register / a bare socket", "ReadRegister", "ReadRegisterOnBareSocket", 1.3),
     ("starting on a rig of 512 cameras / the HAL alone", "StartRigOf512Cameras", "BareStartOf512Cameras", None),
 ]

@@ -54,6 +54,7 @@ install(FILES ${CMAKE_BINARY_DIR}/nimbrel2.pc DESTINATION ${pkgConfigFolder})
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
+  cmake_path(GET GRAPHVIZ_PLUGIN_CORE PARENT_PATH graphvizPlugins)
+  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram};${graphvizPlugins}")
   install(TARGETS nimbrel)
 endif()

@@ -13,6 +13,7 @@ show() {
 
 echo "A simulated computer with cameras on all three buses:"
 show list --demo
+show topology --demo
 show rig play
 
 echo

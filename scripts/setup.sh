@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-date-time-dev libboost-dev
-       libcli11-dev nlohmann-json3-dev)
+       libcli11-dev nlohmann-json3-dev libgraphviz-dev)
 # The independent camera is in aravis-tools, the tool that lists it in aravis-tools-cli.
 tests=(libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables procps python3 python3-jsonschema)
 bench=(libbenchmark-dev python3 aravis-tools-cli)

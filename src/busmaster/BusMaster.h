@@ -39,7 +39,7 @@ namespace Nimbrel2 {
 /// ERROR_MEMORY_ALLOCATION_FAILED. Out-parameters are written only as stated.
 /// @par Threads  Any, user callbacks included, unless an operation says otherwise. Operations on the lists wait while a
 ///               re-enumeration runs, which is milliseconds, and while Initialize waits, which can be 40 s.
-class BusMaster : public Singleton<BusMaster> {
+class NIMBREL2_ONE_IN_THE_PROCESS BusMaster : public Singleton<BusMaster> {
 public:
     /// Starts the HAL. Lists nothing yet. Applications use Singleton<BusMaster>::GetInstance().
     BusMaster();
@@ -192,6 +192,13 @@ public:
     /// @param status  Not null; not checked.
     /// @par Cost  One request to the hub.
     Error GetUsbPortStatus(ZevoGuid guid, unsigned int* status);
+
+    /// How fast a camera's link is, in Mbit/s: on IEEE 1394 what its PHY can do (800 stands for that and more), on USB
+    /// the link as it is now, on GigE the camera's own network link.
+    /// @return ERROR_INVALID_PARAMETER for a null megabits, tested first; ERROR_NOT_FOUND; ERROR_UNSUPPORTED_INTERFACE
+    ///         for a camera that does not tell; ERROR_LOW_LEVEL_FAILURE with the status of the interface.
+    /// @par Cost  GigE: two register reads over the network. Otherwise none, unless the bus has just changed.
+    Error GetLinkSpeed(ZevoGuid guid, unsigned int* megabits);
 
     // ---- GigE addresses --------------------------------------------------------------------------------------------
     // These work on the network, whatever is listed, started or not, and hold no lock.

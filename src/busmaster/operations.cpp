@@ -89,4 +89,24 @@ Error BusMaster::GetUsbPortStatus(ZevoGuid guid, unsigned int* status) {
     });
 }
 
+Error BusMaster::GetLinkSpeed(ZevoGuid guid, unsigned int* megabits) {
+    return WithoutExceptions([&]() -> Error {
+        if (megabits == nullptr) {
+            return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid link speed address.");
+        }
+        const Interface found = m_members->GetHwInterfaceFromGuidInternal(guid);
+        if (!found) {
+            return NotFound();
+        }
+        const std::uint32_t status = found->GetLinkSpeed(megabits);
+        if (status == HAL_NOT_SUPPORTED) {
+            return NIMBREL2_ERROR(ERROR_UNSUPPORTED_INTERFACE, "The camera does not tell how fast its link is.");
+        }
+        if (status != HAL_OK) {
+            return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE, "Unable to read the link speed. Error 0x%x", status);
+        }
+        return InternalError(ERROR_OK);
+    });
+}
+
 }  // namespace Nimbrel2

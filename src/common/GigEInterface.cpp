@@ -9,6 +9,11 @@
 namespace Nimbrel2 {
 
 namespace {
+// GigE Vision bootstrap registers, and the bit of the first that says whether the second is there.
+constexpr std::uint32_t GvcpCapability = 0x0934;
+constexpr std::uint32_t HasLinkSpeed = 0x10000000;
+constexpr std::uint32_t LinkSpeed = 0x0670;
+
 bool IsRegisterAddress(std::uint64_t address) { return address <= std::numeric_limits<std::uint32_t>::max(); }
 }  // namespace
 
@@ -47,6 +52,19 @@ std::uint32_t GigEInterface::GetCameraInfo(CameraInfo* info) {
         CopyRecordText(record.serialNumber, info->serialText);
     }
     return status;
+}
+
+std::uint32_t GigEInterface::GetLinkSpeed(std::uint32_t* megabits) {
+    std::uint32_t capability = 0;
+    std::uint32_t status = OnEntry(HAL_GigEReadRegister, GvcpCapability, &capability);
+    if (status != HAL_OK) {
+        return status;
+    }
+    if ((capability & HasLinkSpeed) == 0) {
+        return HAL_NOT_SUPPORTED;
+    }
+    status = OnEntry(HAL_GigEReadRegister, LinkSpeed, megabits);
+    return status == HAL_OK && *megabits == 0 ? std::uint32_t{HAL_NOT_SUPPORTED} : status;
 }
 
 bool GigEInterface::IsInMonitorMode() {

@@ -23,6 +23,7 @@ public:
     std::uint32_t ReadRegister(std::uint64_t address, std::uint32_t selector, std::uint32_t* value) override;
     InterfaceType GetInterfaceType() override;
     std::uint32_t GetCameraInfo(CameraInfo* info) override;
+    std::uint32_t GetLinkSpeed(std::uint32_t* megabits) override;
 
     /// True when the camera is held by another application and may only be watched, and when that cannot be told.
     bool IsInMonitorMode();

@@ -28,4 +28,6 @@ std::uint32_t HardwareInterface::WritePhyRegister(std::uint32_t, std::uint32_t, 
 
 std::uint32_t HardwareInterface::FireBusReset() { return HAL_NOT_SUPPORTED; }
 
+std::uint32_t HardwareInterface::GetLinkSpeed(std::uint32_t*) { return HAL_NOT_SUPPORTED; }
+
 }  // namespace Nimbrel2

@@ -72,6 +72,13 @@ public:
     /// What a listing shows of the device: texts, serial number and, for GigE, versions and addresses. No bus I/O.
     virtual std::uint32_t GetCameraInfo(CameraInfo* info) = 0;
 
+    /// How fast the device's link is, in Mbit/s. HAL_NOT_SUPPORTED: the device does not tell.
+    ///   IEEE 1394  what its PHY can do, from the self-IDs of the bus; 800 stands for that and more. No bus I/O unless
+    ///              the bus has changed.
+    ///   USB        the link as it is now. No bus I/O.
+    ///   GigE       the camera's own link, from its optional link speed register: two register reads.
+    virtual std::uint32_t GetLinkSpeed(std::uint32_t* megabits);
+
     // Bus events that named this device, counted as they come in. Nothing reads them but users.
     std::atomic<std::uint32_t> arrivalCount{0};
     std::atomic<std::uint32_t> removalCount{0};

@@ -2,6 +2,9 @@
 // IEEE 1394 operations on a HAL entry. Any thread, no lock during a HAL call.
 #include "common/IEEE1394Interface.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdio>
 
 namespace Nimbrel2 {
@@ -104,6 +107,33 @@ std::uint32_t IEEE1394Interface::GetCameraInfo(CameraInfo* info) {
     } else {
         std::snprintf(info->serialText, sizeof info->serialText, "%u", serialNumber);  // a virtual camera: no EUI-64
     }
+    return HAL_OK;
+}
+
+std::uint32_t IEEE1394Interface::GetLinkSpeed(std::uint32_t* megabits) {
+    std::uint16_t node = 0;
+    std::uint16_t busNumber = 0;
+    std::uint32_t status = OnEntry(HAL_1394GetNode, &node, &busNumber);  // the kept one may be of an earlier bus reset
+    if (status != HAL_OK) {
+        return status;
+    }
+    std::array<SelfIdPacket_t, MaxSelfIdQuadlets> packets{};
+    std::uint64_t count = packets.size();
+    std::uint64_t busKey = 0;
+    std::uint32_t generation = 0;
+    status = OnEntry(HAL_1394GetSelfIds, packets.data(), &count, &busKey, &generation);
+    if (status != HAL_OK) {
+        return status;
+    }
+    const auto end = packets.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(count, packets.size()));
+    const auto own = std::find_if(packets.begin(), end, [node](const SelfIdPacket_t& packet) {
+        const bool isPacketZero = (packet.bytes[1] & 0x80) == 0;
+        return isPacketZero && (packet.bytes[0] & 0x3F) == node;
+    });
+    if (own == end) {
+        return HAL_BUS_CHANGED;
+    }
+    *megabits = 100U << (own->bytes[2] >> 6);
     return HAL_OK;
 }
 

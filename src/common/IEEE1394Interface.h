@@ -33,6 +33,7 @@ public:
     InterfaceType GetInterfaceType() override;
     std::uint32_t FireBusReset() override;
     std::uint32_t GetCameraInfo(CameraInfo* info) override;
+    std::uint32_t GetLinkSpeed(std::uint32_t* megabits) override;
 
     /// Phy id and bus number as last read or set. Always HAL_OK; 0 when they could not be read.
     std::uint32_t GetCameraNode(unsigned short* node);

@@ -6,12 +6,16 @@
 #include <cstdlib>
 #include <mutex>
 
+/// Of classes that the whole process has one of. Without it, each shared object that is compiled with hidden visibility
+/// would have one of its own.
+#define NIMBREL2_ONE_IN_THE_PROCESS __attribute__((visibility("default")))
+
 namespace Nimbrel2 {
 
 /// Base of a class with one object in the process: made on first use, destroyed once, at exit or before.
 /// @par Threads  Any. The first GetInstance makes the object while the others wait.
 template <class T>
-class Singleton {
+class NIMBREL2_ONE_IN_THE_PROCESS Singleton {
 public:
     virtual ~Singleton() = default;
 

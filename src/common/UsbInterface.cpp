@@ -96,6 +96,11 @@ std::uint32_t UsbInterface::GetCameraInfo(CameraInfo* info) {
     return HAL_OK;
 }
 
+std::uint32_t UsbInterface::GetLinkSpeed(std::uint32_t* megabits) {
+    const std::uint32_t status = OnEntry(HAL_UsbGetSpeed, megabits);
+    return status == HAL_OK && *megabits == 0 ? std::uint32_t{HAL_NOT_SUPPORTED} : status;
+}
+
 std::uint32_t UsbInterface::GetLinkInfo(unsigned int* link) { return OnEntry(HAL_UsbGetLinkInfo, link); }
 
 std::uint32_t UsbInterface::GetPortStatus(unsigned int* status) { return OnEntry(HAL_UsbGetPortStatus, status); }

@@ -27,6 +27,7 @@ public:
     InterfaceType GetInterfaceType() override;
     std::uint32_t FireBusReset() override;
     std::uint32_t GetCameraInfo(CameraInfo* info) override;
+    std::uint32_t GetLinkSpeed(std::uint32_t* megabits) override;
 
     /// Link information and port status of the camera's USB port (HAL_UsbGetLinkInfo, HAL_UsbGetPortStatus).
     std::uint32_t GetLinkInfo(unsigned int* link);

@@ -258,7 +258,6 @@ using ReleaseDeathTest = ReleaseTest;
 
 // A handle without an interface is a broken promise of ours: the program ends rather than going on with it.
 TEST_F(ReleaseDeathTest, EndsTheProgramForAHandleWithoutAnInterface) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     BusMasterHandle handle;
     HandleList list{&handle};
     EXPECT_DEATH(Access::FreeCamera(&handle), "");

@@ -396,7 +396,6 @@ TEST_F(AddressLookupTest, ReadsUnderTheMainLock) {
 using AddressLookupDeathTest = AddressLookupTest;
 
 TEST_F(AddressLookupDeathTest, EndsTheProgramForACameraWithoutAnInterface) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     FillLists();
     EXPECT_DEATH(
         {

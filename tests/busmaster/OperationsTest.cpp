@@ -227,6 +227,36 @@ INSTANTIATE_TEST_SUITE_P(Both, UsbOperations,
                                                      &ScriptedDevice::portStatus}),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
+// ---- Link speed ----------------------------------------------------------------------------------------------------
+
+TEST_F(BusOperations, LinkSpeedIsWhatTheCamerasInterfaceSays) {
+    fireWire->selfIds = {{{0x80, 0x3F, 0x80, 0x00}}};
+    gigE->registers[0x0934] = 0x10000000;
+    gigE->registers[0x0670] = 2500;
+    unsigned int megabits = 0;
+    EXPECT_OK(busMaster->GetLinkSpeed(fireWireGuid, &megabits));
+    EXPECT_EQ(megabits, 400u);
+    EXPECT_OK(busMaster->GetLinkSpeed(usbGuid, &megabits));
+    EXPECT_EQ(megabits, 5000u);
+    EXPECT_OK(busMaster->GetLinkSpeed(gigEGuid, &megabits));
+    EXPECT_EQ(megabits, 2500u);
+    ExpectLocksFree(*busMaster);
+}
+
+TEST_F(BusOperations, LinkSpeedTellsWhyThereIsNone) {
+    unsigned int megabits = 0;
+    EXPECT_ERROR(busMaster->GetLinkSpeed(UnknownGuid, nullptr), ERROR_INVALID_PARAMETER, "Invalid link speed address.");
+    EXPECT_ERROR(busMaster->GetLinkSpeed(UnknownGuid, &megabits), ERROR_NOT_FOUND,
+                 "Camera not found with specified guid.");
+    hal.Change([&] { usb->speed = 0; });
+    EXPECT_ERROR(busMaster->GetLinkSpeed(usbGuid, &megabits), ERROR_UNSUPPORTED_INTERFACE,
+                 "The camera does not tell how fast its link is.");
+    hal.Change([&] { gigE->statuses["HAL_GigEReadRegister"] = 7; });
+    EXPECT_ERROR(busMaster->GetLinkSpeed(gigEGuid, &megabits), ERROR_LOW_LEVEL_FAILURE,
+                 "Unable to read the link speed. Error 0x7");
+    ExpectLocksFree(*busMaster);
+}
+
 // ---- All of them ---------------------------------------------------------------------------------------------------
 
 TEST_F(BusMasterFixture, BusOperationsFindNothingBeforeStartUp) {
@@ -320,6 +350,10 @@ INSTANTIATE_TEST_SUITE_P(All, EveryBusOperation,
                                          Operation{"GetUsbLinkInfo", "HAL_UsbGetLinkInfo", OfUsb,
                                                    [](BusMaster& master, ZevoGuid guid, unsigned int* value) {
                                                        return master.GetUsbLinkInfo(guid, value);
+                                                   }},
+                                         Operation{"GetLinkSpeed", "HAL_UsbGetSpeed", OfUsb,
+                                                   [](BusMaster& master, ZevoGuid guid, unsigned int* value) {
+                                                       return master.GetLinkSpeed(guid, value);
                                                    }},
                                          Operation{"GetUsbPortStatus", "HAL_UsbGetPortStatus", OfUsb,
                                                    [](BusMaster& master, ZevoGuid guid, unsigned int* value) {

@@ -428,7 +428,6 @@ TEST_F(ReenableIsoTest, RefusesWhatIsNoIEEE1394Camera) {
 using ReconciliationDeathTest = ReconciliationTest;
 
 TEST_F(ReconciliationDeathTest, EndsTheProgramForAHandleWithoutAnInterface) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     BusMasterHandle empty;
     BusMasterHandle other;
     EXPECT_DEATH(Access::ReenableIso(&empty), "");

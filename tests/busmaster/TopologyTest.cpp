@@ -617,7 +617,6 @@ TEST_F(TopologyOfInterfaces, LeavesACameraOfNoKnownBusOut) {
 }
 
 TEST_F(TopologyOfInterfaces, StopsTheProgramAtACameraWithoutAnInterface) {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {
             Add(1, nullptr);

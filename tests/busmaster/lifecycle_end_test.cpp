@@ -436,7 +436,6 @@ void ExitInsideACallback() {
 }
 
 TEST(LifecycleEndDeathTest, ExitInsideACallbackEndsTheProgram) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(ExitInsideACallback(), ::testing::ExitedWithCode(7), "");
 }
 
@@ -449,7 +448,6 @@ void ExitWithARunningWorker() {
 }
 
 TEST(LifecycleEndDeathTest, ExitDestroysTheObject) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(ExitWithARunningWorker(), ::testing::ExitedWithCode(8), "");
 }
 

@@ -82,6 +82,29 @@ TEST_F(GigEInterfaceTest, IsInMonitorModeWhenTheHalSaysSoAndWhenItCannotSay) {
     EXPECT_TRUE(object.IsInMonitorMode());
 }
 
+TEST_F(GigEInterfaceTest, TellsTheLinkSpeedThatTheCameraSaysItHas) {
+    camera->registers[0x0934] = 0xD0000000;
+    camera->registers[0x0670] = 10000;
+    GigEInterface object(entry);
+    std::uint32_t megabits = 0;
+    EXPECT_EQ(HAL_OK, object.GetLinkSpeed(&megabits));
+    EXPECT_EQ(10000U, megabits);
+    hal.Change([this] { camera->registers[0x0670] = 0; });
+    EXPECT_EQ(HAL_NOT_SUPPORTED, object.GetLinkSpeed(&megabits));
+    object.ReleaseCamera();
+    EXPECT_EQ(HAL_GONE, object.GetLinkSpeed(&megabits));
+}
+
+TEST_F(GigEInterfaceTest, AsksForNoLinkSpeedThatTheCameraDoesNotHave) {
+    camera->registers[0x0934] = 0xEFFFFFFF;
+    GigEInterface object(entry);
+    std::uint32_t megabits = 0;
+    EXPECT_EQ(HAL_NOT_SUPPORTED, object.GetLinkSpeed(&megabits));
+    EXPECT_EQ((std::vector<std::uint64_t>{0x0934, 0}), OnlyCall("HAL_GigEReadRegister", entry));
+    hal.Change([this] { camera->statuses["HAL_GigEReadRegister"] = HAL_TIMED_OUT; });
+    EXPECT_EQ(HAL_TIMED_OUT, object.GetLinkSpeed(&megabits));
+}
+
 TEST_F(GigEInterfaceTest, AnswersWhatOnlyOtherBusesHave) {
     GigEInterface object(entry);
     std::uint32_t value = 0;

@@ -351,6 +351,50 @@ TEST_F(SelfIdsTest, KeepTheReadingOfTheQueryWhenALaterOneFails) {
     EXPECT_EQ(HAL_OK, Fill(&count, packets));
 }
 
+// ---- Link speed ----------------------------------------------------------------------------------------------------
+
+// Packet zero of a PHY: its id, and its speed in the two upper bits of the third byte.
+SelfIdPacket_t PacketZero(int phyId, int speed) {
+    return {{static_cast<std::uint8_t>(0x80 | phyId), 0x7F, static_cast<std::uint8_t>(speed << 6 | 0x3F), 0xFF}};
+}
+
+TEST_F(IEEE1394InterfaceTest, TellsTheSpeedOfItsPhyAndNotOfANeighbour) {
+    IEEE1394Interface object(entry);
+    const std::uint32_t expected[] = {100, 200, 400, 800};
+    for (int speed = 0; speed < 4; ++speed) {
+        // Before it an extended packet of the same PHY, which has no speed where packet zero has it.
+        const SelfIdPacket_t extended{{0x85, 0x80, static_cast<std::uint8_t>(~(speed << 6)), 0}};
+        hal.Change([&] {
+            camera->selfIds = {PacketZero(4, 3 - speed), extended, PacketZero(5, speed), PacketZero(6, 3 - speed)};
+        });
+        std::uint32_t megabits = 0;
+        EXPECT_EQ(HAL_OK, object.GetLinkSpeed(&megabits));
+        EXPECT_EQ(expected[speed], megabits);
+    }
+}
+
+TEST_F(IEEE1394InterfaceTest, FollowsItsPhyToAnotherNode) {
+    camera->selfIds = {PacketZero(5, 0), PacketZero(6, 2)};
+    IEEE1394Interface object(entry);
+    hal.Change([this] { camera->node = 6; });
+    std::uint32_t megabits = 0;
+    EXPECT_EQ(HAL_OK, object.GetLinkSpeed(&megabits));
+    EXPECT_EQ(400U, megabits);
+    hal.Change([this] { camera->node = 7; });
+    EXPECT_EQ(HAL_BUS_CHANGED, object.GetLinkSpeed(&megabits));
+}
+
+TEST_F(IEEE1394InterfaceTest, PassesOnWhyItKnowsNoSpeed) {
+    IEEE1394Interface object(entry);
+    std::uint32_t megabits = 0;
+    hal.Change([this] { camera->statuses["HAL_1394GetSelfIds"] = HAL_PERMISSION; });
+    EXPECT_EQ(HAL_PERMISSION, object.GetLinkSpeed(&megabits));
+    hal.Change([this] { camera->statuses["HAL_1394GetNode"] = HAL_BUSY; });
+    EXPECT_EQ(HAL_BUSY, object.GetLinkSpeed(&megabits));
+    object.ReleaseCamera();
+    EXPECT_EQ(HAL_GONE, object.GetLinkSpeed(&megabits));
+}
+
 // ---- What a listing shows ------------------------------------------------------------------------------------------
 
 TEST_F(IEEE1394InterfaceTest, TellsALiveCamerasInfo) {

@@ -106,7 +106,6 @@ TEST(Singleton, IsTriedAgainWhenMakingItFailed) {
 using SingletonDeathTest = ::testing::Test;
 
 TEST(SingletonDeathTest, EndsTheProgramWhenAskedForAfterItWasDestroyed) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
             Singleton<Object<4>>::GetInstance();
@@ -122,7 +121,6 @@ public:
 };
 
 TEST(SingletonDeathTest, IsDestroyedOnceAtExit) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             Singleton<SaysWhenDestroyed>::GetInstance();
@@ -132,7 +130,6 @@ TEST(SingletonDeathTest, IsDestroyedOnceAtExit) {
 }
 
 TEST(SingletonDeathTest, IsNotDestroyedAgainAtExit) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             Singleton<SaysWhenDestroyed>::GetInstance();
@@ -143,7 +140,6 @@ TEST(SingletonDeathTest, IsNotDestroyedAgainAtExit) {
 }
 
 TEST(SingletonDeathTest, CanBeDestroyedAtExitByAnExitHandlerThatCameFirst) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             std::atexit([] { Singleton<SaysWhenDestroyed>::DestroyInstance(); });

@@ -239,6 +239,29 @@ TEST_F(UsbTreeTest, IsRefusedWhenTheHalClaimsMoreThanThereWasRoomFor) {
     EXPECT_EQ(HAL_BAD_ANSWER, Query(&count));
 }
 
+// ---- Link speed ----------------------------------------------------------------------------------------------------
+
+TEST_F(UsbInterfaceTest, TellsTheSpeedOfTheLinkAsItIsNow) {
+    UsbInterface object(entry);
+    std::uint32_t megabits = 0;
+    EXPECT_EQ(HAL_OK, object.GetLinkSpeed(&megabits));
+    EXPECT_EQ(5000U, megabits);
+    hal.Change([this] { camera->speed = 12; });
+    EXPECT_EQ(HAL_OK, object.GetLinkSpeed(&megabits));
+    EXPECT_EQ(12U, megabits);
+}
+
+TEST_F(UsbInterfaceTest, TellsNoSpeedThatIsUnknown) {
+    UsbInterface object(entry);
+    std::uint32_t megabits = 0;
+    hal.Change([this] { camera->speed = 0; });
+    EXPECT_EQ(HAL_NOT_SUPPORTED, object.GetLinkSpeed(&megabits));
+    hal.Change([this] { camera->statuses["HAL_UsbGetSpeed"] = HAL_BUSY; });
+    EXPECT_EQ(HAL_BUSY, object.GetLinkSpeed(&megabits));
+    object.ReleaseCamera();
+    EXPECT_EQ(HAL_GONE, object.GetLinkSpeed(&megabits));
+}
+
 // ---- What a listing shows ------------------------------------------------------------------------------------------
 
 TEST_F(UsbInterfaceTest, TellsALiveCamerasInfo) {

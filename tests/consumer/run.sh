@@ -49,3 +49,10 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$work/project/main.cpp" -o "$work/with_pkgconfig" \
     $(pkg-config --cflags --libs nimbrel2)
 expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"
+
+# Two plug-ins that hide their symbols still share the one bus master.
+# shellcheck disable=SC2046
+"$cxx" -std=c++20 -fvisibility=hidden -fvisibility-inlines-hidden -c "$work/project/main.cpp" -o "$work/hidden.o" \
+    $(pkg-config --cflags nimbrel2)
+nm -C "$work/hidden.o" | grep -q ' u Nimbrel2::Singleton<Nimbrel2::BusMaster>::GetState()::state$' ||
+    fail "the bus master of a plug-in with hidden symbols is its own"

@@ -9,6 +9,7 @@
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/TopologyView.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool::Testing {
@@ -54,6 +55,23 @@ INSTANTIATE_TEST_SUITE_P(
                       Row{"BeyondUnicode", "\xf4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},
                       Row{"NoLeadByte", "\xff\xfe", "\uFFFD\uFFFD"}, Row{"RightToLeftOverride", "\u202e", "\uFFFD"}),
     [](const auto& test) { return test.param.name; });
+
+TEST(TextAsCharacters, KeepsWhatIsForShowing) { EXPECT_EQ(ToCharacters(" a\u00f6\u65e5\U0001f4f7 "), U" aö日📷 "); }
+
+TEST(TextAsCharacters, ReplacesWhatIsNot) {
+    for (const char* text :
+         {"\n", "\x1b", "\x7f", "\xff", "\u009b", "\u2028", "\u202e", "\uFFFE", "\uFDD0", "\U0010FFFF"}) {
+        EXPECT_EQ(ToCharacters(text), U"\uFFFD") << text;
+    }
+}
+
+TEST(Speed, IsShownInTheUnitThatPeopleUse) {
+    EXPECT_EQ(FormatSpeed(12), "12 Mbit/s");
+    EXPECT_EQ(FormatSpeed(999), "999 Mbit/s");
+    EXPECT_EQ(FormatSpeed(1000), "1 Gbit/s");
+    EXPECT_EQ(FormatSpeed(2500), "2.5 Gbit/s");
+    EXPECT_EQ(FormatSpeed(10010), "10.01 Gbit/s");
+}
 
 TEST_F(Utf8, KeepsLineFeedsWhereTheyAreWanted) { EXPECT_EQ(ForTerminal(" a\n\tb ", Lines::Kept), " a\n\uFFFDb "); }
 

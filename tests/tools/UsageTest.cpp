@@ -62,6 +62,21 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{"TimeoutOfLetters", {"list", "--wait", "1", "--timeout", "soon"}, {"--timeout", "\"soon\""}},
         WrongUsage{"CountOfZero", {"watch", "--count", "0"}, {"--count", "\"0\""}},
         WrongUsage{"CountNegative", {"watch", "--count", "-3"}, {"--count", "\"-3\""}},
+        WrongUsage{"FormatUnknown", {"topology", "--format", "png"}, {"--format", "\"png\"", "text, json, dot, svg"}},
+        WrongUsage{
+            "FormatTwice", {"topology", "--format", "svg", "--format", "dot"}, {"--format", "\"svg\"", "\"dot\""}},
+        WrongUsage{"FormatAndJson", {"topology", "--json", "--format", "svg"}, {"--json", "--format"}},
+        WrongUsage{"OutputMissing", {"topology", "--output"}, {"--output"}},
+        WrongUsage{"DemoAndNoCommand", {"--demo"}, {"command", "--help"}},
+        WrongUsage{"DemoBeforeACommandWithoutBuses", {"--demo", "simulate", "gige"}, {"simulate", "--demo"}},
+        WrongUsage{"RigBeforeACommandWithoutBuses", {"--rig", "x", "rig", "check", "y"}, {"rig", "--rig"}},
+        WrongUsage{"RigBeforeAndAfter", {"--rig", "x", "list", "--rig", "y"}, {"--rig", "before", "after"}},
+        WrongUsage{"RigBeforeAndDemoAfter", {"--rig", "x", "list", "--demo"}, {"--rig", "--demo"}},
+        WrongUsage{"WindowBeforeAndAfter",
+                   {"--discovery-window", "1", "list", "--discovery-window", "1"},
+                   {"--discovery-window"}},
+        WrongUsage{"UnknownBusBefore", {"--bus", "can", "list"}, {"--bus", "\"can\""}},
+        WrongUsage{"UnknownOptionBefore", {"--dmeo", "list"}, {"--dmeo"}},
         WrongUsage{"DurationNegative", {"watch", "--duration", "-3"}, {"--duration", "\"-3\""}}),
     [](const auto& test) { return test.param.name; });
 
@@ -85,7 +100,7 @@ TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
     for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), 80u) << line;
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, Help, ::testing::Values("", "list", "watch"), [](const auto& test) {
+INSTANTIATE_TEST_SUITE_P(Commands, Help, ::testing::Values("", "list", "topology", "watch"), [](const auto& test) {
     return *test.param == '\0' ? std::string("program") : std::string(test.param);
 });
 
@@ -117,6 +132,25 @@ TEST(Options, ReachThePlatform) {
               "options: 1394=linux usb=linux gige=none interfaces= window=250\n");
     EXPECT_EQ(OptionsOf({"list", "--discovery-window", "60"}),
               "options: 1394=linux usb=linux gige=linux interfaces= window=60000\n");
+}
+
+TEST(Options, MayStandBeforeTheCommandAsWell) {
+    EXPECT_EQ(OptionsOf({"--bus", "gige", "--interface", "lo", "--discovery-window", "0.25", "list"}),
+              OptionsOf({"list", "--bus", "gige", "--interface", "lo", "--discovery-window", "0.25"}));
+    EXPECT_EQ(OptionsOf({"--bus", "1394", "list", "--bus", "usb"}),
+              OptionsOf({"list", "--bus", "1394", "--bus", "usb"}))
+        << "each says one of them";
+    const Words script{"virtual 77 Nobody Nothing"};
+    EXPECT_EQ(ScriptedComputer(script).Run({"--virtual", "list"}).output,
+              ScriptedComputer(script).Run({"list", "--virtual"}).output);
+    const auto run = [](Words words) {
+        words.insert(words.begin(), RealProgram());
+        return Nimbrel2::Testing::RunProgram(words, kDeadline).output;
+    };
+    EXPECT_THAT(run({"--demo", "list"}), AllOf(HasSubstr("31000001"), run({"list", "--demo"})));
+    const std::string rig = NIMBREL_RIGS "/firewire-chain.json";
+    EXPECT_THAT(run({"--rig", rig, "list"}), AllOf(HasSubstr("Chain 1"), run({"list", "--rig", rig})));
+    EXPECT_THAT(run({"--demo", "list", "--demo"}), HasSubstr("31000001"));
 }
 
 }  // namespace

@@ -42,6 +42,11 @@ void CheckBusName(const std::string& name) {
     throw CommandError("--bus: \"" + name + "\" is not one of 1394, usb, gige", kUsage);
 }
 
+// Before the command and after it.
+void CheckIsFirst(const std::string& option, bool given) {
+    if (given) throw CommandError(option + ": given before the command and after it, which is one too many", kUsage);
+}
+
 void CheckExists(const std::vector<std::string>& interfaces) {
     const std::vector<std::string> existing = NetworkInterfaceNames();
     for (const std::string& name : interfaces) {
@@ -100,12 +105,16 @@ void CommandContext::AddBusOptions(CLI::App& command) {
              "listens, 0.01 to 60; 1 by default, the longest\n"
              "that a camera may take. Most answer in 0.01.",
              [this](const std::string& text) {
+                 CheckIsFirst("--discovery-window", m_discoveryWindow.has_value());
                  m_discoveryWindow = ParseSeconds("--discovery-window", text, kShortestWindow, kLongestWindow);
              });
     command.add_flag("--virtual", m_virtual, "Show virtual cameras too.");
     AddValue(command, "--rig", "FILE",
              "Run on the simulated computer that this file\ndescribes (`nimbrel rig --help`).",
-             [this](const std::string& file) { m_rigFile = file; });
+             [this](const std::string& file) {
+                 CheckIsFirst("--rig", m_rigFile.has_value());
+                 m_rigFile = file;
+             });
     command.add_flag("--demo", m_demo, "Run on the built-in simulated computer.");
 }
 

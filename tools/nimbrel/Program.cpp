@@ -16,6 +16,7 @@
 #include "tools/nimbrel/RigCommand.h"
 #include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/TopologyCommand.h"
 #include "tools/nimbrel/WatchCommand.h"
 
 namespace Nimbrel2::Tool {
@@ -33,10 +34,13 @@ Exit status:
 
 Examples:
   nimbrel list                    what is attached
-  nimbrel list --demo             on the built-in simulated computer
+  nimbrel topology                how it is connected
+  nimbrel --demo topology         on the built-in simulated computer
   nimbrel list --interface lo     on loopback, where simulated cameras live
   nimbrel watch --json            what happens, for a program to read
 )";
+
+const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";
 
 // "nimbrel list" once a subcommand is known.
 std::string ProgramName(const CLI::App& app) {
@@ -58,8 +62,23 @@ void Declare(CLI::App& app, CommandContext& context) {
     app.get_formatter()->column_width(29);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
+    AddTopologyCommand(app, context);
     AddRigCommand(app, context);
     AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
+    // They may stand before the command as well. After the commands, which would inherit the group.
+    app.option_defaults()->group(kBusOptions);
+    context.AddBusOptions(app);
+}
+
+// An option in front of a command that does not have it would do nothing.
+void CheckBusOptions(const CLI::App& app) {
+    const CLI::App& command = *app.get_subcommands().front();
+    for (const CLI::Option* option : app.get_options()) {
+        if (option->get_group() != kBusOptions || option->count() == 0) continue;
+        if (command.get_option_no_throw(option->get_name()) == nullptr) {
+            throw CommandError(option->get_name() + ": this command does not look at the buses", kUsage);
+        }
+    }
 }
 
 int Run(CLI::App& app, CommandContext& context, int argc, const char* const* argv) {
@@ -75,6 +94,7 @@ int Run(CLI::App& app, CommandContext& context, int argc, const char* const* arg
         return Complain(app, error.what(), kUsage);
     }
     if (!context.GetAction()) return Complain(app, "a command is needed", kUsage);
+    CheckBusOptions(app);
     return context.GetAction()();
 }
 

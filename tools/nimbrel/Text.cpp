@@ -59,6 +59,7 @@ std::string Encode(char32_t c) {
     if (c == kInvalid || ChangesDirection(c) || wcwidth(static_cast<wchar_t>(c)) < 0) return {};
     char bytes[MB_LEN_MAX];
     mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it is safe with a state of its own
     const std::size_t size = wcrtomb(bytes, static_cast<wchar_t>(c), &state);
     return size == static_cast<std::size_t>(-1) ? std::string() : std::string(bytes, size);
 }
@@ -80,6 +81,7 @@ std::vector<Glyph> Glyphs(const std::string& shown) {
     mbstate_t state{};
     for (std::string_view left = shown; !left.empty();) {
         wchar_t character = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): it is safe with a state of its own
         std::size_t size = mbrtowc(&character, left.data(), left.size(), &state);
         if (size == 0 || size > left.size()) {
             size = 1;
@@ -113,6 +115,17 @@ std::string ForTerminal(const std::string& text, Lines lines) {
         shown += c == U'\n' && lines == Lines::Kept ? "\n" : EncodeOrReplace(c);
     }
     return lines == Lines::Joined ? Trim(shown) : shown;
+}
+
+std::u32string ToCharacters(const std::string& text) {
+    std::u32string characters;
+    for (std::string_view left = text; !left.empty();) {
+        const char32_t c = TakeCharacter(&left);
+        const bool isControl = c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x2028 || c == 0x2029;
+        const bool isNone = c == kInvalid || (c & 0xFFFE) == 0xFFFE || (c >= 0xFDD0 && c <= 0xFDEF);
+        characters += isControl || isNone || ChangesDirection(c) ? kReplacement : c;
+    }
+    return characters;
 }
 
 std::size_t DisplayWidth(const std::string& shown) {

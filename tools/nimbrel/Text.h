@@ -19,6 +19,10 @@ enum class Lines { Joined, Kept };  ///< Whether a line feed is a character to b
 /// at both ends goes when lines are joined.
 std::string ForTerminal(const std::string& text, Lines lines = Lines::Joined);
 
+/// The characters of a text, whatever the locale. U+FFFD stands for each byte that is no UTF-8 and for each character
+/// that is not for showing: control characters, those that change the direction of writing, noncharacters.
+std::u32string ToCharacters(const std::string& text);
+
 /// How many columns a text takes that ForTerminal has returned.
 std::size_t DisplayWidth(const std::string& shown);
 

@@ -27,6 +27,7 @@ TEST_F(GigENetwork, ListsTheCamerasOfAWire) {
 
 TEST_F(GigENetwork, HasNothingToDoWithoutANetwork) {
     m_host.Ip("link del h0");
+    m_window = 10s;
     Start({});
     const auto start = Clock::now();
     EXPECT_THAT(List(), IsEmpty());

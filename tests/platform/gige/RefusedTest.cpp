@@ -100,6 +100,7 @@ TEST_F(GigERefused, NoCapabilityIsNeeded) {
 
 TEST_F(GigERefused, UdpSocketsAreAPermissionProblem) {
     AddCamera("192.168.77.102", 2);
+    m_window = 10s;
     StartAfter([] { Refuse(__NR_socket, 0, AF_INET); });
     ASSERT_EQ(m_startStatus, HAL_OK);
     std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;

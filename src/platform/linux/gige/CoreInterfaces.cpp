@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
+#include <system_error>
 
 #include "platform/linux/gige/GigECore.h"
 
@@ -123,7 +123,7 @@ void GigECore::UpdateInterface(Interface& interface, const NetworkInterface& now
         if (interface.error == 0) interface.error = m_poller.Add(interface.port->GetFd(), TokenOf(*interface.port));
         if (interface.error != 0) {
             interface.port.reset();
-            interface.reason = where + " refused: " + std::strerror(interface.error);
+            interface.reason = where + " refused: " + std::system_category().message(interface.error);
         }
     }
 
