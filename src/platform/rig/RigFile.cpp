@@ -553,7 +553,14 @@ void Rehearse(const RigPlan& plan) {
         return;
     }
     Rig rig(plan.rig);
+    std::chrono::milliseconds last{0};
     for (const RigStep& step : plan.timeline) {
+        if (step.at.has_value()) {
+            if (*step.at < last) {
+                throw JsonProblem(step.pointer + "/at", "is earlier than a step before it");
+            }
+            last = *step.at;
+        }
         if (std::holds_alternative<BusResetStep>(step.action)) {
             continue;  // always can
         }

@@ -153,6 +153,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "not 2"},
         BadFile{"AtAndAfter", R"("at": 0.5)", R"("at": 0.5, "after": {"event": "reset"})", "/timeline/0", "not both"},
         BadFile{"TimeOutOfRange", R"("at": 0.5)", R"("at": -1)", "/timeline/0/at", "not -1"},
+        BadFile{"TimeGoesBackwards", R"({"unplug": "u"})", R"({"at": 0.4, "unplug": "u"})", "/timeline/1/at",
+                "earlier than a step before it"},
         BadFile{"LossOutOfRange", "1.5", "101", "/timeline/10/answers/lossPercent", "not 101"}),
     [](const testing::TestParamInfo<BadFile>& row) { return row.param.name; });
 
