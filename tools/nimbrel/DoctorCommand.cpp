@@ -80,7 +80,7 @@ int RunDoctor(CommandContext& context) {
 }  // namespace
 
 void AddDoctorCommand(CLI::App& app, CommandContext& context) {
-    CLI::App* command = context.AddCommand(app, "doctor", "Finds out why cameras are not seen or cannot be used.",
+    CLI::App* command = context.AddCommand(app, "doctor", "Finds out why cameras cannot be seen or used.",
                                            [&context] { return RunDoctor(context); });
     context.AddJsonOption(*command, "Print one JSON document.");
     context.AddBusOptions(*command);

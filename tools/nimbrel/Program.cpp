@@ -48,6 +48,7 @@ Examples:
   nimbrel --demo topology         on the built-in simulated computer
   nimbrel list --interface lo     on loopback, where simulated cameras live
   nimbrel watch --json            what happens, for a program to read
+  nimbrel doctor                  why a camera does not show
 )";
 
 const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";

@@ -8,6 +8,9 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "platform/rig/RigFile.h"
@@ -26,11 +29,14 @@ using Platform::RigPlan;
 using Platform::RigStep;
 using std::chrono::milliseconds;
 
-// How long the system may take to act upon one step, and an awaited event may take to come.
+// How long the system may take to act upon one step, and an awaited event may take to come, beyond what the rig's
+// faults take.
 constexpr milliseconds kPatience{10000};
 
 // 127.0.0.1 is left to others.
 constexpr std::uint32_t kFirstLoopbackAddress = 0x7F000002;
+
+const char kBuiltIn[] = "the built-in rig";
 
 const char kFooter[] =
     R"(A rig is a simulated computer in a JSON file: its buses, its cameras, and what
@@ -48,7 +54,7 @@ Examples:
 
 RigPlan Load(const std::optional<std::string>& file) {
     try {
-        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), "the built-in rig");
+        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltIn);
     } catch (const Platform::RigFileError& error) {
         throw CommandError(error.what());
     }
@@ -64,18 +70,28 @@ std::string Serials(const std::vector<std::uint32_t>& serials) {
     return text.empty() ? "none" : text;
 }
 
+milliseconds DelayOfFaults(const RigPlan& plan) {
+    milliseconds sum{0};
+    for (const RigStep& step : plan.timeline) {
+        if (const auto* const fault = std::get_if<Platform::RigFault>(&step.action)) sum += fault->delay;
+    }
+    return sum;
+}
+
 // Plays one timeline on a bus master that runs on the rig.
 class Player {
 public:
-    Player(CommandContext& context, const RigPlan& plan, Platform::Rig& rig, BusMaster& busMaster, EventQueue& events,
-           bool fast)
+    Player(CommandContext& context, const RigPlan& plan, std::string name, Platform::Rig& rig, BusMaster& busMaster,
+           EventQueue& events, bool fast)
         : m_context(context),
           m_plan(plan),
+          m_name(std::move(name)),
           m_rig(rig),
           m_busMaster(busMaster),
           m_events(events),
           m_printer(context, busMaster),
-          m_fast(fast) {}
+          m_fast(fast),
+          m_patience(fast ? kPatience : kPatience + DelayOfFaults(plan)) {}
 
     int Play() {
         m_interrupt = Interrupts::Catch();
@@ -87,7 +103,7 @@ public:
             m_seen.clear();
             Announce(step);
             if (const std::optional<std::string> problem = Platform::Apply(m_rig, step.action)) {
-                throw CommandError(step.pointer + ": " + *problem);
+                Fail(step.pointer, *problem);
             }
             if (m_fast && !Settle(step.pointer)) return kDone;
         }
@@ -97,15 +113,23 @@ public:
     }
 
 private:
+    [[noreturn]] void Fail(const std::string& where, const std::string& reason) const {
+        throw CommandError(m_name + ": " + where + ": " + reason);
+    }
+
+    std::string Patience() const {
+        return std::to_string(std::chrono::ceil<std::chrono::seconds>(m_patience).count()) + " s";
+    }
+
     void Announce(const RigStep& step) {
         if (!m_context.WantsJson()) m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
     }
 
     // What happened is over when every event has been delivered and the bus master has acted upon all of them.
     bool Settle(const std::string& where) {
-        const auto patience = static_cast<unsigned int>(kPatience.count());
-        if (!Platform::WaitUntilEventsAreDelivered(kPatience) || !m_busMaster.WaitUntilQuiet(patience)) {
-            throw CommandError(where + ": the bus master was still busy after 10 s");
+        const auto patience = static_cast<unsigned int>(m_patience.count());
+        if (!Platform::WaitUntilEventsAreDelivered(m_patience) || !m_busMaster.WaitUntilQuiet(patience)) {
+            Fail(where, "the bus master was still busy after " + Patience());
         }
         return PrintWaiting();
     }
@@ -140,11 +164,13 @@ private:
             return event.type == types[static_cast<int>(awaited.kind)] &&
                    (!awaited.serialNumber || event.serialNumber == *awaited.serialNumber);
         };
-        const Clock::time_point deadline = Clock::now() + kPatience;
+        const Clock::time_point deadline = Clock::now() + m_patience;
         while (PrintWaiting()) {
             if (std::any_of(m_seen.begin(), m_seen.end(), matches)) return true;
+            // In virtual time everything that follows from the step before has happened.
+            if (m_fast) Fail(pointer + "/after", "the event did not come");
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) throw CommandError(pointer + "/after: the event did not come within 10 s");
+            if (left.count() <= 0) Fail(pointer + "/after", "the event did not come within " + Patience());
             if (IsInterrupted(static_cast<int>(left.count()))) return false;
         }
         return false;
@@ -155,8 +181,8 @@ private:
         for (const Camera& camera : ListCameras(m_busMaster)) serials.push_back(camera.serialNumber);
         std::sort(serials.begin(), serials.end());
         if (m_plan.finalSerialNumbers && serials != *m_plan.finalSerialNumbers) {
-            throw CommandError("the rig ends with cameras " + Serials(serials) + ", and its file says " +
-                               Serials(*m_plan.finalSerialNumbers));
+            Fail("/end/cameras", "the rig ends with cameras " + Serials(serials) + ", and its file says " +
+                                     Serials(*m_plan.finalSerialNumbers));
         }
         if (!m_context.WantsJson()) {
             m_context.Print("-- the end: " + Quantity(serials.size(), "camera", "cameras") +
@@ -166,11 +192,13 @@ private:
 
     CommandContext& m_context;
     const RigPlan& m_plan;
+    const std::string m_name;
     Platform::Rig& m_rig;
     BusMaster& m_busMaster;
     EventQueue& m_events;
     EventPrinter m_printer;
     const bool m_fast;
+    const milliseconds m_patience;
     int m_interrupt = -1;
     std::vector<BusEvent> m_seen;  // Since the last step.
 };
@@ -225,7 +253,7 @@ private:
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster = m_context.StartBusMaster();
         events.Register(*busMaster);
-        return Player(m_context, plan, *rig, *busMaster, events, m_fast).Play();
+        return Player(m_context, plan, m_file.value_or(kBuiltIn), *rig, *busMaster, events, m_fast).Play();
     }
 
     int Serve() {

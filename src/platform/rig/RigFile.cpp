@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
+#include <cstddef>
 #include <fstream>
+#include <initializer_list>
 #include <set>
-#include <sstream>
 
 #include "platform/rig/JsonReader.h"
 
@@ -18,6 +20,7 @@ namespace {
 constexpr std::size_t MaxFileBytes = 16U << 20;
 constexpr int MaxDepth = 16;
 constexpr double MaxSeconds = 86400;
+constexpr std::size_t MaxSteps = 10000;
 
 // ---- Values
 // ----------------------------------------------------------------------------------------------------------
@@ -35,6 +38,15 @@ Value OneOf(const JsonValue& value, const std::array<std::pair<const char*, Valu
     value.Fail("one of " + wanted + " is wanted, not \"" + text + "\"");
 }
 
+// A text of a discovery answer, which has a field of that size for it.
+std::string FieldOf(const JsonValue& value, std::size_t size) {
+    std::string text = value.Text();
+    if (text.size() > size) {
+        value.Fail("at most " + std::to_string(size) + " bytes are wanted, not \"" + text + "\"");
+    }
+    return text;
+}
+
 std::uint32_t ToUnsigned32(const JsonValue& value, std::uint64_t minimum, std::uint64_t maximum) {
     return static_cast<std::uint32_t>(value.Unsigned(minimum, maximum));
 }
@@ -43,17 +55,23 @@ std::chrono::milliseconds Seconds(const JsonValue& value) {
     return std::chrono::milliseconds(static_cast<std::int64_t>(value.Number(0, MaxSeconds) * 1000));
 }
 
-std::optional<std::uint32_t> ParseAddress(const std::string& text) {
-    std::istringstream in(text);
+std::optional<std::uint32_t> ParseAddress(std::string_view text) {
+    const char* next = text.data();
+    const char* const end = next + text.size();
     std::uint32_t address = 0;
     for (int i = 0; i < 4; ++i) {
-        unsigned int octet = 0;
-        if ((i != 0 && in.get() != '.') || !std::isdigit(in.peek()) || !(in >> octet) || octet > 255) {
+        if (i != 0 && (next == end || *next++ != '.')) {
+            return std::nullopt;
+        }
+        std::uint32_t octet = 0;
+        const auto [after, error] = std::from_chars(next, next + std::min<std::ptrdiff_t>(end - next, 3), octet);
+        if (error != std::errc{} || octet > 255) {
             return std::nullopt;
         }
         address = address << 8 | octet;
+        next = after;
     }
-    return in.peek() == std::char_traits<char>::eof() ? std::optional(address) : std::nullopt;
+    return next == end ? std::optional(address) : std::nullopt;
 }
 
 std::uint32_t Address(const JsonValue& value) {
@@ -73,7 +91,7 @@ struct AddressAndMask {
 AddressAndMask ToAddressAndMask(const JsonValue& value) {
     const std::string text = value.Text();
     const std::size_t slash = text.find('/');
-    const std::optional<std::uint32_t> address = ParseAddress(text.substr(0, slash));
+    const std::optional<std::uint32_t> address = ParseAddress(std::string_view(text).substr(0, slash));
     const std::string bits = slash == std::string::npos ? "" : text.substr(slash + 1);
     const bool digits = !bits.empty() && bits.size() <= 2 &&
                         std::all_of(bits.begin(), bits.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
@@ -110,6 +128,25 @@ void ReadList(JsonObject& object, const char* key, std::vector<Element>* list, R
             list->push_back(read(values.At(i)));
         }
     });
+}
+
+// A bus is given in one of two forms: raw, as the list behind that key, or in words, without it.
+void CheckForm(JsonObject& object, const char* rawKey, std::initializer_list<const char*> inWords) {
+    if (object.Has(rawKey)) {
+        for (const char* key : inWords) {
+            object.Optional(key, [&](const JsonValue& value) {
+                value.Fail(std::string("has no place beside \"") + rawKey + "\"");
+            });
+        }
+        const JsonValue raw = object.Required(rawKey);
+        if (raw.Size() == 0) {
+            raw.Fail("is empty");
+        }
+    } else {
+        object.Optional("placedCameras", [&](const JsonValue& value) {
+            value.Fail(std::string("cameras have places only beside \"") + rawKey + "\"");
+        });
+    }
 }
 
 // ---- Buses
@@ -152,6 +189,7 @@ CableEnd ReadCableEnd(const JsonValue& value) {
 FireWireBusDescription ReadFireWireBus(const JsonValue& value) {
     JsonObject object(value);
     FireWireBusDescription bus;
+    CheckForm(object, "selfIds", {"phys", "cables"});
     bus.name = object.Required("name").Text();
     object.Optional("gapCount", [&](const JsonValue& gap) { bus.gapCount = ToUnsigned32(gap, 0, 63); });
     ReadList(object, "phys", &bus.phys, [](const JsonValue& phy) {
@@ -224,6 +262,7 @@ UsbSelfId ReadUsbRecord(const JsonValue& value) {
 UsbHostDescription ReadUsbHost(const JsonValue& value) {
     JsonObject object(value);
     UsbHostDescription host;
+    CheckForm(object, "records", {"devices"});
     host.name = object.Required("name").Text();
     object.Optional("usb2Ports", [&](const JsonValue& ports) { host.usb2Ports = ToUnsigned32(ports, 0, 15); });
     object.Optional("usb3Ports", [&](const JsonValue& ports) { host.usb3Ports = ToUnsigned32(ports, 0, 15); });
@@ -273,11 +312,11 @@ GigECameraDescription ReadGigECamera(const JsonValue& value, const std::string& 
     options.subnetMask = address.mask;
     object.Optional("gateway", [&](const JsonValue& gateway) { options.gateway = Address(gateway); });
     object.Optional("plugged", [&](const JsonValue& plugged) { camera.plugged = plugged.Boolean(); });
-    object.Optional("serial", [&](const JsonValue& text) { options.serialNumber = text.Text(); });
-    object.Optional("vendor", [&](const JsonValue& text) { options.vendor = text.Text(); });
-    object.Optional("model", [&](const JsonValue& text) { options.model = text.Text(); });
-    object.Optional("userName", [&](const JsonValue& text) { options.userDefinedName = text.Text(); });
-    object.Optional("deviceVersion", [&](const JsonValue& text) { options.deviceVersion = text.Text(); });
+    object.Optional("serial", [&](const JsonValue& text) { options.serialNumber = FieldOf(text, 16); });
+    object.Optional("vendor", [&](const JsonValue& text) { options.vendor = FieldOf(text, 32); });
+    object.Optional("model", [&](const JsonValue& text) { options.model = FieldOf(text, 32); });
+    object.Optional("userName", [&](const JsonValue& text) { options.userDefinedName = FieldOf(text, 16); });
+    object.Optional("deviceVersion", [&](const JsonValue& text) { options.deviceVersion = FieldOf(text, 32); });
     object.Optional("owner", [&](const JsonValue& owner) {
         JsonObject keys(owner);
         options.owner = ReadOwner(keys);
@@ -508,6 +547,29 @@ RigStep ReadStep(const JsonValue& value, const Names& names) {
     return step;
 }
 
+// Whether each step can be done when its turn comes: what happens to a rig depends on nothing but its timeline.
+void Rehearse(const RigPlan& plan) {
+    if (plan.timeline.empty()) {
+        return;
+    }
+    Rig rig(plan.rig);
+    std::chrono::milliseconds last{0};
+    for (const RigStep& step : plan.timeline) {
+        if (step.at.has_value()) {
+            if (*step.at < last) {
+                throw JsonProblem(step.pointer + "/at", "is earlier than a step before it");
+            }
+            last = *step.at;
+        }
+        if (std::holds_alternative<BusResetStep>(step.action)) {
+            continue;  // always can
+        }
+        if (const std::optional<std::string> problem = Apply(rig, step.action)) {
+            throw JsonProblem(step.pointer, *problem);
+        }
+    }
+}
+
 // ---- The whole
 // -------------------------------------------------------------------------------------------------------
 
@@ -527,7 +589,14 @@ RigPlan ReadPlan(const JsonValue& root) {
         throw JsonProblem(problems.front().pointer, problems.front().reason);
     }
     const Names names(plan.rig);
+    object.Optional("timeline", [](const JsonValue& steps) {
+        if (steps.Size() > MaxSteps) {
+            steps.Fail("a timeline has at most " + std::to_string(MaxSteps) + " steps, not " +
+                       std::to_string(steps.Size()));
+        }
+    });
     ReadList(object, "timeline", &plan.timeline, [&](const JsonValue& step) { return ReadStep(step, names); });
+    Rehearse(plan);
     object.Optional("end", [&](const JsonValue& end) {
         JsonObject keys(end);
         plan.finalSerialNumbers.emplace();

@@ -19,7 +19,7 @@ using testing::StartsWith;
 const char kGood[] = R"({
   "name": "good", "description": "all kinds",
   "firewire": [{"name": "fw0", "gapCount": 5,
-    "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M"}],
+    "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M", "plugged": false}],
     "cables": [[["card", 0], ["cam", 0]]]}],
   "usb": [{"name": "x", "devices": [{"name": "u", "parent": "x", "port": 1, "serial": "7", "vendorId": "0x1234"}]}],
   "gige": [{"name": "e", "address": "10.0.0.1/8", "cameras": [
@@ -61,8 +61,19 @@ TEST(RigFile, DescribesEveryActionInWords) {
     for (const RigStep& step : ParseRig(kGood, "good.json").timeline) EXPECT_FALSE(Describe(step.action).empty());
 }
 
+TEST(RigFile, TellsWhatAFaultDoes) {
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 2, 7, {}}), "call 2 of HAL_X from now on answers 7");
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 1, HAL_OK, std::chrono::milliseconds(5)}),
+              "call 1 of HAL_X from now on takes 5 ms longer");
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 1, 7, std::chrono::milliseconds(5)}),
+              "call 1 of HAL_X from now on answers 7 and takes 5 ms longer");
+}
+
 TEST(RigFile, CarriesASchemaAndARigOfItsOwn) {
     EXPECT_THAT(std::string(RigSchema()), HasSubstr("json-schema.org"));
+    for (const std::string& function : RigFaultFunctions()) {
+        EXPECT_THAT(std::string(RigSchema()), HasSubstr('"' + function + '"'));
+    }
     EXPECT_NO_THROW(ParseRig(BuiltInRig(), "built-in"));
 }
 
@@ -98,7 +109,9 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"UnknownKey", R"("gapCount")", R"("gap_count")", "/firewire/0/gap_count", "unknown key"},
         BadFile{"UnknownTopKey", R"("name": "good")", R"("nom": "good")", "/nom", "unknown key"},
         BadFile{"KeyThatNeedsEscaping", R"("name": "good")", R"("a/b~": 1)", "/a~1b~0", "unknown key"},
-        BadFile{"RepeatedKey", R"("gapCount": 5)", R"("gapCount": 5, "gapCount": 6)", "", "stands twice"},
+        BadFile{"RepeatedKey", R"("gapCount": 5)", R"("gapCount": 5, "gapCount": 6)", "/firewire/0/gapCount",
+                "stands twice"},
+        BadFile{"NumberBeyondAllNumbers", R"("at": 0.5)", R"("at": 1e400)", "", "number overflow"},
         BadFile{"MissingKey", R"("parent": "x", )", "", "/usb/0/devices/0", "\"parent\" is missing"},
         BadFile{"WrongKind", R"("kind": "card")", R"("kind": "cart")", "/firewire/0/phys/0/kind", "not \"cart\""},
         BadFile{"TextForNumber", R"("gapCount": 5)", R"("gapCount": "5")", "/firewire/0/gapCount", "not string"},
@@ -117,6 +130,15 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"OneEndedCable", R"([[["card", 0], ["cam", 0]]])", R"([[["card", 0]]])", "/firewire/0/cables/0",
                 "two ends"},
         BadFile{"NoCableEnd", R"(["cam", 0])", R"(["cam"])", "/firewire/0/cables/0/1", "a cable end"},
+        BadFile{"TextBeyondItsField", R"("serial": "8")", R"("serial": "12345678901234567")",
+                "/gige/0/cameras/0/serial", "at most 16 bytes"},
+        BadFile{"TooManyDigits", "10.0.0.2/24", "10.0.0.0002/24", "/gige/0/cameras/0/address", "an IPv4 address"},
+        BadFile{"TwoForms", R"("gapCount": 5,)", R"("selfIds": ["807f8942"],)", "/firewire/0/phys",
+                "beside \"selfIds\""},
+        BadFile{"EmptyRawForm", R"("devices": [)", R"("records": [], "devices": [)", "/usb/0/devices",
+                "beside \"records\""},
+        BadFile{"PlacesWithoutRawForm", R"("devices": [)", R"("placedCameras": [], "devices": [)",
+                "/usb/0/placedCameras", "only beside \"records\""},
         BadFile{"PlugsNobody", R"("plug": "cam")", R"("plug": "com")", "/timeline/0/plug", "no device named \"com\""},
         BadFile{"ResetsNoBus", R"("busReset": "fw0")", R"("busReset": "fw1")", "/timeline/2/busReset", "named \"fw1\""},
         BadFile{"MovesNowhere", R"("to": "x")", R"("to": "y")", "/timeline/3/move/to", "named \"y\""},
@@ -125,10 +147,14 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"NoInterface", R"("interface": "e")", R"("interface": "f")", "/timeline/9/link/interface",
                 "named \"f\""},
         BadFile{"NoFunction", "HAL_UsbGetCameras", "HAL_Nothing", "/timeline/11/fault/function", "\"HAL_Nothing\""},
+        BadFile{"PlugsTwice", R"("busReset": "fw0")", R"("plug": "cam")", "/timeline/2", "plugged in already"},
+        BadFile{"MovesToAPortThatIsNotThere", R"("port": 2})", R"("port": 9})", "/timeline/3", "has no port 9"},
         BadFile{"NoAction", R"({"release": "g"})", "{}", "/timeline/7", "exactly one action, not 0"},
         BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "not 2"},
         BadFile{"AtAndAfter", R"("at": 0.5)", R"("at": 0.5, "after": {"event": "reset"})", "/timeline/0", "not both"},
         BadFile{"TimeOutOfRange", R"("at": 0.5)", R"("at": -1)", "/timeline/0/at", "not -1"},
+        BadFile{"TimeGoesBackwards", R"({"unplug": "u"})", R"({"at": 0.4, "unplug": "u"})", "/timeline/1/at",
+                "earlier than a step before it"},
         BadFile{"LossOutOfRange", "1.5", "101", "/timeline/10/answers/lossPercent", "not 101"}),
     [](const testing::TestParamInfo<BadFile>& row) { return row.param.name; });
 
@@ -143,12 +169,35 @@ std::string ErrorOf(const std::string& text) {
 
 TEST(RigFile, RefusesAMillionNestedArraysWithoutFallingOver) {
     EXPECT_THAT(ErrorOf(std::string(1000000, '[')), HasSubstr("nested deeper than 16 levels"));
+    EXPECT_THAT(ErrorOf(R"({"a": [0, [[[[[[[[[[[[[[[1]]]]]]]]]]]]]]]]})"),
+                StartsWith("bad.json: /a/1/0/0/0/0/0/0/0/0/0/0/0/0/0/0: nested deeper"));
+}
+
+// Were it to look back at all of them at each, this would take many minutes.
+TEST(RigFile, ReadsTwoHundredThousandElementsInOneGo) {
+    std::string text = R"({"firewire": [{"name": "f", "cables": [[])";
+    for (int i = 0; i < 200000; ++i) text += ",[]";
+    EXPECT_THAT(ErrorOf(text + "]}]}"), StartsWith("bad.json: /firewire/0/cables/0: "));
 }
 
 TEST(RigFile, RefusesEveryTruncationOfAGoodFile) {
     const std::string text = kGood;
     for (std::size_t length = 0; length < text.size(); length += 7)
         EXPECT_NE(ErrorOf(text.substr(0, length)), "") << length;
+}
+
+TEST(RigFile, RefusesMoreVirtualCamerasThanAListingHolds) {
+    std::string text = "[1";
+    for (int i = 0; i < 255; ++i) text += ",1";
+    EXPECT_EQ(ErrorOf(R"({"virtualCameras": )" + text + "]}"), "");
+    EXPECT_THAT(ErrorOf(R"({"virtualCameras": )" + text + ",1]}"), StartsWith("bad.json: /virtualCameras: "));
+}
+
+TEST(RigFile, RefusesAnEndlessTimeline) {
+    std::string text = R"({"usb": [{"name": "x"}], "timeline": [{"busReset": "x"})";
+    for (int i = 1; i < 10000; ++i) text += R"(,{"busReset": "x"})";
+    EXPECT_EQ(ErrorOf(text + "]}"), "");
+    EXPECT_THAT(ErrorOf(text + R"(,{"busReset": "x"}]})"), HasSubstr("/timeline: a timeline has at most 10000 steps"));
 }
 
 TEST(RigFile, RefusesWhatIsNoObject) {
