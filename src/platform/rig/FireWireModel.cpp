@@ -41,9 +41,27 @@ public:
             CheckSelfIds();
             return std::move(m_problems);
         }
+        if (!m_bus.placedCameras.empty()) {
+            Add("/placedCameras", "cameras have places among self-ID quadlets, and there are none");
+        }
         CheckPhys();
         if (m_problems.empty()) {
             CheckCables();
+        }
+        return std::move(m_problems);
+    }
+
+    /// After Run found nothing: PHYs that are plugged in nowhere.
+    std::vector<RigProblem> FindLoose() {
+        const auto card = std::find_if(m_bus.phys.begin(), m_bus.phys.end(),
+                                       [](const PhyDescription& phy) { return phy.kind == PhyKind::Card; });
+        const std::size_t ownSet = m_setOf[static_cast<std::size_t>(card - m_bus.phys.begin())];
+        for (std::size_t i = 0; i < m_setOf.size(); ++i) {
+            if (m_setOf[i] != ownSet && m_bus.phys[i].plugged) {
+                Add("/phys/" + std::to_string(i), "no cables join \"" + m_bus.phys[i].name +
+                                                      "\" to the card; what is moved there later is \"plugged\": "
+                                                      "false at first");
+            }
         }
         return std::move(m_problems);
     }
@@ -60,10 +78,24 @@ private:
         if (m_bus.selfIds.size() > MaxPhys * 4) {
             Add("/selfIds", "a bus has at most 252 self-ID quadlets, not " + std::to_string(m_bus.selfIds.size()));
         }
+        std::set<unsigned int> phyIds;
+        for (const std::uint32_t quadlet : m_bus.selfIds) {
+            phyIds.insert(quadlet >> 24 & 0x3F);
+        }
+        std::set<std::uint64_t> identities;
         for (std::size_t i = 0; i < m_bus.placedCameras.size(); ++i) {
-            if (m_bus.placedCameras[i].phyId >= MaxPhys) {
-                Add("/placedCameras/" + std::to_string(i) + "/phyId",
-                    "a phy id is at most 62, not " + std::to_string(m_bus.placedCameras[i].phyId));
+            const FireWireBusDescription::PlacedCamera& placed = m_bus.placedCameras[i];
+            const std::string where = "/placedCameras/" + std::to_string(i);
+            if (placed.camera.kind != PhyKind::Camera && placed.camera.kind != PhyKind::Device) {
+                Add(where + "/kind", "only cameras and devices have a place, not cards and repeaters");
+            }
+            if (phyIds.count(placed.phyId) == 0) {
+                Add(where + "/phyId",
+                    "no self-ID quadlet has the phy id " + std::to_string(placed.phyId) + ", or another camera has it");
+            }
+            phyIds.erase(placed.phyId);
+            if (placed.camera.eui64 == 0 || !identities.insert(placed.camera.eui64).second) {
+                Add(where + "/eui64", "\"" + placed.camera.name + "\" needs an EUI-64 that no other node has");
             }
         }
     }
@@ -101,10 +133,10 @@ private:
     }
 
     void CheckCables() {
-        // One set of joined PHYs each; a cable inside a set closes a loop.
-        std::vector<std::size_t> setOf(m_bus.phys.size());
-        for (std::size_t i = 0; i < setOf.size(); ++i) {
-            setOf[i] = i;
+        // A cable inside a set closes a loop.
+        m_setOf.resize(m_bus.phys.size());
+        for (std::size_t i = 0; i < m_setOf.size(); ++i) {
+            m_setOf[i] = i;
         }
         std::set<std::pair<std::size_t, unsigned int>> used;
         for (std::size_t i = 0; i < m_bus.cables.size(); ++i) {
@@ -132,23 +164,26 @@ private:
             if (!good) {
                 continue;
             }
-            if (setOf[ends[0]] == setOf[ends[1]]) {
+            if (m_setOf[ends[0]] == m_setOf[ends[1]]) {
                 Add("/cables/" + std::to_string(i), "this cable closes a loop");
                 continue;
             }
-            std::replace(setOf.begin(), setOf.end(), std::size_t{setOf[ends[1]]}, std::size_t{setOf[ends[0]]});
+            std::replace(m_setOf.begin(), m_setOf.end(), std::size_t{m_setOf[ends[1]]}, std::size_t{m_setOf[ends[0]]});
         }
     }
 
     const FireWireBusDescription& m_bus;
     const std::string m_pointer;
     std::vector<RigProblem> m_problems;
+    std::vector<std::size_t> m_setOf;  // For each PHY its set of PHYs that cables join.
 };
 
 }  // namespace
 
 std::vector<RigProblem> FireWireModel::Validate(const FireWireBusDescription& description, const std::string& pointer) {
-    return Validator(description, pointer).Run();
+    Validator validator(description, pointer);
+    std::vector<RigProblem> problems = validator.Run();
+    return problems.empty() && description.selfIds.empty() ? validator.FindLoose() : problems;
 }
 
 FireWireModel::FireWireModel(FireWireBusDescription description, unsigned int card)
@@ -208,6 +243,13 @@ void FireWireModel::Disconnect(std::size_t phy) {
     }
 }
 
+// A device without its cable has no power, and forgets what was written to it.
+void FireWireModel::LosePower(std::size_t phy) {
+    m_phys[phy].registers.clear();
+    m_phys[phy].forceRoot = false;
+    m_phys[phy].enabledControls = 0;
+}
+
 bool FireWireModel::Plug(const std::string& name) {
     const std::size_t phy = IndexOf(name);
     if (phy == NoPhy || m_description.phys[phy].plugged) {
@@ -229,24 +271,29 @@ bool FireWireModel::Unplug(const std::string& name) {
         return false;
     }
     m_description.phys[phy].plugged = false;
+    LosePower(phy);
     Disconnect(phy);
     Renumber(NoPhy);
     return true;
 }
 
 std::optional<std::string> FireWireModel::Move(const std::string& name, unsigned int ownPort, const CableEnd& to) {
+    if (!m_description.selfIds.empty()) {
+        return "a bus of raw self-IDs stays as it is";
+    }
     FireWireBusDescription moved = m_description;
     std::erase_if(moved.cables, [&name](const CableDescription& cable) {
         return cable.ends[0].phy == name || cable.ends[1].phy == name;
     });
     moved.cables.push_back(CableDescription{{{name, ownPort}, to}});
-    const std::vector<RigProblem> problems = Validate(moved, "");
+    const std::vector<RigProblem> problems = Validator(moved, "").Run();  // what hung behind it may be loose now
     if (!problems.empty()) {
         return problems.front().reason;
     }
     const std::size_t phy = IndexOf(name);
     m_description.cables = std::move(moved.cables);
     m_description.phys[phy].plugged = true;
+    LosePower(phy);
     Disconnect(phy);
     Connect(m_description.cables.back());
     Renumber(phy);
@@ -286,8 +333,9 @@ std::size_t FireWireModel::IdentifyRoot(const std::vector<std::size_t>& onBus) c
         std::vector<std::size_t> leaves;
         std::copy_if(unresolved.begin(), unresolved.end(), std::back_inserter(leaves),
                      [&](std::size_t phy) { return openPorts[phy] <= 1 && !m_phys[phy].forceRoot; });
-        if (leaves.empty()) {
-            break;  // only a forced root is left beside what waits for it
+        if (leaves.empty()) {  // all of them hold back, until their time is up
+            std::copy_if(unresolved.begin(), unresolved.end(), std::back_inserter(leaves),
+                         [&](std::size_t phy) { return openPorts[phy] <= 1; });
         }
         for (const std::size_t leaf : leaves) {
             std::erase(unresolved, leaf);
@@ -296,10 +344,6 @@ std::size_t FireWireModel::IdentifyRoot(const std::vector<std::size_t>& onBus) c
                     --openPorts[link.phy];
                 }
             }
-        }
-        if (unresolved.empty()) {
-            return *std::max_element(leaves.begin(), leaves.end(),
-                                     [&](std::size_t a, std::size_t b) { return holdsBack(a) < holdsBack(b); });
         }
     }
     return *std::max_element(unresolved.begin(), unresolved.end(),

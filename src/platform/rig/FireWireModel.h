@@ -45,7 +45,7 @@ public:
         const PhyDescription* phy = nullptr;
         unsigned int phyId = 0;
     };
-    /// The PHYs on the bus in ascending phy id; the last is the root.
+    /// The PHYs on the bus in ascending phy id; the last is the root. Of a bus of raw self-IDs: the placed cameras.
     const std::vector<Node>& Nodes() const { return m_nodes; }
     /// Null when no node on the bus has that EUI-64.
     const Node* FindNode(std::uint64_t eui64) const;
@@ -77,6 +77,7 @@ private:
     std::size_t IndexOf(const std::string& name) const;
     void Connect(const CableDescription& cable);
     void Disconnect(std::size_t phy);
+    void LosePower(std::size_t phy);
     std::size_t CardIndex() const;
     std::vector<std::size_t> OnBus() const;
     std::size_t IdentifyRoot(const std::vector<std::size_t>& onBus) const;

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The PHY registers of a rig's IEEE 1394 nodes (IEEE 1394a-2000 5B.1). No thread, no lock: the rig guards the model.
+#include <algorithm>
+
 #include "platform/rig/FireWireModel.h"
 
 namespace Nimbrel2::Platform {
@@ -75,7 +77,8 @@ std::uint32_t FireWireModel::ReadPhy(std::uint64_t eui64, std::uint32_t page, st
             *value = (parentIsHigher() ? 0U : 1U << 3) | 1U << 2 | 1U << 1;  // Child, Connected, Bias
         }
     } else if (page == PagePortStatus && port < ports && address == 9) {
-        *value = phy.ports[port].phy != NoPhy ? description.speed << 5 : 0;
+        const std::size_t peer = phy.ports[port].phy;
+        *value = peer != NoPhy ? std::min(description.speed, m_description.phys[peer].speed) << 5 : 0;
     } else if (page == PageVendor && address == 8) {
         *value = 1;  // complies with IEEE 1394a-2000
     } else if (page == PageVendor && address >= 10 && address <= 12) {

@@ -3,6 +3,7 @@
 #include "platform/rig/JsonReader.h"
 
 #include <charconv>
+#include <cstddef>
 #include <vector>
 
 namespace Nimbrel2::Platform {
@@ -17,41 +18,86 @@ std::string Escaped(const std::string& key) {
     return escaped;
 }
 
-}  // namespace
+// Goes through a document before it is parsed: repeated keys are lost in the parsed one, and the parser's own call-back
+// looks at all earlier elements again at each one's end.
+class StrictnessCheck final : public nlohmann::json_sax<nlohmann::json> {
+public:
+    explicit StrictnessCheck(int maxDepth) : m_maxDepth(static_cast<std::size_t>(maxDepth)) {}
 
-nlohmann::json ParseStrictly(std::string_view text, int maxDepth) {
-    using Event = nlohmann::json::parse_event_t;
-    std::vector<std::set<std::string>> keys;
-    const auto check = [&](int depth, Event event, nlohmann::json& parsed) {
-        switch (event) {
-            case Event::object_start:
-                keys.emplace_back();
-                [[fallthrough]];
-            case Event::array_start:
-                if (depth >= maxDepth) {
-                    throw JsonProblem("", "nested deeper than " + std::to_string(maxDepth) + " levels");
-                }
-                break;
-            case Event::object_end:
-                keys.pop_back();
-                break;
-            case Event::key:
-                if (!keys.back().insert(parsed.get<std::string>()).second) {
-                    throw JsonProblem("", "the key \"" + parsed.get<std::string>() + "\" stands twice in one object");
-                }
-                break;
-            default:
-                break;
+    bool null() override { return Value(); }
+    bool boolean(bool) override { return Value(); }
+    bool number_integer(number_integer_t) override { return Value(); }
+    bool number_unsigned(number_unsigned_t) override { return Value(); }
+    bool number_float(number_float_t, const string_t&) override { return Value(); }
+    bool string(string_t&) override { return Value(); }
+    bool binary(binary_t&) override { return Value(); }
+
+    bool start_object(std::size_t) override { return Open(true); }
+    bool start_array(std::size_t) override { return Open(false); }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+
+    bool key(string_t& key) override {
+        m_levels.back().key = key;
+        if (!m_levels.back().keys.insert(key).second) {
+            throw JsonProblem(Pointer(), "the key \"" + key + "\" stands twice in one object");
         }
         return true;
-    };
-    try {
-        return nlohmann::json::parse(text.begin(), text.end(), check);
-    } catch (const nlohmann::json::parse_error& error) {
-        std::string reason = error.what();  // "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
+    }
+
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
+        const std::string reason = error.what();  // "[json.exception.parse_error.101] parse error at line 3, ..."
         const std::size_t start = reason.find("] ");
         throw JsonProblem("", start == std::string::npos ? reason : reason.substr(start + 2));
     }
+
+private:
+    struct Level {
+        bool isObject;
+        std::set<std::string> keys;
+        std::string key;        // Of an object: the one read last.
+        std::size_t index = 0;  // Of an array: of the next element.
+    };
+
+    // Where the value that begins now stands.
+    std::string Pointer() const {
+        std::string pointer;
+        for (const Level& level : m_levels) {
+            pointer += "/" + (level.isObject ? Escaped(level.key) : std::to_string(level.index));
+        }
+        return pointer;
+    }
+
+    bool Value() {
+        if (!m_levels.empty()) {
+            ++m_levels.back().index;
+        }
+        return true;
+    }
+
+    bool Open(bool isObject) {
+        if (m_levels.size() >= m_maxDepth) {
+            throw JsonProblem(Pointer(), "nested deeper than " + std::to_string(m_maxDepth) + " levels");
+        }
+        m_levels.push_back(Level{isObject, {}, {}, 0});
+        return true;
+    }
+
+    bool Close() {
+        m_levels.pop_back();
+        return Value();
+    }
+
+    const std::size_t m_maxDepth;
+    std::vector<Level> m_levels;
+};
+
+}  // namespace
+
+nlohmann::json ParseStrictly(std::string_view text, int maxDepth) {
+    StrictnessCheck check(maxDepth);
+    nlohmann::json::sax_parse(text.begin(), text.end(), &check);
+    return nlohmann::json::parse(text.begin(), text.end());
 }
 
 std::string JsonValue::Text() const {

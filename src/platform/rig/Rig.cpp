@@ -65,6 +65,12 @@ const std::vector<std::string>& RigFaultFunctions() {
     return functions;
 }
 
+namespace {
+
+constexpr std::size_t MaxVirtualCameras = 256;  // what a caller has room for
+
+}  // namespace
+
 std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
     std::vector<RigProblem> problems;
     std::set<std::string> names;
@@ -108,6 +114,10 @@ std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
         for (std::size_t k = 0; k < network.cameras.size(); ++k) {
             checkName(network.cameras[k].name, where + "/cameras/" + std::to_string(k));
         }
+    }
+    if (description.virtualCameras.size() > MaxVirtualCameras) {
+        problems.push_back({"/virtualCameras", "a computer has at most 256 virtual cameras, not " +
+                                                   std::to_string(description.virtualCameras.size())});
     }
     return problems;
 }
@@ -493,10 +503,10 @@ std::uint32_t Rig::Enter(const char* function) {
     return status;
 }
 
-std::uint32_t Rig::ResetBusOf(std::uint64_t eui64) {
+std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
     const std::lock_guard lock(m_mutex);
     for (FireWireModel& bus : m_fireWire) {
-        if (bus.FindNode(eui64) != nullptr) {
+        if (bus.Card() == card && bus.FindNode(eui64) != nullptr) {
             ChangeFireWire(bus, [&bus, eui64] {
                 bus.Reset(bus.FindNode(eui64)->phy->name);
                 return true;

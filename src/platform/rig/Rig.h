@@ -109,8 +109,8 @@ public:
         return function(m_gigE);
     }
 
-    /// Resets the FireWire bus that the node is on. HAL_GONE when it is on none.
-    std::uint32_t ResetBusOf(std::uint64_t eui64);
+    /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
+    std::uint32_t ResetBusOf(unsigned int card, std::uint64_t eui64);
     /// Resets the USB host that the device hangs below.
     std::uint32_t ResetHostOf(const std::string& device);
 

@@ -35,6 +35,15 @@ Value OneOf(const JsonValue& value, const std::array<std::pair<const char*, Valu
     value.Fail("one of " + wanted + " is wanted, not \"" + text + "\"");
 }
 
+// A text of a discovery answer, which has a field of that size for it.
+std::string FieldOf(const JsonValue& value, std::size_t size) {
+    std::string text = value.Text();
+    if (text.size() > size) {
+        value.Fail("at most " + std::to_string(size) + " bytes are wanted, not \"" + text + "\"");
+    }
+    return text;
+}
+
 std::uint32_t ToUnsigned32(const JsonValue& value, std::uint64_t minimum, std::uint64_t maximum) {
     return static_cast<std::uint32_t>(value.Unsigned(minimum, maximum));
 }
@@ -273,11 +282,11 @@ GigECameraDescription ReadGigECamera(const JsonValue& value, const std::string& 
     options.subnetMask = address.mask;
     object.Optional("gateway", [&](const JsonValue& gateway) { options.gateway = Address(gateway); });
     object.Optional("plugged", [&](const JsonValue& plugged) { camera.plugged = plugged.Boolean(); });
-    object.Optional("serial", [&](const JsonValue& text) { options.serialNumber = text.Text(); });
-    object.Optional("vendor", [&](const JsonValue& text) { options.vendor = text.Text(); });
-    object.Optional("model", [&](const JsonValue& text) { options.model = text.Text(); });
-    object.Optional("userName", [&](const JsonValue& text) { options.userDefinedName = text.Text(); });
-    object.Optional("deviceVersion", [&](const JsonValue& text) { options.deviceVersion = text.Text(); });
+    object.Optional("serial", [&](const JsonValue& text) { options.serialNumber = FieldOf(text, 16); });
+    object.Optional("vendor", [&](const JsonValue& text) { options.vendor = FieldOf(text, 32); });
+    object.Optional("model", [&](const JsonValue& text) { options.model = FieldOf(text, 32); });
+    object.Optional("userName", [&](const JsonValue& text) { options.userDefinedName = FieldOf(text, 16); });
+    object.Optional("deviceVersion", [&](const JsonValue& text) { options.deviceVersion = FieldOf(text, 32); });
     object.Optional("owner", [&](const JsonValue& owner) {
         JsonObject keys(owner);
         options.owner = ReadOwner(keys);

@@ -59,12 +59,12 @@ public:
         bool resetAsked = false;
         const std::uint32_t status = OnBus(
             [&](FireWireModel& bus) { return bus.WritePhy(m_phy.eui64, page, port, address, value, &resetAsked); });
-        return resetAsked ? m_state->rig->ResetBusOf(m_phy.eui64) : status;
+        return resetAsked ? m_state->rig->ResetBusOf(m_card, m_phy.eui64) : status;
     }
 
     std::uint32_t FireBusReset() override {
         const std::uint32_t status = m_state->Check();
-        return status != HAL_OK ? status : m_state->rig->ResetBusOf(m_phy.eui64);
+        return status != HAL_OK ? status : m_state->rig->ResetBusOf(m_card, m_phy.eui64);
     }
 
     std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>* packets, std::uint64_t* busKey,

@@ -11,8 +11,12 @@ namespace {
 
 constexpr unsigned int MaxPort = 15;  // what a nibble of a route string holds
 constexpr unsigned int MaxHubsInARow = 5;
+constexpr std::size_t MaxDevices = 127;    // addresses of one half
+constexpr std::size_t MaxRecords = 1024;   // what a caller has room for
+constexpr std::uint32_t MaxAddress = 255;  // both halves share them, and each device has one in each at most
 constexpr unsigned int HighSpeed = 480;
 constexpr unsigned int SuperSpeed = 5000;
+constexpr unsigned int FastestSpeed = 20000;
 constexpr std::uint32_t HostDeviceId = 63;  // the host's own id in a topology tree
 
 bool IsSpeed(unsigned int speed) {
@@ -31,6 +35,13 @@ public:
             CheckRecords();
             return std::move(m_problems);
         }
+        if (!m_host.placedCameras.empty()) {
+            Add("/placedCameras", "cameras have places among records, and there are none");
+        }
+        if (m_host.devices.size() > MaxDevices) {
+            Add("/devices", "a host has at most 127 devices, not " + std::to_string(m_host.devices.size()));
+            return std::move(m_problems);
+        }
         CheckNames();
         if (m_problems.empty()) {
             CheckPlaces();
@@ -47,12 +58,22 @@ private:
         if (!m_host.devices.empty()) {
             Add("/records", "a host is given either as records or as devices, not both");
         }
+        if (m_host.records.size() > MaxRecords) {
+            Add("/records", "a host has at most 1024 records, not " + std::to_string(m_host.records.size()));
+        }
+        std::set<std::uint32_t> deviceIds;
+        for (std::size_t i = 0; i < m_host.records.size(); ++i) {
+            const std::uint32_t deviceId = m_host.records[i].deviceId;
+            if (deviceId == HostDeviceId || !deviceIds.insert(deviceId).second) {
+                Add("/records/" + std::to_string(i) + "/deviceId",
+                    "the device id " + std::to_string(deviceId) + " is another record's, or 63, the host's");
+            }
+        }
         for (std::size_t i = 0; i < m_host.placedCameras.size(); ++i) {
             const std::uint32_t deviceId = m_host.placedCameras[i].deviceId;
-            if (std::none_of(m_host.records.begin(), m_host.records.end(),
-                             [deviceId](const UsbSelfId& record) { return record.deviceId == deviceId; })) {
+            if (deviceIds.erase(deviceId) == 0) {
                 Add("/placedCameras/" + std::to_string(i) + "/deviceId",
-                    "no record has the device id " + std::to_string(deviceId));
+                    "no record has the device id " + std::to_string(deviceId) + ", or another camera has it");
             }
         }
     }
@@ -100,6 +121,23 @@ private:
                 Add(where + "/port", "port " + std::to_string(device.port) + " of \"" + device.parent + "\" is taken");
             }
             CheckDepth(device, where);
+            if (m_problems.empty()) {
+                CheckHalf(device, where);
+            }
+        }
+    }
+
+    // Without root ports of the USB 2 half there, only what does SuperSpeed all the way is attached at all.
+    void CheckHalf(const UsbDeviceDescription& device, const std::string& where) {
+        bool canSuperSpeed = device.speed >= SuperSpeed;
+        const UsbDeviceDescription* top = &device;
+        while (const UsbDeviceDescription* hub = Find(top->parent)) {
+            top = hub;
+            canSuperSpeed = canSuperSpeed && hub->speed >= SuperSpeed;
+        }
+        if (top->port > m_host.usb2Ports && !(canSuperSpeed && top->port <= m_host.usb3Ports)) {
+            Add(where + "/speed", "\"" + device.name + "\" is below root port " + std::to_string(top->port) +
+                                      ", which only does SuperSpeed, and it does not");
         }
     }
 
@@ -163,6 +201,9 @@ bool UsbModel::Unplug(const std::string& name) {
 }
 
 std::optional<std::string> UsbModel::Move(const std::string& name, const std::string& parent, unsigned int port) {
+    if (!m_description.records.empty()) {
+        return "a host of raw records stays as it is";
+    }
     UsbHostDescription moved = m_description;
     UsbDeviceDescription& device = moved.devices[IndexOf(name)];
     device.parent = parent;
@@ -196,8 +237,8 @@ void UsbModel::Rebuild() {
         AttachPlacedCameras();
         return;
     }
-    AttachBelow(m_description.name, {}, false, HostDeviceId);
-    AttachBelow(m_description.name, {}, true, HostDeviceId);
+    AttachBelow(m_description.name, {}, false, HostDeviceId, HighSpeed);
+    AttachBelow(m_description.name, {}, true, HostDeviceId, FastestSpeed);
     std::erase_if(m_addresses, [this](const auto& entry) {
         return std::none_of(m_attached.begin(), m_attached.end(), [&entry](const Attached& attached) {
             return attached.device->name == entry.first.first && (attached.speed >= SuperSpeed) == entry.first.second;
@@ -205,19 +246,31 @@ void UsbModel::Rebuild() {
     });
 }
 
+// Where its record says, and as fast; what a record does not say is the camera's own.
 void UsbModel::AttachPlacedCameras() {
     for (std::size_t i = 0; i < m_description.devices.size(); ++i) {
         const UsbDeviceDescription& camera = m_description.devices[i];
-        if (camera.plugged) {
-            m_attached.push_back(
-                Attached{&camera, camera.speed, m_description.placedCameras[i].deviceId, {camera.port}, HostDeviceId});
+        const auto record = std::find_if(
+            m_description.records.begin(), m_description.records.end(),
+            [&](const UsbSelfId& each) { return each.deviceId == m_description.placedCameras[i].deviceId; });
+        if (!camera.plugged) {
+            continue;
         }
+        Attached attached{&camera,
+                          record->speed != 0 ? record->speed : camera.speed,
+                          record->deviceId,
+                          {static_cast<unsigned int>(record->rootPortId & 0xFF)},
+                          static_cast<std::uint32_t>(record->parentId)};
+        for (std::uint64_t route = record->routeString; route != 0; route >>= 4) {
+            attached.path.push_back(static_cast<unsigned int>(route & 0xF));
+        }
+        m_attached.push_back(std::move(attached));
     }
 }
 
 // A device that can do SuperSpeed here is in that half, unless it is a hub: that is in both.
 void UsbModel::AttachBelow(const std::string& parent, const std::vector<unsigned int>& path, bool superSpeed,
-                           std::uint32_t parentId) {
+                           std::uint32_t parentId, unsigned int parentSpeed) {
     const bool onRoot = parent == m_description.name;
     const std::size_t parentIndex = IndexOf(parent);
     const bool parentHasSuperSpeed = onRoot || m_description.devices[parentIndex].speed >= SuperSpeed;
@@ -239,14 +292,14 @@ void UsbModel::AttachBelow(const std::string& parent, const std::vector<unsigned
         }
         Attached attached;
         attached.device = &device;
-        attached.speed = superSpeed ? device.speed : std::min(device.speed, HighSpeed);
+        attached.speed = std::min(device.speed, parentSpeed);
         attached.deviceId = AddressOf(device.name, superSpeed);
         attached.path = path;
         attached.path.push_back(device.port);
         attached.parentId = parentId;
         m_attached.push_back(attached);
         if (isHub) {
-            AttachBelow(device.name, attached.path, superSpeed, attached.deviceId);
+            AttachBelow(device.name, attached.path, superSpeed, attached.deviceId, attached.speed);
         }
     }
 }
@@ -254,8 +307,16 @@ void UsbModel::AttachBelow(const std::string& parent, const std::vector<unsigned
 std::uint32_t UsbModel::AddressOf(const std::string& name, bool superSpeed) {
     std::uint32_t& address = m_addresses[{name, superSpeed}];
     if (address == 0) {
-        m_nextAddress += m_nextAddress == HostDeviceId ? 1 : 0;
-        address = m_nextAddress++;
+        const auto isTaken = [this] {
+            return m_nextAddress == HostDeviceId ||
+                   std::any_of(m_addresses.begin(), m_addresses.end(),
+                               [this](const auto& entry) { return entry.second == m_nextAddress; });
+        };
+        while (isTaken()) {
+            m_nextAddress = m_nextAddress % MaxAddress + 1;
+        }
+        address = m_nextAddress;
+        m_nextAddress = m_nextAddress % MaxAddress + 1;
     }
     return address;
 }

@@ -15,7 +15,7 @@ namespace Nimbrel2::Platform {
 
 /// A host controller. A hub that can do SuperSpeed is two devices, one in each half of the tree; any other device is
 /// one, in the SuperSpeed half when it and everything above it can, else in the USB 2 half. A device gets a new address
-/// each time it is plugged in. What hangs below an unplugged hub is gone with it.
+/// each time it is plugged in, 1 to 255 and round again. What hangs below an unplugged hub is gone with it.
 /// @par Threads  None of its own, no lock: the rig that owns it guards it.
 class UsbModel {
 public:
@@ -57,7 +57,7 @@ private:
     std::size_t IndexOf(const std::string& name) const;
     void Rebuild();
     void AttachBelow(const std::string& parent, const std::vector<unsigned int>& path, bool superSpeed,
-                     std::uint32_t parentId);
+                     std::uint32_t parentId, unsigned int parentSpeed);
     void AttachPlacedCameras();
     std::uint32_t AddressOf(const std::string& name, bool superSpeed);
     void ForgetAddresses(const std::string& name);

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "platform/rig/ConfigRom.h"
 #include "platform/rig/FireWireModel.h"
 
@@ -119,6 +121,38 @@ TEST(FireWireModel, LetsAForcedRootBeTheRoot) {
     EXPECT_EQ(Quadlets(bus).front() >> 16 & 0x3FU, 5U) << "and the gap count is the one that was written";
 }
 
+TEST(FireWireModel, TakesTheMiddleWhenBothEndsHoldBack) {
+    FireWireBusDescription description = HubBus();
+    description.phys[0].ports = 1;
+    description.cables = {Cable("card", 0, "b", 0), Cable("b", 1, "a", 0)};
+    description.phys[1].plugged = false;
+    FireWireModel bus(description, 0);
+    bool resetAsked = false;
+    for (const std::uint64_t end : {0x0800460102030405U, 0x0011880000000001U}) {
+        EXPECT_EQ(bus.WritePhy(end, 0, 0, 1, 0x80 | 0x40 | 5, &resetAsked), HAL_OK);
+    }
+    bus.Reset("a");
+    EXPECT_THAT(NamesInOrder(bus), ElementsAre("card", "a", "b"));
+}
+
+TEST(FireWireModel, ForgetsWhatWasWrittenToACameraThatLosesItsCable) {
+    FireWireModel bus(HubBus(), 0);
+    const std::uint64_t a = 0x0011880000000001;
+    std::uint32_t value = 0;
+    const auto unplugAndPlug = [&bus] { return bus.Unplug("a") && bus.Plug("a"); };
+    const auto move = [&bus] { return !bus.Move("a", 0, {"hub", 2}).has_value(); };
+    const std::function<bool()> losses[] = {unplugAndPlug, move};
+    for (const std::function<bool()>& lose : losses) {
+        EXPECT_EQ(bus.WriteQuadlet(a, 0xFFFFF0F00614, 0x80000000), HAL_OK);
+        bus.Reset("");
+        EXPECT_EQ(bus.ReadQuadlet(a, 0xFFFFF0F00614, &value), HAL_OK);
+        EXPECT_EQ(value, 0x80000000U) << "a bus reset takes no power";
+        EXPECT_TRUE(lose());
+        EXPECT_EQ(bus.ReadQuadlet(a, 0xFFFFF0F00614, &value), HAL_OK);
+        EXPECT_EQ(value, 0U);
+    }
+}
+
 TEST(FireWireModel, MovesACameraUnlessThePortIsTakenOrACableWouldCloseALoop) {
     FireWireModel bus(HubBus(), 0);
     EXPECT_THAT(bus.Move("a", 0, {"hub", 4}).value_or(""), HasSubstr("has a cable already"));
@@ -127,6 +161,8 @@ TEST(FireWireModel, MovesACameraUnlessThePortIsTakenOrACableWouldCloseALoop) {
     EXPECT_THAT(bus.Move("a", 0, {"nobody", 0}).value_or(""), HasSubstr("no PHY of this bus is named"));
     EXPECT_EQ(bus.Move("a", 0, {"b", 1}), std::nullopt);
     EXPECT_THAT(NamesInOrder(bus), testing::Contains("a"));
+    EXPECT_EQ(bus.Move("hub", 0, {"card", 1}), std::nullopt) << "alone: its cables come off";
+    EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub"));
 }
 
 TEST(FireWireModel, AnswersRegistersOfACamera) {
@@ -146,7 +182,9 @@ TEST(FireWireModel, AnswersRegistersOfACamera) {
 }
 
 TEST(FireWireModel, AnswersPhyRegisters) {
-    FireWireModel bus(HubBus(), 0);
+    FireWireBusDescription description = HubBus();
+    description.phys[1].speed = 1;
+    FireWireModel bus(description, 0);
     const std::uint64_t b = 0x0011880000000002;
     std::uint32_t value = 0;
     EXPECT_EQ(bus.ReadPhy(b, 0, 0, 0, &value), HAL_OK);
@@ -159,6 +197,8 @@ TEST(FireWireModel, AnswersPhyRegisters) {
     EXPECT_EQ(value, 0x06U) << "connected to its parent";
     EXPECT_EQ(bus.ReadPhy(b, 0, 1, 8, &value), HAL_OK);
     EXPECT_EQ(value, 0U) << "nothing there";
+    EXPECT_EQ(bus.ReadPhy(b, 0, 0, 9, &value), HAL_OK);
+    EXPECT_EQ(value, 1U << 5) << "S400 towards an S200 hub";
     EXPECT_EQ(bus.ReadPhy(b, 1, 0, 10, &value), HAL_OK);
     EXPECT_EQ(value, 0x00U);
     EXPECT_EQ(bus.ReadPhy(b, 1, 0, 11, &value), HAL_OK);
@@ -192,6 +232,17 @@ TEST(FireWireModel, ShowsRawSelfIdsAsTheyAre) {
     EXPECT_EQ(model.FindNode(0x11)->phyId, 1U);
     EXPECT_TRUE(model.Unplug("eye"));
     EXPECT_EQ(model.FindNode(0x11), nullptr);
+    EXPECT_THAT(model.Move("eye", 0, {"eye", 0}).value_or(""), HasSubstr("raw self-IDs"));
+}
+
+PhyDescription Camera(std::uint64_t eui64) { return Phy("eye", PhyKind::Camera, 1, eui64); }
+
+FireWireBusDescription RawBus(std::vector<FireWireBusDescription::PlacedCamera> cameras) {
+    FireWireBusDescription bus;
+    bus.name = "raw";
+    bus.selfIds = {0x807F8942};
+    bus.placedCameras = std::move(cameras);
+    return bus;
 }
 
 struct BadBus {
@@ -248,7 +299,34 @@ INSTANTIATE_TEST_SUITE_P(
         BadBus{"NoEui64", [](auto& bus) { bus.phys[3].eui64 = 0; }, "/firewire/0/phys/3/eui64", "needs an EUI-64"},
         BadBus{"TooManyPorts", [](auto& bus) { bus.phys[1].ports = 28; }, "/firewire/0/phys/1/ports", "not 28"},
         BadBus{"GapCount", [](auto& bus) { bus.gapCount = 64; }, "/firewire/0/gapCount", "not 64"},
-        BadBus{"PhysAndSelfIds", [](auto& bus) { bus.selfIds = {0x807F0000}; }, "/firewire/0/selfIds", "not both"}),
+        BadBus{"CameraWithoutCable", [](auto& bus) { bus.cables.pop_back(); }, "/firewire/0/phys/3",
+               "no cables join \"b\" to the card"},
+        BadBus{"PhysAndSelfIds", [](auto& bus) { bus.selfIds = {0x807F0000}; }, "/firewire/0/selfIds", "not both"},
+        BadBus{"PlacesWithoutSelfIds",
+               [](auto& bus) {
+                   bus.placedCameras.push_back({0, Camera(0x11)});
+               },
+               "/firewire/0/placedCameras", "there are none"},
+        BadBus{"RawCameraOnNoBus",
+               [](auto& bus) {
+                   bus = RawBus({{1, Camera(0x11)}});
+               },
+               "/firewire/0/placedCameras/0/phyId", "no self-ID quadlet has the phy id 1"},
+        BadBus{"RawCamerasOnOnePlace",
+               [](auto& bus) {
+                   bus = RawBus({{0, Camera(0x11)}, {0, Camera(0x12)}});
+               },
+               "/firewire/0/placedCameras/1/phyId", "another camera has it"},
+        BadBus{"RawCameraWithoutEui64",
+               [](auto& bus) {
+                   bus = RawBus({{0, Camera(0)}});
+               },
+               "/firewire/0/placedCameras/0/eui64", "needs an EUI-64"},
+        BadBus{"RawRepeater",
+               [](auto& bus) {
+                   bus = RawBus({{0, Phy("r", PhyKind::Repeater, 1, 0x11)}});
+               },
+               "/firewire/0/placedCameras/0/kind", "not cards and repeaters"}),
     [](const testing::TestParamInfo<BadBus>& row) { return row.param.name; });
 
 TEST(ConfigRom, HoldsIdentityTextsAndUnitOfACamera) {

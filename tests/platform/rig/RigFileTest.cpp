@@ -98,7 +98,9 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"UnknownKey", R"("gapCount")", R"("gap_count")", "/firewire/0/gap_count", "unknown key"},
         BadFile{"UnknownTopKey", R"("name": "good")", R"("nom": "good")", "/nom", "unknown key"},
         BadFile{"KeyThatNeedsEscaping", R"("name": "good")", R"("a/b~": 1)", "/a~1b~0", "unknown key"},
-        BadFile{"RepeatedKey", R"("gapCount": 5)", R"("gapCount": 5, "gapCount": 6)", "", "stands twice"},
+        BadFile{"RepeatedKey", R"("gapCount": 5)", R"("gapCount": 5, "gapCount": 6)", "/firewire/0/gapCount",
+                "stands twice"},
+        BadFile{"NumberBeyondAllNumbers", R"("at": 0.5)", R"("at": 1e400)", "", "number overflow"},
         BadFile{"MissingKey", R"("parent": "x", )", "", "/usb/0/devices/0", "\"parent\" is missing"},
         BadFile{"WrongKind", R"("kind": "card")", R"("kind": "cart")", "/firewire/0/phys/0/kind", "not \"cart\""},
         BadFile{"TextForNumber", R"("gapCount": 5)", R"("gapCount": "5")", "/firewire/0/gapCount", "not string"},
@@ -117,6 +119,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"OneEndedCable", R"([[["card", 0], ["cam", 0]]])", R"([[["card", 0]]])", "/firewire/0/cables/0",
                 "two ends"},
         BadFile{"NoCableEnd", R"(["cam", 0])", R"(["cam"])", "/firewire/0/cables/0/1", "a cable end"},
+        BadFile{"TextBeyondItsField", R"("serial": "8")", R"("serial": "12345678901234567")",
+                "/gige/0/cameras/0/serial", "at most 16 bytes"},
         BadFile{"PlugsNobody", R"("plug": "cam")", R"("plug": "com")", "/timeline/0/plug", "no device named \"com\""},
         BadFile{"ResetsNoBus", R"("busReset": "fw0")", R"("busReset": "fw1")", "/timeline/2/busReset", "named \"fw1\""},
         BadFile{"MovesNowhere", R"("to": "x")", R"("to": "y")", "/timeline/3/move/to", "named \"y\""},
@@ -143,12 +147,28 @@ std::string ErrorOf(const std::string& text) {
 
 TEST(RigFile, RefusesAMillionNestedArraysWithoutFallingOver) {
     EXPECT_THAT(ErrorOf(std::string(1000000, '[')), HasSubstr("nested deeper than 16 levels"));
+    EXPECT_THAT(ErrorOf(R"({"a": [0, [[[[[[[[[[[[[[[1]]]]]]]]]]]]]]]]})"),
+                StartsWith("bad.json: /a/1/0/0/0/0/0/0/0/0/0/0/0/0/0/0: nested deeper"));
+}
+
+// Were it to look back at all of them at each, this would take many minutes.
+TEST(RigFile, ReadsTwoHundredThousandElementsInOneGo) {
+    std::string text = R"({"firewire": [{"name": "f", "cables": [[])";
+    for (int i = 0; i < 200000; ++i) text += ",[]";
+    EXPECT_THAT(ErrorOf(text + "]}]}"), StartsWith("bad.json: /firewire/0/cables/0: "));
 }
 
 TEST(RigFile, RefusesEveryTruncationOfAGoodFile) {
     const std::string text = kGood;
     for (std::size_t length = 0; length < text.size(); length += 7)
         EXPECT_NE(ErrorOf(text.substr(0, length)), "") << length;
+}
+
+TEST(RigFile, RefusesMoreVirtualCamerasThanAListingHolds) {
+    std::string text = "[1";
+    for (int i = 0; i < 255; ++i) text += ",1";
+    EXPECT_EQ(ErrorOf(R"({"virtualCameras": )" + text + "]}"), "");
+    EXPECT_THAT(ErrorOf(R"({"virtualCameras": )" + text + ",1]}"), StartsWith("bad.json: /virtualCameras: "));
 }
 
 TEST(RigFile, RefusesWhatIsNoObject) {

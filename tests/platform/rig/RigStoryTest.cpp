@@ -265,9 +265,6 @@ TEST_F(RigStory, KeepsHandleGuidAndInterfaceOfACameraThatMovesFromNode2ToNode5An
     camera->GetCameraNode(&node);
     EXPECT_EQ(node, 2U);
     camera->isoEnabled = true;
-    m_rig->WithFireWire([](std::vector<Platform::FireWireModel>& buses) {
-        buses.front().WriteQuadlet(0x0011880000000001, 0xFFFFF0F00614, 0);
-    });
 
     ASSERT_EQ(m_rig->Move("one", 0, CableEnd{"right", 2}), std::nullopt);
     Settle();

@@ -47,6 +47,21 @@ TEST(UsbModel, PutsAHubIntoBothHalvesAndACameraIntoTheFastestItCanHave) {
     EXPECT_EQ(host.Records().size(), 5U);
 }
 
+TEST(UsbModel, MakesALinkAsFastAsTheSlowestAbove) {
+    UsbHostDescription description;
+    description.name = "xhci0";
+    description.devices = {
+        Device("hub", UsbKind::Hub, "xhci0", 1, 5000), Device("ten gigabits", UsbKind::Camera, "hub", 1, 10000),
+        Device("old hub", UsbKind::Hub, "xhci0", 2, 12), Device("behind it", UsbKind::Camera, "old hub", 1, 480),
+        Device("direct", UsbKind::Camera, "xhci0", 3, 20000)};
+    const UsbModel host(description, 0);
+    EXPECT_EQ(host.Find("ten gigabits")->speed, 5000U);
+    EXPECT_EQ(host.Find("behind it")->speed, 12U);
+    EXPECT_EQ(UsbModel::PortStatus(*host.Find("behind it")), 0x0103U);
+    EXPECT_EQ(host.Find("direct")->speed, 20000U);
+    EXPECT_EQ(UsbModel::LinkInfo(*host.Find("direct")), 2000U << 16 | 3U << 8);
+}
+
 TEST(UsbModel, WritesRouteStringsWithANibbleForEachHubTier) {
     const UsbModel host(HubHost(), 0);
     EXPECT_EQ(RecordOf(host, "hub").routeString, 0U);
@@ -62,13 +77,15 @@ TEST(UsbModel, WritesRouteStringsWithANibbleForEachHubTier) {
 TEST(UsbModel, GivesANewAddressAtEachPlugAndNever63) {
     UsbModel host(HubHost(), 0);
     std::uint32_t last = host.Find("fast")->deviceId;
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 300; ++i) {
         const std::uint32_t hub = host.Find("hub")->deviceId;
         ASSERT_TRUE(host.Unplug("fast"));
         EXPECT_EQ(host.Find("fast"), nullptr);
         ASSERT_TRUE(host.Plug("fast"));
         EXPECT_NE(host.Find("fast")->deviceId, last);
         EXPECT_NE(host.Find("fast")->deviceId, 63U);
+        EXPECT_LE(host.Find("fast")->deviceId, 255U);
+        EXPECT_NE(host.Find("fast")->deviceId, hub);
         EXPECT_EQ(host.Find("hub")->deviceId, hub) << "a device that stays keeps its address";
         last = host.Find("fast")->deviceId;
     }
@@ -96,13 +113,26 @@ TEST(UsbModel, MakesACameraFasterThatIsMovedToAFastHub) {
 TEST(UsbModel, ShowsRawRecordsAsTheyAre) {
     UsbHostDescription description;
     description.name = "raw";
-    description.records = {UsbSelfId{5, 5000, 1, 0, 63}, UsbSelfId{6, 5000, 1, 0x4, 5}};
+    description.records = {UsbSelfId{5, 480, 0x203, 0, 63}, UsbSelfId{6, 480, 0x203, 0x4, 5}};
     description.placedCameras.push_back({6, Device("eye", UsbKind::Camera, "raw", 1)});
     ASSERT_TRUE(UsbModel::Validate(description, "").empty());
-    const UsbModel host(description, 0);
+    UsbModel host(description, 0);
     ASSERT_EQ(host.Records().size(), 2U);
     EXPECT_EQ(host.Records()[1].routeString, 0x4U);
     EXPECT_EQ(host.Find("eye")->deviceId, 6U);
+    EXPECT_EQ(UsbModel::LinkInfo(*host.Find("eye")), 48U << 16 | 4U << 8 | 1U) << "as its record says";
+    EXPECT_EQ(UsbModel::PortStatus(*host.Find("eye")), 0x0503U);
+    EXPECT_THAT(host.Move("eye", "raw", 2).value_or(""), HasSubstr("raw records"));
+}
+
+UsbHostDescription RawHost(const std::vector<std::uint32_t>& records, const std::vector<std::uint32_t>& cameras) {
+    UsbHostDescription host;
+    host.name = "raw";
+    for (const std::uint32_t id : records) host.records.push_back(UsbSelfId{id, 480, 1, 0, 63});
+    for (const std::uint32_t id : cameras) {
+        host.placedCameras.push_back({id, Device("eye", UsbKind::Camera, "raw", 1)});
+    }
+    return host;
 }
 
 struct BadHost {
@@ -152,6 +182,39 @@ INSTANTIATE_TEST_SUITE_P(
         BadHost{"Speed", [](auto& host) { host.devices[2].speed = 1000; }, "/usb/0/devices/2/speed", "not 1000"},
         BadHost{"HubPorts", [](auto& host) { host.devices[0].ports = 16; }, "/usb/0/devices/0/ports", "not 16"},
         BadHost{"NoPorts", [](auto& host) { host.usb2Ports = host.usb3Ports = 0; }, "/usb/0", "root ports"},
+        BadHost{"NoHalfForIt", [](auto& host) { host.usb2Ports = 0; }, "/usb/0/devices/1/speed",
+                "only does SuperSpeed"},
+        BadHost{"TooManyDevices",
+                [](auto& host) {
+                    for (unsigned int i = 0; i < 124; ++i) {
+                        host.devices.push_back(Device("d" + std::to_string(i), UsbKind::Device, "hub", 1));
+                    }
+                },
+                "/usb/0/devices", "at most 127 devices, not 128"},
+        BadHost{"PlacesWithoutRecords", [](auto& host) { host.placedCameras.resize(1); }, "/usb/0/placedCameras",
+                "there are none"},
+        BadHost{"RecordOfTheHost",
+                [](auto& host) {
+                    host = RawHost({1, 63}, {1});
+                },
+                "/usb/0/records/1/deviceId", "63, the host's"},
+        BadHost{"TwoRecordsOfOneDevice",
+                [](auto& host) {
+                    host = RawHost({1, 1}, {1});
+                },
+                "/usb/0/records/1/deviceId", "another record's"},
+        BadHost{"TwoCamerasOfOneRecord",
+                [](auto& host) {
+                    host = RawHost({1}, {1, 1});
+                },
+                "/usb/0/placedCameras/1/deviceId", "another camera has it"},
+        BadHost{"CameraOfNoRecord", [](auto& host) { host = RawHost({1}, {2}); }, "/usb/0/placedCameras/0/deviceId",
+                "no record has the device id 2"},
+        BadHost{"TooManyRecords",
+                [](auto& host) {
+                    host.devices.clear(), host.records.resize(1025, UsbSelfId{1, 0, 0, 0, 0});
+                },
+                "/usb/0/records", "at most 1024"},
         BadHost{"RecordsAndDevices", [](auto& host) { host.records.resize(1); }, "/usb/0/records", "not both"}),
     [](const testing::TestParamInfo<BadHost>& row) { return row.param.name; });
 
