@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -46,11 +48,13 @@ Examples:
   nimbrel list --rig my.json           what is attached before anything happens
 )";
 
+constexpr char kBuiltInRig[] = "the built-in rig";
+
 RigPlan Load(const std::optional<std::string>& file) {
     try {
-        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), "the built-in rig");
+        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltInRig);
     } catch (const Platform::RigFileError& error) {
-        throw CommandError(error.what());
+        throw CommandError(ForTerminal(error.what()));
     }
 }
 
@@ -58,18 +62,22 @@ std::string Quantity(std::size_t count, const std::string& one, const std::strin
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-std::string Serials(const std::vector<std::uint32_t>& serials) {
-    std::string text;
-    for (const std::uint32_t serial : serials) text += (text.empty() ? "" : ", ") + std::to_string(serial);
-    return text.empty() ? "none" : text;
+// What is in the one and not in the other, both in ascending order, for people; empty when nothing is.
+std::string Difference(const std::vector<std::uint32_t>& one, const std::vector<std::uint32_t>& other) {
+    std::vector<std::uint32_t> difference;
+    std::set_difference(one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(difference));
+    std::vector<std::string> words;
+    for (const std::uint32_t serial : difference) words.push_back(std::to_string(serial));
+    return words.empty() ? "" : Enumerate(words);
 }
 
 // Plays one timeline on a bus master that runs on the rig.
 class Player {
 public:
-    Player(CommandContext& context, const RigPlan& plan, Platform::Rig& rig, BusMaster& busMaster, EventQueue& events,
-           bool fast)
+    Player(CommandContext& context, std::string file, const RigPlan& plan, Platform::Rig& rig, BusMaster& busMaster,
+           EventQueue& events, bool fast)
         : m_context(context),
+          m_file(std::move(file)),
           m_plan(plan),
           m_rig(rig),
           m_busMaster(busMaster),
@@ -83,29 +91,32 @@ public:
         const Clock::time_point start = Clock::now();
         for (const RigStep& step : m_plan.timeline) {
             if (step.at && !m_fast && !PrintUntil(start + *step.at)) return kDone;
-            if (step.after && !WaitFor(*step.after, step.pointer)) return kDone;
-            m_seen.clear();
+            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) return kDone;
             Announce(step);
             if (const std::optional<std::string> problem = Platform::Apply(m_rig, step.action)) {
-                throw CommandError(step.pointer + ": " + *problem);
+                Fail(step.actionPointer, *problem);
             }
-            if (m_fast && !Settle(step.pointer)) return kDone;
+            if (m_fast && !Settle(step.actionPointer)) return kDone;
         }
-        if (!Settle("the end")) return kDone;
+        if (!Settle("/end")) return kDone;
         CheckEnd();
         return kDone;
     }
 
 private:
+    [[noreturn]] void Fail(const std::string& pointer, const std::string& reason) const {
+        throw CommandError(ForTerminal(m_file + ": " + pointer + ": " + reason));
+    }
+
     void Announce(const RigStep& step) {
         if (!m_context.WantsJson()) m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
     }
 
     // What happened is over when every event has been delivered and the bus master has acted upon all of them.
-    bool Settle(const std::string& where) {
+    bool Settle(const std::string& pointer) {
         const auto patience = static_cast<unsigned int>(kPatience.count());
         if (!Platform::WaitUntilEventsAreDelivered(kPatience) || !m_busMaster.WaitUntilQuiet(patience)) {
-            throw CommandError(where + ": the bus master was still busy after 10 s");
+            Fail(pointer, "the bus master was still busy after 10 s");
         }
         return PrintWaiting();
     }
@@ -134,17 +145,30 @@ private:
         return false;
     }
 
-    bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
-        const auto matches = [&awaited](const BusEvent& event) {
+    // Takes the oldest event that fits and that no step before has taken; only that one, because callbacks run on
+    // threads of their own and overtake each other. So it does not matter whether time is waited for.
+    bool TakeSeen(const AwaitedEvent& awaited) {
+        const auto found = std::find_if(m_seen.begin(), m_seen.end(), [&awaited](const BusEvent& event) {
             static constexpr BusCallbackType types[] = {BUS_RESET, ARRIVAL, REMOVAL};
             return event.type == types[static_cast<int>(awaited.kind)] &&
                    (!awaited.serialNumber || event.serialNumber == *awaited.serialNumber);
-        };
+        });
+        if (found == m_seen.end()) return false;
+        m_seen.erase(found);
+        return true;
+    }
+
+    bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
+        if (m_fast) {
+            if (!Settle(pointer)) return false;
+            if (!TakeSeen(awaited)) Fail(pointer, "everything has come to rest without this event");
+            return true;
+        }
         const Clock::time_point deadline = Clock::now() + kPatience;
         while (PrintWaiting()) {
-            if (std::any_of(m_seen.begin(), m_seen.end(), matches)) return true;
+            if (TakeSeen(awaited)) return true;
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) throw CommandError(pointer + "/after: the event did not come within 10 s");
+            if (left.count() <= 0) Fail(pointer, "the event did not come within 10 s");
             if (IsInterrupted(static_cast<int>(left.count()))) return false;
         }
         return false;
@@ -155,8 +179,11 @@ private:
         for (const Camera& camera : ListCameras(m_busMaster)) serials.push_back(camera.serialNumber);
         std::sort(serials.begin(), serials.end());
         if (m_plan.finalSerialNumbers && serials != *m_plan.finalSerialNumbers) {
-            throw CommandError("the rig ends with cameras " + Serials(serials) + ", and its file says " +
-                               Serials(*m_plan.finalSerialNumbers));
+            const std::string missing = Difference(*m_plan.finalSerialNumbers, serials);
+            const std::string tooMany = Difference(serials, *m_plan.finalSerialNumbers);
+            Fail("/end/cameras", "the rig ends otherwise: " + (missing.empty() ? "" : "missing " + missing) +
+                                     (missing.empty() || tooMany.empty() ? "" : "; ") +
+                                     (tooMany.empty() ? "" : "too many " + tooMany));
         }
         if (!m_context.WantsJson()) {
             m_context.Print("-- the end: " + Quantity(serials.size(), "camera", "cameras") +
@@ -165,6 +192,7 @@ private:
     }
 
     CommandContext& m_context;
+    const std::string m_file;
     const RigPlan& m_plan;
     Platform::Rig& m_rig;
     BusMaster& m_busMaster;
@@ -172,7 +200,7 @@ private:
     EventPrinter m_printer;
     const bool m_fast;
     int m_interrupt = -1;
-    std::vector<BusEvent> m_seen;  // Since the last step.
+    std::deque<BusEvent> m_seen;  // That no step has taken.
 };
 
 class RigCommand {
@@ -181,7 +209,8 @@ public:
 
     void Declare(CLI::App& rig) {
         AddFile(*m_context.AddCommand(rig, "check", "Tells whether a file is a rig, and if not, where and why.",
-                                      [this] { return Check(); }))
+                                      [this] { return Check(); }),
+                "The rig.")
             ->required();
         CLI::App* play = m_context.AddCommand(rig, "play", "Lets happen what the file says and prints the events.",
                                               [this] { return Play(); });
@@ -201,9 +230,9 @@ public:
     }
 
 private:
-    CLI::Option* AddFile(CLI::App& command) {
+    CLI::Option* AddFile(CLI::App& command, const char* description = "The rig; without it the built-in one.") {
         return command.add_option_function<std::string>(
-            "FILE", [this](const std::string& file) { m_file = file; }, "The rig; without it the built-in one.");
+            "FILE", [this](const std::string& file) { m_file = file; }, description);
     }
 
     int Check() {
@@ -225,7 +254,7 @@ private:
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster = m_context.StartBusMaster();
         events.Register(*busMaster);
-        return Player(m_context, plan, *rig, *busMaster, events, m_fast).Play();
+        return Player(m_context, m_file.value_or(kBuiltInRig), plan, *rig, *busMaster, events, m_fast).Play();
     }
 
     int Serve() {
