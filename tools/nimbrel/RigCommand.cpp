@@ -10,6 +10,9 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "platform/rig/RigFile.h"
@@ -18,6 +21,7 @@
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -28,11 +32,14 @@ using Platform::RigPlan;
 using Platform::RigStep;
 using std::chrono::milliseconds;
 
-// How long the system may take to act upon one step, and an awaited event may take to come.
+// How long the system may take to act upon one step, and an awaited event may take to come, beyond what the rig's
+// faults take.
 constexpr milliseconds kPatience{10000};
 
 // 127.0.0.1 is left to others.
 constexpr std::uint32_t kFirstLoopbackAddress = 0x7F000002;
+
+const char kBuiltIn[] = "the built-in rig";
 
 const char kFooter[] =
     R"(A rig is a simulated computer in a JSON file: its buses, its cameras, and what
@@ -48,11 +55,9 @@ Examples:
   nimbrel list --rig my.json           what is attached before anything happens
 )";
 
-constexpr char kBuiltInRig[] = "the built-in rig";
-
 RigPlan Load(const std::optional<std::string>& file) {
     try {
-        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltInRig);
+        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltIn);
     } catch (const Platform::RigFileError& error) {
         throw CommandError(ForTerminal(error.what()));
     }
@@ -71,6 +76,14 @@ std::string Difference(const std::vector<std::uint32_t>& one, const std::vector<
     return words.empty() ? "" : Enumerate(words);
 }
 
+milliseconds DelayOfFaults(const RigPlan& plan) {
+    milliseconds sum{0};
+    for (const RigStep& step : plan.timeline) {
+        if (const auto* const fault = std::get_if<Platform::RigFault>(&step.action)) sum += fault->delay;
+    }
+    return sum;
+}
+
 // Plays one timeline on a bus master that runs on the rig.
 class Player {
 public:
@@ -83,7 +96,8 @@ public:
           m_busMaster(busMaster),
           m_events(events),
           m_printer(context, busMaster),
-          m_fast(fast) {}
+          m_fast(fast),
+          m_patience(fast ? kPatience : kPatience + DelayOfFaults(plan)) {}
 
     int Play() {
         m_interrupt = Interrupts::Catch();
@@ -108,15 +122,19 @@ private:
         throw CommandError(ForTerminal(m_file + ": " + pointer + ": " + reason));
     }
 
+    std::string Patience() const {
+        return std::to_string(std::chrono::ceil<std::chrono::seconds>(m_patience).count()) + " s";
+    }
+
     void Announce(const RigStep& step) {
         if (!m_context.WantsJson()) m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
     }
 
     // What happened is over when every event has been delivered and the bus master has acted upon all of them.
     bool Settle(const std::string& pointer) {
-        const auto patience = static_cast<unsigned int>(kPatience.count());
-        if (!Platform::WaitUntilEventsAreDelivered(kPatience) || !m_busMaster.WaitUntilQuiet(patience)) {
-            Fail(pointer, "the bus master was still busy after 10 s");
+        const auto patience = static_cast<unsigned int>(m_patience.count());
+        if (!Platform::WaitUntilEventsAreDelivered(m_patience) || !m_busMaster.WaitUntilQuiet(patience)) {
+            Fail(pointer, "the bus master was still busy after " + Patience());
         }
         return PrintWaiting();
     }
@@ -164,11 +182,11 @@ private:
             if (!TakeSeen(awaited)) Fail(pointer, "everything has come to rest without this event");
             return true;
         }
-        const Clock::time_point deadline = Clock::now() + kPatience;
+        const Clock::time_point deadline = Clock::now() + m_patience;
         while (PrintWaiting()) {
             if (TakeSeen(awaited)) return true;
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) Fail(pointer, "the event did not come within 10 s");
+            if (left.count() <= 0) Fail(pointer, "the event did not come within " + Patience());
             if (IsInterrupted(static_cast<int>(left.count()))) return false;
         }
         return false;
@@ -199,6 +217,7 @@ private:
     EventQueue& m_events;
     EventPrinter m_printer;
     const bool m_fast;
+    const milliseconds m_patience;
     int m_interrupt = -1;
     std::deque<BusEvent> m_seen;  // That no step has taken.
 };
@@ -254,7 +273,7 @@ private:
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster = m_context.StartBusMaster();
         events.Register(*busMaster);
-        return Player(m_context, m_file.value_or(kBuiltInRig), plan, *rig, *busMaster, events, m_fast).Play();
+        return Player(m_context, m_file.value_or(kBuiltIn), plan, *rig, *busMaster, events, m_fast).Play();
     }
 
     int Serve() {

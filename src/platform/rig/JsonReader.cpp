@@ -107,11 +107,8 @@ std::string Found(const nlohmann::json& value) {
             return "an array";
         case nlohmann::json::value_t::string:
             return "the text " + Quoted(value.get<std::string>());
-        case nlohmann::json::value_t::boolean:
-        case nlohmann::json::value_t::null:
-            return value.dump();
         default:
-            return "the number " + value.dump();
+            return value.dump();
     }
 }
 

@@ -235,6 +235,9 @@ bool Rig::ChangeUsb(UsbModel& host, Change change) {
 // A camera whose address changes is another one to everybody above: it leaves and comes.
 template <class Change>
 bool Rig::ChangeGigE(Change change) {
+    if (m_gigESink == nullptr) {
+        return change();
+    }
     const auto identities = [this] {
         std::vector<std::string> found;
         for (const GigEModel::Camera* camera : m_gigE.Reached()) {
@@ -248,7 +251,7 @@ bool Rig::ChangeGigE(Change change) {
         return false;
     }
     const std::vector<std::string> after = identities();
-    if (m_gigESink != nullptr && before != after) {
+    if (before != after) {
         m_gigESink->RaiseReset();
         RaiseDifference(*m_gigESink, before, after);
     }

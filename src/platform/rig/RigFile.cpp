@@ -21,6 +21,7 @@ constexpr int MaxDepth = 16;
 constexpr double MaxSeconds = 86400;
 constexpr std::size_t MaxReasonBytes = 400;
 constexpr std::size_t MaxActionBytes = 200;
+constexpr std::size_t MaxSteps = 10000;
 
 // ---- Values
 // ----------------------------------------------------------------------------------------------------------
@@ -573,6 +574,22 @@ RigStep ReadStep(const JsonValue& value, const Names& names, std::chrono::millis
     return step;
 }
 
+// Whether each step can be done when its turn comes: what happens to a rig depends on nothing but its timeline.
+void Rehearse(const RigPlan& plan) {
+    if (plan.timeline.empty()) {
+        return;
+    }
+    Rig rig(plan.rig);
+    for (const RigStep& step : plan.timeline) {
+        if (std::holds_alternative<BusResetStep>(step.action)) {
+            continue;  // always can
+        }
+        if (const std::optional<std::string> problem = Apply(rig, step.action)) {
+            throw JsonProblem(step.actionPointer, *problem);
+        }
+    }
+}
+
 // ---- The whole
 // -------------------------------------------------------------------------------------------------------
 
@@ -592,8 +609,15 @@ RigPlan ReadPlan(const JsonValue& root) {
         throw JsonProblem(problems.front().pointer, problems.front().reason);
     }
     const Names names(plan.rig);
+    object.Optional("timeline", [](const JsonValue& steps) {
+        if (steps.Size() > MaxSteps) {
+            steps.Fail("a timeline has at most " + std::to_string(MaxSteps) + " steps, not " +
+                       std::to_string(steps.Size()));
+        }
+    });
     std::chrono::milliseconds latest{0};
     ReadList(object, "timeline", &plan.timeline, [&](const JsonValue& step) { return ReadStep(step, names, &latest); });
+    Rehearse(plan);
     object.Optional("end", [&](const JsonValue& end) {
         JsonObject keys(end);
         keys.Required("cameras");

@@ -61,7 +61,11 @@ std::string Describe(const RigAction& action) {
             },
             [](const AnswersStep& step) { return "the answers of " + Quoted(step.camera) + " change"; },
             [](const RigFault& fault) {
-                return "call " + std::to_string(fault.call) + " of " + fault.function + " fails";
+                const std::string late = "takes " + std::to_string(fault.delay.count()) + " ms longer";
+                return "call " + std::to_string(fault.call) + " of " + fault.function + " from now on " +
+                       (fault.status == HAL_OK     ? late
+                        : fault.delay.count() == 0 ? "answers " + std::to_string(fault.status)
+                                                   : "answers " + std::to_string(fault.status) + " and " + late);
             },
         },
         action);

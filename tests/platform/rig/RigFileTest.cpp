@@ -19,7 +19,7 @@ using testing::StartsWith;
 const char kGood[] = R"({
   "name": "good", "description": "all kinds",
   "firewire": [{"name": "fw0", "gapCount": 5,
-    "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M"}],
+    "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M", "plugged": false}],
     "cables": [[["card", 0], ["cam", 0]]]}],
   "usb": [{"name": "x", "devices": [{"name": "u", "parent": "x", "port": 1, "serial": "7", "vendorId": "0x1234"}]}],
   "gige": [{"name": "e", "address": "10.0.0.1/8", "cameras": [
@@ -59,6 +59,14 @@ TEST(RigFile, ReadsEveryKey) {
 
 TEST(RigFile, DescribesEveryActionInWords) {
     for (const RigStep& step : ParseRig(kGood, "good.json").timeline) EXPECT_FALSE(Describe(step.action).empty());
+}
+
+TEST(RigFile, TellsWhatAFaultDoes) {
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 2, 7, {}}), "call 2 of HAL_X from now on answers 7");
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 1, HAL_OK, std::chrono::milliseconds(5)}),
+              "call 1 of HAL_X from now on takes 5 ms longer");
+    EXPECT_EQ(Describe(RigFault{"HAL_X", 1, 7, std::chrono::milliseconds(5)}),
+              "call 1 of HAL_X from now on answers 7 and takes 5 ms longer");
 }
 
 TEST(RigFile, CarriesASchemaAndARigOfItsOwn) {
@@ -129,6 +137,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"NoInterface", R"("interface": "e")", R"("interface": "f")", "/timeline/9/link/interface",
                 "named \"f\""},
         BadFile{"NoFunction", "HAL_UsbGetCameras", "HAL_Nothing", "/timeline/11/fault/function", "\"HAL_Nothing\""},
+        BadFile{"PlugsTwice", R"("busReset": "fw0")", R"("plug": "cam")", "/timeline/2", "plugged in already"},
+        BadFile{"MovesToAPortThatIsNotThere", R"("port": 2})", R"("port": 9})", "/timeline/3", "has no port 9"},
         BadFile{"NoAction", R"({"release": "g"})", "{}", "/timeline/7", "exactly one action, not 0"},
         BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "not 2"},
         BadFile{"AtAndAfter", R"("at": 0.5)", R"("at": 0.5, "after": {"event": "reset"})", "/timeline/0", "not both"},
@@ -169,6 +179,13 @@ TEST(RigFile, RefusesMoreVirtualCamerasThanAListingHolds) {
     for (int i = 0; i < 255; ++i) text += ",1";
     EXPECT_EQ(ErrorOf(R"({"virtualCameras": )" + text + "]}"), "");
     EXPECT_THAT(ErrorOf(R"({"virtualCameras": )" + text + ",1]}"), StartsWith("bad.json: /virtualCameras: "));
+}
+
+TEST(RigFile, RefusesAnEndlessTimeline) {
+    std::string text = R"({"usb": [{"name": "x"}], "timeline": [{"busReset": "x"})";
+    for (int i = 1; i < 10000; ++i) text += R"(,{"busReset": "x"})";
+    EXPECT_EQ(ErrorOf(text + "]}"), "");
+    EXPECT_THAT(ErrorOf(text + R"(,{"busReset": "x"}]})"), HasSubstr("/timeline: a timeline has at most 10000 steps"));
 }
 
 TEST(RigFile, RefusesWhatIsNoObject) {
