@@ -20,7 +20,6 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -394,7 +393,9 @@ TEST(TopologyOutput, ThatCannotBeWrittenFailsAndIsNamed) {
         const ProgramResult result = RunReal({"topology", "--demo", "--output", file});
         EXPECT_EQ(result.exitStatus, 1);
         EXPECT_THAT(result.output, IsEmpty());
-        EXPECT_EQ(result.errors, "nimbrel topology: --output: \"" + file + "\" cannot be written: " + reason + "\n");
+        std::string expected = "nimbrel topology: --output: \"";
+        expected.append(file).append("\" cannot be written: ").append(reason).append("\n");
+        EXPECT_EQ(result.errors, expected);
     }
 }
 

@@ -59,6 +59,7 @@ std::string Encode(char32_t c) {
     if (c == kInvalid || ChangesDirection(c) || wcwidth(static_cast<wchar_t>(c)) < 0) return {};
     char bytes[MB_LEN_MAX];
     mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it is safe with a state of its own
     const std::size_t size = wcrtomb(bytes, static_cast<wchar_t>(c), &state);
     return size == static_cast<std::size_t>(-1) ? std::string() : std::string(bytes, size);
 }
@@ -80,6 +81,7 @@ std::vector<Glyph> Glyphs(const std::string& shown) {
     mbstate_t state{};
     for (std::string_view left = shown; !left.empty();) {
         wchar_t character = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): it is safe with a state of its own
         std::size_t size = mbrtowc(&character, left.data(), left.size(), &state);
         if (size == 0 || size > left.size()) {
             size = 1;

@@ -98,7 +98,8 @@ public:
         m_text += "    " + name + " [" + LookOf(view) + " label=" + Quote(LabelOf(view)) + "];\n";
         for (const TopologyView& child : view.children) {
             const std::string childName = Add(child);
-            m_text += "    " + name + " -> " + childName + " [color=\"" + PaintOf(child.interfaceType).dark + "\"";
+            m_text.append("    ").append(name).append(" -> ").append(childName);
+            m_text.append(" [color=\"").append(PaintOf(child.interfaceType).dark).append("\"");
             std::vector<std::string> label;
             if (child.portAbove) label.push_back("port " + std::to_string(*child.portAbove));
             if (child.speed != 0) label.push_back(FormatSpeed(child.speed));

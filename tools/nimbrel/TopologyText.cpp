@@ -80,9 +80,10 @@ public:
         }
         std::string text;
         for (const Line& line : m_lines) {
-            std::string row = line.branches + line.name + std::string(tree - line.TreeWidth(), ' ') + kGap +
-                              std::string(serial - line.serial.size(), ' ') + line.serial + kGap +
-                              std::string(speed - line.speed.size(), ' ') + line.speed + kGap + line.details;
+            std::string row = line.branches + line.name;
+            row.append(tree - line.TreeWidth(), ' ').append(kGap);
+            row.append(serial - line.serial.size(), ' ').append(line.serial).append(kGap);
+            row.append(speed - line.speed.size(), ' ').append(line.speed).append(kGap).append(line.details);
             row.erase(row.find_last_not_of(' ') + 1);
             text += row + "\n";
         }

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <cmath>
+#include <cstddef>
 #include <fstream>
+#include <initializer_list>
 #include <set>
 #include <sstream>
 
@@ -57,17 +60,23 @@ std::chrono::milliseconds Seconds(const JsonValue& value) {
     return std::chrono::milliseconds(std::llround(value.Number(0, MaxSeconds) * 1000));
 }
 
-std::optional<std::uint32_t> ParseAddress(const std::string& text) {
-    std::istringstream in(text);
+std::optional<std::uint32_t> ParseAddress(std::string_view text) {
+    const char* next = text.data();
+    const char* const end = next + text.size();
     std::uint32_t address = 0;
     for (int i = 0; i < 4; ++i) {
-        unsigned int octet = 0;
-        if ((i != 0 && in.get() != '.') || !std::isdigit(in.peek()) || !(in >> octet) || octet > 255) {
+        if (i != 0 && (next == end || *next++ != '.')) {
+            return std::nullopt;
+        }
+        std::uint32_t octet = 0;
+        const auto [after, error] = std::from_chars(next, next + std::min<std::ptrdiff_t>(end - next, 3), octet);
+        if (error != std::errc{} || octet > 255) {
             return std::nullopt;
         }
         address = address << 8 | octet;
+        next = after;
     }
-    return in.peek() == std::char_traits<char>::eof() ? std::optional(address) : std::nullopt;
+    return next == end ? std::optional(address) : std::nullopt;
 }
 
 std::uint32_t Address(const JsonValue& value) {
@@ -96,7 +105,7 @@ struct AddressAndMask {
 AddressAndMask ToAddressAndMask(const JsonValue& value) {
     const std::string text = value.Text();
     const std::size_t slash = text.find('/');
-    const std::optional<std::uint32_t> address = ParseAddress(text.substr(0, slash));
+    const std::optional<std::uint32_t> address = ParseAddress(std::string_view(text).substr(0, slash));
     const std::string bits = slash == std::string::npos ? "" : text.substr(slash + 1);
     const bool digits = !bits.empty() && bits.size() <= 2 &&
                         std::all_of(bits.begin(), bits.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
@@ -141,6 +150,25 @@ void ReadList(JsonObject& object, const char* key, std::vector<Element>* list, R
     });
 }
 
+// A bus is given in one of two forms: raw, as the list behind that key, or in words, without it.
+void CheckForm(JsonObject& object, const char* rawKey, std::initializer_list<const char*> inWords) {
+    if (object.Has(rawKey)) {
+        for (const char* key : inWords) {
+            object.Optional(key, [&](const JsonValue& value) {
+                value.Fail(std::string("has no place beside \"") + rawKey + "\"");
+            });
+        }
+        const JsonValue raw = object.Required(rawKey);
+        if (raw.Size() == 0) {
+            raw.Fail("is empty");
+        }
+    } else {
+        object.Optional("placedCameras", [&](const JsonValue& value) {
+            value.Fail(std::string("cameras have places only beside \"") + rawKey + "\"");
+        });
+    }
+}
+
 // ---- Buses
 // -----------------------------------------------------------------------------------------------------------
 
@@ -181,6 +209,7 @@ CableEnd ReadCableEnd(const JsonValue& value) {
 FireWireBusDescription ReadFireWireBus(const JsonValue& value) {
     JsonObject object(value);
     FireWireBusDescription bus;
+    CheckForm(object, "selfIds", {"phys", "cables"});
     bus.name = object.Required("name").Text();
     object.Optional("gapCount", [&](const JsonValue& gap) { bus.gapCount = ToUnsigned32(gap, 0, 63); });
     ReadList(object, "phys", &bus.phys, [](const JsonValue& phy) {
@@ -253,6 +282,7 @@ UsbSelfId ReadUsbRecord(const JsonValue& value) {
 UsbHostDescription ReadUsbHost(const JsonValue& value) {
     JsonObject object(value);
     UsbHostDescription host;
+    CheckForm(object, "records", {"devices"});
     host.name = object.Required("name").Text();
     object.Optional("usb2Ports", [&](const JsonValue& ports) { host.usb2Ports = ToUnsigned32(ports, 0, 15); });
     object.Optional("usb3Ports", [&](const JsonValue& ports) { host.usb3Ports = ToUnsigned32(ports, 0, 15); });

@@ -75,6 +75,13 @@ private:
                 Add("/placedCameras/" + std::to_string(i) + "/deviceId",
                     "no record has the device id " + std::to_string(deviceId) + ", or another camera has it");
             }
+            CheckSpeed(m_host.placedCameras[i].camera, "/placedCameras/" + std::to_string(i));
+        }
+    }
+
+    void CheckSpeed(const UsbDeviceDescription& device, const std::string& where) {
+        if (!IsSpeed(device.speed)) {
+            Add(where + "/speed", "a speed is 12, 480, 5000, 10000 or 20000, not " + std::to_string(device.speed));
         }
     }
 
@@ -92,9 +99,7 @@ private:
             if (device.name.empty() || !names.insert(device.name).second) {
                 Add(where + "/name", "\"" + device.name + "\" is empty or taken");
             }
-            if (!IsSpeed(device.speed)) {
-                Add(where + "/speed", "a speed is 12, 480, 5000, 10000 or 20000, not " + std::to_string(device.speed));
-            }
+            CheckSpeed(device, where);
             if (device.kind == UsbKind::Hub && (device.ports < 1 || device.ports > MaxPort)) {
                 Add(where + "/ports", "a hub has 1 to 15 ports, not " + std::to_string(device.ports));
             }

@@ -71,6 +71,9 @@ TEST(RigFile, TellsWhatAFaultDoes) {
 
 TEST(RigFile, CarriesASchemaAndARigOfItsOwn) {
     EXPECT_THAT(std::string(RigSchema()), HasSubstr("json-schema.org"));
+    for (const std::string& function : RigFaultFunctions()) {
+        EXPECT_THAT(std::string(RigSchema()), HasSubstr('"' + function + '"'));
+    }
     EXPECT_NO_THROW(ParseRig(BuiltInRig(), "built-in"));
 }
 
@@ -129,6 +132,13 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"NoCableEnd", R"(["cam", 0])", R"(["cam"])", "/firewire/0/cables/0/1", "a cable end"},
         BadFile{"TextBeyondItsField", R"("serial": "8")", R"("serial": "12345678901234567")",
                 "/gige/0/cameras/0/serial", "at most 16 bytes"},
+        BadFile{"TooManyDigits", "10.0.0.2/24", "10.0.0.0002/24", "/gige/0/cameras/0/address", "an IPv4 address"},
+        BadFile{"TwoForms", R"("gapCount": 5,)", R"("selfIds": ["807f8942"],)", "/firewire/0/phys",
+                "beside \"selfIds\""},
+        BadFile{"EmptyRawForm", R"("devices": [)", R"("records": [], "devices": [)", "/usb/0/devices",
+                "beside \"records\""},
+        BadFile{"PlacesWithoutRawForm", R"("devices": [)", R"("placedCameras": [], "devices": [)",
+                "/usb/0/placedCameras", "only beside \"records\""},
         BadFile{"PlugsNobody", R"("plug": "cam")", R"("plug": "com")", "/timeline/0/plug", "no device named \"com\""},
         BadFile{"ResetsNoBus", R"("busReset": "fw0")", R"("busReset": "fw1")", "/timeline/2/busReset", "named \"fw1\""},
         BadFile{"MovesNowhere", R"("to": "x")", R"("to": "y")", "/timeline/3/move/to", "named \"y\""},

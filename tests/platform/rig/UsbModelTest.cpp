@@ -208,6 +208,8 @@ INSTANTIATE_TEST_SUITE_P(
                     host = RawHost({1}, {1, 1});
                 },
                 "/usb/0/placedCameras/1/deviceId", "another camera has it"},
+        BadHost{"RawSpeed", [](auto& host) { host = RawHost({1}, {1}), host.placedCameras[0].camera.speed = 13; },
+                "/usb/0/placedCameras/0/speed", "not 13"},
         BadHost{"CameraOfNoRecord", [](auto& host) { host = RawHost({1}, {2}); }, "/usb/0/placedCameras/0/deviceId",
                 "no record has the device id 2"},
         BadHost{"TooManyRecords",
