@@ -165,6 +165,17 @@ TEST(FireWireModel, MovesACameraUnlessThePortIsTakenOrACableWouldCloseALoop) {
     EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub"));
 }
 
+TEST(FireWireModel, DoesNotMoveAHubOntoWhatHangsBehindIt) {
+    FireWireModel bus(HubBus(), 0);
+    EXPECT_THAT(bus.Move("hub", 2, {"b", 1}).value_or(""), HasSubstr("\"b\" hangs behind \"hub\""));
+    EXPECT_THAT(bus.Move("hub", 2, {"hub", 3}).value_or(""), HasSubstr("loop"));
+    EXPECT_THAT(bus.Move("card", 1, {"b", 1}).value_or(""), HasSubstr("the computer's own card"));
+    EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub", "a", "b"));
+    EXPECT_EQ(bus.Move("b", 0, {"card", 1}), std::nullopt);
+    EXPECT_EQ(bus.Move("hub", 2, {"b", 1}), std::nullopt) << "which hangs beside it now";
+    EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub", "b"));
+}
+
 TEST(FireWireModel, AnswersRegistersOfACamera) {
     FireWireModel bus(HubBus(), 0);
     std::uint32_t value = 0;
