@@ -282,7 +282,7 @@ private:
         Platform::Simulated::SimulatedGigENetwork network;
         std::vector<Platform::LoopbackCamera> cameras;
         const std::string problem = Platform::PutOnLoopback(plan.rig, kFirstLoopbackAddress, &network, &cameras);
-        if (!problem.empty()) throw CommandError(problem);
+        if (!problem.empty()) throw CommandError(ForTerminal(problem));
         for (const Platform::LoopbackCamera& camera : cameras) {
             m_context.Print(FormatIp(UnpackIPAddress(camera.options.address)) + "  " + ForTerminal(camera.name) + "\n");
         }

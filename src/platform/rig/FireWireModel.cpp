@@ -296,7 +296,7 @@ bool FireWireModel::HangsBehind(const std::string& device, const std::string& th
 
 std::optional<std::string> FireWireModel::Move(const std::string& name, unsigned int ownPort, const CableEnd& to) {
     if (!m_description.selfIds.empty()) {
-        return "a bus of raw self-IDs stays as it is";
+        return "\"" + name + "\" is on a bus given as self-ID quadlets and cannot be moved";
     }
     if (name == m_description.phys[CardIndex()].name) {
         return "\"" + name + "\" is the computer's own card";
