@@ -76,8 +76,9 @@ private:
 };
 
 // The program with its standard error on the terminal.
-std::unique_ptr<ChildProcess> StartOn(const Terminal& terminal, const ScriptedComputer& computer,
-                                      const std::string& arguments, const std::string& environment = "TERM=xterm") {
+template <class Computer>
+std::unique_ptr<ChildProcess> StartOn(const Terminal& terminal, const Computer& computer, const std::string& arguments,
+                                      const std::string& environment = "TERM=xterm") {
     return std::make_unique<ChildProcess>(
         Words{"sh", "-c", environment + " exec " + computer.ShellCommandLine(arguments) + " 2>" + terminal.GetName()});
 }
@@ -114,6 +115,18 @@ TEST(Progress, TellsWhoIsWaitedFor) {
     computer.Do("usb 3 480 V M");
     EXPECT_EQ(list->WaitForExit(kDeadline), 0);
     EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
+}
+
+TEST(Progress, IsShownWhileACameraTakesItsAddress) {
+    const RigComputer rig(
+        R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24", "cameras": [
+             {"name": "a", "mac": "02:00:00:00:09:01", "address": "10.9.9.9/24", "serial": "1"}]}],
+            "timeline": [{"fault": {"function": "HAL_GvcpForceIp", "call": 1, "delayMs": 1500}}]})");
+    Terminal terminal(80);
+    const auto force = StartOn(terminal, rig, "force-ip --mac 02:00:00:00:09:01 --ip 192.168.77.20");
+    EXPECT_EQ(force->WaitForExit(kDeadline), 0);
+    EXPECT_THAT(terminal.ReadToEnd(), ::testing::AllOf(HasSubstr("Waiting for 02:00:00:00:09:01 at 192.168.77.20 ... "),
+                                                       EndsWith("\r\033[K")));
 }
 
 TEST(Progress, NeverWrapsInANarrowTerminal) {

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <system_error>
 
@@ -67,6 +68,27 @@ ProgramResult ScriptedComputer::RunWith(const Words& environment, const Words& a
     const Words program = CommandLine(arguments);
     words.insert(words.end(), program.begin(), program.end());
     return Nimbrel2::Testing::RunProgram(words, kDeadline);
+}
+
+ProgramResult RunReal(const Words& arguments) {
+    Words words{RealProgram()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+}
+
+RigComputer::RigComputer(const std::string& json) {
+    std::ofstream file(m_file.GetPath());
+    if (!(file << json << std::flush)) ThrowErrno(m_file.GetPath());
+}
+
+ProgramResult RigComputer::Run(const Words& arguments) const {
+    Words words{NIMBREL_ON_RIG_PROGRAM, m_file.GetPath()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+}
+
+std::string RigComputer::ShellCommandLine(const std::string& arguments) const {
+    return std::string(NIMBREL_ON_RIG_PROGRAM) + " " + m_file.GetPath() + " " + arguments;
 }
 
 int EndBy(int signal, ChildProcess& program, std::chrono::milliseconds* took) {

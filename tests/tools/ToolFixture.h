@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/PacketCapture.h"
 
 namespace Nimbrel2::Tool::Testing {
 
@@ -53,6 +54,25 @@ private:
     std::string m_folder;
     std::string m_script;
     int m_fd = -1;
+};
+
+/// The program on this computer, or on whatever its arguments name.
+ProgramResult RunReal(const Words& arguments);
+
+/// A simulated computer to which the whole timeline of its rig has happened: its faults wait for the program.
+class RigComputer {
+public:
+    /// @throws std::system_error
+    explicit RigComputer(const std::string& json);
+
+    ProgramResult Run(const Words& arguments) const;
+    /// What a shell takes to run the program.
+    std::string ShellCommandLine(const std::string& arguments) const;
+    /// Where the rig stands, for --rig.
+    const std::string& GetPath() const { return m_file.GetPath(); }
+
+private:
+    Nimbrel2::Testing::TemporaryFile m_file;
 };
 
 /// Sends a signal and measures how long the program takes to end. @return its exit status.

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "tests/tools/ToolFixture.h"
 
 namespace Nimbrel2::Tool::Testing {
@@ -77,7 +80,19 @@ INSTANTIATE_TEST_SUITE_P(
                    {"--discovery-window"}},
         WrongUsage{"UnknownBusBefore", {"--bus", "can", "list"}, {"--bus", "\"can\""}},
         WrongUsage{"UnknownOptionBefore", {"--dmeo", "list"}, {"--dmeo"}},
-        WrongUsage{"DurationNegative", {"watch", "--duration", "-3"}, {"--duration", "\"-3\""}}),
+        WrongUsage{"DurationNegative", {"watch", "--duration", "-3"}, {"--duration", "\"-3\""}},
+        WrongUsage{"CameraMissing", {"reset"}, {"reset", "CAMERA"}},
+        WrongUsage{"CameraOfLetters", {"control", "GV01"}, {"CAMERA", "\"GV01\""}},
+        WrongUsage{"CameraOfUnknownKind", {"usb-link", "name:left"}, {"CAMERA", "\"name:left\""}},
+        WrongUsage{"TwoCameras", {"usb-port", "17", "18"}, {"18"}}, WrongUsage{"PhyWithoutVerb", {"phy"}, {"phy"}},
+        WrongUsage{"PhyAddressMissing", {"phy", "read", "17", "0", "0"}, {"ADDRESS"}},
+        WrongUsage{"PhyPageTooLarge", {"phy", "read", "17", "8", "0", "8"}, {"PAGE", "\"8\"", "0 to 7"}},
+        WrongUsage{"PhyPortTooLarge", {"phy", "read", "17", "0", "0x10", "8"}, {"PORT", "\"0x10\"", "0 to 15"}},
+        WrongUsage{"PhyAddressOfLetters", {"phy", "read", "17", "0", "0", "x"}, {"ADDRESS", "\"x\""}},
+        WrongUsage{"PhyBaseRegisterOfAPort", {"phy", "read", "17", "0", "2", "1"}, {"ADDRESS", "\"1\"", "port 2"}},
+        WrongUsage{"PhyValueTooLarge", {"phy", "write", "17", "0", "0", "1", "256"}, {"VALUE", "\"256\"", "0 to 255"}},
+        WrongUsage{"SerialOfZero", {"auto-ip", "--serial", "0"}, {"--serial", "\"0\"", "1 to 4294967295"}},
+        WrongUsage{"BusOfAGigECommand", {"discover", "--bus", "usb"}, {"--bus"}}),
     [](const auto& test) { return test.param.name; });
 
 TEST(UsageMessage, ShowsNoControlCharactersOfTheValue) {
@@ -91,7 +106,8 @@ class Help : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
     Words words{RealProgram()};
-    if (*GetParam() != '\0') words.emplace_back(GetParam());
+    std::istringstream command(GetParam());
+    for (std::string word; command >> word;) words.push_back(word);
     words.emplace_back("--help");
     const ProgramResult result = Nimbrel2::Testing::RunProgram(words);
     EXPECT_EQ(result.exitStatus, 0);
@@ -100,9 +116,16 @@ TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
     for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), 80u) << line;
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, Help, ::testing::Values("", "list", "topology", "watch"), [](const auto& test) {
-    return *test.param == '\0' ? std::string("program") : std::string(test.param);
-});
+INSTANTIATE_TEST_SUITE_P(Commands, Help,
+                         ::testing::Values("", "list", "topology", "watch", "discover", "force-ip", "auto-ip",
+                                           "control", "reset", "phy", "phy read", "phy write", "usb-link", "usb-port",
+                                           "rescan"),
+                         [](const auto& test) {
+                             std::string name = *test.param == '\0' ? "program" : test.param;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             std::replace(name.begin(), name.end(), ' ', '_');
+                             return name;
+                         });
 
 TEST(Version, IsPrintedAlone) {
     const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "--version"});

@@ -91,6 +91,17 @@ void CommandContext::AddBusOptions(CLI::App& command) {
             AddUnlessThere(&m_buses, name);
         },
         Times::Repeatable);
+    AddNetworkOptions(command);
+    command.add_flag("--virtual", m_virtual, "Show virtual cameras too.");
+    AddRigOptions(command);
+}
+
+void CommandContext::AddGigEOptions(CLI::App& command) {
+    AddNetworkOptions(command);
+    AddRigOptions(command);
+}
+
+void CommandContext::AddNetworkOptions(CLI::App& command) {
     AddValue(
         command, "--interface", "NAME",
         "Look for GigE cameras on this network interface\n"
@@ -109,7 +120,9 @@ void CommandContext::AddBusOptions(CLI::App& command) {
                  CheckIsFirst("--discovery-window", m_discoveryWindow.has_value());
                  m_discoveryWindow = ParseSeconds("--discovery-window", text, kShortestWindow, kLongestWindow);
              });
-    command.add_flag("--virtual", m_virtual, "Show virtual cameras too.");
+}
+
+void CommandContext::AddRigOptions(CLI::App& command) {
     AddValue(command, "--rig", "FILE",
              "Run on the simulated computer that this file\ndescribes (`nimbrel rig --help`).",
              [this](const std::string& file) {
@@ -165,16 +178,25 @@ void CommandContext::LoadRig() {
     }
 }
 
-BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
+BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     LoadRig();
     if (!m_rig) CheckExists(m_interfaces);
     const Platform::Options options = MakePlatformOptions(unlessGiven);
     if (const Platform::ConfigureResult result = Platform::Configure(options); !result) {
         throw CommandError("the options cannot be used: " + result.reason);
     }
+    return BusMasterSession(&Singleton<BusMaster>::GetInstance(),
+                            [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
+}
+
+BusMasterSession CommandContext::OpenGigE() {
+    m_buses = {"gige"};
+    return MakeBusMaster(Platform::Options().discoveryWindow);
+}
+
+BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
+    BusMasterSession session = MakeBusMaster(unlessGiven);
     const Progress progress(UsesBus("gige") ? "Discovering GigE cameras" : "Looking for cameras");
-    BusMasterSession session(&Singleton<BusMaster>::GetInstance(),
-                             [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
     if (m_virtual) Check(session->EnableVirtualDeviceEnumeration());
     Check(session->Initialize());
     if (!session->GetInitialized()) {

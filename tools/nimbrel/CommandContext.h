@@ -39,6 +39,8 @@ public:
     /// `--interface`, `--bus`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that start the bus
     /// master.
     void AddBusOptions(CLI::App& command);
+    /// The same without `--bus` and `--virtual`: for commands that are about GigE alone.
+    void AddGigEOptions(CLI::App& command);
 
     enum class Times { Once, Repeatable };
     /// An option that takes one text each time it is given. The parser throws CommandError for a text it refuses.
@@ -64,6 +66,9 @@ public:
     /// @throws CommandError when an interface does not exist, or with the bus master's error.
     BusMasterSession StartBusMaster(std::chrono::milliseconds unlessGiven = Platform::Options().discoveryWindow);
 
+    /// The same for GigE alone, and nothing is listed: for what works on the network whatever is listed. Takes no time.
+    BusMasterSession OpenGigE();
+
     /// Says on standard error which buses cannot be searched; to the bus master they merely have no cameras.
     /// @return whether all can. @throws CommandError.
     bool CheckBuses(BusMaster& busMaster) const;
@@ -82,7 +87,10 @@ public:
 
 private:
     Platform::Options MakePlatformOptions(std::chrono::milliseconds unlessGiven) const;
+    void AddRigOptions(CLI::App& command);
+    void AddNetworkOptions(CLI::App& command);
     void LoadRig();
+    BusMasterSession MakeBusMaster(std::chrono::milliseconds unlessGiven);
 
     bool m_json = false;
     bool m_virtual = false;

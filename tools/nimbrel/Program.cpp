@@ -8,15 +8,24 @@
 #include <string>
 #include <utility>
 
+#include "tools/nimbrel/AutoIpCommand.h"
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/ControlCommand.h"
+#include "tools/nimbrel/DiscoverCommand.h"
+#include "tools/nimbrel/ForceIpCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/PhyCommand.h"
+#include "tools/nimbrel/RescanCommand.h"
+#include "tools/nimbrel/ResetCommand.h"
 #include "tools/nimbrel/RigCommand.h"
 #include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/TopologyCommand.h"
+#include "tools/nimbrel/UsbLinkCommand.h"
+#include "tools/nimbrel/UsbPortCommand.h"
 #include "tools/nimbrel/WatchCommand.h"
 
 namespace Nimbrel2::Tool {
@@ -63,6 +72,15 @@ void Declare(CLI::App& app, CommandContext& context) {
     AddListCommand(app, context);
     AddWatchCommand(app, context);
     AddTopologyCommand(app, context);
+    AddDiscoverCommand(app, context);
+    AddForceIpCommand(app, context);
+    AddAutoIpCommand(app, context);
+    AddControlCommand(app, context);
+    AddResetCommand(app, context);
+    AddPhyCommand(app, context);
+    AddUsbLinkCommand(app, context);
+    AddUsbPortCommand(app, context);
+    AddRescanCommand(app, context);
     AddRigCommand(app, context);
     AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
     // They may stand before the command as well. After the commands, which would inherit the group.
@@ -72,10 +90,11 @@ void Declare(CLI::App& app, CommandContext& context) {
 
 // An option in front of a command that does not have it would do nothing.
 void CheckBusOptions(const CLI::App& app) {
-    const CLI::App& command = *app.get_subcommands().front();
+    const CLI::App* command = &app;
+    while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
     for (const CLI::Option* option : app.get_options()) {
         if (option->get_group() != kBusOptions || option->count() == 0) continue;
-        if (command.get_option_no_throw(option->get_name()) == nullptr) {
+        if (command->get_option_no_throw(option->get_name()) == nullptr) {
             throw CommandError(option->get_name() + ": this command does not look at the buses", kUsage);
         }
     }

@@ -20,9 +20,9 @@ CommandError Refusal(const std::string& option, const std::string& text, const s
 
 // Digits only: from_chars takes a minus sign for what it is, even before an unsigned number's digits.
 template <class Number>
-std::optional<Number> WholeNumber(const std::string& text) {
+std::optional<Number> WholeNumber(const std::string& text, int base = 10) {
     Number number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
     if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return number;
 }
@@ -50,6 +50,16 @@ std::uint64_t ParseCount(const std::string& option, const std::string& text) {
     const auto count = WholeNumber<std::uint64_t>(text);
     if (!count || *count == 0) throw Refusal(option, text, "a whole number from 1 up");
     return *count;
+}
+
+std::uint32_t ParseNumber(const std::string& option, const std::string& text, std::uint32_t smallest,
+                          std::uint32_t largest) {
+    const bool hexadecimal = text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0;
+    const auto number = hexadecimal ? WholeNumber<std::uint32_t>(text.substr(2), 16) : WholeNumber<std::uint32_t>(text);
+    if (!number || *number < smallest || *number > largest) {
+        throw Refusal(option, text, "a number from " + std::to_string(smallest) + " to " + std::to_string(largest));
+    }
+    return *number;
 }
 
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text) {

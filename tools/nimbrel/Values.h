@@ -19,6 +19,10 @@ std::chrono::milliseconds ParseSeconds(const std::string& option, const std::str
 /// A decimal number from 1 up. @throws CommandError as above.
 std::uint64_t ParseCount(const std::string& option, const std::string& text);
 
+/// A number within bounds, decimal, or hexadecimal after 0x. @throws CommandError as above.
+std::uint32_t ParseNumber(const std::string& option, const std::string& text, std::uint32_t smallest,
+                          std::uint32_t largest);
+
 /// Serial numbers separated by commas, each once, in the order given. @throws CommandError as above.
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text);
 

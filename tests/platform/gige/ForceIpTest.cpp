@@ -231,7 +231,7 @@ TEST_P(GigERpFilter, HidesNoForeignCameraFromWhoMayListenToPackets) {
     Start({});
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
     EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102", "9@10.9.9.9"));
-    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    m_host.Run([&] { EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK); });
     EXPECT_EQ(ListNames().size(), 2u);
 }
 

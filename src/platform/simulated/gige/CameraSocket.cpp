@@ -76,7 +76,8 @@ void SendUnicast(int socket, const Endpoint& peer, Gvcp::Bytes datagram) {
                  sizeof(name));
 }
 
-void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint16_t port, Gvcp::Bytes datagram) {
+void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint32_t from, std::uint16_t port,
+                   Gvcp::Bytes datagram) {
     sockaddr_in name = MakeAddress(INADDR_BROADCAST, port);
     iovec part{const_cast<std::uint8_t*>(datagram.data()), datagram.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
@@ -95,6 +96,7 @@ void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint16_t port, 
     header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
     info.ipi_ifindex = static_cast<int>(interfaceIndex);
+    info.ipi_spec_dst.s_addr = htonl(from);  // or the interface's first address would stand in for the socket's
     std::memcpy(CMSG_DATA(header), &info, sizeof(info));
     (void)sendmsg(socket, &message, MSG_NOSIGNAL);
 }

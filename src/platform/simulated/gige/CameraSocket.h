@@ -28,8 +28,9 @@ bool ReceiveDatagram(int socket, std::span<std::uint8_t> buffer, std::size_t* si
 /// Sends to the peer; a full buffer or a missing route loses the datagram, as a network would.
 void SendUnicast(int socket, const Endpoint& peer, Gvcp::Bytes datagram);
 
-/// Sends to 255.255.255.255 on that interface.
-void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint16_t port, Gvcp::Bytes datagram);
+/// Sends to 255.255.255.255 on that interface. @param from  An address of this computer: the camera's.
+void SendBroadcast(int socket, unsigned int interfaceIndex, std::uint32_t from, std::uint16_t port,
+                   Gvcp::Bytes datagram);
 
 }  // namespace Nimbrel2::Platform::Simulated
 

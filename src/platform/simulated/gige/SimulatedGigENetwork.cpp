@@ -293,7 +293,8 @@ void SimulatedGigENetwork::Server::Deliver(Camera& camera, Gvcp::Bytes datagram,
 void SimulatedGigENetwork::Server::Send(const Camera& camera, const Endpoint& peer, const Answer& answer) {
     if (!camera.socket.IsOpen()) return;
     if (answer.broadcast) {
-        SendBroadcast(camera.socket.Get(), camera.interfaceIndex, peer.port, answer.packet.GetBytes());
+        SendBroadcast(camera.socket.Get(), camera.interfaceIndex, camera.boundAddress, peer.port,
+                      answer.packet.GetBytes());
     } else {
         SendUnicast(camera.socket.Get(), peer, answer.packet.GetBytes());
     }

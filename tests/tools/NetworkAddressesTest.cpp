@@ -1,0 +1,495 @@
+// SPDX-License-Identifier: Apache-2.0
+// `nimbrel discover`, `force-ip`, `auto-ip` and `control` on real sockets: simulated and independent cameras in network
+// namespaces of the tests' own, with and without the privileges of root.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "platform/gvcp/GvcpCodec.h"
+#include "tests/platform/gige/GigEFixture.h"
+#include "tests/platform/gige/HostileDevice.h"
+#include "tests/support/NetworkNamespace.h"
+#include "tests/support/PacketCapture.h"
+#include "tests/tools/ToolFixture.h"
+
+namespace Nimbrel2::Tool::Testing {
+namespace {
+
+using Nimbrel2::Testing::Connect;
+using Nimbrel2::Testing::HostileDevice;
+using Nimbrel2::Testing::IndependentCamera;
+using Nimbrel2::Testing::Ip;
+using Nimbrel2::Testing::MakeCameras;
+using Nimbrel2::Testing::NetworkNamespace;
+using Nimbrel2::Testing::PacketCapture;
+using Nimbrel2::Testing::RawGvcp;
+using Nimbrel2::Testing::TemporaryFile;
+using Platform::Simulated::SimulatedCameraOptions;
+using Platform::Simulated::SimulatedGigENetwork;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::UnorderedElementsAre;
+
+// Long enough for every camera to answer on a busy machine; they answer at once.
+const char kWindow[] = "0.4";
+
+/// The program where everybody may run it: what it was built in may be its owner's alone.
+class ProgramForEverybody {
+public:
+    ProgramForEverybody() : m_folder("/tmp/nimbrel-test-XXXXXX") {
+        EXPECT_NE(mkdtemp(m_folder.data()), nullptr);
+        EXPECT_EQ(chmod(m_folder.c_str(), 0755), 0);
+        std::filesystem::copy_file(NIMBREL_PROGRAM, m_folder + "/nimbrel");
+        for (const auto& entry : std::filesystem::directory_iterator(NIMBREL_LIBRARY_FOLDER)) {
+            const std::string name = entry.path().filename();
+            if (name.rfind("libnimbrel2.so", 0) != 0) continue;
+            std::filesystem::copy(entry.path(), m_folder + "/" + name, std::filesystem::copy_options::copy_symlinks);
+        }
+    }
+    ~ProgramForEverybody() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_folder, ignored);
+    }
+    ProgramForEverybody(const ProgramForEverybody&) = delete;
+    ProgramForEverybody& operator=(const ProgramForEverybody&) = delete;
+
+    /// The words that run it as nobody, without any capability.
+    Words CommandLine() const {
+        return {"setpriv",
+                "--reuid=65534",
+                "--regid=65534",
+                "--clear-groups",
+                "--inh-caps=-all",
+                "--bounding-set=-all",
+                "--no-new-privs",
+                "env",
+                "LD_LIBRARY_PATH=" + m_folder,
+                m_folder + "/nimbrel"};
+    }
+
+private:
+    std::string m_folder;
+};
+
+/// This computer's h0, 192.168.77.1/24, on a wire with simulated cameras.
+class GigEAddresses : public ::testing::Test {
+protected:
+    GigEAddresses() {
+        Connect(m_host, "h0", m_wire, "c0");
+        m_host.Ip("addr add 192.168.77.1/24 dev h0");
+        m_wire.Ip("addr add 192.168.77.100/24 dev c0");
+        SetRpFilter(0);
+        m_cameras = MakeCameras(m_wire);
+    }
+
+    void SetRpFilter(int value) {
+        m_host.SetSystemControl("net/ipv4/conf/all/rp_filter", std::to_string(value));
+        m_host.SetSystemControl("net/ipv4/conf/h0/rp_filter", "0");
+    }
+
+    static SimulatedCameraOptions Camera(const std::string& ip, std::uint64_t number) {
+        SimulatedCameraOptions options;
+        options.interfaceName = "c0";
+        options.address = Ip(ip);
+        options.subnetMask = 0xFFFFFF00;
+        options.mac = 0x020000000000 + number;
+        options.serialNumber = std::to_string(number);
+        return options;
+    }
+
+    void AddCamera(const std::string& ip, std::uint64_t number) { AddCamera(Camera(ip, number)); }
+    void AddCamera(const SimulatedCameraOptions& options) {
+        const auto added = m_cameras->AddCamera(options);
+        ASSERT_TRUE(added) << added.reason;
+    }
+
+    static Words WithWindow(Words program, const Words& arguments) {
+        program.insert(program.end(), arguments.begin(), arguments.end());
+        program.insert(program.end(), {"--discovery-window", kWindow});
+        return program;
+    }
+
+    ProgramResult Run(const Words& arguments) {
+        return m_host.RunProgram(WithWindow({RealProgram()}, arguments), kDeadline);
+    }
+
+    ProgramResult RunAsNobody(const Words& arguments) {
+        if (!m_forEverybody) m_forEverybody = std::make_unique<ProgramForEverybody>();
+        return m_host.RunProgram(WithWindow(m_forEverybody->CommandLine(), arguments), kDeadline);
+    }
+
+    /// "serial@ip" of what a command printed.
+    static Words Names(const ProgramResult& result) {
+        Words names;
+        const Json json = Json::parse(result.output);
+        for (const Json& camera : json.is_array() ? json : json["cameras"]) {
+            names.push_back(std::to_string(camera["serial"].get<unsigned int>()) + "@" +
+                            camera["ip"].get<std::string>());
+        }
+        return names;
+    }
+
+    void Nft(const std::string& rules) {
+        const ProgramResult result = m_host.RunProgram({"nft", rules});
+        ASSERT_EQ(result.exitStatus, 0) << result.errors;
+    }
+
+    NetworkNamespace m_host;
+    NetworkNamespace m_wire;
+    std::unique_ptr<SimulatedGigENetwork> m_cameras;
+    std::unique_ptr<ProgramForEverybody> m_forEverybody;
+};
+
+TEST_F(GigEAddresses, OfACameraOnAWrongSubnetAreRepairedByNobody) {
+    AddCamera("10.9.9.9", 9);
+    const ProgramResult who = m_host.RunProgram({"setpriv", "--reuid=65534", "--clear-groups", "--inh-caps=-all",
+                                                 "--bounding-set=-all", "grep", "CapEff", "/proc/self/status"});
+    ASSERT_THAT(who.output, HasSubstr("0000000000000000"));
+
+    EXPECT_THAT(Names(RunAsNobody({"list", "--json"})), IsEmpty());
+    const ProgramResult found = RunAsNobody({"discover", "--json"});
+    EXPECT_EQ(found.exitStatus, 0) << found.errors;
+    EXPECT_THAT(Names(found), ElementsAre("9@10.9.9.9"));
+    EXPECT_THAT(found.errors, IsEmpty());
+
+    const ProgramResult dry = RunAsNobody({"auto-ip", "--dry-run", "--json"});
+    EXPECT_EQ(dry.exitStatus, 0) << dry.errors;
+    EXPECT_EQ(Json::parse(dry.output)["cameras"][0]["result"], "would change");
+    EXPECT_THAT(Names(RunAsNobody({"discover", "--json"})), ElementsAre("9@10.9.9.9")) << "nothing has changed";
+
+    const ProgramResult repaired = RunAsNobody({"auto-ip", "--json"});
+    EXPECT_EQ(repaired.exitStatus, 0) << repaired.errors;
+    const Json camera = Json::parse(repaired.output)["cameras"][0];
+    EXPECT_EQ(camera["result"], "changed");
+    EXPECT_EQ(camera["interface"], "h0");
+    const std::string address = camera["new_ip"];
+    EXPECT_THAT(address, ::testing::StartsWith("192.168.77."));
+    EXPECT_EQ(address, Json::parse(dry.output)["cameras"][0]["new_ip"]) << "as was planned";
+    EXPECT_THAT(Names(RunAsNobody({"list", "--json"})), ElementsAre("9@" + address));
+}
+
+// ---- What the reverse path filter hides ----------------------------------------------------------------------------
+
+TEST_F(GigEAddresses, AreShownWithoutAWarningWhereTheFilterIsOff) {
+    AddCamera("10.9.9.9", 9);
+    const ProgramResult result = RunAsNobody({"discover"});
+    EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24"), HasSubstr("1 camera is on a wrong subnet")));
+    EXPECT_THAT(result.errors, IsEmpty());
+}
+
+class ReversePathFilter : public GigEAddresses, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ReversePathFilter, ThatHidesACameraIsNamedWithItsCures) {
+    SetRpFilter(GetParam());
+    AddCamera("10.9.9.9", 9);
+    const std::string filter = "the reverse path filter of h0 (rp_filter " + std::to_string(GetParam()) + ")";
+    const ProgramResult nobody = RunAsNobody({"discover"});
+    EXPECT_EQ(nobody.exitStatus, 0);
+    EXPECT_EQ(nobody.output, "No GigE camera answered on h0.\n");
+    EXPECT_THAT(nobody.errors,
+                AllOf(HasSubstr("nimbrel discover: warning: " + filter), HasSubstr("one may be there and not show"),
+                      HasSubstr("sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf.h0.rp_filter=0"),
+                      HasSubstr("ip route add ADDRESS/32 dev h0"), HasSubstr("force-ip")));
+
+    const ProgramResult root = Run({"discover"});
+    EXPECT_THAT(root.output, HasSubstr("10.9.9.9/24")) << "who may listen to packets sees it";
+    EXPECT_THAT(root.errors, AllOf(HasSubstr(filter + " drops the answers of 10.9.9.9"), HasSubstr("auto-ip"),
+                                   HasSubstr("ip route add 10.9.9.9/32 dev h0")));
+}
+
+TEST_P(ReversePathFilter, IsCuredByTheRouteOfTheWarning) {
+    SetRpFilter(GetParam());
+    AddCamera("10.9.9.9", 9);
+    m_host.Ip("route add 10.9.9.9/32 dev h0");
+    EXPECT_THAT(Names(RunAsNobody({"discover", "--json"})), ElementsAre("9@10.9.9.9"));
+    EXPECT_THAT(Run({"discover"}).errors, IsEmpty());
+}
+
+TEST_P(ReversePathFilter, DoesNotKeepACameraFromAnAddressWhenItsMacIsKnown) {
+    SetRpFilter(GetParam());
+    AddCamera("10.9.9.9", 9);
+    const ProgramResult result =
+        RunAsNobody({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50", "--json"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_EQ(result.output, R"({"ok":true,"mac":"02:00:00:00:00:09","ip":"192.168.77.50","subnet":"255.255.255.0",)"
+                             R"("gateway":"0.0.0.0"})"
+                             "\n");
+    EXPECT_THAT(Names(RunAsNobody({"list", "--json"})), ElementsAre("9@192.168.77.50"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Settings, ReversePathFilter, ::testing::Values(1, 2));
+
+TEST_F(GigEAddresses, AreNotHiddenByALooseFilterWhereADefaultRouteLeadsAnywhere) {
+    SetRpFilter(2);
+    AddCamera("10.9.9.9", 9);
+    NetworkNamespace elsewhere;
+    Connect(m_host, "u0", elsewhere, "c0");
+    m_host.Ip("addr add 172.20.0.1/24 dev u0");
+    m_host.Ip("route add default via 172.20.0.2 dev u0");
+    const ProgramResult loose = RunAsNobody({"discover", "--json"});
+    EXPECT_THAT(Names(loose), ElementsAre("9@10.9.9.9"));
+    EXPECT_THAT(loose.errors, IsEmpty());
+    SetRpFilter(1);
+    EXPECT_THAT(RunAsNobody({"discover", "--json"}).errors, HasSubstr("of h0 (rp_filter 1)"))
+        << "the strict one wants the way back by the same interface";
+}
+
+// ---- Several wires, and cameras in each other's way
+// ------------------------------------------------------------------
+
+class TwoWires : public GigEAddresses {
+protected:
+    void AddWire(const std::string& hostAddress, const std::string& cameraAddress) {
+        Connect(m_host, "h1", m_second, "c0");
+        m_host.Ip("addr add " + hostAddress + " dev h1");
+        m_second.Ip("addr add " + cameraAddress + " dev c0");
+        m_secondCameras = MakeCameras(m_second);
+    }
+
+    NetworkNamespace m_second;
+    std::unique_ptr<SimulatedGigENetwork> m_secondCameras;
+};
+
+TEST_F(TwoWires, GiveEachCameraAnAddressOfItsOwnWire) {
+    AddWire("172.20.0.1/20", "172.20.0.100/20");
+    AddCamera("10.9.9.8", 8);
+    ASSERT_TRUE(m_secondCameras->AddCamera(Camera("10.9.9.9", 9)));
+    const ProgramResult result = Run({"auto-ip", "--json"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    const Json cameras = Json::parse(result.output)["cameras"];
+    ASSERT_EQ(cameras.size(), 2u);
+    EXPECT_EQ(cameras[0]["interface"], "h0");
+    EXPECT_THAT(cameras[0]["new_ip"].get<std::string>(), ::testing::StartsWith("192.168.77."));
+    EXPECT_EQ(cameras[0]["new_subnet"], "255.255.255.0");
+    EXPECT_EQ(cameras[1]["interface"], "h1");
+    EXPECT_THAT(cameras[1]["new_ip"].get<std::string>(), ::testing::StartsWith("172.20."));
+    EXPECT_EQ(cameras[1]["new_subnet"], "255.255.240.0");
+    EXPECT_EQ(Names(Run({"list", "--json"})).size(), 2u);
+}
+
+TEST_F(TwoWires, AreLookedAtOneByOneWhenAskedTo) {
+    AddWire("172.20.0.1/24", "172.20.0.100/24");
+    AddCamera("10.9.9.8", 8);
+    ASSERT_TRUE(m_secondCameras->AddCamera(Camera("10.9.9.9", 9)));
+    EXPECT_THAT(Names(Run({"discover", "--interface", "h1", "--json"})), ElementsAre("9@10.9.9.9"));
+    EXPECT_EQ(Run({"auto-ip", "--interface", "h1"}).exitStatus, 0);
+    EXPECT_THAT(Names(Run({"discover", "--interface", "h0", "--json"})), ElementsAre("8@10.9.9.8")) << "left alone";
+}
+
+TEST_F(TwoWires, GiveAMaskOfTheInterfaceThatHearsTheCamera) {
+    AddWire("172.20.0.1/20", "172.20.0.100/20");
+    ASSERT_TRUE(m_secondCameras->AddCamera(Camera("10.9.9.9", 9)));
+    EXPECT_THAT(Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "172.20.3.4"}).output,
+                HasSubstr("172.20.3.4/20"));
+}
+
+TEST_F(GigEAddresses, OfTwoCamerasThatShareOneAreToldApart) {
+    // A second camera computer on the same wire, with the same address.
+    NetworkNamespace other;
+    m_wire.Ip("link add br0 type bridge");
+    m_wire.Ip("link set br0 up");
+    Connect(m_wire, "p1", other, "c0");
+    m_wire.Ip("link set p1 master br0");
+    NetworkNamespace first;
+    Connect(m_wire, "p2", first, "c0");
+    m_wire.Ip("link set p2 master br0");
+    m_wire.Ip("addr flush dev c0");
+    m_wire.Ip("link set c0 master br0");
+    first.Ip("addr add 192.168.77.101/24 dev c0");
+    other.Ip("addr add 192.168.77.101/24 dev c0");
+    const auto firstCameras = MakeCameras(first);
+    const auto otherCameras = MakeCameras(other);
+    ASSERT_TRUE(firstCameras->AddCamera(Camera("192.168.77.101", 1)));
+    ASSERT_TRUE(otherCameras->AddCamera(Camera("192.168.77.101", 2)));
+
+    EXPECT_THAT(Names(Run({"discover", "--json"})), UnorderedElementsAre("1@192.168.77.101", "2@192.168.77.101"));
+    const ProgramResult taken = Run({"force-ip", "--mac", "02:00:00:00:00:02", "--ip", "192.168.77.101"});
+    EXPECT_EQ(taken.exitStatus, 1);
+    EXPECT_THAT(taken.errors, HasSubstr("192.168.77.101 is the address of camera 1 (02:00:00:00:00:01)"));
+    const ProgramResult moved = Run({"force-ip", "--mac", "02:00:00:00:00:02", "--ip", "192.168.77.102"});
+    EXPECT_EQ(moved.exitStatus, 0) << moved.errors;
+    EXPECT_THAT(Names(Run({"discover", "--json"})), UnorderedElementsAre("1@192.168.77.101", "2@192.168.77.102"));
+    otherCameras->RemoveCamera(1);
+}
+
+// ---- Firewalls -----------------------------------------------------------------------------------------------------
+
+TEST_F(GigEAddresses, CannotBeGivenThroughAFirewallThatDropsTheAnswers) {
+    AddCamera("10.9.9.9", 9);
+    Nft("add table ip t; add chain ip t in { type filter hook input priority 0; policy drop; };"
+        "add rule ip t in ct state established,related accept");
+    EXPECT_EQ(Run({"discover"}).output, "No GigE camera answered on h0.\n");
+    const ProgramResult forced = Run({"force-ip", "--mac", "02:00:00:00:00:08", "--ip", "192.168.77.50"});
+    EXPECT_EQ(forced.exitStatus, 1);
+    EXPECT_THAT(forced.errors, HasSubstr("Timeout waiting for ForceIP ACK."));
+    Nft("add rule ip t in udp sport 3956 accept");
+    EXPECT_THAT(Names(Run({"discover", "--json"})), ElementsAre("9@10.9.9.9"));
+    EXPECT_EQ(Run({"auto-ip"}).exitStatus, 0);
+}
+
+// ---- Cameras that do not do as they are told -----------------------------------------------------------------------
+
+TEST_F(GigEAddresses, OfACameraInUseStay) {
+    SimulatedCameraOptions options = Camera("10.9.9.8", 8);
+    options.owner = Platform::Simulated::ControlOwner{{Ip("10.9.9.60"), 1234}, false};
+    AddCamera(options);
+    AddCamera("10.9.9.9", 9);
+    const ProgramResult forced = Run({"force-ip", "--mac", "02:00:00:00:00:08", "--ip", "192.168.77.50"});
+    EXPECT_EQ(forced.exitStatus, 1);
+    EXPECT_THAT(forced.output, IsEmpty());
+    EXPECT_THAT(forced.errors, AllOf(HasSubstr("Timeout waiting for ForceIP ACK."),
+                                     HasSubstr("camera 8 (02:00:00:00:00:08) answers at 10.9.9.8/24 as before")));
+    const ProgramResult automatic = Run({"auto-ip"});
+    EXPECT_EQ(automatic.exitStatus, 1);
+    EXPECT_THAT(automatic.output, AllOf(HasSubstr("camera 8 (02:00:00:00:00:08): 10.9.9.8/24 could not be changed"),
+                                        HasSubstr("camera 9 (02:00:00:00:00:09): 10.9.9.9/24 became 192.168.77.")));
+}
+
+TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatOnlyAcknowledges) {
+    m_cameras.reset();
+    m_wire.Ip("addr flush dev c0");
+    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+    const HostileDevice device(
+        m_wire, Ip("192.168.77.50"), [](HostileDevice& self, const HostileDevice::Request& request) {
+            if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) return;
+            self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
+        });
+    const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors,
+                HasSubstr("02:00:00:00:00:09 has acknowledged 192.168.77.50/24, but does not answer a discovery"));
+}
+
+TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatKeepsItsOwn) {
+    m_cameras.reset();
+    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+    const HostileDevice device(
+        m_wire, Ip("192.168.77.50"), [](HostileDevice& self, const HostileDevice::Request& request) {
+            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
+            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
+                self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, Ip("192.168.77.100")));
+            }
+        });
+    const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("has acknowledged 192.168.77.50/24, but answers at 192.168.77.100")));
+}
+
+// ---- What goes over the wire ---------------------------------------------------------------------------------------
+
+TEST_F(GigEAddresses, AreForcedByOneBroadcastThatAnIndependentDissectorUnderstands) {
+    AddCamera("10.9.9.9", 9);
+    std::unique_ptr<PacketCapture> capture;
+    m_wire.Run([&] { capture = std::make_unique<PacketCapture>("c0"); });
+    const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50", "--mask",
+                                      "255.255.255.128", "--gateway", "192.168.77.126"});
+    ASSERT_EQ(result.exitStatus, 0) << result.errors;
+    const TemporaryFile file;
+    m_wire.Run([&] {
+        capture->Collect();
+        capture->WriteTo(file.GetPath());
+    });
+    const auto tshark = [&](Words arguments) {
+        arguments.insert(arguments.begin(), {"tshark", "-r", file.GetPath()});
+        return Nimbrel2::Testing::RunProgram(arguments, kDeadline).output;
+    };
+    EXPECT_THAT(tshark({"-Y", "gvcp && (_ws.malformed || _ws.expert.severity >= 0x600000)"}), IsEmpty());
+    EXPECT_EQ(tshark({"-Y", "gvcp.cmd.command == 4", "-T", "fields", "-E", "separator=,", "-e", "ip.dst", "-e",
+                      "udp.dstport", "-e", "gvcp.cmd.forceip.macaddress", "-e", "gvcp.cmd.forceip.ip", "-e",
+                      "gvcp.cmd.forceip.subnetmask", "-e", "gvcp.cmd.forceip.defaultgateway"}),
+              "255.255.255.255,3956,02:00:00:00:00:09,192.168.77.50,255.255.255.128,192.168.77.126\n");
+    EXPECT_THAT(tshark({"-Y", "gvcp.ack == 5", "-T", "fields", "-e", "ip.src"}), HasSubstr("192.168.77.50"));
+}
+
+TEST_F(GigEAddresses, AreNotTouchedByADryRun) {
+    AddCamera("10.9.9.9", 9);
+    std::unique_ptr<PacketCapture> capture;
+    m_wire.Run([&] { capture = std::make_unique<PacketCapture>("c0"); });
+    EXPECT_EQ(Run({"auto-ip", "--dry-run"}).exitStatus, 0);
+    const TemporaryFile file;
+    m_wire.Run([&] {
+        capture->Collect();
+        capture->WriteTo(file.GetPath());
+    });
+    const Words tshark{"tshark", "-r", file.GetPath(), "-Y"};
+    const auto packets = [&](const std::string& filter) {
+        Words words = tshark;
+        words.push_back(filter);
+        return Nimbrel2::Testing::RunProgram(words, kDeadline).output;
+    };
+    EXPECT_THAT(packets("gvcp.cmd.command == 2"), Not(IsEmpty())) << "it was looked for";
+    EXPECT_THAT(packets("gvcp.cmd.command == 4"), IsEmpty());
+}
+
+// ---- Who holds an independent camera -------------------------------------------------------------------------------
+
+class ControlOfAnIndependentCamera : public GigEAddresses {
+protected:
+    // Without the simulated cameras: the independent one listens at their port.
+    ControlOfAnIndependentCamera() {
+        m_cameras.reset();
+        m_camera.emplace(m_wire, kAddress, "7");
+        m_camera->SetMac(0x020000007701);
+        m_holder.emplace(m_wire);
+        EXPECT_TRUE(m_holder->Write(kAddress, 0x938, 60000)) << "a heartbeat time that no busy machine exceeds";
+    }
+
+    void Take(std::uint32_t privilege) { EXPECT_TRUE(m_holder->Write(kAddress, 0xA00, privilege)); }
+
+    static constexpr char kAddress[] = "192.168.77.100";
+    std::optional<IndependentCamera> m_camera;
+    std::optional<RawGvcp> m_holder;
+};
+
+TEST_F(ControlOfAnIndependentCamera, IsFreeWhenNobodyHoldsIt) {
+    const ProgramResult result = RunAsNobody({"control", "7", "--json"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_EQ(result.output, "{\"available\":true}\n");
+}
+
+TEST_F(ControlOfAnIndependentCamera, IsNotFreeWhenAnotherApplicationControlsIt) {
+    Take(2);
+    EXPECT_EQ(Run({"control", "ip:192.168.77.100", "--json"}).output, "{\"available\":false,\"exclusive\":false}\n");
+    const ProgramResult result = Run({"control", "7"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_EQ(result.output,
+              "This computer may not control camera 7 (GigE):\n"
+              "an application that the camera does not name holds it.\n");
+}
+
+TEST_F(ControlOfAnIndependentCamera, IsNotFreeWhenAnotherApplicationHoldsItExclusively) {
+    Take(1);
+    EXPECT_EQ(Run({"control", "7", "--json"}).output, "{\"available\":false,\"exclusive\":true}\n");
+}
+
+TEST_F(ControlOfAnIndependentCamera, IsNotFreeAndTheHolderIsNamedWhenTheCameraTells) {
+    EXPECT_TRUE(m_holder->Write(kAddress, 0xA04, 55555));
+    EXPECT_TRUE(m_holder->Write(kAddress, 0xA14, Ip("192.168.77.99")));
+    Take(2);
+    EXPECT_EQ(Run({"control", "7", "--json"}).output,
+              R"({"available":false,"exclusive":false,"holder":{"ip":"192.168.77.99","port":55555}})"
+              "\n");
+}
+
+TEST_F(ControlOfAnIndependentCamera, IsNotToldOfACameraThatDoesNotAnswer) {
+    ASSERT_EQ(Names(Run({"list", "--json"})).size(), 1u);
+    m_camera->Pause();
+    const ProgramResult result = Run({"control", "7"});
+    m_camera->Continue();
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors, HasSubstr("no camera has the serial number 7"));
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Tool::Testing

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+// Discovers GigE cameras through the bus master. Main thread only; no lock.
+#include "tools/nimbrel/GigECameras.h"
+
+#include <charconv>
+#include <thread>
+
+#include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/Text.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kVerifyLimit{5};
+constexpr std::chrono::milliseconds kShortestRound{100};
+// Each too small an array costs a discovery window more, so the first one is large.
+constexpr unsigned int kFirstCapacity = 1024;
+constexpr unsigned int kMostTries = 4;
+
+std::string VersionText(std::uint32_t major, std::uint32_t minor) {
+    return std::to_string(major) + "." + std::to_string(minor);
+}
+
+GigECamera FromInfo(const CameraInfo& info) {
+    return {info.serialNumber,
+            info.macAddress,
+            info.ipAddress,
+            info.subnetMask,
+            info.defaultGateway,
+            FromField(info.vendorName),
+            FromField(info.modelName),
+            FromField(info.userDefinedName),
+            VersionText(info.gigEMajorVersion, info.gigEMinorVersion)};
+}
+
+}  // namespace
+
+GigECamera FromRecord(const GvcpDiscoveryRecord& record) {
+    GigECamera camera;
+    std::uint64_t serialNumber = 0;  // the number that the text begins with, as in listings
+    std::from_chars(record.serialNumber, record.serialNumber + sizeof record.serialNumber, serialNumber);
+    camera.serialNumber = static_cast<std::uint32_t>(serialNumber);
+    const std::uint64_t mac = std::uint64_t{record.macHigh} << 32 | record.macLow;
+    for (int i = 0; i < 6; ++i) camera.mac.octets[i] = static_cast<std::uint8_t>(mac >> (40 - 8 * i) & 0xFF);
+    camera.ip = UnpackIPAddress(record.ipAddress);
+    camera.subnet = UnpackIPAddress(record.subnetMask);
+    camera.gateway = UnpackIPAddress(record.defaultGateway);
+    camera.vendor = FromField(record.manufacturerName);
+    camera.model = FromField(record.modelName);
+    camera.name = FromField(record.userDefinedName);
+    camera.version = VersionText(record.versionMajor, record.versionMinor);
+    return camera;
+}
+
+bool IsSame(const GigECamera& first, const GigECamera& second) {
+    return IsSame(first.mac, second.mac) && PackIPAddress(first.ip) == PackIPAddress(second.ip) &&
+           first.serialNumber == second.serialNumber;
+}
+
+std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster) {
+    std::vector<CameraInfo> infos;
+    unsigned int size = kFirstCapacity;
+    for (unsigned int attempt = 1;; ++attempt) {
+        infos.assign(size, {});
+        const Error error = busMaster.DiscoverGigECameras(infos.data(), &size);
+        if (error == ERROR_BUFFER_TOO_SMALL && attempt < kMostTries) {
+            size += kFirstCapacity;  // more may come meanwhile
+            continue;
+        }
+        Check(error);
+        break;
+    }
+    std::vector<GigECamera> cameras;
+    for (unsigned int i = 0; i < size; ++i) cameras.push_back(FromInfo(infos.at(i)));
+    return cameras;
+}
+
+std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
+                                      const std::function<bool(const std::vector<GigECamera>&)>& isEnough) {
+    const Clock::time_point end = Clock::now() + kVerifyLimit;
+    for (;;) {
+        const Clock::time_point round = Clock::now();
+        std::vector<GigECamera> cameras = DiscoverGigECameras(busMaster);
+        if (isEnough(cameras) || Clock::now() >= end) return cameras;
+        std::this_thread::sleep_until(round + kShortestRound);  // a rig answers at once
+    }
+}
+
+const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac) {
+    for (const GigECamera& camera : cameras) {
+        if (IsSame(camera.mac, mac)) return &camera;
+    }
+    return nullptr;
+}
+
+std::string NameOf(const GigECamera& camera) {
+    return "camera " + std::to_string(camera.serialNumber) + " (" + FormatMac(camera.mac) + ")";
+}
+
+Json ToJson(const GigECamera& camera) {
+    return Json{{"serial", camera.serialNumber},
+                {"mac", FormatMac(camera.mac)},
+                {"ip", FormatIp(camera.ip)},
+                {"subnet", FormatIp(camera.subnet)},
+                {"gateway", FormatIp(camera.gateway)},
+                {"vendor", camera.vendor},
+                {"model", camera.model},
+                {"name", camera.name},
+                {"version", camera.version}};
+}
+
+}  // namespace Nimbrel2::Tool

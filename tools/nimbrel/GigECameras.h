@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+// GigE cameras that answer a discovery, as values that commands print and compare. Main thread only; no lock.
+#ifndef NIMBREL2_TOOLS_NIMBREL_GIGECAMERAS_H
+#define NIMBREL2_TOOLS_NIMBREL_GIGECAMERAS_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "busmaster/BusMaster.h"
+#include "hal/HAL.h"
+#include "tools/nimbrel/Cameras.h"
+
+namespace Nimbrel2::Tool {
+
+/// One camera's answer. Its texts are the camera's own, so they may hold anything.
+struct GigECamera {
+    std::uint32_t serialNumber = 0;
+    MACAddress mac;
+    IPAddress ip;
+    IPAddress subnet;
+    IPAddress gateway;
+    std::string vendor;
+    std::string model;
+    std::string name;
+    std::string version;  ///< Of the GigE Vision standard, "2.0".
+};
+
+GigECamera FromRecord(const GvcpDiscoveryRecord& record);
+
+/// The same answer: MAC, address and serial number.
+bool IsSame(const GigECamera& first, const GigECamera& second);
+
+/// Every camera that answers a broadcast, on a wrong subnet or not. Takes the discovery window.
+/// @throws CommandError with the bus master's error.
+std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster);
+
+/// Discovers until the answers satisfy the condition, once at least, and after that while five seconds last: a camera
+/// that was just given an address may need some to be back.
+/// @return what the last discovery heard.
+std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
+                                      const std::function<bool(const std::vector<GigECamera>&)>& isEnough);
+
+/// Null when none has that MAC.
+const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac);
+
+/// "camera 19340211 (02:00:5e:00:00:01)"
+std::string NameOf(const GigECamera& camera);
+
+Json ToJson(const GigECamera& camera);
+
+}  // namespace Nimbrel2::Tool
+
+#endif

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// Asks the hub about the port that a USB camera is plugged into. Main thread only; no lock.
+#include "tools/nimbrel/UsbPortCommand.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/UsbStatus.h"
+#include "tools/nimbrel/Values.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+const char kFooter[] =
+    R"(Asks the hub (or the computer's own) what it says of the port: wPortStatus, what
+is so, and wPortChange, what has changed and was not taken note of yet. The bits
+are those of USB 3.2, 10.16.2.6, for a USB 3 camera and of USB 2.0, 11.24.2.7,
+for a USB 2 camera.
+
+Exit status:
+  0  Done.
+  1  There is no such camera, it is no USB camera, or the hub does not tell;
+     standard error says why.
+  2  Wrong usage; standard error names the option and the value.
+
+JSON: {"ok":true,"value","status":[...],"change":[...],"link"}; "value" is the
+whole number, wPortStatus in its low half; the lists name the bits that are set;
+"link" is there for USB 3 only.
+
+Examples:
+  nimbrel usb-port 21000101
+  nimbrel usb-port index:0 --bus usb --json
+)";
+
+std::string Line(const char* name, std::uint32_t bits, const std::string& words) {
+    char number[16];
+    std::snprintf(number, sizeof number, "0x%04x", bits);
+    return std::string(name) + "  " + number + "  " + (words.empty() ? "nothing" : words) + "\n";
+}
+
+class UsbPortCommand {
+public:
+    explicit UsbPortCommand(CommandContext& context) : m_context(context) {}
+
+    void AddOptions(CLI::App& command) {
+        m_camera.AddTo(command);
+        m_context.AddJsonOption(command, "Print one JSON document.");
+        m_context.AddBusOptions(command);
+    }
+
+    int Run() {
+        const BusMasterSession busMaster = m_context.StartBusMaster();
+        const FoundCamera camera = m_camera.Find(m_context, *busMaster);
+        unsigned int value = 0;
+        CheckFor(camera, busMaster->GetUsbPortStatus(camera.guid, &value));
+        const UsbPort port = DecodeUsbPort(value, camera.interfaceType == INTERFACE_USB_3);
+        if (m_context.WantsJson()) {
+            Json json{{"ok", true}, {"value", value}, {"status", port.status}, {"change", port.changed}};
+            if (!port.linkState.empty()) json["link"] = port.linkState;
+            m_context.Print(Dump(json));
+        } else {
+            m_context.Print(Line("status", value & 0xFFFF, Enumerate(port.status)) +
+                            Line("change", value >> 16, Enumerate(port.changed)) +
+                            (port.linkState.empty() ? "" : "link    " + port.linkState + "\n"));
+        }
+        return kDone;
+    }
+
+private:
+    CommandContext& m_context;
+    CameraArgument m_camera;
+};
+
+}  // namespace
+
+void AddUsbPortCommand(CLI::App& app, CommandContext& context) {
+    const auto port = std::make_shared<UsbPortCommand>(context);
+    CLI::App* command = context.AddCommand(app, "usb-port", "Tells the status of the port of a USB camera.",
+                                           [port] { return port->Run(); });
+    port->AddOptions(*command);
+    command->footer(kFooter);
+}
+
+}  // namespace Nimbrel2::Tool
