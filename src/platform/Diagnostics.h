@@ -85,12 +85,41 @@ struct CameraDiagnosis {
     bool listed = false;        ///< it is listed, by this interface
     bool addressTaken = false;  ///< another camera answers at its address
     ControlInfo control;        ///< of listed ones, when asked for
+    /// Octets of an image packet, IP header included, as the camera's first stream is set; 0 when the camera was not
+    /// asked or did not say. Of listed ones, when control is asked for.
+    std::uint32_t packetSize = 0;
 };
 
 struct GigEDiagnosis {
     int error = 0;  ///< errno of the last look at the interfaces
+    /// The interface by which this computer would answer an address that is on none of its wires; 0 when it knows no
+    /// way. What the reverse path filter makes of a camera on a foreign subnet depends on it.
+    int defaultRoute = 0;
     std::vector<InterfaceDiagnosis> interfaces;
     std::vector<CameraDiagnosis> cameras;
+};
+
+/// How well one interface hears.
+struct InterfaceHearing {
+    int interface = 0;            ///< NetworkInterface::index
+    int error = 0;                ///< errno of the sockets that were opened for this, or of the broadcast
+    bool seesWire = false;        ///< what arrives could be seen before any filter, which takes CAP_NET_RAW
+    unsigned int heard = 0;       ///< cameras whose answers to a broadcast came through
+    unsigned int neighbours = 0;  ///< hosts on the wire that were asked directly whether they are cameras
+};
+
+/// A camera whose answer to a broadcast does not come through to this computer's sockets.
+struct MutedCamera {
+    GvcpDiscoveryRecord record{};
+    int interface = 0;             ///< the one that it is on, NetworkInterface::index
+    bool reachable = false;        ///< its address is one of that interface's wire
+    bool onWire = false;           ///< its answer was seen to arrive: this computer has dropped it
+    bool answersDirectly = false;  ///< it answers a request that goes to its own address
+};
+
+struct GigEHearing {
+    std::vector<InterfaceHearing> interfaces;  ///< those that are used
+    std::vector<MutedCamera> muted;
 };
 
 /// What automatic addressing would do to one camera, and why.
@@ -109,13 +138,21 @@ struct AddressPlan {
 };
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
-/// @param askControl  Asks each listed camera who controls it too: three register reads each, one camera after the
-/// other.
-///                    One that does not answer takes its time-out of 0.6 s.
+/// @param askControl  Asks each listed camera too who controls it and how large its packets are: four register reads
+///                    each, one camera after another. One that does not answer takes its time-out of 0.6 s.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis);
+
+/// Looks for cameras whose answers to broadcasts are filtered on their way in: sends broadcasts from sockets of its
+/// own, watches the wire where this user may, and then asks those hosts on it directly that this computer has just had
+/// to do with. A camera asks for this computer's hardware address before it answers, so it is among them even when a
+/// firewall takes the answer itself; a firewall that pairs answers with requests lets the direct one through.
+/// @param hearing  Overwritten.
+/// @return HAL_OK, whatever is heard; HAL_NO_BUS when nobody drives the bus.
+/// @par Threads  Any, but an event callback. Takes one discovery window, and 0.6 s more where there are hosts to ask.
+std::uint32_t TestGigEHearing(GigEHearing* hearing);
 
 /// What HAL_GvcpForceIpAuto would do, or HAL_GvcpAutoForceIpToCamera for one camera. Changes nothing. Cameras may come
 /// and go and the addresses may be taken before anybody gives them: a plan is no promise.

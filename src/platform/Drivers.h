@@ -122,6 +122,8 @@ public:
     virtual std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) = 0;
     /// As Diagnostics.h states it for DiagnoseGigE.
     virtual std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) = 0;
+    /// As Diagnostics.h states it for TestGigEHearing.
+    virtual std::uint32_t TestHearing(GigEHearing* hearing) = 0;
     /// As Diagnostics.h states it for PlanGigEAddresses.
     virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) = 0;
 };

@@ -205,6 +205,7 @@ public:
     std::uint32_t ForceIpAuto() override { return HAL_OK; }
     std::uint32_t AutoForceIpToCamera(std::uint32_t) override { return HAL_GONE; }
     std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
+    std::uint32_t TestHearing(Platform::GigEHearing*) override { return HAL_OK; }
     std::uint32_t PlanAddresses(std::optional<std::uint32_t>, std::vector<Platform::AddressPlan>*) override {
         return HAL_OK;
     }

@@ -14,6 +14,7 @@
 #include "tools/nimbrel/ControlCommand.h"
 #include "tools/nimbrel/DiscoverCommand.h"
 #include "tools/nimbrel/ForceIpCommand.h"
+#include "tools/nimbrel/DoctorCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
@@ -47,6 +48,7 @@ Examples:
   nimbrel --demo topology         on the built-in simulated computer
   nimbrel list --interface lo     on loopback, where simulated cameras live
   nimbrel watch --json            what happens, for a program to read
+  nimbrel doctor                  why a camera does not show
 )";
 
 const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";
@@ -81,6 +83,7 @@ void Declare(CLI::App& app, CommandContext& context) {
     AddUsbLinkCommand(app, context);
     AddUsbPortCommand(app, context);
     AddRescanCommand(app, context);
+    AddDoctorCommand(app, context);
     AddRigCommand(app, context);
     AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
     // They may stand before the command as well. After the commands, which would inherit the group.

@@ -23,6 +23,11 @@ std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
                      [&](Session& session) { return session.GigE().Diagnose(askControl, diagnosis); });
 }
 
+std::uint32_t TestGigEHearing(GigEHearing* hearing) {
+    return InSession(__func__, hearing != nullptr,
+                     [&](Session& session) { return session.GigE().TestHearing(hearing); });
+}
+
 std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
     return InSession(__func__, plans != nullptr,
                      [&](Session& session) { return session.GigE().PlanAddresses(serialNumber, plans); });

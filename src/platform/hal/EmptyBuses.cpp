@@ -49,6 +49,11 @@ std::uint32_t EmptyGigEBus::Diagnose(bool /*askControl*/, GigEDiagnosis* diagnos
     return m_reason;
 }
 
+std::uint32_t EmptyGigEBus::TestHearing(GigEHearing* hearing) {
+    *hearing = GigEHearing{};
+    return m_reason;
+}
+
 std::uint32_t EmptyGigEBus::PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
                                           std::vector<AddressPlan>* plans) {
     plans->clear();

@@ -43,6 +43,7 @@ public:
     std::uint32_t ForceIpAuto() override;
     std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override;
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override;
+    std::uint32_t TestHearing(GigEHearing* hearing) override;
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override;
 
 private:

@@ -353,7 +353,9 @@ GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated
         entry.listed = entry.present = std::find(reached.begin(), reached.end(), heard) != reached.end();
         entry.addressTaken = entry.reachable && !entry.listed;
         if (askControl && entry.listed) {
-            entry.control = ControlOf(camera, {m_interfaces[camera.interface].address, self}, now);
+            const Simulated::Endpoint peer{m_interfaces[camera.interface].address, self};
+            entry.control = ControlOf(camera, peer, now);
+            camera.registers->Read(peer, Gvcp::Register::kStreamChannelPacketSize, &entry.packetSize);
         }
         diagnosis.cameras.push_back(entry);
     }

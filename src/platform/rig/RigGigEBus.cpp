@@ -203,6 +203,24 @@ public:
         return HAL_OK;
     }
 
+    // Nothing lies between this computer and the cameras that it hears.
+    std::uint32_t TestHearing(GigEHearing* hearing) override {
+        *hearing = GigEHearing{};
+        GigEDiagnosis diagnosis;
+        const std::uint32_t status = Diagnose(false, &diagnosis);
+        for (const InterfaceDiagnosis& diagnosed : diagnosis.interfaces) {
+            if (!diagnosed.used) continue;
+            InterfaceHearing entry;
+            entry.interface = diagnosed.interface.index;
+            entry.seesWire = true;
+            for (const CameraDiagnosis& camera : diagnosis.cameras) {
+                if (camera.interface == entry.interface) ++entry.heard;
+            }
+            hearing->interfaces.push_back(entry);
+        }
+        return status;
+    }
+
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
         plans->clear();
         const std::uint32_t status = m_state->Check();

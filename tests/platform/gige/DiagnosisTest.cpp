@@ -42,7 +42,10 @@ TEST_F(GigEDiagnosisTest, NamesWhyAnInterfaceIsNotUsed) {
     Connect(m_host, "alone", m_wire, "other");
     m_host.Ip("link set empty up");
     m_wire.Ip("link set other down");
+    // The kernel takes a while to notice that the other end is down.
+    const auto noticed = Clock::now() + 5s;
     Start({});
+    while (Interface(Diagnose(), "alone").reason != "no link" && Clock::now() < noticed) std::this_thread::yield();
     const GigEDiagnosis diagnosis = Diagnose();
     EXPECT_EQ(diagnosis.error, 0);
     EXPECT_EQ(Interface(diagnosis, "lo").reason, "loopback is used only when it is named");
@@ -78,6 +81,23 @@ TEST_F(GigEDiagnosisTest, KnowsTheReversePathFilterInForce) {
     used = Interface(Diagnose(), "h0");
     EXPECT_EQ(used.rpFilterOfAll, 1);
     EXPECT_EQ(used.GetRpFilter(), 1);
+}
+
+TEST_F(GigEDiagnosisTest, KnowsTheWayToForeignAddresses) {
+    Start({});
+    EXPECT_EQ(Diagnose().defaultRoute, 0);
+    m_host.Ip("route add default via 192.168.77.254 dev h0");
+    const GigEDiagnosis diagnosis = Diagnose();
+    EXPECT_EQ(diagnosis.defaultRoute, Interface(diagnosis, "h0").interface.index);
+}
+
+TEST_F(GigEDiagnosisTest, AsksCamerasForTheSizeOfTheirPackets) {
+    const auto id = AddCamera("192.168.77.102", 2);
+    m_cameras->Use(id, [](SimulatedGigECamera& camera) { camera.GetRegisters().Poke(0xD04, 0x40000000 | 9000); });
+    Start({});
+    ASSERT_EQ(List().size(), 1u);
+    EXPECT_EQ(Camera(Diagnose(true), "2@192.168.77.102").packetSize, 9000u);
+    EXPECT_EQ(Camera(Diagnose(false), "2@192.168.77.102").packetSize, 0u);
 }
 
 TEST_F(GigEDiagnosisTest, TellsReachableFromForeignAndWhoIsInControl) {

@@ -12,6 +12,7 @@ class Diagnostics : public HalFixture {};
 TEST_F(Diagnostics, BringWhatTheDriverKnows) {
     world->diagnosis.interfaces.resize(2);
     world->diagnosis.interfaces[1].interface.name = "eth1";
+    world->hearing.muted.resize(3);
     world->plans.resize(1);
     world->plans[0].newIp = 0xC0A84D02;
     GigEDiagnosis diagnosis;
@@ -19,13 +20,16 @@ TEST_F(Diagnostics, BringWhatTheDriverKnows) {
     ASSERT_EQ(diagnosis.interfaces.size(), 2u);
     EXPECT_EQ(diagnosis.interfaces[1].interface.name, "eth1");
     ASSERT_EQ(DiagnoseGigE(false, &diagnosis), HAL_OK);
+    GigEHearing hearing;
+    ASSERT_EQ(TestGigEHearing(&hearing), HAL_OK);
+    EXPECT_EQ(hearing.muted.size(), 3u);
     std::vector<AddressPlan> plans;
     ASSERT_EQ(PlanGigEAddresses(std::nullopt, &plans), HAL_OK);
     ASSERT_EQ(plans.size(), 1u);
     EXPECT_EQ(plans[0].newIp, 0xC0A84D02);
     ASSERT_EQ(PlanGigEAddresses(42, &plans), HAL_OK);
-    EXPECT_EQ(world->TakeLog(),
-              (std::vector<std::string>{"Diagnose 1", "Diagnose 0", "PlanAddresses", "PlanAddresses 42"}));
+    EXPECT_EQ(world->TakeLog(), (std::vector<std::string>{"Diagnose 1", "Diagnose 0", "TestHearing", "PlanAddresses",
+                                                          "PlanAddresses 42"}));
 }
 
 TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
@@ -34,6 +38,9 @@ TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
     world->status = HAL_PERMISSION;
     EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_PERMISSION);
     EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_PERMISSION);
+    GigEHearing hearing;
+    EXPECT_EQ(TestGigEHearing(&hearing), HAL_PERMISSION);
+    EXPECT_EQ(TestGigEHearing(nullptr), HAL_INVALID_ARGUMENT);
     world->toThrow = Throw::BadAlloc;
     EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_OUT_OF_MEMORY);
     EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_OUT_OF_MEMORY);
@@ -49,6 +56,8 @@ TEST(DiagnosticsOutsideTheHal, AreClosed) {
     std::vector<AddressPlan> plans;
     EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_CLOSED);
     EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_CLOSED);
+    GigEHearing hearing;
+    EXPECT_EQ(TestGigEHearing(&hearing), HAL_CLOSED);
 }
 
 TEST(DiagnosticsOfABusThatNobodyDrives, SayThatThereIsNone) {
@@ -61,6 +70,10 @@ TEST(DiagnosticsOfABusThatNobodyDrives, SayThatThereIsNone) {
     std::vector<AddressPlan> plans(1);
     EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_NO_BUS);
     EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_NO_BUS);
+    GigEHearing hearing;
+    hearing.muted.resize(1);
+    EXPECT_EQ(TestGigEHearing(&hearing), HAL_NO_BUS);
+    EXPECT_TRUE(hearing.muted.empty());
     EXPECT_TRUE(diagnosis.cameras.empty());
     EXPECT_TRUE(plans.empty());
     HAL_CleanupLibrary();

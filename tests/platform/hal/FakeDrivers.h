@@ -35,6 +35,7 @@ struct FakeWorld {
     int gigECameras = 0;
     std::vector<GvcpDiscoveryRecord> discovered;
     GigEDiagnosis diagnosis;
+    GigEHearing hearing;
     std::vector<AddressPlan> plans;
     std::vector<SelfIdPacket_t> selfIds;
     std::vector<std::uint32_t> nodeSerialNumbers;
@@ -342,6 +343,11 @@ public:
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         m_world->Log(Line("Diagnose %d", askControl ? 1 : 0));
         *diagnosis = m_world->diagnosis;
+        return m_world->Answer();
+    }
+    std::uint32_t TestHearing(GigEHearing* hearing) override {
+        m_world->Log("TestHearing");
+        *hearing = m_world->hearing;
         return m_world->Answer();
     }
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {

@@ -103,6 +103,17 @@ TEST_F(RigDiagnosis, KnowsItsOwnControl) {
     EXPECT_EQ(Diagnose(true).cameras[0].control.state, ControlState::Ours);
 }
 
+TEST_F(RigDiagnosis, HearsEveryCameraOfAnInterfaceThatIsUp) {
+    GigEHearing hearing;
+    ASSERT_EQ(m_bus->TestHearing(&hearing), HAL_OK);
+    ASSERT_EQ(hearing.interfaces.size(), 1u);
+    EXPECT_EQ(hearing.interfaces[0].interface, Diagnose(false).interfaces[0].interface.index);
+    EXPECT_EQ(hearing.interfaces[0].heard, 4u);
+    EXPECT_TRUE(hearing.muted.empty());
+    m_bus->Stop();
+    EXPECT_EQ(m_bus->TestHearing(&hearing), HAL_CLOSED);
+}
+
 TEST_F(RigDiagnosis, PlansOneFreeAddressForEachForeignCameraAndChangesNothing) {
     const std::vector<AddressPlan> plans = Plan();
     ASSERT_EQ(plans.size(), 4u);

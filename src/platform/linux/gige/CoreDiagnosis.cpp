@@ -6,11 +6,15 @@
 
 #include <array>
 
+#include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"
 
 namespace Nimbrel2::Platform::GigE {
 
 namespace {
+
+// An address of those set apart for documentation: what leads there leads anywhere.
+constexpr std::uint32_t kNowhereNear = 0xC6336401;  // 198.51.100.1
 
 void ReadSocketMemory(int fd, InterfaceDiagnosis* diagnosis) {
     std::array<std::uint32_t, SK_MEMINFO_VARS> values{};
@@ -54,6 +58,7 @@ std::uint32_t GigECore::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
             }
         }
     }
+    diagnosis->defaultRoute = m_routes.FindRoute(kNowhereNear);
     for (std::size_t i = 0; i < ports.size(); ++i) {
         InterfaceDiagnosis& entry = diagnosis->interfaces[i];
         m_routes.ReadRpFilter(entry.interface.index, &entry.rpFilterOfAll, &entry.rpFilterOfIt);
@@ -62,7 +67,11 @@ std::uint32_t GigECore::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
         ReadSocketMemory(ports[i]->GetFd(), &entry);
     }
     for (std::size_t i = 0; askControl && i < listed.size(); ++i) {
-        if (diagnosis->cameras[i].listed) GetControl(listed[i], &diagnosis->cameras[i].control);
+        if (!diagnosis->cameras[i].listed) continue;
+        GetControl(listed[i], &diagnosis->cameras[i].control);
+        std::uint32_t packetSize = 0;
+        const Command read{Gvcp::MessageId::ReadRegAck, Gvcp::Register::kStreamChannelPacketSize, 0};
+        if (Execute(listed[i], read, &packetSize) == HAL_OK) diagnosis->cameras[i].packetSize = packetSize & 0xFFFF;
     }
     return HAL_OK;
 }

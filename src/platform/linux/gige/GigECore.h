@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the GigE bus, its monitor thread and its camera entries share. One class, several files: CoreInterfaces,
-// CoreMonitor, CoreListing, CoreRegisters, CoreDiscovery, CoreForceIp.
+// CoreMonitor, CoreListing, CoreRegisters, CoreDiscovery, CoreForceIp, CoreAutoIp, CoreDiagnosis, CoreHearing.
 //
 // Threads: one monitor thread from Start to Stop; any user threads. Lock order, outermost first:
 //   CameraChannel::command   one command of one camera, held while the camera answers
@@ -68,6 +68,7 @@ public:
     std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber);
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans);
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis);
+    std::uint32_t TestHearing(GigEHearing* hearing);
 
     // One camera, found anew at each call. listed is what the entry's own listing saw.
     std::uint32_t GetRecord(const ListedCamera& listed, GvcpDiscoveryRecord* record);
@@ -184,6 +185,10 @@ private:
     void ForceAll(std::vector<ForceJob>& jobs);
     void SendForceIps(std::vector<ForceJob>& jobs);
     void CamerasHaveMoved(const std::vector<ForceJob>& jobs);
+
+    // CoreHearing.cpp
+    std::vector<NetworkInterface> GetUsedInterfaces() const;
+    bool HasHeard(int interface, const CameraKey& key) const;
 
     // CoreAutoIp.cpp
     std::vector<AddressPlan> PlansFor(const Collected& heard, std::optional<std::uint32_t> serialNumber) const;

@@ -46,6 +46,7 @@ public:
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         return m_core->Diagnose(askControl, diagnosis);
     }
+    std::uint32_t TestHearing(GigEHearing* hearing) override { return m_core->TestHearing(hearing); }
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
         return m_core->PlanAddresses(serialNumber, plans);
     }

@@ -175,6 +175,21 @@ bool RouteSocket::HasDirectRoute(int interface, std::uint32_t ip) {
     return error == 0 && direct;
 }
 
+int RouteSocket::FindRoute(std::uint32_t ip) {
+    rtmsg header{};
+    header.rtm_family = AF_INET;
+    header.rtm_dst_len = 32;
+    std::vector<std::uint8_t> body;
+    Append(body, &header, sizeof header);
+    AppendAttribute(body, RTA_DST, htonl(ip));
+    int interface = 0;
+    const int error = Ask(RTM_GETROUTE, 0, body, [&](const Netlink::Message& message) {
+        const auto route = Netlink::ParseRoute(message.payload);
+        if (route) interface = route->interface;
+    });
+    return error == 0 ? interface : 0;
+}
+
 int RouteSocket::ReadGateways(int interface, std::set<std::uint32_t>* gateways) {
     rtmsg header{};
     header.rtm_family = AF_INET;

@@ -33,6 +33,9 @@ public:
     /// default route does not count.
     bool HasDirectRoute(int interface, std::uint32_t ip);
 
+    /// The interface by which an address is reached, past gateways or not; 0 when there is no way.
+    int FindRoute(std::uint32_t ip);
+
     /// Gateways of the routes that leave by an interface. @return 0 or an errno.
     int ReadGateways(int interface, std::set<std::uint32_t>* gateways);
 

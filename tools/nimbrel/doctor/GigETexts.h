@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// Names and numbers in the findings on GigE. Pure.
+#ifndef NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
+#define NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
+
+#include <cstdint>
+#include <string>
+
+#include "platform/Diagnostics.h"
+
+namespace Nimbrel2::Tool::Doctor {
+
+std::string IpText(std::uint32_t ip);
+/// "192.168.77.1/24"
+std::string AddressText(const Platform::InterfaceAddress& address);
+/// "192.168.77.0/24"
+std::string SubnetText(const Platform::InterfaceAddress& address);
+
+std::uint64_t MacOf(const GvcpDiscoveryRecord& record);
+std::string MacText(std::uint64_t mac);
+/// The number that the bus master knows the camera by; 0 when its serial text begins with no digit.
+std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record);
+/// "camera 31000001 (02:00:00:00:77:0a)". The serial text is the camera's own and may hold anything.
+std::string CameraText(const GvcpDiscoveryRecord& record);
+
+/// Null when there is none of that index.
+const Platform::InterfaceDiagnosis* FindInterface(const Platform::GigEDiagnosis& diagnosis, int index);
+/// Its name, or its number when it has gone.
+std::string InterfaceName(const Platform::GigEDiagnosis& diagnosis, int index);
+
+/// An address with its prefix, "192.168.100.1/24": of a subnet that this computer has no other interface in.
+std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis);
+/// An address of that subnet that nobody is known to have; 0 when there is none.
+std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
+
+}  // namespace Nimbrel2::Tool::Doctor
+
+#endif
