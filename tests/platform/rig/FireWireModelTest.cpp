@@ -243,7 +243,7 @@ TEST(FireWireModel, ShowsRawSelfIdsAsTheyAre) {
     EXPECT_EQ(model.FindNode(0x11)->phyId, 1U);
     EXPECT_TRUE(model.Unplug("eye"));
     EXPECT_EQ(model.FindNode(0x11), nullptr);
-    EXPECT_THAT(model.Move("eye", 0, {"eye", 0}).value_or(""), HasSubstr("raw self-IDs"));
+    EXPECT_THAT(model.Move("eye", 0, {"eye", 0}).value_or(""), HasSubstr("given as self-ID quadlets"));
 }
 
 PhyDescription Camera(std::uint64_t eui64) { return Phy("eye", PhyKind::Camera, 1, eui64); }
