@@ -4,7 +4,8 @@
 
 all: build
 
-# Builds, then lists and watches what is attached; a simulated camera on loopback when nothing is.
+# Builds, then shows the built-in simulated computer and what is attached to this one; when nothing is, simulated cameras
+# on loopback.
 run: build
 	scripts/run.sh build/release/bin/nimbrel
 
