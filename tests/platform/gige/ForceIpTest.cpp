@@ -154,6 +154,68 @@ TEST_F(GigEForceIp, TakesNoAddressThatAHostAnswersFor) {
     EXPECT_EQ(records[0].subnetMask, Ip("255.255.255.240")) << "the interface's mask";
 }
 
+TEST_F(GigEForceIp, FindsTheOneFreeAddressOfACrowdedWire) {
+    m_wire.Ip("addr flush dev c0");
+    // Hosts at all addresses but the driver's own, .1, and .11: from where the search for this camera begins it is the
+    // 222nd.
+    for (const char* hosts : {"2/31", "4/30", "8/31", "10/32", "12/30", "16/28", "32/27", "64/26", "128/25"}) {
+        m_wire.Ip(std::string("route add table local local 192.168.77.") + hosts + " dev c0");
+    }
+    const auto id = AddCamera("10.9.9.9", 13);
+    Start({});
+    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    EXPECT_EQ(AddressOf(id), Ip("192.168.77.11"));
+}
+
+TEST_F(GigEForceIp, FillsASubnetToTheLastAddress) {
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("addr add 192.168.77.1/28 dev h0");
+    m_wire.Ip("addr flush dev c0");
+    std::vector<Platform::Simulated::SimulatedGigENetwork::CameraId> ids;
+    for (std::uint64_t i = 0; i < 13; ++i) ids.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
+    Start({});
+    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    std::set<std::uint32_t> addresses;
+    for (const auto id : ids) addresses.insert(AddressOf(id));
+    EXPECT_THAT(addresses, SizeIs(13));
+    EXPECT_EQ(*addresses.begin(), Ip("192.168.77.2"));
+    EXPECT_EQ(*addresses.rbegin(), Ip("192.168.77.14"));
+}
+
+TEST_F(GigEForceIp, TakesTheSubnetThatHasRoomForACamera) {
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("addr add 169.254.1.1/32 dev h0");
+    m_host.Ip("addr add 192.168.77.1/24 dev h0");
+    const auto id = AddCamera("10.9.9.9", 9);
+    Start({});
+    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    EXPECT_EQ(AddressOf(id) & 0xFFFFFF00, Ip("192.168.77.0"));
+}
+
+TEST_F(GigEForceIp, GivesNoAddressTwiceWhereTwoInterfacesAreInOneSubnet) {
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("addr add 192.168.77.1/29 dev h0");
+    m_wire.Ip("addr flush dev c0");
+    NetworkNamespace second;
+    Connect(m_host, "h1", second, "c0");
+    m_host.Ip("addr add 192.168.77.2/29 dev h1");
+    const auto cameras = MakeCameras(second);
+    // Four addresses are left for four cameras: two of them, at least, want the same one first.
+    for (std::uint64_t i = 0; i < 2; ++i) AddCamera("10.9.9." + std::to_string(10 + i), 100 + i);
+    for (std::uint64_t i = 2; i < 4; ++i) {
+        cameras->AddCamera(CameraOptions("10.9.9." + std::to_string(10 + i), 100 + i));
+    }
+    Start({});
+    std::vector<Platform::AddressPlan> plans;
+    ASSERT_EQ(m_bus->PlanAddresses(std::nullopt, &plans), HAL_OK);
+    std::set<std::uint32_t> addresses;
+    for (const auto& plan : plans) {
+        EXPECT_EQ(plan.status, HAL_OK);
+        EXPECT_TRUE(addresses.insert(plan.newIp).second) << "given twice";
+    }
+    EXPECT_THAT(addresses, SizeIs(4));
+}
+
 TEST_F(GigEForceIp, SaysWhenTheSubnetIsFullAndStillServesTheOthers) {
     m_host.Ip("addr flush dev h0");
     m_host.Ip("addr add 192.168.77.1/30 dev h0");

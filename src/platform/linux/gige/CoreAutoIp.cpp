@@ -10,9 +10,19 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-// Per camera and round of asking. On a crowded wire more rounds follow.
+// Per camera and round of asking. On a crowded wire more rounds follow, each asking for more.
 constexpr std::size_t kCandidates = 4;
+// In one round, unless there are more cameras. The kernel remembers 1024 neighbours at most, and those after go
+// unasked.
+constexpr std::size_t kMostAsked = 256;
 constexpr int kMaxRounds = 32;
+
+/// The subnet of an interface with addresses that its cameras belong in: the first one with room for another host.
+const InterfaceAddress& HomeOf(const NetworkInterface& interface) {
+    const auto roomy = std::find_if(interface.addresses.begin(), interface.addresses.end(),
+                                    [](const InterfaceAddress& address) { return address.prefixLength < 32; });
+    return roomy != interface.addresses.end() ? *roomy : interface.addresses.front();
+}
 
 }  // namespace
 
@@ -60,7 +70,13 @@ std::uint32_t GigECore::PlanAddresses(std::optional<std::uint32_t> serialNumber,
     for (AddressPlan& plan : *plans) {
         if (!plan.alreadyRight && plan.status == HAL_OK) byInterface[plan.interface].push_back(&plan);
     }
-    for (auto& [interface, wrong] : byInterface) ChooseAddresses(wrong, FindTakenAddresses(heard, interface));
+    std::set<std::uint32_t> given;  // two interfaces may be in one subnet
+    for (auto& [interface, wrong] : byInterface) {
+        std::set<std::uint32_t> taken = FindTakenAddresses(heard, interface);
+        taken.insert(given.begin(), given.end());
+        ChooseAddresses(wrong, std::move(taken));
+        for (const AddressPlan& plan : *plans) given.insert(plan.newIp);
+    }
     return HAL_OK;
 }
 
@@ -79,7 +95,7 @@ std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, std::optiona
         plan.alreadyRight = camera.reachable;
         const NetworkInterface& info = interface->second.info;
         const InterfaceAddress* subnet = camera.reachable ? info.FindSubnet(camera.record.ipAddress) : nullptr;
-        if (subnet == nullptr && !info.addresses.empty()) subnet = &info.addresses.front();
+        if (subnet == nullptr && !info.addresses.empty()) subnet = &HomeOf(info);
         if (subnet != nullptr) plan.interfaceAddress = *subnet;
         if (!camera.reachable && info.addresses.empty()) plan.status = HAL_UNREACHABLE;
         if (!camera.reachable && where.first.mac == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
@@ -117,14 +133,16 @@ void GigECore::ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::u
             for (AddressPlan* plan : plans) plan->status = HAL_UNREACHABLE;
             return;
         }
-        subnet = found->second.info.addresses.front();
+        subnet = HomeOf(found->second.info);
     }
     for (int round = 0; round < kMaxRounds && !plans.empty(); ++round) {
         std::map<AddressPlan*, std::vector<std::uint32_t>> candidates;
         std::vector<std::uint32_t> all;
         std::set<std::uint32_t> spokenFor = taken;
+        const std::size_t most = std::max<std::size_t>(1, kMostAsked / plans.size());
+        const std::size_t each = std::min(most, kCandidates << std::min(round, 6));
         for (AddressPlan* plan : plans) {
-            candidates[plan] = FindFreeAddresses(subnet, spokenFor, MacOf(plan->record), kCandidates);
+            candidates[plan] = FindFreeAddresses(subnet, spokenFor, MacOf(plan->record), each);
             spokenFor.insert(candidates[plan].begin(), candidates[plan].end());
             all.insert(all.end(), candidates[plan].begin(), candidates[plan].end());
         }
@@ -142,7 +160,8 @@ void GigECore::ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::u
                 plan->newMask = subnet.GetMask();
                 break;
             }
-            if (candidates[plan].empty()) plan->status = HAL_FAILED;  // the subnet is full
+            // Without a candidate it has lost them to the others of this round, or the subnet is full.
+            if (plan->newIp == 0 && FindFreeAddresses(subnet, taken, 0, 1).empty()) plan->status = HAL_FAILED;
         }
         std::erase_if(plans, [](const AddressPlan* plan) { return plan->newIp != 0 || plan->status != HAL_OK; });
     }
