@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -165,6 +166,23 @@ FoundCamera CameraArgument::Find(const CommandContext& context, BusMaster& busMa
         context.CheckBuses(busMaster);
         throw;
     }
+}
+
+void AddCameraCommand(CLI::App& app, CommandContext& context, const std::string& name, const std::string& description,
+                      const std::string& footer,
+                      std::function<std::string(BusMaster& busMaster, FoundCamera& camera, bool asJson)> operation) {
+    const auto argument = std::make_shared<CameraArgument>();
+    CLI::App* command =
+        context.AddCommand(app, name, description, [&context, argument, operation = std::move(operation)] {
+            const BusMasterSession busMaster = context.StartBusMaster();
+            FoundCamera camera = argument->Find(context, *busMaster);
+            context.Print(operation(*busMaster, camera, context.WantsJson()));
+            return static_cast<int>(kDone);
+        });
+    argument->AddTo(*command);
+    context.AddJsonOption(*command, "Print one JSON document.");
+    context.AddBusOptions(*command);
+    command->footer(footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <variant>
 
@@ -55,6 +56,13 @@ public:
 private:
     CameraChoice m_choice;
 };
+
+/// A command for one camera: it starts the bus master, finds CAMERA and prints what the operation returns.
+/// @param footer     What its help ends with.
+/// @param operation  Makes the text or, when JSON is wanted, the document. The camera is its own. @throws CommandError.
+void AddCameraCommand(CLI::App& app, CommandContext& context, const std::string& name, const std::string& description,
+                      const std::string& footer,
+                      std::function<std::string(BusMaster& busMaster, FoundCamera& camera, bool asJson)> operation);
 
 }  // namespace Nimbrel2::Tool
 

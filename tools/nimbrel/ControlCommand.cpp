@@ -2,7 +2,6 @@
 // Tells whether this computer may control a GigE camera, and who does. Main thread only; no lock.
 #include "tools/nimbrel/ControlCommand.h"
 
-#include <memory>
 #include <string>
 
 #include "platform/Diagnostics.h"
@@ -36,87 +35,64 @@ Examples:
   nimbrel control ip:192.168.77.10 --json | jq .available
 )";
 
-class ControlCommand {
-public:
-    explicit ControlCommand(CommandContext& context) : m_context(context) {}
+bool IsHeld(const ControlInfo& control) {
+    return control.state == ControlState::Controlled || control.state == ControlState::Exclusive;
+}
 
-    void AddOptions(CLI::App& command) {
-        m_camera.AddTo(command);
-        m_context.AddJsonOption(command, "Print one JSON document.");
-        m_context.AddBusOptions(command);
+ControlInfo AskWhoHolds(BusMaster& busMaster, const FoundCamera& camera) {
+    CameraInfo info;
+    if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) return {};
+    Platform::GigEDiagnosis diagnosis;
+    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) return {};
+    for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
+        const GigECamera other = FromRecord(heard.record);
+        const bool same = IsSame(other.mac, info.macAddress) &&
+                          PackIPAddress(other.ip) == PackIPAddress(info.ipAddress) &&
+                          other.serialNumber == info.serialNumber;
+        if (heard.listed && same) return heard.control;
     }
+    return {};
+}
 
-    int Run() {
-        const BusMasterSession busMaster = m_context.StartBusMaster();
-        FoundCamera camera = m_camera.Find(m_context, *busMaster);
-        bool available = false;
-        const Error error = busMaster->QueryGigECameraCCPStatus(&camera.guid, &available);
-        if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) CheckFor(camera, error);
-        ControlInfo control;
-        if (error != ERROR_OK || !available) {
-            control = AskWhoHolds(*busMaster, camera);
-            // A camera that is held exclusively refuses even that question, and some do not tell who holds them. To the
-            // bus master those are errors; to the user the answer is no.
-            if (!IsHeld(control)) CheckFor(camera, error);
-            available = false;
-        }
-        m_context.Print(m_context.WantsJson() ? Dump(ToJson(available, control))
-                                              : ForPeople(camera, available, control));
-        return kDone;
+Json ToJson(bool available, const ControlInfo& control) {
+    Json json{{"available", available}};
+    if (!IsHeld(control)) return json;
+    json["exclusive"] = control.state == ControlState::Exclusive;
+    if (control.ownerIp != 0) {
+        json["holder"] = Json{{"ip", FormatIp(UnpackIPAddress(control.ownerIp))}, {"port", control.ownerPort}};
     }
+    return json;
+}
 
-private:
-    static bool IsHeld(const ControlInfo& control) {
-        return control.state == ControlState::Controlled || control.state == ControlState::Exclusive;
+std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {
+    if (available) return "This computer may control " + camera.name + ": nobody else does.\n";
+    const std::string holder = control.ownerIp == 0
+                                   ? "an application that the camera does not name"
+                                   : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
+                                         std::to_string(control.ownerPort) + ",";
+    return "This computer may not control " + camera.name + ":\n" + holder + " holds it" +
+           (control.state == ControlState::Exclusive ? " exclusively" : "") + ".\n";
+}
+
+std::string TellControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
+    bool available = false;
+    const Error error = busMaster.QueryGigECameraCCPStatus(&camera.guid, &available);
+    if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) CheckFor(camera, error);
+    ControlInfo control;
+    if (error != ERROR_OK || !available) {
+        control = AskWhoHolds(busMaster, camera);
+        // A camera that is held exclusively refuses even that question, and some do not tell who holds them. To the bus
+        // master those are errors; to the user the answer is no.
+        if (!IsHeld(control)) CheckFor(camera, error);
+        available = false;
     }
-
-    static ControlInfo AskWhoHolds(BusMaster& busMaster, const FoundCamera& camera) {
-        CameraInfo info;
-        if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) return {};
-        Platform::GigEDiagnosis diagnosis;
-        if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) return {};
-        for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-            const GigECamera other = FromRecord(heard.record);
-            const bool same = IsSame(other.mac, info.macAddress) &&
-                              PackIPAddress(other.ip) == PackIPAddress(info.ipAddress) &&
-                              other.serialNumber == info.serialNumber;
-            if (heard.listed && same) return heard.control;
-        }
-        return {};
-    }
-
-    static Json ToJson(bool available, const ControlInfo& control) {
-        Json json{{"available", available}};
-        if (!IsHeld(control)) return json;
-        json["exclusive"] = control.state == ControlState::Exclusive;
-        if (control.ownerIp != 0) {
-            json["holder"] = Json{{"ip", FormatIp(UnpackIPAddress(control.ownerIp))}, {"port", control.ownerPort}};
-        }
-        return json;
-    }
-
-    static std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {
-        if (available) return "This computer may control " + camera.name + ": nobody else does.\n";
-        const std::string holder = control.ownerIp == 0
-                                       ? "an application that the camera does not name"
-                                       : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) +
-                                             ", port " + std::to_string(control.ownerPort) + ",";
-        return "This computer may not control " + camera.name + ":\n" + holder + " holds it" +
-               (control.state == ControlState::Exclusive ? " exclusively" : "") + ".\n";
-    }
-
-    CommandContext& m_context;
-    CameraArgument m_camera;
-};
+    return asJson ? Dump(ToJson(available, control)) : ForPeople(camera, available, control);
+}
 
 }  // namespace
 
 void AddControlCommand(CLI::App& app, CommandContext& context) {
-    const auto control = std::make_shared<ControlCommand>(context);
-    CLI::App* command = context.AddCommand(app, "control", "Tells whether a GigE camera is free to control.",
-                                           [control] { return control->Run(); });
-    control->AddOptions(*command);
-    command->footer(kFooter);
+    AddCameraCommand(app, context, "control", "Tells whether a GigE camera is free to control.", kFooter, TellControl);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -2,8 +2,6 @@
 // Asks for a bus reset through one camera. Main thread only; no lock.
 #include "tools/nimbrel/ResetCommand.h"
 
-#include <memory>
-
 #include "tools/nimbrel/CameraArgument.h"
 
 namespace Nimbrel2::Tool {
@@ -26,37 +24,15 @@ Examples:
   nimbrel reset index:0 --bus 1394                the first one of IEEE 1394
 )";
 
-class ResetCommand {
-public:
-    explicit ResetCommand(CommandContext& context) : m_context(context) {}
-
-    void AddOptions(CLI::App& command) {
-        m_camera.AddTo(command);
-        m_context.AddJsonOption(command, "Print one JSON document.");
-        m_context.AddBusOptions(command);
-    }
-
-    int Run() {
-        const BusMasterSession busMaster = m_context.StartBusMaster();
-        FoundCamera camera = m_camera.Find(m_context, *busMaster);
-        CheckFor(camera, busMaster->FireBusReset(&camera.guid));
-        m_context.Print(m_context.WantsJson() ? Dump({{"ok", true}}) : "A reset was asked of " + camera.name + ".\n");
-        return kDone;
-    }
-
-private:
-    CommandContext& m_context;
-    CameraArgument m_camera;
-};
+std::string AskForReset(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
+    CheckFor(camera, busMaster.FireBusReset(&camera.guid));
+    return asJson ? Dump({{"ok", true}}) : "A reset was asked of " + camera.name + ".\n";
+}
 
 }  // namespace
 
 void AddResetCommand(CLI::App& app, CommandContext& context) {
-    const auto reset = std::make_shared<ResetCommand>(context);
-    CLI::App* command =
-        context.AddCommand(app, "reset", "Asks for a reset of a camera's bus.", [reset] { return reset->Run(); });
-    reset->AddOptions(*command);
-    command->footer(kFooter);
+    AddCameraCommand(app, context, "reset", "Asks for a reset of a camera's bus.", kFooter, AskForReset);
 }
 
 }  // namespace Nimbrel2::Tool

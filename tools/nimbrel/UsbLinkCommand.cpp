@@ -2,7 +2,6 @@
 // Tells how a USB camera is connected. Main thread only; no lock.
 #include "tools/nimbrel/UsbLinkCommand.h"
 
-#include <memory>
 #include <string>
 
 #include "tools/nimbrel/CameraArgument.h"
@@ -32,47 +31,23 @@ Examples:
   nimbrel usb-link index:0 --bus usb --json
 )";
 
-class UsbLinkCommand {
-public:
-    explicit UsbLinkCommand(CommandContext& context) : m_context(context) {}
-
-    void AddOptions(CLI::App& command) {
-        m_camera.AddTo(command);
-        m_context.AddJsonOption(command, "Print one JSON document.");
-        m_context.AddBusOptions(command);
+std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool asJson) {
+    unsigned int value = 0;
+    CheckFor(camera, busMaster.GetUsbLinkInfo(camera.guid, &value));
+    const UsbLink link = DecodeUsbLink(value);
+    const std::string speed = DescribeUsbSpeed(link.speed);
+    if (asJson) {
+        return Dump({{"ok", true}, {"value", value}, {"speed", speed}, {"port", link.port}, {"hubs", link.hubs}});
     }
-
-    int Run() {
-        const BusMasterSession busMaster = m_context.StartBusMaster();
-        const FoundCamera camera = m_camera.Find(m_context, *busMaster);
-        unsigned int value = 0;
-        CheckFor(camera, busMaster->GetUsbLinkInfo(camera.guid, &value));
-        const UsbLink link = DecodeUsbLink(value);
-        const std::string speed = DescribeUsbSpeed(link.speed);
-        if (m_context.WantsJson()) {
-            m_context.Print(
-                Dump({{"ok", true}, {"value", value}, {"speed", speed}, {"port", link.port}, {"hubs", link.hubs}}));
-        } else {
-            m_context.Print("speed  " + speed + "\nport   " + std::to_string(link.port) +
-                            (link.hubs == 0 ? " of the computer" : " of its hub") + "\nhubs   " +
-                            std::to_string(link.hubs) + " above it\n");
-        }
-        return kDone;
-    }
-
-private:
-    CommandContext& m_context;
-    CameraArgument m_camera;
-};
+    return "speed  " + speed + "\nport   " + std::to_string(link.port) +
+           (link.hubs == 0 ? " of the computer" : " of its hub") + "\nhubs   " + std::to_string(link.hubs) +
+           " above it\n";
+}
 
 }  // namespace
 
 void AddUsbLinkCommand(CLI::App& app, CommandContext& context) {
-    const auto link = std::make_shared<UsbLinkCommand>(context);
-    CLI::App* command =
-        context.AddCommand(app, "usb-link", "Tells how a USB camera is connected.", [link] { return link->Run(); });
-    link->AddOptions(*command);
-    command->footer(kFooter);
+    AddCameraCommand(app, context, "usb-link", "Tells how a USB camera is connected.", kFooter, DescribeLink);
 }
 
 }  // namespace Nimbrel2::Tool

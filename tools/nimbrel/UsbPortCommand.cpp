@@ -3,7 +3,6 @@
 #include "tools/nimbrel/UsbPortCommand.h"
 
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "tools/nimbrel/CameraArgument.h"
@@ -40,47 +39,24 @@ std::string Line(const char* name, std::uint32_t bits, const std::string& words)
     return std::string(name) + "  " + number + "  " + (words.empty() ? "nothing" : words) + "\n";
 }
 
-class UsbPortCommand {
-public:
-    explicit UsbPortCommand(CommandContext& context) : m_context(context) {}
-
-    void AddOptions(CLI::App& command) {
-        m_camera.AddTo(command);
-        m_context.AddJsonOption(command, "Print one JSON document.");
-        m_context.AddBusOptions(command);
+std::string DescribePort(BusMaster& busMaster, const FoundCamera& camera, bool asJson) {
+    unsigned int value = 0;
+    CheckFor(camera, busMaster.GetUsbPortStatus(camera.guid, &value));
+    const UsbPort port = DecodeUsbPort(value, camera.interfaceType == INTERFACE_USB_3);
+    if (asJson) {
+        Json json{{"ok", true}, {"value", value}, {"status", port.status}, {"change", port.changed}};
+        if (!port.linkState.empty()) json["link"] = port.linkState;
+        return Dump(json);
     }
-
-    int Run() {
-        const BusMasterSession busMaster = m_context.StartBusMaster();
-        const FoundCamera camera = m_camera.Find(m_context, *busMaster);
-        unsigned int value = 0;
-        CheckFor(camera, busMaster->GetUsbPortStatus(camera.guid, &value));
-        const UsbPort port = DecodeUsbPort(value, camera.interfaceType == INTERFACE_USB_3);
-        if (m_context.WantsJson()) {
-            Json json{{"ok", true}, {"value", value}, {"status", port.status}, {"change", port.changed}};
-            if (!port.linkState.empty()) json["link"] = port.linkState;
-            m_context.Print(Dump(json));
-        } else {
-            m_context.Print(Line("status", value & 0xFFFF, Enumerate(port.status)) +
-                            Line("change", value >> 16, Enumerate(port.changed)) +
-                            (port.linkState.empty() ? "" : "link    " + port.linkState + "\n"));
-        }
-        return kDone;
-    }
-
-private:
-    CommandContext& m_context;
-    CameraArgument m_camera;
-};
+    return Line("status", value & 0xFFFF, Enumerate(port.status)) +
+           Line("change", value >> 16, Enumerate(port.changed)) +
+           (port.linkState.empty() ? "" : "link    " + port.linkState + "\n");
+}
 
 }  // namespace
 
 void AddUsbPortCommand(CLI::App& app, CommandContext& context) {
-    const auto port = std::make_shared<UsbPortCommand>(context);
-    CLI::App* command = context.AddCommand(app, "usb-port", "Tells the status of the port of a USB camera.",
-                                           [port] { return port->Run(); });
-    port->AddOptions(*command);
-    command->footer(kFooter);
+    AddCameraCommand(app, context, "usb-port", "Tells the status of the port of a USB camera.", kFooter, DescribePort);
 }
 
 }  // namespace Nimbrel2::Tool
