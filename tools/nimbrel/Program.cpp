@@ -13,8 +13,8 @@
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/ControlCommand.h"
 #include "tools/nimbrel/DiscoverCommand.h"
-#include "tools/nimbrel/ForceIpCommand.h"
 #include "tools/nimbrel/DoctorCommand.h"
+#include "tools/nimbrel/ForceIpCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
@@ -123,6 +123,7 @@ int Run(CLI::App& app, CommandContext& context, int argc, const char* const* arg
 }  // namespace
 
 int RunProgram(int argc, const char* const* argv) {
+    KeepStandardDescriptors();
     Interrupts::Install();
     CLI::App app(kDescription, "nimbrel");
     try {
