@@ -11,6 +11,7 @@
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/NetworkInterfaces.h"
 #include "tools/nimbrel/Progress.h"
+#include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
@@ -146,6 +147,7 @@ std::string CommandContext::DescribeBuses() const {
 }
 
 std::vector<std::string> CommandContext::GetNetworkInterfaces() const {
+    if (m_rig) return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
     return m_interfaces.empty() ? UsualNetworkInterfaceNames() : m_interfaces;
 }
 
@@ -170,7 +172,7 @@ void CommandContext::LoadRig() {
         if (!m_interfaces.empty()) Platform::KeepNetworkInterfaces(&plan.rig, m_interfaces);
         m_rig = std::make_shared<Platform::Rig>(std::move(plan.rig));
     } catch (const Platform::RigFileError& error) {
-        throw CommandError(error.what());
+        throw CommandError(ForTerminal(error.what()));
     } catch (const std::invalid_argument& error) {
         throw CommandError(std::string("--interface: ") + error.what());
     }

@@ -81,7 +81,8 @@ public:
     bool UsesBus(const std::string& name) const;
     /// "IEEE 1394, USB and GigE": the buses that are looked at.
     std::string DescribeBuses() const;
-    /// What GigE looks at: the named network interfaces, or else all those that are up except loopback.
+    /// What GigE looks at: the rig's network interfaces that are up, the named ones of this computer, or else all of
+    /// its own that are up except loopback.
     std::vector<std::string> GetNetworkInterfaces() const;
 
 private:

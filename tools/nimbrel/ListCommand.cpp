@@ -232,6 +232,8 @@ private:
         text += "Check that each camera has power and that its cable is plugged in at both ends.\n";
         if (!m_context.UsesBus("gige")) return text;
         const std::vector<std::string> interfaces = m_context.GetNetworkInterfaces();
+        if (interfaces.empty() && m_context.GetRig())
+            return text + "GigE: the rig has no network interface that is up.\n";
         if (interfaces.empty()) {
             return text +
                    "GigE: no network interface is up with a link and an IPv4 address (loopback counts\n"

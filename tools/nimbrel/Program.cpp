@@ -53,10 +53,10 @@ Examples:
 
 const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";
 
-// "nimbrel list" once a subcommand is known.
+// "nimbrel rig check" once the subcommands are known.
 std::string ProgramName(const CLI::App& app) {
     const auto chosen = app.get_subcommands();
-    return app.get_name() + (chosen.empty() ? "" : " " + chosen.front()->get_name());
+    return app.get_name() + (chosen.empty() ? "" : " " + ProgramName(*chosen.front()));
 }
 
 int Complain(const CLI::App& app, const std::string& text, ExitStatus status) {

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +21,7 @@
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -56,7 +59,7 @@ RigPlan Load(const std::optional<std::string>& file) {
     try {
         return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltIn);
     } catch (const Platform::RigFileError& error) {
-        throw CommandError(error.what());
+        throw CommandError(ForTerminal(error.what()));
     }
 }
 
@@ -64,10 +67,13 @@ std::string Quantity(std::size_t count, const std::string& one, const std::strin
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-std::string Serials(const std::vector<std::uint32_t>& serials) {
-    std::string text;
-    for (const std::uint32_t serial : serials) text += (text.empty() ? "" : ", ") + std::to_string(serial);
-    return text.empty() ? "none" : text;
+// What is in the one and not in the other, both in ascending order, for people; empty when nothing is.
+std::string Difference(const std::vector<std::uint32_t>& one, const std::vector<std::uint32_t>& other) {
+    std::vector<std::uint32_t> difference;
+    std::set_difference(one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(difference));
+    std::vector<std::string> words;
+    for (const std::uint32_t serial : difference) words.push_back(std::to_string(serial));
+    return words.empty() ? "" : Enumerate(words);
 }
 
 milliseconds DelayOfFaults(const RigPlan& plan) {
@@ -81,11 +87,11 @@ milliseconds DelayOfFaults(const RigPlan& plan) {
 // Plays one timeline on a bus master that runs on the rig.
 class Player {
 public:
-    Player(CommandContext& context, const RigPlan& plan, std::string name, Platform::Rig& rig, BusMaster& busMaster,
+    Player(CommandContext& context, std::string file, const RigPlan& plan, Platform::Rig& rig, BusMaster& busMaster,
            EventQueue& events, bool fast)
         : m_context(context),
+          m_file(std::move(file)),
           m_plan(plan),
-          m_name(std::move(name)),
           m_rig(rig),
           m_busMaster(busMaster),
           m_events(events),
@@ -99,22 +105,21 @@ public:
         const Clock::time_point start = Clock::now();
         for (const RigStep& step : m_plan.timeline) {
             if (step.at && !m_fast && !PrintUntil(start + *step.at)) return kDone;
-            if (step.after && !WaitFor(*step.after, step.pointer)) return kDone;
-            m_seen.clear();
+            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) return kDone;
             Announce(step);
             if (const std::optional<std::string> problem = Platform::Apply(m_rig, step.action)) {
-                Fail(step.pointer, *problem);
+                Fail(step.actionPointer, *problem);
             }
-            if (m_fast && !Settle(step.pointer)) return kDone;
+            if (m_fast && !Settle(step.actionPointer)) return kDone;
         }
-        if (!Settle("the end")) return kDone;
+        if (!Settle("/end")) return kDone;
         CheckEnd();
         return kDone;
     }
 
 private:
-    [[noreturn]] void Fail(const std::string& where, const std::string& reason) const {
-        throw CommandError(m_name + ": " + where + ": " + reason);
+    [[noreturn]] void Fail(const std::string& pointer, const std::string& reason) const {
+        throw CommandError(ForTerminal(m_file + ": " + pointer + ": " + reason));
     }
 
     std::string Patience() const {
@@ -126,10 +131,10 @@ private:
     }
 
     // What happened is over when every event has been delivered and the bus master has acted upon all of them.
-    bool Settle(const std::string& where) {
+    bool Settle(const std::string& pointer) {
         const auto patience = static_cast<unsigned int>(m_patience.count());
         if (!Platform::WaitUntilEventsAreDelivered(m_patience) || !m_busMaster.WaitUntilQuiet(patience)) {
-            Fail(where, "the bus master was still busy after " + Patience());
+            Fail(pointer, "the bus master was still busy after " + Patience());
         }
         return PrintWaiting();
     }
@@ -158,19 +163,30 @@ private:
         return false;
     }
 
-    bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
-        const auto matches = [&awaited](const BusEvent& event) {
+    // Takes the oldest event that fits and that no step before has taken; only that one, because callbacks run on
+    // threads of their own and overtake each other. So it does not matter whether time is waited for.
+    bool TakeSeen(const AwaitedEvent& awaited) {
+        const auto found = std::find_if(m_seen.begin(), m_seen.end(), [&awaited](const BusEvent& event) {
             static constexpr BusCallbackType types[] = {BUS_RESET, ARRIVAL, REMOVAL};
             return event.type == types[static_cast<int>(awaited.kind)] &&
                    (!awaited.serialNumber || event.serialNumber == *awaited.serialNumber);
-        };
+        });
+        if (found == m_seen.end()) return false;
+        m_seen.erase(found);
+        return true;
+    }
+
+    bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
+        if (m_fast) {
+            if (!Settle(pointer)) return false;
+            if (!TakeSeen(awaited)) Fail(pointer, "everything has come to rest without this event");
+            return true;
+        }
         const Clock::time_point deadline = Clock::now() + m_patience;
         while (PrintWaiting()) {
-            if (std::any_of(m_seen.begin(), m_seen.end(), matches)) return true;
-            // In virtual time everything that follows from the step before has happened.
-            if (m_fast) Fail(pointer + "/after", "the event did not come");
+            if (TakeSeen(awaited)) return true;
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) Fail(pointer + "/after", "the event did not come within " + Patience());
+            if (left.count() <= 0) Fail(pointer, "the event did not come within " + Patience());
             if (IsInterrupted(static_cast<int>(left.count()))) return false;
         }
         return false;
@@ -181,8 +197,11 @@ private:
         for (const Camera& camera : ListCameras(m_busMaster)) serials.push_back(camera.serialNumber);
         std::sort(serials.begin(), serials.end());
         if (m_plan.finalSerialNumbers && serials != *m_plan.finalSerialNumbers) {
-            Fail("/end/cameras", "the rig ends with cameras " + Serials(serials) + ", and its file says " +
-                                     Serials(*m_plan.finalSerialNumbers));
+            const std::string missing = Difference(*m_plan.finalSerialNumbers, serials);
+            const std::string tooMany = Difference(serials, *m_plan.finalSerialNumbers);
+            Fail("/end/cameras", "the rig ends otherwise: " + (missing.empty() ? "" : "missing " + missing) +
+                                     (missing.empty() || tooMany.empty() ? "" : "; ") +
+                                     (tooMany.empty() ? "" : "too many " + tooMany));
         }
         if (!m_context.WantsJson()) {
             m_context.Print("-- the end: " + Quantity(serials.size(), "camera", "cameras") +
@@ -191,8 +210,8 @@ private:
     }
 
     CommandContext& m_context;
+    const std::string m_file;
     const RigPlan& m_plan;
-    const std::string m_name;
     Platform::Rig& m_rig;
     BusMaster& m_busMaster;
     EventQueue& m_events;
@@ -200,7 +219,7 @@ private:
     const bool m_fast;
     const milliseconds m_patience;
     int m_interrupt = -1;
-    std::vector<BusEvent> m_seen;  // Since the last step.
+    std::deque<BusEvent> m_seen;  // That no step has taken.
 };
 
 class RigCommand {
@@ -209,7 +228,8 @@ public:
 
     void Declare(CLI::App& rig) {
         AddFile(*m_context.AddCommand(rig, "check", "Tells whether a file is a rig, and if not, where and why.",
-                                      [this] { return Check(); }))
+                                      [this] { return Check(); }),
+                "The rig.")
             ->required();
         CLI::App* play = m_context.AddCommand(rig, "play", "Lets happen what the file says and prints the events.",
                                               [this] { return Play(); });
@@ -229,9 +249,9 @@ public:
     }
 
 private:
-    CLI::Option* AddFile(CLI::App& command) {
+    CLI::Option* AddFile(CLI::App& command, const char* description = "The rig; without it the built-in one.") {
         return command.add_option_function<std::string>(
-            "FILE", [this](const std::string& file) { m_file = file; }, "The rig; without it the built-in one.");
+            "FILE", [this](const std::string& file) { m_file = file; }, description);
     }
 
     int Check() {
@@ -253,7 +273,7 @@ private:
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster = m_context.StartBusMaster();
         events.Register(*busMaster);
-        return Player(m_context, plan, m_file.value_or(kBuiltIn), *rig, *busMaster, events, m_fast).Play();
+        return Player(m_context, m_file.value_or(kBuiltIn), plan, *rig, *busMaster, events, m_fast).Play();
     }
 
     int Serve() {
@@ -262,7 +282,7 @@ private:
         Platform::Simulated::SimulatedGigENetwork network;
         std::vector<Platform::LoopbackCamera> cameras;
         const std::string problem = Platform::PutOnLoopback(plan.rig, kFirstLoopbackAddress, &network, &cameras);
-        if (!problem.empty()) throw CommandError(problem);
+        if (!problem.empty()) throw CommandError(ForTerminal(problem));
         for (const Platform::LoopbackCamera& camera : cameras) {
             m_context.Print(FormatIp(UnpackIPAddress(camera.options.address)) + "  " + ForTerminal(camera.name) + "\n");
         }

@@ -277,9 +277,32 @@ bool FireWireModel::Unplug(const std::string& name) {
     return true;
 }
 
+// Whether cables lead from there to the device, and to the card only through it.
+bool FireWireModel::HangsBehind(const std::string& device, const std::string& there) const {
+    std::set<std::string> reached{there};
+    std::size_t before = 0;
+    while (before != reached.size()) {
+        before = reached.size();
+        for (const CableDescription& cable : m_description.cables) {
+            for (int side = 0; side < 2; ++side) {
+                if (cable.ends[side].phy != device && reached.count(cable.ends[side].phy) != 0) {
+                    reached.insert(cable.ends[1 - side].phy);
+                }
+            }
+        }
+    }
+    return there != device && reached.count(device) != 0 && reached.count(m_description.phys[CardIndex()].name) == 0;
+}
+
 std::optional<std::string> FireWireModel::Move(const std::string& name, unsigned int ownPort, const CableEnd& to) {
     if (!m_description.selfIds.empty()) {
-        return "a bus of raw self-IDs stays as it is";
+        return "\"" + name + "\" is on a bus given as self-ID quadlets and cannot be moved";
+    }
+    if (name == m_description.phys[CardIndex()].name) {
+        return "\"" + name + "\" is the computer's own card";
+    }
+    if (HangsBehind(name, to.phy)) {
+        return "\"" + to.phy + "\" hangs behind \"" + name + "\", which would be a loop";
     }
     FireWireBusDescription moved = m_description;
     std::erase_if(moved.cables, [&name](const CableDescription& cable) {

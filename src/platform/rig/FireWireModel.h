@@ -77,6 +77,7 @@ private:
     std::size_t IndexOf(const std::string& name) const;
     void Connect(const CableDescription& cable);
     void Disconnect(std::size_t phy);
+    bool HangsBehind(const std::string& device, const std::string& there) const;
     void LosePower(std::size_t phy);
     std::size_t CardIndex() const;
     std::vector<std::size_t> OnBus() const;

@@ -233,6 +233,16 @@ bool GigEModel::HasInterfaceUp() const {
                        [](const NetworkInterfaceDescription& network) { return network.up; });
 }
 
+std::vector<std::string> GigEModel::InterfacesUp() const {
+    std::vector<std::string> names;
+    for (const NetworkInterfaceDescription& network : m_interfaces) {
+        if (network.up) {
+            names.push_back(network.name);
+        }
+    }
+    return names;
+}
+
 std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
     if (!HasInterfaceUp()) {
         return HAL_NO_BUS;

@@ -65,6 +65,8 @@ public:
     }
     bool IsOnSubnet(const Camera& camera) const;
     bool HasInterfaceUp() const;
+    /// Of those that are up, in the order of the description.
+    std::vector<std::string> InterfacesUp() const;
 
     /// FORCEIP by broadcast on every interface: HAL_NO_ACKNOWLEDGE when no camera with that MAC hears it, or when it is
     /// held.

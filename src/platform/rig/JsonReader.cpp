@@ -3,16 +3,22 @@
 #include "platform/rig/JsonReader.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 namespace Nimbrel2::Platform {
 
 namespace {
 
+constexpr std::size_t MaxShownBytes = 60;            // of a key or value
+constexpr std::size_t MaxParserBytes = 300;          // the parser shows what it read last, however long
+constexpr double MaxExactDouble = 9007199254740992;  // whole numbers up to here are doubles
+
 std::string Escaped(const std::string& key) {
     std::string escaped;
-    for (const char c : key) {
+    for (const char c : Cut(key, MaxShownBytes)) {
         escaped += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);
     }
     return escaped;
@@ -40,7 +46,7 @@ public:
     bool key(string_t& key) override {
         m_levels.back().key = key;
         if (!m_levels.back().keys.insert(key).second) {
-            throw JsonProblem(Pointer(), "the key \"" + key + "\" stands twice in one object");
+            throw JsonProblem(Pointer(), "the key " + Quoted(key) + " stands twice in one object");
         }
         return true;
     }
@@ -48,7 +54,7 @@ public:
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
         const std::string reason = error.what();  // "[json.exception.parse_error.101] parse error at line 3, ..."
         const std::size_t start = reason.find("] ");
-        throw JsonProblem("", start == std::string::npos ? reason : reason.substr(start + 2));
+        throw JsonProblem("", Cut(start == std::string::npos ? reason : reason.substr(start + 2), MaxParserBytes));
     }
 
 private:
@@ -92,7 +98,52 @@ private:
     std::vector<Level> m_levels;
 };
 
+// What stands in a file in place of what is wanted.
+std::string Found(const nlohmann::json& value) {
+    switch (value.type()) {
+        case nlohmann::json::value_t::object:
+            return "an object";
+        case nlohmann::json::value_t::array:
+            return "an array";
+        case nlohmann::json::value_t::string:
+            return "the text " + Quoted(value.get<std::string>());
+        default:
+            return value.dump();
+    }
+}
+
+// The whole number, however it is written.
+std::optional<std::uint64_t> WholeNumber(const nlohmann::json& value) {
+    if (value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() == 0)) {
+        return value.get<std::uint64_t>();
+    }
+    const double number = value.is_number_float() ? value.get<double>() : -1;
+    if (number < 0 || number > MaxExactDouble || number != std::floor(number)) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(number);
+}
+
+std::string Decimal(double number) {
+    return number == std::floor(number) ? std::to_string(static_cast<std::int64_t>(number))
+                                        : nlohmann::json(number).dump();
+}
+
 }  // namespace
+
+std::string Cut(const std::string& text, std::size_t bytes) {
+    if (text.size() <= bytes) {
+        return text;
+    }
+    while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xC0) == 0x80) {
+        --bytes;
+    }
+    return text.substr(0, bytes) + "...";
+}
+
+std::string Quoted(const std::string& text) { return "\"" + Cut(text, MaxShownBytes) + "\""; }
+
+void JsonValue::FailAs(const std::string& wanted) const { Fail(wanted + " is wanted, not " + Found(*m_value)); }
 
 nlohmann::json ParseStrictly(std::string_view text, int maxDepth) {
     StrictnessCheck check(maxDepth);
@@ -102,43 +153,43 @@ nlohmann::json ParseStrictly(std::string_view text, int maxDepth) {
 
 std::string JsonValue::Text() const {
     if (!m_value->is_string()) {
-        Fail(std::string("a text is wanted, not ") + m_value->type_name());
+        FailAs("a text");
     }
     return m_value->get<std::string>();
 }
 
 bool JsonValue::Boolean() const {
     if (!m_value->is_boolean()) {
-        Fail(std::string("true or false is wanted, not ") + m_value->type_name());
+        FailAs("true or false");
     }
     return m_value->get<bool>();
 }
 
 std::uint64_t JsonValue::Unsigned(std::uint64_t minimum, std::uint64_t maximum) const {
-    const std::string wanted =
-        "a whole number from " + std::to_string(minimum) + " to " + std::to_string(maximum) + " is wanted, not ";
-    if (!m_value->is_number_unsigned()) {
-        Fail(wanted + (m_value->is_number() ? m_value->dump() : m_value->type_name()));
+    const std::optional<std::uint64_t> number = WholeNumber(*m_value);
+    if (!number.has_value() || *number < minimum || *number > maximum) {
+        FailAs("a whole number from " + std::to_string(minimum) + " to " + std::to_string(maximum));
     }
-    const auto number = m_value->get<std::uint64_t>();
-    if (number < minimum || number > maximum) {
-        Fail(wanted + std::to_string(number));
-    }
-    return number;
+    return *number;
 }
 
 double JsonValue::Number(double minimum, double maximum) const {
     if (!m_value->is_number() || !(m_value->get<double>() >= minimum) || !(m_value->get<double>() <= maximum)) {
-        Fail("a number from " + nlohmann::json(minimum).dump() + " to " + nlohmann::json(maximum).dump() +
-             " is wanted, not " + (m_value->is_number() ? m_value->dump() : m_value->type_name()));
+        FailAs("a number from " + Decimal(minimum) + " to " + Decimal(maximum));
     }
     return m_value->get<double>();
 }
 
 std::uint64_t JsonValue::HexOrNumber(std::size_t maxDigits) const {
     const std::uint64_t maximum = maxDigits >= 16 ? ~std::uint64_t{0} : (std::uint64_t{1} << 4 * maxDigits) - 1;
+    const std::string wanted = "a text of up to " + std::to_string(maxDigits) +
+                               " hexadecimal digits, or a number from 0 to " + std::to_string(maximum) + ",";
     if (!m_value->is_string()) {
-        return Unsigned(0, maximum);
+        const std::optional<std::uint64_t> number = WholeNumber(*m_value);
+        if (!number.has_value() || *number > maximum) {
+            FailAs(wanted);
+        }
+        return *number;
     }
     std::string digits = Text();
     if (digits.compare(0, 2, "0x") == 0) {
@@ -147,14 +198,14 @@ std::uint64_t JsonValue::HexOrNumber(std::size_t maxDigits) const {
     std::uint64_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number, 16);
     if (digits.empty() || digits.size() > maxDigits || error != std::errc{} || end != digits.data() + digits.size()) {
-        Fail("up to " + std::to_string(maxDigits) + " hexadecimal digits are wanted, not \"" + Text() + "\"");
+        FailAs(wanted);
     }
     return number;
 }
 
 std::size_t JsonValue::Size() const {
     if (!m_value->is_array()) {
-        Fail(std::string("an array is wanted, not ") + m_value->type_name());
+        FailAs("an array");
     }
     return m_value->size();
 }
@@ -165,7 +216,7 @@ JsonValue JsonValue::At(std::size_t index) const {
 
 JsonObject::JsonObject(const JsonValue& value) : m_value(value) {
     if (!value.m_value->is_object()) {
-        value.Fail(std::string("an object is wanted, not ") + value.m_value->type_name());
+        value.FailAs("an object");
     }
 }
 

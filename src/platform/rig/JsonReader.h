@@ -19,6 +19,11 @@ struct JsonProblem : std::runtime_error {
     std::string pointer;
 };
 
+/// The text, or its beginning and "..." when it has more bytes than that. Cuts between characters of UTF-8.
+std::string Cut(const std::string& text, std::size_t bytes);
+/// A name or value of a file as errors show it: in quotes, and cut to what a line can hold.
+std::string Quoted(const std::string& text);
+
 /// Parses a document without repeated keys and not nested deeper than maxDepth.
 /// @throws JsonProblem
 nlohmann::json ParseStrictly(std::string_view text, int maxDepth);
@@ -36,6 +41,7 @@ public:
 
     std::string Text() const;
     bool Boolean() const;
+    /// A whole number, which may be written as 10.0 or 1e1.
     std::uint64_t Unsigned(std::uint64_t minimum, std::uint64_t maximum) const;
     double Number(double minimum, double maximum) const;
     /// A number, or a hexadecimal text of at most that many digits with or without 0x.
@@ -46,6 +52,8 @@ public:
 
 private:
     friend class JsonObject;
+    [[noreturn]] void FailAs(const std::string& wanted) const;
+
     const nlohmann::json* m_value;
     std::string m_pointer;
 };

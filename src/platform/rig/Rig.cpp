@@ -535,10 +535,10 @@ std::uint32_t Rig::ResetHostOf(const std::string& device) {
 
 std::vector<std::uint32_t> Rig::VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const {
     const std::lock_guard lock(m_mutex);
+    std::set<std::uint64_t> used(taken.begin(), taken.end());
     std::vector<std::uint32_t> serialNumbers;
     for (std::uint32_t serial : m_virtualCameras) {
-        while (std::count(taken.begin(), taken.end(), serial) != 0 ||
-               std::count(serialNumbers.begin(), serialNumbers.end(), serial) != 0) {
+        while (!used.insert(serial).second) {
             ++serial;
         }
         serialNumbers.push_back(serial);

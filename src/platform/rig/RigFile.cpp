@@ -6,10 +6,12 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <cstddef>
 #include <fstream>
 #include <initializer_list>
 #include <set>
+#include <sstream>
 
 #include "platform/rig/JsonReader.h"
 
@@ -20,6 +22,8 @@ namespace {
 constexpr std::size_t MaxFileBytes = 16U << 20;
 constexpr int MaxDepth = 16;
 constexpr double MaxSeconds = 86400;
+constexpr std::size_t MaxReasonBytes = 400;
+constexpr std::size_t MaxActionBytes = 200;
 constexpr std::size_t MaxSteps = 10000;
 
 // ---- Values
@@ -35,14 +39,15 @@ Value OneOf(const JsonValue& value, const std::array<std::pair<const char*, Valu
         }
         wanted += std::string(wanted.empty() ? "" : ", ") + name;
     }
-    value.Fail("one of " + wanted + " is wanted, not \"" + text + "\"");
+    value.Fail("one of " + wanted + " is wanted, not " + Quoted(text));
 }
 
 // A text of a discovery answer, which has a field of that size for it.
 std::string FieldOf(const JsonValue& value, std::size_t size) {
     std::string text = value.Text();
     if (text.size() > size) {
-        value.Fail("at most " + std::to_string(size) + " bytes are wanted, not \"" + text + "\"");
+        value.Fail("a text of at most " + std::to_string(size) + " bytes is wanted, not one of " +
+                   std::to_string(text.size()) + ", " + Quoted(text));
     }
     return text;
 }
@@ -52,7 +57,7 @@ std::uint32_t ToUnsigned32(const JsonValue& value, std::uint64_t minimum, std::u
 }
 
 std::chrono::milliseconds Seconds(const JsonValue& value) {
-    return std::chrono::milliseconds(static_cast<std::int64_t>(value.Number(0, MaxSeconds) * 1000));
+    return std::chrono::milliseconds(std::llround(value.Number(0, MaxSeconds) * 1000));
 }
 
 std::optional<std::uint32_t> ParseAddress(std::string_view text) {
@@ -77,9 +82,18 @@ std::optional<std::uint32_t> ParseAddress(std::string_view text) {
 std::uint32_t Address(const JsonValue& value) {
     const std::optional<std::uint32_t> address = ParseAddress(value.Text());
     if (!address.has_value()) {
-        value.Fail("an IPv4 address is wanted, not \"" + value.Text() + "\"");
+        value.Fail("an IPv4 address is wanted, not " + Quoted(value.Text()));
     }
     return *address;
+}
+
+// Of a host or camera, so not 0.0.0.0, which stands for having none.
+std::uint32_t OwnAddress(const JsonValue& value) {
+    const std::uint32_t address = Address(value);
+    if (address == 0) {
+        value.Fail("0.0.0.0 is nobody's address");
+    }
+    return address;
 }
 
 struct AddressAndMask {
@@ -97,7 +111,10 @@ AddressAndMask ToAddressAndMask(const JsonValue& value) {
                         std::all_of(bits.begin(), bits.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
     const unsigned int prefix = digits ? static_cast<unsigned int>(std::stoul(bits)) : 33;
     if (!address.has_value() || prefix > 32) {
-        value.Fail("an IPv4 address with a prefix length (192.168.77.1/24) is wanted, not \"" + text + "\"");
+        value.Fail("an IPv4 address with a prefix length (192.168.77.1/24) is wanted, not " + Quoted(text));
+    }
+    if (*address == 0) {
+        value.Fail("0.0.0.0 is nobody's address");
     }
     return {*address, prefix == 0 ? 0 : ~std::uint32_t{0} << (32 - prefix)};
 }
@@ -116,7 +133,10 @@ std::uint64_t Mac(const JsonValue& value) {
         }
     }
     if (!good) {
-        value.Fail("a MAC address (02:00:00:00:09:09) is wanted, not \"" + text + "\"");
+        value.Fail("a MAC address (02:00:00:00:09:09) is wanted, not " + Quoted(text));
+    }
+    if ((mac >> 40 & 1) != 0) {  // IEEE 802: the first bit on the wire
+        value.Fail("the MAC address of one camera is wanted, not that of a group, " + Quoted(text));
     }
     return mac;
 }
@@ -173,7 +193,7 @@ PhyDescription ReadPhy(JsonObject& object) {
     object.Optional("unitVersion", [&](const JsonValue& value) {
         phy.unitVersion = static_cast<std::uint32_t>(value.HexOrNumber(6));
         if (phy.unitVersion < 0x100 || phy.unitVersion > 0x102) {
-            value.Fail("an IIDC unit version is 0x100, 0x101 or 0x102");
+            value.Fail("an IIDC unit version is \"0x100\", \"0x101\" or \"0x102\" (256, 257 or 258 as a number)");
         }
     });
     return phy;
@@ -282,7 +302,7 @@ UsbHostDescription ReadUsbHost(const JsonValue& value) {
 
 Simulated::ControlOwner ReadOwner(JsonObject& object) {
     Simulated::ControlOwner owner;
-    owner.endpoint.address = Address(object.Required("address"));
+    owner.endpoint.address = OwnAddress(object.Required("address"));
     owner.endpoint.port = static_cast<std::uint16_t>(object.Required("port").Unsigned(1, 65535));
     object.Optional("exclusive", [&](const JsonValue& exclusive) { owner.exclusive = exclusive.Boolean(); });
     return owner;
@@ -353,6 +373,7 @@ struct Names {
     std::set<std::string> devices;  // Everything that can be plugged in.
     std::set<std::string> buses;    // FireWire buses and USB hosts.
     std::set<std::string> places;   // What a device can be moved to.
+    std::set<std::string> phys;     // Those of them on FireWire buses.
     std::set<std::string> cameras;  // GigE cameras.
     std::set<std::string> interfaces;
 
@@ -362,6 +383,7 @@ struct Names {
             for (const PhyDescription& phy : bus.phys) {
                 devices.insert(phy.name);
                 places.insert(phy.name);
+                phys.insert(phy.name);
             }
             for (const auto& placed : bus.placedCameras) {
                 devices.insert(placed.camera.name);
@@ -392,7 +414,7 @@ struct Names {
 std::string Named(const JsonValue& value, const std::set<std::string>& names, const char* what) {
     const std::string name = value.Text();
     if (names.count(name) == 0) {
-        value.Fail("the rig has no " + std::string(what) + " named \"" + name + "\"");
+        value.Fail("the rig has no " + std::string(what) + " named " + Quoted(name));
     }
     return name;
 }
@@ -405,8 +427,12 @@ AwaitedEvent ReadAwaited(const JsonValue& value) {
     JsonObject object(value);
     AwaitedEvent event;
     event.kind = OneOf(object.Required("event"), kinds);
-    object.Optional("serial",
-                    [&](const JsonValue& serial) { event.serialNumber = ToUnsigned32(serial, 0, 0xFFFFFFFF); });
+    object.Optional("serial", [&](const JsonValue& serial) {
+        if (event.kind == AwaitedEvent::Kind::Reset) {
+            serial.Fail("a reset is of a whole bus and has no serial number");
+        }
+        event.serialNumber = ToUnsigned32(serial, 0, 0xFFFFFFFF);
+    });
     object.Done();
     return event;
 }
@@ -418,7 +444,8 @@ RigFault ReadFault(const JsonValue& value) {
     fault.function = function.Text();
     const std::vector<std::string>& known = RigFaultFunctions();
     if (std::find(known.begin(), known.end(), fault.function) == known.end()) {
-        function.Fail("no HAL function that a rig can make fail is named \"" + fault.function + "\"");
+        function.Fail("the HAL has no function named " + Quoted(fault.function) +
+                      "; `nimbrel rig schema` lists them, and hal/HAL.h tells what they do");
     }
     object.Optional("call", [&](const JsonValue& call) { fault.call = ToUnsigned32(call, 1, 1000000); });
     object.Optional("status", [&](const JsonValue& status) { fault.status = ToUnsigned32(status, 0, 0xFFFFFFFF); });
@@ -457,8 +484,18 @@ constexpr ActionKey ActionKeys[] = {
              MoveStep step;
              step.device = Named(object.Required("device"), names.devices, "device");
              step.to = Named(object.Required("to"), names.places, "hub, host, PHY or network interface");
-             object.Optional("port", [&](const JsonValue& port) { step.port = ToUnsigned32(port, 0, 26); });
-             object.Optional("ownPort", [&](const JsonValue& port) { step.ownPort = ToUnsigned32(port, 0, 26); });
+             object.Optional("port", [&](const JsonValue& port) {
+                 step.port = ToUnsigned32(port, 0, 26);
+                 if (names.interfaces.count(step.to) != 0) {
+                     port.Fail("a network interface has no ports to choose from");
+                 }
+             });
+             object.Optional("ownPort", [&](const JsonValue& port) {
+                 step.ownPort = ToUnsigned32(port, 0, 26);
+                 if (names.phys.count(step.to) == 0) {
+                     port.Fail("only a FireWire device has more than one port to choose from");
+                 }
+             });
              return step;
          });
      }},
@@ -518,32 +555,52 @@ constexpr ActionKey ActionKeys[] = {
 };
 
 // The one key of the object that names an action.
-RigAction ReadAction(JsonObject& object, const JsonValue& value, const Names& names) {
-    RigAction read;
+struct NamedAction {
+    RigAction action;
+    const char* key = nullptr;
+};
+
+NamedAction ReadAction(JsonObject& object, const JsonValue& value, const Names& names) {
+    NamedAction read;
     int actions = 0;
     for (const ActionKey& action : ActionKeys) {
         object.Optional(action.key, [&](const JsonValue& what) {
-            read = action.read(what, names);
+            read = {action.read(what, names), action.key};
             ++actions;
         });
     }
     object.Done();
     if (actions != 1) {
-        value.Fail("a step is exactly one action, not " + std::to_string(actions));
+        value.Fail("a step is exactly one action, it has " + (actions == 0 ? "none" : std::to_string(actions)));
     }
     return read;
 }
 
-RigStep ReadStep(const JsonValue& value, const Names& names) {
+std::string SecondsText(std::chrono::milliseconds time) {
+    std::ostringstream out;
+    out << std::chrono::duration<double>(time).count();
+    return out.str();
+}
+
+// Time goes on from step to step: latest is that of the steps before.
+RigStep ReadStep(const JsonValue& value, const Names& names, std::chrono::milliseconds* latest) {
     JsonObject object(value);
     RigStep step;
-    step.pointer = value.Pointer();
-    object.Optional("at", [&](const JsonValue& at) { step.at = Seconds(at); });
+    object.Optional("at", [&](const JsonValue& at) {
+        step.at = Seconds(at);
+        if (*step.at < *latest) {
+            at.Fail(SecondsText(*step.at) + " s is before an earlier step, which is at " + SecondsText(*latest) + " s");
+        }
+        *latest = *step.at;
+    });
     object.Optional("after", [&](const JsonValue& after) { step.after = ReadAwaited(after); });
     if (step.at.has_value() && step.after.has_value()) {
         value.Fail("a step comes \"at\" a time or \"after\" an event, not both");
     }
-    step.action = ReadAction(object, value, names);
+    const NamedAction read = ReadAction(object, value, names);
+    step.action = read.action;
+    step.pointer = value.Pointer();
+    step.actionPointer = step.pointer + "/" + read.key;
     return step;
 }
 
@@ -553,19 +610,12 @@ void Rehearse(const RigPlan& plan) {
         return;
     }
     Rig rig(plan.rig);
-    std::chrono::milliseconds last{0};
     for (const RigStep& step : plan.timeline) {
-        if (step.at.has_value()) {
-            if (*step.at < last) {
-                throw JsonProblem(step.pointer + "/at", "is earlier than a step before it");
-            }
-            last = *step.at;
-        }
         if (std::holds_alternative<BusResetStep>(step.action)) {
             continue;  // always can
         }
         if (const std::optional<std::string> problem = Apply(rig, step.action)) {
-            throw JsonProblem(step.pointer, *problem);
+            throw JsonProblem(step.actionPointer, *problem);
         }
     }
 }
@@ -595,10 +645,12 @@ RigPlan ReadPlan(const JsonValue& root) {
                        std::to_string(steps.Size()));
         }
     });
-    ReadList(object, "timeline", &plan.timeline, [&](const JsonValue& step) { return ReadStep(step, names); });
+    std::chrono::milliseconds latest{0};
+    ReadList(object, "timeline", &plan.timeline, [&](const JsonValue& step) { return ReadStep(step, names, &latest); });
     Rehearse(plan);
     object.Optional("end", [&](const JsonValue& end) {
         JsonObject keys(end);
+        keys.Required("cameras");
         plan.finalSerialNumbers.emplace();
         ReadList(keys, "cameras", &*plan.finalSerialNumbers,
                  [](const JsonValue& serial) { return ToUnsigned32(serial, 0, 0xFFFFFFFF); });
@@ -609,6 +661,11 @@ RigPlan ReadPlan(const JsonValue& root) {
     return plan;
 }
 
+// Names come from the file and are as long as they like.
+RigFileError ErrorIn(const std::string& file, const JsonProblem& problem) {
+    return {file, problem.pointer, Cut(problem.what(), MaxReasonBytes)};
+}
+
 }  // namespace
 
 RigPlan ParseRig(std::string_view text, const std::string& file) {
@@ -616,7 +673,7 @@ RigPlan ParseRig(std::string_view text, const std::string& file) {
         const nlohmann::json document = ParseStrictly(text, MaxDepth);
         return ReadPlan(JsonValue(document, ""));
     } catch (const JsonProblem& problem) {
-        throw RigFileError(file, problem.pointer, problem.what());
+        throw ErrorIn(file, problem);
     }
 }
 
@@ -625,9 +682,9 @@ RigAction ParseRigAction(std::string_view text, const RigDescription& rig) {
         const nlohmann::json document = ParseStrictly(text, MaxDepth);
         const JsonValue value(document, "");
         JsonObject object(value);
-        return ReadAction(object, value, Names(rig));
+        return ReadAction(object, value, Names(rig)).action;
     } catch (const JsonProblem& problem) {
-        throw RigFileError(std::string(text), problem.pointer, problem.what());
+        throw ErrorIn(Cut(std::string(text), MaxActionBytes), problem);
     }
 }
 

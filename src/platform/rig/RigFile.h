@@ -35,9 +35,9 @@ struct RigPlan {
 };
 
 /// @throws RigFileError for a file that cannot be read, is larger than 16 MiB, nests deeper than 16 levels, is no JSON,
-///         has an unknown, missing or repeated key or a value out of range, makes no computer, or whose timeline names
-///         what is not there, or has a step that cannot be done when its turn comes. Reads the file whole; no other
-///         I/O.
+///         has an unknown, missing or repeated key or a value out of range, makes no computer, or whose timeline goes
+///         back in time, names what is not there, or has a step that cannot be done when its turn comes. Reads the file
+///         whole; no other I/O.
 RigPlan ReadRigFile(const std::string& path);
 
 /// The same for a text; file is what errors name.

@@ -70,7 +70,8 @@ struct RigStep {
     std::optional<std::chrono::milliseconds> at;
     std::optional<AwaitedEvent> after;
     RigAction action;
-    std::string pointer;  ///< Where it stands in the file.
+    std::string pointer;        ///< Where it stands in the file ...
+    std::string actionPointer;  ///< ... down to the action.
 };
 
 /// Lets it happen. An empty result: done; else why it cannot be.

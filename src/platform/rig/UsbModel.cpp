@@ -207,7 +207,7 @@ bool UsbModel::Unplug(const std::string& name) {
 
 std::optional<std::string> UsbModel::Move(const std::string& name, const std::string& parent, unsigned int port) {
     if (!m_description.records.empty()) {
-        return "a host of raw records stays as it is";
+        return "\"" + name + "\" is on a host given as records and cannot be moved";
     }
     UsbHostDescription moved = m_description;
     UsbDeviceDescription& device = moved.devices[IndexOf(name)];

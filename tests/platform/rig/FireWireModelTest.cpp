@@ -165,6 +165,17 @@ TEST(FireWireModel, MovesACameraUnlessThePortIsTakenOrACableWouldCloseALoop) {
     EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub"));
 }
 
+TEST(FireWireModel, DoesNotMoveAHubOntoWhatHangsBehindIt) {
+    FireWireModel bus(HubBus(), 0);
+    EXPECT_THAT(bus.Move("hub", 2, {"b", 1}).value_or(""), HasSubstr("\"b\" hangs behind \"hub\""));
+    EXPECT_THAT(bus.Move("hub", 2, {"hub", 3}).value_or(""), HasSubstr("loop"));
+    EXPECT_THAT(bus.Move("card", 1, {"b", 1}).value_or(""), HasSubstr("the computer's own card"));
+    EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub", "a", "b"));
+    EXPECT_EQ(bus.Move("b", 0, {"card", 1}), std::nullopt);
+    EXPECT_EQ(bus.Move("hub", 2, {"b", 1}), std::nullopt) << "which hangs beside it now";
+    EXPECT_THAT(NamesInOrder(bus), testing::UnorderedElementsAre("card", "hub", "b"));
+}
+
 TEST(FireWireModel, AnswersRegistersOfACamera) {
     FireWireModel bus(HubBus(), 0);
     std::uint32_t value = 0;
@@ -232,7 +243,7 @@ TEST(FireWireModel, ShowsRawSelfIdsAsTheyAre) {
     EXPECT_EQ(model.FindNode(0x11)->phyId, 1U);
     EXPECT_TRUE(model.Unplug("eye"));
     EXPECT_EQ(model.FindNode(0x11), nullptr);
-    EXPECT_THAT(model.Move("eye", 0, {"eye", 0}).value_or(""), HasSubstr("raw self-IDs"));
+    EXPECT_THAT(model.Move("eye", 0, {"eye", 0}).value_or(""), HasSubstr("given as self-ID quadlets"));
 }
 
 PhyDescription Camera(std::uint64_t eui64) { return Phy("eye", PhyKind::Camera, 1, eui64); }

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "platform/rig/RigFile.h"
 
@@ -114,11 +115,12 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"NumberBeyondAllNumbers", R"("at": 0.5)", R"("at": 1e400)", "", "number overflow"},
         BadFile{"MissingKey", R"("parent": "x", )", "", "/usb/0/devices/0", "\"parent\" is missing"},
         BadFile{"WrongKind", R"("kind": "card")", R"("kind": "cart")", "/firewire/0/phys/0/kind", "not \"cart\""},
-        BadFile{"TextForNumber", R"("gapCount": 5)", R"("gapCount": "5")", "/firewire/0/gapCount", "not string"},
+        BadFile{"TextForNumber", R"("gapCount": 5)", R"("gapCount": "5")", "/firewire/0/gapCount",
+                "not the text \"5\""},
         BadFile{"NumberForText", R"("name": "good")", R"("name": 5)", "/name", "a text is wanted"},
         BadFile{"NegativeNumber", R"("gapCount": 5)", R"("gapCount": -5)", "/firewire/0/gapCount", "not -5"},
         BadFile{"NumberTooLarge", R"("gapCount": 5)", R"("gapCount": 64)", "/firewire/0/gapCount", "0 to 63"},
-        BadFile{"BadHex", R"("eui64": "11")", R"("eui64": "1g")", "/firewire/0/phys/1/eui64", "not \"1g\""},
+        BadFile{"BadHex", R"("eui64": "11")", R"("eui64": "1g")", "/firewire/0/phys/1/eui64", "not the text \"1g\""},
         BadFile{"HexTooLong", R"("0x1234")", R"("0x12345")", "/usb/0/devices/0/vendorId", "up to 4"},
         BadFile{"BadMac", "02:00:00:00:00:0A", "02:00:00:00:00", "/gige/0/cameras/0/mac", "a MAC address"},
         BadFile{"ZeroMac", "02:00:00:00:00:0A", "00:00:00:00:00:00", "/gige/0/cameras/0/mac", "needs a MAC"},
@@ -147,14 +149,35 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"NoInterface", R"("interface": "e")", R"("interface": "f")", "/timeline/9/link/interface",
                 "named \"f\""},
         BadFile{"NoFunction", "HAL_UsbGetCameras", "HAL_Nothing", "/timeline/11/fault/function", "\"HAL_Nothing\""},
-        BadFile{"PlugsTwice", R"("busReset": "fw0")", R"("plug": "cam")", "/timeline/2", "plugged in already"},
-        BadFile{"MovesToAPortThatIsNotThere", R"("port": 2})", R"("port": 9})", "/timeline/3", "has no port 9"},
-        BadFile{"NoAction", R"({"release": "g"})", "{}", "/timeline/7", "exactly one action, not 0"},
-        BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "not 2"},
+        BadFile{"PlugsTwice", R"("busReset": "fw0")", R"("plug": "cam")", "/timeline/2/plug", "plugged in already"},
+        BadFile{"MovesToAPortThatIsNotThere", R"("port": 2})", R"("port": 9})", "/timeline/3/move", "has no port 9"},
+        BadFile{"NoAction", R"({"release": "g"})", "{}", "/timeline/7", "exactly one action, it has none"},
+        BadFile{"TwoActions", R"({"release": "g"})", R"({"release": "g", "plug": "cam"})", "/timeline/7", "it has 2"},
         BadFile{"AtAndAfter", R"("at": 0.5)", R"("at": 0.5, "after": {"event": "reset"})", "/timeline/0", "not both"},
         BadFile{"TimeOutOfRange", R"("at": 0.5)", R"("at": -1)", "/timeline/0/at", "not -1"},
-        BadFile{"TimeGoesBackwards", R"({"unplug": "u"})", R"({"at": 0.4, "unplug": "u"})", "/timeline/1/at",
-                "earlier than a step before it"},
+        BadFile{"TimeThatGoesBack", R"({"unplug": "u"})", R"({"at": 0.25, "unplug": "u"})", "/timeline/1/at",
+                "0.25 s is before an earlier step, which is at 0.5 s"},
+        BadFile{"ResetOfACamera", R"("event": "removal")", R"("event": "reset")", "/timeline/2/after/serial",
+                "no serial number"},
+        BadFile{"GroupMac", "02:00:00:00:00:0A", "01:00:5e:00:00:0A", "/gige/0/cameras/0/mac", "of a group"},
+        BadFile{"BroadcastMac", "02:00:00:00:00:0A", "ff:ff:ff:ff:ff:ff", "/gige/0/cameras/0/mac", "of a group"},
+        BadFile{"NoAddress", "10.0.0.2/24", "0.0.0.0/24", "/gige/0/cameras/0/address", "nobody's"},
+        BadFile{"TakenByNobody", R"("address": "1.2.3.4")", R"("address": "0.0.0.0")", "/timeline/6/take/address",
+                "nobody's"},
+        BadFile{"MovesToAPortOfAnInterface", R"({"device": "u", "to": "x", "port": 2})",
+                R"({"device": "g", "to": "e", "port": 2})", "/timeline/3/move/port", "has no ports"},
+        BadFile{"MovesByASecondPlug", R"({"device": "u", "to": "x", "port": 2})",
+                R"({"device": "u", "to": "x", "port": 2, "ownPort": 0})", "/timeline/3/move/ownPort",
+                "only a FireWire"},
+        BadFile{"MovesTheCard", R"({"device": "u", "to": "x", "port": 2})", R"({"device": "card", "to": "cam"})",
+                "/timeline/3/move", "the computer's own card"},
+        BadFile{"MovesOntoACamera", R"({"device": "u", "to": "x", "port": 2})",
+                R"({"device": "u", "to": "u", "port": 2})", "/timeline/3/move", "one of its hubs"},
+        BadFile{"EndOfNothing", R"("end": {"cameras": [8, 7]})", R"("end": {})", "/end", "\"cameras\" is missing"},
+        BadFile{"NullForBoolean", R"("exclusive": true)", R"("exclusive": null)", "/gige/0/cameras/0/owner/exclusive",
+                "true or false is wanted, not null"},
+        BadFile{"ArrayForText", R"("name": "good")", R"("name": [5])", "/name", "a text is wanted, not an array"},
+        BadFile{"FractionForWhole", R"("gapCount": 5)", R"("gapCount": 5.5)", "/firewire/0/gapCount", "not 5.5"},
         BadFile{"LossOutOfRange", "1.5", "101", "/timeline/10/answers/lossPercent", "not 101"}),
     [](const testing::TestParamInfo<BadFile>& row) { return row.param.name; });
 
@@ -201,8 +224,45 @@ TEST(RigFile, RefusesAnEndlessTimeline) {
 }
 
 TEST(RigFile, RefusesWhatIsNoObject) {
-    EXPECT_THAT(ErrorOf("[]"), HasSubstr("an object is wanted, not array"));
+    EXPECT_THAT(ErrorOf("[]"), HasSubstr("an object is wanted, not an array"));
     EXPECT_THAT(ErrorOf("null"), HasSubstr("an object is wanted, not null"));
+}
+
+TEST(RigFile, TakesWholeNumbersHoweverTheyAreWritten) {
+    const auto gapCount = [](const std::string& number) {
+        const std::string phys = R"("phys": [{"name": "c", "kind": "card", "eui64": 1e1}])";
+        const std::string text = R"({"firewire": [{"name": "b", "gapCount": )" + number + ", " + phys + "}]}";
+        return ParseRig(text, "whole.json").rig.fireWire.at(0).gapCount;
+    };
+    EXPECT_EQ(gapCount("10.0"), 10U);
+    EXPECT_EQ(gapCount("1e1"), 10U);
+    EXPECT_EQ(gapCount("-0"), 0U);
+}
+
+TEST(RigFile, ShowsOnlyTheBeginningOfALongKeyOrValue) {
+    const std::string veryLong(100000, 'k');
+    EXPECT_EQ(ErrorOf("{\"" + veryLong + "\": 1}"), "bad.json: /" + std::string(60, 'k') + "...: unknown key");
+    EXPECT_LT(ErrorOf("{\"" + veryLong + "\": 1, \"" + veryLong + "\": 2}").size(), 500U);
+    EXPECT_LT(ErrorOf(R"({"name": 1, "description": ")" + veryLong + "\"}").size(), 500U);
+    EXPECT_LT(ErrorOf(R"({"timeline": [{"plug": ")" + veryLong + "\"}]}").size(), 500U);
+    EXPECT_LT(ErrorOf("{\"" + veryLong + "\" 1}").size(), 500U) << "which the parser has read last";
+    std::string accents;
+    for (int i = 0; i < 100; ++i) accents += "\u00e9";
+    EXPECT_THAT(ErrorOf("{\"" + accents + "\": 1}"), HasSubstr("\u00e9...: ")) << "between characters";
+    EXPECT_THAT(ErrorOf("{\"k" + accents + "\": 1}"), HasSubstr("\u00e9...: "));
+}
+
+TEST(RigFile, TellsWhereItIsNestedTooDeeplyOrAKeyStandsTwice) {
+    EXPECT_THAT(ErrorOf(R"({"gige": [{"name": {"a": )" + std::string(20, '[') + std::string(20, ']') + "}}]}"),
+                StartsWith("bad.json: /gige/0/name/a/0/0"));
+    EXPECT_THAT(ErrorOf(R"({"gige": [{}, {"name": 1, "name": 2}]})"),
+                StartsWith("bad.json: /gige/1/name: the key \"name\" stands twice"));
+}
+
+TEST(RigFile, HasEveryFunctionThatCanFailInItsSchema) {
+    const nlohmann::json schema = nlohmann::json::parse(RigSchema());
+    const nlohmann::json& fault = schema.at("$defs").at("step").at("properties").at("fault");
+    EXPECT_EQ(fault.at("properties").at("function").at("enum").get<std::vector<std::string>>(), RigFaultFunctions());
 }
 
 class RigFileOnDisk : public testing::Test {

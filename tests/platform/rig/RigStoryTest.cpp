@@ -526,6 +526,24 @@ TEST_F(RigStory, LosesThatShareOfACamerasAnswersInMemoryToo) {
     EXPECT_EQ(countAnswered(), 1000);
 }
 
+// 60 s of waiting in vain, if each camera's address were waited for.
+TEST_F(RigStory, StartsWithAHundredCamerasThatLoseNearlyEverything) {
+    std::string cameras;
+    for (int i = 0; i < 100; ++i) {
+        const std::string number = std::to_string(i + 100);
+        cameras += (i == 0 ? "" : ",") + std::string(R"({"name": "g)") + number + R"(", "mac": "02:00:00:00:01:)" +
+                   std::to_string(i / 10) + std::to_string(i % 10) + R"(", "address": "192.168.77.)" + number +
+                   R"(/24", "serial": ")" + number + R"(", "answers": {"lossPercent": 99}})";
+    }
+    const std::string network = R"({"gige": [{"name": "e", "address": "192.168.77.1/24", "cameras": [)";
+    Use(Platform::ParseRig(network + cameras + "]}]}", "lossy").rig);
+    m_rig->SetFast(false);
+    Start();
+    EXPECT_EQ(Listed().size(), 100U);
+    ZevoGuid guid = GuidOf(150);
+    EXPECT_FALSE(guid == ZevoGuid()) << "with its address";
+}
+
 TEST_F(RigStory, FindsAGigECameraOnceItHasAnAddressOfThisSubnet) {
     Start();
     EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_OK);

@@ -60,9 +60,9 @@ TEST(SimulatedComputer, SaysWhyATextIsNoAction) {
     SimulatedComputer computer = SimulatedComputer::Parse(kOneCamera, "one camera");
     const auto perform = [&computer](const char* action) { return Thrown([&] { computer.Perform(action); }); };
     EXPECT_EQ(perform(R"({"unplug": "two"})"), R"({"unplug": "two"}: /unplug: the rig has no device named "two")");
-    EXPECT_EQ(perform("{}"), "{}: a step is exactly one action, not 0");
+    EXPECT_EQ(perform("{}"), "{}: a step is exactly one action, it has none");
     EXPECT_EQ(perform(R"({"unplug": "one", "plug": "one"})"),
-              R"({"unplug": "one", "plug": "one"}: a step is exactly one action, not 2)");
+              R"({"unplug": "one", "plug": "one"}: a step is exactly one action, it has 2)");
     EXPECT_THAT(perform(R"({"at": 1, "unplug": "one"})"), testing::HasSubstr("at")) << "it happens now";
     EXPECT_THROW(computer.Perform("{"), std::runtime_error);
     EXPECT_THROW(computer.Perform(R"({"plug": "one"})"), std::logic_error);

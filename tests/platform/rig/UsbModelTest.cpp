@@ -122,7 +122,7 @@ TEST(UsbModel, ShowsRawRecordsAsTheyAre) {
     EXPECT_EQ(host.Find("eye")->deviceId, 6U);
     EXPECT_EQ(UsbModel::LinkInfo(*host.Find("eye")), 48U << 16 | 4U << 8 | 1U) << "as its record says";
     EXPECT_EQ(UsbModel::PortStatus(*host.Find("eye")), 0x0503U);
-    EXPECT_THAT(host.Move("eye", "raw", 2).value_or(""), HasSubstr("raw records"));
+    EXPECT_THAT(host.Move("eye", "raw", 2).value_or(""), HasSubstr("given as records"));
 }
 
 UsbHostDescription RawHost(const std::vector<std::uint32_t>& records, const std::vector<std::uint32_t>& cameras) {
