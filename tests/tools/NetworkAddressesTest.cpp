@@ -80,6 +80,13 @@ private:
     std::string m_folder;
 };
 
+/// The address in a FORCEIP_CMD: behind the header of 8 octets and 20 more.
+std::uint32_t ForcedAddress(const HostileDevice::Request& request) {
+    std::uint32_t address = 0;
+    for (std::size_t i = 28; i < 32; ++i) address = address << 8 | request.bytes.at(i);
+    return address;
+}
+
 /// This computer's h0, 192.168.77.1/24, on a wire with simulated cameras.
 class GigEAddresses : public ::testing::Test {
 protected:
@@ -184,6 +191,25 @@ TEST_F(GigEAddresses, AreShownWithoutAWarningWhereTheFilterIsOff) {
     const ProgramResult result = RunAsNobody({"discover"});
     EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24"), HasSubstr("1 camera is on a wrong subnet")));
     EXPECT_THAT(result.errors, IsEmpty());
+}
+
+TEST_F(GigEAddresses, HaveAWarningWhoseCureFitsAnInterfaceWithADotInItsName) {
+    NetworkNamespace second;
+    Connect(m_host, "h1.100", second, "c0");
+    m_host.Ip("addr add 172.20.0.1/24 dev h1.100");
+    m_host.SetSystemControl("net/ipv4/conf/h1.100/rp_filter", "1");
+    const std::string cure = "sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf.h1/100.rp_filter=0";
+    EXPECT_THAT(RunAsNobody({"discover"}).errors, HasSubstr(cure));
+    const ProgramResult cured = m_host.RunProgram({"sh", "-c", cure});
+    EXPECT_EQ(cured.exitStatus, 0) << cured.errors;
+    EXPECT_THAT(RunAsNobody({"discover"}).errors, IsEmpty());
+}
+
+TEST_F(GigEAddresses, CannotBeShownOnAClosedStandardOutput) {
+    const std::string program = RealProgram() + " discover --discovery-window 0.1";
+    const ProgramResult result = m_host.RunProgram({"sh", "-c", program + " <&- >&-"}, kDeadline);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.errors, "nimbrel discover: standard output cannot be written: Bad file descriptor\n");
 }
 
 class ReversePathFilter : public GigEAddresses, public ::testing::WithParamInterface<int> {};
@@ -384,6 +410,51 @@ TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatKeepsItsOwn) {
     const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.errors, AllOf(HasSubstr("has acknowledged 192.168.77.50/24, but answers at 192.168.77.100")));
+}
+
+TEST_F(GigEAddresses, OfACameraThatARouteLeadsToAreLeftAloneAndTheRouteIsTheReason) {
+    AddCamera("10.9.9.9", 9);
+    m_host.Ip("route add 10.9.9.9/32 dev h0");
+    EXPECT_EQ(Run({"auto-ip", "--dry-run"}).output,
+              "camera 9 (02:00:00:00:00:09): 10.9.9.9/24 stays\n"
+              "    it is not in the subnet of h0, 192.168.77.1/24, but a route leads to it there\n");
+}
+
+TEST_F(GigEAddresses, AreWaitedForWhenTheCameraBeginsAnewAndItsAcknowledgeIsLost) {
+    m_cameras.reset();
+    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+    std::uint32_t address = Ip("10.9.9.9");
+    int requestsToMiss = 0;  // more than the command asks in its first look
+    const HostileDevice device(
+        m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
+            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                address = ForcedAddress(request);
+                requestsToMiss = 40;
+            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd) && requestsToMiss-- <= 0) {
+                self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
+            }
+        });
+    const ProgramResult result = Run({"auto-ip"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("(02:00:00:00:00:09): 10.9.9.9/24 became 192.168.77."));
+}
+
+TEST_F(GigEAddresses, AreNamedWhenACameraTakesAnotherThanItWasGiven) {
+    m_cameras.reset();
+    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+    std::uint32_t address = Ip("10.9.9.9");
+    const HostileDevice device(
+        m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
+            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                address = Ip("10.8.8.8");
+            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
+                self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
+            }
+        });
+    const ProgramResult result = Run({"auto-ip"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24 could not be changed"),
+                                     HasSubstr("it now answers at 10.8.8.8/24, which nobody has given it")));
 }
 
 // ---- What goes over the wire ---------------------------------------------------------------------------------------

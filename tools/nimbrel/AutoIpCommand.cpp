@@ -136,7 +136,9 @@ private:
                                                                    UnpackIPAddress(outcome.home->GetMask()))
                                                 : outcome.interface + ", which has no address";
         if (plan.alreadyRight) {
-            outcome.reason = "it is in the subnet of " + subnet;
+            const bool inside = outcome.home && outcome.home->Contains(plan.record.ipAddress);
+            outcome.reason = inside ? "it is in the subnet of " + subnet
+                                    : "it is not in the subnet of " + subnet + ", but a route leads to it there";
             return outcome;
         }
         outcome.reason = "it is not in the subnet of " + subnet;
@@ -164,11 +166,13 @@ private:
         const Progress progress("Giving addresses");
         const Error error = m_serial ? busMaster.ForceAllIPAddressesAutomatically(*m_serial)
                                      : busMaster.ForceAllIPAddressesAutomatically();
-        // With an error one of them is known to stay where it is, and it is not worth waiting for that one.
+        // With an error one of them is known to have kept its address, so those that still answer elsewhere are not
+        // worth waiting for. One that is silent may be beginning anew at its address.
         const std::vector<GigECamera> after = DiscoverUntil(busMaster, [&](const std::vector<GigECamera>& cameras) {
-            return error != ERROR_OK || std::all_of(m_outcomes.begin(), m_outcomes.end(), [&](const Outcome& outcome) {
-                       return outcome.result != Result::WouldChange || IsHome(outcome, cameras);
-                   });
+            return std::all_of(m_outcomes.begin(), m_outcomes.end(), [&](const Outcome& outcome) {
+                const bool givenUp = error != ERROR_OK && FindByMac(cameras, outcome.before.mac) != nullptr;
+                return outcome.result != Result::WouldChange || givenUp || IsHome(outcome, cameras);
+            });
         });
         for (Outcome& outcome : m_outcomes) {
             if (outcome.result == Result::WouldChange) Conclude(after, &outcome);
@@ -192,9 +196,15 @@ private:
         }
         outcome->result = Result::Failed;
         outcome->newIp.reset();
-        outcome->reason = camera == nullptr
-                              ? "it does not answer any more"
-                              : "it still answers at its old address: an application that holds it keeps it there";
+        outcome->reason = WhyNot(camera, outcome->before);
+    }
+
+    static std::string WhyNot(const GigECamera* camera, const GigECamera& before) {
+        if (camera == nullptr) return "it does not answer any more";
+        if (PackIPAddress(camera->ip) == PackIPAddress(before.ip)) {
+            return "it still answers at its old address: an application that holds it keeps it there";
+        }
+        return "it now answers at " + FormatSubnet(camera->ip, camera->subnet) + ", which nobody has given it";
     }
 
     // ---- Telling it ------------------------------------------------------------------------------------------------

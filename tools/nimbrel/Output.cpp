@@ -2,6 +2,7 @@
 // Writing to standard output and standard error. Main thread only; no lock.
 #include "tools/nimbrel/Output.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <unistd.h>
@@ -16,6 +17,13 @@
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool {
+
+void KeepStandardDescriptors() {
+    // Open the wrong way round, so that writing to it fails as it does on a closed one.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
 
 Output::Result Output::WaitForReader() {
     std::array<pollfd, 2> waits{{{STDOUT_FILENO, POLLOUT, 0}, {m_interrupt, POLLIN, 0}}};

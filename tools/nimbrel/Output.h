@@ -7,6 +7,10 @@
 
 namespace Nimbrel2::Tool {
 
+/// Whoever started the program may have closed some of the three standard descriptors. Keeps their numbers from being
+/// those of sockets, which would be written to. For the beginning of the program.
+void KeepStandardDescriptors();
+
 /// Standard output without a buffer: what was written has left the process.
 class Output {
 public:

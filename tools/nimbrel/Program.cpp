@@ -123,6 +123,7 @@ int Run(CLI::App& app, CommandContext& context, int argc, const char* const* arg
 }  // namespace
 
 int RunProgram(int argc, const char* const* argv) {
+    KeepStandardDescriptors();
     Interrupts::Install();
     CLI::App app(kDescription, "nimbrel");
     try {

@@ -63,7 +63,9 @@ bool AreStrangersSwallowed(const Platform::InterfaceDiagnosis& interface) { retu
 bool MayListenToPackets() { return Socket(AF_PACKET, SOCK_DGRAM).Get() >= 0; }
 
 std::string CuresForSwallowing(const std::string& interfaceName, const std::string& from) {
-    return "  sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + interfaceName +
+    std::string key = interfaceName;  // a dot in the name of a VLAN is none between the words of a sysctl
+    std::replace(key.begin(), key.end(), '.', '/');
+    return "  sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + key +
            ".rp_filter=0\n"
            "  ip route add " +
            from + "/32 dev " + interfaceName + "\n";
