@@ -154,6 +154,32 @@ TEST_F(GigEForceIp, TakesNoAddressThatAHostAnswersFor) {
     EXPECT_EQ(records[0].subnetMask, Ip("255.255.255.240")) << "the interface's mask";
 }
 
+// A firewall that lets nothing out but what it must must not make every address look free.
+TEST_F(GigEForceIp, TakesNoAddressThatItMayNotAskFor) {
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("addr add 192.168.77.1/28 dev h0");
+    m_wire.Ip("addr flush dev c0");
+    for (int i = 2; i <= 14; ++i) {
+        if (i != 11) m_wire.Ip("addr add 192.168.77." + std::to_string(i) + "/28 dev c0");
+    }
+    const auto forbid = [this](const std::string& what) {
+        const ProgramResult result = m_host.RunProgram(
+            {"nft",
+             "flush ruleset; add table ip t; add chain ip t out { type filter hook output priority 0; };"
+             "add rule ip t out " +
+                 what + " drop"});
+        ASSERT_EQ(result.exitStatus, 0) << result.errors;
+    };
+    const auto id = AddCamera("10.9.9.9", 9);
+    forbid("ip daddr 192.168.77.0/28");
+    Start({});
+    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_PERMISSION);
+    EXPECT_EQ(AddressOf(id), Ip("10.9.9.9"));
+    forbid("udp dport != 3956");
+    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    EXPECT_EQ(AddressOf(id), Ip("192.168.77.11"));
+}
+
 TEST_F(GigEForceIp, FindsTheOneFreeAddressOfACrowdedWire) {
     m_wire.Ip("addr flush dev c0");
     // Hosts at all addresses but the driver's own, .1, and .11: from where the search for this camera begins it is the

@@ -169,7 +169,7 @@ void GigECore::ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::u
 }
 
 // Sends a datagram to each address, which makes the kernel ask who has it, and looks at who has answered. Needs no
-// privileges, other than an ARP probe.
+// privileges, other than an ARP probe. An address that could not be asked for counts as somebody's, who has no MAC.
 std::uint32_t GigECore::AskWhoHas(int interface, const std::vector<std::uint32_t>& ips,
                                   std::map<std::uint32_t, std::uint64_t>* neighbours) {
     std::unique_lock lock(m_mutex);
@@ -179,12 +179,22 @@ std::uint32_t GigECore::AskWhoHas(int interface, const std::vector<std::uint32_t
     const std::shared_ptr<UdpPort> port = found->second.port;
     const NetworkInterface info = found->second.info;
     lock.unlock();
-    for (const std::uint32_t ip : ips) port->Knock(ip, LocalAddressFor(info, ip));
+    std::vector<std::uint32_t> unasked;
+    int refusal = 0;
+    for (const std::uint32_t ip : ips) {
+        if (const int error = port->Knock(ip, LocalAddressFor(info, ip)); error != 0) {
+            unasked.push_back(ip);
+            refusal = error;
+        }
+    }
+    if (unasked.size() == ips.size()) return StatusOfErrno(refusal);
     lock.lock();
     m_changed.wait_until(lock, Clock::now() + m_timings.neighbourWait, [&] { return !m_running; });
     if (!m_running) return HAL_CLOSED;
     lock.unlock();
-    return StatusOfErrno(m_routes.ReadNeighbours(interface, neighbours));
+    const int error = m_routes.ReadNeighbours(interface, neighbours);
+    for (const std::uint32_t ip : unasked) neighbours->insert({ip, 0});
+    return StatusOfErrno(error);
 }
 
 }  // namespace Nimbrel2::Platform::GigE

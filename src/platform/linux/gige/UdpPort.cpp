@@ -84,7 +84,9 @@ int UdpPort::Send(std::span<const std::uint8_t> packet, std::uint32_t to, std::u
 
 int UdpPort::Knock(std::uint32_t to, std::uint32_t from) const {
     const std::uint8_t nothing = 0;
-    return SendTo({&nothing, 1}, to, kDiscardPort, from);
+    const int error = SendTo({&nothing, 1}, to, kDiscardPort, from);
+    // A firewall that lets out GVCP and little else must not keep the question from being asked.
+    return error == EPERM ? SendTo({&nothing, 1}, to, Gvcp::kPort, from) : error;
 }
 
 int UdpPort::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint16_t toPort,

@@ -40,7 +40,8 @@ public:
     /// @param from  The address of this interface to send from; 0 leaves it to the kernel.
     /// @return 0 or an errno; EAGAIN or ENOBUFS when the network does not take more now.
     int Send(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint32_t from) const;
-    /// Sends one octet to an address's discard port, so that the kernel asks by ARP who has it. @return as Send.
+    /// Sends one octet to an address, to the discard port or, where that is forbidden, the GVCP port: so that the
+    /// kernel asks by ARP who has it. @return as Send.
     int Knock(std::uint32_t to, std::uint32_t from) const;
     int Broadcast(std::span<const std::uint8_t> packet) const { return Send(packet, 0xFFFFFFFF, 0); }
 
