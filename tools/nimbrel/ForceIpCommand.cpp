@@ -28,8 +28,9 @@ camera, or else of the one that is in the subnet of the address.
 
 Exit status:
   0  The camera answers at its new address.
-  1  Nobody acknowledged, or the camera does not answer there, or the address is
-     taken; standard error says why.
+  1  Nobody acknowledged, or the camera does not answer there, or another
+     camera or this computer has the address (other hosts are not asked);
+     standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
 JSON: {"ok":true,"mac","ip","subnet","gateway"}
