@@ -9,11 +9,9 @@
 #include <boost/smart_ptr/weak_ptr.hpp>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -39,11 +37,10 @@ using testing::UnorderedElementsAre;
 // All that hal/HAL.h declares.
 std::set<std::string> FunctionsOfTheHal() {
     std::ifstream header(NIMBREL2_HAL_HEADER);
-    const std::string text{std::istreambuf_iterator<char>(header), {}};
+    const std::string type = "uint32_t ";
     std::set<std::string> names;
-    const std::regex declaration("\nuint32_t (HAL_\\w+)\\(");
-    for (std::sregex_iterator found(text.begin(), text.end(), declaration), end; found != end; ++found) {
-        names.insert((*found)[1]);
+    for (std::string line; std::getline(header, line);) {
+        if (line.starts_with(type + "HAL_")) names.insert(line.substr(type.size(), line.find('(') - type.size()));
     }
     return names;
 }
