@@ -39,7 +39,7 @@ TEST(RigServe, PutsTheGigECamerasOfARigWhereTheRealDriverFindsThem) {
     EXPECT_EQ(serve->WaitForExit(kDeadline), 0);
 }
 
-TEST(RigPlay, EndsWithCtrlCAlsoWhenACallTakesAMinute) {
+TEST(RigPlay, CtrlCEndsItWithinASecondWhileABusHangs) {
     const std::string path = ::testing::TempDir() + "slow-" + std::to_string(getpid()) + ".json";
     std::ofstream(path) << R"({
       "firewire": [{"name": "fw0", "phys": [{"name": "card", "kind": "card", "eui64": "1"}]}],

@@ -57,7 +57,12 @@ public:
 private:
     static void Rescan(BusMaster& busMaster) {
         const Progress progress("Enumerating again");
+        WaitUntilQuiet(busMaster);  // a request that finds the worker busy, as it is after the start, is lost
         Check(busMaster.RescanBus());
+        WaitUntilQuiet(busMaster);
+    }
+
+    static void WaitUntilQuiet(BusMaster& busMaster) {
         if (busMaster.WaitUntilQuiet(static_cast<unsigned int>(kPatience.count()))) return;
         throw CommandError("the enumeration was not over after " + FormatSeconds(kPatience));
     }
