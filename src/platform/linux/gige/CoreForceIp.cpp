@@ -41,7 +41,7 @@ std::vector<std::shared_ptr<UdpPort>> GigECore::FindPortsOf(std::uint64_t mac) c
         all.push_back(interface.port);
         if (camera == nullptr) continue;
         const bool here = std::any_of(camera->sightings.begin(), camera->sightings.end(),
-                                      [&](const auto& sighting) { return sighting->interface == index; });
+                                      [where = index](const auto& sighting) { return sighting->interface == where; });
         if (here) heard.push_back(interface.port);
     }
     return heard.empty() ? all : heard;
