@@ -145,6 +145,13 @@ TEST_F(DoctorOnAWire, FindsTwoCamerasOnOneAddress) {
                                    "--mac", std::string("02:00:00:00:00:0") + mac, "--serial", mac}));
         ASSERT_TRUE(cameras.back()->WaitForOutput("\n", kDeadline)) << cameras.back()->GetErrors();
     }
+    // A bridge passes nothing on until its ports have come up.
+    const auto bothAnswer = [this] {
+        const Words discover{RealProgram(), "discover", "--discovery-window", "0.3", "--json"};
+        return Json::parse(m_host.RunProgram(discover, kDeadline).output).size() == 2;
+    };
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (!bothAnswer()) ASSERT_LT(std::chrono::steady_clock::now(), end);
     const Json finding = OneWrong("gige.address-conflict");
     EXPECT_THAT(finding["evidence"].get<std::string>(),
                 AllOf(HasSubstr("02:00:00:00:00:01"), HasSubstr("02:00:00:00:00:02"), HasSubstr("192.168.77.55")));
