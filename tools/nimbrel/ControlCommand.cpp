@@ -45,11 +45,7 @@ ControlInfo AskWhoHolds(BusMaster& busMaster, const FoundCamera& camera) {
     Platform::GigEDiagnosis diagnosis;
     if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) return {};
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-        const GigECamera other = FromRecord(heard.record);
-        const bool same = IsSame(other.mac, info.macAddress) &&
-                          PackIPAddress(other.ip) == PackIPAddress(info.ipAddress) &&
-                          other.serialNumber == info.serialNumber;
-        if (heard.listed && same) return heard.control;
+        if (heard.listed && IsSame(FromRecord(heard.record), FromInfo(info))) return heard.control;
     }
     return {};
 }

@@ -23,6 +23,8 @@ std::string VersionText(std::uint32_t major, std::uint32_t minor) {
     return std::to_string(major) + "." + std::to_string(minor);
 }
 
+}  // namespace
+
 GigECamera FromInfo(const CameraInfo& info) {
     return {info.serialNumber,
             info.macAddress,
@@ -34,8 +36,6 @@ GigECamera FromInfo(const CameraInfo& info) {
             FromField(info.userDefinedName),
             VersionText(info.gigEMajorVersion, info.gigEMinorVersion)};
 }
-
-}  // namespace
 
 GigECamera FromRecord(const GvcpDiscoveryRecord& record) {
     GigECamera camera;

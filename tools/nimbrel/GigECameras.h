@@ -29,6 +29,7 @@ struct GigECamera {
 };
 
 GigECamera FromRecord(const GvcpDiscoveryRecord& record);
+GigECamera FromInfo(const CameraInfo& info);
 
 /// The same answer: MAC, address and serial number.
 bool IsSame(const GigECamera& first, const GigECamera& second);

@@ -4,6 +4,8 @@
 #include <map>
 #include <set>
 
+#include "tools/nimbrel/GigECameras.h"
+#include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/GigETexts.h"
@@ -61,7 +63,7 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
         return "sudo ip address add " + FreeSubnetAddress(diagnosis) + " dev " + name;
     }
     if (MacOf(camera.record) == 0) return "sudo ip route add " + IpText(camera.record.ipAddress) + "/32 dev " + name;
-    const std::uint32_t serial = SerialNumberOf(camera.record);
+    const std::uint32_t serial = FromRecord(camera.record).serialNumber;
     return "nimbrel auto-ip" + (serial != 0 ? " --serial " + std::to_string(serial) : std::string()) +
            (interface != nullptr && interface->interface.loopback ? " --interface " + name : std::string());
 }
@@ -151,7 +153,7 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
         const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
         std::string cure = "give one of them another address and power it up again";
         if (free != 0 && MacOf(mover) != 0) {
-            cure = "nimbrel force-ip --mac " + MacText(MacOf(mover)) + " --ip " + IpText(free) + " --mask " +
+            cure = "nimbrel force-ip --mac " + FormatMac(FromRecord(mover).mac) + " --ip " + IpText(free) + " --mask " +
                    IpText(subnet->GetMask());
         }
         wrong.push_back({check, false,

@@ -2,9 +2,11 @@
 // Names and numbers in the findings on GigE. Pure.
 #include "tools/nimbrel/doctor/GigETexts.h"
 
-#include <cstdio>
 #include <set>
 
+#include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/SimulateOptions.h"
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool::Doctor {
@@ -13,46 +15,23 @@ using Platform::GigEDiagnosis;
 using Platform::InterfaceAddress;
 using Platform::InterfaceDiagnosis;
 
-std::string IpText(std::uint32_t ip) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", ip >> 24, ip >> 16 & 0xFF, ip >> 8 & 0xFF, ip & 0xFF);
-    return text;
-}
+std::string IpText(std::uint32_t ip) { return FormatIp(UnpackIPAddress(ip)); }
 
 std::string AddressText(const InterfaceAddress& address) {
-    return IpText(address.address) + "/" + std::to_string(address.prefixLength);
+    return FormatSubnet(UnpackIPAddress(address.address), UnpackIPAddress(address.GetMask()));
 }
 
 std::string SubnetText(const InterfaceAddress& address) {
-    return IpText(address.address & address.GetMask()) + "/" + std::to_string(address.prefixLength);
+    return SubnetOf(UnpackIPAddress(address.address), UnpackIPAddress(address.GetMask()));
 }
 
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record) {
     return static_cast<std::uint64_t>(record.macHigh & 0xFFFF) << 32 | record.macLow;
 }
 
-std::string MacText(std::uint64_t mac) {
-    std::string text;
-    for (int shift = 40; shift >= 0; shift -= 8) {
-        char octet[4];
-        std::snprintf(octet, sizeof octet, "%02x%s", static_cast<unsigned>(mac >> shift & 0xFF), shift == 0 ? "" : ":");
-        text += octet;
-    }
-    return text;
-}
-
-std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record) {
-    std::uint32_t number = 0;  // its low 32 bits, as the bus master takes it
-    for (const char c : FromField(record.serialNumber)) {
-        if (c < '0' || c > '9') break;
-        number = number * 10 + static_cast<std::uint32_t>(c - '0');
-    }
-    return number;
-}
-
 std::string CameraText(const GvcpDiscoveryRecord& record) {
     const std::string serial = FromField(record.serialNumber);
-    return "camera " + (serial.empty() ? "without a serial number" : serial) + " (" + MacText(MacOf(record)) + ")";
+    return "camera " + (serial.empty() ? "without a serial number" : serial) + " (" + FormatMac(MacOf(record)) + ")";
 }
 
 const InterfaceDiagnosis* FindInterface(const GigEDiagnosis& diagnosis, int index) {

@@ -17,9 +17,6 @@ std::string AddressText(const Platform::InterfaceAddress& address);
 std::string SubnetText(const Platform::InterfaceAddress& address);
 
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record);
-std::string MacText(std::uint64_t mac);
-/// The number that the bus master knows the camera by; 0 when its serial text begins with no digit.
-std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record);
 /// "camera 31000001 (02:00:00:00:77:0a)". The serial text is the camera's own and may hold anything.
 std::string CameraText(const GvcpDiscoveryRecord& record);
 
