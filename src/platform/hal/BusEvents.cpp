@@ -34,7 +34,7 @@ BusEvents::~BusEvents() {
 }
 
 void BusEvents::RaiseReset() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_ledger.CountChange();
     for (auto& [handle, registration] : m_registrations) registration.delivery->AddReset();
 }
@@ -44,7 +44,7 @@ void BusEvents::Raise(HALBusEvent event, std::uint32_t first, std::uint32_t seco
         RaiseReset();
         return;
     }
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (auto& [handle, registration] : m_registrations) registration.delivery->Add({event, first, second});
 }
 
@@ -61,7 +61,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     }
     // Nothing throws from here on: a running thread would have no owner. Merging moves the node and takes no memory.
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (!m_stopped) {
             // Under the lock, so that a change is either counted here or added by RaiseReset: once, whichever is first.
             if (m_ledger.HasUnseenChange()) made.delivery->AddReset();
@@ -77,7 +77,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
 
 std::uint32_t BusEvents::Deregister(void* registration) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         const auto found = m_registrations.find(ToHandle(registration));
         if (found == m_registrations.end()) return HAL_GONE;
         found->second.delivery->Stop();
@@ -90,7 +90,7 @@ std::uint32_t BusEvents::Deregister(void* registration) {
 bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const {
     std::vector<std::shared_ptr<EventDelivery>> deliveries;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (const auto& [handle, registration] : m_registrations) deliveries.push_back(registration.delivery);
     }
     return std::all_of(deliveries.begin(), deliveries.end(),
@@ -98,17 +98,17 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
 }
 
 std::uint64_t BusEvents::BeginListing() const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_ledger.Begin();
 }
 
 void BusEvents::EndListing(Listing listing, std::uint64_t changesAtBegin) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_ledger.End(listing, changesAtBegin);
 }
 
 void BusEvents::StopCallbacks() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_stopped = true;
     for (auto& [handle, registration] : m_registrations) registration.delivery->Stop();
     m_ending.merge(m_registrations);
@@ -117,7 +117,7 @@ void BusEvents::StopCallbacks() {
 void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
     Registrations ending;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         ending.swap(m_ending);
     }
     for (auto& [handle, registration] : ending) {
@@ -134,7 +134,7 @@ void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
 void BusEvents::Reap() {
     Registrations ended;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto next = m_ending.begin(); next != m_ending.end();) {
             const auto current = next++;
             if (current->second.delivery->HasEnded()) ended.insert(m_ending.extract(current));

@@ -203,13 +203,14 @@ bool Rig::ChangeFireWire(FireWireModel& bus, Change change) {
     if (m_fireWireSink == nullptr) {
         return true;
     }
-    m_fireWireSink->RaiseReset();
+    BusEventSink& sink = *m_fireWireSink;
+    sink.RaiseReset();
     const NodesByIdentity after = NodesOf(bus);
-    const auto raiseMissing = [this](const NodesByIdentity& from, const NodesByIdentity& in, HALBusEvent event) {
+    const auto raiseMissing = [&sink](const NodesByIdentity& from, const NodesByIdentity& in, HALBusEvent event) {
         for (const auto& [eui64, node] : from) {
             if (in.count(eui64) == 0) {
                 // Only a node that is no camera is named.
-                m_fireWireSink->Raise(event, node.camera ? 0 : node.high, node.camera ? 0 : node.low);
+                sink.Raise(event, node.camera ? 0 : node.high, node.camera ? 0 : node.low);
             }
         }
     };
@@ -236,21 +237,21 @@ bool Rig::ChangeUsb(UsbModel& host, Change change) {
 template <class Change>
 bool Rig::ChangeGigE(Change change) {
     if (m_gigESink == nullptr) {
-        return change();
+        return change(m_gigE);
     }
-    const auto identities = [this] {
+    const auto identities = [](const GigEModel& model) {
         std::vector<std::string> found;
-        for (const GigEModel::Camera* camera : m_gigE.Reached()) {
+        for (const GigEModel::Camera* camera : model.Reached()) {
             found.push_back(camera->name + "/" + std::to_string(camera->registers->GetAddress()));
         }
         std::sort(found.begin(), found.end());
         return found;
     };
-    const std::vector<std::string> before = identities();
-    if (!change()) {
+    const std::vector<std::string> before = identities(m_gigE);
+    if (!change(m_gigE)) {
         return false;
     }
-    const std::vector<std::string> after = identities();
+    const std::vector<std::string> after = identities(m_gigE);
     if (before != after) {
         m_gigESink->RaiseReset();
         RaiseDifference(*m_gigESink, before, after);
@@ -259,7 +260,7 @@ bool Rig::ChangeGigE(Change change) {
 }
 
 std::optional<std::string> Rig::Plug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
         return ChangeFireWire(*bus, [&] { return bus->Plug(device); })
                    ? std::nullopt
@@ -271,7 +272,7 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Plug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
@@ -279,7 +280,7 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Unplug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
         return ChangeFireWire(*bus, [&] { return bus->Unplug(device); })
                    ? std::nullopt
@@ -291,7 +292,7 @@ std::optional<std::string> Rig::Unplug(const std::string& device) {
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Unplug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
@@ -299,7 +300,7 @@ std::optional<std::string> Rig::Unplug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Move(const std::string& device, unsigned int ownPort, const CableEnd& to) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::optional<std::string> problem;
     if (FireWireModel* bus = FireWireOf(device)) {
         ChangeFireWire(*bus, [&] {
@@ -312,8 +313,8 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
             return !problem.has_value();
         });
     } else if (m_gigE.Has(device)) {
-        ChangeGigE([&] {
-            problem = m_gigE.Move(device, to.phy);
+        ChangeGigE([&](GigEModel& model) {
+            problem = model.Move(device, to.phy);
             return !problem.has_value();
         });
     } else {
@@ -324,78 +325,78 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
 
 template <class Change>
 std::optional<std::string> Rig::ChangeGigECamera(const std::string& camera, Change change) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.Has(camera)) {
         return "the rig has no GigE camera named \"" + camera + "\"";
     }
     std::optional<std::string> problem;
-    ChangeGigE([&] {
-        problem = change();
+    ChangeGigE([&](GigEModel& model) {
+        problem = change(model);
         return !problem.has_value();
     });
     return problem;
 }
 
 std::optional<std::string> Rig::SetLink(const std::string& interfaceName, bool up) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterface(interfaceName)) {
         return "the rig has no network interface named \"" + interfaceName + "\"";
     }
-    ChangeGigE([&] { return m_gigE.SetLink(interfaceName, up); });
+    ChangeGigE([&](GigEModel& model) { return model.SetLink(interfaceName, up); });
     return std::nullopt;
 }
 
 std::optional<std::string> Rig::SetAddress(const std::string& camera, std::uint32_t address, std::uint32_t mask,
                                            std::uint32_t gateway) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetAddress(camera, address, mask, gateway);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetAddress(camera, address, mask, gateway);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Hold(const std::string& camera, const Simulated::ControlOwner& owner) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Hold(camera, owner);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Hold(camera, owner);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Release(const std::string& camera) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Release(camera);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Release(camera);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::SetFaults(const std::string& camera, const Simulated::Faults& faults) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetFaults(camera, faults);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetFaults(camera, faults);
         return std::nullopt;
     });
 }
 
 std::uint32_t Rig::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::uint32_t status = HAL_OK;
-    ChangeGigE([&] {
-        status = m_gigE.ForceIp(mac, address, mask, gateway);
+    ChangeGigE([&](GigEModel& model) {
+        status = model.ForceIp(mac, address, mask, gateway);
         return true;
     });
     return status;
 }
 
 std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterfaceUp()) {
         return HAL_NO_BUS;
     }
     std::uint32_t first = HAL_OK;
-    ChangeGigE([&] {
-        for (const AddressPlan& plan : m_gigE.PlanAddresses(wanted)) {
+    ChangeGigE([&](GigEModel& model) {
+        for (const AddressPlan& plan : model.PlanAddresses(wanted)) {
             const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
             std::uint32_t status = plan.status;
             if (plan.newIp != 0) {
-                status = m_gigE.ForceIp(mac, plan.newIp, plan.newMask, 0);
+                status = model.ForceIp(mac, plan.newIp, plan.newMask, 0);
             }
             first = first == HAL_OK ? status : first;
         }
@@ -405,12 +406,13 @@ std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecor
 }
 
 std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int count) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (std::size_t i = 0; i < m_fireWire.size(); ++i) {
         if (m_fireWireNames[i] == bus) {
+            FireWireModel& model = m_fireWire[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeFireWire(m_fireWire[i], [&] {
-                    m_fireWire[i].Reset("");
+                ChangeFireWire(model, [&model] {
+                    model.Reset("");
                     return true;
                 });
             }
@@ -419,9 +421,10 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
     }
     for (std::size_t i = 0; i < m_usb.size(); ++i) {
         if (m_usbNames[i] == bus) {
+            UsbModel& host = m_usb[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeUsb(m_usb[i], [&] {
-                    m_usb[i].Reset();
+                ChangeUsb(host, [&host] {
+                    host.Reset();
                     return true;
                 });
             }
@@ -432,7 +435,7 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
 }
 
 std::optional<std::string> Rig::FailBus(const std::string& bus) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     BusEventSink* sink = nullptr;
     if (std::count(m_fireWireNames.begin(), m_fireWireNames.end(), bus) != 0) {
         sink = m_fireWireSink;
@@ -448,38 +451,38 @@ std::optional<std::string> Rig::FailBus(const std::string& bus) {
 }
 
 void Rig::AddFault(RigFault fault) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_faults.push_back(std::move(fault));
 }
 
 std::size_t Rig::CountFaultsLeft() const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_faults.size();
 }
 
 void Rig::SetFast(bool fast) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_fast = fast;
 }
 
 void Rig::ConnectFireWire(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_fireWireSink = sink;
 }
 
 void Rig::ConnectUsb(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_usbSink = sink;
 }
 
 void Rig::ConnectGigE(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_gigESink = sink;
 }
 
 void Rig::Wait(std::chrono::milliseconds time) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_fast) {
             return;
         }
@@ -491,7 +494,7 @@ std::uint32_t Rig::Enter(const char* function) {
     std::uint32_t status = HAL_OK;
     std::chrono::milliseconds delay{0};
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto fault = m_faults.begin(); fault != m_faults.end();) {
             if (fault->function != function || --fault->call != 0) {
                 ++fault;
@@ -507,7 +510,7 @@ std::uint32_t Rig::Enter(const char* function) {
 }
 
 std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (FireWireModel& bus : m_fireWire) {
         if (bus.Card() == card && bus.FindNode(eui64) != nullptr) {
             ChangeFireWire(bus, [&bus, eui64] {
@@ -521,7 +524,7 @@ std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
 }
 
 std::uint32_t Rig::ResetHostOf(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     UsbModel* host = UsbOf(device);
     if (host == nullptr || host->Find(device) == nullptr) {
         return HAL_GONE;
@@ -534,7 +537,7 @@ std::uint32_t Rig::ResetHostOf(const std::string& device) {
 }
 
 std::vector<std::uint32_t> Rig::VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::set<std::uint64_t> used(taken.begin(), taken.end());
     std::vector<std::uint32_t> serialNumbers;
     for (std::uint32_t serial : m_virtualCameras) {

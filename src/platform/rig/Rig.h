@@ -7,12 +7,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/Drivers.h"
+#include "platform/base/Mutex.h"
 #include "platform/rig/FireWireModel.h"
 #include "platform/rig/GigEModel.h"
 #include "platform/rig/RigDescription.h"
@@ -94,18 +94,18 @@ public:
     /// Runs a function on the models with the rig locked: f(std::vector<FireWireModel>&).
     template <class Function>
     auto WithFireWire(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_fireWire);
     }
     template <class Function>
     auto WithUsb(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_usb);
     }
 
     template <class Function>
     auto WithGigE(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_gigE);
     }
 
@@ -129,31 +129,31 @@ private:
     };
     using NodesByIdentity = std::map<std::uint64_t, NodeWords>;
 
-    FireWireModel* FireWireOf(const std::string& device);
-    UsbModel* UsbOf(const std::string& device);
+    FireWireModel* FireWireOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
+    UsbModel* UsbOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
     static NodesByIdentity NodesOf(const FireWireModel& bus);
     static std::vector<std::string> CamerasOf(const UsbModel& host);
     template <class Change>
-    bool ChangeFireWire(FireWireModel& bus, Change change);
+    bool ChangeFireWire(FireWireModel& bus, Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeUsb(UsbModel& host, Change change);
+    bool ChangeUsb(UsbModel& host, Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeGigE(Change change);
+    bool ChangeGigE(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change);
+    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change) NIMBREL2_EXCLUDES(m_mutex);
 
-    mutable std::mutex m_mutex;  // Guards all below. Outermost: sinks take theirs under it.
-    std::vector<FireWireModel> m_fireWire;
-    std::vector<std::string> m_fireWireNames;
-    std::vector<UsbModel> m_usb;
-    std::vector<std::string> m_usbNames;
-    GigEModel m_gigE;
-    std::vector<std::uint32_t> m_virtualCameras;
-    BusEventSink* m_fireWireSink = nullptr;
-    BusEventSink* m_usbSink = nullptr;
-    BusEventSink* m_gigESink = nullptr;
-    std::vector<RigFault> m_faults;
-    bool m_fast = false;
+    mutable Mutex m_mutex;  // Outermost: sinks take theirs under it.
+    std::vector<FireWireModel> m_fireWire NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_fireWireNames NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<UsbModel> m_usb NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_usbNames NIMBREL2_GUARDED_BY(m_mutex);
+    GigEModel m_gigE NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::uint32_t> m_virtualCameras NIMBREL2_GUARDED_BY(m_mutex);
+    BusEventSink* m_fireWireSink NIMBREL2_GUARDED_BY(m_mutex) = nullptr;
+    BusEventSink* m_usbSink NIMBREL2_GUARDED_BY(m_mutex) = nullptr;
+    BusEventSink* m_gigESink NIMBREL2_GUARDED_BY(m_mutex) = nullptr;
+    std::vector<RigFault> m_faults NIMBREL2_GUARDED_BY(m_mutex);
+    bool m_fast NIMBREL2_GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace Nimbrel2::Platform
