@@ -120,6 +120,7 @@ std::optional<NeighbourMessage> ParseNeighbour(Bytes payload) {
     Bytes attributes = Skip(payload, sizeof(ndmsg));
     while (const auto attribute = NextAttribute(attributes)) {
         if (attribute->type == NDA_LLADDR && attribute->payload.size() == 6) {
+            message.mac = 0;  // the kernel sends one address; of several the last counts, as of every attribute
             for (const std::uint8_t octet : attribute->payload) message.mac = message.mac << 8 | octet;
         }
         const auto value = Load<std::uint32_t>(attribute->payload);

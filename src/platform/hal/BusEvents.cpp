@@ -35,14 +35,16 @@ BusEvents::~BusEvents() {
 }
 
 void BusEvents::Report(BusState state) noexcept {
-    const std::lock_guard lock(m_mutex);
-    m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-        for (auto& [handle, registration] : m_registrations) registration.delivery->Add({event, first, second});
-    });
+    const LockGuard lock(m_mutex);
+    m_news.Report(std::move(state),
+                  [&registrations = m_registrations](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+                      for (auto& [handle, registration] : registrations)
+                          registration.delivery->Add({event, first, second});
+                  });
 }
 
 void BusEvents::RaiseError() noexcept {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (auto& [handle, registration] : m_registrations) registration.delivery->Add({HAL_BUS_ERROR, 0, 0});
 }
 
@@ -59,7 +61,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     }
     // Nothing throws from here on: a running thread would have no owner. Merging moves the node and takes no memory.
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (!m_stopped) {
             // Under the lock, so that a change is either found here or added by Report: once, whichever is first.
             m_news.RaiseUnseen([&made](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
@@ -77,7 +79,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
 
 std::uint32_t BusEvents::Deregister(void* registration) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         const auto found = m_registrations.find(ToHandle(registration));
         if (found == m_registrations.end()) return HAL_GONE;
         found->second.delivery->Stop();
@@ -90,7 +92,7 @@ std::uint32_t BusEvents::Deregister(void* registration) {
 bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const {
     std::vector<std::shared_ptr<EventDelivery>> deliveries;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (const auto& [handle, registration] : m_registrations) deliveries.push_back(registration.delivery);
     }
     return std::all_of(deliveries.begin(), deliveries.end(),
@@ -98,12 +100,12 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
 }
 
 void BusEvents::Listed(Listing listing, BusState state) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_news.Listed(listing, std::move(state));
 }
 
 void BusEvents::StopCallbacks() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_stopped = true;
     for (auto& [handle, registration] : m_registrations) registration.delivery->Stop();
     m_ending.merge(m_registrations);
@@ -112,7 +114,7 @@ void BusEvents::StopCallbacks() {
 void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
     Registrations ending;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         ending.swap(m_ending);
     }
     for (auto& [handle, registration] : ending) {
@@ -129,7 +131,7 @@ void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
 void BusEvents::Reap() {
     Registrations ended;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto next = m_ending.begin(); next != m_ending.end();) {
             const auto current = next++;
             if (current->second.delivery->HasEnded()) ended.insert(m_ending.extract(current));

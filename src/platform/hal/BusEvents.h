@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "hal/HAL.h"
 #include "platform/Drivers.h"
+#include "platform/base/Mutex.h"
 #include "platform/base/StartThread.h"
 #include "platform/hal/BusNews.h"
 #include "platform/hal/EntryTable.h"
@@ -64,12 +64,12 @@ private:
     const HALInterfaceType m_bus;
     const ThreadStarter m_startThread;
 
-    mutable std::mutex m_mutex;  // Guards all below.
-    bool m_stopped = false;
-    BusNews m_news;
-    Registrations m_registrations;
+    mutable Mutex m_mutex;
+    bool m_stopped NIMBREL2_GUARDED_BY(m_mutex) = false;
+    BusNews m_news NIMBREL2_GUARDED_BY(m_mutex);
+    Registrations m_registrations NIMBREL2_GUARDED_BY(m_mutex);
     /// Deregistered, with a thread that may still be in its last callback.
-    Registrations m_ending;
+    Registrations m_ending NIMBREL2_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Nimbrel2::Platform

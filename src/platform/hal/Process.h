@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 
+#include "platform/base/Mutex.h"
 #include "platform/base/StartThread.h"
 #include "platform/hal/DriverFactory.h"
 #include "platform/hal/Session.h"
@@ -42,12 +42,12 @@ private:
 
     Process() = default;
 
-    std::mutex m_mutex;  // Guards all below; taken alone.
-    State m_state = State::Closed;
-    std::shared_ptr<Session> m_session;  // Set exactly while Running.
-    Options m_options;
-    DriverFactory m_makeDrivers = &MakeDrivers;
-    ThreadStarter m_startThread = &StartThread;
+    Mutex m_mutex;  // Taken alone.
+    State m_state NIMBREL2_GUARDED_BY(m_mutex) = State::Closed;
+    std::shared_ptr<Session> m_session NIMBREL2_GUARDED_BY(m_mutex);  // Set exactly while Running.
+    Options m_options NIMBREL2_GUARDED_BY(m_mutex);
+    DriverFactory m_makeDrivers NIMBREL2_GUARDED_BY(m_mutex) = &MakeDrivers;
+    ThreadStarter m_startThread NIMBREL2_GUARDED_BY(m_mutex) = &StartThread;
 };
 
 }  // namespace Nimbrel2::Platform

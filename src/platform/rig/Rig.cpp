@@ -221,7 +221,7 @@ bool Rig::ChangeUsb(Change change) {
 
 template <class Change>
 bool Rig::ChangeGigE(Change change) {
-    if (!change()) {
+    if (!change(m_gigE)) {
         return false;
     }
     Report(m_gigEReports, GigEState());
@@ -229,7 +229,7 @@ bool Rig::ChangeGigE(Change change) {
 }
 
 std::optional<std::string> Rig::Plug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
         return ChangeFireWire([&] { return bus->Plug(device); })
                    ? std::nullopt
@@ -241,7 +241,7 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Plug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
@@ -249,7 +249,7 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Unplug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
         return ChangeFireWire([&] { return bus->Unplug(device); })
                    ? std::nullopt
@@ -261,7 +261,7 @@ std::optional<std::string> Rig::Unplug(const std::string& device) {
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Unplug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
@@ -269,7 +269,7 @@ std::optional<std::string> Rig::Unplug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Move(const std::string& device, unsigned int ownPort, const CableEnd& to) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::optional<std::string> problem;
     if (FireWireModel* bus = FireWireOf(device)) {
         ChangeFireWire([&] {
@@ -282,8 +282,8 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
             return !problem.has_value();
         });
     } else if (m_gigE.Has(device)) {
-        ChangeGigE([&] {
-            problem = m_gigE.Move(device, to.phy);
+        ChangeGigE([&](GigEModel& model) {
+            problem = model.Move(device, to.phy);
             return !problem.has_value();
         });
     } else {
@@ -294,78 +294,78 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
 
 template <class Change>
 std::optional<std::string> Rig::ChangeGigECamera(const std::string& camera, Change change) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.Has(camera)) {
         return "the rig has no GigE camera named \"" + camera + "\"";
     }
     std::optional<std::string> problem;
-    ChangeGigE([&] {
-        problem = change();
+    ChangeGigE([&](GigEModel& model) {
+        problem = change(model);
         return !problem.has_value();
     });
     return problem;
 }
 
 std::optional<std::string> Rig::SetLink(const std::string& interfaceName, bool up) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterface(interfaceName)) {
         return "the rig has no network interface named \"" + interfaceName + "\"";
     }
-    ChangeGigE([&] { return m_gigE.SetLink(interfaceName, up); });
+    ChangeGigE([&](GigEModel& model) { return model.SetLink(interfaceName, up); });
     return std::nullopt;
 }
 
 std::optional<std::string> Rig::SetAddress(const std::string& camera, std::uint32_t address, std::uint32_t mask,
                                            std::uint32_t gateway) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetAddress(camera, address, mask, gateway);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetAddress(camera, address, mask, gateway);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Hold(const std::string& camera, const Simulated::ControlOwner& owner) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Hold(camera, owner);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Hold(camera, owner);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Release(const std::string& camera) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Release(camera);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Release(camera);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::SetFaults(const std::string& camera, const Simulated::Faults& faults) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetFaults(camera, faults);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetFaults(camera, faults);
         return std::nullopt;
     });
 }
 
 std::uint32_t Rig::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::uint32_t status = HAL_OK;
-    ChangeGigE([&] {
-        status = m_gigE.ForceIp(mac, address, mask, gateway);
+    ChangeGigE([&](GigEModel& model) {
+        status = model.ForceIp(mac, address, mask, gateway);
         return true;
     });
     return status;
 }
 
 std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterfaceUp()) {
         return HAL_NO_BUS;
     }
     std::uint32_t first = HAL_OK;
-    ChangeGigE([&] {
-        for (const AddressPlan& plan : m_gigE.PlanAddresses(wanted)) {
+    ChangeGigE([&](GigEModel& model) {
+        for (const AddressPlan& plan : model.PlanAddresses(wanted)) {
             const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
             std::uint32_t status = plan.status;
             if (plan.newIp != 0) {
-                status = m_gigE.ForceIp(mac, plan.newIp, plan.newMask, 0);
+                status = model.ForceIp(mac, plan.newIp, plan.newMask, 0);
             }
             first = first == HAL_OK ? status : first;
         }
@@ -375,12 +375,13 @@ std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecor
 }
 
 std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int count) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (std::size_t i = 0; i < m_fireWire.size(); ++i) {
         if (m_fireWireNames[i] == bus) {
+            FireWireModel& model = m_fireWire[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeFireWire([&] {
-                    m_fireWire[i].Reset("");
+                ChangeFireWire([&model] {
+                    model.Reset("");
                     return true;
                 });
             }
@@ -389,9 +390,10 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
     }
     for (std::size_t i = 0; i < m_usb.size(); ++i) {
         if (m_usbNames[i] == bus) {
+            UsbModel& host = m_usb[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeUsb([&] {
-                    m_usb[i].Reset();
+                ChangeUsb([&host] {
+                    host.Reset();
                     return true;
                 });
             }
@@ -402,7 +404,7 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
 }
 
 std::optional<std::string> Rig::FailBus(const std::string& bus) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     BusEventSink* sink = nullptr;
     if (std::count(m_fireWireNames.begin(), m_fireWireNames.end(), bus) != 0) {
         sink = m_fireWireReports.sink;
@@ -418,41 +420,41 @@ std::optional<std::string> Rig::FailBus(const std::string& bus) {
 }
 
 void Rig::AddFault(RigFault fault) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_faults.push_back(std::move(fault));
 }
 
 std::size_t Rig::CountFaultsLeft() const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_faults.size();
 }
 
 void Rig::SetFast(bool fast) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_fast = fast;
 }
 
 void Rig::ConnectFireWire(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_fireWireReports.sink = sink;
     Report(m_fireWireReports, FireWireState());
 }
 
 void Rig::ConnectUsb(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_usbReports.sink = sink;
     Report(m_usbReports, UsbState());
 }
 
 void Rig::ConnectGigE(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_gigEReports.sink = sink;
     Report(m_gigEReports, GigEState());
 }
 
 void Rig::Wait(std::chrono::milliseconds time) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_fast) {
             return;
         }
@@ -464,7 +466,7 @@ std::uint32_t Rig::Enter(const char* function) {
     std::uint32_t status = HAL_OK;
     std::chrono::milliseconds delay{0};
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto fault = m_faults.begin(); fault != m_faults.end();) {
             if (fault->function != function || --fault->call != 0) {
                 ++fault;
@@ -480,7 +482,7 @@ std::uint32_t Rig::Enter(const char* function) {
 }
 
 std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (FireWireModel& bus : m_fireWire) {
         if (bus.Card() == card && bus.FindNode(eui64) != nullptr) {
             ChangeFireWire([&bus, eui64] {
@@ -494,7 +496,7 @@ std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
 }
 
 std::uint32_t Rig::ResetHostOf(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     UsbModel* host = UsbOf(device);
     if (host == nullptr || host->Find(device) == nullptr) {
         return HAL_GONE;
@@ -507,7 +509,7 @@ std::uint32_t Rig::ResetHostOf(const std::string& device) {
 }
 
 std::vector<std::uint32_t> Rig::VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::set<std::uint64_t> used(taken.begin(), taken.end());
     std::vector<std::uint32_t> serialNumbers;
     for (std::uint32_t serial : m_virtualCameras) {

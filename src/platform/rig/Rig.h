@@ -7,12 +7,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/Drivers.h"
+#include "platform/base/Mutex.h"
 #include "platform/rig/FireWireModel.h"
 #include "platform/rig/GigEModel.h"
 #include "platform/rig/RigDescription.h"
@@ -94,38 +94,38 @@ public:
     /// Runs a function on the models with the rig locked: f(std::vector<FireWireModel>&).
     template <class Function>
     auto WithFireWire(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_fireWire);
     }
     template <class Function>
     auto WithUsb(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_usb);
     }
     template <class Function>
     auto WithGigE(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_gigE);
     }
 
     /// The same for a listing. @return the bus kind at that moment, which has been reported.
     template <class Function>
     BusState ListFireWire(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         function(m_fireWire);
         Report(m_fireWireReports, FireWireState());
         return FireWireState();
     }
     template <class Function>
     BusState ListUsb(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         function(m_usb);
         Report(m_usbReports, UsbState());
         return UsbState();
     }
     template <class Function>
     BusState ListGigE(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         function(m_gigE);
         Report(m_gigEReports, GigEState());
         return GigEState();
@@ -150,33 +150,33 @@ private:
         std::uint64_t resets = 0;
     };
 
-    FireWireModel* FireWireOf(const std::string& device);
-    UsbModel* UsbOf(const std::string& device);
-    BusState FireWireState() const;
-    BusState UsbState() const;
-    BusState GigEState() const;
+    FireWireModel* FireWireOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
+    UsbModel* UsbOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
+    BusState FireWireState() const NIMBREL2_REQUIRES(m_mutex);
+    BusState UsbState() const NIMBREL2_REQUIRES(m_mutex);
+    BusState GigEState() const NIMBREL2_REQUIRES(m_mutex);
     static void Report(const Reports& reports, BusState state);
     template <class Change>
-    bool ChangeFireWire(Change change);
+    bool ChangeFireWire(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeUsb(Change change);
+    bool ChangeUsb(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeGigE(Change change);
+    bool ChangeGigE(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change);
+    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change) NIMBREL2_EXCLUDES(m_mutex);
 
-    mutable std::mutex m_mutex;  // Guards all below. Outermost: sinks take theirs under it.
-    std::vector<FireWireModel> m_fireWire;
-    std::vector<std::string> m_fireWireNames;
-    std::vector<UsbModel> m_usb;
-    std::vector<std::string> m_usbNames;
-    GigEModel m_gigE;
-    std::vector<std::uint32_t> m_virtualCameras;
-    Reports m_fireWireReports;
-    Reports m_usbReports;
-    Reports m_gigEReports;
-    std::vector<RigFault> m_faults;
-    bool m_fast = false;
+    mutable Mutex m_mutex;  // Outermost: sinks take theirs under it.
+    std::vector<FireWireModel> m_fireWire NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_fireWireNames NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<UsbModel> m_usb NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_usbNames NIMBREL2_GUARDED_BY(m_mutex);
+    GigEModel m_gigE NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::uint32_t> m_virtualCameras NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_fireWireReports NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_usbReports NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_gigEReports NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<RigFault> m_faults NIMBREL2_GUARDED_BY(m_mutex);
+    bool m_fast NIMBREL2_GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace Nimbrel2::Platform

@@ -11,10 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <queue>
 #include <system_error>
 #include <thread>
@@ -22,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/Mutex.h"
 #include "platform/simulated/CameraSocket.h"
 #include "platform/simulated/InterfaceAddresses.h"
 
@@ -132,11 +131,11 @@ private:
     CameraId m_lastId = 0;
     std::vector<std::uint8_t> m_buffer;
 
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Task*> m_tasks;
-    std::uint64_t m_activity = 0;
-    bool m_exit = false;
+    Mutex m_mutex;
+    ConditionVariable m_changed;
+    std::vector<Task*> m_tasks NIMBREL2_GUARDED_BY(m_mutex);
+    std::uint64_t m_activity NIMBREL2_GUARDED_BY(m_mutex) = 0;
+    bool m_exit NIMBREL2_GUARDED_BY(m_mutex) = false;
     std::thread m_thread;
 };
 
@@ -154,7 +153,7 @@ SimulatedGigENetwork::Server::Server(Options options) : m_options(std::move(opti
 
 SimulatedGigENetwork::Server::~Server() {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         m_exit = true;
     }
     WakeUp();
@@ -181,10 +180,10 @@ void SimulatedGigENetwork::Server::Serve() {
         for (int i = 0; i < count; ++i) HandleEvent(events[static_cast<std::size_t>(i)].data.u64);
         SendDueAnswers();
         RunTasks();
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_delivered) {
             ++m_activity;
-            m_changed.notify_all();
+            m_changed.NotifyAll();
         }
         m_delivered = false;
         if (m_exit) break;
@@ -201,7 +200,7 @@ int SimulatedGigENetwork::Server::GetWaitTime() const {
 void SimulatedGigENetwork::Server::RunTasks() {
     std::vector<Task*> tasks;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         tasks.swap(m_tasks);
     }
     for (Task* task : tasks) {
@@ -210,24 +209,25 @@ void SimulatedGigENetwork::Server::RunTasks() {
         } catch (...) {
             task->failure = std::current_exception();
         }
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         task->done = true;
-        m_changed.notify_all();
+        m_changed.NotifyAll();
     }
 }
 
 void SimulatedGigENetwork::Server::Run(const std::function<void()>& function) {
     Task task{&function, false, nullptr};
-    std::unique_lock lock(m_mutex);
+    UniqueLock lock(m_mutex);
     m_tasks.push_back(&task);
     WakeUp();
-    m_changed.wait(lock, [&task] { return task.done; });
+    m_changed.Wait(lock, [&task] { return task.done; });
     if (task.failure) std::rethrow_exception(task.failure);
 }
 
 std::uint64_t SimulatedGigENetwork::Server::WaitForActivity(std::uint64_t seen, Clock::time_point deadline) {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_until(lock, std::min(deadline, Clock::now() + kLookAgain), [&] { return m_activity != seen; });
+    UniqueLock lock(m_mutex);
+    m_changed.WaitUntil(lock, std::min(deadline, Clock::now() + kLookAgain),
+                        [&]() NIMBREL2_REQUIRES(m_mutex) { return m_activity != seen; });
     return m_activity;
 }
 

@@ -133,6 +133,19 @@ TEST(NetlinkMessages, ReadANeighbour) {
     EXPECT_FALSE(neighbour->answers);
 }
 
+TEST(NetlinkMessages, TakeTheLastOfTwoHardwareAddresses) {
+    ndmsg header{};
+    header.ndm_family = AF_INET;
+    header.ndm_state = NUD_REACHABLE;
+    const auto neighbour = ParseNeighbour(Builder(header)
+                                              .Add(NDA_LLADDR, {2, 0, 0, 0, 0x77, 1})
+                                              .Add(NDA_LLADDR, {2, 0, 0, 0, 0x77, 2})
+                                              .Add(NDA_DST, {10, 0, 0, 9})
+                                              .GetBytes());
+    ASSERT_TRUE(neighbour);
+    EXPECT_EQ(neighbour->mac, 0x020000007702u);
+}
+
 TEST(NetlinkMessages, ReadTheReversePathFilter) {
     netconfmsg header{};
     header.ncm_family = AF_INET;
