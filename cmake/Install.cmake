@@ -21,7 +21,9 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/MACAddress.h
     common/Singleton.h
     common/UsbInterface.h
+    common/Version.h
     common/ZevoGuid.h
+    hal/Export.h
     hal/HAL.h
     platform/Diagnostics.h
     platform/Platform.h

@@ -39,7 +39,7 @@ namespace Nimbrel2 {
 /// ERROR_MEMORY_ALLOCATION_FAILED. Out-parameters are written only as stated.
 /// @par Threads  Any, user callbacks included, unless an operation says otherwise. Operations on the lists wait while a
 ///               re-enumeration runs, which is milliseconds, and while Initialize waits, which can be 40 s.
-class NIMBREL2_ONE_IN_THE_PROCESS BusMaster : public Singleton<BusMaster> {
+class NIMBREL2_API BusMaster : public Singleton<BusMaster> {
 public:
     /// Starts the HAL. Lists nothing yet. Applications use Singleton<BusMaster>::GetInstance().
     BusMaster();

@@ -10,6 +10,7 @@
 #include "common/CameraInfo.h"
 #include "common/HalEntry.h"
 #include "common/InterfaceType.h"
+#include "hal/Export.h"
 #include "hal/HAL.h"
 
 namespace Nimbrel2 {
@@ -21,7 +22,7 @@ namespace Nimbrel2 {
 /// ReleaseCamera or ReleaseDevice has been called every operation that needs the device answers HAL_GONE. An operation
 /// that the bus of the device does not have answers HAL_NOT_SUPPORTED (a PHY write: HAL_PHY_WRITE_NOT_IMPLEMENTED).
 /// @par Threads  Any; operations on one object may run at the same time. No lock is held during a HAL call.
-class HardwareInterface {
+class NIMBREL2_API HardwareInterface {
 public:
     virtual ~HardwareInterface() = default;
     HardwareInterface(const HardwareInterface&) = delete;

@@ -6,16 +6,15 @@
 #include <cstdlib>
 #include <mutex>
 
-/// Of classes that the whole process has one of. Without it, each shared object that is compiled with hidden visibility
-/// would have one of its own.
-#define NIMBREL2_ONE_IN_THE_PROCESS __attribute__((visibility("default")))
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
-/// Base of a class with one object in the process: made on first use, destroyed once, at exit or before.
+/// Base of a class with one object in the process: made on first use, destroyed once, at exit or before. Both classes
+/// are exported: each shared object that is compiled with hidden visibility would have an object of its own otherwise.
 /// @par Threads  Any. The first GetInstance makes the object while the others wait.
 template <class T>
-class NIMBREL2_ONE_IN_THE_PROCESS Singleton {
+class NIMBREL2_API Singleton {
 public:
     virtual ~Singleton() = default;
 

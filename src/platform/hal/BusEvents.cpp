@@ -36,11 +36,10 @@ BusEvents::~BusEvents() {
 
 void BusEvents::Report(BusState state) noexcept {
     const LockGuard lock(m_mutex);
-    m_news.Report(std::move(state),
-                  [&registrations = m_registrations](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-                      for (auto& [handle, registration] : registrations)
-                          registration.delivery->Add({event, first, second});
-                  });
+    Registrations* const registrations = &m_registrations;
+    m_news.Report(std::move(state), [registrations](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        for (auto& [handle, registration] : *registrations) registration.delivery->Add({event, first, second});
+    });
 }
 
 void BusEvents::RaiseError() noexcept {
