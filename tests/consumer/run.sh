@@ -47,7 +47,7 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
     fail "nimbrel2.pc has another version"
 # shellcheck disable=SC2046  # pkg-config prints words
 "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$work/project/main.cpp" -o "$work/with_pkgconfig" \
-    $(pkg-config --cflags --libs nimbrel2)
+    $(pkg-config --cflags --libs nimbrel2-simulation)
 expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"
 
 # Two plug-ins that hide their symbols still share the one bus master.

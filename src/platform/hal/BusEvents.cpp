@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Registrations and what drivers raise. Runs on driver threads (Raise...) and on callers' threads (all others).
-// Takes m_mutex for a walk over a handful of registrations, and in it each delivery's mutex for a few instructions.
+// Registrations and what drivers report. Runs on driver threads (Report, RaiseError) and on callers' threads (all
+// others). Takes m_mutex for a walk over a handful of registrations, and in it each delivery's mutex for a few
+// instructions.
 #include "platform/hal/BusEvents.h"
 
 #include <algorithm>
@@ -33,19 +34,21 @@ BusEvents::~BusEvents() {
     JoinThreads(EventDelivery::Clock::time_point::min());
 }
 
-void BusEvents::RaiseReset() {
+void BusEvents::Report(BusState state) noexcept {
     const LockGuard lock(m_mutex);
-    m_ledger.CountChange();
-    for (auto& [handle, registration] : m_registrations) registration.delivery->AddReset();
+    m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        m_mutex.AssumeHeld();
+        Add({event, first, second});
+    });
 }
 
-void BusEvents::Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-    if (event == HAL_BUS_RESET) {
-        RaiseReset();
-        return;
-    }
+void BusEvents::RaiseError() noexcept {
     const LockGuard lock(m_mutex);
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Add({event, first, second});
+    Add({HAL_BUS_ERROR, 0, 0});
+}
+
+void BusEvents::Add(const BusEvent& event) {
+    for (auto& [handle, registration] : m_registrations) registration.delivery->Add(event);
 }
 
 std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, void** registration) {
@@ -63,8 +66,10 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     {
         const LockGuard lock(m_mutex);
         if (!m_stopped) {
-            // Under the lock, so that a change is either counted here or added by RaiseReset: once, whichever is first.
-            if (m_ledger.HasUnseenChange()) made.delivery->AddReset();
+            // Under the lock, so that a change is either found here or added by Report: once, whichever is first.
+            m_news.RaiseUnseen([&made](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+                made.delivery->Add({event, first, second});
+            });
             m_registrations.merge(fresh);
             *registration = ToPointer(handle);
             return HAL_OK;
@@ -97,14 +102,9 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
                        [deadline](const auto& delivery) { return delivery->WaitUntilIdle(deadline); });
 }
 
-std::uint64_t BusEvents::BeginListing() const {
+void BusEvents::Listed(Listing listing, BusState state) {
     const LockGuard lock(m_mutex);
-    return m_ledger.Begin();
-}
-
-void BusEvents::EndListing(Listing listing, std::uint64_t changesAtBegin) {
-    const LockGuard lock(m_mutex);
-    m_ledger.End(listing, changesAtBegin);
+    m_news.Listed(listing, std::move(state));
 }
 
 void BusEvents::StopCallbacks() {

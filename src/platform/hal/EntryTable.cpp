@@ -2,9 +2,17 @@
 // Adding and removing entries. Any thread; takes the table's own mutex for one look-up or one merge.
 #include "platform/hal/EntryTable.h"
 
+#include <atomic>
 #include <utility>
 
 namespace Nimbrel2::Platform {
+
+static_assert(sizeof(Handle) == 8, "a counter of 32 bits could come round and give a handle twice");
+
+Handle NextHandle() {
+    static constinit std::atomic<Handle> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 std::uint32_t EntryTable::Add(EntryKind kind, std::vector<Device> devices, void** entries) {
     Entries fresh;

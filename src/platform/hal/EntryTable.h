@@ -3,6 +3,7 @@
 #ifndef NIMBREL2_PLATFORM_HAL_ENTRYTABLE_H
 #define NIMBREL2_PLATFORM_HAL_ENTRYTABLE_H
 
+#include <bit>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -12,9 +13,18 @@
 #include "hal/HAL.h"
 #include "platform/Drivers.h"
 #include "platform/base/Mutex.h"
-#include "platform/hal/Handles.h"
 
 namespace Nimbrel2::Platform {
+
+/// The opaque values that cross the HAL line, entries and registrations: numbers dressed as pointers.
+using Handle = std::uintptr_t;
+
+/// A number that this process has never given out: not to another entry, not to a registration, not before the last
+/// clean-up. A stale handle is therefore unknown and never somebody else's. Never 0.
+Handle NextHandle();
+
+inline void* ToPointer(Handle handle) { return std::bit_cast<void*>(handle); }
+inline Handle ToHandle(const void* pointer) { return std::bit_cast<Handle>(pointer); }
 
 /// Which free function takes an entry back.
 enum class EntryKind { FireWireCamera, FireWireDevice, UsbCamera, GigECamera };

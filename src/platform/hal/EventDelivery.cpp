@@ -34,14 +34,6 @@ void EventDelivery::Run() {
     m_endedCondition.NotifyAll();
 }
 
-void EventDelivery::AddReset() {
-    const Clock::time_point now = Clock::now();
-    const LockGuard lock(m_mutex);
-    m_queue.AddReset(now);
-    m_idle = m_idle && m_stopped;
-    m_wake.NotifyOne();
-}
-
 void EventDelivery::Add(const BusEvent& event) {
     const Clock::time_point now = Clock::now();
     const LockGuard lock(m_mutex);

@@ -22,7 +22,6 @@ public:
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();
 
-    void AddReset();
     void Add(const BusEvent& event);
 
     /// Waits until nothing waits to be delivered and no callback is in flight. False when the deadline came first.

@@ -75,6 +75,7 @@ std::uint32_t Process::SetOptions(Options options) {
 }
 
 std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
+    if (!factory) factory = &MakeDrivers;
     const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     m_makeDrivers.swap(factory);
@@ -82,6 +83,7 @@ std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
 }
 
 std::uint32_t Process::SetThreadStarter(ThreadStarter starter) {
+    if (!starter) starter = &StartThread;
     const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     m_startThread.swap(starter);

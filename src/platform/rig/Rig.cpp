@@ -124,21 +124,6 @@ std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
 
 namespace {
 
-// A removal for each that is gone and an arrival for each that is new; both sorted.
-void RaiseDifference(BusEventSink& sink, const std::vector<std::string>& before,
-                     const std::vector<std::string>& after) {
-    const auto raise = [&sink](const std::vector<std::string>& from, const std::vector<std::string>& in,
-                               HALBusEvent event) {
-        std::vector<std::string> missing;
-        std::set_difference(from.begin(), from.end(), in.begin(), in.end(), std::back_inserter(missing));
-        for (std::size_t i = 0; i < missing.size(); ++i) {
-            sink.Raise(event, 0, 0);
-        }
-    };
-    raise(before, after, HAL_BUS_REMOVAL);
-    raise(after, before, HAL_BUS_ARRIVAL);
-}
-
 std::string NoDevice(const std::string& device) { return "the rig has no device named \"" + device + "\""; }
 
 }  // namespace
@@ -170,104 +155,88 @@ UsbModel* Rig::UsbOf(const std::string& device) {
     return found == m_usb.end() ? nullptr : &*found;
 }
 
-Rig::NodesByIdentity Rig::NodesOf(const FireWireModel& bus) {
-    NodesByIdentity nodes;
-    for (const FireWireModel::Node& node : bus.Nodes()) {
-        if (node.phy->kind == PhyKind::Camera || node.phy->kind == PhyKind::Device) {
-            nodes[node.phy->eui64] =
-                NodeWords{node.phy->kind == PhyKind::Camera, static_cast<std::uint32_t>(node.phy->eui64 >> 32),
-                          static_cast<std::uint32_t>(node.phy->eui64)};
+BusState Rig::FireWireState() const {
+    BusState state{m_fireWireReports.resets, {}};
+    for (const FireWireModel& bus : m_fireWire) {
+        for (const FireWireModel::Node& node : bus.Nodes()) {
+            const std::uint64_t eui64 = node.phy->eui64;
+            PresentDevice device{std::to_string(bus.Card()) + "/" + std::to_string(eui64)};
+            if (node.phy->kind == PhyKind::Device) {  // only a node that is no camera is named in events
+                device.firstWord = static_cast<std::uint32_t>(eui64 >> 32);
+                device.secondWord = static_cast<std::uint32_t>(eui64);
+            } else if (node.phy->kind != PhyKind::Camera) {
+                continue;
+            }
+            state.devices.push_back(std::move(device));
         }
     }
-    return nodes;
+    return state;
 }
 
-std::vector<std::string> Rig::CamerasOf(const UsbModel& host) {
-    std::vector<std::string> names;
-    for (const UsbModel::Attached& attached : host.Devices()) {
-        if (attached.device->kind == UsbKind::Camera) {
-            names.push_back(attached.device->name);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// A change of the cables is a bus reset, and an arrival or removal for each node that it brought or took.
-template <class Change>
-bool Rig::ChangeFireWire(FireWireModel& bus, Change change) {
-    const NodesByIdentity before = NodesOf(bus);
-    if (!change()) {
-        return false;
-    }
-    if (m_fireWireSink == nullptr) {
-        return true;
-    }
-    BusEventSink& sink = *m_fireWireSink;
-    sink.RaiseReset();
-    const NodesByIdentity after = NodesOf(bus);
-    const auto raiseMissing = [&sink](const NodesByIdentity& from, const NodesByIdentity& in, HALBusEvent event) {
-        for (const auto& [eui64, node] : from) {
-            if (in.count(eui64) == 0) {
-                // Only a node that is no camera is named.
-                sink.Raise(event, node.camera ? 0 : node.high, node.camera ? 0 : node.low);
+BusState Rig::UsbState() const {
+    BusState state{m_usbReports.resets, {}};
+    for (const UsbModel& host : m_usb) {
+        for (const UsbModel::Attached& attached : host.Devices()) {
+            if (attached.device->kind == UsbKind::Camera) {
+                state.devices.push_back(PresentDevice{attached.device->name});
             }
         }
-    };
-    raiseMissing(before, after, HAL_BUS_REMOVAL);
-    raiseMissing(after, before, HAL_BUS_ARRIVAL);
-    return true;
-}
-
-template <class Change>
-bool Rig::ChangeUsb(UsbModel& host, Change change) {
-    const std::vector<std::string> before = CamerasOf(host);
-    if (!change()) {
-        return false;
     }
-    if (m_usbSink == nullptr) {
-        return true;
-    }
-    m_usbSink->RaiseReset();
-    RaiseDifference(*m_usbSink, before, CamerasOf(host));
-    return true;
+    return state;
 }
 
 // A camera whose address changes is another one to everybody above: it leaves and comes.
+BusState Rig::GigEState() const {
+    BusState state;
+    for (const GigEModel::Camera* camera : m_gigE.Reached()) {
+        state.devices.push_back(PresentDevice{camera->name, camera->registers->GetAddress()});
+    }
+    return state;
+}
+
+void Rig::Report(const Reports& reports, BusState state) {
+    if (reports.sink != nullptr) reports.sink->Report(std::move(state));
+}
+
+// A change of the cables is a bus reset.
+template <class Change>
+bool Rig::ChangeFireWire(Change change) {
+    if (!change()) {
+        return false;
+    }
+    ++m_fireWireReports.resets;
+    Report(m_fireWireReports, FireWireState());
+    return true;
+}
+
+template <class Change>
+bool Rig::ChangeUsb(Change change) {
+    if (!change()) {
+        return false;
+    }
+    ++m_usbReports.resets;
+    Report(m_usbReports, UsbState());
+    return true;
+}
+
 template <class Change>
 bool Rig::ChangeGigE(Change change) {
-    if (m_gigESink == nullptr) {
-        return change(m_gigE);
-    }
-    const auto identities = [](const GigEModel& model) {
-        std::vector<std::string> found;
-        for (const GigEModel::Camera* camera : model.Reached()) {
-            found.push_back(camera->name + "/" + std::to_string(camera->registers->GetAddress()));
-        }
-        std::sort(found.begin(), found.end());
-        return found;
-    };
-    const std::vector<std::string> before = identities(m_gigE);
     if (!change(m_gigE)) {
         return false;
     }
-    const std::vector<std::string> after = identities(m_gigE);
-    if (before != after) {
-        m_gigESink->RaiseReset();
-        RaiseDifference(*m_gigESink, before, after);
-    }
+    Report(m_gigEReports, GigEState());
     return true;
 }
 
 std::optional<std::string> Rig::Plug(const std::string& device) {
     const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
-        return ChangeFireWire(*bus, [&] { return bus->Plug(device); })
+        return ChangeFireWire([&] { return bus->Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
     if (UsbModel* host = UsbOf(device)) {
-        return ChangeUsb(*host, [&] { return host->Plug(device); })
+        return ChangeUsb([&] { return host->Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
@@ -282,12 +251,12 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
 std::optional<std::string> Rig::Unplug(const std::string& device) {
     const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
-        return ChangeFireWire(*bus, [&] { return bus->Unplug(device); })
+        return ChangeFireWire([&] { return bus->Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in, or the computer's own card");
     }
     if (UsbModel* host = UsbOf(device)) {
-        return ChangeUsb(*host, [&] { return host->Unplug(device); })
+        return ChangeUsb([&] { return host->Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
@@ -303,12 +272,12 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
     const LockGuard lock(m_mutex);
     std::optional<std::string> problem;
     if (FireWireModel* bus = FireWireOf(device)) {
-        ChangeFireWire(*bus, [&] {
+        ChangeFireWire([&] {
             problem = bus->Move(device, ownPort, to);
             return !problem.has_value();
         });
     } else if (UsbModel* host = UsbOf(device)) {
-        ChangeUsb(*host, [&] {
+        ChangeUsb([&] {
             problem = host->Move(device, to.phy, to.port);
             return !problem.has_value();
         });
@@ -411,7 +380,7 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
         if (m_fireWireNames[i] == bus) {
             FireWireModel& model = m_fireWire[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeFireWire(model, [&model] {
+                ChangeFireWire([&model] {
                     model.Reset("");
                     return true;
                 });
@@ -423,7 +392,7 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
         if (m_usbNames[i] == bus) {
             UsbModel& host = m_usb[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeUsb(host, [&host] {
+                ChangeUsb([&host] {
                     host.Reset();
                     return true;
                 });
@@ -438,14 +407,14 @@ std::optional<std::string> Rig::FailBus(const std::string& bus) {
     const LockGuard lock(m_mutex);
     BusEventSink* sink = nullptr;
     if (std::count(m_fireWireNames.begin(), m_fireWireNames.end(), bus) != 0) {
-        sink = m_fireWireSink;
+        sink = m_fireWireReports.sink;
     } else if (std::count(m_usbNames.begin(), m_usbNames.end(), bus) != 0) {
-        sink = m_usbSink;
+        sink = m_usbReports.sink;
     } else {
         return "the rig has no FireWire bus or USB host named \"" + bus + "\"";
     }
     if (sink != nullptr) {
-        sink->Raise(HAL_BUS_ERROR, 0, 0);
+        sink->RaiseError();
     }
     return std::nullopt;
 }
@@ -467,17 +436,20 @@ void Rig::SetFast(bool fast) {
 
 void Rig::ConnectFireWire(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
-    m_fireWireSink = sink;
+    m_fireWireReports.sink = sink;
+    Report(m_fireWireReports, FireWireState());
 }
 
 void Rig::ConnectUsb(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
-    m_usbSink = sink;
+    m_usbReports.sink = sink;
+    Report(m_usbReports, UsbState());
 }
 
 void Rig::ConnectGigE(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
-    m_gigESink = sink;
+    m_gigEReports.sink = sink;
+    Report(m_gigEReports, GigEState());
 }
 
 void Rig::Wait(std::chrono::milliseconds time) {
@@ -513,7 +485,7 @@ std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
     const LockGuard lock(m_mutex);
     for (FireWireModel& bus : m_fireWire) {
         if (bus.Card() == card && bus.FindNode(eui64) != nullptr) {
-            ChangeFireWire(bus, [&bus, eui64] {
+            ChangeFireWire([&bus, eui64] {
                 bus.Reset(bus.FindNode(eui64)->phy->name);
                 return true;
             });
@@ -529,7 +501,7 @@ std::uint32_t Rig::ResetHostOf(const std::string& device) {
     if (host == nullptr || host->Find(device) == nullptr) {
         return HAL_GONE;
     }
-    ChangeUsb(*host, [host] {
+    ChangeUsb([host] {
         host->Reset();
         return true;
     });
