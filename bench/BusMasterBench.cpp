@@ -68,7 +68,7 @@ void ListThreeSlowBuses(benchmark::State& state) {
     AttachCameras(4, 4, 4);
     SetListingTime(SlowListing, SlowListing, SlowListing);
     BusMaster busMaster;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::vector<BusMasterHandle*> cameras;
         BusMasterTestAccess::GetCameras(busMaster, cameras);
         BusMasterTestAccess::FreeCameraList(&cameras);
@@ -80,7 +80,7 @@ BENCHMARK(ListThreeSlowBuses)->Unit(benchmark::kMicrosecond)->UseRealTime()->Ite
 void ListOneSlowBus(benchmark::State& state) {
     AttachCameras(4, 0, 0);
     SetListingTime(SlowListing, {}, {});
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::vector<BusMasterHandle*> cameras;
         BusMasterTestAccess::Get1394Cameras(&cameras);
         BusMasterTestAccess::FreeCameraList(&cameras);
@@ -100,7 +100,7 @@ void Cycle512Cameras(benchmark::State& state) {
     }
     busMaster.RescanBus();
     const std::uint64_t before = CountListings();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         busMaster.RescanBus();
     }
     if (CountListings() - before != static_cast<std::uint64_t>(state.iterations())) {
@@ -144,7 +144,7 @@ BareList ListBareBuses() {
 
 void BareCycle512Cameras(benchmark::State& state) {
     const BareList kept = ListBareBuses();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         BareList fresh = ListBareBuses();
         for (const auto& camera : kept) {
             const auto same = std::find_if(fresh.begin(), fresh.end(),
@@ -191,7 +191,7 @@ void ResetToArrivalCallback(benchmark::State& state) {
         busMaster.RegisterCallback(&Arrival::OnArrival, ARRIVAL, &arrival, &registration) != ERROR_OK) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         RescanUntilListed(busMaster, 0);
         arrival.heard = false;
         AttachCameras(1, 0, 0);
@@ -245,7 +245,7 @@ private:
 void BareWakeToCallback(benchmark::State& state) {
     Arrival arrival;
     BareWorker worker(arrival);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         arrival.heard = false;
         const Clock::time_point start = Clock::now();
         worker.Wake(false);
@@ -263,7 +263,7 @@ void LookUpLastOf512BySerialNumber(benchmark::State& state) {
     if (!Start(busMaster, state)) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ZevoGuid guid;
         if (busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {
             state.SkipWithError("the camera was not found");
@@ -280,7 +280,7 @@ void LookUpLastOf512ByGuid(benchmark::State& state) {
     if (!Start(busMaster, state) || busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         HardwareInterface* hwInterface = nullptr;
         if (busMaster.GetHwInterfaceFromGuid(guid, &hwInterface) != ERROR_OK) {
             state.SkipWithError("the camera was not found");
@@ -297,7 +297,7 @@ void LookUpLastBare(benchmark::State& state, Matches matches) {
         cameras[i]->serialNumber = i;
     }
     std::mutex mutex;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const std::lock_guard<std::mutex> lock(mutex);
         const auto found = std::find_if(cameras.begin(), cameras.end(),
                                         [&](const auto& camera) { return matches(*camera, *cameras.back()); });
@@ -334,7 +334,7 @@ void LookUpInResetStorm(benchmark::State& state) {
     });
     Clock::duration worst{};
     const Clock::time_point begin = Clock::now();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Clock::time_point start = Clock::now();
         ZevoGuid guid;
         if (busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {

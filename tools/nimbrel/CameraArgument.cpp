@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -102,22 +103,29 @@ FoundCamera FindByGuid(BusMaster& busMaster, const std::vector<Camera>& cameras,
     throw CommandError("no camera or device has the guid " + FormatGuid(guid));
 }
 
-}  // namespace
-
-ZevoGuid ParseGuid(const std::string& option, const std::string& text) {
+std::optional<ZevoGuid> ReadGuid(const std::string& text) {
     constexpr std::size_t kGroup = 9;  // eight digits and what separates them
-    const CommandError refusal(
-        option + ": \"" + text + "\" is not a guid, which is four groups of eight hexadecimal digits joined by -",
-        kUsage);
-    if (text.size() != 4 * kGroup - 1) throw refusal;
+    if (text.size() != 4 * kGroup - 1) return std::nullopt;
     ZevoGuid guid;
     for (std::size_t i = 0; i < 4; ++i) {
         const char* begin = text.data() + i * kGroup;
         const auto [end, error] = std::from_chars(begin, begin + kGroup - 1, guid.value[i], 16);
-        if (error != std::errc() || end != begin + kGroup - 1) throw refusal;
-        if (i != 3 && *end != '-') throw refusal;
+        if (error != std::errc() || end != begin + kGroup - 1) return std::nullopt;
+        if (i != 3 && *end != '-') return std::nullopt;
     }
     return guid;
+}
+
+}  // namespace
+
+ZevoGuid ParseGuid(const std::string& option, const std::string& text) {
+    const std::optional<ZevoGuid> guid = ReadGuid(text);
+    if (!guid) {
+        throw CommandError(
+            option + ": \"" + text + "\" is not a guid, which is four groups of eight hexadecimal digits joined by -",
+            kUsage);
+    }
+    return *guid;
 }
 
 CameraChoice ParseCamera(const std::string& text) {

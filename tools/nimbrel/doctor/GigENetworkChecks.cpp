@@ -2,7 +2,7 @@
 // What is wrong with this computer's own network. Pure.
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include "tools/nimbrel/BusHealth.h"
 #include "tools/nimbrel/Values.h"
@@ -135,6 +135,15 @@ std::string HearingText(const InterfaceHearing& hearing, const std::string& name
     return text + "; not ruled out: what arrives before a firewall only an administrator may see";
 }
 
+Finding OverlapOf(const std::string& first, const InterfaceAddress& a, const std::string& second,
+                  const InterfaceAddress& b, const GigEDiagnosis& diagnosis) {
+    return {"gige.subnet-overlap", false,
+            first + " " + AddressText(a) + " and " + second + " " + AddressText(b) +
+                " are in one subnet: what goes to a camera may leave by the wrong one",
+            Sudo("ip address del " + AddressText(b) + " dev " + second) + " && sudo ip address add " +
+                FreeSubnetAddress(diagnosis) + " dev " + second};
+}
+
 }  // namespace
 
 Findings CheckDriver(const GigEExamination& examined) {
@@ -145,7 +154,7 @@ Findings CheckDriver(const GigEExamination& examined) {
                  Sudo("nimbrel doctor --bus gige")}};
     }
     if (diagnosis.error != 0) {
-        const std::string why = std::strerror(diagnosis.error);
+        const std::string why = std::generic_category().message(diagnosis.error);
         return {{check, false, "the kernel does not tell its network interfaces: " + why,
                  Sudo("nimbrel doctor --bus gige")}};
     }
@@ -159,9 +168,10 @@ Findings CheckDriver(const GigEExamination& examined) {
         if (entry.error != 0) {
             wrong.push_back({check, false, entry.interface.name + ": " + entry.reason, Sudo("nimbrel doctor")});
         } else if (entry.used && sendError != 0) {
-            wrong.push_back({check, false,
-                             entry.interface.name + ": a broadcast was refused: " + std::strerror(sendError),
-                             CureOfRefusal(entry.interface.name, sendError, diagnosis)});
+            wrong.push_back(
+                {check, false,
+                 entry.interface.name + ": a broadcast was refused: " + std::generic_category().message(sendError),
+                 CureOfRefusal(entry.interface.name, sendError, diagnosis)});
         }
         if (entry.used) used.push_back(entry.interface.name);
     }
@@ -224,13 +234,7 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
             for (const InterfaceAddress& a : first->interface.addresses) {
                 for (const InterfaceAddress& b : second->interface.addresses) {
                     if (!Overlap(a, b)) continue;
-                    const std::string& name = second->interface.name;
-                    wrong.push_back(
-                        {check, false,
-                         first->interface.name + " " + AddressText(a) + " and " + name + " " + AddressText(b) +
-                             " are in one subnet: what goes to a camera may leave by the wrong one",
-                         Sudo("ip address del " + AddressText(b) + " dev " + name) + " && sudo ip address add " +
-                             FreeSubnetAddress(examined.diagnosis) + " dev " + name});
+                    wrong.push_back(OverlapOf(first->interface.name, a, second->interface.name, b, examined.diagnosis));
                 }
             }
         }
@@ -331,6 +335,7 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
     const std::string check = "gige.receive-buffer";
     const auto& largest = examined.host.largestReceiveBuffer;
     const std::string limit = largest ? "net.core.rmem_max is " + std::to_string(*largest) + " octets" : std::string();
+    const std::string knownLimit = largest ? "; " + limit : std::string();
     Findings wrong;
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
@@ -342,7 +347,7 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
             measured.push_back(evidence);
             continue;
         }
-        wrong.push_back({check, false, evidence + (limit.empty() ? "" : "; " + limit), kRaiseReceiveBuffer});
+        wrong.push_back({check, false, evidence + knownLimit, kRaiseReceiveBuffer});
     }
     if (!measured.empty() && largest) {
         measured.push_back(limit + ", the most that a program that receives images gets");
