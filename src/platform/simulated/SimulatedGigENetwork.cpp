@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/base/Mutex.h"
+#include "platform/base/Texts.h"
 #include "platform/simulated/CameraSocket.h"
 #include "platform/simulated/InterfaceAddresses.h"
 
@@ -324,13 +325,13 @@ SimulatedGigENetwork::AddResult SimulatedGigENetwork::Server::AddCamera(const Si
     const std::uint32_t address = camera.model->GetAddress();
     camera.interfaceName = options.interfaceName.empty() ? FindInterfaceOf(address) : options.interfaceName;
     if (camera.interfaceName.empty()) {
-        return {0, EADDRNOTAVAIL, FormatAddress(address) + ": no network interface has this address"};
+        return {0, EADDRNOTAVAIL, FormatIp(address) + ": no network interface has this address"};
     }
     camera.interfaceIndex = if_nametoindex(camera.interfaceName.c_str());
     if (camera.interfaceIndex == 0) return {0, ENODEV, camera.interfaceName + ": no such network interface"};
 
     int error = Open(camera, !options.interfaceName.empty());
-    if (error != 0) return {0, error, FormatAddress(address) + ": " + ErrorText(error)};
+    if (error != 0) return {0, error, FormatIp(address) + ": " + ErrorText(error)};
     error = JoinBroadcasts(camera);
     if (error != 0) {
         LeaveAddress(camera);
@@ -402,8 +403,7 @@ void SimulatedGigENetwork::Server::Move(Camera& camera) {
         camera.problem.clear();
         return;
     }
-    const std::string problem =
-        FormatAddress(camera.boundAddress) + " on " + camera.interfaceName + ": " + ErrorText(error);
+    const std::string problem = FormatIp(camera.boundAddress) + " on " + camera.interfaceName + ": " + ErrorText(error);
     if (problem != camera.problem && m_options.report) m_options.report(problem);
     camera.problem = problem;
 }

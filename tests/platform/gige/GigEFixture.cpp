@@ -64,7 +64,7 @@ std::ostream& operator<<(std::ostream& out, const RecordingSink::Counts& counts)
 std::uint32_t Ip(const std::string& text) { return ntohl(inet_addr(text.c_str())); }
 
 std::string NameOf(const GvcpDiscoveryRecord& record) {
-    return Platform::GigE::SerialTextOf(record) + "@" + Platform::GigE::IpText(record.ipAddress);
+    return Platform::GigE::SerialTextOf(record) + "@" + Platform::FormatIp(record.ipAddress);
 }
 
 std::chrono::milliseconds Since(Clock::time_point start) {
@@ -201,10 +201,29 @@ std::vector<std::string> GigETest::ListNames() {
 std::vector<std::string> GigETest::DiscoverNames() {
     std::vector<GvcpDiscoveryRecord> records;
     // Inside: it opens sockets of its own where a filter is in force.
-    m_host.Run([&] { EXPECT_EQ(m_bus->Discover(&records), HAL_OK); });
+    m_host.Run([&] { EXPECT_EQ(Discover(&records), HAL_OK); });
     std::vector<std::string> names;
     for (const GvcpDiscoveryRecord& record : records) names.push_back(NameOf(record));
     return names;
+}
+
+std::uint32_t GigETest::Discover(std::vector<GvcpDiscoveryRecord>* records) {
+    Platform::GigEDiscovery discovery;
+    const std::uint32_t status = m_bus->Discover(std::nullopt, &discovery);
+    records->clear();
+    for (const Platform::CameraDiagnosis& camera : discovery.cameras) records->push_back(camera.record);
+    return status;
+}
+
+std::uint32_t GigETest::ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway) {
+    Platform::ForceIpResult result;
+    return m_bus->ForceAddress({mac, ip, mask, gateway}, &result);
+}
+
+std::uint32_t GigETest::AutoForceIp(std::optional<std::uint32_t> serialNumber) {
+    std::vector<Platform::AddressPlan> plans;
+    const std::uint32_t status = m_bus->PlanAddresses(serialNumber, &plans);
+    return status == HAL_OK ? m_bus->ApplyAddresses(&plans) : status;
 }
 
 // ---- GigEWireTest --------------------------------------------------------------------------------------------------

@@ -11,9 +11,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/base/Texts.h"
 #include "platform/hal/BusNews.h"
 #include "platform/linux/gige/CameraKey.h"
 #include "platform/linux/gige/GigECore.h"
@@ -124,6 +126,11 @@ protected:
     /// What is listed, as "serial@ip".
     std::vector<std::string> ListNames();
     std::vector<std::string> DiscoverNames();
+
+    // As the HAL's functions of these names do it.
+    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records);
+    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber);
 
     NetworkNamespace m_host;
     RecordingSink m_sink;

@@ -28,7 +28,7 @@ protected:
                     const __user_cap_data_struct none[2]{};
                     ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
                 }
-                status = m_bus->TestHearing(&hearing);
+                status = m_bus->FindMutedCameras(&hearing);
             })
             .join();
         EXPECT_EQ(status, HAL_OK);
@@ -125,7 +125,7 @@ TEST_F(GigEHearingTest, EndsWithTheDriver) {
     Start({});
     Stop();
     GigEHearing hearing;
-    EXPECT_EQ(m_bus->TestHearing(&hearing), HAL_CLOSED);
+    EXPECT_EQ(m_bus->FindMutedCameras(&hearing), HAL_CLOSED);
 }
 
 TEST_F(GigEHearingTest, ListsNoInterfaceWhereNoneIsUsed) {

@@ -33,10 +33,10 @@ TEST_F(GigENetwork, HasNothingToDoWithoutANetwork) {
     EXPECT_THAT(List(), IsEmpty());
     EXPECT_LT(Since(start), m_window);
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_NO_BUS);
-    EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_NO_BUS);
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_NO_BUS);
-    EXPECT_EQ(m_bus->AutoForceIp(1), HAL_NO_BUS);
+    EXPECT_EQ(Discover(&records), HAL_NO_BUS);
+    EXPECT_EQ(ForceIp(1, 2, 3, 4), HAL_NO_BUS);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_NO_BUS);
+    EXPECT_EQ(AutoForceIp(1), HAL_NO_BUS);
     EXPECT_EQ(m_sink.GetCounts(), RecordingSink::Counts());
 }
 

@@ -92,7 +92,7 @@ TEST_F(GigERefused, NoCapabilityIsNeeded) {
     std::thread([&] {
         DropCapabilities();
         EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102", "9@10.9.9.9"));
-        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+        EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
         EXPECT_EQ(ListNames().size(), 2u);
     }).join();
     m_cameras->Use(id, [](auto& camera) { camera.SetSilent(true); });
@@ -110,9 +110,9 @@ TEST_F(GigERefused, UdpSocketsAreAPermissionProblem) {
     EXPECT_LT(Since(start), m_window);
     EXPECT_THAT(cameras.devices, IsEmpty());
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
-    EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_PERMISSION);
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(ForceIp(1, 2, 3, 4), HAL_PERMISSION);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, BindingToADeviceIsAPermissionProblem) {
@@ -130,7 +130,7 @@ TEST_F(GigERefused, TheKernelsOwnWordOnInterfacesIsAPermissionProblem) {
     Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, AComputerWithoutNetworkIsAskedForNothing) {
@@ -205,7 +205,7 @@ TEST_F(GigERefused, RequestsThatAFirewallForbidsAreAPermissionProblem) {
     Start({});
     EXPECT_THAT(List(), IsEmpty());
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, LostNoticesOfTheKernelAreMadeUpFor) {

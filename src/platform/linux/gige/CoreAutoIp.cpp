@@ -3,7 +3,7 @@
 // the network is waited for.
 #include <algorithm>
 
-#include "platform/linux/gige/FreeAddress.h"
+#include "platform/base/CameraAddress.h"
 #include "platform/linux/gige/GigECore.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -17,26 +17,17 @@ constexpr std::size_t kCandidates = 4;
 constexpr std::size_t kMostAsked = 256;
 constexpr int kMaxRounds = 32;
 
-/// The subnet of an interface with addresses that its cameras belong in: the first one with room for another host.
-const InterfaceAddress& HomeOf(const NetworkInterface& interface) {
-    const auto roomy = std::find_if(interface.addresses.begin(), interface.addresses.end(),
-                                    [](const InterfaceAddress& address) { return address.prefixLength < 32; });
-    return roomy != interface.addresses.end() ? *roomy : interface.addresses.front();
-}
-
 }  // namespace
 
-std::uint32_t GigECore::AutoForceIp(std::optional<std::uint32_t> serialNumber) {
-    std::vector<AddressPlan> plans;
-    const std::uint32_t status = PlanAddresses(serialNumber, &plans);
-    if (status != HAL_OK) return status;
+std::uint32_t GigECore::ApplyAddresses(std::vector<AddressPlan>* wanted) {
+    std::vector<AddressPlan>& plans = *wanted;
     std::vector<ForceJob> jobs;
     std::vector<AddressPlan*> planOfJob;
     {
         std::lock_guard lock(m_mutex);
         for (AddressPlan& plan : plans) {
             const auto interface = m_interfaces.find(plan.interface);
-            if (plan.status != HAL_OK || plan.alreadyRight) continue;
+            if (plan.status != HAL_OK || plan.newIp == 0) continue;
             if (interface == m_interfaces.end() || !interface->second.IsUsed()) {
                 plan.status = HAL_UNREACHABLE;
                 continue;
@@ -54,6 +45,40 @@ std::uint32_t GigECore::AutoForceIp(std::optional<std::uint32_t> serialNumber) {
     for (std::size_t i = 0; i < jobs.size(); ++i) planOfJob[i]->status = jobs[i].status;
     for (const AddressPlan& plan : plans) {
         if (plan.status != HAL_OK) return plan.status;
+    }
+    return HAL_OK;
+}
+
+std::uint32_t GigECore::FindAddressHolder(std::uint32_t ip, AddressHolder* holder) {
+    std::vector<NetworkInterface> asked;
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_running) return HAL_CLOSED;
+        if (!HasUsedInterface()) return RefusalStatus();
+        for (const auto& [index, interface] : m_interfaces) {
+            for (const InterfaceAddress& address : interface.info.addresses) {
+                if (address.address != ip) continue;
+                *holder = {AddressHolder::Kind::ThisComputer, 0, index, interface.info.name};
+                return HAL_OK;
+            }
+            if (interface.IsUsed() && interface.info.FindSubnet(ip) != nullptr) asked.push_back(interface.info);
+        }
+        for (const auto& [key, camera] : m_table.GetCameras()) {
+            if (camera.listed == nullptr || camera.listed->ip != ip) continue;
+            const auto& info = m_interfaces.at(camera.listed->interface).info;
+            *holder = {AddressHolder::Kind::Camera, key.mac, info.index, info.name};
+            return HAL_OK;
+        }
+    }
+    if (asked.empty()) holder->kind = AddressHolder::Kind::Unknown;
+    for (const NetworkInterface& interface : asked) {
+        std::map<std::uint32_t, std::uint64_t> neighbours;
+        const std::uint32_t status = AskWhoHas(interface.index, {ip}, &neighbours);
+        if (status != HAL_OK) return status;
+        const auto found = neighbours.find(ip);
+        if (found == neighbours.end()) continue;
+        *holder = {AddressHolder::Kind::Host, found->second, interface.index, interface.name};
+        return HAL_OK;
     }
     return HAL_OK;
 }
@@ -92,13 +117,14 @@ std::vector<AddressPlan> GigECore::PlansFor(const Collected& heard, std::optiona
         plan.record = camera.record;
         plan.interface = camera.interface;
         plan.interfaceName = interface->second.info.name;
-        plan.alreadyRight = camera.reachable;
         const NetworkInterface& info = interface->second.info;
+        plan.usability = UsabilityOfAddress(info, camera.record, camera.reachable);
+        plan.alreadyRight = plan.usability == GigEUsability::Usable;
         const InterfaceAddress* subnet = camera.reachable ? info.FindSubnet(camera.record.ipAddress) : nullptr;
-        if (subnet == nullptr && !info.addresses.empty()) subnet = &HomeOf(info);
+        if (subnet == nullptr && !info.addresses.empty()) subnet = &HomeSubnet(info);
         if (subnet != nullptr) plan.interfaceAddress = *subnet;
-        if (!camera.reachable && info.addresses.empty()) plan.status = HAL_UNREACHABLE;
-        if (!camera.reachable && where.first.mac == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
+        if (!plan.alreadyRight && info.addresses.empty()) plan.status = HAL_UNREACHABLE;
+        if (!plan.alreadyRight && where.first.mac == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
         const bool again = !plans.empty() && KeyOf(plans.back().record) == where.first;
         if (!again) {
             plans.push_back(plan);
@@ -133,7 +159,7 @@ void GigECore::ChooseAddresses(std::vector<AddressPlan*>& plans, std::set<std::u
             for (AddressPlan* plan : plans) plan->status = HAL_UNREACHABLE;
             return;
         }
-        subnet = HomeOf(found->second.info);
+        subnet = HomeSubnet(found->second.info);
     }
     for (int round = 0; round < kMaxRounds && !plans.empty(); ++round) {
         std::map<AddressPlan*, std::vector<std::uint32_t>> candidates;

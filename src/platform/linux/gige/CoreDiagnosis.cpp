@@ -6,6 +6,7 @@
 
 #include <array>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"
 
@@ -49,6 +50,14 @@ std::uint32_t GigECore::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
                 CameraDiagnosis entry;
                 entry.record = sighting->record;
                 entry.interface = sighting->interface;
+                const auto found = m_interfaces.find(sighting->interface);
+                if (found != m_interfaces.end()) {
+                    const bool routed = sighting->state != CameraTable::State::Foreign;
+                    entry.usability = UsabilityOfAddress(found->second.info, sighting->record, routed);
+                }
+                if (entry.usability == GigEUsability::Usable && sighting->state != CameraTable::State::Present) {
+                    entry.usability = sighting->addressTaken ? GigEUsability::AddressTaken : GigEUsability::NoAnswer;
+                }
                 entry.reachable = sighting->state != CameraTable::State::Foreign;
                 entry.present = sighting->state == CameraTable::State::Present;
                 entry.listed = sighting.get() == camera.listed;

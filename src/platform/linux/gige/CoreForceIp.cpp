@@ -15,19 +15,27 @@ constexpr std::uint8_t kForceIpFlags = Gvcp::Flag::kAcknowledgeRequired | Gvcp::
 
 }  // namespace
 
-std::uint32_t GigECore::ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway) {
+std::uint32_t GigECore::ForceAddress(const GigEAddress& address, ForceIpResult* result) {
     std::vector<ForceJob> jobs(1);
-    jobs[0].mac = mac;
-    jobs[0].ip = ip;
-    jobs[0].mask = mask;
-    jobs[0].gateway = gateway;
+    jobs[0].mac = address.mac;
+    jobs[0].ip = address.ip;
+    jobs[0].mask = address.mask;
+    jobs[0].gateway = address.gateway;
     {
         std::lock_guard lock(m_mutex);
         if (!m_running) return HAL_CLOSED;
         if (!HasUsedInterface()) return RefusalStatus();
-        jobs[0].ports = FindPortsOf(mac);
+        jobs[0].ports = FindPortsOf(address.mac);
     }
     ForceAll(jobs);
+    result->acknowledged = address.ip != 0 && jobs[0].status == HAL_OK;
+    std::lock_guard lock(m_mutex);
+    const CameraTable::Camera* camera = m_table.Find(CameraKey{address.mac, 0, {}});
+    result->verified = camera != nullptr && camera->listed != nullptr && camera->listed->ip == address.ip;
+    if (result->verified) result->record = camera->listed->record;
+    result->outOfReach = std::none_of(m_interfaces.begin(), m_interfaces.end(), [&](auto& entry) {
+        return entry.second.IsUsed() && IsReachable(entry.second, address.ip, Clock::now());
+    });
     return jobs[0].status;
 }
 

@@ -4,6 +4,7 @@
 // broadcasts would make a firewall let that camera's answers in.
 #include <poll.h>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"
 
@@ -97,7 +98,7 @@ bool GigECore::HasHeard(int interface, const CameraKey& key) const {
     return false;
 }
 
-std::uint32_t GigECore::TestHearing(GigEHearing* hearing) {
+std::uint32_t GigECore::FindMutedCameras(GigEHearing* hearing) {
     *hearing = GigEHearing{};
     std::vector<NetworkInterface> used;
     {

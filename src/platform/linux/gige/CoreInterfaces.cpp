@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Network interfaces that come, go and change, and the socket of each. The monitor thread, and Start before there is
 // one; takes m_mutex to store what it has read, never while it asks the kernel about interfaces.
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <set>
 #include <system_error>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/linux/gige/GigECore.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -20,11 +19,6 @@ constexpr std::uint64_t kChangesToken = 0;
 // Cameras of foreign subnets are few; invented ones may be many.
 constexpr std::size_t kMaxRouteAnswers = 1024;
 
-bool IsSubnetEnd(const InterfaceAddress& subnet, std::uint32_t ip) {
-    const std::uint32_t host = ip & ~subnet.GetMask();
-    return subnet.prefixLength < 31 && (host == 0 || host == ~subnet.GetMask());
-}
-
 }  // namespace
 
 // Whether the interface's own subnets hold the address, or a route that somebody has set leads to it. Nothing that
@@ -32,9 +26,8 @@ bool IsSubnetEnd(const InterfaceAddress& subnet, std::uint32_t ip) {
 // group.
 bool GigECore::IsReachable(const Interface& interface, std::uint32_t ip, TimePoint now) {
     if (interface.info.loopback) return ip >> 24 == 127;
-    if (ip >> 24 == 0 || ip >> 24 == 127 || ip >> 28 >= 0xE) return false;
     const InterfaceAddress* subnet = interface.info.FindSubnet(ip);
-    if (subnet != nullptr) return !IsSubnetEnd(*subnet, ip);
+    if (!NeedsRoute(interface.info, ip)) return IsHostAddress(ip) && !IsSubnetEdge(ip, subnet->GetMask());
 
     if (m_directRoutes.size() >= kMaxRouteAnswers) m_directRoutes.clear();
     RouteAnswer& answer = m_directRoutes[{interface.info.index, ip}];
@@ -122,14 +115,6 @@ void GigECore::StartBurst(Interface& interface, TimePoint now) {
     interface.requestsLeft = m_timings.windowRequests;
     interface.nextBroadcast = now;
     interface.burstId = 0;
-}
-
-// The address that this computer talks from to that camera.
-std::uint32_t GigECore::LocalAddressFor(const NetworkInterface& interface, std::uint32_t ip) {
-    if (interface.loopback) return INADDR_LOOPBACK;
-    const InterfaceAddress* subnet = interface.FindSubnet(ip);
-    if (subnet != nullptr) return subnet->address;
-    return interface.addresses.empty() ? 0 : interface.addresses.front().address;
 }
 
 bool GigECore::HasUsedInterface() const {

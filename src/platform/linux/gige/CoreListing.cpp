@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
+#include "platform/base/Texts.h"
 #include "platform/linux/gige/GigECore.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -47,7 +48,7 @@ BusState GigECore::GetState() const {
     for (const CameraTable::Sighting* sighting : FindListed()) {
         const CameraKey& key = sighting->camera->key;
         state.devices.push_back(
-            PresentDevice{std::to_string(key.mac) + "/" + IpText(key.ip) + "/" + key.serial, sighting->ip});
+            PresentDevice{std::to_string(key.mac) + "/" + FormatIp(key.ip) + "/" + key.serial, sighting->ip});
     }
     return state;
 }

@@ -7,6 +7,7 @@
 #include <new>
 #include <system_error>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/base/StartThread.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"
 

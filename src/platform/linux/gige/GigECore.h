@@ -63,13 +63,13 @@ public:
     void Stop();
     std::uint32_t ListCameras(std::vector<ListedCamera>* cameras, BusState* state);
     std::uint32_t Discover(std::vector<DiscoveredCamera>* cameras);
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result);
 
-    /// @param serialNumber  Nothing for every camera.
-    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber);
+    std::uint32_t ApplyAddresses(std::vector<AddressPlan>* wanted);
+    std::uint32_t FindAddressHolder(std::uint32_t ip, AddressHolder* holder);
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans);
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis);
-    std::uint32_t TestHearing(GigEHearing* hearing);
+    std::uint32_t FindMutedCameras(GigEHearing* hearing);
 
     // One camera, found anew at each call. listed is what the entry's own listing saw.
     std::uint32_t GetRecord(const ListedCamera& listed, GvcpDiscoveryRecord* record);
@@ -145,7 +145,6 @@ private:
     bool IsReachable(const Interface& interface, std::uint32_t ip, TimePoint now);        // m_mutex is held
     bool HasUsedInterface() const;                                                        // m_mutex is held
     std::uint32_t RefusalStatus() const;                                                  // m_mutex is held
-    static std::uint32_t LocalAddressFor(const NetworkInterface& interface, std::uint32_t ip);
 
     // CoreMonitor.cpp
     void MonitorLoop();

@@ -26,30 +26,57 @@ public:
         return status;
     }
 
-    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
+    std::uint32_t Discover(const std::optional<GigECameraName>& /*until*/, GigEDiscovery* discovery) override {
         std::vector<GigE::DiscoveredCamera> cameras;
         const std::uint32_t status = m_core->Discover(&cameras);
-        records->clear();
-        for (const GigE::DiscoveredCamera& camera : cameras) records->push_back(camera.record);
-        return status;
+        if (status != HAL_OK) return status;
+        GigEDiagnosis diagnosis;
+        m_core->Diagnose(false, &diagnosis);
+        for (const GigE::DiscoveredCamera& camera : cameras) {
+            CameraDiagnosis entry;
+            entry.record = camera.record;
+            entry.interface = camera.interface;
+            entry.reachable = camera.reachable;
+            for (const CameraDiagnosis& known : diagnosis.cameras) {
+                if (known.interface != camera.interface || known.record.ipAddress != camera.record.ipAddress ||
+                    GigE::KeyOf(known.record) != GigE::KeyOf(camera.record)) {
+                    continue;
+                }
+                entry = known;
+            }
+            discovery->cameras.push_back(entry);
+        }
+        return GetSearchReport(&discovery->report);
     }
 
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ipAddress, std::uint32_t subnetMask,
-                          std::uint32_t gateway) override {
-        return m_core->ForceIp(mac, ipAddress, subnetMask, gateway);
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result) override {
+        return m_core->ForceAddress(address, result);
     }
-
-    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
-        return m_core->AutoForceIp(serialNumber);
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
+        return m_core->PlanAddresses(serialNumber, plans);
+    }
+    std::uint32_t ApplyAddresses(std::vector<AddressPlan>* plans) override { return m_core->ApplyAddresses(plans); }
+    std::uint32_t FindAddressHolder(std::uint32_t ip, AddressHolder* holder) override {
+        return m_core->FindAddressHolder(ip, holder);
     }
 
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         return m_core->Diagnose(askControl, diagnosis);
     }
-    std::uint32_t TestHearing(GigEHearing* hearing) override { return m_core->TestHearing(hearing); }
-    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
-        return m_core->PlanAddresses(serialNumber, plans);
+
+    std::uint32_t GetSearchReport(GigESearchReport* report) override {
+        GigEDiagnosis diagnosis;
+        const std::uint32_t status = m_core->Diagnose(false, &diagnosis);
+        for (const InterfaceDiagnosis& entry : diagnosis.interfaces) {
+            if (entry.error == 0 && entry.sendError == 0) continue;
+            const auto kind = entry.error != 0 ? GigESearchProblem::Kind::Socket : GigESearchProblem::Kind::Broadcast;
+            report->problems.push_back({entry.interface.index, entry.interface.name, kind,
+                                        entry.error != 0 ? entry.error : entry.sendError, entry.reason});
+        }
+        return status;
     }
+
+    std::uint32_t FindMutedCameras(GigEHearing* hearing) override { return m_core->FindMutedCameras(hearing); }
 
 private:
     // Entries hold it too and may outlive the bus.

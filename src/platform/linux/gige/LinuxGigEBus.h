@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ struct LinuxGigEOptions {
 
     /// How long the first listing and each discovery listen, from their first request.
     std::chrono::milliseconds discoveryWindow{1000};
+
+    /// As in Platform::Options.
+    std::optional<GigECameraName> searchFor;
+    std::optional<PortRange> sourcePorts;
 };
 
 /// The driver of the GigE bus. It looks for cameras from Start() on, in the network namespace of the thread that calls
