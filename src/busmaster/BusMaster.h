@@ -80,19 +80,19 @@ public:
 
     /// Has a function called after each event of a kind: function(data, serial), where serial is that of the camera
     /// that came or left and 0 for a bus reset. Each call runs on a thread of its own, one at a time in the process, in
-    /// no particular order. A callback may call every look-up and bus operation. What it throws is dropped; it must
-    /// not end its thread.
+    /// no particular order. Calls that wait for a slow one keep a thread each. A callback may call every look-up and
+    /// bus operation. What it throws is dropped; it must not end its thread.
     /// @param function  Null is accepted and never called. The same function may be registered many times.
     /// @param handle    Receives what UnregisterCallback wants.
     /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED; ERROR_FAILED, at
     ///         once, when called from inside a callback.
-    /// @par Threads  Waits for a callback that is running.
+    /// @par Threads  Waits for the callback that runs and for a running re-enumeration; goes before waiting callbacks.
     Error RegisterCallback(void (*function)(void*, unsigned int), BusCallbackType type, void* data, void** handle);
 
-    /// Takes a registration back. When it returns the function is not running and will not be called again.
+    /// Takes a registration back. When it returns the function is not running for it and will not be called again.
     /// @return ERROR_INVALID_PARAMETER for a handle that is null, unknown or was taken back before;
     ///         ERROR_NOT_INITIALIZED; ERROR_FAILED at once when called from inside a callback.
-    /// @par Threads  Waits for a callback that is running.
+    /// @par Threads  As for RegisterCallback.
     Error UnregisterCallback(void* handle);
 
     /// How often a camera with this serial number has arrived or left since start-up (wraps at 2^32).
@@ -260,6 +260,7 @@ private:
     struct CallbackData;
     struct CallbackThreadData;
     struct Members;       // BusMasterMembers.h: lists, locks and threads
+    class RegistryLock;   // callbacks.cpp
     class Worker;         // worker.cpp
     class TreeOfCameras;  // topology.cpp
 

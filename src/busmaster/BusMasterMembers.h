@@ -8,8 +8,10 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <map>
+#include <memory>
 
 #include "busmaster/BusMaster.h"
+#include "busmaster/CallbackTurns.h"
 
 namespace Nimbrel2 {
 
@@ -27,16 +29,17 @@ struct BusMaster::CallbackThreadData {
     CallbackData* callback = nullptr;
     unsigned int parameter = 0;
     std::uint64_t number = 0;  ///< The registration that was signalled.
+    CallbackTurns::Place place{};
 };
 
 /// Everything a BusMaster owns. Worker, enumeration, signalling and event threads each hold a share of it.
 ///
 /// Lock order, outermost first:
 ///     m_busMasterMutex  >  m_initConfirmMutex  >  m_initializedMutex  >  m_enumerationMutex
-///     m_busMasterMutex  >  m_callbackMutex  >  CallbackData::mutex
+///     a turn of m_callbackTurns  >  m_callbackMutex  >  CallbackData::mutex  >  m_busMasterMutex
 ///     m_workerIdleMutex >  m_wakeUpMutex
-/// A user callback runs with m_callbackMutex held and may take m_busMasterMutex through a look-up. Therefore nobody who
-/// holds m_busMasterMutex ever waits for m_callbackMutex: it is only tried (see callbacks.cpp).
+/// A user callback runs with m_callbackMutex held and may take m_busMasterMutex through a look-up, so that is the order
+/// in which a registrar waits for them too. Whoever holds m_busMasterMutex already only tries the three before it.
 /// m_generationMutex, m_exitThreadMutex, m_quietMutex and m_snapshotMutex are leaves. No lock is held during a user
 /// callback but m_callbackMutex and that record's own, and none but those said below during a HAL call.
 struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
@@ -75,10 +78,10 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     boost::condition_variable m_workerIdleCondition;
     boost::mutex m_initConfirmMutex;
     boost::condition_variable m_initConfirmCondition;
-    std::uint32_t m_threadStartError = 0;              ///< What the last start came to. Under m_initConfirmMutex.
+    std::uint32_t m_threadStartError = 0;              ///< Result of the last start. Under m_initConfirmMutex.
     std::atomic<std::uint32_t> m_pendingBusResets{0};  ///< Bus resets seen and not yet handled. Any thread.
 
-    // ---- What closes the gaps between them -------------------------------------------------------------------------
+    // ---- State that closes races between the above -----------------------------------------------------------------
     void* const m_owner;  ///< What the HAL gets as context. Never dereferenced: FindLive tells whether it still lives.
 
     // Under m_initConfirmMutex.
@@ -94,6 +97,8 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     boost::mutex m_snapshotMutex;
     /// The cameras as a bus error walks them, which may come while a cycle changes the lists. Under m_snapshotMutex.
     boost::shared_ptr<const std::vector<BusMasterHandle>> m_cameraSnapshot;
+
+    CallbackTurns m_callbackTurns;  ///< Who takes m_callbackMutex next: calls and registrars alike.
 
     std::uint64_t m_registrations = 0;  ///< Callbacks registered so far. Under m_busMasterMutex.
 
@@ -114,8 +119,8 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     void StopWorker();
     static void FreeCamerasInParallel(const HandleList& list) noexcept;
     void FreeLists() noexcept;  ///< m_busMasterMutex held, or the last owner.
-    /// The destructor's, when nobody registers any more. Waits at most one second for a callback that runs; afterwards
-    /// no call begins.
+    /// The destructor's, when nobody registers any more. Waits at most one second for a callback that runs, and not at
+    /// all inside one; afterwards no call begins, and those that wait for their turn end.
     /// @param workerIsDone  The worker will not look at the callbacks any more; they are only silenced otherwise.
     void FreeCallbacks(bool workerIsDone) noexcept;
 
@@ -125,8 +130,9 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
 
     // callbacks.cpp
     Error SignalCallbacks(CallbackList& list, unsigned int parameter);  ///< m_busMasterMutex held.
-
+    void RunCall(std::unique_ptr<CallbackThreadData> call);             ///< Waits for its turn. A callback thread.
     void CallbackEnded();
+    bool IsInsideCallback() const;  ///< Whether this thread runs a user function.
 
     // cameras.cpp
     Error GetCameras(HandleList& cameras);

@@ -2,6 +2,8 @@
 // Construction, start-up and bounded shut-down of the bus master.
 // Runs on client threads, the destructor on the thread that ends the program, FreeCamera on threads of its own.
 // Initialize holds m_busMasterMutex throughout, up to 40 s; the destructor waits at most a second for any lock.
+#include <chrono>
+
 #include "busmaster/BusMasterMembers.h"
 #include "busmaster/Support.h"
 
@@ -222,22 +224,29 @@ void BusMaster::Members::FreeLists() noexcept {
 }
 
 void BusMaster::Members::FreeCallbacks(bool workerIsDone) noexcept {
+    const std::chrono::microseconds patience(GetDeadlines().lockAtDestruction.total_microseconds());
+    // Inside a callback, which exit() brought here, the turn is this thread's own and nobody could end it.
+    const bool hasTurn = !IsInsideCallback() && m_callbackTurns.TakeWithin(patience);
+    bool freed = false;
     if (workerIsDone) {
-        if (FreeCallbackList(&m_arrivalCallbacks, m_callbackSet, m_callbackMutex) &&
-            FreeCallbackList(&m_removalCallbacks, m_callbackSet, m_callbackMutex) &&
-            FreeCallbackList(&m_busResetCallbacks, m_callbackSet, m_callbackMutex)) {
-            return;
+        freed = hasTurn && FreeCallbackList(&m_arrivalCallbacks, m_callbackSet, m_callbackMutex) &&
+                FreeCallbackList(&m_removalCallbacks, m_callbackSet, m_callbackMutex) &&
+                FreeCallbackList(&m_busResetCallbacks, m_callbackSet, m_callbackMutex);
+        if (!freed) {
+            TraceLine("Leaving the callbacks to a thread that still runs one.");
         }
-        TraceLine("Leaving the callbacks to a thread that still runs one.");
-    } else {
-        Lock lock(m_callbackMutex, boost::defer_lock);
-        TryLockUntil(lock, DeadlineIn(GetDeadlines().lockAtDestruction));
     }
-    // The records stay, but calls that were signalled and have not begun must not reach a user who has seen the end.
-    for (const CallbackList* list : {&m_arrivalCallbacks, &m_removalCallbacks, &m_busResetCallbacks}) {
-        for (CallbackData* callback : *list) {
-            callback->fn = nullptr;
+    if (!freed) {
+        // The records stay, but calls that have not begun must not reach a user who has seen the end.
+        for (const CallbackList* list : {&m_arrivalCallbacks, &m_removalCallbacks, &m_busResetCallbacks}) {
+            for (CallbackData* callback : *list) {
+                callback->fn = nullptr;
+            }
         }
+    }
+    m_callbackTurns.WithdrawAll();
+    if (hasTurn) {
+        m_callbackTurns.PassOn();
     }
 }
 
