@@ -37,6 +37,10 @@ namespace Nimbrel2 {
 ///
 /// Every public operation returns an Error by value and lets no exception out; when memory runs out it returns a bare
 /// ERROR_MEMORY_ALLOCATION_FAILED. Out-parameters are written only as stated.
+///
+/// A process that is forked after the object was made has the object but not its threads. There every operation answers
+/// ERROR_NOT_INITIALIZED, or its own "not found" if it has no such answer, without taking a lock, and the destructor
+/// does nothing: the child may call exit() or start another program. Turn into a daemon before the first GetInstance.
 /// @par Threads  Any, user callbacks included, unless an operation says otherwise. Operations on the lists wait while a
 ///               re-enumeration runs, which is milliseconds, and while Initialize waits, which can be 40 s.
 class NIMBREL2_ONE_IN_THE_PROCESS BusMaster : public Singleton<BusMaster> {
@@ -44,8 +48,9 @@ public:
     /// Starts the HAL. Lists nothing yet. Applications use Singleton<BusMaster>::GetInstance().
     BusMaster();
 
-    /// Stops the worker (5 s at most), frees cameras, devices and callbacks, then stops the HAL. A thread that hangs is
-    /// left behind with what it uses. Not on the worker thread; inside a callback only through exit().
+    /// Stops the worker (5 s at most), frees cameras, devices and callbacks, then stops the HAL. A callback that runs
+    /// is waited for (1 s at most), unless this is it; operations answer meanwhile. A thread that hangs is left behind
+    /// with what it uses. Inside a callback only through exit().
     ~BusMaster() override;
 
     BusMaster(const BusMaster&) = delete;
@@ -56,7 +61,8 @@ public:
     /// Lists all cameras and devices and begins to follow the buses. Harmless when that runs already.
     /// @return ERROR_INIT_TIMED_OUT after 40 s (the start may still succeed later); ERROR_LOW_LEVEL_FAILURE with the
     ///         worker's or the system's error number. May be called again after a failure. ERROR_OK does not promise
-    ///         success when 1394 events could not be registered for: GetInitialized tells.
+    ///         success when 1394 events could not be registered for: GetInitialized tells. ERROR_NOT_INITIALIZED in a
+    ///         forked process.
     /// @par Cost  The first GigE discovery: its window, 1 s by default.
     Error Initialize();
 
@@ -315,6 +321,8 @@ private:
     /// Shared with every thread that runs on it, so that a hung or late thread never touches freed memory.
     boost::shared_ptr<Members> m_members;
 };
+
+extern template class Singleton<BusMaster>;
 
 }  // namespace Nimbrel2
 

@@ -12,6 +12,7 @@
 
 #include "busmaster/BusMaster.h"
 #include "busmaster/CallbackTurns.h"
+#include "common/Posix.h"
 
 namespace Nimbrel2 {
 
@@ -82,6 +83,8 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     std::atomic<std::uint32_t> m_pendingBusResets{0};  ///< Bus resets seen and not yet handled. Any thread.
 
     // ---- State that closes races between the above -----------------------------------------------------------------
+    const unsigned int m_forks = CountForks();  ///< Tells the process that has made this from those forked from it.
+
     void* const m_owner;  ///< What the HAL gets as context. Never dereferenced: FindLive tells whether it still lives.
 
     // Under m_initConfirmMutex.
@@ -112,7 +115,12 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     Members& operator=(const Members&) = delete;
 
     // lifecycle.cpp
-    bool GetInitialized();
+    /// Whether this process was forked after the object was made. Then it has none of the object's threads and may find
+    /// any of its locks taken, or any list half changed, for good: nothing of it is touched.
+    bool IsInForkedProcess() const { return m_forks != CountForks(); }
+    /// m_busMasterMutex, held; not even looked at in a forked process, where GetInitialized tells the caller to stop.
+    boost::unique_lock<boost::mutex> LockMain();
+    bool GetInitialized();  ///< False in a forked process.
     void SetInitialized(bool initialized);
     bool GetExitThread();
     void NotifyWorker();  ///< Wakes an idle worker. Takes m_wakeUpMutex for a moment.

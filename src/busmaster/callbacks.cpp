@@ -39,15 +39,13 @@ void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int pa
 class BusMaster::RegistryLock {
 public:
     explicit RegistryLock(Members& members)
-        : m_turns(members.m_callbackTurns),
-          m_busMasterLock(members.m_busMasterMutex, boost::defer_lock),
-          m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
+        : m_members(members), m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
 
     ~RegistryLock() {
         LetGo(m_callbackLock);
         LetGo(m_busMasterLock);
         if (m_hasTurn) {
-            m_turns.PassOn();  // last, so that who comes next finds the mutex free
+            m_members.m_callbackTurns.PassOn();  // last, so that who comes next finds the mutex free
         }
     }
 
@@ -58,14 +56,14 @@ public:
     // go; everything is held when this returns ERROR_OK.
     template <class Check>
     Error Take(Check check) {
-        m_busMasterLock.lock();
+        m_busMasterLock = m_members.LockMain();
         Error error = check();
         if (error != ERROR_OK || TryRegistry()) {
             return error;
         }
         m_busMasterLock.unlock();
         if (!m_hasTurn) {
-            m_turns.Take();
+            m_members.m_callbackTurns.Take();
             m_hasTurn = true;
         }
         m_callbackLock.lock();
@@ -75,7 +73,7 @@ public:
 
 private:
     bool TryRegistry() {
-        m_hasTurn = m_turns.TryTake();
+        m_hasTurn = m_members.m_callbackTurns.TryTake();
         return m_hasTurn && m_callbackLock.try_lock();
     }
 
@@ -85,7 +83,7 @@ private:
         }
     }
 
-    CallbackTurns& m_turns;
+    Members& m_members;
     bool m_hasTurn = false;
     Lock m_busMasterLock;
     Lock m_callbackLock;
@@ -202,7 +200,7 @@ Error BusMaster::Members::SignalCallbacks(CallbackList& list, unsigned int param
                 CallbackEnded();
             };
             try {
-                boost::thread thread = StartThread([self, call = threadData.get()] {
+                boost::thread thread = StartThread("nimbrel-call", [self, call = threadData.get()] {
                     self->RunCall(std::unique_ptr<CallbackThreadData>(call));
                     self->CallbackEnded();
                 });
@@ -228,7 +226,7 @@ void BusMaster::Members::RunCall(std::unique_ptr<CallbackThreadData> call) {
     }
 }
 
-bool BusMaster::Members::IsInsideCallback() const { return t_runningUnder == &m_callbackMutex; }
+bool BusMaster::Members::IsInsideCallback() const { return t_runningUnder == &m_callbackMutex && !IsInForkedProcess(); }
 
 void BusMaster::Members::CallbackEnded() {
     {

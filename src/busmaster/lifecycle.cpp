@@ -9,6 +9,8 @@
 
 namespace Nimbrel2 {
 
+template class Singleton<BusMaster>;
+
 namespace {
 
 using Lock = boost::unique_lock<boost::mutex>;
@@ -36,8 +38,11 @@ BusMaster::BusMaster() : m_members(new Members(this)) {
 }
 
 BusMaster::~BusMaster() {
-    TraceLine("Starting destruction of BusMaster");
     Members& members = *m_members;
+    if (members.IsInForkedProcess()) {
+        return;
+    }
+    TraceLine("Starting destruction of BusMaster");
     members.StopWorker();
     {
         const Lock lock(members.m_generationMutex);
@@ -62,7 +67,11 @@ BusMaster::~BusMaster() {
 Error BusMaster::Initialize() {
     return WithoutExceptions([this]() -> Error {
         Members& members = *m_members;
-        const Lock busMasterLock(members.m_busMasterMutex);
+        if (members.IsInForkedProcess()) {
+            return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED,
+                                  "The bus master belongs to the process that this one was forked from.");
+        }
+        const Lock busMasterLock = members.LockMain();
         if (members.GetInitialized()) {
             return InternalError(ERROR_OK);
         }
@@ -82,8 +91,8 @@ Error BusMaster::Initialize() {
             members.m_startAwaited = false;
         };
         try {
-            boost::thread worker =
-                StartThread([shared = m_members, startNumber] { shared->WorkerThreadFcn(startNumber); });
+            boost::thread worker = StartThread(
+                "nimbrel-worker", [shared = m_members, startNumber] { shared->WorkerThreadFcn(startNumber); });
             members.m_workerThread.detach();
             members.m_workerThread = std::move(worker);
         } catch (const boost::thread_resource_error& error) {
@@ -123,7 +132,18 @@ Error BusMaster::DisableVirtualDeviceEnumeration() {
     return InternalError(ERROR_OK);
 }
 
+boost::unique_lock<boost::mutex> BusMaster::Members::LockMain() {
+    Lock lock(m_busMasterMutex, boost::defer_lock);
+    if (!IsInForkedProcess()) {
+        lock.lock();
+    }
+    return lock;
+}
+
 bool BusMaster::Members::GetInitialized() {
+    if (IsInForkedProcess()) {
+        return false;
+    }
     const Lock lock(m_initializedMutex);
     return m_initialized;
 }
@@ -199,7 +219,7 @@ void BusMaster::Members::FreeCamerasInParallel(const HandleList& list) noexcept 
         bool started = false;
         try {
             if (threads.size() < threads.capacity()) {
-                threads.push_back(StartThread([handle] { FreeCamera(handle); }));
+                threads.push_back(StartThread("nimbrel-free", [handle] { FreeCamera(handle); }));
                 started = true;
             }
         } catch (...) {

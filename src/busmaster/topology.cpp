@@ -161,7 +161,7 @@ private:
 };
 
 Error BusMaster::GetTopology(TopologyNode* node) {
-    const boost::unique_lock<boost::mutex> lock(m_members->m_busMasterMutex);
+    const boost::unique_lock<boost::mutex> lock = m_members->LockMain();
     if (node == nullptr) {
         return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid topology node address.");
     }
