@@ -21,7 +21,7 @@
 #include "hal/HAL.h"
 #include "platform/Platform.h"
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 
 namespace Nimbrel2::Platform {
 namespace {

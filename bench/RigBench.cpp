@@ -11,7 +11,7 @@
 #include "busmaster/BusMaster.h"
 #include "hal/HAL.h"
 #include "platform/Platform.h"
-#include "platform/rig/Rig.h"
+#include "platform/rig/RigDrivers.h"
 #include "tests/support/LargeRig.h"
 
 namespace Nimbrel2::Bench {
@@ -22,7 +22,7 @@ constexpr unsigned int kCameras = 512;
 bool UseRig(benchmark::State& state) {
     Platform::Options options;
     options.fireWire = options.usb = options.gigE = Platform::Driver::Rig;
-    options.rig = std::make_shared<Platform::Rig>(Testing::RigOf512Cameras());
+    options.makeDrivers = Platform::MakeRigDrivers(std::make_shared<Platform::Rig>(Testing::RigOf512Cameras()));
     const Platform::ConfigureResult result = Platform::Configure(options);
     if (!result) state.SkipWithError(result.reason.c_str());
     return static_cast<bool>(result);

@@ -25,3 +25,13 @@ function(nimbrel2_object_library name)
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:nimbrel2_build_flags>)
 endfunction()
+
+# A room of the platform: its objects, for the libraries that ship, and an archive of them, for whoever links this room
+# and those below it only. nimbrel2_room(NAME SOURCES ... LINKS ...)
+function(nimbrel2_room name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  nimbrel2_object_library(${name}_objects SOURCES ${ARG_SOURCES} LINKS ${ARG_LINKS})
+  add_library(${name} STATIC $<TARGET_OBJECTS:${name}_objects>)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:nimbrel2_build_flags>)
+endfunction()

@@ -34,7 +34,7 @@ foreach(header IN LISTS NIMBREL2_PUBLIC_HEADERS)
   install(FILES src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nimbrel2/${folder})
 endforeach()
 
-install(TARGETS nimbrel2 nimbrel2_core nimbrel2_hal EXPORT nimbrel2Targets
+install(TARGETS nimbrel2 nimbrel2_core nimbrel2_hal nimbrel2_simulation EXPORT nimbrel2Targets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nimbrel2)
 
 set(packageFolder ${CMAKE_INSTALL_LIBDIR}/cmake/nimbrel2)
@@ -50,8 +50,10 @@ install(FILES ${CMAKE_BINARY_DIR}/nimbrel2Config.cmake ${CMAKE_BINARY_DIR}/nimbr
 set(pkgConfigFolder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH NIMBREL2_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" NIMBREL2_PREFIX_FROM_PKGCONFIG ${NIMBREL2_PREFIX_FROM_PKGCONFIG})
-configure_file(cmake/nimbrel2.pc.in ${CMAKE_BINARY_DIR}/nimbrel2.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/nimbrel2.pc DESTINATION ${pkgConfigFolder})
+foreach(package nimbrel2 nimbrel2-simulation)
+  configure_file(cmake/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${pkgConfigFolder})
+endforeach()
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // rtnetlink messages as the kernel sends them, or does not: reading ends, and what is read makes sense.
 #include "fuzz/Require.h"
-#include "platform/linux/gige/NetlinkMessages.h"
+#include "platform/base/NetlinkMessages.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace Nimbrel2::Platform::GigE;
+    using namespace Nimbrel2::Platform;
     Netlink::Bytes rest(data, size);
     std::size_t messages = 0;
     while (const auto message = Netlink::NextMessage(rest)) {

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "fuzz/Require.h"
-#include "platform/simulated/gige/SimulatedGigECamera.h"
+#include "platform/simulated/SimulatedGigECamera.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 # Each target once, for the fuzzers here and for the seeds that tests/fuzz runs.
-nimbrel2_fuzz_target(gvcp_command SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpCommandFuzz.cpp LINKS nimbrel2_platform)
-nimbrel2_fuzz_target(gvcp_acknowledge SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpAcknowledgeFuzz.cpp LINKS nimbrel2_platform)
-nimbrel2_fuzz_target(gvcp_discovery SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpDiscoveryFuzz.cpp LINKS nimbrel2_platform)
-nimbrel2_fuzz_target(simulated_camera SOURCES ${PROJECT_SOURCE_DIR}/fuzz/SimulatedCameraFuzz.cpp LINKS nimbrel2_platform)
+nimbrel2_fuzz_target(gvcp_command SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpCommandFuzz.cpp LINKS nimbrel2_gvcp)
+nimbrel2_fuzz_target(gvcp_acknowledge SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpAcknowledgeFuzz.cpp LINKS nimbrel2_gvcp)
+nimbrel2_fuzz_target(gvcp_discovery SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpDiscoveryFuzz.cpp LINKS nimbrel2_gvcp)
+nimbrel2_fuzz_target(simulated_camera SOURCES ${PROJECT_SOURCE_DIR}/fuzz/SimulatedCameraFuzz.cpp LINKS nimbrel2_simulated)
 nimbrel2_fuzz_target(self_id LINKS nimbrel2_topology
   SOURCES ${PROJECT_SOURCE_DIR}/fuzz/SelfIdFuzz.cpp ${PROJECT_SOURCE_DIR}/tests/topology/TreeSupport.cpp)
 nimbrel2_fuzz_target(usb_topology LINKS nimbrel2_topology
   SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UsbTopologyFuzz.cpp ${PROJECT_SOURCE_DIR}/tests/topology/TreeSupport.cpp)
-nimbrel2_fuzz_target(udp_in_ip SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UdpInIpFuzz.cpp LINKS nimbrel2_platform)
-nimbrel2_fuzz_target(netlink_messages SOURCES ${PROJECT_SOURCE_DIR}/fuzz/NetlinkMessagesFuzz.cpp LINKS nimbrel2_platform)
+nimbrel2_fuzz_target(udp_in_ip SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UdpInIpFuzz.cpp LINKS nimbrel2_linux_gige)
+nimbrel2_fuzz_target(netlink_messages SOURCES ${PROJECT_SOURCE_DIR}/fuzz/NetlinkMessagesFuzz.cpp LINKS nimbrel2_base)

@@ -41,7 +41,17 @@ struct NetworkInterface {
     std::vector<InterfaceAddress> addresses;
 
     /// The address of the most specific subnet that holds ip, null when none does.
-    const InterfaceAddress* FindSubnet(std::uint32_t ip) const;
+    const InterfaceAddress* FindSubnet(std::uint32_t ip) const {
+        const InterfaceAddress* best = nullptr;
+        for (const InterfaceAddress& candidate : addresses) {
+            if (!candidate.Contains(ip)) continue;
+            const bool better =
+                best == nullptr || candidate.prefixLength > best->prefixLength ||
+                (candidate.prefixLength == best->prefixLength && best->secondary && !candidate.secondary);
+            if (better) best = &candidate;
+        }
+        return best;
+    }
 
     bool operator==(const NetworkInterface&) const = default;
 };

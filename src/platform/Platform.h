@@ -5,7 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,11 +15,13 @@ namespace Nimbrel2::Platform {
 enum class Driver {
     None,   ///< Nobody: the bus lists nothing and raises nothing.
     Linux,  ///< This computer's own bus.
-    Rig,    ///< A simulated computer: Options::rig.
+    Rig,    ///< A simulated computer: Options::makeDrivers.
 };
 
-/// A simulated computer: platform/SimulatedComputer.h makes one.
-class Rig;
+// What passes between the HAL and its drivers; an application only hands it on.
+struct Options;
+struct Drivers;
+struct BusEventSinks;
 
 /// A USB camera that speaks IIDC over vendor requests; no class tells it, so its ids must be named.
 struct UsbId {
@@ -42,8 +44,9 @@ struct Options {
     /// USB cameras besides those of the USB3 Vision class.
     std::vector<UsbId> usbCameraIds;
 
-    /// What the buses with Driver::Rig belong to; must be there when one has it.
-    std::shared_ptr<Rig> rig;
+    /// Makes the drivers of the buses with Driver::Rig; must be there when one has it. SimulatedComputer::MakeOptions
+    /// (platform/SimulatedComputer.h, in a library of its own) sets it. Called by HAL_InitLibrary.
+    std::function<Drivers(const Options& options, const BusEventSinks& sinks)> makeDrivers;
 };
 
 /// What Configure answers: empty reason, or the option and the value that are wrong.

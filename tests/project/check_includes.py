@@ -1,113 +1,159 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Fails when a file includes what its folder may not: check_includes.py ROOT
+"""Fails when a file includes what its room may not: check_includes.py ROOT
 
-The linker would notice an upward call, but not an upward type. First the rules are tried on lines that break them.
+A room is a folder of src/ or tools/ with a README.md; a folder without one belongs to the room above it. The rules are
+read from there, and stand nowhere else: the sentence "May include: ..." names rooms, single headers, libraries and, as
+"installed headers", what an application gets; "`FILE` alone may include: ..." adds something for one file. examples/ has
+no README: it uses installed headers, as every application does.
+
+The linker would notice an upward call, but not an upward type. First the rules are tried: each room refuses an include
+of a room above it and of one beside it.
 """
 import pathlib
 import re
 import sys
 
-# Folder of src/ -> the folders of src/ that it may include.
-LAYERS = {
-    "hal": set(),
-    "common": {"common", "hal"},
-    "topology": {"topology", "common", "hal"},
-    "busmaster": {"busmaster", "topology", "common", "hal"},
-    "platform": {"platform", "hal"},
-}
-PORTABLE = {"hal", "common", "topology", "busmaster"}
-# What the portable folders take from elsewhere than C++ and Boost.
-SYSTEM = {("hal/HAL.h", "stdint.h"), ("common/Posix.h", "signal.h"), ("common/Posix.cpp", "pthread.h")}
-# How cameras and computers are simulated is known to the command line and no part of the library's interface.
-SIMULATION = ("platform/simulated/", "platform/rig/")
-SOURCES = {".h", ".c", ".cpp"}
+SOURCES = {".h", ".c", ".cpp", ".in"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
+# What a README calls a library, and the folder that its headers lie in.
+LIBRARIES = {"Boost": "boost/", "JSON": "nlohmann/", "CLI11": "CLI/", "Graphviz": "graphviz/"}
+SENTENCE = re.compile(r"^(?:`(?P<file>[\w.]+)` alone may|May) include: (?P<rule>.*?)\.(?:\s|$)", re.S | re.M)
 
 
-def public_headers(root):
-    text = (root / "cmake/Install.cmake").read_text()
-    return set(re.search(r"set\(NIMBREL2_PUBLIC_HEADERS(.*?)\)", text, re.S).group(1).split())
+class Rule:
+    """What may be included: rooms and headers of our own, libraries, the operating system."""
+
+    def __init__(self, text):
+        self.own = set(re.findall(r"`([^`]+)`", text))
+        self.words = {word.strip() for word in re.sub(r"`[^`]+`", "", text).replace("\n", " ").split(",")} - {""}
+        known = set(LIBRARIES) | {"installed headers", "the C++ library", "the operating system", "nothing"}
+        if self.words - known:
+            raise ValueError(f"what is meant by {sorted(self.words - known)}?")
 
 
-def violation(path, quote, name, public):
-    """Why the file at path (relative to the root) may not include name; None when it may."""
-    top = path.parts[0]
-    layer = path.parts[1] if top == "src" else None
-    if quote == "<":
-        # A system header in the portable folders is the C++ library's (no suffix) or Boost's.
-        file = "/".join(path.parts[1:])
-        if layer in PORTABLE and "." in name and not name.startswith("boost/") and (file, name) not in SYSTEM:
-            return "is no part of C++ or Boost; operating systems are known to src/platform alone"
+class House:
+    def __init__(self, root):
+        self.root = root
+        text = (root / "cmake/Install.cmake").read_text()
+        self.public = set(re.search(r"set\(NIMBREL2_PUBLIC_HEADERS(.*?)\)", text, re.S).group(1).split())
+        # By folder, relative to the root: what all its files may include, and what one of them may besides.
+        self.rooms = {}
+        for readme in sorted([*(root / "src").rglob("README.md"), *(root / "tools").rglob("README.md")]):
+            folder = str(readme.parent.relative_to(root))
+            rules = {match["file"]: Rule(match["rule"]) for match in SENTENCE.finditer(readme.read_text())}
+            if None not in rules:
+                sys.exit(f"{folder}/README.md: no sentence says what may be included here")
+            self.rooms[folder] = rules
+        self.rooms["examples"] = {None: Rule("installed headers, the C++ library, the operating system, Boost")}
+
+    def room_of(self, path):
+        """The innermost room that the file at path (relative to the root) lies in; None for none."""
+        for parent in pathlib.PurePath(path).parents:
+            if str(parent) in self.rooms:
+                return str(parent)
         return None
-    if "./" in name:
-        return "is a path; includes are rooted at src/"
-    folder = name.split("/")[0]
-    if top == "src":
-        if "/" not in name or folder not in LAYERS[layer]:
-            return f"is not for src/{layer}, which may include {sorted(LAYERS[layer]) or 'nothing'}"
-        relative = str(path.relative_to("src"))
-        if relative in public and name not in public:
+
+    def violation(self, path, quote, name):
+        """Why the file at path (relative to the root) may not include name; None when it may."""
+        path = pathlib.PurePath(path)
+        room = self.room_of(path)
+        if room is None:
+            return "is included by a file in no room"
+        rules = [rule for file, rule in self.rooms[room].items() if file in (None, path.name)]
+        words = set().union(*(rule.words for rule in rules))
+        if quote == "<":
+            library = next((word for word, folder in LIBRARIES.items() if name.startswith(folder)), None)
+            if library is not None:
+                return None if library in words else f"is {library}, which is not for {room}"
+            # A header of the C++ library has no suffix; the contract has one of C's.
+            if "." not in name or (room == "src/hal" and name == "stdint.h") or "the operating system" in words:
+                return None
+            return f"is no part of the C++ library, and operating systems are not for {room}"
+        if "./" in name or "/" not in name:
+            return "is a path of its own; includes are rooted at src/"
+        inside = f"src/{name}" if (self.root / "src" / name.split("/")[0]).is_dir() else name
+        target = self.room_of(inside)
+        own = set().union(*(rule.own for rule in rules))
+        allowed = (target == room or name in own or (target or "").removeprefix("src/") in own or
+                   (name in self.public and "installed headers" in words))
+        if not allowed:
+            return f"is not for {room}, whose README names what is"
+        if str(path).removeprefix("src/") in self.public and name not in self.public:
             return "is not installed, but the file that includes it is"
-    elif folder in LAYERS and name not in public and not (top == "tools" and name.startswith(SIMULATION)):
-        return f"is no public header, and {top}/ uses what every application can"
-    return None
+        return None
+
+    def check(self, files):
+        """All violations in the files, one line each."""
+        found = []
+        for path in files:
+            for number, line in enumerate((self.root / path).read_text().splitlines(), 1):
+                match = INCLUDE.match(line)
+                reason = match and self.violation(path, match.group(1), match.group(2))
+                if reason:
+                    found.append(f"{path}:{number}: {match.group(2)} {reason}")
+        return found
 
 
-def check(root, files, public):
-    """All violations in the files, one line each."""
-    found = []
-    for path in files:
-        for number, line in enumerate((root / path).read_text().splitlines(), 1):
-            match = INCLUDE.match(line)
-            reason = match and violation(path, match.group(1), match.group(2), public)
-            if reason:
-                found.append(f'{path}:{number}: {match.group(2)} {reason}')
-    return found
-
-
-def try_the_rules():
-    """The rules refuse each of the first lines and accept each of the others."""
-    public = {"common/Error.h", "busmaster/BusMaster.h"}
+def try_the_rules(house):
+    """Each room refuses the first of its headers, which lies above or beside it, and accepts the second."""
     cases = [
-        ("src/hal/HAL.h", '"', "common/Error.h", False),
-        ("src/common/Error.cpp", '"', "busmaster/BusMaster.h", False),
-        ("src/common/Error.cpp", '"', "Error.h", False),
-        ("src/common/Error.cpp", '"', "../hal/HAL.h", False),
-        ("src/topology/TopologyNode.h", '"', "platform/Platform.h", False),
-        ("src/platform/Platform.cpp", '"', "common/Error.h", False),
-        ("src/busmaster/worker.cpp", "<", "sys/socket.h", False),
-        ("src/busmaster/worker.cpp", "<", "pthread.h", False),
-        ("src/common/Posix.cpp", "<", "unistd.h", False),
-        ("src/busmaster/BusMaster.h", '"', "busmaster/BusMasterMembers.h", False),
-        ("tools/nimbrel/main.cpp", '"', "busmaster/BusMasterMembers.h", False),
-        ("examples/list_cameras.cpp", '"', "platform/simulated/gige/SimulatedCamera.h", False),
-        ("src/hal/HAL.h", "<", "stdint.h", True),
-        ("src/common/Posix.cpp", "<", "pthread.h", True),
-        ("src/busmaster/worker.cpp", '"', "busmaster/BusMasterMembers.h", True),
-        ("src/busmaster/worker.cpp", "<", "boost/thread/thread.hpp", True),
-        ("src/platform/linux/Udp.cpp", "<", "sys/socket.h", True),
-        ("tools/nimbrel/main.cpp", '"', "busmaster/BusMaster.h", True),
-        ("tools/nimbrel/main.cpp", '"', "platform/simulated/gige/SimulatedCamera.h", True),
+        ("src/hal/HAL.h", '"common/Error.h"', "<stdint.h>"),
+        ("src/hal/HAL.h", "<string.h>", '"hal/HAL.h"'),
+        ("src/common/Error.cpp", '"busmaster/BusMaster.h"', '"hal/HAL.h"'),
+        ("src/common/Error.cpp", '"topology/TopologyNode.h"', "<boost/bind.hpp>"),
+        ("src/common/Trace.cpp", "<pthread.h>", "<atomic>"),
+        ("src/common/Posix.cpp", '"topology/TopologyNode.h"', "<pthread.h>"),
+        ("src/topology/TopologyNode.h", '"busmaster/BusMaster.h"', '"common/Error.h"'),
+        ("src/topology/TopologyNode.h", '"platform/Platform.h"', '"hal/HAL.h"'),
+        ("src/busmaster/worker.cpp", '"platform/Platform.h"', '"busmaster/BusMasterMembers.h"'),
+        ("src/busmaster/worker.cpp", "<sys/socket.h>", "<boost/thread/thread.hpp>"),
+        ("src/busmaster/BusMaster.h", '"busmaster/BusMasterMembers.h"', '"common/Error.h"'),
+        ("src/platform/Drivers.h", '"platform/hal/Calls.h"', '"hal/HAL.h"'),
+        ("src/platform/Drivers.h", '"platform/base/Poller.h"', '"platform/Diagnostics.h"'),
+        ("src/platform/base/Poller.cpp", '"platform/linux/gige/UdpPort.h"', '"platform/base/Clock.h"'),
+        ("src/platform/base/Poller.cpp", '"platform/Drivers.h"', '"platform/Diagnostics.h"'),
+        ("src/platform/base/Poller.cpp", '"platform/gvcp/GvcpCodec.h"', "<sys/epoll.h>"),
+        ("src/platform/gvcp/GvcpDecode.cpp", '"platform/hal/Calls.h"', '"platform/gvcp/GvcpCodec.h"'),
+        ("src/platform/gvcp/GvcpDecode.cpp", '"platform/base/Texts.h"', '"hal/HAL.h"'),
+        ("src/platform/linux/gige/UdpPort.h", '"platform/hal/Calls.h"', '"platform/Drivers.h"'),
+        ("src/platform/linux/gige/UdpPort.h", '"platform/simulated/CameraSocket.h"', '"platform/gvcp/GvcpCodec.h"'),
+        ("src/platform/simulated/CameraSocket.h", '"platform/rig/Rig.h"', '"platform/base/FileDescriptor.h"'),
+        ("src/platform/simulated/CameraSocket.h", '"platform/linux/gige/UdpPort.h"', "<sys/socket.h>"),
+        ("src/platform/rig/Rig.h", '"platform/hal/Process.h"', '"platform/simulated/BootstrapRegisters.h"'),
+        ("src/platform/rig/Rig.h", '"platform/linux/gige/UdpPort.h"', "<nlohmann/json.hpp>"),
+        ("src/platform/rig/Rig.h", "<sys/socket.h>", '"platform/Drivers.h"'),
+        ("src/platform/hal/Session.cpp", '"platform/linux/gige/LinuxGigEBus.h"', '"platform/Drivers.h"'),
+        ("src/platform/hal/DriverFactory.cpp", '"platform/rig/Rig.h"', '"platform/linux/gige/LinuxGigEBus.h"'),
+        ("src/platform/hal/Calls.h", '"busmaster/BusMaster.h"', '"platform/base/StartThread.h"'),
+        ("tools/nimbrel/main.cpp", '"busmaster/BusMasterMembers.h"', '"busmaster/BusMaster.h"'),
+        ("tools/nimbrel/main.cpp", '"platform/hal/Process.h"', '"tools/nimbrel/Program.h"'),
+        ("tools/nimbrel/doctor/GigEChecks.cpp", '"platform/linux/gige/CameraKey.h"', '"tools/nimbrel/Text.h"'),
+        ("examples/list_cameras.cpp", '"platform/simulated/CameraSocket.h"', '"busmaster/BusMaster.h"'),
+        ("examples/list_cameras.cpp", '"tools/nimbrel/Text.h"', "<cstdio>"),
     ]
-    for path, quote, name, allowed in cases:
-        reason = violation(pathlib.PurePath(path), quote, name, public)
-        if (reason is None) != allowed:
-            sys.exit(f"the rules are wrong about {name} in {path}: {reason}")
+    tried = set()
+    for path, *names in cases:
+        tried.add(house.room_of(path))
+        for name, allowed in zip(names, (False, True)):
+            reason = house.violation(path, name[0], name[1:-1])
+            if (reason is None) != allowed:
+                sys.exit(f"the rules are wrong about {name} in {path}: {reason or 'it is accepted'}")
+    if set(house.rooms) - tried:
+        sys.exit(f"nobody has tried to break the rules of {sorted(set(house.rooms) - tried)}")
 
 
 def main():
-    root = pathlib.Path(sys.argv[1])
-    try_the_rules()
-    files = [path.relative_to(root) for top in ("src", "tools", "examples") for path in sorted((root / top).rglob("*"))
-             if path.suffix in SOURCES]
-    public = public_headers(root)
-    found = check(root, files, public)
-    found += [f"cmake/Install.cmake: src/{name} does not exist" for name in sorted(public)
-              if not (root / "src" / name).is_file()]
-    if found or len(files) < len(public):
+    house = House(pathlib.Path(sys.argv[1]))
+    try_the_rules(house)
+    files = [path.relative_to(house.root) for top in ("src", "tools", "examples")
+             for path in sorted((house.root / top).rglob("*")) if path.suffix in SOURCES]
+    found = house.check(files)
+    found += [f"cmake/Install.cmake: src/{name} does not exist" for name in sorted(house.public)
+              if not (house.root / "src" / name).is_file()]
+    if found or len(files) < len(house.public):
         sys.exit("\n".join(found) or "too few files were found: is the root right?")
-    print(f"{len(files)} files include what they may")
+    print(f"{len(files)} files in {len(house.rooms)} rooms include what they may")
 
 
 main()

@@ -3,6 +3,7 @@
 // not held while the function runs; m_callers lets callers queue.
 #include "tests/support/NetworkNamespace.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
@@ -21,6 +22,15 @@ namespace {
 void Check(int result, const char* what) {
     if (result != 0) throw std::system_error(errno, std::generic_category(), what);
 }
+
+struct OpenFile {
+    OpenFile(const char* path, int flags) : fd(open(path, flags | O_CLOEXEC)) { Check(fd < 0 ? -1 : 0, path); }
+    ~OpenFile() { close(fd); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    const int fd;
+};
 
 }  // namespace
 
@@ -57,8 +67,9 @@ NetworkNamespace::~NetworkNamespace() {
 
 void NetworkNamespace::Enter() {
     Check(unshare(CLONE_NEWNET | CLONE_NEWNS), "unshare (network namespaces need CAP_SYS_ADMIN)");
+    // What this thread mounts is its own from here on.
+    SetMountPropagation(MS_SLAVE);
     // /sys/class/net shows the namespace in which /sys was mounted, so this thread gets one of its own.
-    Check(mount("", "/", nullptr, MS_SLAVE | MS_REC, nullptr), "mount / as slave");
     Check(mount("sysfs", "/sys", "sysfs", 0, nullptr), "mount /sys");
 }
 
@@ -139,6 +150,18 @@ void NetworkNamespace::SetSystemControl(const std::string& name, const std::stri
         file << value << std::flush;
         if (!file) throw std::runtime_error("/proc/sys/" + name + " does not take " + value);
     });
+}
+
+void SetMountPropagation(unsigned long propagation) {
+    const OpenFile root("/", O_PATH | O_DIRECTORY);
+    const OpenFile working(".", O_PATH | O_DIRECTORY);
+    // In a chroot "/" may be no mount point, but whoever enters a mount namespace, and be it its own, stands at its
+    // root.
+    Check(setns(OpenFile("/proc/thread-self/ns/mnt", O_RDONLY).fd, CLONE_NEWNS), "setns (needs CAP_SYS_CHROOT)");
+    Check(mount("", "/", nullptr, propagation | MS_REC, nullptr), "mount propagation");
+    Check(fchdir(root.fd), "go back to the root");
+    Check(chroot("."), "chroot");
+    Check(fchdir(working.fd), "go back to the working folder");
 }
 
 void Connect(NetworkNamespace& first, const std::string& firstInterface, NetworkNamespace& second,

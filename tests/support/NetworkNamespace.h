@@ -74,6 +74,10 @@ private:
 void Connect(NetworkNamespace& first, const std::string& firstInterface, NetworkNamespace& second,
              const std::string& secondInterface);
 
+/// Has the calling thread's mounts spread as MS_PRIVATE, MS_SLAVE or MS_SHARED says, from the root of its mount
+/// namespace down. That must be its own, as it is after unshare(CLONE_NEWNS). @throws std::system_error
+void SetMountPropagation(unsigned long propagation);
+
 }  // namespace Nimbrel2::Testing
 
 #endif

@@ -4,14 +4,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
+#include <thread>
 
 #include "tests/support/NetworkNamespace.h"
 
@@ -93,6 +98,77 @@ TEST(NetworkNamespace, TakesSystemControlsOfItsOwn) {
     network.SetSystemControl("net/ipv4/conf/all/rp_filter", "2");
     EXPECT_EQ(network.RunProgram({"cat", "/proc/sys/net/ipv4/conf/all/rp_filter"}).output, "2\n");
     EXPECT_THROW(network.SetSystemControl("net/ipv4/conf/nowhere/rp_filter", "2"), std::runtime_error);
+}
+
+void Check(bool succeeded, const char* what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// A folder with this computer's programs, and nothing in sys. Removed with the object, which nothing may be mounted
+/// below by then.
+class ProgramFolder {
+public:
+    ProgramFolder() : m_path(std::filesystem::temp_directory_path() / "nimbrel2-chroot-XXXXXX") {
+        Check(mkdtemp(m_path.data()) != nullptr, "mkdtemp");
+        for (const char* name : {"proc", "sys"}) std::filesystem::create_directory(m_path + "/" + name);
+        for (const char* name : {"bin", "etc", "lib", "lib64", "sbin", "usr"}) {
+            const std::filesystem::path original = std::string("/") + name;
+            if (std::filesystem::is_symlink(original))
+                std::filesystem::copy_symlink(original, m_path + original.string());
+            else if (std::filesystem::is_directory(original))
+                std::filesystem::create_directory(m_path + original.string());
+        }
+    }
+    // Not remove_all: a mount that was left would take the programs with it.
+    ~ProgramFolder() {
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator(m_path, ignored))
+            std::filesystem::remove(entry.path(), ignored);
+        std::filesystem::remove(m_path, ignored);
+    }
+    ProgramFolder(const ProgramFolder&) = delete;
+    ProgramFolder& operator=(const ProgramFolder&) = delete;
+
+    /// For the calling thread the folder becomes "/", which then is no mount point; what is mounted in it on the way is
+    /// the thread's own. Mounts made later below it do spread to whoever copies the thread's mounts, as on most
+    /// computers.
+    void BecomeRoot() const {
+        Check(unshare(CLONE_NEWNS) == 0, "unshare");
+        SetMountPropagation(MS_PRIVATE);
+        for (const auto& entry : std::filesystem::directory_iterator(m_path)) {
+            const std::string name = entry.path().filename();
+            if (entry.is_symlink() || name == "sys") continue;
+            const bool proc = name == "proc";
+            Check(mount(proc ? "proc" : ("/" + name).c_str(), entry.path().c_str(), "proc", proc ? 0 : MS_BIND | MS_REC,
+                        nullptr) == 0,
+                  name.c_str());
+        }
+        SetMountPropagation(MS_SHARED);
+        Check(chroot(m_path.c_str()) == 0 && chdir("/") == 0, "chroot");
+    }
+
+private:
+    std::string m_path;
+};
+
+TEST(NetworkNamespace, IsMadeInAChrootThatIsNoMountPointAndLeavesNoMountThere) {
+    const ProgramFolder folder;
+    std::thread([&] {
+        try {
+            folder.BecomeRoot();
+            ASSERT_EQ(mount("", "/", nullptr, MS_SLAVE, nullptr), -1)
+                << "this root is a mount point and proves nothing";
+            {
+                NetworkNamespace network;
+                network.Run([] { EXPECT_THAT(Interfaces(), ::testing::ElementsAre("lo")); });
+                EXPECT_THAT(network.RunProgram({"ip", "-o", "link"}).output, HasSubstr("LOOPBACK,UP"));
+                network.Run([] { EXPECT_FALSE(std::filesystem::exists("/tmp")) << "outside the chroot"; });
+                EXPECT_TRUE(std::filesystem::is_empty("/sys")) << "mounted outside the namespace too";
+            }
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what();
+        }
+    }).join();
 }
 
 TEST(ChildProcess, TellsOutputErrorsAndExitStatus) {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/hal/TestSeams.h"
+#include "platform/hal/Process.h"
 #include "tests/tools/ScriptedBuses.h"
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/CommandError.h"
@@ -14,10 +14,10 @@ namespace {
 class Cameras : public ::testing::Test {
 protected:
     Cameras() {
-        Platform::InstallDriversForTest(
+        Platform::Process::Get().SetDriverFactory(
             [this](const auto& options, const auto& sinks) { return m_buses.MakeDrivers(options, sinks); });
     }
-    ~Cameras() override { Platform::InstallDriversForTest({}); }
+    ~Cameras() override { Platform::Process::Get().SetDriverFactory({}); }
 
     ScriptedBuses m_buses;
 };

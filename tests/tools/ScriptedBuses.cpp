@@ -159,10 +159,12 @@ public:
 
 protected:
     template <class Scripted, class Device>
-    std::uint32_t ListAs(const std::string& kind, std::vector<std::shared_ptr<Device>>* devices) {
+    std::uint32_t ListAs(const std::string& kind, Platform::Listing<Device>* listing) {
         std::vector<CameraPointer> cameras;
-        const std::uint32_t status = m_buses.List(m_name, kind, &cameras);
-        for (const CameraPointer& camera : cameras) devices->push_back(std::make_shared<Scripted>(m_buses, camera));
+        const std::uint32_t status = m_buses.List(m_name, kind, &cameras, &listing->state);
+        for (const CameraPointer& camera : cameras) {
+            listing->devices.push_back(std::make_shared<Scripted>(m_buses, camera));
+        }
         return status;
     }
 
@@ -175,11 +177,15 @@ private:
 class ScriptedFireWireBus final : public ScriptedBus<Platform::FireWireBus> {
 public:
     using ScriptedBus::ScriptedBus;
-    using Devices = std::vector<std::shared_ptr<Platform::FireWireDevice>>;
+    using Devices = Platform::Listing<Platform::FireWireDevice>;
 
     std::uint32_t ListCameras(Devices* cameras) override { return ListAs<ScriptedFireWireDevice>("1394", cameras); }
-    std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>&, Devices* cameras) override {
-        return ListAs<ScriptedFireWireDevice>("virtual", cameras);
+    std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>&,
+                                     std::vector<std::shared_ptr<Platform::FireWireDevice>>* cameras) override {
+        Devices listing;
+        const std::uint32_t status = ListAs<ScriptedFireWireDevice>("virtual", &listing);
+        *cameras = std::move(listing.devices);
+        return status;
     }
     std::uint32_t ListDevices(Devices* devices) override { return ListAs<ScriptedFireWireDevice>("device", devices); }
 };
@@ -187,7 +193,7 @@ public:
 class ScriptedUsbBus final : public ScriptedBus<Platform::UsbBus> {
 public:
     using ScriptedBus::ScriptedBus;
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<Platform::UsbDevice>>* cameras) override {
+    std::uint32_t ListCameras(Platform::Listing<Platform::UsbDevice>* cameras) override {
         return ListAs<ScriptedUsbDevice>("usb", cameras);
     }
 };
@@ -195,15 +201,16 @@ public:
 class ScriptedGigEBus final : public ScriptedBus<Platform::GigEBus> {
 public:
     using ScriptedBus::ScriptedBus;
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<Platform::GigEDevice>>* cameras) override {
+    std::uint32_t ListCameras(Platform::Listing<Platform::GigEDevice>* cameras) override {
         return ListAs<ScriptedGigEDevice>("gige", cameras);
     }
     std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>*) override { return HAL_OK; }
     std::uint32_t ForceIp(std::uint64_t, std::uint32_t, std::uint32_t, std::uint32_t) override {
         return HAL_NO_ACKNOWLEDGE;
     }
-    std::uint32_t ForceIpAuto() override { return HAL_OK; }
-    std::uint32_t AutoForceIpToCamera(std::uint32_t) override { return HAL_GONE; }
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
+        return serialNumber ? HAL_GONE : HAL_OK;
+    }
     std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
     std::uint32_t TestHearing(Platform::GigEHearing*) override { return HAL_OK; }
     std::uint32_t PlanAddresses(std::optional<std::uint32_t>, std::vector<Platform::AddressPlan>*) override {
@@ -257,7 +264,12 @@ void ScriptedBuses::Do(const std::string& line) {
             known->staleStatus = status;
         }
     } else if (verb == "reset") {
-        Report(word(), HAL_BUS_RESET);
+        const std::string bus = word();
+        {
+            const std::lock_guard lock(m_mutex);
+            ++m_buses.at(bus).resets;
+        }
+        Report(bus);
     } else if (verb == "fail") {
         const std::string bus = word();
         const std::uint32_t status = number();
@@ -279,7 +291,7 @@ void ScriptedBuses::Attach(const ScriptedCamera& camera) {
         const std::lock_guard lock(m_mutex);
         m_cameras.push_back(std::make_shared<ScriptedCamera>(camera));
     }
-    Report(BusOf(camera.kind), HAL_BUS_ARRIVAL);
+    Report(BusOf(camera.kind));
 }
 
 void ScriptedBuses::Remove(const std::string& serialText) {
@@ -292,20 +304,29 @@ void ScriptedBuses::Remove(const std::string& serialText) {
         bus = BusOf((*found)->kind);
         m_cameras.erase(found);
     }
-    Report(bus, HAL_BUS_REMOVAL);
+    Report(bus);
 }
 
-void ScriptedBuses::Report(const std::string& bus, HALBusEvent event) {
+// Two cameras that share all texts are told apart by where they live in memory, as real ones are by their sockets.
+Platform::BusState ScriptedBuses::StateOf(const std::string& bus) const {
+    Platform::BusState state{m_buses.at(bus).resets, {}};
+    for (const CameraPointer& camera : m_cameras) {
+        if (BusOf(camera->kind) != bus || camera->kind == "virtual") continue;
+        state.devices.push_back({std::to_string(reinterpret_cast<std::uintptr_t>(camera.get()))});
+    }
+    return state;
+}
+
+void ScriptedBuses::Report(const std::string& bus) {
     const std::lock_guard lock(m_mutex);
     Platform::BusEventSink* sink = m_buses.at(bus).sink;
-    if (sink == nullptr) return;
-    if (event != HAL_BUS_RESET) sink->Raise(event, 0, 0);
-    sink->RaiseReset();
+    if (sink != nullptr) sink->Report(StateOf(bus));
 }
 
 void ScriptedBuses::Start(const std::string& bus, Platform::BusEventSink* sink) {
     const std::lock_guard lock(m_mutex);
     m_buses.at(bus).sink = sink;
+    sink->Report(StateOf(bus));
 }
 
 void ScriptedBuses::Stop(const std::string& bus) {
@@ -314,8 +335,8 @@ void ScriptedBuses::Stop(const std::string& bus) {
     m_changed.notify_all();
 }
 
-std::uint32_t ScriptedBuses::List(const std::string& bus, const std::string& kind,
-                                  std::vector<CameraPointer>* cameras) {
+std::uint32_t ScriptedBuses::List(const std::string& bus, const std::string& kind, std::vector<CameraPointer>* cameras,
+                                  Platform::BusState* listed) {
     std::unique_lock lock(m_mutex);
     const Bus& state = m_buses.at(bus);
     if (state.held) {
@@ -327,6 +348,7 @@ std::uint32_t ScriptedBuses::List(const std::string& bus, const std::string& kin
     for (const CameraPointer& camera : m_cameras) {
         if (camera->kind == kind) cameras->push_back(camera);
     }
+    *listed = StateOf(bus);
     return HAL_OK;
 }
 
@@ -347,9 +369,11 @@ Platform::Drivers ScriptedBuses::MakeDrivers(const Platform::Options& options, c
         for (const std::string& name : options.networkInterfaces) text += name + ",";
         std::fprintf(stderr, "%s window=%lld\n", text.c_str(), static_cast<long long>(options.discoveryWindow.count()));
     }
-    return {std::make_unique<ScriptedFireWireBus>(*this, "1394", sinks.fireWire),
-            std::make_unique<ScriptedUsbBus>(*this, "usb", sinks.usb),
-            std::make_unique<ScriptedGigEBus>(*this, "gige", sinks.gigE)};
+    Platform::Drivers drivers;
+    drivers.fireWire = std::make_unique<ScriptedFireWireBus>(*this, "1394", sinks.fireWire);
+    drivers.usb = std::make_unique<ScriptedUsbBus>(*this, "usb", sinks.usb);
+    drivers.gigE = std::make_unique<ScriptedGigEBus>(*this, "gige", sinks.gigE);
+    return drivers;
 }
 
 }  // namespace Nimbrel2::Tool::Testing

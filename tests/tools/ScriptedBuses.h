@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/Drivers.h"
-#include "platform/hal/DriverFactory.h"
+#include "platform/Platform.h"
 
 namespace Nimbrel2::Tool::Testing {
 
@@ -54,7 +54,7 @@ public:
     void Stop(const std::string& bus);
     /// The cameras of that kind, once the bus answers. Any status but HAL_OK: none.
     std::uint32_t List(const std::string& bus, const std::string& kind,
-                       std::vector<std::shared_ptr<ScriptedCamera>>* cameras);
+                       std::vector<std::shared_ptr<ScriptedCamera>>* cameras, Platform::BusState* state);
     std::uint64_t CurrentListing();
     std::uint32_t InfoStatus(const ScriptedCamera& camera, std::uint64_t listing);
 
@@ -63,11 +63,13 @@ private:
         Platform::BusEventSink* sink = nullptr;
         std::uint32_t status = 0;
         bool held = false;
+        std::uint64_t resets = 0;
     };
 
     void Attach(const ScriptedCamera& camera);
     void Remove(const std::string& serialText);
-    void Report(const std::string& bus, HALBusEvent event);
+    Platform::BusState StateOf(const std::string& bus) const;  // m_mutex is held
+    void Report(const std::string& bus);
 
     std::mutex m_mutex;
     std::condition_variable m_changed;

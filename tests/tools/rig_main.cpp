@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
-#include "platform/hal/DriverFactory.h"
-#include "platform/hal/TestSeams.h"
+#include "platform/hal/Process.h"
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
 #include "tools/nimbrel/Program.h"
 
@@ -19,7 +19,7 @@ Platform::Options OnRig(Platform::Options options, const std::shared_ptr<Platfor
     for (Platform::Driver* driver : {&options.fireWire, &options.usb, &options.gigE}) {
         if (*driver == Platform::Driver::Linux) *driver = Platform::Driver::Rig;
     }
-    options.rig = rig;
+    options.makeDrivers = Platform::MakeRigDrivers(rig);
     return options;
 }
 
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
         for (const Platform::RigStep& step : plan.timeline) {
             if (Platform::Apply(*rig, step.action)) return 98;
         }
-        Platform::InstallDriversForTest([rig](const auto& options, const auto& sinks) {
+        Platform::Process::Get().SetDriverFactory([rig](const auto& options, const auto& sinks) {
             return Platform::MakeDrivers(OnRig(options, rig), sinks);
         });
     } catch (const std::exception& error) {

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/hal/TestSeams.h"
+#include "platform/hal/Process.h"
 #include "tests/tools/ScriptedBuses.h"
 #include "tools/nimbrel/Program.h"
 
@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     auto& buses = *new ScriptedBuses;
     if (!script) return 98;
     Follow(script, buses);
-    if (Nimbrel2::Platform::InstallDriversForTest(
+    if (Nimbrel2::Platform::Process::Get().SetDriverFactory(
             [&buses](const auto& options, const auto& sinks) { return buses.MakeDrivers(options, sinks); }) != HAL_OK) {
         return 98;
     }

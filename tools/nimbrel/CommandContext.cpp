@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
 #include "tools/nimbrel/BusHealth.h"
 #include "tools/nimbrel/Cameras.h"
@@ -157,8 +158,11 @@ Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) 
         const Platform::Driver driver = m_rig ? Platform::Driver::Rig : Platform::Driver::Linux;
         options.*bus.driver = UsesBus(bus.name) ? driver : Platform::Driver::None;
     }
-    options.rig = m_rig;
-    if (!m_rig) options.networkInterfaces = m_interfaces;
+    if (m_rig) {
+        options.makeDrivers = Platform::MakeRigDrivers(m_rig);
+    } else {
+        options.networkInterfaces = m_interfaces;
+    }
     options.discoveryWindow = m_discoveryWindow.value_or(unlessGiven);
     return options;
 }

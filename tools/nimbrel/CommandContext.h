@@ -17,6 +17,10 @@
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Output.h"
 
+namespace Nimbrel2::Platform {
+class Rig;
+}  // namespace Nimbrel2::Platform
+
 namespace Nimbrel2::Tool {
 
 /// The bus master while a command uses it. Its end is the bus master's: callbacks are over when it returns.

@@ -18,8 +18,8 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/simulated/gige/InterfaceAddresses.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/InterfaceAddresses.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 #include "tools/nimbrel/SimulateOptions.h"
 
 namespace Nimbrel2::Tool {

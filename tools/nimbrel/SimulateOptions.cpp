@@ -13,7 +13,7 @@
 #include <tuple>
 #include <utility>
 
-#include "platform/simulated/gige/InterfaceAddresses.h"
+#include "platform/simulated/InterfaceAddresses.h"
 
 namespace Nimbrel2::Tool {
 

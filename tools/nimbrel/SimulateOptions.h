@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/simulated/gige/SimulatedCameraOptions.h"
+#include "platform/simulated/SimulatedCameraOptions.h"
 
 namespace Nimbrel2::Tool {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Registrations and what drivers raise. Runs on driver threads (Raise...) and on callers' threads (all others).
-// Takes m_mutex for a walk over a handful of registrations, and in it each delivery's mutex for a few instructions.
+// Registrations and what drivers report. Runs on driver threads (Report, RaiseError) and on callers' threads (all
+// others). Takes m_mutex for a walk over a handful of registrations, and in it each delivery's mutex for a few
+// instructions.
 #include "platform/hal/BusEvents.h"
 
 #include <algorithm>
@@ -33,19 +34,18 @@ BusEvents::~BusEvents() {
     JoinThreads(EventDelivery::Clock::time_point::min());
 }
 
-void BusEvents::RaiseReset() {
-    const std::lock_guard lock(m_mutex);
-    m_ledger.CountChange();
-    for (auto& [handle, registration] : m_registrations) registration.delivery->AddReset();
+void BusEvents::Report(BusState state) noexcept {
+    const LockGuard lock(m_mutex);
+    m_news.Report(std::move(state),
+                  [&registrations = m_registrations](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+                      for (auto& [handle, registration] : registrations)
+                          registration.delivery->Add({event, first, second});
+                  });
 }
 
-void BusEvents::Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-    if (event == HAL_BUS_RESET) {
-        RaiseReset();
-        return;
-    }
-    const std::lock_guard lock(m_mutex);
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Add({event, first, second});
+void BusEvents::RaiseError() noexcept {
+    const LockGuard lock(m_mutex);
+    for (auto& [handle, registration] : m_registrations) registration.delivery->Add({HAL_BUS_ERROR, 0, 0});
 }
 
 std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, void** registration) {
@@ -61,10 +61,12 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     }
     // Nothing throws from here on: a running thread would have no owner. Merging moves the node and takes no memory.
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (!m_stopped) {
-            // Under the lock, so that a change is either counted here or added by RaiseReset: once, whichever is first.
-            if (m_ledger.HasUnseenChange()) made.delivery->AddReset();
+            // Under the lock, so that a change is either found here or added by Report: once, whichever is first.
+            m_news.RaiseUnseen([&made](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+                made.delivery->Add({event, first, second});
+            });
             m_registrations.merge(fresh);
             *registration = ToPointer(handle);
             return HAL_OK;
@@ -77,7 +79,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
 
 std::uint32_t BusEvents::Deregister(void* registration) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         const auto found = m_registrations.find(ToHandle(registration));
         if (found == m_registrations.end()) return HAL_GONE;
         found->second.delivery->Stop();
@@ -90,25 +92,20 @@ std::uint32_t BusEvents::Deregister(void* registration) {
 bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const {
     std::vector<std::shared_ptr<EventDelivery>> deliveries;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (const auto& [handle, registration] : m_registrations) deliveries.push_back(registration.delivery);
     }
     return std::all_of(deliveries.begin(), deliveries.end(),
                        [deadline](const auto& delivery) { return delivery->WaitUntilIdle(deadline); });
 }
 
-std::uint64_t BusEvents::BeginListing() const {
-    const std::lock_guard lock(m_mutex);
-    return m_ledger.Begin();
-}
-
-void BusEvents::EndListing(Listing listing, std::uint64_t changesAtBegin) {
-    const std::lock_guard lock(m_mutex);
-    m_ledger.End(listing, changesAtBegin);
+void BusEvents::Listed(Listing listing, BusState state) {
+    const LockGuard lock(m_mutex);
+    m_news.Listed(listing, std::move(state));
 }
 
 void BusEvents::StopCallbacks() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_stopped = true;
     for (auto& [handle, registration] : m_registrations) registration.delivery->Stop();
     m_ending.merge(m_registrations);
@@ -117,7 +114,7 @@ void BusEvents::StopCallbacks() {
 void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
     Registrations ending;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         ending.swap(m_ending);
     }
     for (auto& [handle, registration] : ending) {
@@ -134,7 +131,7 @@ void BusEvents::JoinThreads(EventDelivery::Clock::time_point deadline) {
 void BusEvents::Reap() {
     Registrations ended;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto next = m_ending.begin(); next != m_ending.end();) {
             const auto current = next++;
             if (current->second.delivery->HasEnded()) ended.insert(m_ending.extract(current));

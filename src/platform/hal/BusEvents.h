@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The event side of one bus: who is registered, and whether a listing is due. One object a bus and a session.
+// The event side of one bus: who is registered, and what each of them is told. One object per bus and session.
 #ifndef NIMBREL2_PLATFORM_HAL_BUSEVENTS_H
 #define NIMBREL2_PLATFORM_HAL_BUSEVENTS_H
 
@@ -7,23 +7,23 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "hal/HAL.h"
 #include "platform/Drivers.h"
+#include "platform/base/Mutex.h"
+#include "platform/base/StartThread.h"
+#include "platform/hal/BusNews.h"
+#include "platform/hal/EntryTable.h"
 #include "platform/hal/EventDelivery.h"
-#include "platform/hal/Handles.h"
-#include "platform/hal/ListingLedger.h"
-#include "platform/hal/StartThread.h"
 
 namespace Nimbrel2::Platform {
 
-/// Takes what the driver raises and hands it to the delivery thread of each registration.
+/// Takes what the driver reports and hands what is news in it to the delivery thread of each registration.
 /// @par Threads  Any. Lock order: m_mutex, then a delivery's own; neither is ever held during a callback or a join.
 class BusEvents final : public BusEventSink {
 public:
-    using Listing = ListingLedger::Listing;
+    using Listing = BusNews::Listing;
 
     BusEvents(HALInterfaceType bus, ThreadStarter startThread);
     /// Ends what Close has not ended, without waiting for callbacks.
@@ -31,8 +31,8 @@ public:
     BusEvents(const BusEvents&) = delete;
     BusEvents& operator=(const BusEvents&) = delete;
 
-    void RaiseReset() override;
-    void Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) override;
+    void Report(BusState state) noexcept override;
+    void RaiseError() noexcept override;
 
     /// @return HAL_CLOSED after StopCallbacks, HAL_OUT_OF_MEMORY when no thread can be made.
     std::uint32_t Register(HALBusEventFunction function, void* context, void** registration);
@@ -42,9 +42,8 @@ public:
     /// Waits until everything raised so far has been called back. False when the deadline came first.
     [[nodiscard]] bool WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const;
 
-    /// Around each listing that succeeds: EndListing receives what BeginListing returned.
-    [[nodiscard]] std::uint64_t BeginListing() const;
-    void EndListing(Listing listing, std::uint64_t changesAtBegin);
+    /// After each listing that succeeded.
+    void Listed(Listing listing, BusState state);
 
     /// From here on no callback is begun and nothing registers.
     void StopCallbacks();
@@ -65,12 +64,12 @@ private:
     const HALInterfaceType m_bus;
     const ThreadStarter m_startThread;
 
-    mutable std::mutex m_mutex;  // Guards all below.
-    bool m_stopped = false;
-    ListingLedger m_ledger;
-    Registrations m_registrations;
+    mutable Mutex m_mutex;
+    bool m_stopped NIMBREL2_GUARDED_BY(m_mutex) = false;
+    BusNews m_news NIMBREL2_GUARDED_BY(m_mutex);
+    Registrations m_registrations NIMBREL2_GUARDED_BY(m_mutex);
     /// Deregistered, with a thread that may still be in its last callback.
-    Registrations m_ending;
+    Registrations m_ending NIMBREL2_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Nimbrel2::Platform

@@ -49,6 +49,19 @@ std::uint32_t OnDevice(const char* function, const void* entry, bool argumentsAr
     });
 }
 
+// ---- Arguments that the register functions of IEEE 1394 and USB share ----
+
+/// The only selector: the device of the entry itself.
+inline constexpr std::uint32_t kDeviceOfEntry = 0xFFFFFFFF;
+
+/// A quadlet of the 48-bit address space (IEEE 1212), given whole or by its low 32 bits.
+constexpr bool IsRegisterAddress(std::uint64_t address) { return address < std::uint64_t{1} << 48 && address % 4 == 0; }
+
+/// The low 32 bits alone mean the initial register space, where configuration ROM and camera registers are.
+constexpr std::uint64_t WholeRegisterAddress(std::uint64_t address) {
+    return address <= 0xFFFFFFFF ? address + 0xFFFF00000000 : address;
+}
+
 }  // namespace Nimbrel2::Platform
 
 #endif

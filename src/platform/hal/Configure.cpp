@@ -87,9 +87,9 @@ void CheckUsbIds(const std::vector<UsbId>& ids, std::string& reason) {
 
 std::string WhatIsWrong(const Options& options) {
     std::string reason;
-    CheckDriver("fireWire", options.fireWire, options.rig != nullptr, reason);
-    CheckDriver("usb", options.usb, options.rig != nullptr, reason);
-    CheckDriver("gigE", options.gigE, options.rig != nullptr, reason);
+    CheckDriver("fireWire", options.fireWire, options.makeDrivers != nullptr, reason);
+    CheckDriver("usb", options.usb, options.makeDrivers != nullptr, reason);
+    CheckDriver("gigE", options.gigE, options.makeDrivers != nullptr, reason);
     CheckNames(options.networkInterfaces, reason);
     CheckWindow(options.discoveryWindow, reason);
     CheckUsbIds(options.usbCameraIds, reason);

@@ -7,17 +7,6 @@
 
 namespace Nimbrel2::Platform {
 
-const InterfaceAddress* NetworkInterface::FindSubnet(std::uint32_t ip) const {
-    const InterfaceAddress* best = nullptr;
-    for (const InterfaceAddress& address : addresses) {
-        if (!address.Contains(ip)) continue;
-        const bool better = best == nullptr || address.prefixLength > best->prefixLength ||
-                            (address.prefixLength == best->prefixLength && best->secondary && !address.secondary);
-        if (better) best = &address;
-    }
-    return best;
-}
-
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
     return InSession(__func__, diagnosis != nullptr,
                      [&](Session& session) { return session.GigE().Diagnose(askControl, diagnosis); });

@@ -2,16 +2,24 @@
 // Adding and removing entries. Any thread; takes the table's own mutex for one look-up or one merge.
 #include "platform/hal/EntryTable.h"
 
+#include <atomic>
 #include <utility>
 
 namespace Nimbrel2::Platform {
+
+static_assert(sizeof(Handle) == 8, "a counter of 32 bits could come round and give a handle twice");
+
+Handle NextHandle() {
+    static constinit std::atomic<Handle> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 std::uint32_t EntryTable::Add(EntryKind kind, std::vector<Device> devices, void** entries) {
     Entries fresh;
     std::uint32_t position = 0;
     for (Device& device : devices) fresh.emplace(NextHandle(), Entry{kind, position++, std::move(device)});
 
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (m_closed) return HAL_CLOSED;
     // Handles grow, so the map's order is the listing's.
     for (const auto& [handle, entry] : fresh) *entries++ = ToPointer(handle);
@@ -21,7 +29,7 @@ std::uint32_t EntryTable::Add(EntryKind kind, std::vector<Device> devices, void*
 
 std::uint32_t EntryTable::Remove(EntryKind kind, const void* entry) {
     Entries::node_type removed;
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (m_closed) return HAL_CLOSED;
     const auto found = m_entries.find(ToHandle(entry));
     if (found == m_entries.end() || found->second.kind != kind) return HAL_GONE;
@@ -31,7 +39,7 @@ std::uint32_t EntryTable::Remove(EntryKind kind, const void* entry) {
 
 void EntryTable::Close() {
     Entries all;
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_closed = true;
     all.swap(m_entries);
 }

@@ -3,18 +3,28 @@
 #ifndef NIMBREL2_PLATFORM_HAL_ENTRYTABLE_H
 #define NIMBREL2_PLATFORM_HAL_ENTRYTABLE_H
 
+#include <bit>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <variant>
 #include <vector>
 
 #include "hal/HAL.h"
 #include "platform/Drivers.h"
-#include "platform/hal/Handles.h"
+#include "platform/base/Mutex.h"
 
 namespace Nimbrel2::Platform {
+
+/// The opaque values that cross the HAL line, entries and registrations: numbers dressed as pointers.
+using Handle = std::uintptr_t;
+
+/// A number that this process has never given out: not to another entry, not to a registration, not before the last
+/// clean-up. A stale handle is therefore unknown and never somebody else's. Never 0.
+Handle NextHandle();
+
+inline void* ToPointer(Handle handle) { return std::bit_cast<void*>(handle); }
+inline Handle ToHandle(const void* pointer) { return std::bit_cast<Handle>(pointer); }
 
 /// Which free function takes an entry back.
 enum class EntryKind { FireWireCamera, FireWireDevice, UsbCamera, GigECamera };
@@ -36,7 +46,7 @@ public:
     /// @param position  Receives the place that the device had in its listing.
     template <class BusDevice>
     std::uint32_t Find(const void* entry, std::shared_ptr<BusDevice>* device, std::uint32_t* position) const {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_closed) return HAL_CLOSED;
         const auto found = m_entries.find(ToHandle(entry));
         if (found == m_entries.end()) return HAL_GONE;
@@ -58,9 +68,9 @@ private:
     };
     using Entries = std::map<Handle, Entry>;
 
-    mutable std::mutex m_mutex;  // A leaf: held for one look-up.
-    bool m_closed = false;
-    Entries m_entries;
+    mutable Mutex m_mutex;  // A leaf: held for one look-up.
+    bool m_closed NIMBREL2_GUARDED_BY(m_mutex) = false;
+    Entries m_entries NIMBREL2_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Nimbrel2::Platform

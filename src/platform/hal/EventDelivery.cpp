@@ -9,17 +9,17 @@ EventDelivery::EventDelivery(HALInterfaceType bus, HALBusEventFunction function,
     : m_bus(bus), m_function(function), m_context(context) {}
 
 void EventDelivery::Run() {
-    std::unique_lock lock(m_mutex);
+    UniqueLock lock(m_mutex);
     while (!m_stopped) {
         const EventQueue::Step step = m_queue.Take(Clock::now());
         switch (step.kind) {
             case EventQueue::Step::Kind::Idle:
                 m_idle = true;
-                m_idleCondition.notify_all();
-                m_wake.wait(lock);
+                m_idleCondition.NotifyAll();
+                m_wake.Wait(lock);
                 break;
             case EventQueue::Step::Kind::Settle:
-                m_wake.wait_until(lock, step.until);
+                m_wake.WaitUntil(lock, step.until);
                 break;
             case EventQueue::Step::Kind::Deliver:
                 lock.unlock();
@@ -29,46 +29,38 @@ void EventDelivery::Run() {
         }
     }
     m_idle = true;
-    m_idleCondition.notify_all();
+    m_idleCondition.NotifyAll();
     m_ended = true;
-    m_endedCondition.notify_all();
-}
-
-void EventDelivery::AddReset() {
-    const Clock::time_point now = Clock::now();
-    const std::lock_guard lock(m_mutex);
-    m_queue.AddReset(now);
-    m_idle = m_idle && m_stopped;
-    m_wake.notify_one();
+    m_endedCondition.NotifyAll();
 }
 
 void EventDelivery::Add(const BusEvent& event) {
     const Clock::time_point now = Clock::now();
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_queue.Add(event, now);
     m_idle = m_idle && m_stopped;
-    m_wake.notify_one();
+    m_wake.NotifyOne();
 }
 
 bool EventDelivery::WaitUntilIdle(Clock::time_point deadline) const {
-    std::unique_lock lock(m_mutex);
-    return m_idleCondition.wait_until(lock, deadline, [this] { return m_idle; });
+    UniqueLock lock(m_mutex);
+    return m_idleCondition.WaitUntil(lock, deadline, [this]() NIMBREL2_REQUIRES(m_mutex) { return m_idle; });
 }
 
 void EventDelivery::Stop() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_stopped = true;
-    m_wake.notify_one();
+    m_wake.NotifyOne();
 }
 
 bool EventDelivery::HasEnded() const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_ended;
 }
 
 bool EventDelivery::WaitUntilEnded(Clock::time_point deadline) const {
-    std::unique_lock lock(m_mutex);
-    return m_endedCondition.wait_until(lock, deadline, [this] { return m_ended; });
+    UniqueLock lock(m_mutex);
+    return m_endedCondition.WaitUntil(lock, deadline, [this]() NIMBREL2_REQUIRES(m_mutex) { return m_ended; });
 }
 
 void EventDelivery::Call(const BusEvent& event) const {

@@ -4,10 +4,9 @@
 #define NIMBREL2_PLATFORM_HAL_EVENTDELIVERY_H
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 #include "hal/HAL.h"
+#include "platform/base/Mutex.h"
 #include "platform/hal/EventQueue.h"
 
 namespace Nimbrel2::Platform {
@@ -23,7 +22,6 @@ public:
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();
 
-    void AddReset();
     void Add(const BusEvent& event);
 
     /// Waits until nothing waits to be delivered and no callback is in flight. False when the deadline came first.
@@ -45,14 +43,14 @@ private:
     const HALBusEventFunction m_function;
     void* const m_context;
 
-    mutable std::mutex m_mutex;  // A leaf: held for a few instructions, never during a callback.
-    std::condition_variable m_wake;
-    mutable std::condition_variable m_endedCondition;
-    mutable std::condition_variable m_idleCondition;
-    EventQueue m_queue;
-    bool m_stopped = false;
-    bool m_ended = false;
-    bool m_idle = false;  // Run sleeps with an empty queue, or has ended.
+    mutable Mutex m_mutex;  // A leaf: held for a few instructions, never during a callback.
+    ConditionVariable m_wake;
+    mutable ConditionVariable m_endedCondition;
+    mutable ConditionVariable m_idleCondition;
+    EventQueue m_queue NIMBREL2_GUARDED_BY(m_mutex);
+    bool m_stopped NIMBREL2_GUARDED_BY(m_mutex) = false;
+    bool m_ended NIMBREL2_GUARDED_BY(m_mutex) = false;
+    bool m_idle NIMBREL2_GUARDED_BY(m_mutex) = false;  // Run sleeps with an empty queue, or has ended.
 };
 
 }  // namespace Nimbrel2::Platform

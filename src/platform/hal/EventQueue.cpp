@@ -20,7 +20,9 @@ void EventQueue::AddReset(TimePoint now) {
 }
 
 void EventQueue::Add(const BusEvent& event, TimePoint now) {
-    if (m_count < kCapacity) {
+    if (event.event == HAL_BUS_RESET) {
+        AddReset(now);
+    } else if (m_count < kCapacity) {
         m_events[(m_head + m_count) % kCapacity] = event;
         ++m_count;
     } else if (!IsWaiting(event)) {

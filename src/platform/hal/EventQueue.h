@@ -48,15 +48,15 @@ public:
 
     EventQueue();
 
-    void AddReset(TimePoint now);
-
-    /// Never a reset. When kCapacity events wait, an event equal to a waiting one merges into it; any other is dropped
-    /// and becomes a bus reset, so that whoever listens looks at the whole bus again.
+    /// A bus reset merges into one that waits. Of other events at most kCapacity wait: one more that is equal to a
+    /// waiting one merges into it, any other is dropped and becomes a bus reset, so that whoever listens looks at the
+    /// whole bus again.
     void Add(const BusEvent& event, TimePoint now);
 
     Step Take(TimePoint now);
 
 private:
+    void AddReset(TimePoint now);
     [[nodiscard]] bool IsWaiting(const BusEvent& event) const;
 
     bool m_resetWaits = false;

@@ -4,9 +4,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/base/Texts.h"
 #include "platform/hal/Calls.h"
-#include "platform/hal/Registers.h"
-#include "platform/hal/Texts.h"
 
 using namespace Nimbrel2::Platform;
 

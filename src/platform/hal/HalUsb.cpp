@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/Texts.h"
 #include "platform/hal/Calls.h"
-#include "platform/hal/Registers.h"
-#include "platform/hal/Texts.h"
 
 using namespace Nimbrel2::Platform;
 

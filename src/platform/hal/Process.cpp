@@ -19,7 +19,7 @@ std::uint32_t Process::Start() {
     DriverFactory makeDrivers;
     ThreadStarter startThread;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_state != State::Closed) return HAL_BUSY;
         options = m_options;
         makeDrivers = m_makeDrivers;
@@ -33,13 +33,13 @@ std::uint32_t Process::Start() {
         status = session->Start(makeDrivers, options);
     } catch (...) {
         session.reset();
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         m_state = State::Closed;
         throw;
     }
     // A failed session ends before anybody may start the next.
     if (status != HAL_OK) session.reset();
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_state = session ? State::Running : State::Closed;
     m_session = std::move(session);
     return status;
@@ -48,7 +48,7 @@ std::uint32_t Process::Start() {
 std::uint32_t Process::Stop() {
     std::shared_ptr<Session> session;
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_state != State::Running) return HAL_CLOSED;
         m_state = State::Closing;
         session = std::move(m_session);
@@ -57,32 +57,34 @@ std::uint32_t Process::Stop() {
     const std::uint32_t status = session->Enter("HAL_CleanupLibrary");
     session->Close();
     session.reset();
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_state = State::Closed;
     return status;
 }
 
 std::shared_ptr<Session> Process::CurrentSession() {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_session;
 }
 
 std::uint32_t Process::SetOptions(Options options) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     std::swap(m_options, options);
     return HAL_OK;
 }
 
 std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
-    const std::lock_guard lock(m_mutex);
+    if (!factory) factory = &MakeDrivers;
+    const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     m_makeDrivers.swap(factory);
     return HAL_OK;
 }
 
 std::uint32_t Process::SetThreadStarter(ThreadStarter starter) {
-    const std::lock_guard lock(m_mutex);
+    if (!starter) starter = &StartThread;
+    const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     m_startThread.swap(starter);
     return HAL_OK;

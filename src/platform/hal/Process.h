@@ -4,14 +4,18 @@
 #define NIMBREL2_PLATFORM_HAL_PROCESS_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
 
+#include "platform/base/Mutex.h"
+#include "platform/base/StartThread.h"
 #include "platform/hal/DriverFactory.h"
 #include "platform/hal/Session.h"
-#include "platform/hal/StartThread.h"
 
 namespace Nimbrel2::Platform {
+
+/// How the drivers of a session are made.
+using DriverFactory = std::function<Drivers(const Options& options, const BusEventSinks& sinks)>;
 
 /// Never destroyed, so a HAL call during or after exit finds a mutex and no session, and answers HAL_CLOSED.
 /// @par Threads  Any. The mutex is held for copies only, never while a session starts, closes or works.
@@ -29,6 +33,7 @@ public:
 
     /// These take effect with the next Start. @return HAL_BUSY unless closed.
     std::uint32_t SetOptions(Options options);
+    /// For tests: other drivers, another way to start delivery threads. An empty one brings ours back.
     std::uint32_t SetDriverFactory(DriverFactory factory);
     std::uint32_t SetThreadStarter(ThreadStarter starter);
 
@@ -37,12 +42,12 @@ private:
 
     Process() = default;
 
-    std::mutex m_mutex;  // Guards all below; taken alone.
-    State m_state = State::Closed;
-    std::shared_ptr<Session> m_session;  // Set exactly while Running.
-    Options m_options;
-    DriverFactory m_makeDrivers = &MakeDrivers;
-    ThreadStarter m_startThread = &StartThread;
+    Mutex m_mutex;  // Taken alone.
+    State m_state NIMBREL2_GUARDED_BY(m_mutex) = State::Closed;
+    std::shared_ptr<Session> m_session NIMBREL2_GUARDED_BY(m_mutex);  // Set exactly while Running.
+    Options m_options NIMBREL2_GUARDED_BY(m_mutex);
+    DriverFactory m_makeDrivers NIMBREL2_GUARDED_BY(m_mutex) = &MakeDrivers;
+    ThreadStarter m_startThread NIMBREL2_GUARDED_BY(m_mutex) = &StartThread;
 };
 
 }  // namespace Nimbrel2::Platform

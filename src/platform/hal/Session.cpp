@@ -6,8 +6,6 @@
 #include <memory>
 #include <utility>
 
-#include "platform/hal/EmptyBuses.h"
-
 namespace Nimbrel2::Platform {
 
 Session::Session(const ThreadStarter& startThread)
@@ -19,24 +17,30 @@ Session::~Session() {
     if (!m_closed) Close();
 }
 
-std::uint32_t Session::Start(const DriverFactory& makeDrivers, const Options& options) {
+std::uint32_t Session::Start(const std::function<Drivers(const Options&, const BusEventSinks&)>& makeDrivers,
+                             const Options& options) {
     m_drivers = makeDrivers(options, {m_fireWireEvents, m_usbEvents, m_gigEEvents});
     if (const std::uint32_t status = Enter("HAL_InitLibrary"); status != HAL_OK) return status;
+
+    // In the place of a driver that is missing or cannot start stands the base class, a bus that has nothing.
+    if (!m_drivers.fireWire) m_drivers.fireWire = std::make_unique<FireWireBus>();
+    if (!m_drivers.usb) m_drivers.usb = std::make_unique<UsbBus>();
+    if (!m_drivers.gigE) m_drivers.gigE = std::make_unique<GigEBus>();
 
     const std::uint32_t fireWire = m_drivers.fireWire->Start();
     m_fireWireStarted = fireWire == HAL_OK;
     if (fireWire == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_fireWireStarted) m_drivers.fireWire = std::make_unique<EmptyFireWireBus>();
+    if (!m_fireWireStarted) m_drivers.fireWire = std::make_unique<FireWireBus>();
 
     const std::uint32_t usb = m_drivers.usb->Start();
     m_usbStarted = usb == HAL_OK;
     if (usb == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_usbStarted) m_drivers.usb = std::make_unique<EmptyUsbBus>();
+    if (!m_usbStarted) m_drivers.usb = std::make_unique<UsbBus>();
 
     const std::uint32_t gigE = m_drivers.gigE->Start();
     m_gigEStarted = gigE == HAL_OK;
     if (gigE == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_gigEStarted) m_drivers.gigE = std::make_unique<EmptyGigEBus>(gigE);
+    if (!m_gigEStarted) m_drivers.gigE = std::make_unique<GigEBus>(gigE);
 
     return HAL_OK;
 }

@@ -5,9 +5,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 
+#include "platform/Drivers.h"
+#include "platform/Platform.h"
 #include "platform/hal/BusEvents.h"
-#include "platform/hal/DriverFactory.h"
 #include "platform/hal/EntryTable.h"
 
 namespace Nimbrel2::Platform {
@@ -25,9 +27,10 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Makes the drivers and starts them, once. One that cannot start for want of anything but memory is replaced by an
-    /// empty bus. @return HAL_OK or HAL_OUT_OF_MEMORY. @throws what the factory throws.
-    std::uint32_t Start(const DriverFactory& makeDrivers, const Options& options);
+    /// Makes the drivers and starts them, once. One that cannot start for want of anything but memory is replaced by a
+    /// bus that has nothing. @return HAL_OK or HAL_OUT_OF_MEMORY. @throws what the factory throws.
+    std::uint32_t Start(const std::function<Drivers(const Options&, const BusEventSinks&)>& makeDrivers,
+                        const Options& options);
 
     /// Ends callbacks, drivers and entries, in this order. Once; the destructor does it for a session that was not
     /// closed.

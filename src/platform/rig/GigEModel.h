@@ -14,7 +14,7 @@
 #include "hal/HAL.h"
 #include "platform/Diagnostics.h"
 #include "platform/rig/RigDescription.h"
-#include "platform/simulated/gige/BootstrapRegisters.h"
+#include "platform/simulated/BootstrapRegisters.h"
 
 namespace Nimbrel2::Platform {
 

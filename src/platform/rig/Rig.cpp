@@ -124,21 +124,6 @@ std::vector<RigProblem> Rig::Validate(const RigDescription& description) {
 
 namespace {
 
-// A removal for each that is gone and an arrival for each that is new; both sorted.
-void RaiseDifference(BusEventSink& sink, const std::vector<std::string>& before,
-                     const std::vector<std::string>& after) {
-    const auto raise = [&sink](const std::vector<std::string>& from, const std::vector<std::string>& in,
-                               HALBusEvent event) {
-        std::vector<std::string> missing;
-        std::set_difference(from.begin(), from.end(), in.begin(), in.end(), std::back_inserter(missing));
-        for (std::size_t i = 0; i < missing.size(); ++i) {
-            sink.Raise(event, 0, 0);
-        }
-    };
-    raise(before, after, HAL_BUS_REMOVAL);
-    raise(after, before, HAL_BUS_ARRIVAL);
-}
-
 std::string NoDevice(const std::string& device) { return "the rig has no device named \"" + device + "\""; }
 
 }  // namespace
@@ -170,108 +155,93 @@ UsbModel* Rig::UsbOf(const std::string& device) {
     return found == m_usb.end() ? nullptr : &*found;
 }
 
-Rig::NodesByIdentity Rig::NodesOf(const FireWireModel& bus) {
-    NodesByIdentity nodes;
-    for (const FireWireModel::Node& node : bus.Nodes()) {
-        if (node.phy->kind == PhyKind::Camera || node.phy->kind == PhyKind::Device) {
-            nodes[node.phy->eui64] =
-                NodeWords{node.phy->kind == PhyKind::Camera, static_cast<std::uint32_t>(node.phy->eui64 >> 32),
-                          static_cast<std::uint32_t>(node.phy->eui64)};
+BusState Rig::FireWireState() const {
+    BusState state{m_fireWireReports.resets, {}};
+    for (const FireWireModel& bus : m_fireWire) {
+        for (const FireWireModel::Node& node : bus.Nodes()) {
+            const std::uint64_t eui64 = node.phy->eui64;
+            PresentDevice device{std::to_string(bus.Card()) + "/" + std::to_string(eui64)};
+            if (node.phy->kind == PhyKind::Device) {  // only a node that is no camera is named in events
+                device.firstWord = static_cast<std::uint32_t>(eui64 >> 32);
+                device.secondWord = static_cast<std::uint32_t>(eui64);
+            } else if (node.phy->kind != PhyKind::Camera) {
+                continue;
+            }
+            state.devices.push_back(std::move(device));
         }
     }
-    return nodes;
+    return state;
 }
 
-std::vector<std::string> Rig::CamerasOf(const UsbModel& host) {
-    std::vector<std::string> names;
-    for (const UsbModel::Attached& attached : host.Devices()) {
-        if (attached.device->kind == UsbKind::Camera) {
-            names.push_back(attached.device->name);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// A change of the cables is a bus reset, and an arrival or removal for each node that it brought or took.
-template <class Change>
-bool Rig::ChangeFireWire(FireWireModel& bus, Change change) {
-    const NodesByIdentity before = NodesOf(bus);
-    if (!change()) {
-        return false;
-    }
-    if (m_fireWireSink == nullptr) {
-        return true;
-    }
-    m_fireWireSink->RaiseReset();
-    const NodesByIdentity after = NodesOf(bus);
-    const auto raiseMissing = [this](const NodesByIdentity& from, const NodesByIdentity& in, HALBusEvent event) {
-        for (const auto& [eui64, node] : from) {
-            if (in.count(eui64) == 0) {
-                // Only a node that is no camera is named.
-                m_fireWireSink->Raise(event, node.camera ? 0 : node.high, node.camera ? 0 : node.low);
+BusState Rig::UsbState() const {
+    BusState state{m_usbReports.resets, {}};
+    for (const UsbModel& host : m_usb) {
+        for (const UsbModel::Attached& attached : host.Devices()) {
+            if (attached.device->kind == UsbKind::Camera) {
+                state.devices.push_back(PresentDevice{attached.device->name});
             }
         }
-    };
-    raiseMissing(before, after, HAL_BUS_REMOVAL);
-    raiseMissing(after, before, HAL_BUS_ARRIVAL);
-    return true;
-}
-
-template <class Change>
-bool Rig::ChangeUsb(UsbModel& host, Change change) {
-    const std::vector<std::string> before = CamerasOf(host);
-    if (!change()) {
-        return false;
     }
-    if (m_usbSink == nullptr) {
-        return true;
-    }
-    m_usbSink->RaiseReset();
-    RaiseDifference(*m_usbSink, before, CamerasOf(host));
-    return true;
+    return state;
 }
 
 // A camera whose address changes is another one to everybody above: it leaves and comes.
-template <class Change>
-bool Rig::ChangeGigE(Change change) {
-    if (m_gigESink == nullptr) {
-        return change();
+BusState Rig::GigEState() const {
+    BusState state;
+    for (const GigEModel::Camera* camera : m_gigE.Reached()) {
+        state.devices.push_back(PresentDevice{camera->name, camera->registers->GetAddress()});
     }
-    const auto identities = [this] {
-        std::vector<std::string> found;
-        for (const GigEModel::Camera* camera : m_gigE.Reached()) {
-            found.push_back(camera->name + "/" + std::to_string(camera->registers->GetAddress()));
-        }
-        std::sort(found.begin(), found.end());
-        return found;
-    };
-    const std::vector<std::string> before = identities();
+    return state;
+}
+
+void Rig::Report(const Reports& reports, BusState state) {
+    if (reports.sink != nullptr) reports.sink->Report(std::move(state));
+}
+
+// A change of the cables is a bus reset.
+template <class Change>
+bool Rig::ChangeFireWire(Change change) {
     if (!change()) {
         return false;
     }
-    const std::vector<std::string> after = identities();
-    if (before != after) {
-        m_gigESink->RaiseReset();
-        RaiseDifference(*m_gigESink, before, after);
+    ++m_fireWireReports.resets;
+    Report(m_fireWireReports, FireWireState());
+    return true;
+}
+
+template <class Change>
+bool Rig::ChangeUsb(Change change) {
+    if (!change()) {
+        return false;
     }
+    ++m_usbReports.resets;
+    Report(m_usbReports, UsbState());
+    return true;
+}
+
+template <class Change>
+bool Rig::ChangeGigE(Change change) {
+    if (!change(m_gigE)) {
+        return false;
+    }
+    Report(m_gigEReports, GigEState());
     return true;
 }
 
 std::optional<std::string> Rig::Plug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
-        return ChangeFireWire(*bus, [&] { return bus->Plug(device); })
+        return ChangeFireWire([&] { return bus->Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
     if (UsbModel* host = UsbOf(device)) {
-        return ChangeUsb(*host, [&] { return host->Plug(device); })
+        return ChangeUsb([&] { return host->Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Plug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Plug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is plugged in already");
     }
@@ -279,19 +249,19 @@ std::optional<std::string> Rig::Plug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Unplug(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (FireWireModel* bus = FireWireOf(device)) {
-        return ChangeFireWire(*bus, [&] { return bus->Unplug(device); })
+        return ChangeFireWire([&] { return bus->Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in, or the computer's own card");
     }
     if (UsbModel* host = UsbOf(device)) {
-        return ChangeUsb(*host, [&] { return host->Unplug(device); })
+        return ChangeUsb([&] { return host->Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
     if (m_gigE.Has(device)) {
-        return ChangeGigE([&] { return m_gigE.Unplug(device); })
+        return ChangeGigE([&](GigEModel& model) { return model.Unplug(device); })
                    ? std::nullopt
                    : std::optional<std::string>("\"" + device + "\" is not plugged in");
     }
@@ -299,21 +269,21 @@ std::optional<std::string> Rig::Unplug(const std::string& device) {
 }
 
 std::optional<std::string> Rig::Move(const std::string& device, unsigned int ownPort, const CableEnd& to) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::optional<std::string> problem;
     if (FireWireModel* bus = FireWireOf(device)) {
-        ChangeFireWire(*bus, [&] {
+        ChangeFireWire([&] {
             problem = bus->Move(device, ownPort, to);
             return !problem.has_value();
         });
     } else if (UsbModel* host = UsbOf(device)) {
-        ChangeUsb(*host, [&] {
+        ChangeUsb([&] {
             problem = host->Move(device, to.phy, to.port);
             return !problem.has_value();
         });
     } else if (m_gigE.Has(device)) {
-        ChangeGigE([&] {
-            problem = m_gigE.Move(device, to.phy);
+        ChangeGigE([&](GigEModel& model) {
+            problem = model.Move(device, to.phy);
             return !problem.has_value();
         });
     } else {
@@ -324,78 +294,78 @@ std::optional<std::string> Rig::Move(const std::string& device, unsigned int own
 
 template <class Change>
 std::optional<std::string> Rig::ChangeGigECamera(const std::string& camera, Change change) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.Has(camera)) {
         return "the rig has no GigE camera named \"" + camera + "\"";
     }
     std::optional<std::string> problem;
-    ChangeGigE([&] {
-        problem = change();
+    ChangeGigE([&](GigEModel& model) {
+        problem = change(model);
         return !problem.has_value();
     });
     return problem;
 }
 
 std::optional<std::string> Rig::SetLink(const std::string& interfaceName, bool up) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterface(interfaceName)) {
         return "the rig has no network interface named \"" + interfaceName + "\"";
     }
-    ChangeGigE([&] { return m_gigE.SetLink(interfaceName, up); });
+    ChangeGigE([&](GigEModel& model) { return model.SetLink(interfaceName, up); });
     return std::nullopt;
 }
 
 std::optional<std::string> Rig::SetAddress(const std::string& camera, std::uint32_t address, std::uint32_t mask,
                                            std::uint32_t gateway) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetAddress(camera, address, mask, gateway);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetAddress(camera, address, mask, gateway);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Hold(const std::string& camera, const Simulated::ControlOwner& owner) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Hold(camera, owner);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Hold(camera, owner);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::Release(const std::string& camera) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.Release(camera);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.Release(camera);
         return std::nullopt;
     });
 }
 
 std::optional<std::string> Rig::SetFaults(const std::string& camera, const Simulated::Faults& faults) {
-    return ChangeGigECamera(camera, [&]() -> std::optional<std::string> {
-        m_gigE.SetFaults(camera, faults);
+    return ChangeGigECamera(camera, [&](GigEModel& model) -> std::optional<std::string> {
+        model.SetFaults(camera, faults);
         return std::nullopt;
     });
 }
 
 std::uint32_t Rig::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::uint32_t status = HAL_OK;
-    ChangeGigE([&] {
-        status = m_gigE.ForceIp(mac, address, mask, gateway);
+    ChangeGigE([&](GigEModel& model) {
+        status = model.ForceIp(mac, address, mask, gateway);
         return true;
     });
     return status;
 }
 
 std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_gigE.HasInterfaceUp()) {
         return HAL_NO_BUS;
     }
     std::uint32_t first = HAL_OK;
-    ChangeGigE([&] {
-        for (const AddressPlan& plan : m_gigE.PlanAddresses(wanted)) {
+    ChangeGigE([&](GigEModel& model) {
+        for (const AddressPlan& plan : model.PlanAddresses(wanted)) {
             const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
             std::uint32_t status = plan.status;
             if (plan.newIp != 0) {
-                status = m_gigE.ForceIp(mac, plan.newIp, plan.newMask, 0);
+                status = model.ForceIp(mac, plan.newIp, plan.newMask, 0);
             }
             first = first == HAL_OK ? status : first;
         }
@@ -405,12 +375,13 @@ std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecor
 }
 
 std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int count) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (std::size_t i = 0; i < m_fireWire.size(); ++i) {
         if (m_fireWireNames[i] == bus) {
+            FireWireModel& model = m_fireWire[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeFireWire(m_fireWire[i], [&] {
-                    m_fireWire[i].Reset("");
+                ChangeFireWire([&model] {
+                    model.Reset("");
                     return true;
                 });
             }
@@ -419,9 +390,10 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
     }
     for (std::size_t i = 0; i < m_usb.size(); ++i) {
         if (m_usbNames[i] == bus) {
+            UsbModel& host = m_usb[i];
             for (unsigned int k = 0; k < count; ++k) {
-                ChangeUsb(m_usb[i], [&] {
-                    m_usb[i].Reset();
+                ChangeUsb([&host] {
+                    host.Reset();
                     return true;
                 });
             }
@@ -432,54 +404,57 @@ std::optional<std::string> Rig::ResetBus(const std::string& bus, unsigned int co
 }
 
 std::optional<std::string> Rig::FailBus(const std::string& bus) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     BusEventSink* sink = nullptr;
     if (std::count(m_fireWireNames.begin(), m_fireWireNames.end(), bus) != 0) {
-        sink = m_fireWireSink;
+        sink = m_fireWireReports.sink;
     } else if (std::count(m_usbNames.begin(), m_usbNames.end(), bus) != 0) {
-        sink = m_usbSink;
+        sink = m_usbReports.sink;
     } else {
         return "the rig has no FireWire bus or USB host named \"" + bus + "\"";
     }
     if (sink != nullptr) {
-        sink->Raise(HAL_BUS_ERROR, 0, 0);
+        sink->RaiseError();
     }
     return std::nullopt;
 }
 
 void Rig::AddFault(RigFault fault) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_faults.push_back(std::move(fault));
 }
 
 std::size_t Rig::CountFaultsLeft() const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_faults.size();
 }
 
 void Rig::SetFast(bool fast) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     m_fast = fast;
 }
 
 void Rig::ConnectFireWire(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
-    m_fireWireSink = sink;
+    const LockGuard lock(m_mutex);
+    m_fireWireReports.sink = sink;
+    Report(m_fireWireReports, FireWireState());
 }
 
 void Rig::ConnectUsb(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
-    m_usbSink = sink;
+    const LockGuard lock(m_mutex);
+    m_usbReports.sink = sink;
+    Report(m_usbReports, UsbState());
 }
 
 void Rig::ConnectGigE(BusEventSink* sink) {
-    const std::lock_guard lock(m_mutex);
-    m_gigESink = sink;
+    const LockGuard lock(m_mutex);
+    m_gigEReports.sink = sink;
+    Report(m_gigEReports, GigEState());
 }
 
 void Rig::Wait(std::chrono::milliseconds time) {
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         if (m_fast) {
             return;
         }
@@ -491,7 +466,7 @@ std::uint32_t Rig::Enter(const char* function) {
     std::uint32_t status = HAL_OK;
     std::chrono::milliseconds delay{0};
     {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         for (auto fault = m_faults.begin(); fault != m_faults.end();) {
             if (fault->function != function || --fault->call != 0) {
                 ++fault;
@@ -507,10 +482,10 @@ std::uint32_t Rig::Enter(const char* function) {
 }
 
 std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (FireWireModel& bus : m_fireWire) {
         if (bus.Card() == card && bus.FindNode(eui64) != nullptr) {
-            ChangeFireWire(bus, [&bus, eui64] {
+            ChangeFireWire([&bus, eui64] {
                 bus.Reset(bus.FindNode(eui64)->phy->name);
                 return true;
             });
@@ -521,12 +496,12 @@ std::uint32_t Rig::ResetBusOf(unsigned int card, std::uint64_t eui64) {
 }
 
 std::uint32_t Rig::ResetHostOf(const std::string& device) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     UsbModel* host = UsbOf(device);
     if (host == nullptr || host->Find(device) == nullptr) {
         return HAL_GONE;
     }
-    ChangeUsb(*host, [host] {
+    ChangeUsb([host] {
         host->Reset();
         return true;
     });
@@ -534,7 +509,7 @@ std::uint32_t Rig::ResetHostOf(const std::string& device) {
 }
 
 std::vector<std::uint32_t> Rig::VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     std::set<std::uint64_t> used(taken.begin(), taken.end());
     std::vector<std::uint32_t> serialNumbers;
     for (std::uint32_t serial : m_virtualCameras) {

@@ -7,12 +7,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/Drivers.h"
+#include "platform/base/Mutex.h"
 #include "platform/rig/FireWireModel.h"
 #include "platform/rig/GigEModel.h"
 #include "platform/rig/RigDescription.h"
@@ -42,7 +42,7 @@ const std::vector<std::string>& RigFaultFunctions();
 
 /// The computer that a rig description makes. Lives as long as anybody plays with it, across any number of
 /// HAL_InitLibrary and HAL_CleanupLibrary; its drivers hold it.
-/// @par Threads  Any. One mutex guards the models; events are raised with it held, which sinks allow.
+/// @par Threads  Any. One mutex guards the models; their state is reported with it held, which sinks allow.
 class Rig {
 public:
     /// Why the description is no computer; empty: it is one. Also what only shows across buses: a name taken twice, a
@@ -80,7 +80,7 @@ public:
 
     // ---- For the drivers
     // ---------------------------------------------------------------------------------------------
-    /// Where events go from now on; null: nowhere.
+    /// Where the state of a bus kind is reported from now on, beginning with how it is; null: nowhere.
     void ConnectFireWire(BusEventSink* sink);
     void ConnectUsb(BusEventSink* sink);
     void ConnectGigE(BusEventSink* sink);
@@ -94,19 +94,41 @@ public:
     /// Runs a function on the models with the rig locked: f(std::vector<FireWireModel>&).
     template <class Function>
     auto WithFireWire(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_fireWire);
     }
     template <class Function>
     auto WithUsb(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_usb);
     }
-
     template <class Function>
     auto WithGigE(Function function) {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         return function(m_gigE);
+    }
+
+    /// The same for a listing. @return the bus kind at that moment, which has been reported.
+    template <class Function>
+    BusState ListFireWire(Function function) {
+        const LockGuard lock(m_mutex);
+        function(m_fireWire);
+        Report(m_fireWireReports, FireWireState());
+        return FireWireState();
+    }
+    template <class Function>
+    BusState ListUsb(Function function) {
+        const LockGuard lock(m_mutex);
+        function(m_usb);
+        Report(m_usbReports, UsbState());
+        return UsbState();
+    }
+    template <class Function>
+    BusState ListGigE(Function function) {
+        const LockGuard lock(m_mutex);
+        function(m_gigE);
+        Report(m_gigEReports, GigEState());
+        return GigEState();
     }
 
     /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
@@ -122,38 +144,39 @@ public:
     std::vector<std::uint32_t> VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const;
 
 private:
-    struct NodeWords {
-        bool camera = false;
-        std::uint32_t high = 0;
-        std::uint32_t low = 0;
+    /// Who hears of a bus kind, and how often it was reset.
+    struct Reports {
+        BusEventSink* sink = nullptr;
+        std::uint64_t resets = 0;
     };
-    using NodesByIdentity = std::map<std::uint64_t, NodeWords>;
 
-    FireWireModel* FireWireOf(const std::string& device);
-    UsbModel* UsbOf(const std::string& device);
-    static NodesByIdentity NodesOf(const FireWireModel& bus);
-    static std::vector<std::string> CamerasOf(const UsbModel& host);
+    FireWireModel* FireWireOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
+    UsbModel* UsbOf(const std::string& device) NIMBREL2_REQUIRES(m_mutex);
+    BusState FireWireState() const NIMBREL2_REQUIRES(m_mutex);
+    BusState UsbState() const NIMBREL2_REQUIRES(m_mutex);
+    BusState GigEState() const NIMBREL2_REQUIRES(m_mutex);
+    static void Report(const Reports& reports, BusState state);
     template <class Change>
-    bool ChangeFireWire(FireWireModel& bus, Change change);
+    bool ChangeFireWire(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeUsb(UsbModel& host, Change change);
+    bool ChangeUsb(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    bool ChangeGigE(Change change);
+    bool ChangeGigE(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
-    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change);
+    std::optional<std::string> ChangeGigECamera(const std::string& camera, Change change) NIMBREL2_EXCLUDES(m_mutex);
 
-    mutable std::mutex m_mutex;  // Guards all below. Outermost: sinks take theirs under it.
-    std::vector<FireWireModel> m_fireWire;
-    std::vector<std::string> m_fireWireNames;
-    std::vector<UsbModel> m_usb;
-    std::vector<std::string> m_usbNames;
-    GigEModel m_gigE;
-    std::vector<std::uint32_t> m_virtualCameras;
-    BusEventSink* m_fireWireSink = nullptr;
-    BusEventSink* m_usbSink = nullptr;
-    BusEventSink* m_gigESink = nullptr;
-    std::vector<RigFault> m_faults;
-    bool m_fast = false;
+    mutable Mutex m_mutex;  // Outermost: sinks take theirs under it.
+    std::vector<FireWireModel> m_fireWire NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_fireWireNames NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<UsbModel> m_usb NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_usbNames NIMBREL2_GUARDED_BY(m_mutex);
+    GigEModel m_gigE NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<std::uint32_t> m_virtualCameras NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_fireWireReports NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_usbReports NIMBREL2_GUARDED_BY(m_mutex);
+    Reports m_gigEReports NIMBREL2_GUARDED_BY(m_mutex);
+    std::vector<RigFault> m_faults NIMBREL2_GUARDED_BY(m_mutex);
+    bool m_fast NIMBREL2_GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace Nimbrel2::Platform

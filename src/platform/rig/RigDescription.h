@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
-#include "platform/simulated/gige/SimulatedCameraOptions.h"
+#include "platform/simulated/SimulatedCameraOptions.h"
 
 namespace Nimbrel2::Platform {
 

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The FireWire driver over a rig. Any thread; the rig's lock for the length of one look at the model.
-#include "platform/rig/RigFireWireBus.h"
-
 #include <algorithm>
 
-#include "platform/rig/RigDriverState.h"
+#include "platform/rig/RigDrivers.h"
 
 namespace Nimbrel2::Platform {
 
@@ -168,9 +166,7 @@ public:
         m_state->rig->ConnectFireWire(nullptr);
     }
 
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
-        return List(PhyKind::Camera, cameras);
-    }
+    std::uint32_t ListCameras(Listing<FireWireDevice>* cameras) override { return List(PhyKind::Camera, cameras); }
 
     std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>& taken,
                                      std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
@@ -183,18 +179,16 @@ public:
         return status;
     }
 
-    std::uint32_t ListDevices(std::vector<std::shared_ptr<FireWireDevice>>* devices) override {
-        return List(PhyKind::Device, devices);
-    }
+    std::uint32_t ListDevices(Listing<FireWireDevice>* devices) override { return List(PhyKind::Device, devices); }
 
 private:
     // In the order of cards, then EUI-64.
-    std::uint32_t List(PhyKind kind, std::vector<std::shared_ptr<FireWireDevice>>* devices) {
+    std::uint32_t List(PhyKind kind, Listing<FireWireDevice>* listing) {
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
-        m_state->rig->WithFireWire([&](std::vector<FireWireModel>& buses) {
+        listing->state = m_state->rig->ListFireWire([&](std::vector<FireWireModel>& buses) {
             for (const FireWireModel& bus : buses) {
                 std::vector<const PhyDescription*> found;
                 for (const FireWireModel::Node& node : bus.Nodes()) {
@@ -205,7 +199,7 @@ private:
                 std::sort(found.begin(), found.end(),
                           [](const PhyDescription* a, const PhyDescription* b) { return a->eui64 < b->eui64; });
                 for (const PhyDescription* phy : found) {
-                    devices->push_back(std::make_shared<Device>(m_state, *phy, bus.Card()));
+                    listing->devices.push_back(std::make_shared<Device>(m_state, *phy, bus.Card()));
                 }
             }
         });
@@ -220,6 +214,17 @@ private:
 
 std::unique_ptr<FireWireBus> MakeRigFireWireBus(std::shared_ptr<Rig> rig, BusEventSink& sink) {
     return std::make_unique<RigFireWireBus>(std::move(rig), sink);
+}
+
+std::function<Drivers(const Options& options, const BusEventSinks& sinks)> MakeRigDrivers(std::shared_ptr<Rig> rig) {
+    return [rig = std::move(rig)](const Options& options, const BusEventSinks& sinks) {
+        Drivers drivers;
+        if (options.fireWire == Driver::Rig) drivers.fireWire = MakeRigFireWireBus(rig, sinks.fireWire);
+        if (options.usb == Driver::Rig) drivers.usb = MakeRigUsbBus(rig, sinks.usb);
+        if (options.gigE == Driver::Rig) drivers.gigE = MakeRigGigEBus(rig, sinks.gigE);
+        drivers.enter = [rig](const char* function) { return rig->Enter(function); };
+        return drivers;
+    };
 }
 
 }  // namespace Nimbrel2::Platform

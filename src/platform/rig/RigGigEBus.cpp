@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The GigE driver over a rig. Any thread; the rig's lock for the length of one look at the model.
-#include "platform/rig/RigGigEBus.h"
-
+#include "platform/base/Texts.h"
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/hal/Texts.h"
-#include "platform/rig/RigDriverState.h"
+#include "platform/rig/RigDrivers.h"
 
 namespace Nimbrel2::Platform {
 
@@ -139,12 +137,13 @@ public:
         m_state->rig->ConnectGigE(nullptr);
     }
 
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<GigEDevice>>* cameras) override {
+    std::uint32_t ListCameras(Listing<GigEDevice>* cameras) override {
         const std::uint32_t status = m_state->Check();
         if (status == HAL_OK) {
-            m_state->rig->WithGigE([&](GigEModel& model) {
+            cameras->state = m_state->rig->ListGigE([&](GigEModel& model) {
                 for (const GigEModel::Camera* camera : model.Reached()) {
-                    cameras->push_back(std::make_shared<Device>(m_state, camera->registers->GetDiscoveryRecord()));
+                    cameras->devices.push_back(
+                        std::make_shared<Device>(m_state, camera->registers->GetDiscoveryRecord()));
                 }
             });
         }
@@ -173,23 +172,18 @@ public:
         return status != HAL_OK ? status : m_state->rig->ForceIp(mac, ipAddress, subnetMask, gateway);
     }
 
-    std::uint32_t ForceIpAuto() override {
-        const std::uint32_t status = m_state->Check();
-        return status != HAL_OK ? status : m_state->rig->AutoForceIp([](const GvcpDiscoveryRecord&) { return true; });
-    }
-
-    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
         bool found = false;
         const std::uint32_t result = m_state->rig->AutoForceIp([&](const GvcpDiscoveryRecord& record) {
-            const bool wanted = LeadingNumber(FieldText(record.serialNumber)) == serialNumber;
+            const bool wanted = !serialNumber || LeadingNumber(FieldText(record.serialNumber)) == *serialNumber;
             found = found || wanted;
             return wanted;
         });
-        return found ? result : static_cast<std::uint32_t>(HAL_GONE);
+        return found || !serialNumber ? result : static_cast<std::uint32_t>(HAL_GONE);
     }
 
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/rig/Rig.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 
 namespace Nimbrel2::Platform {
 

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The USB driver over a rig. Any thread; the rig's lock for the length of one look at the model.
-#include "platform/rig/RigUsbBus.h"
-
 #include <algorithm>
 #include <atomic>
 
-#include "platform/UsbSerial.h"
-#include "platform/rig/RigDriverState.h"
+#include "platform/base/UsbSerial.h"
+#include "platform/rig/RigDrivers.h"
 
 namespace Nimbrel2::Platform {
 
@@ -112,12 +110,12 @@ public:
     }
 
     // In the order of controllers, then port paths.
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<UsbDevice>>* cameras) override {
+    std::uint32_t ListCameras(Listing<UsbDevice>* cameras) override {
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
-        m_state->rig->WithUsb([&](std::vector<UsbModel>& hosts) {
+        cameras->state = m_state->rig->ListUsb([&](std::vector<UsbModel>& hosts) {
             for (const UsbModel& host : hosts) {
                 std::vector<const UsbModel::Attached*> found;
                 for (const UsbModel::Attached& attached : host.Devices()) {
@@ -128,7 +126,7 @@ public:
                 std::sort(found.begin(), found.end(),
                           [](const UsbModel::Attached* a, const UsbModel::Attached* b) { return a->path < b->path; });
                 for (const UsbModel::Attached* attached : found) {
-                    cameras->push_back(std::make_shared<Device>(m_state, *attached));
+                    cameras->devices.push_back(std::make_shared<Device>(m_state, *attached));
                 }
             }
         });

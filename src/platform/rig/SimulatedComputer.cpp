@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
 
 namespace Nimbrel2::Platform {
@@ -29,7 +30,7 @@ SimulatedComputer SimulatedComputer::BuiltIn() { return Parse(BuiltInRig(), "the
 Options SimulatedComputer::MakeOptions() const {
     Options options;
     options.fireWire = options.usb = options.gigE = Driver::Rig;
-    options.rig = m_state->rig;
+    options.makeDrivers = MakeRigDrivers(m_state->rig);
     return options;
 }
 

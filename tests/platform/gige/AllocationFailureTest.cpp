@@ -23,7 +23,7 @@ TEST(CameraTableAllocationFailure, LeavesTheTableWhole) {
     // Longer than a string holds without memory of its own.
     std::fill(std::begin(record.serialNumber), std::end(record.serialNumber), 'A');
     const Platform::GigE::Timings timings;
-    Platform::GigE::TimePoint now;
+    Platform::TimePoint now;
     bool failed = true;
     int failures = 0;
     for (std::uint64_t failing = 1; failed; ++failing) {

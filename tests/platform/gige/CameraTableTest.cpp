@@ -67,7 +67,7 @@ protected:
         return addresses;
     }
 
-    const Timings m_timings;
+    const Timings m_timings{};
     RequestIds m_ids{1000};
     CameraTable m_table{m_timings, m_ids};
     TimePoint m_now = TimePoint() + std::chrono::hours(1);

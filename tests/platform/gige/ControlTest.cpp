@@ -126,7 +126,7 @@ TEST_F(GigEControl, IsAskedForOnlyWhenSomebodyWantsToKnow) {
     });
     StartCore();
     ASSERT_EQ(m_listed.size(), 1u);
-    ASSERT_EQ(m_core->ListCameras(&m_listed), HAL_OK);
+    ASSERT_EQ(ListCore(), HAL_OK);
     const auto countProbes = [&] {
         const auto requests = device.GetRequests();
         return std::count_if(requests.begin(), requests.end(),

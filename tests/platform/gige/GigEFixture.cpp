@@ -21,19 +21,30 @@ using Platform::Gvcp::Packet;
 
 // ---- RecordingSink -------------------------------------------------------------------------------------------------
 
-void RecordingSink::RaiseReset() {
+void RecordingSink::Report(Platform::BusState state) noexcept {
     std::lock_guard lock(m_mutex);
-    ++m_counts.resets;
+    m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        if (m_listed) Count(event, first, second);
+    });
     m_changed.notify_all();
 }
 
-void RecordingSink::Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+void RecordingSink::Listed(Platform::BusState state) {
     std::lock_guard lock(m_mutex);
+    if (m_listed) return;
+    m_listed = true;
+    m_news.Listed(Platform::BusNews::Listing::Cameras, std::move(state));
+    m_news.RaiseUnseen(
+        [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) { Count(event, first, second); });
+    m_changed.notify_all();
+}
+
+void RecordingSink::Count(HALBusEvent event, std::uint32_t first, std::uint32_t second) {
     EXPECT_EQ(first, 0u);
     EXPECT_EQ(second, 0u);
+    if (event == HAL_BUS_RESET) ++m_counts.resets;
     if (event == HAL_BUS_ARRIVAL) ++m_counts.arrivals;
     if (event == HAL_BUS_REMOVAL) ++m_counts.removals;
-    m_changed.notify_all();
 }
 
 RecordingSink::Counts RecordingSink::GetCounts() const {
@@ -165,9 +176,10 @@ void GigETest::AddLoopbackAddresses(int count) {
 }
 
 std::vector<std::shared_ptr<Platform::GigEDevice>> GigETest::List() {
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_OK);
-    return cameras;
+    m_sink.Listed(std::move(cameras.state));
+    return std::move(cameras.devices);
 }
 
 std::vector<GvcpDiscoveryRecord> GigETest::ListRecords() {
@@ -217,7 +229,14 @@ GigEWireTest::~GigEWireTest() {
 void GigEWireTest::StartCore(Platform::GigE::Timings timings) {
     m_core = std::make_shared<Platform::GigE::GigECore>(std::vector<std::string>{}, timings, m_sink);
     m_host.Run([&] { ASSERT_EQ(m_core->Start(), HAL_OK); });
-    ASSERT_EQ(m_core->ListCameras(&m_listed), HAL_OK);
+    ASSERT_EQ(ListCore(), HAL_OK);
+}
+
+std::uint32_t GigEWireTest::ListCore() {
+    Platform::BusState state;
+    const std::uint32_t status = m_core->ListCameras(&m_listed, &state);
+    if (status == HAL_OK) m_sink.Listed(std::move(state));
+    return status;
 }
 
 void GigEWireTest::StartCore() {

@@ -14,17 +14,18 @@
 #include <string>
 #include <vector>
 
+#include "platform/hal/BusNews.h"
 #include "platform/linux/gige/CameraKey.h"
 #include "platform/linux/gige/GigECore.h"
 #include "platform/linux/gige/LinuxGigEBus.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/NetworkNamespace.h"
 
 namespace Nimbrel2::Testing {
 
 using namespace std::chrono_literals;
 
-/// Keeps what a driver raises.
+/// Counts what becomes of a driver's reports: what a registration that came after the first listing is told.
 class RecordingSink : public Platform::BusEventSink {
 public:
     struct Counts {
@@ -34,8 +35,10 @@ public:
         bool operator==(const Counts&) const = default;
     };
 
-    void RaiseReset() override;
-    void Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) override;
+    void Report(Platform::BusState state) noexcept override;
+    void RaiseError() noexcept override {}
+    /// From here on it counts.
+    void Listed(Platform::BusState state);
 
     Counts GetCounts() const;
 
@@ -43,8 +46,12 @@ public:
     bool WaitFor(const std::function<bool(const Counts&)>& condition, std::chrono::milliseconds timeout);
 
 private:
+    void Count(HALBusEvent event, std::uint32_t first, std::uint32_t second);  // m_mutex is held
+
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
+    Platform::BusNews m_news;
+    bool m_listed = false;
     Counts m_counts;
 };
 
@@ -134,6 +141,8 @@ protected:
     /// Makes the core itself instead of a driver, and lists. It tells more, and its timings may be chosen.
     void StartCore(Platform::GigE::Timings timings);
     void StartCore();
+    /// Lists into m_listed.
+    std::uint32_t ListCore();
 
     /// Simulated cameras in m_wire. Their serial number is the last number of their MAC.
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(const std::string& ip, std::uint64_t mac);

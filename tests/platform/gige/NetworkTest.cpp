@@ -35,8 +35,8 @@ TEST_F(GigENetwork, HasNothingToDoWithoutANetwork) {
     std::vector<GvcpDiscoveryRecord> records;
     EXPECT_EQ(m_bus->Discover(&records), HAL_NO_BUS);
     EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_NO_BUS);
-    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_NO_BUS);
-    EXPECT_EQ(m_bus->AutoForceIpToCamera(1), HAL_NO_BUS);
+    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_NO_BUS);
+    EXPECT_EQ(m_bus->AutoForceIp(1), HAL_NO_BUS);
     EXPECT_EQ(m_sink.GetCounts(), RecordingSink::Counts());
 }
 

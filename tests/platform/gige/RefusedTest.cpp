@@ -91,7 +91,7 @@ TEST_F(GigERefused, NoCapabilityIsNeeded) {
     std::thread([&] {
         DropCapabilities();
         EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102", "9@10.9.9.9"));
-        EXPECT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
         EXPECT_EQ(ListNames().size(), 2u);
     }).join();
     m_cameras->Use(id, [](auto& camera) { camera.SetSilent(true); });
@@ -103,22 +103,22 @@ TEST_F(GigERefused, UdpSocketsAreAPermissionProblem) {
     m_window = 10s;
     StartAfter([] { Refuse(__NR_socket, 0, AF_INET); });
     ASSERT_EQ(m_startStatus, HAL_OK);
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     const auto start = Clock::now();
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);
     EXPECT_LT(Since(start), m_window);
-    EXPECT_THAT(cameras, IsEmpty());
+    EXPECT_THAT(cameras.devices, IsEmpty());
     std::vector<GvcpDiscoveryRecord> records;
     EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
     EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_PERMISSION);
-    EXPECT_EQ(m_bus->ForceIpAuto(), HAL_PERMISSION);
+    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, BindingToADeviceIsAPermissionProblem) {
     AddCamera("192.168.77.102", 2);
     StartAfter([] { Refuse(__NR_setsockopt, 1, SOL_SOCKET, 2, SO_BINDTODEVICE); });
     ASSERT_EQ(m_startStatus, HAL_OK);
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);
 }
 
@@ -126,7 +126,7 @@ TEST_F(GigERefused, TheKernelsOwnWordOnInterfacesIsAPermissionProblem) {
     AddCamera("192.168.77.102", 2);
     StartAfter([] { Refuse(__NR_socket, 0, AF_NETLINK); });
     ASSERT_EQ(m_startStatus, HAL_OK);
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);
     std::vector<GvcpDiscoveryRecord> records;
     EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
@@ -135,7 +135,7 @@ TEST_F(GigERefused, TheKernelsOwnWordOnInterfacesIsAPermissionProblem) {
 TEST_F(GigERefused, AComputerWithoutNetworkIsAskedForNothing) {
     m_host.Ip("link del h0");
     StartAfter([] { Refuse(__NR_socket, 0, AF_INET); });
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_OK);
 }
 
@@ -159,7 +159,7 @@ private:
 TEST_F(GigERefused, WithoutDescriptorsItDoesNotStart) {
     Platform::LinuxGigEOptions options;
     m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
-    std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+    Platform::Listing<Platform::GigEDevice> cameras;
     // Also because UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time.
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_CLOSED);
     m_host.Run([&] {
@@ -184,7 +184,7 @@ TEST_F(GigERefused, AnInterfaceWithoutASocketIsTriedAgain) {
         ASSERT_EQ(ioctl(control, SIOCGIFFLAGS, &request), 0);
         request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
         ASSERT_EQ(ioctl(control, SIOCSIFFLAGS, &request), 0);
-        std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+        Platform::Listing<Platform::GigEDevice> cameras;
         const auto deadline = Clock::now() + 5s;
         std::uint32_t status = HAL_OK;
         while (status == HAL_OK && Clock::now() < deadline) status = m_bus->ListCameras(&cameras);
@@ -208,7 +208,7 @@ TEST_F(GigERefused, RequestsThatAFirewallForbidsAreAPermissionProblem) {
 }
 
 TEST_F(GigERefused, LostNoticesOfTheKernelAreMadeUpFor) {
-    Platform::GigE::ChangeSocket changes;
+    Platform::ChangeSocket changes;
     m_host.Run([&] { ASSERT_EQ(changes.Open(), 0); });
     EXPECT_FALSE(changes.Drain());
     // Far more notices than the socket holds: some are lost, and that something happened is not.

@@ -117,7 +117,7 @@ TEST_F(GigEStress, StopEndsEverythingThatWaits) {
     std::vector<std::thread> threads;
     std::atomic<int> waiting{0};
     threads.emplace_back([&] {
-        std::vector<std::shared_ptr<Platform::GigEDevice>> cameras;
+        Platform::Listing<Platform::GigEDevice> cameras;
         ++waiting;
         EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_CLOSED);
     });
@@ -133,7 +133,7 @@ TEST_F(GigEStress, StopEndsEverythingThatWaits) {
     });
     threads.emplace_back([&] {
         ++waiting;
-        EXPECT_EQ(m_bus->ForceIpAuto(), HAL_CLOSED);
+        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_CLOSED);
     });
     while (waiting < 4) std::this_thread::yield();
     const auto start = Clock::now();

@@ -83,7 +83,7 @@ TEST_F(HalAllocationFailure, InARegistrationLeavesNoThreadThatWouldCallBack) {
         EXPECT_GT(FailEachAllocation(name, call, [&] { EXPECT_EQ(registration, nullptr); }), 2u) << name;
         EXPECT_NE(registration, nullptr) << name;
     }
-    world->gigESink->Raise(HAL_BUS_ARRIVAL, 0, 0);
+    world->gigE.Fail();
     ASSERT_TRUE(listener.WaitForReturned(1));
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     EXPECT_EQ(listener.HeardSoFar().size(), 1u);

@@ -8,8 +8,7 @@
 
 #include "hal/HAL.h"
 #include "platform/Platform.h"
-#include "platform/hal/EmptyBuses.h"
-#include "platform/hal/TestSeams.h"
+#include "platform/hal/Process.h"
 
 namespace Nimbrel2::Platform {
 namespace {
@@ -23,13 +22,12 @@ protected:
         Options seen;
         const DriverFactory factory = [&seen](const Options& options, const BusEventSinks&) {
             seen = options;
-            return Drivers{std::make_unique<EmptyFireWireBus>(), std::make_unique<EmptyUsbBus>(),
-                           std::make_unique<EmptyGigEBus>()};
+            return Drivers{};
         };
-        EXPECT_EQ(InstallDriversForTest(factory), HAL_OK);
+        EXPECT_EQ(Process::Get().SetDriverFactory(factory), HAL_OK);
         EXPECT_EQ(HAL_InitLibrary(), HAL_OK);
         EXPECT_EQ(HAL_CleanupLibrary(), HAL_OK);
-        EXPECT_EQ(InstallDriversForTest({}), HAL_OK);
+        EXPECT_EQ(Process::Get().SetDriverFactory({}), HAL_OK);
         return seen;
     }
 
@@ -75,8 +73,8 @@ TEST_F(ConfigureTest, IsRefusedWhileTheHalRuns) {
     EXPECT_FALSE(refused);
     EXPECT_EQ(refused.status, HAL_BUSY);
     EXPECT_EQ(refused.reason, "the HAL is running");
-    EXPECT_EQ(InstallDriversForTest({}), HAL_BUSY);
-    EXPECT_EQ(InstallThreadStarterForTest({}), HAL_BUSY);
+    EXPECT_EQ(Process::Get().SetDriverFactory({}), HAL_BUSY);
+    EXPECT_EQ(Process::Get().SetThreadStarter({}), HAL_BUSY);
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     EXPECT_EQ(OptionsOfAStart().discoveryWindow, 1000ms);
 }

@@ -67,6 +67,13 @@ public:
         return m_changed.wait_for(lock, kPatience, [&] { return m_returned >= number; });
     }
 
+    /// Waits until a callback with that event has begun.
+    bool WaitForHeard(const Heard& heard) {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, kPatience,
+                                  [&] { return std::find(m_heard.begin(), m_heard.end(), heard) != m_heard.end(); });
+    }
+
     std::vector<Heard> HeardSoFar() {
         const std::lock_guard lock(m_mutex);
         return m_heard;

@@ -52,7 +52,7 @@ TEST(EventQueue, DeliversEventsInOrderAtOnce) {
 
 TEST(EventQueue, DeliversAResetOnceTheBusHasBeenQuietForTenMilliseconds) {
     EventQueue queue;
-    queue.AddReset(At(0ms));
+    queue.Add(kReset, At(0ms));
     const EventQueue::Step early = queue.Take(At(9999us));
     EXPECT_EQ(early.kind, Kind::Settle);
     EXPECT_EQ(early.until, At(10ms));
@@ -64,9 +64,9 @@ TEST(EventQueue, DeliversAResetOnceTheBusHasBeenQuietForTenMilliseconds) {
 
 TEST(EventQueue, EachResetOfABurstStartsTheQuietTimeAnew) {
     EventQueue queue;
-    queue.AddReset(At(0ms));
-    queue.AddReset(At(9ms));
-    queue.AddReset(At(18ms));
+    queue.Add(kReset, At(0ms));
+    queue.Add(kReset, At(9ms));
+    queue.Add(kReset, At(18ms));
     EXPECT_EQ(queue.Take(At(27ms)).until, At(28ms));
     EXPECT_EQ(TakeAll(queue, At(28ms)), std::vector<BusEvent>{kReset});
 }
@@ -74,7 +74,7 @@ TEST(EventQueue, EachResetOfABurstStartsTheQuietTimeAnew) {
 TEST(EventQueue, DeliversTheResetOfAnEndlessBurstAfterAHundredMilliseconds) {
     EventQueue queue;
     for (int ms = 0; ms <= 99; ++ms) {
-        queue.AddReset(At(std::chrono::milliseconds(ms)));
+        queue.Add(kReset, At(std::chrono::milliseconds(ms)));
         EXPECT_EQ(queue.Take(At(std::chrono::milliseconds(ms))).kind, Kind::Settle) << ms;
     }
     EXPECT_EQ(queue.Take(At(99ms)).until, At(100ms));
@@ -83,16 +83,16 @@ TEST(EventQueue, DeliversTheResetOfAnEndlessBurstAfterAHundredMilliseconds) {
 
 TEST(EventQueue, AResetAfterADeliveredOneBeginsABurstOfItsOwn) {
     EventQueue queue;
-    for (int ms = 0; ms <= 100; ++ms) queue.AddReset(At(std::chrono::milliseconds(ms)));
+    for (int ms = 0; ms <= 100; ++ms) queue.Add(kReset, At(std::chrono::milliseconds(ms)));
     ASSERT_EQ(TakeAll(queue, At(100ms)), std::vector<BusEvent>{kReset});
-    queue.AddReset(At(101ms));
+    queue.Add(kReset, At(101ms));
     EXPECT_EQ(queue.Take(At(105ms)).until, At(111ms));
 }
 
 TEST(EventQueue, AResetThatTwoThreadsTimedInTheOtherOrderDoesNotShortenTheQuiet) {
     EventQueue queue;
-    queue.AddReset(At(5ms));
-    queue.AddReset(At(4ms));
+    queue.Add(kReset, At(5ms));
+    queue.Add(kReset, At(4ms));
     EXPECT_EQ(queue.Take(At(5ms)).until, At(15ms));
 }
 
@@ -101,7 +101,7 @@ TEST(EventQueue, AResetGoesAheadOfOlderEventsAndHoldsThemBackWhileItSettles) {
     const BusEvent arrival{HAL_BUS_ARRIVAL, 0, 0};
     const BusEvent removal{HAL_BUS_REMOVAL, 0, 0};
     queue.Add(arrival, At(0ms));
-    queue.AddReset(At(1ms));
+    queue.Add(kReset, At(1ms));
     queue.Add(removal, At(2ms));
     EXPECT_EQ(queue.Take(At(3ms)).kind, Kind::Settle);
     EXPECT_EQ(TakeAll(queue, At(11ms)), (std::vector<BusEvent>{kReset, arrival, removal}));
@@ -109,7 +109,7 @@ TEST(EventQueue, AResetGoesAheadOfOlderEventsAndHoldsThemBackWhileItSettles) {
 
 TEST(EventQueue, EventsDoNotDisturbTheQuietOfAReset) {
     EventQueue queue;
-    queue.AddReset(At(0ms));
+    queue.Add(kReset, At(0ms));
     queue.Add({HAL_BUS_ARRIVAL, 0, 0}, At(9ms));
     EXPECT_EQ(queue.Take(At(9ms)).until, At(10ms));
 }
@@ -152,7 +152,7 @@ TEST_F(FullEventQueue, TurnsAnEventThatHasNoRoomIntoAReset) {
 }
 
 TEST_F(FullEventQueue, LosesNoReset) {
-    m_queue.AddReset(At(0ms));
+    m_queue.Add(kReset, At(0ms));
     m_expected.insert(m_expected.begin(), kReset);
     EXPECT_EQ(TakeAll(m_queue, At(10ms)), m_expected);
 }

@@ -19,7 +19,8 @@
 
 #include "hal/HAL.h"
 #include "platform/Drivers.h"
-#include "platform/hal/DriverFactory.h"
+#include "platform/hal/Process.h"
+#include "tests/support/ReportedBus.h"
 
 namespace Nimbrel2::Platform::Testing {
 
@@ -60,10 +61,10 @@ struct FakeWorld {
     std::atomic<int> livingBuses{0};
     std::atomic<int> livingDevices{0};
 
-    // Where the drivers of the running session raise events. Valid until its clean-up.
-    BusEventSink* fireWireSink = nullptr;
-    BusEventSink* usbSink = nullptr;
-    BusEventSink* gigESink = nullptr;
+    // What the drivers report, while a session runs.
+    Nimbrel2::Testing::ReportedBus fireWire;
+    Nimbrel2::Testing::ReportedBus usb;
+    Nimbrel2::Testing::ReportedBus gigE;
 
     std::uint32_t Answer() const {
         switch (toThrow.load()) {
@@ -262,21 +263,32 @@ private:
 template <class BusInterface>
 class FakeBus : public BusInterface {
 public:
-    FakeBus(std::shared_ptr<FakeWorld> world, std::uint32_t startAnswer)
-        : m_world(std::move(world)), m_startAnswer(startAnswer) {
+    FakeBus(std::shared_ptr<FakeWorld> world, std::uint32_t startAnswer, Nimbrel2::Testing::ReportedBus& reported,
+            BusEventSink& sink)
+        : m_world(std::move(world)), m_startAnswer(startAnswer), m_reported(reported), m_sink(sink) {
         ++m_world->livingBuses;
     }
     ~FakeBus() override { --m_world->livingBuses; }
 
     std::uint32_t Start() override {
-        if (m_startAnswer == HAL_OK) ++m_world->startedBuses;
-        return m_startAnswer;
+        if (m_startAnswer != HAL_OK) return m_startAnswer;
+        ++m_world->startedBuses;
+        m_reported.Connect(&m_sink);
+        return HAL_OK;
     }
-    void Stop() override { --m_world->startedBuses; }
+    void Stop() override {
+        m_reported.Connect(nullptr);
+        --m_world->startedBuses;
+    }
 
 protected:
     template <class FakeDevice, class Device>
-    std::uint32_t List(const char* operation, int number, std::vector<std::shared_ptr<Device>>* devices) {
+    std::uint32_t List(const char* operation, int number, Listing<Device>* listing) {
+        listing->state = m_reported.GetState();
+        return Append<FakeDevice>(operation, number, &listing->devices);
+    }
+    template <class FakeDevice, class Device>
+    std::uint32_t Append(const char* operation, int number, std::vector<std::shared_ptr<Device>>* devices) {
         if (m_world->duringListing) m_world->duringListing(operation);
         for (int i = 0; i < number; ++i) {
             devices->push_back(std::make_shared<FakeDevice>(m_world, static_cast<std::uint32_t>(i)));
@@ -288,12 +300,15 @@ protected:
 
 private:
     const std::uint32_t m_startAnswer;
+    Nimbrel2::Testing::ReportedBus& m_reported;
+    BusEventSink& m_sink;
 };
 
 class FakeFireWireBus final : public FakeBus<FireWireBus> {
 public:
-    explicit FakeFireWireBus(const std::shared_ptr<FakeWorld>& world) : FakeBus(world, world->fireWireStart) {}
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<FireWireDevice>>* cameras) override {
+    FakeFireWireBus(const std::shared_ptr<FakeWorld>& world, BusEventSink& sink)
+        : FakeBus(world, world->fireWireStart, world->fireWire, sink) {}
+    std::uint32_t ListCameras(Listing<FireWireDevice>* cameras) override {
         return List<FakeFireWireDevice>("FireWire ListCameras", m_world->fireWireCameras, cameras);
     }
     std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>& taken,
@@ -301,25 +316,27 @@ public:
         for (const std::uint64_t serial : taken) {
             m_world->Log(Line("taken %llu", static_cast<unsigned long long>(serial)));
         }
-        return List<FakeFireWireDevice>("FireWire ListVirtualCameras", m_world->virtualCameras, cameras);
+        return Append<FakeFireWireDevice>("FireWire ListVirtualCameras", m_world->virtualCameras, cameras);
     }
-    std::uint32_t ListDevices(std::vector<std::shared_ptr<FireWireDevice>>* devices) override {
+    std::uint32_t ListDevices(Listing<FireWireDevice>* devices) override {
         return List<FakeFireWireDevice>("FireWire ListDevices", m_world->fireWireDevices, devices);
     }
 };
 
 class FakeUsbBus final : public FakeBus<UsbBus> {
 public:
-    explicit FakeUsbBus(const std::shared_ptr<FakeWorld>& world) : FakeBus(world, world->usbStart) {}
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<UsbDevice>>* cameras) override {
+    FakeUsbBus(const std::shared_ptr<FakeWorld>& world, BusEventSink& sink)
+        : FakeBus(world, world->usbStart, world->usb, sink) {}
+    std::uint32_t ListCameras(Listing<UsbDevice>* cameras) override {
         return List<FakeUsbDevice>("USB ListCameras", m_world->usbCameras, cameras);
     }
 };
 
 class FakeGigEBus final : public FakeBus<GigEBus> {
 public:
-    explicit FakeGigEBus(const std::shared_ptr<FakeWorld>& world) : FakeBus(world, world->gigEStart) {}
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<GigEDevice>>* cameras) override {
+    FakeGigEBus(const std::shared_ptr<FakeWorld>& world, BusEventSink& sink)
+        : FakeBus(world, world->gigEStart, world->gigE, sink) {}
+    std::uint32_t ListCameras(Listing<GigEDevice>* cameras) override {
         return List<FakeGigEDevice>("GigE ListCameras", m_world->gigECameras, cameras);
     }
     std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
@@ -332,12 +349,8 @@ public:
             Line("ForceIp %llx %x %x %x", static_cast<unsigned long long>(mac), ipAddress, subnetMask, gateway));
         return m_world->Answer();
     }
-    std::uint32_t ForceIpAuto() override {
-        m_world->Log("ForceIpAuto");
-        return m_world->Answer();
-    }
-    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override {
-        m_world->Log(Line("AutoForceIpToCamera %u", serialNumber));
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
+        m_world->Log(serialNumber ? Line("AutoForceIp %u", *serialNumber) : std::string("AutoForceIp"));
         return m_world->Answer();
     }
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
@@ -360,11 +373,11 @@ public:
 /// Makes the drivers of a session for that world.
 inline DriverFactory FakeDrivers(std::shared_ptr<FakeWorld> world) {
     return [world = std::move(world)](const Options&, const BusEventSinks& sinks) {
-        world->fireWireSink = &sinks.fireWire;
-        world->usbSink = &sinks.usb;
-        world->gigESink = &sinks.gigE;
-        return Drivers{std::make_unique<FakeFireWireBus>(world), std::make_unique<FakeUsbBus>(world),
-                       std::make_unique<FakeGigEBus>(world)};
+        Drivers drivers;
+        drivers.fireWire = std::make_unique<FakeFireWireBus>(world, sinks.fireWire);
+        drivers.usb = std::make_unique<FakeUsbBus>(world, sinks.usb);
+        drivers.gigE = std::make_unique<FakeGigEBus>(world, sinks.gigE);
+        return drivers;
     };
 }
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "hal/HAL.h"
-#include "platform/hal/TestSeams.h"
 #include "tests/platform/hal/FakeDrivers.h"
 
 namespace Nimbrel2::Platform::Testing {
@@ -19,13 +18,13 @@ namespace Nimbrel2::Platform::Testing {
 class HalFixture : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(InstallDriversForTest(FakeDrivers(world)), HAL_OK);
+        ASSERT_EQ(Process::Get().SetDriverFactory(FakeDrivers(world)), HAL_OK);
         ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
     }
     void TearDown() override {
         HAL_CleanupLibrary();
-        EXPECT_EQ(InstallDriversForTest({}), HAL_OK);
-        EXPECT_EQ(InstallThreadStarterForTest({}), HAL_OK);
+        EXPECT_EQ(Process::Get().SetDriverFactory({}), HAL_OK);
+        EXPECT_EQ(Process::Get().SetThreadStarter({}), HAL_OK);
         EXPECT_EQ(world->startedBuses, 0);
     }
 

@@ -56,7 +56,7 @@ TEST_F(HalLifecycle, StartAndCleanUpAlternateAThousandTimes) {
         ASSERT_EQ(HAL_GigERegisterBusEvents(&registration, &EventListener::Callback, &listener), HAL_OK) << i;
         EXPECT_EQ(List(HAL_1394GetCameras).size(), 2u);
         EXPECT_EQ(List(HAL_GigEGetCameras).size(), 2u);
-        if (i % 2 == 0) world->gigESink->Raise(HAL_BUS_ARRIVAL, 0, 0);
+        if (i % 2 == 0) world->gigE.Arrive();
         if (i % 3 == 0) {
             EXPECT_EQ(HAL_GigEDeregisterBusEvents(registration), HAL_OK) << i;
         }
@@ -127,11 +127,11 @@ TEST_F(HalLifecycle, AFactoryThatThrowsLeavesNothingRunning) {
         {[](const Options&, const BusEventSinks&) -> Drivers { throw std::runtime_error("no"); }, HAL_FAILED},
     };
     for (const auto& [factory, status] : rows) {
-        ASSERT_EQ(InstallDriversForTest(factory), HAL_OK);
+        ASSERT_EQ(Process::Get().SetDriverFactory(factory), HAL_OK);
         EXPECT_EQ(HAL_InitLibrary(), status);
         EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_CLOSED);
     }
-    ASSERT_EQ(InstallDriversForTest(FakeDrivers(world)), HAL_OK);
+    ASSERT_EQ(Process::Get().SetDriverFactory(FakeDrivers(world)), HAL_OK);
     EXPECT_EQ(HAL_InitLibrary(), HAL_OK);
 }
 
@@ -139,12 +139,12 @@ TEST_F(HalLifecycle, WhileASessionStartsEverythingElseIsClosed) {
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     std::uint32_t statuses[3] = {99, 99, 99};
     const DriverFactory real = FakeDrivers(world);
-    ASSERT_EQ(InstallDriversForTest([&](const Options& options, const BusEventSinks& sinks) {
-                  statuses[0] = HAL_GvcpForceIpAuto();
-                  statuses[1] = HAL_CleanupLibrary();
-                  statuses[2] = HAL_InitLibrary();
-                  return real(options, sinks);
-              }),
+    ASSERT_EQ(Process::Get().SetDriverFactory([&](const Options& options, const BusEventSinks& sinks) {
+        statuses[0] = HAL_GvcpForceIpAuto();
+        statuses[1] = HAL_CleanupLibrary();
+        statuses[2] = HAL_InitLibrary();
+        return real(options, sinks);
+    }),
               HAL_OK);
     ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
     EXPECT_EQ(statuses[0], HAL_CLOSED);
@@ -191,7 +191,7 @@ TEST_F(HalLifecycle, TheCleanUpWaitsForACallbackInFlight) {
     };
     void* registration = nullptr;
     ASSERT_EQ(HAL_UsbRegisterBusEvents(&registration, &EventListener::Callback, &listener), HAL_OK);
-    world->usbSink->Raise(HAL_BUS_ARRIVAL, 0, 0);
+    world->usb.Fail();
     begun.WaitUntilOpen();
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     EXPECT_TRUE(returned);
@@ -200,15 +200,15 @@ TEST_F(HalLifecycle, TheCleanUpWaitsForACallbackInFlight) {
 TEST_F(HalLifecycle, TheCleanUpLeavesHungCallbacksBehindAfterOneSecond) {
     EventListener listeners[3];
     void* registrations[3] = {};
-    BusEventSink* const sinks[] = {world->fireWireSink, world->usbSink, world->gigESink};
+    Nimbrel2::Testing::ReportedBus* const buses[] = {&world->fireWire, &world->usb, &world->gigE};
     const decltype(&HAL_1394RegisterBusEvents) registerEvents[] = {HAL_1394RegisterBusEvents, HAL_UsbRegisterBusEvents,
                                                                    HAL_GigERegisterBusEvents};
     for (int i = 0; i < 3; ++i) {
         listeners[i].Hold();
         ASSERT_EQ(registerEvents[i](&registrations[i], &EventListener::Callback, &listeners[i]), HAL_OK);
-        sinks[i]->Raise(HAL_BUS_ARRIVAL, 0, 0);
+        buses[i]->Fail();
         ASSERT_TRUE(listeners[i].WaitForBegun(1));
-        sinks[i]->Raise(HAL_BUS_REMOVAL, 0, 0);
+        buses[i]->Fail();
     }
     ASSERT_EQ(HAL_GigEDeregisterBusEvents(registrations[2]), HAL_OK);
 
@@ -239,7 +239,7 @@ TEST_F(HalLifecycle, ACleanUpInsideACallbackDoesNotWaitForItself) {
     };
     void* registration = nullptr;
     ASSERT_EQ(HAL_UsbRegisterBusEvents(&registration, &EventListener::Callback, &listener), HAL_OK);
-    world->usbSink->Raise(HAL_BUS_ARRIVAL, 0, 0);
+    world->usb.Fail();
     ASSERT_TRUE(listener.WaitForReturned(1));
     EXPECT_EQ(status, HAL_OK);
     EXPECT_LT(taken, Session::kCallbackGrace);
@@ -291,8 +291,8 @@ TEST_F(HalLifecycle, CallsOnAllThreadsSurviveSessionsThatComeAndGo) {
         const std::uint64_t before = calls;
         // Some sessions end at once, some in the middle of work.
         while (session % 2 == 0 && calls < before + 3) std::this_thread::yield();
-        world->gigESink->RaiseReset();
-        world->gigESink->Raise(HAL_BUS_ARRIVAL, 0, 0);
+        world->gigE.Reset();
+        world->gigE.Arrive();
         ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK) << session;
         ASSERT_EQ(HAL_InitLibrary(), HAL_OK) << session;
     }

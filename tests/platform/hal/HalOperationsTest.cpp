@@ -312,7 +312,7 @@ TEST_F(HalOperations, ForceIpPacksTheMac) {
     ASSERT_EQ(HAL_GvcpForceIpAuto(), HAL_OK);
     ASSERT_EQ(HAL_GvcpAutoForceIpToCamera(42), HAL_OK);
     EXPECT_EQ(world->TakeLog(),
-              (Log{"ForceIp 2b05e0a0b0c c0a8000a ffffff00 c0a80001", "ForceIpAuto", "AutoForceIpToCamera 42"}));
+              (Log{"ForceIp 2b05e0a0b0c c0a8000a ffffff00 c0a80001", "AutoForceIp", "AutoForceIp 42"}));
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 #include <optional>
 #include <set>
 
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
-#include "platform/rig/RigGigEBus.h"
 
 namespace Nimbrel2::Platform {
 namespace {
@@ -26,8 +26,8 @@ const char kRig[] = R"({
 
 class NoEvents : public BusEventSink {
 public:
-    void RaiseReset() override {}
-    void Raise(HALBusEvent, std::uint32_t, std::uint32_t) override {}
+    void Report(BusState) noexcept override {}
+    void RaiseError() noexcept override {}
 };
 
 class RigDiagnosis : public ::testing::Test {
@@ -97,9 +97,9 @@ TEST_F(RigDiagnosis, TellsWhoControlsACamera) {
 }
 
 TEST_F(RigDiagnosis, KnowsItsOwnControl) {
-    std::vector<std::shared_ptr<GigEDevice>> cameras;
+    Listing<GigEDevice> cameras;
     ASSERT_EQ(m_bus->ListCameras(&cameras), HAL_OK);
-    ASSERT_EQ(cameras[0]->WriteRegister(0xA00, 2), HAL_OK);
+    ASSERT_EQ(cameras.devices[0]->WriteRegister(0xA00, 2), HAL_OK);
     EXPECT_EQ(Diagnose(true).cameras[0].control.state, ControlState::Ours);
 }
 
@@ -136,7 +136,7 @@ TEST_F(RigDiagnosis, PlansOneFreeAddressForEachForeignCameraAndChangesNothing) {
 
 TEST_F(RigDiagnosis, DoesWhatItHasPlanned) {
     const std::vector<AddressPlan> plans = Plan();
-    ASSERT_EQ(m_bus->ForceIpAuto(), HAL_OK);
+    ASSERT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
     const GigEDiagnosis diagnosis = Diagnose(false);
     EXPECT_EQ(diagnosis.cameras[2].record.ipAddress, plans[2].newIp);
     EXPECT_EQ(diagnosis.cameras[3].record.ipAddress, plans[3].newIp);

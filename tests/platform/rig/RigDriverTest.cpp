@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/hal/BusNews.h"
 #include "platform/rig/Rig.h"
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
-#include "platform/rig/RigFireWireBus.h"
-#include "platform/rig/RigUsbBus.h"
 
 namespace Nimbrel2::Platform {
 namespace {
@@ -19,19 +19,22 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// With the device words, if there are any.
+// What becomes of a rig's reports: the events that a registration hears, with the device words if there are any.
 class Recorder final : public BusEventSink {
 public:
-    void RaiseReset() override { m_events.push_back("reset"); }
-    void Raise(HALBusEvent event, std::uint32_t first, std::uint32_t second) override {
-        static const char* const names[] = {"reset", "arrival", "removal", "error"};
-        m_events.push_back(names[event] + (first != 0 || second != 0
-                                               ? " " + std::to_string(first) + " " + std::to_string(second)
-                                               : std::string()));
+    void Report(BusState state) noexcept override {
+        m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+            static const char* const names[] = {"reset", "arrival", "removal"};
+            m_events.push_back(names[event] + (first != 0 || second != 0
+                                                   ? " " + std::to_string(first) + " " + std::to_string(second)
+                                                   : std::string()));
+        });
     }
+    void RaiseError() noexcept override { m_events.push_back("error"); }
     std::vector<std::string> Take() { return std::exchange(m_events, {}); }
 
 private:
+    BusNews m_news;
     std::vector<std::string> m_events;
 };
 
@@ -40,17 +43,19 @@ protected:
     RigDrivers() {
         EXPECT_EQ(m_fireWire->Start(), HAL_OK);
         EXPECT_EQ(m_usb->Start(), HAL_OK);
+        m_fireWireEvents.Take();
+        m_usbEvents.Take();
     }
 
     std::shared_ptr<FireWireDevice> FireWireCamera() {
-        std::vector<std::shared_ptr<FireWireDevice>> cameras;
+        Listing<FireWireDevice> cameras;
         EXPECT_EQ(m_fireWire->ListCameras(&cameras), HAL_OK);
-        return cameras.at(0);
+        return cameras.devices.at(0);
     }
     std::shared_ptr<UsbDevice> UsbCamera() {
-        std::vector<std::shared_ptr<UsbDevice>> cameras;
+        Listing<UsbDevice> cameras;
         EXPECT_EQ(m_usb->ListCameras(&cameras), HAL_OK);
-        return cameras.at(0);
+        return cameras.devices.at(0);
     }
 
     const std::shared_ptr<Rig> m_rig = std::make_shared<Rig>(ParseRig(R"({
@@ -65,33 +70,40 @@ protected:
         {"name": "stick", "kind": "device", "parent": "x", "port": 1}]}]})",
                                                                       "rig")
                                                                  .rig);
-    Recorder m_events;
-    const std::unique_ptr<FireWireBus> m_fireWire = MakeRigFireWireBus(m_rig, m_events);
-    const std::unique_ptr<UsbBus> m_usb = MakeRigUsbBus(m_rig, m_events);
+    std::vector<std::string> TakeEvents() {
+        std::vector<std::string> events = m_fireWireEvents.Take();
+        for (std::string& event : m_usbEvents.Take()) events.push_back(std::move(event));
+        return events;
+    }
+
+    Recorder m_fireWireEvents;
+    Recorder m_usbEvents;
+    const std::unique_ptr<FireWireBus> m_fireWire = MakeRigFireWireBus(m_rig, m_fireWireEvents);
+    const std::unique_ptr<UsbBus> m_usb = MakeRigUsbBus(m_rig, m_usbEvents);
 };
 
 TEST_F(RigDrivers, RaiseAResetAndWhatCameOrWentAndNameOnlyFireWireDevices) {
     m_rig->Unplug("disk");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "removal 3 4"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "removal 3 4"));
     m_rig->Plug("disk");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "arrival 3 4"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "arrival 3 4"));
     m_rig->Unplug("eye");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "removal"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "removal"));
     m_rig->Unplug("hub");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "removal"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "removal"));
     m_rig->Plug("hub");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "arrival"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "arrival"));
     m_rig->Unplug("stick");
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset")) << "no camera";
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset")) << "no camera";
     m_rig->ResetBus("fw0", 2);
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "reset"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "reset"));
     m_rig->FailBus("x");
-    EXPECT_THAT(m_events.Take(), ElementsAre("error"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("error"));
     EXPECT_NE(m_rig->Unplug("eye"), std::nullopt);
-    EXPECT_THAT(m_events.Take(), IsEmpty()) << "nothing happened";
+    EXPECT_THAT(TakeEvents(), IsEmpty()) << "nothing happened";
     m_usb->Stop();
     m_rig->Unplug("hub");
-    EXPECT_THAT(m_events.Take(), IsEmpty()) << "nobody listens any more";
+    EXPECT_THAT(TakeEvents(), IsEmpty()) << "nobody listens any more";
 }
 
 TEST_F(RigDrivers, AnswerForAFireWireCamera) {
@@ -113,7 +125,7 @@ TEST_F(RigDrivers, AnswerForAFireWireCamera) {
     EXPECT_EQ(after, before + 1);
     EXPECT_EQ(packets.front().bytes[3] & 2, 2) << "it started the reset";
     EXPECT_EQ(camera->WritePhy(0, 0, 5, 0x40), HAL_OK);
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset", "reset"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset", "reset"));
 
     m_rig->Unplug("eye");
     EXPECT_EQ(camera->GetConfigInfo(&info), HAL_GONE);
@@ -142,7 +154,7 @@ TEST_F(RigDrivers, AnswerForAUsbCamera) {
     ASSERT_EQ(camera->GetTree(&records, &id, &host, &before), HAL_OK);
     EXPECT_EQ(info.numbers[1], host << 8 | id) << "bus and address";
     ASSERT_EQ(camera->FireBusReset(), HAL_OK);
-    EXPECT_THAT(m_events.Take(), ElementsAre("reset"));
+    EXPECT_THAT(TakeEvents(), ElementsAre("reset"));
     ASSERT_EQ(camera->GetTree(&records, &id, &host, &after), HAL_OK);
     EXPECT_NE(after, before);
 

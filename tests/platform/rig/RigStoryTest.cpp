@@ -22,6 +22,7 @@
 #include "common/IEEE1394Interface.h"
 #include "hal/HAL.h"
 #include "platform/Platform.h"
+#include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
 #include "tests/support/LargeRig.h"
 #include "tests/support/TraceRecorder.h"
@@ -135,7 +136,7 @@ protected:
         m_rig->SetFast(true);
         Platform::Options options;
         options.fireWire = options.usb = options.gigE = Platform::Driver::Rig;
-        options.rig = m_rig;
+        options.makeDrivers = Platform::MakeRigDrivers(m_rig);
         EXPECT_TRUE(Platform::Configure(options));
         m_busMaster = std::make_unique<BusMaster>();
     }

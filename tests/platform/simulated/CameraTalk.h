@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/simulated/gige/SimulatedGigECamera.h"
+#include "platform/simulated/SimulatedGigECamera.h"
 
 namespace Nimbrel2::Platform::Simulated {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/simulated/gige/CameraSocket.h"
+#include "platform/simulated/CameraSocket.h"
 
 namespace Nimbrel2::Platform::Simulated {
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "CameraTalk.h"
-#include "platform/simulated/gige/GenicamDescription.h"
+#include "platform/simulated/GenicamDescription.h"
 
 namespace Nimbrel2::Platform::Simulated {
 namespace {

@@ -5,8 +5,8 @@
 
 #include "CameraTalk.h"
 #include "HostSocket.h"
-#include "platform/simulated/gige/InterfaceAddresses.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/InterfaceAddresses.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/NetworkNamespace.h"
 
 namespace Nimbrel2::Platform::Simulated {

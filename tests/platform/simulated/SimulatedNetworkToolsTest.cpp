@@ -10,7 +10,7 @@
 
 #include "CameraTalk.h"
 #include "HostSocket.h"
-#include "platform/simulated/gige/SimulatedGigENetwork.h"
+#include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/PacketCapture.h"
 

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "platform/hal/Texts.h"
+#include "platform/base/Texts.h"
 
 namespace Nimbrel2::Platform::GigE {
 

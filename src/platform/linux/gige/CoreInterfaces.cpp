@@ -27,35 +27,6 @@ bool IsSubnetEnd(const InterfaceAddress& subnet, std::uint32_t ip) {
 
 }  // namespace
 
-std::uint32_t StatusOfErrno(int error) {
-    switch (error) {
-        case 0:
-            return HAL_OK;
-        case EPERM:
-        case EACCES:
-            return HAL_PERMISSION;
-        case EMFILE:
-        case ENFILE:
-        case ENOMEM:
-        case ENOSPC:
-            return HAL_OUT_OF_MEMORY;
-        case ENETDOWN:
-        case ENETUNREACH:
-        case EHOSTUNREACH:
-        case EHOSTDOWN:
-        case ENODEV:
-        case ENXIO:
-        case EADDRNOTAVAIL:
-        case EINVAL:  // what sendmsg answers when the address to send from is no longer this computer's
-            return HAL_UNREACHABLE;
-        case EAGAIN:
-        case ENOBUFS:
-            return HAL_BUSY;
-        default:
-            return HAL_FAILED;
-    }
-}
-
 // Whether the interface's own subnets hold the address, or a route that somebody has set leads to it. Nothing that
 // could not be one host's address is reachable: what a camera says of itself must not make this computer talk to a
 // group.

@@ -9,16 +9,17 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-/// Counts a listing while it runs, also when memory runs out in it. m_mutex is held from its begin, and at its end.
-class RunningListing {
+/// Counts a thread that waits for the table to change, also when memory runs out meanwhile. m_mutex is held from its
+/// begin, and at its end.
+class Waiting {
 public:
-    RunningListing(int& count, std::unique_lock<std::mutex>& lock) : m_count(count), m_lock(lock) { ++m_count; }
-    ~RunningListing() {
+    Waiting(int& count, std::unique_lock<std::mutex>& lock) : m_count(count), m_lock(lock) { ++m_count; }
+    ~Waiting() {
         if (!m_lock.owns_lock()) m_lock.lock();
         --m_count;
     }
-    RunningListing(const RunningListing&) = delete;
-    RunningListing& operator=(const RunningListing&) = delete;
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
 
 private:
     int& m_count;
@@ -41,28 +42,33 @@ std::vector<const CameraTable::Sighting*> GigECore::FindListed() const {
     return listed;
 }
 
-std::map<CameraKey, std::uint32_t> GigECore::GetListedAddresses() const {
-    std::map<CameraKey, std::uint32_t> addresses;
-    for (const CameraTable::Sighting* sighting : FindListed()) addresses[sighting->camera->key] = sighting->ip;
-    return addresses;
+BusState GigECore::GetState() const {
+    BusState state;
+    for (const CameraTable::Sighting* sighting : FindListed()) {
+        const CameraKey& key = sighting->camera->key;
+        state.devices.push_back(
+            PresentDevice{std::to_string(key.mac) + "/" + IpText(key.ip) + "/" + key.serial, sighting->ip});
+    }
+    return state;
 }
 
-std::uint32_t GigECore::ListCameras(std::vector<ListedCamera>* cameras) {
+std::uint32_t GigECore::ListCameras(std::vector<ListedCamera>* cameras, BusState* state) {
     std::unique_lock lock(m_mutex);
     if (!m_running) return HAL_CLOSED;
-    const RunningListing running(m_numListings, lock);
+    const Waiting waiting(m_numWaiting, lock);
     const TimePoint limit = Clock::now() + m_timings.listingLimit;
     if (!m_hasListed) WaitForWindow(lock, limit);
     Verify(lock, limit);
     if (!m_running) return HAL_CLOSED;
 
-    // From here to the end nothing changes: what is returned is known, what comes later is news.
+    // From here to the end nothing changes.
     const std::uint32_t status = HasUsedInterface() ? std::uint32_t{HAL_OK} : RefusalStatus();
     cameras->clear();
-    if (status != HAL_OK && status != HAL_NO_BUS) return status;  // has shown nothing: what has left is still news
+    if (status != HAL_OK && status != HAL_NO_BUS) return status;
+    ReportChanges();
     CollectListed(cameras);
+    *state = GetState();
     m_hasListed = true;
-    m_reported = GetListedAddresses();
     return HAL_OK;
 }
 

@@ -7,8 +7,8 @@
 #include <new>
 #include <system_error>
 
+#include "platform/base/StartThread.h"
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/hal/StartThread.h"
 #include "platform/linux/gige/GigECore.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -126,7 +126,7 @@ TimePoint GigECore::DoWhatIsDue() {
         next = std::min(next, m_table.GetNextDeadline());
         if (refused && m_retryRefused == TimePoint::max()) m_retryRefused = now + m_timings.refusedRetry;
         next = std::min(next, m_retryRefused);
-        if (m_numListings + m_numWaiting > 0) m_changed.notify_all();
+        if (m_numWaiting > 0) m_changed.notify_all();
         ReportChanges();
     }
     SendProbes(probes);
@@ -226,7 +226,7 @@ void GigECore::OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::ui
             m_table.HeardBroadcast(index, record, reachable, now, &probes);
         }
         Collect(key, DiscoveredCamera{record, index, reachable, now});
-        if (m_numListings > 0) m_changed.notify_all();
+        if (m_numWaiting > 0) m_changed.notify_all();
         // The monitor knows nothing of the deadlines that another thread's datagrams have brought.
         if (std::this_thread::get_id() != m_monitorId.load()) m_poller.Wake();
     }
@@ -234,24 +234,10 @@ void GigECore::OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::ui
 }
 
 void GigECore::ReportChanges() {
-    // A listing that runs now reports what has changed by returning it; what it does not return is reported after it.
-    if (!m_running || m_numListings > 0 || !m_table.TakeChanged()) return;
-    const std::map<CameraKey, std::uint32_t> listed = GetListedAddresses();
-    std::size_t arrivals = 0;
-    std::size_t removals = 0;
-    for (const auto& [key, ip] : listed) {
-        const auto known = m_reported.find(key);
-        if (known == m_reported.end() || known->second != ip) ++arrivals;
-    }
-    for (const auto& [key, ip] : m_reported) {
-        const auto now = listed.find(key);
-        if (now == listed.end() || now->second != ip) ++removals;
-    }
-    m_reported = listed;
-    if (arrivals + removals == 0) return;
-    m_events.RaiseReset();
-    for (std::size_t i = 0; i < removals; ++i) m_events.Raise(HAL_BUS_REMOVAL, 0, 0);
-    for (std::size_t i = 0; i < arrivals; ++i) m_events.Raise(HAL_BUS_ARRIVAL, 0, 0);
+    m_reportDue = m_table.TakeChanged() || m_reportDue;
+    if (!m_running || !m_reportDue) return;
+    m_events.Report(GetState());
+    m_reportDue = false;
 }
 
 }  // namespace Nimbrel2::Platform::GigE

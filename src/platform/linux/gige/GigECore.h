@@ -25,12 +25,13 @@
 
 #include "platform/Diagnostics.h"
 #include "platform/Drivers.h"
+#include "platform/base/Errno.h"
+#include "platform/base/Poller.h"
+#include "platform/base/RouteSocket.h"
 #include "platform/linux/gige/CameraTable.h"
 #include "platform/linux/gige/PacketListener.h"
 #include "platform/linux/gige/PendingReplies.h"
-#include "platform/linux/gige/Poller.h"
 #include "platform/linux/gige/RequestIds.h"
-#include "platform/linux/gige/RouteSocket.h"
 #include "platform/linux/gige/SourceBudget.h"
 #include "platform/linux/gige/Timings.h"
 #include "platform/linux/gige/UdpPort.h"
@@ -60,7 +61,7 @@ public:
     // The bus. Each as Drivers.h states it.
     std::uint32_t Start();
     void Stop();
-    std::uint32_t ListCameras(std::vector<ListedCamera>* cameras);
+    std::uint32_t ListCameras(std::vector<ListedCamera>* cameras, BusState* state);
     std::uint32_t Discover(std::vector<DiscoveredCamera>* cameras);
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
 
@@ -156,11 +157,11 @@ private:
                      TimePoint now);  // m_mutex is held
     void OnAcknowledge(UdpPort& port, std::uint32_t from, std::span<const std::uint8_t> bytes);
     void OnDiscoveryAcknowledge(UdpPort& port, std::uint32_t from, std::uint16_t id, const GvcpDiscoveryRecord& record);
-    void ReportChanges();  // m_mutex is held
+    void ReportChanges();  // m_mutex is held; throws when memory runs out, and is due again then
 
     // CoreListing.cpp
-    std::vector<const CameraTable::Sighting*> FindListed() const;   // m_mutex is held
-    std::map<CameraKey, std::uint32_t> GetListedAddresses() const;  // m_mutex is held
+    std::vector<const CameraTable::Sighting*> FindListed() const;  // m_mutex is held
+    BusState GetState() const;                                     // m_mutex is held
     void WaitForWindow(std::unique_lock<std::mutex>& lock, TimePoint limit);
     void Verify(std::unique_lock<std::mutex>& lock, TimePoint limit);
     void CollectListed(std::vector<ListedCamera>* cameras) const;  // m_mutex is held
@@ -226,15 +227,12 @@ private:
     SourceBudget m_hearsay;
     std::unordered_map<std::uint16_t, Broadcast> m_broadcasts;  ///< whose answers still count, by request id
     TimePoint m_windowEnd = TimePoint::max();                   ///< of the first listing; set by the first request
-    std::map<CameraKey, std::uint32_t> m_reported;              ///< what the bus master knows: cameras and addresses
-    int m_numListings = 0;                                      ///< running now: they report what they find themselves
     bool m_hasListed = false;
-    int m_numWaiting = 0;                  ///< other threads that wait for the table to change
+    bool m_reportDue = false;              ///< the table has changed since the last report
+    int m_numWaiting = 0;                  ///< threads that wait for the table to change
     std::vector<Collected*> m_collectors;  ///< of the discoveries that run now
     std::map<std::pair<int, std::uint32_t>, RouteAnswer> m_directRoutes;  ///< what the kernel said, for a second
 };
-
-std::uint32_t StatusOfErrno(int error);
 
 }  // namespace Nimbrel2::Platform::GigE
 

@@ -17,12 +17,11 @@ public:
     std::uint32_t Start() override { return m_core->Start(); }
     void Stop() override { m_core->Stop(); }
 
-    std::uint32_t ListCameras(std::vector<std::shared_ptr<GigEDevice>>* cameras) override {
+    std::uint32_t ListCameras(Listing<GigEDevice>* cameras) override {
         std::vector<GigE::ListedCamera> listed;
-        const std::uint32_t status = m_core->ListCameras(&listed);
-        cameras->clear();
+        const std::uint32_t status = m_core->ListCameras(&listed, &cameras->state);
         for (GigE::ListedCamera& camera : listed) {
-            cameras->push_back(std::make_shared<GigE::LinuxGigEDevice>(m_core, std::move(camera)));
+            cameras->devices.push_back(std::make_shared<GigE::LinuxGigEDevice>(m_core, std::move(camera)));
         }
         return status;
     }
@@ -40,8 +39,9 @@ public:
         return m_core->ForceIp(mac, ipAddress, subnetMask, gateway);
     }
 
-    std::uint32_t ForceIpAuto() override { return m_core->AutoForceIp(std::nullopt); }
-    std::uint32_t AutoForceIpToCamera(std::uint32_t serialNumber) override { return m_core->AutoForceIp(serialNumber); }
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
+        return m_core->AutoForceIp(serialNumber);
+    }
 
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
         return m_core->Diagnose(askControl, diagnosis);

@@ -9,7 +9,7 @@
 #include <optional>
 #include <span>
 
-#include "platform/linux/FileDescriptor.h"
+#include "platform/base/FileDescriptor.h"
 #include "platform/linux/gige/UdpPort.h"
 
 namespace Nimbrel2::Platform::GigE {

@@ -10,8 +10,8 @@
 #include <map>
 #include <mutex>
 
+#include "platform/base/Poller.h"
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/linux/gige/Poller.h"
 #include "platform/linux/gige/Timings.h"
 #include "platform/linux/gige/UdpPort.h"
 

@@ -3,13 +3,9 @@
 #ifndef NIMBREL2_PLATFORM_LINUX_GIGE_TIMINGS_H
 #define NIMBREL2_PLATFORM_LINUX_GIGE_TIMINGS_H
 
-#include <chrono>
+#include "platform/base/Clock.h"
 
 namespace Nimbrel2::Platform::GigE {
-
-using Clock = std::chrono::steady_clock;
-using TimePoint = Clock::time_point;
-using Milliseconds = std::chrono::milliseconds;
 
 struct Timings {
     /// How long a first listing and a discovery listen, from their first request. A conforming camera answers a

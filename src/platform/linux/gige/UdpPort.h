@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "platform/linux/FileDescriptor.h"
+#include "platform/base/FileDescriptor.h"
 #include "platform/linux/gige/NetworkInterface.h"
 #include "platform/linux/gige/Timings.h"
 
