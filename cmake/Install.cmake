@@ -20,6 +20,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/KeptReading.h
     common/MACAddress.h
     common/Singleton.h
+    common/SingletonSlot.h
     common/UsbInterface.h
     common/Version.h
     common/ZevoGuid.h

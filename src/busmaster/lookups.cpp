@@ -35,6 +35,26 @@ BusMasterHandle* FindBySerialNumber(const HandleList& list, unsigned int serial)
     return found == list.end() ? nullptr : *found;
 }
 
+// Asks each GigE camera over the network.
+BusMasterHandle* FindByIpAddress(const HandleList& list, const IPAddress& ip) {
+    for (BusMasterHandle* camera : list) {
+        if (camera->hwInterface->GetInterfaceType() != INTERFACE_GIGE) {
+            continue;
+        }
+        std::uint32_t address = 0;  // what a camera of that type without GVCP registers counts as having
+        if (auto* const gigE = dynamic_cast<GigEInterface*>(camera->hwInterface.get())) {
+            if (gigE->ReadGVCPRegister(CurrentIpAddressRegister, &address) != HAL_OK) {
+                TraceLine("Failed to read IP address register, skipping camera.");
+                continue;
+            }
+        }
+        if (address == PackIPAddress(ip)) {
+            return camera;
+        }
+    }
+    return nullptr;
+}
+
 Error Store(const boost::shared_ptr<HardwareInterface>& hwInterface, HardwareInterface** hw) {
     if (hw == nullptr) {
         return InternalError(ERROR_INVALID_PARAMETER);
@@ -54,7 +74,7 @@ Error BusMaster::GetNumOfDevices(unsigned int* count) {
 }
 
 Error BusMaster::Members::CountHandles(const HandleList& list, unsigned int* count) {
-    const Lock lock(m_busMasterMutex);
+    const Lock lock = LockMain();
     if (!GetInitialized()) {
         return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Bus Manager Object not initialized.");
     }
@@ -67,7 +87,7 @@ Error BusMaster::Members::CountHandles(const HandleList& list, unsigned int* cou
 
 Error BusMaster::GetCameraFromIndex(unsigned int index, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -86,7 +106,7 @@ Error BusMaster::GetCameraFromIndex(unsigned int index, ZevoGuid* guid) {
 
 Error BusMaster::GetDeviceFromIndex(unsigned int index, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -104,7 +124,7 @@ Error BusMaster::GetDeviceFromIndex(unsigned int index, ZevoGuid* guid) {
 
 Error BusMaster::GetCameraSerialNumberFromIndex(unsigned int index, unsigned int* serial) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (serial == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid serial number parameter.");
         }
@@ -122,7 +142,7 @@ Error BusMaster::GetCameraSerialNumberFromIndex(unsigned int index, unsigned int
 
 Error BusMaster::GetHwInterfaceFromIndex(unsigned int index, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (!m_members->GetInitialized()) {
             return NotInitialized();
         }
@@ -136,7 +156,7 @@ Error BusMaster::GetHwInterfaceFromIndex(unsigned int index, HardwareInterface**
 
 Error BusMaster::GetCameraFromSerialNumber(unsigned int serial, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -155,7 +175,7 @@ Error BusMaster::GetCameraFromSerialNumber(unsigned int serial, ZevoGuid* guid) 
 
 Error BusMaster::GetHwInterfaceFromSerialNumber(unsigned int serial, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (!m_members->GetInitialized()) {
             return NotInitialized();
         }
@@ -172,7 +192,8 @@ Error BusMaster::GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle) {
         if (handle == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid handle parameter.");
         }
-        BusMasterHandle* const found = FindByGuid(m_members->m_cameraList, guid);
+        BusMasterHandle* const found =
+            m_members->IsInForkedProcess() ? nullptr : FindByGuid(m_members->m_cameraList, guid);
         if (found == nullptr) {
             return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Could not find a device.");
         }
@@ -182,7 +203,7 @@ Error BusMaster::GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle) {
 }
 
 boost::shared_ptr<HardwareInterface> BusMaster::Members::GetHwInterfaceFromGuidInternal(ZevoGuid guid) {
-    const Lock lock(m_busMasterMutex);
+    const Lock lock = LockMain();
     if (!GetInitialized()) {
         return {};
     }
@@ -219,29 +240,19 @@ Error BusMaster::GetInterfaceTypeFromGuid(ZevoGuid guid, InterfaceType* type) {
 
 Error BusMaster::GetCameraFromIPAddress(IPAddress ip, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid ZevoGuid.");
         }
         *guid = ZevoGuid{};
-        for (const BusMasterHandle* camera : m_members->m_cameraList) {
-            if (camera->hwInterface->GetInterfaceType() != INTERFACE_GIGE) {
-                continue;
-            }
-            std::uint32_t address = 0;  // what a camera of that type without GVCP registers counts as having
-            if (auto* const gigE = dynamic_cast<GigEInterface*>(camera->hwInterface.get())) {
-                if (gigE->ReadGVCPRegister(CurrentIpAddressRegister, &address) != HAL_OK) {
-                    TraceLine("Failed to read IP address register, skipping camera.");
-                    continue;
-                }
-            }
-            if (address == PackIPAddress(ip)) {
-                *guid = camera->guid;
-                return InternalError(ERROR_OK);
-            }
+        const BusMasterHandle* camera =
+            m_members->IsInForkedProcess() ? nullptr : FindByIpAddress(m_members->m_cameraList, ip);
+        if (camera == nullptr) {
+            TraceLine("Device with matching ZevoGuid was not found.");
+            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Device with matching ZevoGuid was not found.");
         }
-        TraceLine("Device with matching ZevoGuid was not found.");
-        return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Device with matching ZevoGuid was not found.");
+        *guid = camera->guid;
+        return InternalError(ERROR_OK);
     });
 }
 

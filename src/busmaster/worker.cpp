@@ -26,7 +26,7 @@ constexpr std::uint32_t ListingFailed = 1;  // the worker's own code for a start
 }  // namespace
 
 // One run of the worker. What it holds when it ends is freed.
-class BusMaster::Worker {
+class NIMBREL2_INTERNAL BusMaster::Worker {
 public:
     Worker(Members& members, std::uint64_t startNumber)
         : m_members(members),
