@@ -36,10 +36,11 @@ extern "C" {
 
 /* ---- Statuses ------------------------------------------------------------------------------------------------- */
 
-/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. */
+/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. For applications written
+ * in C++ common/HalStatus.h has a text for each. */
 HAL_ENUM(HALStatus){
     HAL_OK = 0,
-    HAL_FAILED = 1,                    /* fits no other */
+    HAL_FAILED = 1,                    /* any other failure */
     HAL_INVALID_ARGUMENT = 2,          /* a null pointer, a misaligned address, a value outside its range */
     HAL_PERMISSION = 3,                /* the operating system does not let this user do it */
     HAL_GONE = 4,                      /* the device of this entry is not attached now, or the entry is unknown */
@@ -174,8 +175,16 @@ uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count);
 uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
 
 /*
- * Give an entry back. Callers: the thread that releases the interface object or cleans up a failed enumeration. Never
- * block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back before.
+ * Give an entry back. Never block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back
+ * before. Callers, and the locks of the bus master that are held meanwhile:
+ *   during a listing   The enumeration thread, or the worker for devices, when the listing fails: the main lock, which
+ * a start has from Initialize, and no longer once that has given up. during a cycle     The worker, for cameras listed
+ * anew: main and initialised lock; for cameras that left: main lock; for devices of the cycle before: main and
+ * initialised lock. at the end         One thread for each camera, all at once, then the destructor's thread for the
+ * devices, one after the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
+ *   left behind        A thread that the destructor could not wait for: none. It comes after HAL_CleanupLibrary and
+ * gets HAL_CLOSED.
  */
 uint32_t HAL_1394FreeCamera(void* entry);
 uint32_t HAL_1394FreeDevice(void* entry);
