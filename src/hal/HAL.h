@@ -15,9 +15,11 @@
  *   Locks       The HAL holds none of its own locks while it calls back. Unless said otherwise the bus master may hold
  *               any of its locks while it calls.
  *   After       HAL_CleanupLibrary (and before HAL_InitLibrary) every function answers HAL_CLOSED and touches nothing.
- *   Memory      Buffers belong to the caller and are only used during the call.
- *   Pointers    Out-parameters must not be null unless said; counts come in as a capacity and go out as a number.
- *               What an out-parameter holds after a failure is meaningless unless said.
+ *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no lock,
+ * and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process. Memory      Buffers
+ * belong to the caller and are only used during the call. Pointers    Out-parameters must not be null unless said;
+ * counts come in as a capacity and go out as a number. What an out-parameter holds after a failure is meaningless
+ * unless said.
  */
 #ifndef NIMBREL2_HAL_HAL_H
 #define NIMBREL2_HAL_HAL_H
