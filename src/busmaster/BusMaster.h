@@ -90,14 +90,14 @@ public:
     /// bus operation. What it throws is dropped; it must not end its thread.
     /// @param function  Null is accepted and never called. The same function may be registered many times.
     /// @param handle    Receives what UnregisterCallback wants.
-    /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED; ERROR_FAILED, at
-    ///         once, when called from inside a callback.
+    /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED;
+    ///         ERROR_LOW_LEVEL_FAILURE, at once, when called from inside a callback.
     /// @par Threads  Waits for the callback that runs and for a running re-enumeration; goes before waiting callbacks.
     Error RegisterCallback(void (*function)(void*, unsigned int), BusCallbackType type, void* data, void** handle);
 
     /// Takes a registration back. When it returns the function is not running for it and will not be called again.
     /// @return ERROR_INVALID_PARAMETER for a handle that is null, unknown or was taken back before;
-    ///         ERROR_NOT_INITIALIZED; ERROR_FAILED at once when called from inside a callback.
+    ///         ERROR_NOT_INITIALIZED; ERROR_LOW_LEVEL_FAILURE, at once, when called from inside a callback.
     /// @par Threads  As for RegisterCallback.
     Error UnregisterCallback(void* handle);
 
@@ -130,7 +130,8 @@ public:
     /// ERROR_NOT_INITIALIZED.
     Error GetCameraSerialNumberFromIndex(unsigned int index, unsigned int* serial);
 
-    /// The interface object of a camera. It lives while the camera stays listed: use it at once, do not keep it.
+    /// The interface object of a camera. It lives while the camera stays listed, which the worker may end at any time:
+    /// KeepHwInterface gives one that can be kept.
     /// @return ERROR_NOT_INITIALIZED; ERROR_INVALID_PARAMETER for an index past the end, then for a null hw.
     Error GetHwInterfaceFromIndex(unsigned int index, HardwareInterface** hw);
 
@@ -148,9 +149,18 @@ public:
     /// @return ERROR_INVALID_PARAMETER for a null handle, tested first; ERROR_NOT_FOUND.
     Error GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle);
 
-    /// The interface object of a camera or, when no camera has that guid, of a device. Lives while it stays listed.
+    /// The same as KeepHwInterface for a caller that keeps the object from leaving the list meanwhile: it lives only
+    /// while the camera or device stays listed, and the worker may end that at any time.
     /// @return ERROR_NOT_FOUND, also before start-up; ERROR_INVALID_PARAMETER for a null hw.
     Error GetHwInterfaceFromGuid(ZevoGuid guid, HardwareInterface** hw);
+
+    /// The interface object of a camera or, when no camera has that guid, of a device, to read and write its registers.
+    /// It stays good for as long as it is held: once the camera has left the list, or the bus master has gone, its
+    /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own.
+    /// @param hw  Receives a share of the object; left alone on failure. Narrow it with dynamic_pointer_cast.
+    /// @return ERROR_INVALID_PARAMETER for a null hw, tested first; ERROR_NOT_FOUND, also before start-up.
+    /// @par Cost  No bus I/O.
+    Error KeepHwInterface(ZevoGuid guid, boost::shared_ptr<HardwareInterface>* hw);
 
     /// @return ERROR_INVALID_PARAMETER for a null type, tested first; ERROR_NOT_FOUND, also before start-up.
     Error GetInterfaceTypeFromGuid(ZevoGuid guid, InterfaceType* type);
@@ -161,7 +171,8 @@ public:
     /// @par Cost  One register read over the network a GigE camera, with the lists locked.
     Error GetCameraFromIPAddress(IPAddress ip, ZevoGuid* guid);
 
-    /// What a listing shows of a camera or device. Fields that its bus does not have are left alone.
+    /// What a listing shows of a camera or device.
+    /// @param info  Written on success only, and then whole: fields that its bus does not have are 0 or empty.
     /// @return ERROR_INVALID_PARAMETER for a null info, tested first; ERROR_NOT_FOUND; ERROR_LOW_LEVEL_FAILURE with the
     ///         status when the device is gone meanwhile.
     /// @par Cost  No bus I/O.

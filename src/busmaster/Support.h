@@ -62,6 +62,12 @@ ThreadStartHook SetThreadStartHook(ThreadStartHook hook) noexcept;
 /// in small steps.
 bool TryLockUntil(boost::unique_lock<boost::mutex>& lock, const boost::posix_time::ptime& deadline);
 
+inline void UnlockIfHeld(boost::unique_lock<boost::mutex>& lock) {
+    if (lock.owns_lock()) {
+        lock.unlock();
+    }
+}
+
 }  // namespace Nimbrel2
 
 #endif

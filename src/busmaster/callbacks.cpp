@@ -19,7 +19,9 @@ using Lock = boost::unique_lock<boost::mutex>;
 thread_local const boost::mutex* t_runningUnder = nullptr;
 
 Error InsideCallbackError() {
-    return NIMBREL2_ERROR(ERROR_FAILED, "Callbacks cannot be registered or unregistered from inside a callback.");
+    // 35 is EDEADLK: waiting for this thread's own callback would never end.
+    return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE,
+                          "Callbacks cannot be registered or unregistered from inside a callback. System error: 35.");
 }
 
 void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int parameter) {
@@ -42,8 +44,8 @@ public:
         : m_members(members), m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
 
     ~RegistryLock() {
-        LetGo(m_callbackLock);
-        LetGo(m_busMasterLock);
+        UnlockIfHeld(m_callbackLock);
+        UnlockIfHeld(m_busMasterLock);
         if (m_hasTurn) {
             m_members.m_callbackTurns.PassOn();  // last, so that who comes next finds the mutex free
         }
@@ -75,12 +77,6 @@ private:
     bool TryRegistry() {
         m_hasTurn = m_members.m_callbackTurns.TryTake();
         return m_hasTurn && m_callbackLock.try_lock();
-    }
-
-    static void LetGo(Lock& lock) {
-        if (lock.owns_lock()) {
-            lock.unlock();
-        }
     }
 
     Members& m_members;

@@ -18,6 +18,8 @@ constexpr unsigned int CurrentIpAddressRegister = 0x24;  // GigE Vision bootstra
 
 Error NotInitialized() { return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized."); }
 
+Error NotFound() { return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid."); }
+
 Error BadIndex(unsigned int index, const HandleList& list) {
     return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid index parameter (%u/%u).", index,
                           static_cast<unsigned int>(list.size()));
@@ -218,9 +220,23 @@ Error BusMaster::GetHwInterfaceFromGuid(ZevoGuid guid, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
         const boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
         if (!found) {
-            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid.");
+            return NotFound();
         }
         return Store(found, hw);
+    });
+}
+
+Error BusMaster::KeepHwInterface(ZevoGuid guid, boost::shared_ptr<HardwareInterface>* hw) {
+    return WithoutExceptions([&]() -> Error {
+        if (hw == nullptr) {
+            return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid interface address.");
+        }
+        boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
+        if (!found) {
+            return NotFound();
+        }
+        *hw = std::move(found);
+        return InternalError(ERROR_OK);
     });
 }
 
@@ -263,7 +279,7 @@ Error BusMaster::GetCameraInfo(ZevoGuid guid, CameraInfo* info) {
         }
         const boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
         if (!found) {
-            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid.");
+            return NotFound();
         }
         const std::uint32_t status = found->GetCameraInfo(info);
         if (status != HAL_OK) {

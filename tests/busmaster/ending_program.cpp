@@ -150,6 +150,7 @@ void SayAllAnswers() {
     ZevoGuid guid{{1, 2, 3, 4}};
     ZevoGuid ask = guid;
     HardwareInterface* hw = nullptr;
+    boost::shared_ptr<HardwareInterface> kept;
     BusMasterHandle* record = nullptr;
     InterfaceType type = INTERFACE_NONE;
     CameraInfo info;
@@ -181,6 +182,7 @@ void SayAllAnswers() {
     say("GetHwInterfaceFromSerialNumber", busMaster.GetHwInterfaceFromSerialNumber(11, &hw));
     say("GetHandleFromGuid", busMaster.GetHandleFromGuid(ask, &record));
     say("GetHwInterfaceFromGuid", busMaster.GetHwInterfaceFromGuid(ask, &hw));
+    say("KeepHwInterface", busMaster.KeepHwInterface(ask, &kept));
     say("GetInterfaceTypeFromGuid", busMaster.GetInterfaceTypeFromGuid(ask, &type));
     say("GetCameraFromIPAddress", busMaster.GetCameraFromIPAddress(IPAddress{{10, 0, 0, 1}}, &guid));
     say("GetCameraInfo", busMaster.GetCameraInfo(ask, &info));

@@ -50,6 +50,7 @@ const std::map<std::string, std::string> AnswersInAForkedProcess = {
     {"GetHwInterfaceFromSerialNumber", "6 Object not initialized."},
     {"GetHandleFromGuid", "12 Could not find a device."},
     {"GetHwInterfaceFromGuid", "12 Camera not found with specified guid."},
+    {"KeepHwInterface", "12 Camera not found with specified guid."},
     {"GetInterfaceTypeFromGuid", "12 Device with matching ZevoGuid was not found."},
     {"GetCameraFromIPAddress", "12 Device with matching ZevoGuid was not found."},
     {"GetCameraInfo", "12 Camera not found with specified guid."},
