@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "hal/Export.h"
+
 namespace Nimbrel2 {
 
 /// Receives a line of the trace: plain text, without time or thread, which a sink adds when it wants them, sometimes
@@ -17,11 +19,11 @@ using TraceSink = void (*)(const std::string& text);
 /// Installs a sink and returns the one before it; null is none, as at the start of a program.
 /// @par Threads  Any. A thread may still be in the old sink for a moment: neither that function nor what it uses may
 /// go.
-TraceSink SetTraceSink(TraceSink sink) noexcept;
+NIMBREL2_API TraceSink SetTraceSink(TraceSink sink) noexcept;
 
 /// Hands a line to the sink, if there is one: for programs that want their own lines in the same trace.
 /// @par Threads  Any, with any lock held.
-void Trace(const std::string& text) noexcept;
+NIMBREL2_API void Trace(const std::string& text) noexcept;
 
 }  // namespace Nimbrel2
 
