@@ -45,5 +45,7 @@ function(nimbrel2_shared_library name)
   if(BUILD_SHARED_LIBS)
     target_link_options(${name} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    # Never unloaded: a worker or a callback that had to be left behind still runs in it.
+    target_link_options(${name} PRIVATE LINKER:-z,nodelete)
   endif()
 endfunction()

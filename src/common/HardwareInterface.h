@@ -71,6 +71,7 @@ public:
     virtual std::uint32_t FireBusReset();
 
     /// What a listing shows of the device: texts, serial number and, for GigE, versions and addresses. No bus I/O.
+    /// @param info  Written on success only, and then whole: what the bus does not have is 0 or empty.
     virtual std::uint32_t GetCameraInfo(CameraInfo* info) = 0;
 
     /// How fast the device's link is, in Mbit/s. HAL_NOT_SUPPORTED: the device does not tell.

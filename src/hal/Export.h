@@ -7,8 +7,10 @@
 
 #if defined(__GNUC__)
 #define NIMBREL2_API __attribute__((visibility("default")))
+#define NIMBREL2_INTERNAL __attribute__((visibility("hidden"))) /* of a class inside one that is shown */
 #else
 #define NIMBREL2_API
+#define NIMBREL2_INTERNAL
 #endif
 
 #endif

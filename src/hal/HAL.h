@@ -15,9 +15,11 @@
  *   Locks       The HAL holds none of its own locks while it calls back. Unless said otherwise the bus master may hold
  *               any of its locks while it calls.
  *   After       HAL_CleanupLibrary (and before HAL_InitLibrary) every function answers HAL_CLOSED and touches nothing.
- *   Memory      Buffers belong to the caller and are only used during the call.
- *   Pointers    Out-parameters must not be null unless said; counts come in as a capacity and go out as a number.
- *               What an out-parameter holds after a failure is meaningless unless said.
+ *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no lock,
+ * and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process. Memory      Buffers
+ * belong to the caller and are only used during the call. Pointers    Out-parameters must not be null unless said;
+ * counts come in as a capacity and go out as a number. What an out-parameter holds after a failure is meaningless
+ * unless said.
  */
 #ifndef NIMBREL2_HAL_HAL_H
 #define NIMBREL2_HAL_HAL_H
@@ -38,11 +40,11 @@ extern "C" {
 
 /* ---- Statuses ------------------------------------------------------------------------------------------------- */
 
-/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. New ones go to the end.
- */
+/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. For applications written
+ * in C++ common/HalStatus.h has a text for each. */
 HAL_ENUM(HALStatus){
     HAL_OK = 0,
-    HAL_FAILED = 1,                    /* fits no other */
+    HAL_FAILED = 1,                    /* any other failure */
     HAL_INVALID_ARGUMENT = 2,          /* a null pointer, a misaligned address, a value outside its range */
     HAL_PERMISSION = 3,                /* the operating system does not let this user do it */
     HAL_GONE = 4,                      /* the device of this entry is not attached now, or the entry is unknown */
@@ -181,8 +183,16 @@ NIMBREL2_API uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count);
 NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
 
 /*
- * Give an entry back. Callers: the thread that releases the interface object or cleans up a failed enumeration. Never
- * block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back before.
+ * Give an entry back. Never block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back
+ * before. Callers, and the locks of the bus master that are held meanwhile:
+ *   during a listing   The enumeration thread, or the worker for devices, when the listing fails: the main lock, which
+ * a start has from Initialize, and no longer once that has given up. during a cycle     The worker, for cameras listed
+ * anew: main and initialised lock; for cameras that left: main lock; for devices of the cycle before: main and
+ * initialised lock. at the end         One thread for each camera, all at once, then the destructor's thread for the
+ * devices, one after the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
+ *   left behind        A thread that the destructor could not wait for: none. It comes after HAL_CleanupLibrary and
+ * gets HAL_CLOSED.
  */
 NIMBREL2_API uint32_t HAL_1394FreeCamera(void* entry);
 NIMBREL2_API uint32_t HAL_1394FreeDevice(void* entry);

@@ -19,9 +19,6 @@ def shown(nm, library):
     symbols = set()
     for line in output.splitlines():
         _, kind, name = line.split(maxsplit=2)
-        # A template that every program makes for itself too; an optimised library does without its table.
-        if name.startswith("vtable for Nimbrel2::Singleton<"):
-            continue
         symbols.add(f"{ALIKE.get(kind, kind)} {name.replace('[abi:cxx11]', '')}")
     return symbols
 
