@@ -53,7 +53,7 @@ HAL_ENUM(HALStatus){
     HAL_TIMED_OUT = 7,                 /* no answer within the time-out of the operation */
     HAL_NO_BUS = 8,                    /* this computer has no such bus */
     HAL_CLOSED = 9,                    /* outside HAL_InitLibrary ... HAL_CleanupLibrary */
-    HAL_OUT_OF_MEMORY = 10,            /* memory, threads or file descriptors */
+    HAL_OUT_OF_MEMORY = 10,            /* memory, threads, file descriptors or source ports */
     HAL_NO_ACKNOWLEDGE = 11,           /* a ForceIP request that nobody acknowledged */
     HAL_NOT_SUPPORTED = 12,            /* this kind of device has no such operation */
     HAL_BAD_ANSWER = 13,               /* the device answered, with something malformed */

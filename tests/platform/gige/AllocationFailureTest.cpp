@@ -13,6 +13,7 @@ namespace Nimbrel2::Testing {
 namespace {
 
 using Platform::GigE::CameraTable;
+using Platform::GigE::Port;
 using Platform::GigE::Probe;
 
 using GigEAllocationFailure = GigETest;
@@ -27,14 +28,14 @@ TEST(CameraTableAllocationFailure, LeavesTheTableWhole) {
     bool failed = true;
     int failures = 0;
     for (std::uint64_t failing = 1; failed; ++failing) {
-        Platform::GigE::RequestIds ids(1);
+        Platform::GigE::RequestIds ids{Platform::Random(1)};
         CameraTable table(timings, ids);
         std::vector<Probe> probes;
         {
             const AllocationFailure failure(failing);
             try {
-                table.HeardBroadcast(2, record, true, now, &probes);
-                table.HeardBroadcast(3, record, true, now, &probes);
+                table.HeardBroadcast({2, record.ipAddress, record}, now, &probes);
+                table.HeardBroadcast({3, record.ipAddress, record}, now, &probes);
                 table.DropInterface(3);
             } catch (const std::bad_alloc&) {
                 ++failures;
@@ -49,14 +50,14 @@ TEST(CameraTableAllocationFailure, LeavesTheTableWhole) {
         EXPECT_EQ(table.GetNumSightings(), sightings) << "allocation " << failing;
         // The camera goes on being heard, is asked with the next round at the latest, and is listed when it answers.
         probes.clear();
-        table.HeardBroadcast(2, record, true, now, &probes);
+        table.HeardBroadcast({2, record.ipAddress, record}, now, &probes);
         const auto later = now + timings.probeRound;
         table.Tick(later, &probes);
         const auto probe =
             std::find_if(probes.begin(), probes.end(), [](const Probe& sent) { return sent.interface == 2; });
         ASSERT_NE(probe, probes.end()) << "allocation " << failing;
         const std::uint16_t id = probe->id;
-        EXPECT_TRUE(table.HeardProbe(2, record.ipAddress, id, record, later, &probes));
+        EXPECT_TRUE(table.HeardProbe(Port::Search, {2, record.ipAddress, record}, id, later, &probes));
         EXPECT_NE(table.GetCameras().begin()->second.listed, nullptr);
     }
     EXPECT_GT(failures, 5);

@@ -3,12 +3,16 @@
 #include "tests/platform/gige/GigEFixture.h"
 
 #include <arpa/inet.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 
 #include "platform/gvcp/GvcpCodec.h"
@@ -162,9 +166,34 @@ GigETest::~GigETest() { Stop(); }
 void GigETest::Start(const std::vector<std::string>& interfaces) {
     Platform::LinuxGigEOptions options;
     options.networkInterfaces = interfaces;
+    StartWith(options);
+}
+
+void GigETest::StartWith(const Platform::LinuxGigEOptions& options) {
+    Platform::LinuxGigEOptions withWindow = options;
+    withWindow.discoveryWindow = m_window;
+    m_bus = Platform::MakeLinuxGigEBus(withWindow, m_sink);
+    m_host.Run([&] { ASSERT_EQ(m_bus->Start(), HAL_OK); });
+}
+
+std::uint32_t GigETest::StartAfter(const std::function<void()>& setUp) {
+    Platform::LinuxGigEOptions options;
     options.discoveryWindow = m_window;
     m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
-    m_host.Run([&] { ASSERT_EQ(m_bus->Start(), HAL_OK); });
+    std::uint32_t status = HAL_FAILED;
+    m_host
+        .StartThread([&] {
+            setUp();
+            status = m_bus->Start();
+        })
+        .join();
+    return status;
+}
+
+void DropCapabilities() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[2]{};
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::strerror(errno);
 }
 
 void GigETest::Stop() {
@@ -242,26 +271,29 @@ GigEWireTest::GigEWireTest() {
 }
 
 GigEWireTest::~GigEWireTest() {
-    if (m_core) m_core->Stop();
+    if (m_driver) m_driver->Stop();
 }
 
-void GigEWireTest::StartCore(Platform::GigE::Timings timings) {
-    m_core = std::make_shared<Platform::GigE::GigECore>(std::vector<std::string>{}, timings, m_sink);
-    m_host.Run([&] { ASSERT_EQ(m_core->Start(), HAL_OK); });
-    ASSERT_EQ(ListCore(), HAL_OK);
+void GigEWireTest::StartDriver(Platform::GigE::Timings timings) {
+    Platform::GigE::DriverOptions options;
+    options.timings = timings;
+    m_driver = std::make_shared<Platform::GigE::GigEDriver>(options, m_sink);
+    m_host.Run([&] { ASSERT_EQ(m_driver->Start(), HAL_OK); });
+    ASSERT_EQ(ListOfDriver(), HAL_OK);
 }
 
-std::uint32_t GigEWireTest::ListCore() {
+std::uint32_t GigEWireTest::ListOfDriver() {
     Platform::BusState state;
-    const std::uint32_t status = m_core->ListCameras(&m_listed, &state);
+    m_listed.clear();
+    const std::uint32_t status = m_driver->ListCameras(&m_listed, &state);
     if (status == HAL_OK) m_sink.Listed(std::move(state));
     return status;
 }
 
-void GigEWireTest::StartCore() {
+void GigEWireTest::StartDriver() {
     Platform::GigE::Timings timings;
     timings.discoveryWindow = m_window;
-    StartCore(timings);
+    StartDriver(timings);
 }
 
 Platform::Simulated::SimulatedCameraOptions GigEWireTest::CameraOptions(const std::string& ip, std::uint64_t mac) {

@@ -84,7 +84,7 @@ TEST_F(GigELoopback, ReportsOneKilledAndOneStarted) {
     EXPECT_EQ(after.arrivals - before.arrivals, 1);
 }
 
-TEST_F(GigELoopback, RaisesOnceWhatAListingFoundItself) {
+TEST_F(GigELoopback, WaitsInAListingForNobodyLongAndLeavesTheRestToTheMonitor) {
     AddLoopbackAddresses(2);
     IndependentCamera first(m_host, "127.0.0.1", "LO01");
     IndependentCamera second(m_host, "127.0.0.2", "LO02");
@@ -92,10 +92,9 @@ TEST_F(GigELoopback, RaisesOnceWhatAListingFoundItself) {
     ASSERT_EQ(List().size(), 2u);
     const RecordingSink::Counts before = m_sink.GetCounts();
     second.Kill();
-    const auto start = Clock::now();
+    EXPECT_THAT(ListNames(), ElementsAre("LO01@127.0.0.1", "LO02@127.0.0.2")) << "it answered in its last round";
+    ASSERT_TRUE(m_sink.WaitFor([&](const auto& now) { return now.removals > before.removals; }, 5s));
     EXPECT_THAT(ListNames(), ElementsAre("LO01@127.0.0.1"));
-    EXPECT_LT(Since(start), 1s);
-    // The monitor has had its say when it has seen the next change.
     IndependentCamera third(m_host, "127.0.0.2", "LO02");
     ASSERT_TRUE(m_sink.WaitFor([&](const auto& now) { return now.arrivals > before.arrivals; }, 5s));
     EXPECT_EQ(m_sink.GetCounts().removals, before.removals + 1);

@@ -59,7 +59,7 @@ TEST_F(GigENetwork, DropsCamerasWithTheirLinkAlone) {
     Platform::GigE::Timings timings;
     timings.discoveryWindow = m_window;
     timings.probePeriod = 1h;  // no camera is missed by itself
-    StartCore(timings);
+    StartDriver(timings);
     ASSERT_EQ(m_listed.size(), 1u);
     m_wire.Ip("link set c0 down");
     EXPECT_TRUE(m_sink.WaitFor([](const auto& counts) { return counts.removals == 1; }, 5s));
@@ -170,12 +170,17 @@ TEST_F(GigENetwork, ListsNoForeignCameraButDiscoversIt) {
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
 }
 
-TEST_F(GigENetwork, ListsAForeignCameraThatARouteLeadsTo) {
-    AddCamera("10.9.9.9", 9);
+TEST_F(GigENetwork, ListsAForeignCameraThatARouteLeadsToWhenItHasAGateway) {
+    auto options = CameraOptions("10.9.9.9", 9);
+    AddCamera(options);
+    options = CameraOptions("10.9.9.10", 10);
+    options.gateway = Ip("10.9.9.1");
+    AddCamera(options);
+    m_host.Ip("route add 10.9.9.10/32 dev h0");
     m_wire.Ip("route add 192.168.77.1/32 dev c0");
     m_host.Ip("route add 10.9.9.9/32 dev h0");
     Start({});
-    EXPECT_THAT(ListNames(), ElementsAre("9@10.9.9.9"));
+    EXPECT_THAT(ListNames(), ElementsAre("10@10.9.9.10")) << "the other one knows no way back";
 }
 
 TEST_F(GigENetwork, CountsADefaultRouteForNothing) {
@@ -315,13 +320,20 @@ TEST_F(GigESwitch, WithTwoCamerasOnOneAddressListsOneAndDiscoversBoth) {
         ASSERT_TRUE((i == 1 ? firstCameras : secondCameras)->AddCamera(options));
     }
     Start({});
-    const auto cameras = List();
-    ASSERT_EQ(cameras.size(), 1u);
-    GvcpDiscoveryRecord record{};
-    ASSERT_EQ(cameras[0]->GetRecord(&record), HAL_OK);
-    std::uint32_t value = 0;
-    EXPECT_EQ(cameras[0]->ReadRegister(0xC, &value), HAL_OK);
-    EXPECT_EQ(value, record.macLow) << "the one that is listed is the one that answers";
+    // This computer's ARP table goes by whoever has spoken last, so that the cameras may take turns at first.
+    std::uint32_t status = HAL_GONE;
+    const auto deadline = Clock::now() + 10s;
+    while (status != HAL_OK && Clock::now() < deadline) {
+        const auto cameras = List();
+        ASSERT_LE(cameras.size(), 1u);
+        if (cameras.empty()) continue;
+        GvcpDiscoveryRecord record{};
+        ASSERT_EQ(cameras[0]->GetRecord(&record), HAL_OK);
+        std::uint32_t value = 0;
+        status = cameras[0]->ReadRegister(0xC, &value);
+        EXPECT_TRUE(status != HAL_OK || value == record.macLow) << "the one that is listed is the one that answers";
+    }
+    EXPECT_EQ(status, HAL_OK);
     EXPECT_THAT(DiscoverNames(), ElementsAre("1@192.168.77.101", "2@192.168.77.101"));
 }
 

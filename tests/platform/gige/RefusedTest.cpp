@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // An operating system that refuses sockets, devices and file descriptors.
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <net/if.h>
@@ -28,21 +27,7 @@ using ::testing::IsEmpty;
 
 class GigERefused : public GigEWireTest {
 protected:
-    /// Starts the driver on a thread of its own inside m_host, to which setUp has done something first. The driver's
-    /// thread inherits it, the test's does not.
-    void StartAfter(const std::function<void()>& setUp) {
-        Platform::LinuxGigEOptions options;
-        options.discoveryWindow = m_window;
-        m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
-        std::uint32_t status = HAL_FAILED;
-        m_host
-            .StartThread([&] {
-                setUp();
-                status = m_bus->Start();
-            })
-            .join();
-        m_startStatus = status;
-    }
+    void StartAfter(const std::function<void()>& setUp) { m_startStatus = GigEWireTest::StartAfter(setUp); }
 
     std::uint32_t m_startStatus = HAL_OK;
 };
@@ -73,13 +58,6 @@ void Refuse(int call, int argument, std::uint32_t value, int argument2 = -1, std
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
     ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0) << std::generic_category().message(errno);
-}
-
-/// Gives up every capability of this thread and those it starts.
-void DropCapabilities() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::generic_category().message(errno);
 }
 
 TEST_F(GigERefused, NoCapabilityIsNeeded) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // GigE Vision cameras on this computer's own network interfaces.
-// Any thread; see GigECore.h for the threads and locks below.
+// Any thread; see GigEDriver.h for the threads and locks below.
 #ifndef NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
 #define NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// How much hearsay is taken from one sender in one second: a camera answers for itself, and a host full of simulated
-// ones for some hundreds. What a flood sends beyond that costs next to nothing, and takes nothing from other senders.
-// No lock and no clock: the owner brings both.
-#ifndef NIMBREL2_PLATFORM_LINUX_GIGE_SOURCEBUDGET_H
-#define NIMBREL2_PLATFORM_LINUX_GIGE_SOURCEBUDGET_H
+// How many unverified answers are taken from one sender in one second: a camera answers for itself, and a host full of
+// simulated ones for some hundreds. What a flood sends beyond that costs next to nothing, and takes nothing from other
+// senders. No lock and no clock: the owner brings both.
+#ifndef NIMBREL2_PLATFORM_LINUX_GIGE_UNVERIFIEDBUDGET_H
+#define NIMBREL2_PLATFORM_LINUX_GIGE_UNVERIFIEDBUDGET_H
 
 #include <array>
 #include <cstddef>
@@ -13,9 +13,10 @@
 
 namespace Nimbrel2::Platform::GigE {
 
-class SourceBudget {
+class UnverifiedBudget {
 public:
     static constexpr std::uint32_t kPerPeriod = 512;
+    static constexpr Milliseconds kPeriod{1000};
 
     /// Whether one more is taken from that sender now.
     bool Take(std::uint32_t sender, TimePoint now) {
@@ -31,7 +32,6 @@ public:
     }
 
 private:
-    static constexpr Milliseconds kPeriod{1000};
     TimePoint m_begin;
     std::array<std::uint32_t, 1024> m_taken{};
 };

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// One network interface's UDP socket. Any thread; no lock.
-#include "platform/linux/gige/UdpPort.h"
+// One UDP socket on one network interface. No lock.
+#include "platform/linux/gige/UdpSocket.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "platform/gvcp/GvcpConstants.h"
 
@@ -18,13 +16,13 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-// Room for a hundred answers to one broadcast; the kernel gives what it allows.
-constexpr int kReceiveBufferBytes = 4 << 20;
-constexpr int kSendBufferBytes = 1 << 20;
 constexpr std::uint16_t kDiscardPort = 9;
 constexpr std::size_t kBatch = 16;
 // Longer than any packet, so that what does not fit is no packet.
 constexpr std::size_t kDatagramBytes = Gvcp::kMaxPacketBytes + 28;
+// Sends may find an error that an earlier one has left on the socket (the device went down, the camera's host has said
+// that nobody listens): the next one tells whether this packet can be sent.
+constexpr int kSendTries = 2;
 
 sockaddr_in AddressOf(std::uint32_t ip, std::uint16_t port) {
     sockaddr_in address{};
@@ -34,12 +32,25 @@ sockaddr_in AddressOf(std::uint32_t ip, std::uint16_t port) {
     return address;
 }
 
+int BindTo(int fd, std::uint32_t ip, std::uint16_t port) {
+    const sockaddr_in local = AddressOf(ip, port);
+    return ::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 ? 0 : errno;
+}
+
+// An administrator is given what is asked for, others what the kernel allows everybody.
+void SetBuffer(int fd, int forced, int usual, int octets) {
+    if (octets == 0) return;
+    if (::setsockopt(fd, SOL_SOCKET, forced, &octets, sizeof octets) != 0) {
+        ::setsockopt(fd, SOL_SOCKET, usual, &octets, sizeof octets);
+    }
+}
+
+bool IsFull(int error) { return error == EAGAIN || error == ENOBUFS; }
+
 }  // namespace
 
-UdpPort::UdpPort(int interface, FileDescriptor socket, std::uint16_t localPort)
-    : m_interface(interface), m_socket(std::move(socket)), m_localPort(localPort) {}
-
-int UdpPort::Open(const NetworkInterface& interface, std::shared_ptr<UdpPort>* port, std::string* where) {
+int UdpSocket::Open(const NetworkInterface& interface, const SocketOptions& options, std::shared_ptr<UdpSocket>* socket,
+                    std::string* where) {
     *where = "socket";
     FileDescriptor fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.IsOpen()) return errno;
@@ -48,7 +59,6 @@ int UdpPort::Open(const NetworkInterface& interface, std::shared_ptr<UdpPort>* p
     *where = "SO_BROADCAST";
     if (::setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) return errno;
 
-    // Requests leave on this interface only, and broadcast acknowledges arrive: both need the device and no address.
     // The name could have changed since it was read; the kernel then answers ENODEV and the next look finds the new
     // one.
     *where = "SO_BINDTODEVICE";
@@ -56,41 +66,59 @@ int UdpPort::Open(const NetworkInterface& interface, std::shared_ptr<UdpPort>* p
                      static_cast<socklen_t>(interface.name.size())) != 0) {
         return errno;
     }
+    // Smaller buffers only lose more of a flood.
+    SetBuffer(fd.Get(), SO_RCVBUFFORCE, SO_RCVBUF, options.receiveBuffer);
+    SetBuffer(fd.Get(), SO_SNDBUFFORCE, SO_SNDBUF, options.sendBuffer);
 
-    // Smaller buffers only lose more of a flood. An administrator is given what is asked for, others what the kernel
-    // allows everybody.
-    if (::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferBytes, sizeof kReceiveBufferBytes) != 0) {
-        ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes, sizeof kReceiveBufferBytes);
-    }
-    ::setsockopt(fd.Get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
-
-    // On loopback a socket without an address would send from 0.0.0.0, where nobody can answer.
+    const std::shared_ptr<UdpSocket> opened(new UdpSocket(interface.index, std::move(fd)));
     *where = "bind";
-    const sockaddr_in local = AddressOf(interface.loopback ? INADDR_LOOPBACK : INADDR_ANY, 0);
-    if (::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) return errno;
-
+    int error = opened->Bind(interface, options);
+    if (error != 0) return error;
+    if (options.peer) {
+        *where = "connect";
+        const sockaddr_in peer = AddressOf(*options.peer, Gvcp::kPort);
+        if (::connect(opened->GetFd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) return errno;
+    }
     *where = "getsockname";
+    error = opened->ReadLocalEnd();
+    if (error == 0) *socket = opened;
+    return error;
+}
+
+int UdpSocket::Bind(const NetworkInterface& interface, const SocketOptions& options) {
+    // On loopback a socket without an address would send from 0.0.0.0, where nobody can answer.
+    const std::uint32_t ip = interface.loopback ? INADDR_LOOPBACK : INADDR_ANY;
+    if (options.preferredPort != 0 && BindTo(GetFd(), ip, options.preferredPort) == 0) return 0;
+    if (!options.ports) return BindTo(GetFd(), ip, 0);
+    int error = EADDRINUSE;
+    for (std::uint32_t port = options.ports->first; port <= options.ports->last && error == EADDRINUSE; ++port) {
+        error = BindTo(GetFd(), ip, static_cast<std::uint16_t>(port));
+    }
+    return error;
+}
+
+int UdpSocket::ReadLocalEnd() {
     sockaddr_in bound{};
     socklen_t size = sizeof bound;
-    if (::getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&bound), &size) != 0) return errno;
-
-    *port = std::shared_ptr<UdpPort>(new UdpPort(interface.index, std::move(fd), ntohs(bound.sin_port)));
+    if (::getsockname(GetFd(), reinterpret_cast<sockaddr*>(&bound), &size) != 0) return errno;
+    m_localPort = ntohs(bound.sin_port);
+    m_localAddress = ntohl(bound.sin_addr.s_addr);
     return 0;
 }
 
-int UdpPort::Send(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint32_t from) const {
+int UdpSocket::Send(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint32_t from) const {
     return SendTo(packet, to, Gvcp::kPort, from);
 }
 
-int UdpPort::Knock(std::uint32_t to, std::uint32_t from) const {
+int UdpSocket::TriggerArp(std::uint32_t to, std::uint32_t from) const {
     const std::uint8_t nothing = 0;
     const int error = SendTo({&nothing, 1}, to, kDiscardPort, from);
     // A firewall that lets out GVCP and little else must not keep the question from being asked.
     return error == EPERM ? SendTo({&nothing, 1}, to, Gvcp::kPort, from) : error;
 }
 
-int UdpPort::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint16_t toPort,
-                    std::uint32_t from) const {
+int UdpSocket::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, std::uint16_t toPort,
+                      std::uint32_t from) const {
     sockaddr_in address = AddressOf(to, toPort);
     iovec data{const_cast<std::uint8_t*>(packet.data()), packet.size()};
     msghdr message{};
@@ -111,20 +139,30 @@ int UdpPort::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, std:
         info.ipi_spec_dst.s_addr = htonl(from);
         std::memcpy(CMSG_DATA(header), &info, sizeof info);
     }
-    // A device that went down leaves its error on the socket for the next call, whatever that call is: the second send
-    // tells whether this one can be made.
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < kSendTries; ++i) {
         ssize_t sent;
         do {
             sent = ::sendmsg(m_socket.Get(), &message, MSG_DONTWAIT);
         } while (sent < 0 && errno == EINTR);
         if (sent >= 0) return 0;
-        if (errno == EAGAIN || errno == ENOBUFS) break;
+        if (IsFull(errno)) break;
     }
     return errno;
 }
 
-std::size_t UdpPort::Drain(std::size_t budget, DatagramHandler& handler) {
+int UdpSocket::SendToPeer(std::span<const std::uint8_t> packet) const {
+    for (int i = 0; i < kSendTries; ++i) {
+        ssize_t sent;
+        do {
+            sent = ::send(m_socket.Get(), packet.data(), packet.size(), MSG_DONTWAIT);
+        } while (sent < 0 && errno == EINTR);
+        if (sent >= 0) return 0;
+        if (IsFull(errno)) break;
+    }
+    return errno;
+}
+
+std::size_t UdpSocket::Drain(std::size_t budget, DatagramHandler& handler) {
     std::array<std::array<std::uint8_t, kDatagramBytes>, kBatch> buffers;
     std::array<sockaddr_in, kBatch> senders;
     std::array<iovec, kBatch> data;
@@ -158,14 +196,14 @@ std::size_t UdpPort::Drain(std::size_t budget, DatagramHandler& handler) {
     return taken;
 }
 
-void UdpPort::WaitReadable(TimePoint deadline, int stopFd) const {
-    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return;
-    timespec limit{};
-    limit.tv_sec = static_cast<std::time_t>(left / 1'000'000'000);
-    limit.tv_nsec = static_cast<long>(left % 1'000'000'000);
-    std::array<pollfd, 2> fds{pollfd{m_socket.Get(), POLLIN, 0}, pollfd{stopFd, POLLIN, 0}};
-    ::ppoll(fds.data(), fds.size(), &limit, nullptr);
+std::size_t UdpSocket::ReceiveFromPeer(std::span<std::uint8_t> buffer) const {
+    // Errors that earlier packets have met come off one at a time; they say no more than silence does.
+    for (int i = 0; i < 4; ++i) {
+        const ssize_t size = ::recv(m_socket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+        if (size >= 0) return static_cast<std::size_t>(size) <= buffer.size() ? static_cast<std::size_t>(size) : 0;
+        if (errno == EAGAIN) return 0;
+    }
+    return 0;
 }
 
 }  // namespace Nimbrel2::Platform::GigE
