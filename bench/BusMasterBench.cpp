@@ -25,6 +25,10 @@ struct BusMasterTestAccess {
     }
     static Error Get1394Cameras(std::vector<BusMasterHandle*>* list) { return BusMaster::Get1394Cameras(list); }
     static void FreeCameraList(std::vector<BusMasterHandle*>* list) { BusMaster::FreeCameraList(list); }
+    static void SignalBusReset(BusMaster& busMaster) {
+        const boost::unique_lock<boost::mutex> lock(busMaster.m_members->m_busMasterMutex);
+        busMaster.m_members->SignalCallbacks(busMaster.m_members->m_busResetCallbacks, 0);
+    }
 };
 
 namespace Bench {
@@ -254,6 +258,63 @@ void BareWakeToCallback(benchmark::State& state) {
     }
 }
 BENCHMARK(BareWakeToCallback)->Unit(benchmark::kMicrosecond)->UseManualTime();
+
+// ---- Unregistering beside slow callbacks ---------------------------------------------------------------------------
+
+constexpr milliseconds SlowCallback{20};
+constexpr unsigned int QueuedCallbacks = 50;
+
+// The first call takes its time; those that are queued behind it would too, but for the end of the measurement.
+struct SlowCalls {
+    std::atomic<bool> hasBegun{false};
+    std::atomic<bool> hurry{false};
+
+    static void Run(void* data, unsigned int) {
+        auto* const calls = static_cast<SlowCalls*>(data);
+        calls->hasBegun = true;
+        calls->hasBegun.notify_one();
+        if (!calls->hurry) {
+            std::this_thread::sleep_for(SlowCallback);
+        }
+    }
+    static void DoNothing(void*, unsigned int) {}
+};
+
+void UnregisterBesideQueuedCallbacks(benchmark::State& state) {
+    AttachCameras(0, 0, 0);
+    SlowCalls calls;
+    BusMaster busMaster;
+    void* slow = nullptr;
+    if (!Start(busMaster, state) || busMaster.RegisterCallback(&SlowCalls::Run, BUS_RESET, &calls, &slow) != ERROR_OK) {
+        return;
+    }
+    for (auto _ : state) {
+        void* handle = nullptr;
+        busMaster.RegisterCallback(&SlowCalls::DoNothing, ARRIVAL, nullptr, &handle);
+        calls.hurry = false;
+        calls.hasBegun = false;
+        for (unsigned int i = 0; i < 1 + QueuedCallbacks; ++i) {
+            BusMasterTestAccess::SignalBusReset(busMaster);
+        }
+        calls.hasBegun.wait(false);
+        const Clock::time_point start = Clock::now();
+        if (busMaster.UnregisterCallback(handle) != ERROR_OK) {
+            state.SkipWithError("the callback was not unregistered");
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        calls.hurry = true;
+        busMaster.WaitUntilQuiet(60000);
+    }
+}
+BENCHMARK(UnregisterBesideQueuedCallbacks)->Unit(benchmark::kMicrosecond)->UseManualTime()->Iterations(5);
+
+void OneSlowCallback(benchmark::State& state) {
+    SlowCalls calls;
+    for (auto _ : state) {
+        SlowCalls::Run(&calls, 0);
+    }
+}
+BENCHMARK(OneSlowCallback)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(5);
 
 // ---- Look-ups -----------------------------------------------------------------------------------------------------
 

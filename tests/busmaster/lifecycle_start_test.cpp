@@ -435,6 +435,32 @@ TEST_P(LifecycleHungStart, ThatAnotherStartHasReplacedEndsSilentlyAndFreesWhatIt
     EXPECT_TRUE(WaitUntilIdle());
 }
 
+TEST_P(LifecycleHungStart, ThatAnotherStartHasReplacedEndsSilentlyThoughItFails) {
+    AttachSome();
+    Construct();
+    Hang();
+    hal.Fail(GetParam(), 1, HAL_FAILED);
+    hal.Fail("HAL_1394DeregisterBusEvents", 1, HAL_FAILED);
+    hal.Fail("HAL_UsbDeregisterBusEvents", 1, HAL_FAILED);
+    hal.Fail("HAL_GigEDeregisterBusEvents", 1, HAL_FAILED);
+    StartAndGiveUp();
+    traces.Clear();
+
+    Error second;
+    std::thread starter([&] { second = busMaster->Initialize(); });
+    ASSERT_TRUE(traces.WaitFor("Starting BusMaster worker thread"));
+    hung->Open();
+    starter.join();
+    EXPECT_TRUE(second == ERROR_OK) << second.Describe();
+    ASSERT_TRUE(WaitUntilIdle());
+    // The object's share, the one by which events find it, and the second worker's: the late one has ended.
+    ASSERT_TRUE(Eventually([this] { return members.use_count() == 3; }));
+    EXPECT_EQ(3U, hal.RegistrationsOutstanding());
+    EXPECT_EQ(4U, hal.EntriesOutstanding());
+    EXPECT_TRUE(busMaster->GetInitialized());
+    EXPECT_EQ(0U, CountContaining(traces.Lines(), "Failed"));
+}
+
 TEST_P(LifecycleHungStart, ThatTheDestructorDidNotWaitForFreesEverything) {
     AttachSome();
     Construct();

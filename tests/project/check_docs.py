@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Fails when the README's program is not, to the letter, the example that is compiled, when a link in the documents
+"""Fails when the README's programs are not, to the letter, the examples that are compiled, when a link in the documents
 leads nowhere, or when a decision is missing from its index: check_docs.py ROOT"""
 import difflib
 import pathlib
@@ -10,15 +10,19 @@ import sys
 LINK = re.compile(r"\]\(([^)#:]+)(?:#[^)]*)?\)")
 
 
-def check_program(root):
-    example = (root / "examples/list_cameras.cpp").read_text()
+EXAMPLES = ["examples/list_cameras.cpp", "examples/read_register.cpp"]
+
+
+def check_programs(root):
     blocks = re.findall(r"^```cpp\n(.*?)^```$", (root / "README.md").read_text(), re.S | re.M)
-    if len(blocks) != 1:
-        return [f"README.md has {len(blocks)} blocks of C++, not one"]
-    # The licence line and the two lines under it are for readers of the file.
-    shown = "".join(line for line in example.splitlines(True) if not line.startswith("//")).lstrip("\n")
-    return list(difflib.unified_diff(shown.splitlines(), blocks[0].splitlines(), "examples/list_cameras.cpp",
-                                     "README.md", lineterm=""))
+    if len(blocks) != len(EXAMPLES):
+        return [f"README.md has {len(blocks)} blocks of C++, not {len(EXAMPLES)}"]
+    found = []
+    for name, block in zip(EXAMPLES, blocks):
+        # The licence line and the lines under it are for readers of the file.
+        shown = "".join(line for line in (root / name).read_text().splitlines(True) if not line.startswith("//"))
+        found += difflib.unified_diff(shown.lstrip("\n").splitlines(), block.splitlines(), name, "README.md", lineterm="")
+    return found
 
 
 def check_links(documents):
@@ -36,7 +40,7 @@ def main():
     root = pathlib.Path(sys.argv[1])
     documents = [path for path in root.glob("*.md")] + [path for top in ("docs", "src", "tests", "tools", "examples")
                                                         for path in (root / top).rglob("*.md")]
-    found = check_program(root) + check_links(documents) + check_index(root / "docs/decisions")
+    found = check_programs(root) + check_links(documents) + check_index(root / "docs/decisions")
     if found:
         sys.exit("\n".join(found))
     print(f"{len(documents)} documents are in order")

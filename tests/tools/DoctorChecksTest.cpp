@@ -108,7 +108,7 @@ TEST_F(DoctorChecks, StandEveryEmptyExamination) {
     for (const auto check : GigEChecks()) check(examined);
     EXPECT_THAT(ExpectWrong(CheckInterfaces).evidence, HasSubstr("no network interface that cameras could be on"));
     examined.status = HAL_PERMISSION;
-    EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("not permitted"));
+    EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("permission denied"));
     EXPECT_THAT(CheckInterfaces(examined), IsEmpty()) << "nothing is known of them";
     examined.status = HAL_OK;
     examined.diagnosis.error = EPERM;

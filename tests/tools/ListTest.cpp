@@ -150,7 +150,7 @@ TEST(List, ShowsTheOtherBusesAndFailsWhenOneCannotBeSearched) {
     const ProgramResult result = ScriptedComputer(script).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(Json::parse(result.output)["cameras"].size(), 1u);
-    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: this user is not permitted to (status 3)\n");
+    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied (status 3)\n");
     EXPECT_EQ(ScriptedComputer(script).Run({"list", "--wait", "1"}).exitStatus, 0) << "who was asked for is there";
 }
 

@@ -158,7 +158,7 @@ TEST(CameraArgument, OfABusThatCannotBeSearchedFailsAndSaysThatToo) {
         RigComputer(OneOfEach(Fault("HAL_UsbGetCameras", 3, 1) + "," + Fault("HAL_UsbGetCameras", 3, 2)))
             .Run({"usb-link", "22"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("USB cannot be searched: this user is not permitted to (status 3)"),
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("USB cannot be searched: permission denied (status 3)"),
                                      HasSubstr("no camera has the serial number 22; listed are 17 and 33")));
 }
 

@@ -372,7 +372,7 @@ TEST(Topology, ShowsTheOtherBusesAndFailsWhenOneCannotBeSearched) {
     const ProgramResult result = ScriptedComputer({"gige 1 10.0.0.1 V M", "fail usb 3"}).Run({"topology", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(NodesOf(Json::parse(result.output)), SizeIs(3));
-    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: this user is not permitted to (status 3)\n");
+    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied (status 3)\n");
 }
 
 // ---- Where to ------------------------------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "common/HalStatus.h"
 #include "hal/HAL.h"
 #include "tools/nimbrel/Cameras.h"
 
@@ -30,34 +31,7 @@ constexpr Bus kBuses[] = {
 }  // namespace
 
 std::string DescribeStatus(std::uint32_t status) {
-    static const std::array<const char*, 24> texts = [] {
-        std::array<const char*, 24> array{};
-        array[HAL_OK] = "done";
-        array[HAL_FAILED] = "failed";
-        array[HAL_INVALID_ARGUMENT] = "a value is out of its range";
-        array[HAL_PERMISSION] = "this user is not permitted to";
-        array[HAL_GONE] = "the device is gone";
-        array[HAL_PHY_WRITE_NOT_IMPLEMENTED] = "this computer has no way to write a PHY register";
-        array[HAL_BUSY] = "busy, to be tried again later";
-        array[HAL_TIMED_OUT] = "no answer in time";
-        array[HAL_NO_BUS] = "this computer has no such bus, or no network interface is up";
-        array[HAL_CLOSED] = "the buses are closed";
-        array[HAL_OUT_OF_MEMORY] = "out of memory, threads or file descriptors";
-        array[HAL_NO_ACKNOWLEDGE] = "nobody acknowledged";
-        array[HAL_NOT_SUPPORTED] = "this kind of device cannot do that";
-        array[HAL_BAD_ANSWER] = "the answer was malformed";
-        array[HAL_BUS_CHANGED] = "the bus changed meanwhile";
-        array[HAL_NO_SUCH_REGISTER] = "the device has no such register";
-        array[HAL_WRITE_PROTECTED] = "the register is write-protected";
-        array[HAL_ACCESS_DENIED] = "another application holds the device";
-        array[HAL_REFUSED] = "the device refused";
-        array[HAL_NO_TREE] = "there is no tree to show";
-        array[HAL_UNREACHABLE] = "unreachable: no route, or the network interface is down";
-        array[HAL_ARRAY_TOO_SMALL] = "more answers than there is room for";
-        return array;
-    }();
-    const bool known = status < texts.size() && texts[status] != nullptr;
-    return (known ? texts[status] : "failed") + std::string(" (status ") + std::to_string(status) + ")";
+    return HalStatusText(status) + std::string(" (status ") + std::to_string(status) + ")";
 }
 
 std::vector<std::string> FindFailedBuses(BusMaster& busMaster,

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -25,6 +26,7 @@
 #include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/TopologyCommand.h"
+#include "tools/nimbrel/TraceLog.h"
 #include "tools/nimbrel/UsbLinkCommand.h"
 #include "tools/nimbrel/UsbPortCommand.h"
 #include "tools/nimbrel/WatchCommand.h"
@@ -61,11 +63,39 @@ std::string ProgramName(const CLI::App& app) {
 
 int Complain(const CLI::App& app, const std::string& text, ExitStatus status) {
     const std::string name = ProgramName(app);
+    TraceLog::Write("exit status " + std::to_string(status) + ": " + text);
     WriteError(name + ": " + text + "\n" + (status == kUsage ? "`" + name + " --help` tells what is possible.\n" : ""));
     return status;
 }
 
-void Declare(CLI::App& app, CommandContext& context) {
+// What the library traces, for every command, before its name or after it.
+struct LogOptions {
+    bool verbose = false;
+    std::optional<std::string> file;
+};
+
+void AddLogOptions(CLI::App& app, LogOptions& options) {
+    app.add_flag("-v,--verbose", options.verbose, "Print what the library does to standard error.");
+    CommandContext::AddValue(app, "--log", "FILE",
+                             "Append what the library does to this file, with\ntime and thread: good for bug reports.",
+                             [&options](const std::string& file) {
+                                 if (options.file && *options.file != file) {
+                                     throw CommandError("--log: given twice, with different files", kUsage);
+                                 }
+                                 options.file = file;
+                             });
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) AddLogOptions(*command, options);
+}
+
+void StartLog(const LogOptions& options, int argc, const char* const* argv) {
+    if (options.verbose) TraceLog::ToStandardError();
+    if (options.file) TraceLog::ToFile(*options.file);
+    std::string line = "nimbrel " NIMBREL2_VERSION ":";
+    for (int i = 1; i < argc; ++i) line += std::string(" ") + argv[i];
+    TraceLog::Write(line);
+}
+
+void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     app.set_version_flag("--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
     app.set_help_flag("-h,--help", "Print this help and end.");
     app.require_subcommand(0, 1);  // that one is there is checked below, or a misspelt one would go unnamed
@@ -89,6 +119,8 @@ void Declare(CLI::App& app, CommandContext& context) {
     // They may stand before the command as well. After the commands, which would inherit the group.
     app.option_defaults()->group(kBusOptions);
     context.AddBusOptions(app);
+    app.option_defaults()->group("Options");
+    AddLogOptions(app, log);
 }
 
 // An option in front of a command that does not have it would do nothing.
@@ -103,7 +135,7 @@ void CheckBusOptions(const CLI::App& app) {
     }
 }
 
-int Run(CLI::App& app, CommandContext& context, int argc, const char* const* argv) {
+int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -117,6 +149,7 @@ int Run(CLI::App& app, CommandContext& context, int argc, const char* const* arg
     }
     if (!context.GetAction()) return Complain(app, "a command is needed", kUsage);
     CheckBusOptions(app);
+    StartLog(log, argc, argv);
     return context.GetAction()();
 }
 
@@ -129,8 +162,11 @@ int RunProgram(int argc, const char* const* argv) {
     try {
         UseLocaleOfUser();
         CommandContext context;
-        Declare(app, context);
-        return Run(app, context, argc, argv);
+        LogOptions log;
+        Declare(app, context, log);
+        const int status = Run(app, context, log, argc, argv);
+        TraceLog::Write("exit status " + std::to_string(status));
+        return status;
     } catch (const CommandError& error) {
         return Complain(app, error.what(), error.GetStatus());
     } catch (const std::exception& error) {

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/TraceLog.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -51,7 +52,7 @@ std::string Line(const std::string& text, unsigned int frame, Clock::duration go
 }  // namespace
 
 Progress::Progress(const std::string& text) : m_text(text) {
-    if (!IsTerminal()) return;
+    if (!IsTerminal() || TraceLog::IsOnStandardError()) return;
     try {
         m_thread = std::thread([this] { Draw(); });
     } catch (const std::system_error&) {

@@ -11,7 +11,7 @@
 namespace Nimbrel2::Tool {
 
 /// While it lives, standard error shows a turning stroke, the text and the seconds gone, from 0.2 s on. Nothing at all
-/// when standard error is no terminal. The line is gone when the object is.
+/// when standard error is no terminal, or has the trace. The line is gone when the object is.
 class Progress {
 public:
     explicit Progress(const std::string& text);
