@@ -78,8 +78,37 @@ protected:
         }
     }
 
+    // A slow callback runs, and this many more calls of it wait.
+    void RunOneAndQueue(unsigned int calls) {
+        Register(BUS_RESET, slow);
+        Signal(Inside().m_busResetCallbacks, 1 + calls);
+        ASSERT_TRUE(slow.WaitUntilBegun(1));
+    }
+
     bool WaitForRegistrars(std::size_t count) {
         return Eventually([&] { return Inside().m_callbackTurns.CountWaitingRegistrars() == count; });
+    }
+
+    // These return when the registrar waits for its turn.
+    std::future<Error> RegisterElsewhere() {
+        std::future<Error> registered = std::async(std::launch::async, [this] {
+            void* handle = nullptr;
+            return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
+        });
+        EXPECT_TRUE(WaitForRegistrars(1));
+        return registered;
+    }
+    std::future<Error> UnregisterElsewhere(void* handle) {
+        std::future<Error> unregistered =
+            std::async(std::launch::async, [this, handle] { return busMaster->UnregisterCallback(handle); });
+        EXPECT_TRUE(WaitForRegistrars(1));
+        return unregistered;
+    }
+
+    // Answered in time, and well.
+    void ExpectPasses(std::future<Error>& registrar) {
+        EXPECT_EQ(std::future_status::ready, registrar.wait_for(TestDeadline)) << (slow.LetEnd(Many), "it starves");
+        EXPECT_OK(registrar.get());
     }
 
     unsigned int CallbackThreads() {
@@ -87,49 +116,31 @@ protected:
         return Inside().m_callbacksLeft;
     }
 
-    static bool IsReady(const std::future<Error>& answer) {
-        return answer.wait_for(TestDeadline) == std::future_status::ready;
-    }
-
     SlowCalls slow;
     SlowCalls others;
 };
 
 TEST_F(Registrars, UnregisterAfterTheOneCallThatRunsHoweverManyAreQueued) {
-    Register(BUS_RESET, slow);
     void* const handle = Register(ARRIVAL, others);
-    Signal(Inside().m_busResetCallbacks, 51);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> unregistered =
-        std::async(std::launch::async, [&] { return busMaster->UnregisterCallback(handle); });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    RunOneAndQueue(50);
+    std::future<Error> unregistered = UnregisterElsewhere(handle);
     slow.LetEnd(1);
-    ASSERT_TRUE(IsReady(unregistered));
-    EXPECT_OK(unregistered.get());
+    ExpectPasses(unregistered);
     EXPECT_EQ(1U, slow.Ended());
     EXPECT_TRUE(Eventually([&] { return CallbackThreads() == 50; }));
 }
 
 TEST_F(Registrars, RegisterAfterTheOneCallThatRunsHoweverManyAreQueued) {
-    Register(BUS_RESET, slow);
-    Signal(Inside().m_busResetCallbacks, 51);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> registered = std::async(std::launch::async, [&] {
-        void* handle = nullptr;
-        return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
-    });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    RunOneAndQueue(50);
+    std::future<Error> registered = RegisterElsewhere();
     slow.LetEnd(1);
-    ASSERT_TRUE(IsReady(registered));
-    EXPECT_OK(registered.get());
+    ExpectPasses(registered);
     EXPECT_EQ(1U, slow.Ended());
 }
 
 TEST_F(Registrars, PassOneForEachCallThatEndsSoThatNeitherStarves) {
     constexpr unsigned int Pairs = 6;
-    Register(BUS_RESET, slow);
-    Signal(Inside().m_busResetCallbacks, 1 + Pairs);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
+    RunOneAndQueue(Pairs);
     std::atomic<unsigned int> passed{0};
     std::vector<std::future<void>> registrars;
     for (unsigned int i = 0; i < Pairs; ++i) {
@@ -154,14 +165,8 @@ TEST_F(Registrars, PassOneForEachCallThatEndsSoThatNeitherStarves) {
 
 // Once the callback has ended they need nothing but the end of the running cycle: no further callback comes between.
 TEST_F(Registrars, KeepTheirTurnWhileTheyWaitForACycle) {
-    Register(BUS_RESET, slow);
-    Signal(Inside().m_busResetCallbacks, 2);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> registered = std::async(std::launch::async, [&] {
-        void* handle = nullptr;
-        return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
-    });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    RunOneAndQueue(1);
+    std::future<Error> registered = RegisterElsewhere();
     {
         const Lock cycle(Inside().m_busMasterMutex);
         slow.LetEnd(1);
@@ -170,8 +175,7 @@ TEST_F(Registrars, KeepTheirTurnWhileTheyWaitForACycle) {
         EXPECT_EQ(1U, slow.Begun());
         EXPECT_EQ(1U, Inside().m_callbackTurns.CountQueuedCalls());
     }
-    ASSERT_TRUE(IsReady(registered));
-    EXPECT_OK(registered.get());
+    ExpectPasses(registered);
     EXPECT_TRUE(slow.WaitUntilBegun(2));
 }
 
@@ -190,8 +194,7 @@ TEST_F(Registrars, GetThroughAStormOfResets) {
         std::future<Error> registered = std::async(std::launch::async, [&] {
             return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
         });
-        EXPECT_TRUE(IsReady(registered));
-        EXPECT_OK(registered.get());
+        ExpectPasses(registered);
         EXPECT_OK(busMaster->UnregisterCallback(handle));
     }
     stop = true;
@@ -206,12 +209,9 @@ TEST_F(Registrars, EndTheQueuedCallsOfTheHandleTheyTakeBack) {
     Signal(Inside().m_arrivalCallbacks, 3);
     Signal(Inside().m_busResetCallbacks, 25);
     ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> unregistered =
-        std::async(std::launch::async, [&] { return busMaster->UnregisterCallback(handle); });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    std::future<Error> unregistered = UnregisterElsewhere(handle);
     slow.LetEnd(1);
-    ASSERT_TRUE(IsReady(unregistered));
-    EXPECT_OK(unregistered.get());
+    ExpectPasses(unregistered);
     ASSERT_TRUE(others.WaitUntilBegun(1));
     // That one never ends by itself, and yet the 50 calls that were queued behind and before it are over.
     EXPECT_TRUE(Eventually([&] { return CallbackThreads() == 3; }));
@@ -224,39 +224,29 @@ TEST_F(Registrars, LeaveTheQueuedCallsOfOtherHandlesAlone) {
     void* const other = Register(BUS_RESET, others);
     Signal(Inside().m_busResetCallbacks, 5);
     ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> unregistered =
-        std::async(std::launch::async, [&] { return busMaster->UnregisterCallback(other); });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    std::future<Error> unregistered = UnregisterElsewhere(other);
     slow.LetEnd(5);
-    EXPECT_OK(unregistered.get());
+    ExpectPasses(unregistered);
     EXPECT_TRUE(WaitUntilIdle());
     EXPECT_EQ(5U, slow.Ended());
     EXPECT_EQ(0U, others.Begun());
 }
 
 TEST_F(Registrars, AreNotWaitedForByTheWorker) {
-    Register(BUS_RESET, slow);
-    Signal(Inside().m_busResetCallbacks, 1);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
-    std::future<Error> registered = std::async(std::launch::async, [&] {
-        void* handle = nullptr;
-        return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
-    });
-    ASSERT_TRUE(WaitForRegistrars(1));
+    RunOneAndQueue(0);
+    std::future<Error> registered = RegisterElsewhere();
     const std::size_t listings = Listings();
     RaiseReset();
     EXPECT_TRUE(Eventually([&] { return Listings() > listings; }));
     slow.LetEnd(Many);
-    EXPECT_OK(registered.get());
+    ExpectPasses(registered);
 }
 
 // ---- The destructor ------------------------------------------------------------------------------------------------
 
 TEST_F(Registrars, TheDestructorWaitsForTheOneCallThatRunsHoweverManyAreQueued) {
-    Register(BUS_RESET, slow);
+    RunOneAndQueue(50);
     GetDeadlines().lockAtDestruction = boost::posix_time::seconds(20);
-    Signal(Inside().m_busResetCallbacks, 51);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
     const boost::shared_ptr<Members> share = members.lock();
     std::thread destroyer = DestroyElsewhere();
     ASSERT_TRUE(Eventually([&] { return share->m_callbackTurns.CountWaitingRegistrars() == 1; }));
@@ -267,10 +257,8 @@ TEST_F(Registrars, TheDestructorWaitsForTheOneCallThatRunsHoweverManyAreQueued) 
 }
 
 TEST_F(Registrars, TheDestructorEndsQueuedCallsBehindOneThatNeverEnds) {
-    Register(BUS_RESET, slow);
+    RunOneAndQueue(50);
     GetDeadlines().lockAtDestruction = milliseconds(20);
-    Signal(Inside().m_busResetCallbacks, 51);
-    ASSERT_TRUE(slow.WaitUntilBegun(1));
     const boost::shared_ptr<Members> share = members.lock();
     Destroy();
     EXPECT_EQ(1U, traces.Count("Leaving the callbacks to a thread that still runs one."));

@@ -19,7 +19,7 @@ def compile_alone(command, source, header):
     """What the compiler says about a file that holds nothing but this include, and includes it twice."""
     text = f'#include "{header}"\n' * 2
     result = subprocess.run([*command, *WARNINGS, f"-I{source}", "-"], input=text, text=True, stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT, timeout=120)
+                            stderr=subprocess.STDOUT)
     return result.stdout if result.returncode else ""
 
 
