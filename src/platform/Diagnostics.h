@@ -153,8 +153,7 @@ struct GigEDiagnosis {
     std::vector<CameraDiagnosis> cameras;
 };
 
-// ---- Searches
-// ----------------------------------------------------------------------------------------------------------------
+// ---- Searches ------------------------------------------------------------------------------------------------------
 
 /// A network interface that should have been searched and was not.
 struct GigESearchProblem {
@@ -225,8 +224,7 @@ struct GigEHearing {
     std::vector<MutedCamera> muted;
 };
 
-// ---- Addresses
-// ---------------------------------------------------------------------------------------------------------------
+// ---- Addresses -----------------------------------------------------------------------------------------------------
 
 /// What automatic addressing would do to one camera, and why.
 struct AddressPlan {
@@ -280,12 +278,12 @@ struct AddressHolder {
     std::string interfaceName;
 };
 
-// ---- Questions
-// ---------------------------------------------------------------------------------------------------------------
+// ---- Questions -----------------------------------------------------------------------------------------------------
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
-/// @param askControl  Asks each listed camera too who controls it and how large its packets are: four register reads
-///                    each, one camera after another. One that does not answer takes its time-out of 0.6 s.
+/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Those
+/// that
+///                    do not answer are waited for half a second, once.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.

@@ -247,8 +247,7 @@ TEST_F(GigERegisters, OfACameraThatIsPendingForEverAreTreatedAsThoseOfAMuteOne) 
 
 TEST_F(GigERegisters, OfACameraThatIsAlwaysLateAreNotWaitedForEachTime) {
     // Each answer comes when the next listing has begun.
-    std::vector<Request> late;
-    Use([&](HostileDevice& device, const Request& request) {
+    Use([late = std::vector<Request>()](HostileDevice& device, const Request& request) mutable {
         for (const Request& asked : late) Behave(device, asked);
         late.assign(1, request);
     });

@@ -198,7 +198,8 @@ std::vector<SightingView> Discovery::Judge(const Collected& heard) {
         view.record = answer.record;
         view.usability = m_parts.interfaces.Judge(view.interface, view.record);
         view.lastHeard = answer.at;
-        if (view.usability == GigEUsability::Usable && !m_parts.presence.Find(view)) {
+        // Those that cannot be used too, for a diagnosis: where a filter is on, only this search has heard them.
+        if (!m_parts.presence.Find(view)) {
             m_parts.presence.HeardBroadcast({view.interface, answer.from, answer.record, view.usability}, now, &probes);
         }
         views.push_back(view);
