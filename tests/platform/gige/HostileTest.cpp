@@ -137,7 +137,7 @@ std::vector<WrongAnswer> WrongAnswers() {
                  device.Answer(request, right);
              }
          }},
-        {"Empty", [](auto& device, auto& request, Bytes) { device.Answer(request, {}); }},
+        {"Empty", [](auto& device, auto& request, const Bytes&) { device.Answer(request, {}); }},
     };
 }
 

@@ -16,6 +16,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/base/StartThread.h"
+
 namespace Nimbrel2::Testing {
 
 void Refuse(int call, int argument, std::uint32_t value, int argument2, std::uint32_t value2) {
@@ -46,6 +48,8 @@ void Refuse(int call, int argument, std::uint32_t value, int argument2, std::uin
 }
 
 NoMoreDescriptors::NoMoreDescriptors() {
+    // UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time: here a thread's.
+    Platform::StartThread("first", [] {}).join();
     getrlimit(RLIMIT_NOFILE, &m_before);
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(next);
