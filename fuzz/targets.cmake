@@ -9,3 +9,6 @@ nimbrel2_fuzz_target(usb_topology LINKS nimbrel2_topology
   SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UsbTopologyFuzz.cpp ${PROJECT_SOURCE_DIR}/tests/topology/TreeSupport.cpp)
 nimbrel2_fuzz_target(udp_in_ip SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UdpInIpFuzz.cpp LINKS nimbrel2_linux_gige)
 nimbrel2_fuzz_target(netlink_messages SOURCES ${PROJECT_SOURCE_DIR}/fuzz/NetlinkMessagesFuzz.cpp LINKS nimbrel2_base)
+nimbrel2_fuzz_target(arp_owner SOURCES ${PROJECT_SOURCE_DIR}/fuzz/ArpOwnerFuzz.cpp LINKS nimbrel2_linux_gige)
+nimbrel2_fuzz_target(gvcp_reply SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpReplyFuzz.cpp LINKS nimbrel2_linux_gige)
+nimbrel2_fuzz_target(netstat SOURCES ${PROJECT_SOURCE_DIR}/fuzz/NetstatFuzz.cpp LINKS nimbrel2_base)
