@@ -23,6 +23,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/UsbInterface.h
     common/ZevoGuid.h
     hal/HAL.h
+    platform/BusMap.h
     platform/Diagnostics.h
     platform/Platform.h
     platform/SimulatedComputer.h

@@ -80,6 +80,7 @@ struct InterfaceDiagnosis {
     std::uint16_t localPort = 0;
     int rpFilterOfAll = 0;  ///< the reverse path filter in force is the larger of the two: 0 off, 1 strict, 2 loose
     int rpFilterOfIt = 0;
+    std::uint32_t linkSpeed = 0;      ///< Mbit/s; 0 when that is not known
     std::uint32_t receiveBuffer = 0;  ///< octets that the socket holds; 0 when that is not known
     std::uint32_t receiveDrops = 0;   ///< datagrams that it could not hold
 
@@ -146,6 +147,13 @@ struct AddressPlan {
     /// what kept the driver from asking whose the addresses are. HAL_OK otherwise.
     std::uint32_t status = HAL_OK;
 };
+
+/// Whether a bus is searched. A bus that is not lists nothing and raises nothing, which to the bus master is the same as
+/// one without cameras.
+/// @return HAL_OK: it is. HAL_NO_BUS: Options say that nobody drives it. HAL_NOT_SUPPORTED: this build has no driver for
+///         it. Anything else: what kept its driver from starting. HAL_INVALID_ARGUMENT: no such bus.
+/// @par Threads  Any. No I/O.
+std::uint32_t GetBusSupport(HALInterfaceType bus);
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
 /// @param askControl  Asks each listed camera too who controls it and how large its packets are: four register reads

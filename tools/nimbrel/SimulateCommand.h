@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// `nimbrel simulate gige`: simulated GigE cameras on this computer's network interfaces, until it is told to end.
+// `nimbrel simulate`. Main thread only; the simulated network has a thread of its own.
 #ifndef NIMBREL2_TOOLS_NIMBREL_SIMULATECOMMAND_H
 #define NIMBREL2_TOOLS_NIMBREL_SIMULATECOMMAND_H
 
-#include <functional>
-
-namespace CLI {
-class App;
-}
+#include "tools/nimbrel/CommandContext.h"
 
 namespace Nimbrel2::Tool {
 
-/// Adds the subcommand. When it is chosen, setAction receives what is to run after parsing; that answers the exit
-/// status. It prints on standard output and standard error, and blocks SIGINT and SIGTERM for its duration to end on
-/// them.
-void AddSimulateCommand(CLI::App& app, std::function<void(std::function<int()>)> setAction);
+/// Adds the command. The context must outlive the app.
+void AddSimulateCommand(CLI::App& app, CommandContext& context);
 
 }  // namespace Nimbrel2::Tool
 

@@ -72,11 +72,13 @@ public:
     /// A bus error on the FireWire bus or USB host of that name.
     std::optional<std::string> FailBus(const std::string& bus);
     void AddFault(RigFault fault);
-    /// Faults whose call has not come yet.
-    std::size_t CountFaultsLeft() const;
+    /// Faults whose call has not come yet; `call` counts from now.
+    std::vector<RigFault> GetFaultsLeft() const;
 
-    /// Virtual time: delays of faults are not waited for. Off at first.
+    /// Virtual time: nothing is waited for, delays of faults and bursts of resets included. Off at first; to be chosen
+    /// before the HAL starts.
     void SetFast(bool fast);
+    bool IsFast() const;
 
     // ---- For the drivers
     // ---------------------------------------------------------------------------------------------
@@ -130,6 +132,10 @@ public:
         Report(m_gigEReports, GigEState());
         return GigEState();
     }
+
+    /// One map per bus or host, for BusMap.h.
+    std::vector<BusMap> DescribeFireWire() const;
+    std::vector<BusMap> DescribeUsb() const;
 
     /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
     std::uint32_t ResetBusOf(unsigned int card, std::uint64_t eui64);

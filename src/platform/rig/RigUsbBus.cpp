@@ -133,6 +133,14 @@ public:
         return HAL_OK;
     }
 
+    std::uint32_t Describe(std::vector<BusMap>* maps) override {
+        const std::uint32_t status = m_state->Check();
+        if (status == HAL_OK) {
+            *maps = m_state->rig->DescribeUsb();
+        }
+        return status;
+    }
+
 private:
     const std::shared_ptr<RigDriverState> m_state;
     BusEventSink& m_sink;

@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the driver knows, for people. Any thread; m_mutex while it is copied, not while the kernel and the cameras are
 // asked for the rest.
+#include <linux/ethtool.h>
+#include <linux/if.h>
 #include <linux/sock_diag.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <array>
+#include <string>
 
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/linux/gige/GigECore.h"
@@ -22,6 +27,18 @@ void ReadSocketMemory(int fd, InterfaceDiagnosis* diagnosis) {
     if (::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, values.data(), &size) != 0) return;
     diagnosis->receiveBuffer = values[SK_MEMINFO_RCVBUF];
     diagnosis->receiveDrops = values[SK_MEMINFO_DROPS];
+}
+
+// Mbit/s; 0 when the interface does not tell, as one without a cable.
+std::uint32_t ReadLinkSpeed(int fd, const std::string& name) {
+    ethtool_cmd command{};
+    command.cmd = ETHTOOL_GSET;
+    ifreq request{};
+    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    request.ifr_data = reinterpret_cast<char*>(&command);
+    if (::ioctl(fd, SIOCETHTOOL, &request) != 0) return 0;
+    const std::uint32_t speed = ethtool_cmd_speed(&command);
+    return speed == static_cast<std::uint32_t>(SPEED_UNKNOWN) ? 0 : speed;
 }
 
 }  // namespace
@@ -65,6 +82,7 @@ std::uint32_t GigECore::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
         if (!ports[i]) continue;
         entry.localPort = ports[i]->GetLocalPort();
         ReadSocketMemory(ports[i]->GetFd(), &entry);
+        entry.linkSpeed = ReadLinkSpeed(ports[i]->GetFd(), entry.interface.name);
     }
     for (std::size_t i = 0; askControl && i < listed.size(); ++i) {
         if (!diagnosis->cameras[i].listed) continue;
