@@ -25,6 +25,10 @@ struct BusMasterTestAccess {
     }
     static Error Get1394Cameras(std::vector<BusMasterHandle*>* list) { return BusMaster::Get1394Cameras(list); }
     static void FreeCameraList(std::vector<BusMasterHandle*>* list) { BusMaster::FreeCameraList(list); }
+    static void SignalBusReset(BusMaster& busMaster) {
+        const boost::unique_lock<boost::mutex> lock(busMaster.m_members->m_busMasterMutex);
+        busMaster.m_members->SignalCallbacks(busMaster.m_members->m_busResetCallbacks, 0);
+    }
 };
 
 namespace Bench {
@@ -68,7 +72,7 @@ void ListThreeSlowBuses(benchmark::State& state) {
     AttachCameras(4, 4, 4);
     SetListingTime(SlowListing, SlowListing, SlowListing);
     BusMaster busMaster;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::vector<BusMasterHandle*> cameras;
         BusMasterTestAccess::GetCameras(busMaster, cameras);
         BusMasterTestAccess::FreeCameraList(&cameras);
@@ -80,7 +84,7 @@ BENCHMARK(ListThreeSlowBuses)->Unit(benchmark::kMicrosecond)->UseRealTime()->Ite
 void ListOneSlowBus(benchmark::State& state) {
     AttachCameras(4, 0, 0);
     SetListingTime(SlowListing, {}, {});
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::vector<BusMasterHandle*> cameras;
         BusMasterTestAccess::Get1394Cameras(&cameras);
         BusMasterTestAccess::FreeCameraList(&cameras);
@@ -100,7 +104,7 @@ void Cycle512Cameras(benchmark::State& state) {
     }
     busMaster.RescanBus();
     const std::uint64_t before = CountListings();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         busMaster.RescanBus();
     }
     if (CountListings() - before != static_cast<std::uint64_t>(state.iterations())) {
@@ -144,7 +148,7 @@ BareList ListBareBuses() {
 
 void BareCycle512Cameras(benchmark::State& state) {
     const BareList kept = ListBareBuses();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         BareList fresh = ListBareBuses();
         for (const auto& camera : kept) {
             const auto same = std::find_if(fresh.begin(), fresh.end(),
@@ -191,7 +195,7 @@ void ResetToArrivalCallback(benchmark::State& state) {
         busMaster.RegisterCallback(&Arrival::OnArrival, ARRIVAL, &arrival, &registration) != ERROR_OK) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         RescanUntilListed(busMaster, 0);
         arrival.heard = false;
         AttachCameras(1, 0, 0);
@@ -245,7 +249,7 @@ private:
 void BareWakeToCallback(benchmark::State& state) {
     Arrival arrival;
     BareWorker worker(arrival);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         arrival.heard = false;
         const Clock::time_point start = Clock::now();
         worker.Wake(false);
@@ -255,6 +259,63 @@ void BareWakeToCallback(benchmark::State& state) {
 }
 BENCHMARK(BareWakeToCallback)->Unit(benchmark::kMicrosecond)->UseManualTime();
 
+// ---- Unregistering beside slow callbacks ---------------------------------------------------------------------------
+
+constexpr milliseconds SlowCallback{20};
+constexpr unsigned int QueuedCallbacks = 50;
+
+// The first call takes its time; those that are queued behind it would too, but for the end of the measurement.
+struct SlowCalls {
+    std::atomic<bool> hasBegun{false};
+    std::atomic<bool> hurry{false};
+
+    static void Run(void* data, unsigned int) {
+        auto* const calls = static_cast<SlowCalls*>(data);
+        calls->hasBegun = true;
+        calls->hasBegun.notify_one();
+        if (!calls->hurry) {
+            std::this_thread::sleep_for(SlowCallback);
+        }
+    }
+    static void DoNothing(void*, unsigned int) {}
+};
+
+void UnregisterBesideQueuedCallbacks(benchmark::State& state) {
+    AttachCameras(0, 0, 0);
+    SlowCalls calls;
+    BusMaster busMaster;
+    void* slow = nullptr;
+    if (!Start(busMaster, state) || busMaster.RegisterCallback(&SlowCalls::Run, BUS_RESET, &calls, &slow) != ERROR_OK) {
+        return;
+    }
+    for (auto _ : state) {
+        void* handle = nullptr;
+        busMaster.RegisterCallback(&SlowCalls::DoNothing, ARRIVAL, nullptr, &handle);
+        calls.hurry = false;
+        calls.hasBegun = false;
+        for (unsigned int i = 0; i < 1 + QueuedCallbacks; ++i) {
+            BusMasterTestAccess::SignalBusReset(busMaster);
+        }
+        calls.hasBegun.wait(false);
+        const Clock::time_point start = Clock::now();
+        if (busMaster.UnregisterCallback(handle) != ERROR_OK) {
+            state.SkipWithError("the callback was not unregistered");
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        calls.hurry = true;
+        busMaster.WaitUntilQuiet(60000);
+    }
+}
+BENCHMARK(UnregisterBesideQueuedCallbacks)->Unit(benchmark::kMicrosecond)->UseManualTime()->Iterations(5);
+
+void OneSlowCallback(benchmark::State& state) {
+    SlowCalls calls;
+    for (auto _ : state) {
+        SlowCalls::Run(&calls, 0);
+    }
+}
+BENCHMARK(OneSlowCallback)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(5);
+
 // ---- Look-ups -----------------------------------------------------------------------------------------------------
 
 void LookUpLastOf512BySerialNumber(benchmark::State& state) {
@@ -263,7 +324,7 @@ void LookUpLastOf512BySerialNumber(benchmark::State& state) {
     if (!Start(busMaster, state)) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ZevoGuid guid;
         if (busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {
             state.SkipWithError("the camera was not found");
@@ -280,7 +341,7 @@ void LookUpLastOf512ByGuid(benchmark::State& state) {
     if (!Start(busMaster, state) || busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         HardwareInterface* hwInterface = nullptr;
         if (busMaster.GetHwInterfaceFromGuid(guid, &hwInterface) != ERROR_OK) {
             state.SkipWithError("the camera was not found");
@@ -297,7 +358,7 @@ void LookUpLastBare(benchmark::State& state, Matches matches) {
         cameras[i]->serialNumber = i;
     }
     std::mutex mutex;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const std::lock_guard<std::mutex> lock(mutex);
         const auto found = std::find_if(cameras.begin(), cameras.end(),
                                         [&](const auto& camera) { return matches(*camera, *cameras.back()); });
@@ -334,7 +395,7 @@ void LookUpInResetStorm(benchmark::State& state) {
     });
     Clock::duration worst{};
     const Clock::time_point begin = Clock::now();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Clock::time_point start = Clock::now();
         ZevoGuid guid;
         if (busMaster.GetCameraFromSerialNumber(LastSerialNumber, &guid) != ERROR_OK) {

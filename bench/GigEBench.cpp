@@ -10,18 +10,19 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "hal/HAL.h"
 #include "platform/Platform.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/simulated/SimulatedGigENetwork.h"
+#include "tests/support/ChildProcess.h"
 
 namespace Nimbrel2::Platform {
 namespace {
@@ -29,10 +30,7 @@ namespace {
 constexpr std::uint32_t kFirstAddress = 0x7F000002;
 constexpr std::uint32_t kCurrentIpAddress = 0x24;
 
-[[noreturn]] void Give(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
+[[noreturn]] void Give(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
 void EnterNetworkOfItsOwn() {
     if (unshare(CLONE_NEWNET) != 0) Give("unshare (root is needed)");
@@ -84,7 +82,7 @@ void Reenumerate(benchmark::State& state) {
     const Cameras cameras(state.range(0));
     Cameras::StartHal(std::chrono::milliseconds(200));
     Cameras::List();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
     }
 }
@@ -95,7 +93,7 @@ BENCHMARK(Reenumerate)->Name("Reenumerate128")->Arg(128)->Unit(benchmark::kMilli
 
 void DiscoverFirst(benchmark::State& state) {
     const Cameras cameras(state.range(0));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         Cameras::StartHal(std::chrono::milliseconds(1000));
         if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
         state.PauseTiming();
@@ -158,7 +156,7 @@ private:
 
 void DiscoverFirstUnderSteadyAnswers(benchmark::State& state) {
     const TalkativeCamera camera(INADDR_LOOPBACK);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         Cameras::StartHal(std::chrono::milliseconds(1000));
         if (Cameras::List() != 1) state.SkipWithError("the camera is missing");
         state.PauseTiming();
@@ -170,8 +168,8 @@ BENCHMARK(DiscoverFirstUnderSteadyAnswers)->Unit(benchmark::kMillisecond)->UseRe
 
 void DiscoverWithIndependentTool(benchmark::State& state) {
     const Cameras cameras(state.range(0));
-    for (auto _ : state) {
-        if (std::system("arv-tool-0.8 >/dev/null 2>&1") != 0) state.SkipWithError("arv-tool-0.8 failed");
+    for ([[maybe_unused]] auto _ : state) {
+        if (Testing::RunProgram({"arv-tool-0.8"}).exitStatus != 0) state.SkipWithError("arv-tool-0.8 failed");
     }
 }
 BENCHMARK(DiscoverWithIndependentTool)
@@ -204,7 +202,7 @@ void ReadRegister(benchmark::State& state) {
     Cameras::StartHal(std::chrono::milliseconds(200));
     void* entry = nullptr;
     Cameras::List(&entry);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::uint32_t value = 0;
         if (HAL_GigEReadRegister(entry, kCurrentIpAddress, &value) != HAL_OK) state.SkipWithError("no answer");
     }
@@ -222,7 +220,7 @@ void ReadRegisterOnBareSocket(benchmark::State& state) {
     std::uint8_t command[] = {0x42, 0x01, 0x00, 0x80, 0x00, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x24};
     std::uint8_t answer[2048];
     std::uint16_t id = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         id = static_cast<std::uint16_t>(id % 0xFFFF + 1);
         command[6] = static_cast<std::uint8_t>(id >> 8);
         command[7] = static_cast<std::uint8_t>(id & 0xFF);

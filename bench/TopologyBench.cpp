@@ -16,7 +16,7 @@ namespace {
 
 void ParseBusOf63Phys(benchmark::State& state) {
     const std::vector<SelfIdPacket_t> stream = FullFireWireBus().stream;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(ParseSelfIdPackets(stream));
     }
 }
@@ -49,7 +49,7 @@ TopologyNode ParseInOnePass(const std::vector<SelfIdPacket_t>& stream) {
 
 void BareBusOf63Phys(benchmark::State& state) {
     const std::vector<SelfIdPacket_t> stream = FullFireWireBus().stream;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(ParseInOnePass(stream));
     }
 }
@@ -59,7 +59,7 @@ BENCHMARK(BareBusOf63Phys);
 
 void BuildHostOf127Devices(benchmark::State& state) {
     const std::vector<UsbSelfId> records = FullUsbHost().records;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(BuildUsbHost(records));
     }
 }
@@ -90,7 +90,7 @@ TopologyNode BuildInOnePass(const std::vector<UsbSelfId>& records) {
 
 void BareHostOf127Devices(benchmark::State& state) {
     const std::vector<UsbSelfId> records = FullUsbHost().records;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(BuildInOnePass(records));
     }
 }
@@ -105,7 +105,7 @@ void BuildHostOfHostileRecords(benchmark::State& state) {
     for (std::size_t i = 1; i < records.size(); ++i) {
         records[i].routeString = routes[i % 4];
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(BuildUsbHost(records));
     }
 }
@@ -122,7 +122,7 @@ void GetTopology(benchmark::State& state) {
         state.SkipWithError("the bus master did not start");
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         TopologyNode tree;
         if (busMaster.GetTopology(&tree) != ERROR_OK || tree.GetNumChildren() != 3) {
             state.SkipWithError("no tree of three buses");

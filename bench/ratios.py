@@ -17,6 +17,8 @@ PAIRS = [
     ("listing three buses of 100 ms / the slowest alone", "ListThreeSlowBuses", "ListOneSlowBus", 1.05),
     ("one cycle of 512 cameras / threads, allocations, merge", "Cycle512Cameras", "BareCycle512Cameras", 2.0),
     ("reset to arrival callback / wake-up and threads", "ResetToArrivalCallback", "BareWakeToCallback", 2.0),
+    ("unregistering beside 50 queued callbacks / one of them", "UnregisterBesideQueuedCallbacks", "OneSlowCallback",
+     1.2),
     ("serial number of the last of 512 / lock and loop", "LookUpLastOf512BySerialNumber",
      "BareLastOf512BySerialNumber", 2.0),
     ("guid of the last of 512 / lock and loop", "LookUpLastOf512ByGuid", "BareLastOf512ByGuid", 2.0),

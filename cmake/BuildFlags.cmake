@@ -35,3 +35,17 @@ function(nimbrel2_room name)
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:nimbrel2_build_flags>)
 endfunction()
+
+# A library that is installed: its SONAME has the minor version until 1.0, and what the linker shows of it is Nimbrel2's
+# and the HAL's. Code of other libraries' templates, which they mark as visible, is left out.
+function(nimbrel2_shared_library name)
+  target_compile_features(${name} PUBLIC cxx_std_17)  # what installed headers need
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
+                                           SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+  if(BUILD_SHARED_LIBS)
+    target_link_options(${name} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    # Never unloaded: a worker or a callback that had to be left behind still runs in it.
+    target_link_options(${name} PRIVATE LINKER:-z,nodelete)
+  endif()
+endfunction()

@@ -13,6 +13,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/ErrorType.h
     common/GigEInterface.h
     common/HalEntry.h
+    common/HalStatus.h
     common/HardwareInterface.h
     common/IEEE1394Interface.h
     common/IPAddress.h
@@ -20,8 +21,12 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/KeptReading.h
     common/MACAddress.h
     common/Singleton.h
+    common/SingletonSlot.h
+    common/Trace.h
     common/UsbInterface.h
+    common/Version.h
     common/ZevoGuid.h
+    hal/Export.h
     hal/HAL.h
     platform/BusMap.h
     platform/Diagnostics.h

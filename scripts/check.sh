@@ -17,7 +17,8 @@ cmake --preset analyze
 cmake --build --preset analyze
 
 step "clang-tidy"
-run-clang-tidy -quiet -p build/analyze "$PWD/(src|tools|examples|bench|tests)/"
+cmake --preset dev
+scripts/tidy.py all
 
 if [ -f fuzz/CMakeLists.txt ]; then
     step "fuzzers, 30 seconds each"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the Debian packages that a job needs: scripts/setup.sh run|test|bench|check|arm64
+# Installs the Debian packages that a job needs: scripts/setup.sh run|test|bench|ci|check|arm64
 # Looks first, and when everything is there it is done in a few milliseconds: no root, no network.
 set -euo pipefail
 
@@ -9,11 +9,13 @@ build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-da
 # The independent camera is in aravis-tools, the tool that lists it in aravis-tools-cli.
 # clang shows that its thread-safety analysis sees our mutexes.
 # Fonts and readers that others wrote judge the pictures.
-tests=(clang libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables iptables ufw procps python3
-       python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core fonts-liberation)
+tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables
+       iptables ufw jq procps python3 python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
+       fonts-liberation)
 bench=(libbenchmark-dev python3 aravis-tools-cli)
-# The runtime has clang's version in its name: 14 is Debian 12's.
-check=(clang-format clang-tidy clang libclang-rt-14-dev shellcheck)
+# clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
+ci=(clang clang-tidy libclang-rt-14-dev)
+check=(clang-format shellcheck)
 arm64=()
 if [ "$(uname -m)" != aarch64 ]; then
     arm64=(g++-aarch64-linux-gnu qemu-user libboost-thread-dev:arm64 libboost-date-time-dev:arm64
@@ -24,10 +26,11 @@ case "${1:-}" in
     run) wanted=("${build[@]}") ;;
     test) wanted=("${build[@]}" "${tests[@]}") ;;
     bench) wanted=("${build[@]}" "${bench[@]}") ;;
-    check) wanted=("${build[@]}" "${tests[@]}" "${bench[@]}" "${check[@]}") ;;
+    ci) wanted=("${build[@]}" "${tests[@]}" "${bench[@]}" "${ci[@]}") ;;
+    check) wanted=("${build[@]}" "${tests[@]}" "${bench[@]}" "${ci[@]}" "${check[@]}") ;;
     arm64) wanted=("${build[@]}" "${tests[@]}" ${arm64[@]+"${arm64[@]}"}) ;;
     *)
-        echo "usage: $0 run|test|bench|check|arm64" >&2
+        echo "usage: $0 run|test|bench|ci|check|arm64" >&2
         exit 2
         ;;
 esac

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bus master: which cameras hang on this computer, kept current while they come and go.
+// The bus master: the cameras attached to this computer, kept current while they come and go.
 #ifndef NIMBREL2_BUSMASTER_BUSMASTER_H
 #define NIMBREL2_BUSMASTER_BUSMASTER_H
 
@@ -37,15 +37,20 @@ namespace Nimbrel2 {
 ///
 /// Every public operation returns an Error by value and lets no exception out; when memory runs out it returns a bare
 /// ERROR_MEMORY_ALLOCATION_FAILED. Out-parameters are written only as stated.
+///
+/// A process that is forked after the object was made has the object but not its threads. There every operation answers
+/// ERROR_NOT_INITIALIZED, or its own "not found" if it has no such answer, without taking a lock, and the destructor
+/// does nothing: the child may call exit() or start another program. Turn into a daemon before the first GetInstance.
 /// @par Threads  Any, user callbacks included, unless an operation says otherwise. Operations on the lists wait while a
 ///               re-enumeration runs, which is milliseconds, and while Initialize waits, which can be 40 s.
-class NIMBREL2_ONE_IN_THE_PROCESS BusMaster : public Singleton<BusMaster> {
+class NIMBREL2_API BusMaster : public Singleton<BusMaster> {
 public:
     /// Starts the HAL. Lists nothing yet. Applications use Singleton<BusMaster>::GetInstance().
     BusMaster();
 
-    /// Stops the worker (5 s at most), frees cameras, devices and callbacks, then stops the HAL. A thread that hangs is
-    /// left behind with what it uses. Not on the worker thread; inside a callback only through exit().
+    /// Stops the worker (5 s at most), frees cameras, devices and callbacks, then stops the HAL. A callback that runs
+    /// is waited for (1 s at most), unless this is it; operations answer meanwhile. A thread that hangs is left behind
+    /// with what it uses. Inside a callback only through exit().
     ~BusMaster() override;
 
     BusMaster(const BusMaster&) = delete;
@@ -56,7 +61,8 @@ public:
     /// Lists all cameras and devices and begins to follow the buses. Harmless when that runs already.
     /// @return ERROR_INIT_TIMED_OUT after 40 s (the start may still succeed later); ERROR_LOW_LEVEL_FAILURE with the
     ///         worker's or the system's error number. May be called again after a failure. ERROR_OK does not promise
-    ///         success when 1394 events could not be registered for: GetInitialized tells.
+    ///         success when 1394 events could not be registered for: GetInitialized tells. ERROR_NOT_INITIALIZED in a
+    ///         forked process.
     /// @par Cost  The first GigE discovery: its window, 1 s by default.
     Error Initialize();
 
@@ -73,26 +79,26 @@ public:
 
     /// Waits until no bus reset is pending, the worker is idle and no callback is left to run: everything that was
     /// reported so far has been acted upon.
-    /// @return whether that came about within the time. Never, from inside a callback.
+    /// @return true if in time; always false inside a callback.
     bool WaitUntilQuiet(unsigned int milliseconds);
 
     // ---- Callbacks -------------------------------------------------------------------------------------------------
 
     /// Has a function called after each event of a kind: function(data, serial), where serial is that of the camera
     /// that came or left and 0 for a bus reset. Each call runs on a thread of its own, one at a time in the process, in
-    /// no particular order. A callback may call every look-up and bus operation. What it throws is dropped; it must
-    /// not end its thread.
+    /// no particular order. Calls that wait for a slow one keep a thread each. A callback may call every look-up and
+    /// bus operation. What it throws is dropped; it must not end its thread.
     /// @param function  Null is accepted and never called. The same function may be registered many times.
     /// @param handle    Receives what UnregisterCallback wants.
-    /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED; ERROR_FAILED, at
-    ///         once, when called from inside a callback.
-    /// @par Threads  Waits for a callback that is running.
+    /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED;
+    ///         ERROR_LOW_LEVEL_FAILURE, at once, when called from inside a callback.
+    /// @par Threads  Waits for the callback that runs and for a running re-enumeration; goes before waiting callbacks.
     Error RegisterCallback(void (*function)(void*, unsigned int), BusCallbackType type, void* data, void** handle);
 
-    /// Takes a registration back. When it returns the function is not running and will not be called again.
+    /// Takes a registration back. When it returns the function is not running for it and will not be called again.
     /// @return ERROR_INVALID_PARAMETER for a handle that is null, unknown or was taken back before;
-    ///         ERROR_NOT_INITIALIZED; ERROR_FAILED at once when called from inside a callback.
-    /// @par Threads  Waits for a callback that is running.
+    ///         ERROR_NOT_INITIALIZED; ERROR_LOW_LEVEL_FAILURE, at once, when called from inside a callback.
+    /// @par Threads  As for RegisterCallback.
     Error UnregisterCallback(void* handle);
 
     /// How often a camera with this serial number has arrived or left since start-up (wraps at 2^32).
@@ -124,7 +130,8 @@ public:
     /// ERROR_NOT_INITIALIZED.
     Error GetCameraSerialNumberFromIndex(unsigned int index, unsigned int* serial);
 
-    /// The interface object of a camera. It lives while the camera stays listed: use it at once, do not keep it.
+    /// The interface object of a camera. It lives while the camera stays listed, which the worker may end at any time:
+    /// KeepHwInterface gives one that can be kept.
     /// @return ERROR_NOT_INITIALIZED; ERROR_INVALID_PARAMETER for an index past the end, then for a null hw.
     Error GetHwInterfaceFromIndex(unsigned int index, HardwareInterface** hw);
 
@@ -142,9 +149,18 @@ public:
     /// @return ERROR_INVALID_PARAMETER for a null handle, tested first; ERROR_NOT_FOUND.
     Error GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle);
 
-    /// The interface object of a camera or, when no camera has that guid, of a device. Lives while it stays listed.
+    /// The same as KeepHwInterface for a caller that keeps the object from leaving the list meanwhile: it lives only
+    /// while the camera or device stays listed, and the worker may end that at any time.
     /// @return ERROR_NOT_FOUND, also before start-up; ERROR_INVALID_PARAMETER for a null hw.
     Error GetHwInterfaceFromGuid(ZevoGuid guid, HardwareInterface** hw);
+
+    /// The interface object of a camera or, when no camera has that guid, of a device, to read and write its registers.
+    /// It stays good for as long as it is held: once the camera has left the list, or the bus master has gone, its
+    /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own.
+    /// @param hw  Receives a share of the object; left alone on failure. Narrow it with dynamic_pointer_cast.
+    /// @return ERROR_INVALID_PARAMETER for a null hw, tested first; ERROR_NOT_FOUND, also before start-up.
+    /// @par Cost  No bus I/O.
+    Error KeepHwInterface(ZevoGuid guid, boost::shared_ptr<HardwareInterface>* hw);
 
     /// @return ERROR_INVALID_PARAMETER for a null type, tested first; ERROR_NOT_FOUND, also before start-up.
     Error GetInterfaceTypeFromGuid(ZevoGuid guid, InterfaceType* type);
@@ -155,7 +171,8 @@ public:
     /// @par Cost  One register read over the network a GigE camera, with the lists locked.
     Error GetCameraFromIPAddress(IPAddress ip, ZevoGuid* guid);
 
-    /// What a listing shows of a camera or device. Fields that its bus does not have are left alone.
+    /// What a listing shows of a camera or device.
+    /// @param info  Written on success only, and then whole: fields that its bus does not have are 0 or empty.
     /// @return ERROR_INVALID_PARAMETER for a null info, tested first; ERROR_NOT_FOUND; ERROR_LOW_LEVEL_FAILURE with the
     ///         status when the device is gone meanwhile.
     /// @par Cost  No bus I/O.
@@ -260,6 +277,7 @@ private:
     struct CallbackData;
     struct CallbackThreadData;
     struct Members;       // BusMasterMembers.h: lists, locks and threads
+    class RegistryLock;   // callbacks.cpp
     class Worker;         // worker.cpp
     class TreeOfCameras;  // topology.cpp
 
@@ -268,52 +286,59 @@ private:
     using UsbTiers = std::array<std::vector<UsbSelfId>, 5>;
 
     // Listings of one bus; each appends to the list only when the whole bus succeeded. Enumeration threads.
-    static Error Get1394Cameras(HandleList* cameras);
-    static Error GetUSBCameras(HandleList* cameras);
-    static Error GetGigECameras(HandleList* cameras);
-    static Error GetVirtualCameras(HandleList* cameras);
-    static Error GetDevices(HandleList* devices);
-    static Error Get1394Devices(HandleList* devices);
+    NIMBREL2_INTERNAL static Error Get1394Cameras(HandleList* cameras);
+    NIMBREL2_INTERNAL static Error GetUSBCameras(HandleList* cameras);
+    NIMBREL2_INTERNAL static Error GetGigECameras(HandleList* cameras);
+    NIMBREL2_INTERNAL static Error GetVirtualCameras(HandleList* cameras);
+    NIMBREL2_INTERNAL static Error GetDevices(HandleList* devices);
+    NIMBREL2_INTERNAL static Error Get1394Devices(HandleList* devices);
 
     // Releasing. No lock is taken: the list must not be in another thread's hands.
-    static void FreeCamera(BusMasterHandle* handle);
-    static void FreeCameraList(HandleList* list);
-    static void FreeDeviceList(HandleList* list);
-    static void Free1394HALCameras(void** halHandles, unsigned int end, unsigned int start);
-    static void Free1394HALDevices(void** halHandles, unsigned int end, unsigned int start);
-    static void FreeUsbHALDevices(void** halHandles, unsigned int end, unsigned int start);
-    static void FreeGigEHALDevices(void** halHandles, unsigned int end, unsigned int start);
+    NIMBREL2_INTERNAL static void FreeCamera(BusMasterHandle* handle);
+    NIMBREL2_INTERNAL static void FreeCameraList(HandleList* list);
+    NIMBREL2_INTERNAL static void FreeDeviceList(HandleList* list);
+    NIMBREL2_INTERNAL static void Free1394HALCameras(void** halHandles, unsigned int end, unsigned int start);
+    NIMBREL2_INTERNAL static void Free1394HALDevices(void** halHandles, unsigned int end, unsigned int start);
+    NIMBREL2_INTERNAL static void FreeUsbHALDevices(void** halHandles, unsigned int end, unsigned int start);
+    NIMBREL2_INTERNAL static void FreeGigEHALDevices(void** halHandles, unsigned int end, unsigned int start);
 
     // Reconciliation. The caller holds m_busMasterMutex, or no other thread can see the lists.
-    static Error UpdateCameraList(HandleList& current, HandleList& fresh, HandleList& arrived, HandleList& removed);
-    static bool ReassignNode(BusMasterHandle* from, BusMasterHandle* to);
-    static bool ReassignBusNumber(BusMasterHandle* from, BusMasterHandle* to);
-    static bool ReenableIso(BusMasterHandle* handle);
+    NIMBREL2_INTERNAL static Error UpdateCameraList(HandleList& current, HandleList& fresh, HandleList& arrived,
+                                                    HandleList& removed);
+    NIMBREL2_INTERNAL static bool ReassignNode(BusMasterHandle* from, BusMasterHandle* to);
+    NIMBREL2_INTERNAL static bool ReassignBusNumber(BusMasterHandle* from, BusMasterHandle* to);
+    NIMBREL2_INTERNAL static bool ReenableIso(BusMasterHandle* handle);
 
     // Trees: the plain functions of src/topology. No lock.
-    static void ParseSelfIdPacketZero(const SelfIdPacket_t* packet, PortList& ports, std::uint32_t& childCount);
-    static void ParseSelfIdPacketMore(const SelfIdPacket_t* packet, PortList& ports, std::uint32_t& childCount);
-    static Error ParseSelfIdPackets(TopologyNode* node, std::uint64_t count, const SelfIdPacket_t* packets);
-    static void BuildUsbTopology(TopologyNode* parent, std::uint64_t parentRoute, const UsbTiers* tiers,
-                                 unsigned int tier);
-    static void AddNodesAsChildren(TopologyNode& parent, std::vector<TopologyNode>& nodes);
-    static void AddPortsAsChildren(TopologyNode& parent, const PortList& ports);
+    NIMBREL2_INTERNAL static void ParseSelfIdPacketZero(const SelfIdPacket_t* packet, PortList& ports,
+                                                        std::uint32_t& childCount);
+    NIMBREL2_INTERNAL static void ParseSelfIdPacketMore(const SelfIdPacket_t* packet, PortList& ports,
+                                                        std::uint32_t& childCount);
+    NIMBREL2_INTERNAL static Error ParseSelfIdPackets(TopologyNode* node, std::uint64_t count,
+                                                      const SelfIdPacket_t* packets);
+    NIMBREL2_INTERNAL static void BuildUsbTopology(TopologyNode* parent, std::uint64_t parentRoute,
+                                                   const UsbTiers* tiers, unsigned int tier);
+    NIMBREL2_INTERNAL static void AddNodesAsChildren(TopologyNode& parent, std::vector<TopologyNode>& nodes);
+    NIMBREL2_INTERNAL static void AddPortsAsChildren(TopologyNode& parent, const PortList& ports);
 
     // Callback threads, and the destructor.
-    static void* SignalCallbackThread(void* threadData, std::set<CallbackData*>& liveSet, boost::mutex& setMutex);
+    NIMBREL2_INTERNAL static void* SignalCallbackThread(void* threadData, std::set<CallbackData*>& liveSet,
+                                                        boost::mutex& setMutex);
     /// False when a callback kept the mutex for longer than the destructor may wait; nothing was freed then.
-    static bool FreeCallbackList(std::list<CallbackData*>* list, std::set<CallbackData*>& liveSet,
-                                 boost::mutex& setMutex);
+    NIMBREL2_INTERNAL static bool FreeCallbackList(std::list<CallbackData*>* list, std::set<CallbackData*>& liveSet,
+                                                   boost::mutex& setMutex);
 
     /// What the HAL calls on its delivery threads, with the BusMaster as context.
-    static void HALBusEventCallback(HALBusEvent event, void* context, HALInterfaceType interfaceType,
-                                    unsigned int first, unsigned int second, unsigned int third);
+    NIMBREL2_INTERNAL static void HALBusEventCallback(HALBusEvent event, void* context, HALInterfaceType interfaceType,
+                                                      unsigned int first, unsigned int second, unsigned int third);
 
-    static std::atomic<bool> m_enumerateVirtualDevices;
+    NIMBREL2_INTERNAL static std::atomic<bool> m_enumerateVirtualDevices;
 
     /// Shared with every thread that runs on it, so that a hung or late thread never touches freed memory.
     boost::shared_ptr<Members> m_members;
 };
+
+extern template class Singleton<BusMaster>;
 
 }  // namespace Nimbrel2
 

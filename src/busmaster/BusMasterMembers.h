@@ -8,13 +8,16 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <map>
+#include <memory>
 
 #include "busmaster/BusMaster.h"
+#include "busmaster/CallbackTurns.h"
+#include "common/Posix.h"
 
 namespace Nimbrel2 {
 
 /// One registration. The handle that the user holds is its address.
-struct BusMaster::CallbackData {
+struct NIMBREL2_INTERNAL BusMaster::CallbackData {
     /// Null: nothing is called. The destructor sets it so when it cannot wait for a callback that runs.
     std::atomic<void (*)(void*, unsigned int)> fn{nullptr};
     void* data = nullptr;
@@ -23,23 +26,24 @@ struct BusMaster::CallbackData {
 };
 
 /// One call to come: made by the signaller, freed by the thread that calls.
-struct BusMaster::CallbackThreadData {
+struct NIMBREL2_INTERNAL BusMaster::CallbackThreadData {
     CallbackData* callback = nullptr;
     unsigned int parameter = 0;
     std::uint64_t number = 0;  ///< The registration that was signalled.
+    CallbackTurns::Place place{};
 };
 
 /// Everything a BusMaster owns. Worker, enumeration, signalling and event threads each hold a share of it.
 ///
 /// Lock order, outermost first:
 ///     m_busMasterMutex  >  m_initConfirmMutex  >  m_initializedMutex  >  m_enumerationMutex
-///     m_busMasterMutex  >  m_callbackMutex  >  CallbackData::mutex
+///     a turn of m_callbackTurns  >  m_callbackMutex  >  CallbackData::mutex  >  m_busMasterMutex
 ///     m_workerIdleMutex >  m_wakeUpMutex
-/// A user callback runs with m_callbackMutex held and may take m_busMasterMutex through a look-up. Therefore nobody who
-/// holds m_busMasterMutex ever waits for m_callbackMutex: it is only tried (see callbacks.cpp).
+/// A user callback runs with m_callbackMutex held and may take m_busMasterMutex through a look-up, so that is the order
+/// in which a registrar waits for them too. Whoever holds m_busMasterMutex already only tries the three before it.
 /// m_generationMutex, m_exitThreadMutex, m_quietMutex and m_snapshotMutex are leaves. No lock is held during a user
 /// callback but m_callbackMutex and that record's own, and none but those said below during a HAL call.
-struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
+struct NIMBREL2_INTERNAL BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     using CallbackList = std::list<CallbackData*>;
 
     // ---- The registry of callbacks ---------------------------------------------------------------------------------
@@ -75,10 +79,12 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     boost::condition_variable m_workerIdleCondition;
     boost::mutex m_initConfirmMutex;
     boost::condition_variable m_initConfirmCondition;
-    std::uint32_t m_threadStartError = 0;              ///< What the last start came to. Under m_initConfirmMutex.
+    std::uint32_t m_threadStartError = 0;              ///< Result of the last start. Under m_initConfirmMutex.
     std::atomic<std::uint32_t> m_pendingBusResets{0};  ///< Bus resets seen and not yet handled. Any thread.
 
-    // ---- What closes the gaps between them -------------------------------------------------------------------------
+    // ---- State that closes races between the above -----------------------------------------------------------------
+    const unsigned int m_forks = CountForks();  ///< Tells the process that has made this from those forked from it.
+
     void* const m_owner;  ///< What the HAL gets as context. Never dereferenced: FindLive tells whether it still lives.
 
     // Under m_initConfirmMutex.
@@ -95,6 +101,8 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     /// The cameras as a bus error walks them, which may come while a cycle changes the lists. Under m_snapshotMutex.
     boost::shared_ptr<const std::vector<BusMasterHandle>> m_cameraSnapshot;
 
+    CallbackTurns m_callbackTurns;  ///< Who takes m_callbackMutex next: calls and registrars alike.
+
     std::uint64_t m_registrations = 0;  ///< Callbacks registered so far. Under m_busMasterMutex.
 
     /// Removed cameras that could not be signalled: never freed, only kept from leaking. The worker.
@@ -107,15 +115,20 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
     Members& operator=(const Members&) = delete;
 
     // lifecycle.cpp
-    bool GetInitialized();
+    /// Whether this process was forked after the object was made. Then it has none of the object's threads and may find
+    /// any of its locks taken, or any list half changed, for good: nothing of it is touched.
+    bool IsInForkedProcess() const { return m_forks != CountForks(); }
+    /// m_busMasterMutex, held; not even looked at in a forked process, where GetInitialized tells the caller to stop.
+    boost::unique_lock<boost::mutex> LockMain();
+    bool GetInitialized();  ///< False in a forked process.
     void SetInitialized(bool initialized);
     bool GetExitThread();
     void NotifyWorker();  ///< Wakes an idle worker. Takes m_wakeUpMutex for a moment.
     void StopWorker();
     static void FreeCamerasInParallel(const HandleList& list) noexcept;
     void FreeLists() noexcept;  ///< m_busMasterMutex held, or the last owner.
-    /// The destructor's, when nobody registers any more. Waits at most one second for a callback that runs; afterwards
-    /// no call begins.
+    /// The destructor's, when nobody registers any more. Waits at most one second for a callback that runs, and not at
+    /// all inside one; afterwards no call begins, and those that wait for their turn end.
     /// @param workerIsDone  The worker will not look at the callbacks any more; they are only silenced otherwise.
     void FreeCallbacks(bool workerIsDone) noexcept;
 
@@ -125,8 +138,9 @@ struct BusMaster::Members : boost::enable_shared_from_this<BusMaster::Members> {
 
     // callbacks.cpp
     Error SignalCallbacks(CallbackList& list, unsigned int parameter);  ///< m_busMasterMutex held.
-
+    void RunCall(std::unique_ptr<CallbackThreadData> call);             ///< Waits for its turn. A callback thread.
     void CallbackEnded();
+    bool IsInsideCallback() const;  ///< Whether this thread runs a user function.
 
     // cameras.cpp
     Error GetCameras(HandleList& cameras);

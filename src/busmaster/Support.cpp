@@ -5,7 +5,9 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 
+#include "common/Posix.h"
 #include "common/Trace.h"
 
 namespace Nimbrel2 {
@@ -35,19 +37,25 @@ boost::posix_time::ptime DeadlineIn(const boost::posix_time::time_duration& dura
     return boost::posix_time::microsec_clock::universal_time() + duration;
 }
 
-boost::thread StartThread(boost::function<void()> body) {
+boost::thread StartThread(const char* name, boost::function<void()> body) {
     if (const ThreadStartHook hook = g_threadStartHook.load()) {
         hook();
     }
-    return boost::thread([body = std::move(body)]() mutable {
-        // The thread object keeps this function until it is joined or detached: what the body holds must not be.
-        const boost::function<void()> run = std::move(body);
+    // The thread object keeps what it is given until it is joined or detached, perhaps longer than the thread runs. So
+    // it gets a mere pointer, and what the body holds goes with the thread.
+    auto owned = std::make_unique<boost::function<void()>>(std::move(body));
+    const SignalsBlocked signalsBlocked;
+    boost::thread thread([name, bodyOfThread = owned.get()] {
+        EnterOwnThread(name);
+        const std::unique_ptr<boost::function<void()>> run(bodyOfThread);
         try {
-            run();
+            (*run)();
         } catch (...) {
             TraceLine("An exception ended a thread of the bus master.");
         }
     });
+    owned.release();
+    return thread;
 }
 
 ThreadStartHook SetThreadStartHook(ThreadStartHook hook) noexcept { return g_threadStartHook.exchange(hook); }

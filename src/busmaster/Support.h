@@ -48,9 +48,11 @@ Deadlines& GetDeadlines() noexcept;
 /// Now plus a duration, on the UTC microsecond clock that all deadlines are on.
 boost::posix_time::ptime DeadlineIn(const boost::posix_time::time_duration& duration);
 
-/// Starts every thread of the bus master. What the body throws is traced and dropped.
+/// Starts every thread of the bus master: named, and with the application's signals blocked. What the body throws is
+/// traced and dropped.
+/// @param name  A literal of at most 15 characters, for debuggers.
 /// @throws boost::thread_resource_error when the system has no thread left; std::bad_alloc.
-boost::thread StartThread(boost::function<void()> body);
+boost::thread StartThread(const char* name, boost::function<void()> body);
 
 /// Called before each thread is made; may throw in its place. Null: nothing. For tests.
 using ThreadStartHook = void (*)();
@@ -59,6 +61,12 @@ ThreadStartHook SetThreadStartHook(ThreadStartHook hook) noexcept;
 /// Tries a mutex until the deadline. Plain mutexes have no timed lock; the destructor, which alone needs one, can wait
 /// in small steps.
 bool TryLockUntil(boost::unique_lock<boost::mutex>& lock, const boost::posix_time::ptime& deadline);
+
+inline void UnlockIfHeld(boost::unique_lock<boost::mutex>& lock) {
+    if (lock.owns_lock()) {
+        lock.unlock();
+    }
+}
 
 }  // namespace Nimbrel2
 

@@ -2,8 +2,8 @@
 // The registry of user callbacks, and the threads that call them.
 // Registration runs on client threads, signalling on the worker, each user function on a detached thread of its own.
 // A user function runs with m_callbackMutex held and may want m_busMasterMutex for a look-up. So whoever holds
-// m_busMasterMutex only tries m_callbackMutex, and lets the main lock go before it waits.
-#include <boost/thread/lock_algorithms.hpp>
+// m_busMasterMutex only tries m_callbackMutex, and lets the main lock go before it waits. m_callbackTurns says who has
+// m_callbackMutex next, so that a registrar waits for one callback and not for all that are queued.
 #include <memory>
 
 #include "busmaster/BusMasterMembers.h"
@@ -18,24 +18,10 @@ using Lock = boost::unique_lock<boost::mutex>;
 // The callback mutex that this thread holds while it runs a user function.
 thread_local const boost::mutex* t_runningUnder = nullptr;
 
-bool IsInsideCallback(const boost::mutex& callbackMutex) { return t_runningUnder == &callbackMutex; }
-
 Error InsideCallbackError() {
-    return NIMBREL2_ERROR(ERROR_FAILED, "Callbacks cannot be registered or unregistered from inside a callback.");
-}
-
-// Takes the main lock and then both, in a way that never waits for a callback with the main lock held. check runs under
-// the main lock, again after it had to be let go; both locks are held when it returns ERROR_OK.
-template <class Check>
-Error LockRegistry(Lock& busMasterLock, Lock& callbackLock, Check check) {
-    busMasterLock.lock();
-    Error error = check();
-    if (error != ERROR_OK || callbackLock.try_lock()) {
-        return error;
-    }
-    busMasterLock.unlock();
-    boost::lock(busMasterLock, callbackLock);
-    return check();
+    // 35 is EDEADLK: waiting for this thread's own callback would never end.
+    return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE,
+                          "Callbacks cannot be registered or unregistered from inside a callback. System error: 35.");
 }
 
 void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int parameter) {
@@ -51,17 +37,64 @@ void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int pa
 
 }  // namespace
 
+// The main lock, the turn and the callback mutex together, as a registrar needs them.
+class NIMBREL2_INTERNAL BusMaster::RegistryLock {
+public:
+    explicit RegistryLock(Members& members)
+        : m_members(members), m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
+
+    ~RegistryLock() {
+        UnlockIfHeld(m_callbackLock);
+        UnlockIfHeld(m_busMasterLock);
+        if (m_hasTurn) {
+            m_members.m_callbackTurns.PassOn();  // last, so that who comes next finds the mutex free
+        }
+    }
+
+    RegistryLock(const RegistryLock&) = delete;
+    RegistryLock& operator=(const RegistryLock&) = delete;
+
+    // Never waits for a callback with the main lock held. check runs under the main lock, again after it had to be let
+    // go; everything is held when this returns ERROR_OK.
+    template <class Check>
+    Error Take(Check check) {
+        m_busMasterLock = m_members.LockMain();
+        Error error = check();
+        if (error != ERROR_OK || TryRegistry()) {
+            return error;
+        }
+        m_busMasterLock.unlock();
+        if (!m_hasTurn) {
+            m_members.m_callbackTurns.Take();
+            m_hasTurn = true;
+        }
+        m_callbackLock.lock();
+        m_busMasterLock.lock();
+        return check();
+    }
+
+private:
+    bool TryRegistry() {
+        m_hasTurn = m_members.m_callbackTurns.TryTake();
+        return m_hasTurn && m_callbackLock.try_lock();
+    }
+
+    Members& m_members;
+    bool m_hasTurn = false;
+    Lock m_busMasterLock;
+    Lock m_callbackLock;
+};
+
 Error BusMaster::RegisterCallback(void (*function)(void*, unsigned int), BusCallbackType type, void* data,
                                   void** handle) {
     return WithoutExceptions([&]() -> Error {
         Members& members = *m_members;
-        if (IsInsideCallback(members.m_callbackMutex)) {
+        if (members.IsInsideCallback()) {
             return InsideCallbackError();
         }
-        Lock busMasterLock(members.m_busMasterMutex, boost::defer_lock);
-        Lock callbackLock(members.m_callbackMutex, boost::defer_lock);
+        RegistryLock registry(members);
         Members::CallbackList* list = nullptr;
-        const Error error = LockRegistry(busMasterLock, callbackLock, [&]() -> Error {
+        const Error error = registry.Take([&]() -> Error {
             if (handle == nullptr) {
                 return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid callback handle address.");
             }
@@ -105,12 +138,11 @@ Error BusMaster::RegisterCallback(void (*function)(void*, unsigned int), BusCall
 Error BusMaster::UnregisterCallback(void* handle) {
     return WithoutExceptions([&]() -> Error {
         Members& members = *m_members;
-        if (IsInsideCallback(members.m_callbackMutex)) {
+        if (members.IsInsideCallback()) {
             return InsideCallbackError();
         }
-        Lock busMasterLock(members.m_busMasterMutex, boost::defer_lock);
-        Lock callbackLock(members.m_callbackMutex, boost::defer_lock);
-        const Error error = LockRegistry(busMasterLock, callbackLock, [&]() -> Error {
+        RegistryLock registry(members);
+        const Error error = registry.Take([&]() -> Error {
             if (!members.GetInitialized()) {
                 return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized.");
             }
@@ -135,6 +167,7 @@ Error BusMaster::UnregisterCallback(void* handle) {
             members.m_removalCallbacks.remove(record);
             members.m_busResetCallbacks.remove(record);
         }
+        members.m_callbackTurns.Withdraw(record);
         delete record;
         return InternalError(ERROR_OK);
     });
@@ -156,25 +189,40 @@ Error BusMaster::Members::SignalCallbacks(CallbackList& list, unsigned int param
                 const Lock lock(m_quietMutex);
                 ++m_callbacksLeft;
             }
+            // Queued before its thread runs, so that it can be withdrawn from here on.
+            m_callbackTurns.QueueCall(threadData->place, callback);
+            const auto giveUp = [&] {
+                m_callbackTurns.CancelCall(threadData->place);
+                CallbackEnded();
+            };
             try {
-                boost::thread thread = StartThread([self, data = threadData.get()] {
-                    SignalCallbackThread(data, self->m_callbackSet, self->m_callbackMutex);
+                boost::thread thread = StartThread("nimbrel-call", [self, call = threadData.get()] {
+                    self->RunCall(std::unique_ptr<CallbackThreadData>(call));
                     self->CallbackEnded();
                 });
                 threadData.release();
                 thread.detach();
             } catch (const boost::thread_resource_error& error) {
-                CallbackEnded();
+                giveUp();
                 return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE, "Could not start a callback thread. System error: %d.",
                                       error.native_error());
             } catch (...) {
-                CallbackEnded();
+                giveUp();
                 throw;
             }
         }
         return InternalError(ERROR_OK);
     });
 }
+
+void BusMaster::Members::RunCall(std::unique_ptr<CallbackThreadData> call) {
+    if (m_callbackTurns.WaitForCall(call->place)) {
+        SignalCallbackThread(call.release(), m_callbackSet, m_callbackMutex);
+        m_callbackTurns.PassOn();
+    }
+}
+
+bool BusMaster::Members::IsInsideCallback() const { return t_runningUnder == &m_callbackMutex && !IsInForkedProcess(); }
 
 void BusMaster::Members::CallbackEnded() {
     {
@@ -185,14 +233,13 @@ void BusMaster::Members::CallbackEnded() {
 }
 
 void* BusMaster::SignalCallbackThread(void* threadData, std::set<CallbackData*>& liveSet, boost::mutex& setMutex) {
-    const std::unique_ptr<CallbackThreadData> owned(static_cast<CallbackThreadData*>(threadData));
-    const CallbackThreadData call = *owned;
+    const std::unique_ptr<CallbackThreadData> call(static_cast<CallbackThreadData*>(threadData));
     const Lock lock(setMutex);
     // The address alone does not do: a registration that came after the signal may have it now.
-    if (liveSet.count(call.callback) != 0 && call.callback->number == call.number) {
-        const Lock recordLock(call.callback->mutex);
+    if (liveSet.count(call->callback) != 0 && call->callback->number == call->number) {
+        const Lock recordLock(call->callback->mutex);
         t_runningUnder = &setMutex;
-        CallUser(call.callback->fn, call.callback->data, call.parameter);
+        CallUser(call->callback->fn, call->callback->data, call->parameter);
         t_runningUnder = nullptr;
     }
     return nullptr;

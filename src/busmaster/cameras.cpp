@@ -107,11 +107,14 @@ EntryOutcome IdentifyGigECamera(BusMasterHandle& handle, GigEInterface& hwInterf
 Error BusMaster::Members::GetCameras(HandleList& cameras) {
     const boost::unique_lock<boost::mutex> lock(m_enumerationMutex);
     struct Bus {
+        const char* threadName;
         Error (*list)(HandleList*);
         HandleList cameras;
         boost::thread thread;
     };
-    Bus buses[] = {{&Get1394Cameras, {}, {}}, {&GetUSBCameras, {}, {}}, {&GetGigECameras, {}, {}}};
+    Bus buses[] = {{"nimbrel-1394", &Get1394Cameras, {}, {}},
+                   {"nimbrel-usb", &GetUSBCameras, {}, {}},
+                   {"nimbrel-gige", &GetGigECameras, {}, {}}};
     const auto join = [&buses] {
         for (Bus& bus : buses) {
             if (bus.thread.joinable()) {
@@ -121,7 +124,7 @@ Error BusMaster::Members::GetCameras(HandleList& cameras) {
     };
     try {
         for (Bus& bus : buses) {
-            bus.thread = StartThread([&bus] { bus.list(&bus.cameras); });
+            bus.thread = StartThread(bus.threadName, [&bus] { bus.list(&bus.cameras); });
         }
         join();
         if (m_enumerateVirtualDevices) {

@@ -168,7 +168,11 @@ void BusMaster::Members::PublishCameras() noexcept {
     }
 }
 
-void BusMaster::IncrementGeneration(unsigned int key) { m_members->IncrementGeneration(key); }
+void BusMaster::IncrementGeneration(unsigned int key) {
+    if (!m_members->IsInForkedProcess()) {
+        m_members->IncrementGeneration(key);
+    }
+}
 
 void BusMaster::Members::IncrementGeneration(unsigned int key) {
     const Lock lock(m_generationMutex);
@@ -176,6 +180,9 @@ void BusMaster::Members::IncrementGeneration(unsigned int key) {
 }
 
 unsigned int BusMaster::GetGeneration(unsigned int key) {
+    if (m_members->IsInForkedProcess()) {
+        return 0;
+    }
     const Lock lock(m_members->m_generationMutex);
     try {
         return m_members->m_generations[key];
@@ -185,12 +192,18 @@ unsigned int BusMaster::GetGeneration(unsigned int key) {
 }
 
 void BusMaster::SetGeneration(unsigned int key, unsigned int value) {
+    if (m_members->IsInForkedProcess()) {
+        return;
+    }
     const Lock lock(m_members->m_generationMutex);
     m_members->m_generations[key] = value;
 }
 
 Error BusMaster::RescanBus() {
     return WithoutExceptions([this]() -> Error {
+        if (m_members->IsInForkedProcess()) {
+            return InternalError(ERROR_OK);
+        }
         // Held from before the notice: the worker cannot announce its idleness before this thread waits for it.
         Lock lock(m_members->m_workerIdleMutex);
         m_members->NotifyWorker();
@@ -201,6 +214,9 @@ Error BusMaster::RescanBus() {
 
 bool BusMaster::WaitUntilQuiet(unsigned int milliseconds) {
     Members& members = *m_members;
+    if (members.IsInForkedProcess()) {
+        return false;
+    }
     const boost::posix_time::ptime deadline = DeadlineIn(boost::posix_time::milliseconds(milliseconds));
     Lock lock(members.m_quietMutex);
     return members.m_quietCondition.timed_wait(lock, deadline, [&members] {

@@ -26,12 +26,18 @@ std::uint32_t LowPart(const MACAddress& mac) {
 
 Error NoAcknowledge() { return NIMBREL2_ERROR(ERROR_TIMEOUT, "Timeout waiting for ForceIP ACK."); }
 
+// What these operations, which need no start, answer in a forked process: the HAL is the other one's.
+Error ForkedProcess() { return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized."); }
+
 Error RegisterUnreadable() { return NIMBREL2_ERROR(ERROR_REGISTER_FAILED, "Fail to read CCP register!"); }
 
 }  // namespace
 
 Error BusMaster::ForceIPAddressToCamera(MACAddress mac, IPAddress ip, IPAddress subnet, IPAddress gateway) {
     return WithoutExceptions([&]() -> Error {
+        if (m_members->IsInForkedProcess()) {
+            return ForkedProcess();
+        }
         const std::uint32_t status = HAL_GvcpForceIp(HighPart(mac), LowPart(mac), PackIPAddress(ip),
                                                      PackIPAddress(subnet), PackIPAddress(gateway));
         if (status == HAL_NO_ACKNOWLEDGE) {
@@ -46,6 +52,9 @@ Error BusMaster::ForceIPAddressToCamera(MACAddress mac, IPAddress ip, IPAddress 
 
 Error BusMaster::ForceAllIPAddressesAutomatically() {
     return WithoutExceptions([&]() -> Error {
+        if (m_members->IsInForkedProcess()) {
+            return ForkedProcess();
+        }
         const std::uint32_t status = HAL_GvcpForceIpAuto();
         if (status != HAL_OK) {
             return NIMBREL2_ERROR(ERROR_LOW_LEVEL_FAILURE, "Error auto setting IP to cameras. Error: %X", status);
@@ -58,6 +67,9 @@ Error BusMaster::ForceAllIPAddressesAutomatically(unsigned int serialNumber) {
     return WithoutExceptions([&]() -> Error {
         if (serialNumber == 0) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Serial number cannot be NULL.");
+        }
+        if (m_members->IsInForkedProcess()) {
+            return ForkedProcess();
         }
         const std::uint32_t status = HAL_GvcpAutoForceIpToCamera(serialNumber);
         if (status == HAL_NO_ACKNOWLEDGE) {
@@ -77,6 +89,9 @@ Error BusMaster::DiscoverGigECameras(CameraInfo* cameras, unsigned int* arraySiz
         }
         if (*arraySize == 0) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Array needs to be at least of size 1.");
+        }
+        if (m_members->IsInForkedProcess()) {
+            return ForkedProcess();
         }
         const unsigned int capacity = *arraySize;
         const std::unique_ptr<GvcpDiscoveryRecord[]> records = std::make_unique<GvcpDiscoveryRecord[]>(capacity);

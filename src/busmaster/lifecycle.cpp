@@ -2,10 +2,14 @@
 // Construction, start-up and bounded shut-down of the bus master.
 // Runs on client threads, the destructor on the thread that ends the program, FreeCamera on threads of its own.
 // Initialize holds m_busMasterMutex throughout, up to 40 s; the destructor waits at most a second for any lock.
+#include <chrono>
+
 #include "busmaster/BusMasterMembers.h"
 #include "busmaster/Support.h"
 
 namespace Nimbrel2 {
+
+template class Singleton<BusMaster>;
 
 namespace {
 
@@ -34,8 +38,11 @@ BusMaster::BusMaster() : m_members(new Members(this)) {
 }
 
 BusMaster::~BusMaster() {
-    TraceLine("Starting destruction of BusMaster");
     Members& members = *m_members;
+    if (members.IsInForkedProcess()) {
+        return;
+    }
+    TraceLine("Starting destruction of BusMaster");
     members.StopWorker();
     {
         const Lock lock(members.m_generationMutex);
@@ -60,7 +67,11 @@ BusMaster::~BusMaster() {
 Error BusMaster::Initialize() {
     return WithoutExceptions([this]() -> Error {
         Members& members = *m_members;
-        const Lock busMasterLock(members.m_busMasterMutex);
+        if (members.IsInForkedProcess()) {
+            return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED,
+                                  "The bus master belongs to the process that this one was forked from.");
+        }
+        const Lock busMasterLock = members.LockMain();
         if (members.GetInitialized()) {
             return InternalError(ERROR_OK);
         }
@@ -80,8 +91,8 @@ Error BusMaster::Initialize() {
             members.m_startAwaited = false;
         };
         try {
-            boost::thread worker =
-                StartThread([shared = m_members, startNumber] { shared->WorkerThreadFcn(startNumber); });
+            boost::thread worker = StartThread(
+                "nimbrel-worker", [shared = m_members, startNumber] { shared->WorkerThreadFcn(startNumber); });
             members.m_workerThread.detach();
             members.m_workerThread = std::move(worker);
         } catch (const boost::thread_resource_error& error) {
@@ -121,7 +132,18 @@ Error BusMaster::DisableVirtualDeviceEnumeration() {
     return InternalError(ERROR_OK);
 }
 
+boost::unique_lock<boost::mutex> BusMaster::Members::LockMain() {
+    Lock lock(m_busMasterMutex, boost::defer_lock);
+    if (!IsInForkedProcess()) {
+        lock.lock();
+    }
+    return lock;
+}
+
 bool BusMaster::Members::GetInitialized() {
+    if (IsInForkedProcess()) {
+        return false;
+    }
     const Lock lock(m_initializedMutex);
     return m_initialized;
 }
@@ -197,7 +219,7 @@ void BusMaster::Members::FreeCamerasInParallel(const HandleList& list) noexcept 
         bool started = false;
         try {
             if (threads.size() < threads.capacity()) {
-                threads.push_back(StartThread([handle] { FreeCamera(handle); }));
+                threads.push_back(StartThread("nimbrel-free", [handle] { FreeCamera(handle); }));
                 started = true;
             }
         } catch (...) {
@@ -222,22 +244,29 @@ void BusMaster::Members::FreeLists() noexcept {
 }
 
 void BusMaster::Members::FreeCallbacks(bool workerIsDone) noexcept {
+    const std::chrono::microseconds patience(GetDeadlines().lockAtDestruction.total_microseconds());
+    // Inside a callback, which exit() brought here, the turn is this thread's own and nobody could end it.
+    const bool hasTurn = !IsInsideCallback() && m_callbackTurns.TakeWithin(patience);
+    bool freed = false;
     if (workerIsDone) {
-        if (FreeCallbackList(&m_arrivalCallbacks, m_callbackSet, m_callbackMutex) &&
-            FreeCallbackList(&m_removalCallbacks, m_callbackSet, m_callbackMutex) &&
-            FreeCallbackList(&m_busResetCallbacks, m_callbackSet, m_callbackMutex)) {
-            return;
+        freed = hasTurn && FreeCallbackList(&m_arrivalCallbacks, m_callbackSet, m_callbackMutex) &&
+                FreeCallbackList(&m_removalCallbacks, m_callbackSet, m_callbackMutex) &&
+                FreeCallbackList(&m_busResetCallbacks, m_callbackSet, m_callbackMutex);
+        if (!freed) {
+            TraceLine("Leaving the callbacks to a thread that still runs one.");
         }
-        TraceLine("Leaving the callbacks to a thread that still runs one.");
-    } else {
-        Lock lock(m_callbackMutex, boost::defer_lock);
-        TryLockUntil(lock, DeadlineIn(GetDeadlines().lockAtDestruction));
     }
-    // The records stay, but calls that were signalled and have not begun must not reach a user who has seen the end.
-    for (const CallbackList* list : {&m_arrivalCallbacks, &m_removalCallbacks, &m_busResetCallbacks}) {
-        for (CallbackData* callback : *list) {
-            callback->fn = nullptr;
+    if (!freed) {
+        // The records stay, but calls that have not begun must not reach a user who has seen the end.
+        for (const CallbackList* list : {&m_arrivalCallbacks, &m_removalCallbacks, &m_busResetCallbacks}) {
+            for (CallbackData* callback : *list) {
+                callback->fn = nullptr;
+            }
         }
+    }
+    m_callbackTurns.WithdrawAll();
+    if (hasTurn) {
+        m_callbackTurns.PassOn();
     }
 }
 

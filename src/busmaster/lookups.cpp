@@ -18,6 +18,8 @@ constexpr unsigned int CurrentIpAddressRegister = 0x24;  // GigE Vision bootstra
 
 Error NotInitialized() { return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Object not initialized."); }
 
+Error NotFound() { return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid."); }
+
 Error BadIndex(unsigned int index, const HandleList& list) {
     return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid index parameter (%u/%u).", index,
                           static_cast<unsigned int>(list.size()));
@@ -33,6 +35,26 @@ BusMasterHandle* FindBySerialNumber(const HandleList& list, unsigned int serial)
     const auto found = std::find_if(list.begin(), list.end(),
                                     [serial](const BusMasterHandle* handle) { return handle->serialNumber == serial; });
     return found == list.end() ? nullptr : *found;
+}
+
+// Asks each GigE camera over the network.
+BusMasterHandle* FindByIpAddress(const HandleList& list, const IPAddress& ip) {
+    for (BusMasterHandle* camera : list) {
+        if (camera->hwInterface->GetInterfaceType() != INTERFACE_GIGE) {
+            continue;
+        }
+        std::uint32_t address = 0;  // what a camera of that type without GVCP registers counts as having
+        if (auto* const gigE = dynamic_cast<GigEInterface*>(camera->hwInterface.get())) {
+            if (gigE->ReadGVCPRegister(CurrentIpAddressRegister, &address) != HAL_OK) {
+                TraceLine("Failed to read IP address register, skipping camera.");
+                continue;
+            }
+        }
+        if (address == PackIPAddress(ip)) {
+            return camera;
+        }
+    }
+    return nullptr;
 }
 
 Error Store(const boost::shared_ptr<HardwareInterface>& hwInterface, HardwareInterface** hw) {
@@ -54,7 +76,7 @@ Error BusMaster::GetNumOfDevices(unsigned int* count) {
 }
 
 Error BusMaster::Members::CountHandles(const HandleList& list, unsigned int* count) {
-    const Lock lock(m_busMasterMutex);
+    const Lock lock = LockMain();
     if (!GetInitialized()) {
         return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED, "Bus Manager Object not initialized.");
     }
@@ -67,7 +89,7 @@ Error BusMaster::Members::CountHandles(const HandleList& list, unsigned int* cou
 
 Error BusMaster::GetCameraFromIndex(unsigned int index, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -86,7 +108,7 @@ Error BusMaster::GetCameraFromIndex(unsigned int index, ZevoGuid* guid) {
 
 Error BusMaster::GetDeviceFromIndex(unsigned int index, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -104,7 +126,7 @@ Error BusMaster::GetDeviceFromIndex(unsigned int index, ZevoGuid* guid) {
 
 Error BusMaster::GetCameraSerialNumberFromIndex(unsigned int index, unsigned int* serial) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (serial == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid serial number parameter.");
         }
@@ -122,7 +144,7 @@ Error BusMaster::GetCameraSerialNumberFromIndex(unsigned int index, unsigned int
 
 Error BusMaster::GetHwInterfaceFromIndex(unsigned int index, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (!m_members->GetInitialized()) {
             return NotInitialized();
         }
@@ -136,7 +158,7 @@ Error BusMaster::GetHwInterfaceFromIndex(unsigned int index, HardwareInterface**
 
 Error BusMaster::GetCameraFromSerialNumber(unsigned int serial, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid guid parameter.");
         }
@@ -155,7 +177,7 @@ Error BusMaster::GetCameraFromSerialNumber(unsigned int serial, ZevoGuid* guid) 
 
 Error BusMaster::GetHwInterfaceFromSerialNumber(unsigned int serial, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (!m_members->GetInitialized()) {
             return NotInitialized();
         }
@@ -172,7 +194,8 @@ Error BusMaster::GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle) {
         if (handle == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid handle parameter.");
         }
-        BusMasterHandle* const found = FindByGuid(m_members->m_cameraList, guid);
+        BusMasterHandle* const found =
+            m_members->IsInForkedProcess() ? nullptr : FindByGuid(m_members->m_cameraList, guid);
         if (found == nullptr) {
             return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Could not find a device.");
         }
@@ -182,7 +205,7 @@ Error BusMaster::GetHandleFromGuid(ZevoGuid guid, BusMasterHandle** handle) {
 }
 
 boost::shared_ptr<HardwareInterface> BusMaster::Members::GetHwInterfaceFromGuidInternal(ZevoGuid guid) {
-    const Lock lock(m_busMasterMutex);
+    const Lock lock = LockMain();
     if (!GetInitialized()) {
         return {};
     }
@@ -197,9 +220,23 @@ Error BusMaster::GetHwInterfaceFromGuid(ZevoGuid guid, HardwareInterface** hw) {
     return WithoutExceptions([&]() -> Error {
         const boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
         if (!found) {
-            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid.");
+            return NotFound();
         }
         return Store(found, hw);
+    });
+}
+
+Error BusMaster::KeepHwInterface(ZevoGuid guid, boost::shared_ptr<HardwareInterface>* hw) {
+    return WithoutExceptions([&]() -> Error {
+        if (hw == nullptr) {
+            return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid interface address.");
+        }
+        boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
+        if (!found) {
+            return NotFound();
+        }
+        *hw = std::move(found);
+        return InternalError(ERROR_OK);
     });
 }
 
@@ -219,29 +256,19 @@ Error BusMaster::GetInterfaceTypeFromGuid(ZevoGuid guid, InterfaceType* type) {
 
 Error BusMaster::GetCameraFromIPAddress(IPAddress ip, ZevoGuid* guid) {
     return WithoutExceptions([&]() -> Error {
-        const Lock lock(m_members->m_busMasterMutex);
+        const Lock lock = m_members->LockMain();
         if (guid == nullptr) {
             return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid ZevoGuid.");
         }
         *guid = ZevoGuid{};
-        for (const BusMasterHandle* camera : m_members->m_cameraList) {
-            if (camera->hwInterface->GetInterfaceType() != INTERFACE_GIGE) {
-                continue;
-            }
-            std::uint32_t address = 0;  // what a camera of that type without GVCP registers counts as having
-            if (auto* const gigE = dynamic_cast<GigEInterface*>(camera->hwInterface.get())) {
-                if (gigE->ReadGVCPRegister(CurrentIpAddressRegister, &address) != HAL_OK) {
-                    TraceLine("Failed to read IP address register, skipping camera.");
-                    continue;
-                }
-            }
-            if (address == PackIPAddress(ip)) {
-                *guid = camera->guid;
-                return InternalError(ERROR_OK);
-            }
+        const BusMasterHandle* camera =
+            m_members->IsInForkedProcess() ? nullptr : FindByIpAddress(m_members->m_cameraList, ip);
+        if (camera == nullptr) {
+            TraceLine("Device with matching ZevoGuid was not found.");
+            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Device with matching ZevoGuid was not found.");
         }
-        TraceLine("Device with matching ZevoGuid was not found.");
-        return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Device with matching ZevoGuid was not found.");
+        *guid = camera->guid;
+        return InternalError(ERROR_OK);
     });
 }
 
@@ -252,7 +279,7 @@ Error BusMaster::GetCameraInfo(ZevoGuid guid, CameraInfo* info) {
         }
         const boost::shared_ptr<HardwareInterface> found = m_members->GetHwInterfaceFromGuidInternal(guid);
         if (!found) {
-            return NIMBREL2_ERROR(ERROR_NOT_FOUND, "Camera not found with specified guid.");
+            return NotFound();
         }
         const std::uint32_t status = found->GetCameraInfo(info);
         if (status != HAL_OK) {

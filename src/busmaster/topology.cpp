@@ -17,7 +17,7 @@ namespace Nimbrel2 {
 // The tree of one GetTopology call, while camera after camera is put into it. What is known of a bus is kept together
 // with the place of its tree, and only once that tree stands: a camera whose bus could not be read leaves nothing
 // behind, and the next one of that bus tries again.
-class BusMaster::TreeOfCameras {
+class NIMBREL2_INTERNAL BusMaster::TreeOfCameras {
 public:
     void Add(const BusMasterHandle& camera) {
         switch (camera.hwInterface->GetInterfaceType()) {
@@ -64,7 +64,7 @@ public:
     }
 
 private:
-    // What will hang below one kind of bus.
+    // What is attached to one kind of bus.
     struct Branch {
         std::vector<TopologyNode> nodes;
         PortList ports{TopologyNode::PORT_TO_PARENT};
@@ -161,7 +161,7 @@ private:
 };
 
 Error BusMaster::GetTopology(TopologyNode* node) {
-    const boost::unique_lock<boost::mutex> lock(m_members->m_busMasterMutex);
+    const boost::unique_lock<boost::mutex> lock = m_members->LockMain();
     if (node == nullptr) {
         return NIMBREL2_ERROR(ERROR_INVALID_PARAMETER, "Invalid topology node address.");
     }

@@ -26,7 +26,7 @@ constexpr std::uint32_t ListingFailed = 1;  // the worker's own code for a start
 }  // namespace
 
 // One run of the worker. What it holds when it ends is freed.
-class BusMaster::Worker {
+class NIMBREL2_INTERNAL BusMaster::Worker {
 public:
     Worker(Members& members, std::uint64_t startNumber)
         : m_members(members),
@@ -48,10 +48,11 @@ public:
 
 private:
     enum class Next { Go, Exit };
+    enum class Traces { None, All };
 
     // ---- Start-up --------------------------------------------------------------------------------------------------
 
-    // True when the worker may go on. A start that a later one has replaced ends here without a word.
+    // True when the worker may go on. A start that a later one has overtaken ends here silently.
     bool Start() {
         HandleList cameras;
         if (!Succeeds([&] { return m_members.GetCameras(cameras); })) {
@@ -76,7 +77,7 @@ private:
             return false;
         }
         if (!Commit([this] { m_members.SetInitialized(true); })) {
-            DeregisterAll();
+            DeregisterAll(Traces::None);
             return false;
         }
         Confirm();
@@ -92,14 +93,17 @@ private:
             if (status == HAL_OK) {
                 continue;
             }
-            TraceLine("Failed to register %s bus events", registration.bus);
+            const Traces traces = IsOvertaken() ? Traces::None : Traces::All;
+            if (traces == Traces::All) {
+                TraceLine("Failed to register %s bus events", registration.bus);
+            }
             if (i == 0) {
                 // The clean-up's result is what the start answers, so one that succeeds is reported as success.
-                StoreStartError(Deregister(registration));
+                StoreStartError(Deregister(registration, traces));
             } else {
                 StoreStartError(status);
                 for (std::size_t k = 0; k <= i; ++k) {
-                    Deregister(m_registrations[k]);
+                    Deregister(m_registrations[k], traces);
                 }
             }
             Confirm();
@@ -109,10 +113,17 @@ private:
     }
 
     bool FailStart(const char* trace, std::uint32_t code) {
-        TraceLine("%s", trace);
+        if (!IsOvertaken()) {
+            TraceLine("%s", trace);
+        }
         StoreStartError(code);
         Confirm();
         return false;
+    }
+
+    bool IsOvertaken() const {
+        const Lock lock(m_members.m_initConfirmMutex);
+        return m_members.m_startNumber != m_startNumber;
     }
 
     // Runs a change of the members, unless another start has begun: Initialize either waits for this one, and lends it
@@ -187,18 +198,19 @@ private:
         m_removed.clear();
         m_arrived.clear();
         m_busMasterLock.lock();
-        const Next next = Reconcile();
-        if (m_initializedLock.owns_lock()) {
-            m_initializedLock.unlock();
+        if (Reconcile() == Next::Exit) {
+            return Next::Exit;  // with the locks that it holds: Exit traces before it gives them back
         }
-        if (next == Next::Go && m_reconciled) {
+        UnlockIfHeld(m_initializedLock);
+        if (m_reconciled) {
             Signal();
         }
         m_busMasterLock.unlock();
-        return next == Next::Exit || m_members.GetExitThread() ? Next::Exit : Next::Go;
+        return m_members.GetExitThread() ? Next::Exit : Next::Go;
     }
 
-    // Lists again and merges. m_reconciled tells whether there is anything to signal.
+    // Lists again and merges. m_reconciled tells whether there is anything to signal. Takes the initialised lock and
+    // returns with it held, but after the whole way.
     Next Reconcile() {
         m_reconciled = false;
         if (m_members.GetExitThread()) {
@@ -277,23 +289,25 @@ private:
 
     void Exit() {
         TraceLine("Breaking out of BusMaster worker thread");
+        UnlockIfHeld(m_initializedLock);
+        UnlockIfHeld(m_busMasterLock);
         m_members.SetInitialized(false);
         {
             const Lock lock(m_members.m_initializedMutex);
-            DeregisterAll();
+            DeregisterAll(Traces::All);
         }
         TraceLine("Exiting BusMaster worker thread");
     }
 
-    void DeregisterAll() {
+    void DeregisterAll(Traces traces) {
         for (Registration& registration : m_registrations) {
-            Deregister(registration);
+            Deregister(registration, traces);
         }
     }
 
-    std::uint32_t Deregister(Registration& registration) {
+    static std::uint32_t Deregister(Registration& registration, Traces traces) {
         const std::uint32_t status = registration.deregisterEvents(registration.handle);
-        if (status != HAL_OK) {
+        if (status != HAL_OK && traces == Traces::All) {
             TraceLine("Failed to deregister %s bus events", registration.bus);
         }
         return status;

@@ -7,13 +7,14 @@
 #include <string>
 
 #include "common/ErrorType.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
 /// The result of an operation: a code and, for a located error, a message, the place that raised it and the error that
 /// caused it. A value: copies share what they hold, which never changes. Copying never fails.
 /// @par Threads  One object from one thread at a time; copies are independent.
-class Error {
+class NIMBREL2_API Error {
 public:
     /// Success.
     Error() noexcept = default;

@@ -7,7 +7,7 @@ namespace Nimbrel2 {
 /// What went wrong, as a number that never changes between releases.
 enum ErrorType {
     ERROR_OK = 0,
-    ERROR_FAILED = 1,           ///< Generic; the look-up of a guid by serial number found no camera.
+    ERROR_FAILED = 1,           ///< The look-up of a guid by serial number found no camera; nothing else.
     ERROR_NOT_IMPLEMENTED = 2,  ///< The operation is not available here.
     ERROR_INIT_TIMED_OUT = 5,   ///< The worker thread did not confirm its start in time.
     ERROR_NOT_INITIALIZED = 6,

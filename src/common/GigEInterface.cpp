@@ -45,13 +45,15 @@ InterfaceType GigEInterface::GetInterfaceType() { return INTERFACE_GIGE; }
 std::uint32_t GigEInterface::GetCameraInfo(CameraInfo* info) {
     GvcpDiscoveryRecord record{};
     const std::uint32_t status = OnEntry(HAL_GigEGetDiscoveryRecord, &record);
-    if (status == HAL_OK) {
-        *info = CameraInfo{};  // a shorter text leaves the rest of its field alone, which the caller may have used
-        FillCameraInfo(record, info);
-        CopyRecordText(record.deviceVersion, info->deviceVersion);
-        CopyRecordText(record.serialNumber, info->serialText);
+    if (status != HAL_OK) {
+        return status;
     }
-    return status;
+    CameraInfo found;
+    FillCameraInfo(record, &found);
+    CopyRecordText(record.deviceVersion, found.deviceVersion);
+    CopyRecordText(record.serialNumber, found.serialText);
+    *info = found;
+    return HAL_OK;
 }
 
 std::uint32_t GigEInterface::GetLinkSpeed(std::uint32_t* megabits) {

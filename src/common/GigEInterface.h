@@ -3,11 +3,12 @@
 #define NIMBREL2_COMMON_GIGEINTERFACE_H
 
 #include "common/HardwareInterface.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
 /// A GigE Vision camera. Threads and results: HardwareInterface.
-class GigEInterface : public HardwareInterface {
+class NIMBREL2_API GigEInterface : public HardwareInterface {
 public:
     /// Takes over the entry.
     explicit GigEInterface(void* entry);

@@ -10,6 +10,7 @@
 #include "common/CameraInfo.h"
 #include "common/HalEntry.h"
 #include "common/InterfaceType.h"
+#include "hal/Export.h"
 #include "hal/HAL.h"
 
 namespace Nimbrel2 {
@@ -21,7 +22,7 @@ namespace Nimbrel2 {
 /// ReleaseCamera or ReleaseDevice has been called every operation that needs the device answers HAL_GONE. An operation
 /// that the bus of the device does not have answers HAL_NOT_SUPPORTED (a PHY write: HAL_PHY_WRITE_NOT_IMPLEMENTED).
 /// @par Threads  Any; operations on one object may run at the same time. No lock is held during a HAL call.
-class HardwareInterface {
+class NIMBREL2_API HardwareInterface {
 public:
     virtual ~HardwareInterface() = default;
     HardwareInterface(const HardwareInterface&) = delete;
@@ -70,6 +71,7 @@ public:
     virtual std::uint32_t FireBusReset();
 
     /// What a listing shows of the device: texts, serial number and, for GigE, versions and addresses. No bus I/O.
+    /// @param info  Written on success only, and then whole: what the bus does not have is 0 or empty.
     virtual std::uint32_t GetCameraInfo(CameraInfo* info) = 0;
 
     /// How fast the device's link is, in Mbit/s. HAL_NOT_SUPPORTED: the device does not tell.

@@ -93,20 +93,22 @@ std::uint32_t IEEE1394Interface::GetCameraInfo(CameraInfo* info) {
     std::uint32_t ignored = 0;
     std::uint32_t vendorSize = CameraInfo::TextCapacity;
     std::uint32_t modelSize = CameraInfo::TextCapacity;
-    const std::uint32_t status = GetConfigInfo(&euiHigh, &ignored, &serialNumber, &ignored, &ignored, info->vendorName,
-                                               info->modelName, &vendorSize, &modelSize);
+    CameraInfo found;
+    const std::uint32_t status = GetConfigInfo(&euiHigh, &ignored, &serialNumber, &ignored, &ignored, found.vendorName,
+                                               found.modelName, &vendorSize, &modelSize);
     if (status != HAL_OK) {
         return status;
     }
-    TerminateText(info->vendorName);
-    TerminateText(info->modelName);
-    info->serialNumber = serialNumber;
-    info->interfaceType = INTERFACE_IEEE1394;
+    TerminateText(found.vendorName);
+    TerminateText(found.modelName);
+    found.serialNumber = serialNumber;
+    found.interfaceType = INTERFACE_IEEE1394;
     if (euiHigh != 0) {
-        std::snprintf(info->serialText, sizeof info->serialText, "%08x%08x", euiHigh, serialNumber);
+        std::snprintf(found.serialText, sizeof found.serialText, "%08x%08x", euiHigh, serialNumber);
     } else {
-        std::snprintf(info->serialText, sizeof info->serialText, "%u", serialNumber);  // a virtual camera: no EUI-64
+        std::snprintf(found.serialText, sizeof found.serialText, "%u", serialNumber);  // a virtual camera: no EUI-64
     }
+    *info = found;
     return HAL_OK;
 }
 

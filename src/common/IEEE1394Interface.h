@@ -4,11 +4,12 @@
 
 #include "common/HardwareInterface.h"
 #include "common/KeptReading.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
 /// A camera or device on an IEEE 1394 bus, or a virtual camera. Threads and results: HardwareInterface.
-class IEEE1394Interface : public HardwareInterface {
+class NIMBREL2_API IEEE1394Interface : public HardwareInterface {
 public:
     /// Takes over the entry. Node and bus number are read now and kept; register operations go by identity, not by
     /// these numbers.

@@ -2,51 +2,28 @@
 #ifndef NIMBREL2_COMMON_SINGLETON_H
 #define NIMBREL2_COMMON_SINGLETON_H
 
-#include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
-/// Of classes that the whole process has one of. Without it, each shared object that is compiled with hidden visibility
-/// would have one of its own.
-#define NIMBREL2_ONE_IN_THE_PROCESS __attribute__((visibility("default")))
+#include "common/SingletonSlot.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
-/// Base of a class with one object in the process: made on first use, destroyed once, at exit or before.
+/// Base of a class with one object in the process: made on first use, destroyed once, at exit or before. Both classes
+/// are exported: each shared object that is compiled with hidden visibility would have an object of its own otherwise.
 /// @par Threads  Any. The first GetInstance makes the object while the others wait.
+/// @par Forks    A process that was forked after the object was made has the same object, but never destroys it.
 template <class T>
-class NIMBREL2_ONE_IN_THE_PROCESS Singleton {
+class NIMBREL2_API Singleton {
 public:
     virtual ~Singleton() = default;
 
-    /// The object. Must not be called after the object was destroyed: that ends the program with a message.
-    static T& GetInstance() {
-        State& state = GetState();
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        if (state.destroyed) {
-            // Not assert: a second object would find the first one's threads and buses half gone, in every build.
-            std::fputs("Singleton::GetInstance was called after the object had been destroyed.\n", stderr);
-            std::abort();
-        }
-        if (state.instance == nullptr) {
-            state.instance = new T;
-            std::atexit(&Singleton::DestroyInstance);
-        }
-        return *state.instance;
-    }
+    /// The object, until its destructor has returned. After that the call ends the program with a message; on a thread
+    /// of the library that had to be left behind, such as a callback that did not end in time, it never returns.
+    static T& GetInstance();
 
-    /// Destroys the object, if there is one. The last to be called on it; calling it again does nothing.
-    static void DestroyInstance() {
-        State& state = GetState();
-        T* instance = nullptr;
-        {
-            const std::lock_guard<std::mutex> lock(state.mutex);
-            instance = state.instance;
-            state.instance = nullptr;
-            state.destroyed = state.destroyed || instance != nullptr;
-        }
-        delete instance;
-    }
+    /// Destroys the object, if this process has made one. The last to be called on it; calling it again does nothing.
+    static void DestroyInstance();
 
 protected:
     Singleton() = default;
@@ -54,18 +31,35 @@ protected:
     Singleton& operator=(const Singleton&) = delete;
 
 private:
-    struct State {
-        std::mutex mutex;
-        T* instance = nullptr;
-        bool destroyed = false;
-    };
+    static void* Make();
+    static void Destroy(void* object) { static_cast<T*>(object)->~T(); }
 
-    // Never destroyed, so that it outlives every exit handler.
-    static State& GetState() {
-        static State& state = *new State;
-        return state;
-    }
+    static SingletonSlot m_slot;
 };
+
+// Initialised before any code runs: the slot's constructor is constexpr.
+template <class T>
+SingletonSlot Singleton<T>::m_slot;
+
+// None of these is inline, so that where T's template is instantiated in a library alone its object belongs to that
+// library, and not to whichever plug-in asked first and may be unloaded.
+
+template <class T>
+T& Singleton<T>::GetInstance() {
+    return *static_cast<T*>(m_slot.Get(&Singleton::Make));
+}
+
+template <class T>
+void Singleton<T>::DestroyInstance() {
+    m_slot.Destroy(&Singleton::Destroy);
+}
+
+template <class T>
+void* Singleton<T>::Make() {
+    T* const object = new T;
+    std::atexit(&Singleton::DestroyInstance);
+    return object;
+}
 
 }  // namespace Nimbrel2
 

@@ -10,9 +10,15 @@ namespace {
 std::atomic<TraceSink> g_sink{nullptr};
 }
 
-void Trace(const std::string& text) {
-    if (const TraceSink sink = g_sink.load(std::memory_order_acquire)) {
+void Trace(const std::string& text) noexcept {
+    const TraceSink sink = g_sink.load(std::memory_order_acquire);
+    if (sink == nullptr) {
+        return;
+    }
+    try {
         sink(text);
+    } catch (...) {
+        // A trace changes no result, whatever becomes of it.
     }
 }
 

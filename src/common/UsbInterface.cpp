@@ -78,21 +78,23 @@ std::uint32_t UsbInterface::GetCameraInfo(CameraInfo* info) {
     std::uint32_t ignored = 0;
     std::uint32_t vendorSize = CameraInfo::TextCapacity;
     std::uint32_t modelSize = CameraInfo::TextCapacity;
-    std::uint32_t status = GetConfigInfo(&ignored, &ignored, &serialNumber, &ignored, &ignored, info->vendorName,
-                                         info->modelName, &vendorSize, &modelSize);
+    CameraInfo found;
+    std::uint32_t status = GetConfigInfo(&ignored, &ignored, &serialNumber, &ignored, &ignored, found.vendorName,
+                                         found.modelName, &vendorSize, &modelSize);
     if (status != HAL_OK) {
         return status;
     }
     std::uint32_t serialSize = CameraInfo::TextCapacity;
-    status = OnEntry(HAL_UsbGetSerialText, info->serialText, &serialSize);
+    status = OnEntry(HAL_UsbGetSerialText, found.serialText, &serialSize);
     if (status != HAL_OK) {
         return status;
     }
-    TerminateText(info->vendorName);
-    TerminateText(info->modelName);
-    TerminateText(info->serialText);
-    info->serialNumber = serialNumber;
-    info->interfaceType = GetInterfaceType();
+    TerminateText(found.vendorName);
+    TerminateText(found.modelName);
+    TerminateText(found.serialText);
+    found.serialNumber = serialNumber;
+    found.interfaceType = GetInterfaceType();
+    *info = found;
     return HAL_OK;
 }
 

@@ -4,11 +4,12 @@
 
 #include "common/HardwareInterface.h"
 #include "common/KeptReading.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
 /// A camera on USB 2 or USB 3. Threads and results: HardwareInterface.
-class UsbInterface : public HardwareInterface {
+class NIMBREL2_API UsbInterface : public HardwareInterface {
 public:
     /// Takes over the entry.
     explicit UsbInterface(void* entry);

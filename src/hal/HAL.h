@@ -15,14 +15,18 @@
  *   Locks       The HAL holds none of its own locks while it calls back. Unless said otherwise the bus master may hold
  *               any of its locks while it calls.
  *   After       HAL_CleanupLibrary (and before HAL_InitLibrary) every function answers HAL_CLOSED and touches nothing.
- *   Memory      Buffers belong to the caller and are only used during the call.
- *   Pointers    Out-parameters must not be null unless said; counts come in as a capacity and go out as a number.
- *               What an out-parameter holds after a failure is meaningless unless said.
+ *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no lock,
+ * and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process. Memory      Buffers
+ * belong to the caller and are only used during the call. Pointers    Out-parameters must not be null unless said;
+ * counts come in as a capacity and go out as a number. What an out-parameter holds after a failure is meaningless
+ * unless said.
  */
 #ifndef NIMBREL2_HAL_HAL_H
 #define NIMBREL2_HAL_HAL_H
 
 #include <stdint.h>
+
+#include "hal/Export.h"
 
 #ifdef __cplusplus
 /* The underlying type is fixed so that a value nobody has named may cross the line without undefined behaviour. */
@@ -36,10 +40,11 @@ extern "C" {
 
 /* ---- Statuses ------------------------------------------------------------------------------------------------- */
 
-/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. */
+/* 5, 11, 20 and 23 have a meaning of their own above this line and are used for nothing else. For applications written
+ * in C++ common/HalStatus.h has a text for each. */
 HAL_ENUM(HALStatus){
     HAL_OK = 0,
-    HAL_FAILED = 1,                    /* fits no other */
+    HAL_FAILED = 1,                    /* any other failure */
     HAL_INVALID_ARGUMENT = 2,          /* a null pointer, a misaligned address, a value outside its range */
     HAL_PERMISSION = 3,                /* the operating system does not let this user do it */
     HAL_GONE = 4,                      /* the device of this entry is not attached now, or the entry is unknown */
@@ -56,7 +61,7 @@ HAL_ENUM(HALStatus){
     HAL_NO_SUCH_REGISTER = 15,         /* the device has no register at that address */
     HAL_WRITE_PROTECTED = 16,          /* the register may not be written */
     HAL_ACCESS_DENIED = 17,            /* another application holds the device */
-    HAL_REFUSED = 18,                  /* the device answered with an error that fits no other */
+    HAL_REFUSED = 18,                  /* any other error that the device answered */
     HAL_NO_TREE = 20,                  /* a USB camera that has no tree to show */
     HAL_UNREACHABLE = 21,              /* no route, or the network interface is down */
     HAL_ARRAY_TOO_SMALL = 23           /* HAL_GvcpDiscovery: more cameras than records */
@@ -130,14 +135,14 @@ typedef struct GvcpDiscoveryRecord {
  * Answers HAL_OK also when buses are missing or may not be used: those list nothing and register successfully.
  * HAL_OUT_OF_MEMORY: nothing was started and every other function answers HAL_CLOSED.
  */
-uint32_t HAL_InitLibrary(void);
+NIMBREL2_API uint32_t HAL_InitLibrary(void);
 
 /*
  * Ends every thread and frees everything, entries that were never given back included. Event callbacks in flight are
  * waited for, at most one second.
  * Caller: ~BusMaster, last; no lock held. Not from inside an event callback. HAL_CLOSED when nothing was started.
  */
-uint32_t HAL_CleanupLibrary(void);
+NIMBREL2_API uint32_t HAL_CleanupLibrary(void);
 
 /* ---- Listings ------------------------------------------------------------------------------------------------- */
 /*
@@ -145,66 +150,75 @@ uint32_t HAL_CleanupLibrary(void);
  * caller owns (an interface object takes them over, or the free function takes them back); on any other status nothing
  * was handed out. Listings are sorted (FireWire: card, EUI-64; USB: controller, port path; GigE: MAC, IP) and cut at
  * the capacity. They open nothing: a camera that this user may not open is listed all the same. A bus this computer
- * lacks lists nothing and answers HAL_OK. What changed since the last listing and is returned here raises no bus reset.
- * They may block for bus I/O, at most three seconds.
+ * lacks lists nothing and answers HAL_OK. A change that a listing finds first is raised to every registration, whoever
+ * lists. They may block for bus I/O, at most three seconds.
  * HAL_INVALID_ARGUMENT: a null pointer. HAL_PERMISSION, HAL_OUT_OF_MEMORY, HAL_FAILED: the bus could not be read.
  */
 
 /* Cameras on all IEEE 1394 buses. Caller: the 1394 enumeration thread; the main lock is held. Capacity 256. */
-uint32_t HAL_1394GetCameras(void** entries, uint64_t* count);
+NIMBREL2_API uint32_t HAL_1394GetCameras(void** entries, uint64_t* count);
 
 /*
  * Virtual IEEE 1394 cameras. serialNumbers holds the serial numbers of the real ones already found, *count their
  * number; no virtual camera has one of these. entries has room for 256. *count comes back as the number of entries, 0
  * when the HAL has no virtual cameras. Caller: the thread that enumerates, after the three bus threads have ended.
  */
-uint32_t HAL_1394GetVirtualCameras(void** entries, const uint64_t* serialNumbers, uint64_t* count);
+NIMBREL2_API uint32_t HAL_1394GetVirtualCameras(void** entries, const uint64_t* serialNumbers, uint64_t* count);
 
 /* IEEE 1394 nodes that are no cameras. Caller: the worker thread; the main lock is held, or Initialize waits. 256. */
-uint32_t HAL_1394GetDevices(void** entries, uint64_t* count);
+NIMBREL2_API uint32_t HAL_1394GetDevices(void** entries, uint64_t* count);
 
 /* Cameras on all USB host controllers. Caller: the USB enumeration thread; the main lock is held. Capacity 128. */
-uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count);
+NIMBREL2_API uint32_t HAL_UsbGetCameras(void** entries, uint64_t* count);
 
 /*
  * Reachable GigE Vision cameras. The first call waits for the discovery window; later ones verify the known cameras,
  * all at once, and add what the monitor has heard. A camera is left out after it missed two rounds of 300 ms.
  * Caller: the GigE enumeration thread; the main lock is held. Capacity 128.
  */
-uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
+NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
 
 /*
- * Give an entry back. Callers: the thread that releases the interface object or cleans up a failed enumeration. Never
- * block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back before.
+ * Give an entry back. Never block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back
+ * before. Callers, and the locks of the bus master that are held meanwhile:
+ *   during a listing   The enumeration thread, or the worker for devices, when the listing fails: the main lock, which
+ * a start has from Initialize, and no longer once that has given up. during a cycle     The worker, for cameras listed
+ * anew: main and initialised lock; for cameras that left: main lock; for devices of the cycle before: main and
+ * initialised lock. at the end         One thread for each camera, all at once, then the destructor's thread for the
+ * devices, one after the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
+ *   left behind        A thread that the destructor could not wait for: none. It comes after HAL_CleanupLibrary and
+ * gets HAL_CLOSED.
  */
-uint32_t HAL_1394FreeCamera(void* entry);
-uint32_t HAL_1394FreeDevice(void* entry);
-uint32_t HAL_UsbFreeCamera(void* entry);
-uint32_t HAL_GigEFreeCamera(void* entry);
+NIMBREL2_API uint32_t HAL_1394FreeCamera(void* entry);
+NIMBREL2_API uint32_t HAL_1394FreeDevice(void* entry);
+NIMBREL2_API uint32_t HAL_UsbFreeCamera(void* entry);
+NIMBREL2_API uint32_t HAL_GigEFreeCamera(void* entry);
 
 /*
  * The camera's current IP address, first octet in the most significant byte, as the listing saw it. No network I/O.
  * Caller: the GigE enumeration thread, for cameras in monitor mode. HAL_GONE: unknown entry.
  */
-uint32_t HAL_GigEGetCameraIpAddress(void* entry, uint32_t* ipAddress);
+NIMBREL2_API uint32_t HAL_GigEGetCameraIpAddress(void* entry, uint32_t* ipAddress);
 
 /* ---- Bus event registration ----------------------------------------------------------------------------------- */
 /*
- * Register: *registration receives a new registration with a delivery thread of its own; null after a failure. If the
- * bus changed since its last listing, one HAL_BUS_RESET is queued at once. A bus that this computer lacks registers
- * successfully and raises nothing. Caller: the worker thread at start-up; Initialize holds the main lock. Never blocks.
+ * Register: *registration receives a new registration with a delivery thread of its own; null after a failure. What was
+ * listed before is known to it; what changed since is queued at once: one HAL_BUS_RESET, then what left and what came.
+ * From then on each change is raised once. A bus that this computer lacks registers successfully and raises nothing.
+ * Caller: the worker thread at start-up; Initialize holds the main lock. Never blocks.
  * HAL_INVALID_ARGUMENT: null registration or function. HAL_OUT_OF_MEMORY: no thread or memory.
  *
  * Deregister: starts no new callback and does not wait for one in flight, so it may be called with a lock that the
  * callback wants. Caller: the worker thread at its end, with the initialised lock held, or after a failed start with
  * none. HAL_INVALID_ARGUMENT: null. HAL_GONE: unknown.
  */
-uint32_t HAL_1394RegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
-uint32_t HAL_UsbRegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
-uint32_t HAL_GigERegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
-uint32_t HAL_1394DeregisterBusEvents(void* registration);
-uint32_t HAL_UsbDeregisterBusEvents(void* registration);
-uint32_t HAL_GigEDeregisterBusEvents(void* registration);
+NIMBREL2_API uint32_t HAL_1394RegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
+NIMBREL2_API uint32_t HAL_UsbRegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
+NIMBREL2_API uint32_t HAL_GigERegisterBusEvents(void** registration, HALBusEventFunction function, void* context);
+NIMBREL2_API uint32_t HAL_1394DeregisterBusEvents(void* registration);
+NIMBREL2_API uint32_t HAL_UsbDeregisterBusEvents(void* registration);
+NIMBREL2_API uint32_t HAL_GigEDeregisterBusEvents(void* registration);
 
 /* ---- GVCP services -------------------------------------------------------------------------------------------- */
 /*
@@ -217,23 +231,24 @@ uint32_t HAL_GigEDeregisterBusEvents(void* registration);
  * discovery window, cameras on foreign subnets included. records has room for *count. HAL_OK: *count records were
  * filled. HAL_ARRAY_TOO_SMALL: *count is the number of cameras that answered and records is untouched.
  */
-uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count);
+NIMBREL2_API uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count);
 
 /*
  * Forces an IP configuration onto the camera with that MAC address (FORCEIP_CMD), by broadcast on the interface that
  * heard the camera, on every interface when none has. macHigh holds octets 0 and 1, macLow octets 2 to 5; addresses
  * have their first octet in the most significant byte. At most 3 x 300 ms; HAL_NO_ACKNOWLEDGE when nobody answered.
  */
-uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask, uint32_t gateway);
+NIMBREL2_API uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask,
+                                      uint32_t gateway);
 
 /*
  * Gives every camera on a wrong subnet a free address of the subnet of the interface that heard it. Cameras already
  * right are left alone. A failure does not stop the others; the first is returned.
  */
-uint32_t HAL_GvcpForceIpAuto(void);
+NIMBREL2_API uint32_t HAL_GvcpForceIpAuto(void);
 
 /* The same for the camera with that serial number. HAL_GONE: none answers to it. HAL_NO_ACKNOWLEDGE as above. */
-uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber);
+NIMBREL2_API uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber);
 
 /* ---- One IEEE 1394 camera or device --------------------------------------------------------------------------- */
 /*
@@ -249,38 +264,41 @@ uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber);
  * one (IEEE 1394 configuration ROM, quadlets 3 and 4); nodeAddress is the 16-bit node id (0xFFC0 | phy id), card the
  * controller, unitVersion the unit's software version. A virtual camera answers 0 for what it has not.
  */
-uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddress, uint32_t* serialNumber,
-                               uint32_t* card, uint32_t* unitVersion, char* vendor, char* model, uint32_t* vendorSize,
-                               uint32_t* modelSize);
+NIMBREL2_API uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddress, uint32_t* serialNumber,
+                                            uint32_t* card, uint32_t* unitVersion, char* vendor, char* model,
+                                            uint32_t* vendorSize, uint32_t* modelSize);
 
 /*
  * What a device's identifier is made of: info1 the low half of the EUI-64, info2 the high half, info3 0xFFFFFFFF minus
  * the entry's position in its listing. The position keeps the identifier apart from the place in the list, so that a
  * device keeps it when a neighbour leaves and an event that carries both halves finds it. No bus I/O.
  */
-uint32_t HAL_1394GetDeviceInfo(void* entry, uint32_t* info1, uint32_t* info2, uint32_t* info3);
+NIMBREL2_API uint32_t HAL_1394GetDeviceInfo(void* entry, uint32_t* info1, uint32_t* info2, uint32_t* info3);
 
 /* Phy id (0..62) and bus number (the card) as the last reading of the bus had them. No bus I/O. */
-uint32_t HAL_1394GetNode(void* entry, uint16_t* node, uint16_t* busNumber);
+NIMBREL2_API uint32_t HAL_1394GetNode(void* entry, uint16_t* node, uint16_t* busNumber);
 
 /*
  * One quadlet transaction. address: the 48-bit offset, or its low 32 bits, to which 0xFFFF00000000 is added (so
  * 0xF0000410 is configuration ROM quadlet 4). selector is 0xFFFFFFFF: the device of the entry. flags is 0. Values are
  * in host order. May block for 3 s. HAL_NO_SUCH_REGISTER: the device answered an address error.
  */
-uint32_t HAL_1394ReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value);
-uint32_t HAL_1394WriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags);
+NIMBREL2_API uint32_t HAL_1394ReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value);
+NIMBREL2_API uint32_t HAL_1394WriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value,
+                                            uint32_t flags);
 
 /*
  * One PHY register (IEEE 1394a-2000 5B.1). address 0..7 is a base register (page and port must be 0); 8..15 is a
  * register of that page (0..7) and port (0..15). May block for 300 ms. HAL_PHY_WRITE_NOT_IMPLEMENTED: writing cannot be
  * done on this computer at all.
  */
-uint32_t HAL_1394ReadPhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address, uint32_t* value);
-uint32_t HAL_1394WritePhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address, uint32_t value);
+NIMBREL2_API uint32_t HAL_1394ReadPhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address,
+                                              uint32_t* value);
+NIMBREL2_API uint32_t HAL_1394WritePhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address,
+                                               uint32_t value);
 
 /* Asks for a (short) bus reset on the device's bus and returns without waiting for it. */
-uint32_t HAL_1394FireBusReset(void* entry);
+NIMBREL2_API uint32_t HAL_1394FireBusReset(void* entry);
 
 /*
  * The self-ID stream of the device's bus: packet zero and extended packets of each PHY in ascending phy id. *count
@@ -288,11 +306,11 @@ uint32_t HAL_1394FireBusReset(void* entry);
  * buses apart. One bus read a generation, whoever asks. HAL_ARRAY_TOO_SMALL is not used: a smaller capacity answers
  * HAL_INVALID_ARGUMENT with *count set to the need.
  */
-uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* count, uint64_t* busKey,
-                            uint32_t* generation);
+NIMBREL2_API uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* count, uint64_t* busKey,
+                                         uint32_t* generation);
 
 /* Serial numbers by phy id: serialNumbers[phy id], for *count slots that the caller set to 0. Unknown ones stay 0. */
-uint32_t HAL_1394GetNodeSerialNumbers(void* entry, uint32_t* serialNumbers, uint64_t count);
+NIMBREL2_API uint32_t HAL_1394GetNodeSerialNumbers(void* entry, uint32_t* serialNumbers, uint64_t count);
 
 /* ---- One USB camera ------------------------------------------------------------------------------------------- */
 
@@ -300,29 +318,30 @@ uint32_t HAL_1394GetNodeSerialNumbers(void* entry, uint32_t* serialNumbers, uint
  * As HAL_1394GetConfigInfo; vidPid is VID << 16 | PID, busAndAddress busnum << 8 | devnum, speed in Mbit/s, version
  * bcdUSB. The serial number is the 32-bit form of the serial text.
  */
-uint32_t HAL_UsbGetConfigInfo(void* entry, uint32_t* vidPid, uint32_t* busAndAddress, uint32_t* serialNumber,
-                              uint32_t* speed, uint32_t* version, char* vendor, char* model, uint32_t* vendorSize,
-                              uint32_t* modelSize);
+NIMBREL2_API uint32_t HAL_UsbGetConfigInfo(void* entry, uint32_t* vidPid, uint32_t* busAndAddress,
+                                           uint32_t* serialNumber, uint32_t* speed, uint32_t* version, char* vendor,
+                                           char* model, uint32_t* vendorSize, uint32_t* modelSize);
 
 /* The serial number as the device tells it (iSerialNumber). Size as for the texts above. No bus I/O. */
-uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* size);
+NIMBREL2_API uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* size);
 
 /* The speed of the link now, in Mbit/s; the last one known when the device is gone. 5000 and above is SuperSpeed. */
-uint32_t HAL_UsbGetSpeed(void* entry, uint32_t* speed);
+NIMBREL2_API uint32_t HAL_UsbGetSpeed(void* entry, uint32_t* speed);
 
 /* One register of the camera, as for IEEE 1394; HAL_NOT_SUPPORTED for a camera without a register protocol. */
-uint32_t HAL_UsbReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value);
-uint32_t HAL_UsbWriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags);
+NIMBREL2_API uint32_t HAL_UsbReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value);
+NIMBREL2_API uint32_t HAL_UsbWriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value,
+                                           uint32_t flags);
 
 /* Resets the device's port and has the bus enumerated again. */
-uint32_t HAL_UsbFireBusReset(void* entry);
+NIMBREL2_API uint32_t HAL_UsbFireBusReset(void* entry);
 
 /*
  * link: bits 31..16 the speed in units of 10 Mbit/s, bits 15..8 the port number on its hub, bits 7..0 the number of
  * hubs above. status: wPortStatus in the low half, wPortChange in the high half (USB 3.2 10.16.2.6, USB 2.0 11.24.2.7).
  */
-uint32_t HAL_UsbGetLinkInfo(void* entry, uint32_t* link);
-uint32_t HAL_UsbGetPortStatus(void* entry, uint32_t* status);
+NIMBREL2_API uint32_t HAL_UsbGetLinkInfo(void* entry, uint32_t* link);
+NIMBREL2_API uint32_t HAL_UsbGetPortStatus(void* entry, uint32_t* status);
 
 /*
  * The devices below the camera's host controller. *count comes in as the capacity (a controller has at most 1024
@@ -330,8 +349,8 @@ uint32_t HAL_UsbGetPortStatus(void* entry, uint32_t* status);
  * below the controller. HAL_NO_TREE: the camera has no tree to show. A smaller capacity answers HAL_INVALID_ARGUMENT
  * with *count set to the need.
  */
-uint32_t HAL_UsbGetSelfIds(void* entry, UsbSelfId* records, uint64_t* count, uint32_t* deviceId, uint64_t* hostKey,
-                           uint32_t* generation);
+NIMBREL2_API uint32_t HAL_UsbGetSelfIds(void* entry, UsbSelfId* records, uint64_t* count, uint32_t* deviceId,
+                                        uint64_t* hostKey, uint32_t* generation);
 
 /* ---- One GigE camera ------------------------------------------------------------------------------------------ */
 
@@ -339,12 +358,12 @@ uint32_t HAL_UsbGetSelfIds(void* entry, UsbSelfId* records, uint64_t* count, uin
  * As HAL_1394GetConfigInfo, from the last discovery answer, without network I/O: version is the GigE Vision version
  * (major << 16 | minor), serialNumber the decimal number at the start of the serial text.
  */
-uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow, uint32_t* serialNumber,
-                               uint32_t* version, uint32_t* deviceMode, char* vendor, char* model, uint32_t* vendorSize,
-                               uint32_t* modelSize);
+NIMBREL2_API uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow, uint32_t* serialNumber,
+                                            uint32_t* version, uint32_t* deviceMode, char* vendor, char* model,
+                                            uint32_t* vendorSize, uint32_t* modelSize);
 
 /* The last discovery answer of the camera. No network I/O. */
-uint32_t HAL_GigEGetDiscoveryRecord(void* entry, GvcpDiscoveryRecord* record);
+NIMBREL2_API uint32_t HAL_GigEGetDiscoveryRecord(void* entry, GvcpDiscoveryRecord* record);
 
 /*
  * One bootstrap or manufacturer register by READREG / WRITEREG (GigE Vision, GVCP). address is a multiple of 4.
@@ -353,18 +372,18 @@ uint32_t HAL_GigEGetDiscoveryRecord(void* entry, GvcpDiscoveryRecord* record);
  * A camera that just timed out is not asked again for 1 s: HAL_TIMED_OUT at once.
  * HAL_ACCESS_DENIED: another application holds exclusive access. HAL_NO_SUCH_REGISTER, HAL_WRITE_PROTECTED.
  */
-uint32_t HAL_GigEReadRegister(void* entry, uint32_t address, uint32_t* value);
-uint32_t HAL_GigEWriteRegister(void* entry, uint32_t address, uint32_t value);
+NIMBREL2_API uint32_t HAL_GigEReadRegister(void* entry, uint32_t address, uint32_t* value);
+NIMBREL2_API uint32_t HAL_GigEWriteRegister(void* entry, uint32_t address, uint32_t value);
 
 /* *monitor is 1 when another application holds the control channel, so that the camera may only be watched; else 0. */
-uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor);
+NIMBREL2_API uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor);
 
 /*
  * UDP port and IPv4 address from which this application talks to the camera, as the camera's primary application
  * registers (0x0A04, 0x0A14) would show them if this application held control.
  */
-uint32_t HAL_GigEGetLocalApplicationPort(void* entry, uint32_t* port);
-uint32_t HAL_GigEGetLocalApplicationIpAddress(void* entry, uint32_t* ipAddress);
+NIMBREL2_API uint32_t HAL_GigEGetLocalApplicationPort(void* entry, uint32_t* port);
+NIMBREL2_API uint32_t HAL_GigEGetLocalApplicationIpAddress(void* entry, uint32_t* ipAddress);
 
 #ifdef __cplusplus
 }

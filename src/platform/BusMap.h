@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "hal/Export.h"
 #include "hal/HAL.h"
 
 namespace Nimbrel2::Platform {
@@ -20,10 +21,10 @@ struct BusMapNode {
     std::uint32_t id = 0;
     std::optional<std::uint32_t> parent;  ///< USB: id of the hub above, 63 for the host controller
     std::optional<std::uint32_t> port;    ///< USB: the port of the hub above, from 1
-    std::uint32_t speed = 0;              ///< Mbit/s; IEEE 1394: of the PHY (800 and more: 800), USB: of the link; 0: unknown
-    std::string name;                     ///< what the device calls itself; empty when it does not
-    bool isThisComputer = false;          ///< IEEE 1394: the computer's own card
-    bool isHub = false;                   ///< USB hub, IEEE 1394 repeater
+    std::uint32_t speed = 0;      ///< Mbit/s; IEEE 1394: of the PHY (800 and more: 800), USB: of the link; 0: unknown
+    std::string name;             ///< what the device calls itself; empty when it does not
+    bool isThisComputer = false;  ///< IEEE 1394: the computer's own card
+    bool isHub = false;           ///< USB hub, IEEE 1394 repeater
 
     // Cameras only; nothing of it is unique.
     bool isCamera = false;
@@ -42,12 +43,12 @@ struct BusMap {
     std::vector<BusMapNode> nodes;
 };
 
-/// Describes every bus that is searched: IEEE 1394, USB, GigE, in this order. A device that comes or goes meanwhile may be
-/// missing here and stand in the topology, or the other way round.
+/// Describes every bus that is searched: IEEE 1394, USB, GigE, in this order. A device that comes or goes meanwhile may
+/// be missing here and stand in the topology, or the other way round.
 /// @param maps  Overwritten.
 /// @return HAL_OK, also when a bus cannot be described, which then has no map.
 /// @par Threads  Any, but an event callback. No bus I/O.
-std::uint32_t DescribeBuses(std::vector<BusMap>* maps);
+NIMBREL2_API std::uint32_t DescribeBuses(std::vector<BusMap>* maps);
 
 }  // namespace Nimbrel2::Platform
 

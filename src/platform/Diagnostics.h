@@ -24,7 +24,9 @@ struct InterfaceAddress {
 
     std::uint32_t GetMask() const { return prefixLength == 0 ? 0 : ~std::uint32_t{0} << (32 - prefixLength); }
     bool Contains(std::uint32_t ip) const { return ((ip ^ address) & GetMask()) == 0; }
-    bool operator==(const InterfaceAddress&) const = default;
+    bool operator==(const InterfaceAddress& other) const {
+        return address == other.address && prefixLength == other.prefixLength && secondary == other.secondary;
+    }
 };
 
 /// A network interface as the kernel describes it.
@@ -52,8 +54,6 @@ struct NetworkInterface {
         }
         return best;
     }
-
-    bool operator==(const NetworkInterface&) const = default;
 };
 
 /// Who may control a camera now.
@@ -148,12 +148,12 @@ struct AddressPlan {
     std::uint32_t status = HAL_OK;
 };
 
-/// Whether a bus is searched. A bus that is not lists nothing and raises nothing, which to the bus master is the same as
-/// one without cameras.
-/// @return HAL_OK: it is. HAL_NO_BUS: Options say that nobody drives it. HAL_NOT_SUPPORTED: this build has no driver for
-///         it. Anything else: what kept its driver from starting. HAL_INVALID_ARGUMENT: no such bus.
+/// Whether a bus is searched. A bus that is not lists nothing and raises nothing, which to the bus master is the same
+/// as one without cameras.
+/// @return HAL_OK: it is. HAL_NO_BUS: Options leave it out. HAL_NOT_SUPPORTED: this build has no driver for it.
+///         Anything else: what kept its driver from starting. HAL_INVALID_ARGUMENT: no such bus.
 /// @par Threads  Any. No I/O.
-std::uint32_t GetBusSupport(HALInterfaceType bus);
+NIMBREL2_API std::uint32_t GetBusSupport(HALInterfaceType bus);
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
 /// @param askControl  Asks each listed camera too who controls it and how large its packets are: four register reads
@@ -161,7 +161,7 @@ std::uint32_t GetBusSupport(HALInterfaceType bus);
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.
-std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis);
+NIMBREL2_API std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis);
 
 /// Looks for cameras whose answers to broadcasts are filtered on their way in: sends broadcasts from sockets of its
 /// own, watches the wire where this user may, and then asks those hosts on it directly that this computer has just had
@@ -170,7 +170,7 @@ std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis);
 /// @param hearing  Overwritten.
 /// @return HAL_OK, whatever is heard; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Takes one discovery window, and 0.6 s more where there are hosts to ask.
-std::uint32_t TestGigEHearing(GigEHearing* hearing);
+NIMBREL2_API std::uint32_t TestGigEHearing(GigEHearing* hearing);
 
 /// What HAL_GvcpForceIpAuto would do, or HAL_GvcpAutoForceIpToCamera for one camera. Changes nothing. Cameras may come
 /// and go and the addresses may be taken before anybody gives them: a plan is no promise.
@@ -180,7 +180,8 @@ std::uint32_t TestGigEHearing(GigEHearing* hearing);
 ///         when no camera has that serial number.
 /// @par Threads  Any, but an event callback. Takes one discovery window (Options::discoveryWindow), and some 0.3 s more
 ///               where a camera needs an address.
-std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans);
+NIMBREL2_API std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber,
+                                             std::vector<AddressPlan>* plans);
 
 }  // namespace Nimbrel2::Platform
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "hal/Export.h"
+
 namespace Nimbrel2::Platform {
 
 /// Who drives a bus.
@@ -60,12 +62,12 @@ struct ConfigureResult {
 /// @return HAL_BUSY while the HAL is running, that is from the first Singleton<BusMaster>::GetInstance() to the end of
 ///         that object; HAL_INVALID_ARGUMENT with the reason for an option out of range. Nothing changes then.
 /// @par Threads  Any, one at a time with HAL_InitLibrary. No I/O.
-ConfigureResult Configure(const Options& options);
+NIMBREL2_API ConfigureResult Configure(const Options& options);
 
 /// Waits until every bus event that was raised so far has been called back, on all buses.
 /// @return false when that took longer than the time, or the HAL is not running.
 /// @par Threads  Any, but an event callback. A bus that never rests is never done.
-bool WaitUntilEventsAreDelivered(std::chrono::milliseconds time);
+NIMBREL2_API bool WaitUntilEventsAreDelivered(std::chrono::milliseconds time);
 
 }  // namespace Nimbrel2::Platform
 

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "hal/Export.h"
 #include "platform/Platform.h"
 
 namespace Nimbrel2::Platform {
@@ -23,7 +24,7 @@ namespace Nimbrel2::Platform {
 ///
 /// Copies are the same computer. It lives as long as a copy or a running HAL uses it.
 /// @par Threads  Any. No operation waits for the bus master.
-class SimulatedComputer {
+class NIMBREL2_API SimulatedComputer {
 public:
     /// @throws std::runtime_error "FILE: JSON POINTER: REASON" when the file is unreadable or describes no computer.
     /// Reads at most 16 MiB. The file's timeline is checked, not played: `nimbrel rig play` does that.

@@ -6,12 +6,13 @@
 
 #include "common/InterfaceType.h"
 #include "common/ZevoGuid.h"
+#include "hal/Export.h"
 
 namespace Nimbrel2 {
 
 /// A node of the bus topology tree, with its whole subtree: a value. A copy is independent of its source.
 /// @par Threads  One object from one thread at a time.
-class TopologyNode {
+class NIMBREL2_API TopologyNode {
 public:
     enum NodeType {
         NODE_COMPUTER = 0,  ///< The root of the tree.

@@ -595,7 +595,8 @@ TEST_F(CallbacksTest, CannotRegisterOrUnregisterAndAreToldSoAtOnce) {
     EXPECT_TRUE(AllThreadsEnd());
     ASSERT_EQ(4U, inside.answers.size());
     for (const Error& answer : inside.answers) {
-        ExpectError(answer, ERROR_FAILED, "Callbacks cannot be registered or unregistered from inside a callback.");
+        ExpectError(answer, ERROR_LOW_LEVEL_FAILURE,
+                    "Callbacks cannot be registered or unregistered from inside a callback. System error: 35.");
     }
     ExpectConsistent(1);
 }

@@ -6,6 +6,7 @@
 #include <future>
 #include <numeric>
 #include <set>
+#include <utility>
 
 #include "common/GigEInterface.h"
 #include "common/IEEE1394Interface.h"
@@ -143,7 +144,7 @@ protected:
                                     : Listing([&defaults](void** entries, std::uint64_t* count) {
                                           return defaults.HAL_1394GetVirtualCameras(entries, nullptr, count);
                                       });
-        bus.replaceListing(hal, [listing, lie](void** entries, std::uint64_t* count) {
+        bus.replaceListing(hal, [listing, lie = std::move(lie)](void** entries, std::uint64_t* count) {
             listing(entries, count);
             return lie(entries, count);
         });

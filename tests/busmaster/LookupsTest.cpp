@@ -396,6 +396,8 @@ TEST_F(AddressLookupTest, ReadsUnderTheMainLock) {
 using AddressLookupDeathTest = AddressLookupTest;
 
 TEST_F(AddressLookupDeathTest, EndsTheProgramForACameraWithoutAnInterface) {
+    // In a program of its own: in a forked process this one's bus master answers nothing.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     FillLists();
     EXPECT_DEATH(
         {
@@ -441,6 +443,59 @@ TEST_F(LookupsTest, KeepTheInterfaceWhileACameraTellsItsInfo) {
     hal.ExpectAllEntriesGivenBackOnce();
 }
 
+TEST_F(LookupsTest, LeaveARecordAloneUnlessTheyCanFillIt) {
+    const Device camera = hal.AddUsbCamera(0xCAFE);
+    ExpectOk(Access::GetUSBCameras(&bm.cameras()));
+    hal.Change([&] { camera->statuses["HAL_UsbGetSerialText"] = HAL_GONE; });
+    CameraInfo info;
+    std::strcpy(info.vendorName, "before");
+    info.serialNumber = 7;
+    for (const ZevoGuid& asked : {bm.cameras()[0]->guid, Unknown}) {
+        EXPECT_FALSE(bm.object.GetCameraInfo(asked, &info) == ERROR_OK);
+        EXPECT_STREQ("before", info.vendorName);
+        EXPECT_EQ(7U, info.serialNumber);
+    }
+}
+
+// ---- Interface objects that are kept -------------------------------------------------------------------------------
+
+TEST_F(LookupsTest, GiveAShareOfTheInterfaceOfACameraOrDevice) {
+    FillLists();
+    boost::shared_ptr<HardwareInterface> kept;
+    for (const BusMasterHandle* handle : {bm.cameras().back(), bm.devices().front()}) {
+        ExpectOk(bm.object.KeepHwInterface(handle->guid, &kept));
+        EXPECT_EQ(handle->hwInterface, kept);
+    }
+}
+
+TEST_F(LookupsTest, GiveNoShareOfAnInterfaceThatIsNotListed) {
+    FillLists();
+    const boost::shared_ptr<HardwareInterface> before = bm.cameras()[0]->hwInterface;
+    boost::shared_ptr<HardwareInterface> kept = before;
+    ExpectError(bm.object.KeepHwInterface(Unknown, &kept), ERROR_NOT_FOUND, "Camera not found with specified guid.");
+    EXPECT_EQ(before, kept);
+    ExpectError(bm.object.KeepHwInterface(Unknown, nullptr), ERROR_INVALID_PARAMETER, "Invalid interface address.");
+    const ZevoGuid listed = bm.cameras()[0]->guid;
+    bm.SetInitialized(false);
+    ExpectError(bm.object.KeepHwInterface(listed, &kept), ERROR_NOT_FOUND, "Camera not found with specified guid.");
+}
+
+TEST_F(LookupsTest, GiveAShareThatOutlivesTheCameraAndThenSaysThatItIsGone) {
+    hal.AddUsbCamera(0xCAFE);
+    ExpectOk(Access::GetUSBCameras(&bm.cameras()));
+    boost::shared_ptr<HardwareInterface> kept;
+    ExpectOk(bm.object.KeepHwInterface(bm.cameras()[0]->guid, &kept));
+    CameraInfo info;
+    EXPECT_EQ(HAL_OK, kept->GetCameraInfo(&info));
+    {
+        const boost::unique_lock<boost::mutex> lock(bm.members().m_busMasterMutex);
+        Access::FreeCameraList(&bm.cameras());  // as when the camera leaves
+    }
+    hal.ExpectAllEntriesGivenBackOnce();
+    EXPECT_EQ(HAL_GONE, kept->GetCameraInfo(&info));
+    EXPECT_EQ(INTERFACE_USB_3, kept->GetInterfaceType());
+}
+
 // ---- Every operation, every path -----------------------------------------------------------------------------------
 
 // Every look-up with good and with bad arguments, by name.
@@ -450,6 +505,7 @@ std::vector<std::pair<std::string, std::function<Error(BusMaster&)>>> AllLookups
     static HardwareInterface* hw = nullptr;
     static InterfaceType type = INTERFACE_NONE;
     static CameraInfo info;
+    static boost::shared_ptr<HardwareInterface> kept;
     return {
         {"GetNumOfCameras", [](BusMaster& bm) { return bm.GetNumOfCameras(&number); }},
         {"GetNumOfCameras null", [](BusMaster& bm) { return bm.GetNumOfCameras(nullptr); }},
@@ -482,6 +538,14 @@ std::vector<std::pair<std::string, std::function<Error(BusMaster&)>>> AllLookups
              return bm.GetHwInterfaceFromGuid(ZevoGuid{{1, 2, 3, 4}}, &hw);
          }},
         {"GetHwInterfaceFromGuid unknown", [](BusMaster& bm) { return bm.GetHwInterfaceFromGuid(Unknown, &hw); }},
+        {"KeepHwInterface",
+         [](BusMaster& bm) {
+             const Error error = bm.KeepHwInterface(ZevoGuid{{1, 2, 3, 4}}, &kept);
+             kept.reset();
+             return error;
+         }},
+        {"KeepHwInterface unknown", [](BusMaster& bm) { return bm.KeepHwInterface(Unknown, &kept); }},
+        {"KeepHwInterface null", [](BusMaster& bm) { return bm.KeepHwInterface(Unknown, nullptr); }},
         {"GetInterfaceTypeFromGuid",
          [](BusMaster& bm) {
              return bm.GetInterfaceTypeFromGuid(ZevoGuid{{1, 2, 3, 4}}, &type);
@@ -558,7 +622,7 @@ TEST_F(LookupsTest, WaitForTheMainLock) {
     FillLists();
     for (const auto& [name, lookup] : AllLookups()) {
         SCOPED_TRACE(name);
-        if (name == "GetInterfaceTypeFromGuid null") {
+        if (name == "GetInterfaceTypeFromGuid null" || name == "KeepHwInterface null") {
             continue;  // answered before any lock
         }
         boost::unique_lock<boost::mutex> lock(bm.members().m_busMasterMutex);

@@ -58,15 +58,15 @@ TEST(WithoutExceptions, PassesResultsOnAndTurnsExceptionsIntoBareErrors) {
 
 TEST(StartThread, TracesAndDropsWhatTheBodyThrows) {
     const Testing::TraceRecorder traces;
-    StartThread([] { throw std::runtime_error("lost"); }).join();
-    StartThread([] { throw 42; }).join();
+    StartThread("test", [] { throw std::runtime_error("lost"); }).join();
+    StartThread("test", [] { throw 42; }).join();
     EXPECT_EQ(2U, traces.Count("An exception ended a thread of the bus master."));
 }
 
 TEST(StartThread, LetsGoOfWhatTheBodyHoldsWhenTheThreadEnds) {
     const auto held = std::make_shared<int>(1);
-    boost::thread thread = StartThread([held] {});
-    boost::thread waiter = StartThread([] {});
+    boost::thread thread = StartThread("test", [held] {});
+    boost::thread waiter = StartThread("test", [] {});
     waiter.join();
     thread.join();
     EXPECT_EQ(1, held.use_count());
@@ -79,7 +79,7 @@ TEST(StartThread, LeaksNothingWhenItFails) {
         {
             const Testing::AllocationFailure failure(nth);
             try {
-                StartThread([held] {}).join();
+                StartThread("test", [held] {}).join();
                 started = true;
             } catch (const std::bad_alloc&) {
             }

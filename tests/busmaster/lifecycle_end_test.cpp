@@ -91,6 +91,50 @@ TEST_F(LifecycleEnd, AnotherObjectCanBeMadeAndStartedAfterwards) {
     }
 }
 
+// Where the worker notices the exit, and which locks it holds there.
+struct ExitPoint {
+    const char* function;  // held while the exit flag is set; empty: idle
+    bool holdsMain;
+    bool holdsInitialized;
+};
+
+class LifecycleExitPoint : public LifecycleEnd, public ::testing::WithParamInterface<ExitPoint> {};
+
+TEST_P(LifecycleExitPoint, IsTracedBeforeTheLocksAreGivenBack) {
+    const auto leaves = hal.AddUsbCamera(21);
+    hal.AddFireWireDevice(1, 2);
+    Start();
+    hal.Detach(leaves);
+    GetDeadlines().joinAttempt = boost::posix_time::seconds(60);
+    const boost::shared_ptr<Members> share = members.lock();
+    const auto breakingOut = traces.BlockAt("Breaking out of BusMaster worker thread");
+    std::shared_ptr<Gate> gate;
+    if (*GetParam().function != '\0') {
+        gate = hal.Block(GetParam().function);
+        RaiseReset();
+        ASSERT_TRUE(gate->WaitUntilReached());
+    }
+    std::thread destroyer = DestroyElsewhere();
+    if (gate) {
+        gate->Open();
+    }
+    ASSERT_TRUE(breakingOut->WaitUntilReached());
+    EXPECT_EQ(GetParam().holdsMain, !Lock(share->m_busMasterMutex, boost::try_to_lock).owns_lock());
+    EXPECT_EQ(GetParam().holdsInitialized, !Lock(share->m_initializedMutex, boost::try_to_lock).owns_lock());
+    breakingOut->Open();
+    destroyer.join();
+    EXPECT_EQ(1U, traces.Count("Exiting BusMaster worker thread"));
+}
+
+INSTANTIATE_TEST_SUITE_P(At, LifecycleExitPoint,
+                         ::testing::Values(ExitPoint{"", true, false}, ExitPoint{"HAL_GigEGetCameras", true, true},
+                                           ExitPoint{"HAL_1394GetDevices", true, false},
+                                           ExitPoint{"HAL_1394FreeDevice", true, false},
+                                           ExitPoint{"HAL_UsbFreeCamera", false, false}),
+                         [](const auto& test) {
+                             return *test.param.function == '\0' ? std::string("Idle") : test.param.function;
+                         });
+
 // ---- Freeing --------------------------------------------------------------------------------------------------------
 
 TEST_F(LifecycleEnd, FreesAllCamerasAtTheSameTimeThenTheDevices) {

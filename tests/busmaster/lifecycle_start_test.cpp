@@ -381,6 +381,18 @@ protected:
         GetDeadlines().startConfirmation = boost::posix_time::seconds(40);
     }
 
+    // Starts again, and lets the hung start go on when the new one has begun.
+    void StartAgainBesideTheHungOne() {
+        traces.Clear();
+        Error second;
+        std::thread starter([&] { second = busMaster->Initialize(); });
+        EXPECT_TRUE(traces.WaitFor("Starting BusMaster worker thread"));
+        hung->Open();
+        starter.join();
+        ASSERT_TRUE(second == ERROR_OK) << second.Describe();
+        ASSERT_TRUE(WaitUntilIdle());
+    }
+
     void ExpectMainLockFree() { EXPECT_TRUE(AnotherThreadCanLock(Inside().m_busMasterMutex)); }
 
     void Hang() { hung = hal.Block(GetParam()); }
@@ -414,16 +426,7 @@ TEST_P(LifecycleHungStart, ThatAnotherStartHasReplacedEndsSilentlyAndFreesWhatIt
     Construct();
     Hang();
     StartAndGiveUp();
-    traces.Clear();
-
-    Error second;
-    std::thread starter([&] { second = busMaster->Initialize(); });
-    ASSERT_TRUE(traces.WaitFor("Starting BusMaster worker thread"));
-    hung->Open();
-    starter.join();
-    EXPECT_TRUE(second == ERROR_OK) << second.Describe();
-    ASSERT_TRUE(WaitUntilIdle());
-
+    StartAgainBesideTheHungOne();
     // The late worker has ended when only the object and the second worker are left.
     ASSERT_TRUE(Eventually([this] { return hal.RegistrationsOutstanding() == 3 && hal.EntriesOutstanding() == 4; }));
     EXPECT_THAT(SerialNumbers(), ElementsAre(11, 21, 31));
@@ -433,6 +436,24 @@ TEST_P(LifecycleHungStart, ThatAnotherStartHasReplacedEndsSilentlyAndFreesWhatIt
     EXPECT_EQ(0U, CountContaining(traces.Lines(), "Exiting"));
     RaiseReset();
     EXPECT_TRUE(WaitUntilIdle());
+}
+
+TEST_P(LifecycleHungStart, ThatAnotherStartHasReplacedEndsSilentlyThoughItFails) {
+    AttachSome();
+    Construct();
+    Hang();
+    hal.Fail(GetParam(), 1, HAL_FAILED);
+    hal.Fail("HAL_1394DeregisterBusEvents", 1, HAL_FAILED);
+    hal.Fail("HAL_UsbDeregisterBusEvents", 1, HAL_FAILED);
+    hal.Fail("HAL_GigEDeregisterBusEvents", 1, HAL_FAILED);
+    StartAndGiveUp();
+    StartAgainBesideTheHungOne();
+    // The object's share, the one by which events find it, and the second worker's: the late one has ended.
+    ASSERT_TRUE(Eventually([this] { return members.use_count() == 3; }));
+    EXPECT_EQ(3U, hal.RegistrationsOutstanding());
+    EXPECT_EQ(4U, hal.EntriesOutstanding());
+    EXPECT_TRUE(busMaster->GetInitialized());
+    EXPECT_EQ(0U, CountContaining(traces.Lines(), "Failed"));
 }
 
 TEST_P(LifecycleHungStart, ThatTheDestructorDidNotWaitForFreesEverything) {

@@ -173,6 +173,12 @@ private:
         }
         CameraInfo info{};
         m_busMaster.GetCameraInfo(guid, &info);
+        // Nothing but this share may keep the object while its camera leaves.
+        boost::shared_ptr<HardwareInterface> kept;
+        if (m_busMaster.KeepHwInterface(guid, &kept) == ERROR_OK) {
+            const std::uint32_t status = kept->GetCameraInfo(&info);
+            EXPECT_TRUE(status == HAL_OK || status == HAL_GONE) << status;
+        }
         m_busMaster.GetCameraFromSerialNumber(21, &guid);
         m_busMaster.GetCameraFromIPAddress({{10, 0, 0, 1}}, &guid);
         m_busMaster.GetGeneration(21);

@@ -432,8 +432,23 @@ TEST_F(IEEE1394InterfaceTest, TellsALiveCamerasInfoIntoAUsedRecord) {
     IEEE1394Interface object(entry);
     CameraInfo info;
     std::strcpy(info.vendorName, "longer");
+    std::strcpy(info.userDefinedName, "of another camera");
+    info.gigEMajorVersion = 2;
     ASSERT_EQ(HAL_OK, object.GetCameraInfo(&info));
     EXPECT_STREQ("A", info.vendorName);
+    EXPECT_STREQ("", info.userDefinedName);
+    EXPECT_EQ(0U, info.gigEMajorVersion);
+}
+
+TEST_F(IEEE1394InterfaceTest, LeavesTheRecordAloneWhenTheCameraIsGone) {
+    camera->statuses["HAL_1394GetConfigInfo"] = HAL_GONE;
+    IEEE1394Interface object(entry);
+    CameraInfo info;
+    std::strcpy(info.vendorName, "before");
+    info.serialNumber = 7;
+    EXPECT_EQ(HAL_GONE, object.GetCameraInfo(&info));
+    EXPECT_STREQ("before", info.vendorName);
+    EXPECT_EQ(7U, info.serialNumber);
 }
 
 }  // namespace

@@ -3,16 +3,20 @@
 // exit is looked at from outside, in a child process.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "common/Posix.h"
 #include "common/Singleton.h"
+#include "tests/support/Gate.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2 {
 namespace {
@@ -103,7 +107,114 @@ TEST(Singleton, IsTriedAgainWhenMakingItFailed) {
     EXPECT_EQ(2, ThrowsWhenMade::attempts);
 }
 
+// ---- Its end -------------------------------------------------------------------------------------------------------
+
+// Its destructor asks for the object, on its own thread and on another.
+class AskedForInItsDestructor : public Singleton<AskedForInItsDestructor> {
+public:
+    ~AskedForInItsDestructor() override {
+        answer = &GetInstance();
+        std::thread([] { answerElsewhere = &GetInstance(); }).join();
+    }
+
+    static inline AskedForInItsDestructor* answer = nullptr;
+    static inline AskedForInItsDestructor* answerElsewhere = nullptr;
+};
+
+TEST(Singleton, IsHandedOutUntilItsDestructorHasReturned) {
+    AskedForInItsDestructor* const object = &Singleton<AskedForInItsDestructor>::GetInstance();
+    Singleton<AskedForInItsDestructor>::DestroyInstance();
+    EXPECT_EQ(object, AskedForInItsDestructor::answer);
+    EXPECT_EQ(object, AskedForInItsDestructor::answerElsewhere);
+}
+
+// ---- Forked processes ----------------------------------------------------------------------------------------------
+
+TEST(SingletonInAForkedProcess, IsTheSameObjectAndIsNotDestroyedThere) {
+    using Subject = Object<5>;
+    Subject* const object = &Singleton<Subject>::GetInstance();
+    EXPECT_EQ(0, Testing::InForkedProcess([object] {
+                  Singleton<Subject>::DestroyInstance();
+                  const bool isThere = Subject::destroyed == 0 && &Singleton<Subject>::GetInstance() == object;
+                  return isThere && Subject::made == 1 ? 0 : 1;
+              }));
+    Singleton<Subject>::DestroyInstance();
+    EXPECT_EQ(1, Subject::destroyed);
+}
+
+TEST(SingletonInAForkedProcess, IsMadeThereWhenTheFirstProcessHasNone) {
+    using Subject = Object<6>;
+    EXPECT_EQ(0, Testing::InForkedProcess([] {
+                  Singleton<Subject>::GetInstance();
+                  Singleton<Subject>::DestroyInstance();
+                  return Subject::made == 1 && Subject::destroyed == 1 ? 0 : 1;
+              }));
+    EXPECT_EQ(0, Subject::made);
+}
+
+// Its constructor waits at a gate, but in a forked process.
+class HeldUpWhileMade : public Singleton<HeldUpWhileMade> {
+public:
+    HeldUpWhileMade() {
+        if (CountForks() == 0) {
+            gate.Pass();
+        }
+    }
+    static inline Testing::Gate gate;
+};
+
+TEST(SingletonInAForkedProcess, IsMadeThereWhenTheFirstProcessWasAboutTo) {
+    std::thread maker([] { Singleton<HeldUpWhileMade>::GetInstance(); });
+    ASSERT_TRUE(HeldUpWhileMade::gate.WaitUntilReached());
+    EXPECT_EQ(0, Testing::InForkedProcess([] {
+                  Singleton<HeldUpWhileMade>::GetInstance();
+                  return 0;
+              }));
+    HeldUpWhileMade::gate.Open();
+    maker.join();
+}
+
+TEST(SingletonInAForkedProcess, EndsItWithAMessageWhenTheFirstProcessHasDestroyedIt) {
+    using Subject = Object<7>;
+    Singleton<Subject>::GetInstance();
+    Singleton<Subject>::DestroyInstance();
+    std::thread([] {
+        EnterOwnThread("own");  // it blocks in its own process, but this one goes on
+        EXPECT_EQ(128 + SIGABRT, Testing::InForkedProcess([] {
+                      Singleton<Subject>::GetInstance();
+                      return 0;
+                  }));
+    }).join();
+}
+
 using SingletonDeathTest = ::testing::Test;
+
+bool IsAsleep(const std::string& name) {
+    const auto threads = Testing::ListThreads();
+    return std::any_of(threads.begin(), threads.end(), [&](const Testing::ProcessThread& thread) {
+        return thread.name == name && thread.state == 'S';
+    });
+}
+
+TEST(SingletonDeathTest, MakesAThreadOfTheLibraryWaitForTheEndOfTheProgram) {
+    EXPECT_EXIT(
+        {
+            Singleton<Object<8>>::GetInstance();
+            Singleton<Object<8>>::DestroyInstance();
+            std::atomic<bool> asks{false};
+            std::thread([&asks] {
+                EnterOwnThread("left-behind");
+                asks = true;
+                Singleton<Object<8>>::GetInstance();
+                std::_Exit(1);
+            }).detach();
+            while (!asks || !IsAsleep("left-behind")) {
+                std::this_thread::yield();
+            }
+            std::_Exit(7);
+        },
+        ::testing::ExitedWithCode(7), "^$");
+}
 
 TEST(SingletonDeathTest, EndsTheProgramWhenAskedForAfterItWasDestroyed) {
     EXPECT_DEATH(

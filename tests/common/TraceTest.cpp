@@ -2,6 +2,8 @@
 // The trace sink: none by default, replaceable, given every text whole.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "common/Trace.h"
 #include "tests/support/TraceRecorder.h"
 
@@ -18,6 +20,15 @@ TEST(Trace, HandsTextsToTheSinkUnchanged) {
     Trace("plain %s %d\n");
     Trace("");
     EXPECT_EQ((std::vector<std::string>{"plain %s %d\n", ""}), traces.Lines());
+}
+
+TEST(Trace, DropsWhatASinkThrows) {
+    for (const TraceSink sink : {TraceSink([](const std::string&) { throw std::runtime_error("full"); }),
+                                 TraceSink([](const std::string&) { throw 42; })}) {
+        SetTraceSink(sink);
+        Trace("dropped");
+    }
+    SetTraceSink(nullptr);
 }
 
 TEST(Trace, ReturnsTheSinkBeforeIt) {

@@ -276,11 +276,32 @@ TEST_F(UsbInterfaceTest, TellsALiveCamerasInfo) {
     EXPECT_STREQ("SN-51966", info.serialText);
 }
 
-TEST_F(UsbInterfaceTest, PassesOnThatTheSerialTextCannotBeRead) {
-    camera->statuses["HAL_UsbGetSerialText"] = HAL_GONE;
+TEST_F(UsbInterfaceTest, LeavesTheRecordAloneWhenAPartOfItCannotBeRead) {
+    for (const char* function : {"HAL_UsbGetConfigInfo", "HAL_UsbGetSerialText"}) {
+        camera->statuses = {{function, HAL_GONE}};
+        UsbInterface object(entry);
+        CameraInfo info;
+        std::strcpy(info.vendorName, "before");
+        std::strcpy(info.serialText, "before, too");
+        info.serialNumber = 7;
+        EXPECT_EQ(HAL_GONE, object.GetCameraInfo(&info));
+        EXPECT_STREQ("before", info.vendorName);
+        EXPECT_STREQ("before, too", info.serialText);
+        EXPECT_EQ(7U, info.serialNumber);
+    }
+}
+
+TEST_F(UsbInterfaceTest, LeavesNothingOfAnotherCameraInARecordThatIsUsedAgain) {
+    camera->serialText = "S";
     UsbInterface object(entry);
     CameraInfo info;
-    EXPECT_EQ(HAL_GONE, object.GetCameraInfo(&info));
+    std::strcpy(info.serialText, "longer");
+    std::strcpy(info.userDefinedName, "of another camera");
+    info.ipAddress = IPAddress{{1, 2, 3, 4}};
+    ASSERT_EQ(HAL_OK, object.GetCameraInfo(&info));
+    EXPECT_STREQ("S", info.serialText);
+    EXPECT_STREQ("", info.userDefinedName);
+    EXPECT_EQ(0U, PackIPAddress(info.ipAddress));
 }
 
 TEST_F(UsbInterfaceTest, EndsTextsThatTheHalLeftOpen) {

@@ -102,6 +102,8 @@ def try_the_rules(house):
         ("src/hal/HAL.h", "<string.h>", '"hal/HAL.h"'),
         ("src/common/Error.cpp", '"busmaster/BusMaster.h"', '"hal/HAL.h"'),
         ("src/common/Error.cpp", '"topology/TopologyNode.h"', "<boost/bind.hpp>"),
+        ("src/common/Trace.cpp", "<pthread.h>", "<atomic>"),
+        ("src/common/Posix.cpp", '"topology/TopologyNode.h"', "<pthread.h>"),
         ("src/topology/TopologyNode.h", '"busmaster/BusMaster.h"', '"common/Error.h"'),
         ("src/topology/TopologyNode.h", '"platform/Platform.h"', '"hal/HAL.h"'),
         ("src/busmaster/worker.cpp", '"platform/Platform.h"', '"busmaster/BusMasterMembers.h"'),

@@ -36,7 +36,7 @@ FAULTS = [
 
 def compile_program(compiler, source, example):
     result = subprocess.run([compiler, f"-I{source}", *COMMAND], input=PROGRAM.format(example=example), text=True,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return result.returncode, result.stdout
 
 

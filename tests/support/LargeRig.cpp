@@ -24,12 +24,13 @@ Platform::RigDescription RigOf512Cameras() {
         add("card" + suffix, Platform::PhyKind::Card, 3);
         for (unsigned int hub = 0; hub < 3; ++hub) {
             add("hub " + std::to_string(hub) + suffix, Platform::PhyKind::Repeater, 27);
-            fireWire.cables.push_back({{{"card" + suffix, hub}, {"hub " + std::to_string(hub) + suffix, 0}}});
+            fireWire.cables.push_back({{{{"card" + suffix, hub}, {"hub " + std::to_string(hub) + suffix, 0}}}});
         }
         for (unsigned int camera = 0; camera < 52 && bus * 52 + camera < 256; ++camera) {
             const std::string name = "camera " + std::to_string(camera) + suffix;
             add(name, Platform::PhyKind::Camera, 1);
-            fireWire.cables.push_back({{{"hub " + std::to_string(camera / 26) + suffix, 1 + camera % 26}, {name, 0}}});
+            fireWire.cables.push_back(
+                {{{{"hub " + std::to_string(camera / 26) + suffix, 1 + camera % 26}, {name, 0}}}});
         }
         description.fireWire.push_back(std::move(fireWire));
     }

@@ -6,6 +6,7 @@
 #define NIMBREL2_TESTS_SUPPORT_SCRIPTEDHAL_H
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -72,6 +73,7 @@ namespace Nimbrel2::Testing {
 
 /// One replaceable function for each of HAL.h, named as there.
 struct HalHooks {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a name that is declared takes none
 #define NIMBREL2_DECLARE_HOOK(name) std::function<decltype(::name)> name;
     NIMBREL2_FOR_EACH_HAL_FUNCTION(NIMBREL2_DECLARE_HOOK)
 #undef NIMBREL2_DECLARE_HOOK
@@ -87,7 +89,9 @@ struct HalCall {
     bool returned = false;
     std::uint32_t status = 0;  ///< When it has returned.
 
-    void* Entry() const { return arguments.empty() ? nullptr : reinterpret_cast<void*>(arguments[0]); }
+    void* Entry() const {
+        return arguments.empty() ? nullptr : std::bit_cast<void*>(static_cast<std::uintptr_t>(arguments[0]));
+    }
 };
 
 enum class DeviceKind { FireWireCamera, FireWireDevice, VirtualCamera, UsbCamera, GigECamera };

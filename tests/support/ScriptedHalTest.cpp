@@ -172,11 +172,11 @@ TEST(TraceRecorder, RecordsWaitsAndBlocks) {
 
 TEST(ThreadStartFailure, FailsTheNthStart) {
     const ThreadStartFailure failure(2);
-    StartThread([] {}).join();
+    StartThread("test", [] {}).join();
     EXPECT_FALSE(failure.Happened());
-    EXPECT_THROW(StartThread([] {}), boost::thread_resource_error);
+    EXPECT_THROW(StartThread("test", [] {}), boost::thread_resource_error);
     EXPECT_TRUE(failure.Happened());
-    StartThread([] {}).join();
+    StartThread("test", [] {}).join();
     EXPECT_EQ(3U, failure.Count());
 }
 

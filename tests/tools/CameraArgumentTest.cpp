@@ -21,8 +21,10 @@ TEST(CameraWord, IsASerialNumberWhenItIsBare) {
 TEST(CameraWord, IsAnIndexAnAddressAMacOrAGuid) {
     EXPECT_EQ(std::get<ByIndex>(ParseCamera("index:12")).index, 12u);
     EXPECT_EQ(PackIPAddress(std::get<IPAddress>(ParseCamera("ip:192.168.77.10"))), 0xC0A84D0Au);
-    EXPECT_TRUE(IsSame(std::get<MACAddress>(ParseCamera("mac:02:00:00:00:77:0a")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
-    EXPECT_TRUE(IsSame(std::get<MACAddress>(ParseCamera("mac:02-00-00-00-77-0A")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
+    EXPECT_TRUE(
+        IsSame(std::get<MACAddress>(ParseCamera("mac:02:00:00:00:77:0a")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
+    EXPECT_TRUE(
+        IsSame(std::get<MACAddress>(ParseCamera("mac:02-00-00-00-77-0A")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
     const ZevoGuid guid{{0x717F227A, 0x814FFB8A, 0xBF916C58, 0x0000000F}};
     EXPECT_EQ(std::get<ZevoGuid>(ParseCamera("guid:717f227a-814ffb8a-bf916c58-0000000f")), guid);
     EXPECT_EQ(std::get<ZevoGuid>(ParseCamera("guid:717F227A-814FFB8A-BF916C58-0000000F")), guid);

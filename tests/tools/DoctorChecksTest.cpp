@@ -108,9 +108,10 @@ TEST_F(DoctorChecks, FindNothingOnAHealthyComputer) {
 TEST_F(DoctorChecks, StandEveryEmptyExamination) {
     examined = GigEExamination{};
     for (const auto check : GigEChecks()) check(examined);
-    EXPECT_THAT(ExpectWrong(CheckInterfaces).evidence, HasSubstr("no network interface of this computer can carry cameras"));
+    EXPECT_THAT(ExpectWrong(CheckInterfaces).evidence,
+                HasSubstr("no network interface of this computer can carry cameras"));
     examined.status = HAL_PERMISSION;
-    EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("no permission"));
+    EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("permission denied"));
     EXPECT_THAT(CheckInterfaces(examined), IsEmpty()) << "nothing is known of them";
     examined.status = HAL_OK;
     examined.diagnosis.error = EPERM;
@@ -177,7 +178,8 @@ TEST_F(DoctorChecks, CommandsQuoteNamesForTheShell) {
 TEST_F(DoctorChecks, SubnetOverlapIsWrongOnlyWhereTheFilterDropsWhatCamerasSend) {
     examined.diagnosis.interfaces.push_back(Interface(3, "u0", kHost + 1));
     ExpectFine(CheckSubnetOverlap);
-    EXPECT_THAT(CheckSubnetOverlap(examined)[0].evidence, HasSubstr("h0 192.168.77.1/24 and u0 192.168.77.2/24 are in one subnet"));
+    EXPECT_THAT(CheckSubnetOverlap(examined)[0].evidence,
+                HasSubstr("h0 192.168.77.1/24 and u0 192.168.77.2/24 are in one subnet"));
     examined.filters[3].ofOwnSubnet = true;
     const Finding finding = ExpectWrong(CheckSubnetOverlap);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("u0"), HasSubstr("reverse path filter")));
@@ -192,11 +194,13 @@ TEST_F(DoctorChecks, RpFilterIsWrongOnlyWhenItHasDroppedSomethingThatNobodySaw) 
     examined.filters[2].ofUnknownSubnets = true;
     examined.filteredPackets = 0;
     ExpectFine(CheckRpFilter);  // 2 is the default of many systems
-    EXPECT_THAT(CheckRpFilter(examined)[0].evidence, HasSubstr("would hide a camera on another subnet; nothing was dropped"));
+    EXPECT_THAT(CheckRpFilter(examined)[0].evidence,
+                HasSubstr("would hide a camera on another subnet; nothing was dropped"));
     examined.filteredPackets = 7;
     H0().rpFilterOfIt = 1;
     Finding finding = ExpectWrong(CheckRpFilter);
-    EXPECT_THAT(finding.evidence, AllOf(HasSubstr("h0: reverse path filter 2 (loose; all 2, h0 1)"), HasSubstr("dropped 7 packets")));
+    EXPECT_THAT(finding.evidence,
+                AllOf(HasSubstr("h0: reverse path filter 2 (loose; all 2, h0 1)"), HasSubstr("dropped 7 packets")));
     EXPECT_EQ(finding.cure, "sudo sysctl -w net/ipv4/conf/all/rp_filter=0 net/ipv4/conf/h0/rp_filter=0");
     examined.hearing.interfaces[0].seesWire = true;
     ExpectFine(CheckRpFilter);  // the camera is known, and the finding is its address
@@ -241,9 +245,13 @@ TEST_F(DoctorChecks, FirewallHasOneFindingForEachChainThatDropsWithARuleForThatC
                                         [&](const Finding& f) { return f.evidence.find(chain) != std::string::npos; });
         return found == findings.end() ? Finding{} : *found;
     };
-    EXPECT_EQ(with("inet wall entry").cure, "sudo nft insert rule inet wall entry iifname '\"h0\"' udp sport 3956 accept");
-    EXPECT_THAT(with("inet wall entry").evidence, AllOf(HasSubstr("by its policy"), HasSubstr("camera 9 (02:00:00:00:00:09) at 192.168.77.9 (seen on the wire)")));
-    EXPECT_EQ(with("inet wall2 early").cure, "sudo nft insert rule inet wall2 early iifname '\"h0\"' udp sport 3956 accept");
+    EXPECT_EQ(with("inet wall entry").cure,
+              "sudo nft insert rule inet wall entry iifname '\"h0\"' udp sport 3956 accept");
+    EXPECT_THAT(with("inet wall entry").evidence,
+                AllOf(HasSubstr("by its policy"),
+                      HasSubstr("camera 9 (02:00:00:00:00:09) at 192.168.77.9 (seen on the wire)")));
+    EXPECT_EQ(with("inet wall2 early").cure,
+              "sudo nft insert rule inet wall2 early iifname '\"h0\"' udp sport 3956 accept");
     EXPECT_EQ(with("iptables-legacy chain OUTPUT").cure,
               "sudo iptables-legacy -w -t filter -I OUTPUT 1 -o h0 -p udp --dport 3956 -j ACCEPT");
 }
@@ -252,8 +260,9 @@ TEST_F(DoctorChecks, FirewallWithoutKnownRulesIsWrongOnlyWhenACameraIsSilenced) 
     ExpectFine(CheckFirewall);
     Mute(9, kHost + 8, true).answersDirectly = true;
     Finding finding = ExpectWrong(CheckFirewall);
-    EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 9 (02:00:00:00:00:09) at 192.168.77.9 (answers when asked directly)"),
-                                        HasSubstr("only root may see which rule drops them")));
+    EXPECT_THAT(finding.evidence,
+                AllOf(HasSubstr("camera 9 (02:00:00:00:00:09) at 192.168.77.9 (answers when asked directly)"),
+                      HasSubstr("only root may see which rule drops them")));
     EXPECT_EQ(finding.cure, "# root sees which rule: sudo nimbrel doctor --interface h0");
     examined.host.rules.known = true;
     finding = ExpectWrong(CheckFirewall);
@@ -276,15 +285,17 @@ TEST_F(DoctorChecks, FirewallSaysWhatCouldNotBeChecked) {
     examined.hearing.interfaces[0].seesWire = false;
     examined.hearing.interfaces[0].heard = 0;
     ExpectFine(CheckFirewall);
-    EXPECT_THAT(CheckFirewall(examined)[0].evidence, AllOf(HasSubstr("root can see more"), HasSubstr("only root may see the rules")));
+    EXPECT_THAT(CheckFirewall(examined)[0].evidence,
+                AllOf(HasSubstr("root can see more"), HasSubstr("only root may see the rules")));
 }
 
 TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
     First() = Camera(9, 0x0A090909);
     First().reachable = First().listed = First().present = false;
     Finding finding = ExpectWrong(CheckForeignSubnet);
-    EXPECT_EQ(finding.evidence, "camera 9 (02:00:00:00:00:09) has the address 10.9.9.9 and is connected to h0, which is on "
-                                "192.168.77.0/24, so it cannot be used");
+    EXPECT_EQ(finding.evidence,
+              "camera 9 (02:00:00:00:00:09) has the address 10.9.9.9 and is connected to h0, which is on "
+              "192.168.77.0/24, so it cannot be used");
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     First().record.serialNumber[0] = '\0';
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel force-ip --mac 02:00:00:00:00:09 --ip 192.168.77.254/24");
@@ -324,20 +335,24 @@ TEST_F(DoctorChecks, NoAnswerIsTheFindingOfACameraThatNoOtherCheckExplains) {
     EXPECT_EQ(ExpectWrong(CheckNoAnswer).cure, "# power the camera off and on again");
     First().record.subnetMask = 0xFFFFFFFC;  // .4 to .7, without .1
     const Finding finding = ExpectWrong(CheckNoAnswer);
-    EXPECT_THAT(finding.evidence, HasSubstr("its subnet mask 255.255.255.252 leaves this computer out, and it has no gateway"));
+    EXPECT_THAT(finding.evidence,
+                HasSubstr("its subnet mask 255.255.255.252 leaves this computer out, and it has no gateway"));
     EXPECT_EQ(finding.cure, "nimbrel force-ip --mac 02:00:00:00:00:05 --ip 192.168.77.5/24");
     examined.host.rules = {{DroppingChain(RuleTool::Nft, "wall", "exit", "output")}, true};
     ExpectFine(CheckNoAnswer);
-    EXPECT_THAT(CheckFirewall(examined)[0].evidence, HasSubstr("no answer from camera 5 (02:00:00:00:00:05) at 192.168.77.5"));
+    EXPECT_THAT(CheckFirewall(examined)[0].evidence,
+                HasSubstr("no answer from camera 5 (02:00:00:00:00:05) at 192.168.77.5"));
 }
 
 TEST_F(DoctorChecks, ControlNamesWhoHoldsACameraAndIsWrongOnlyWhenThatIsNotThisComputer) {
     First().control = {ControlState::Controlled, kHost + 50, 1234};
     Finding finding = ExpectWrong(CheckControl);
-    EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 5"), HasSubstr("192.168.77.51, port 1234, which is another computer")));
+    EXPECT_THAT(finding.evidence,
+                AllOf(HasSubstr("camera 5"), HasSubstr("192.168.77.51, port 1234, which is another computer")));
     EXPECT_EQ(finding.cure, "# end the program on 192.168.77.51 that uses UDP port 1234");
     First().control = {ControlState::Exclusive, 0, 0};
-    EXPECT_THAT(ExpectWrong(CheckControl).evidence, HasSubstr("in use exclusively by an application that it does not name"));
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence,
+                HasSubstr("in use exclusively by an application that it does not name"));
     First().control = {ControlState::Controlled, kHost, 1234};
     ExpectFine(CheckControl);
     EXPECT_THAT(CheckControl(examined)[0].evidence, HasSubstr("in use by a program on this computer, UDP port 1234"));
@@ -401,10 +416,12 @@ TEST(DoctorCameraChecks, FindCamerasThatCannotBeToldApart) {
 }
 
 TEST(DoctorCameraChecks, RemarkUponSharedSerialNumbers) {
-    const Findings findings = CheckSerialNumbers({UsbCamera(0, 17, 1, "xhci0 port 1"), UsbCamera(1, 17, 2, "xhci0 port 2")});
+    const Findings findings =
+        CheckSerialNumbers({UsbCamera(0, 17, 1, "xhci0 port 1"), UsbCamera(1, 17, 2, "xhci0 port 2")});
     ASSERT_THAT(findings, SizeIs(1));
     EXPECT_TRUE(findings[0].ok) << "guid: still names each";
-    EXPECT_THAT(findings[0].evidence, HasSubstr("2 cameras have the serial number 17, so commands need guid: or mac: for them"));
+    EXPECT_THAT(findings[0].evidence,
+                HasSubstr("2 cameras have the serial number 17, so commands need guid: or mac: for them"));
 }
 
 TEST(DoctorHostSettings, ReadTheCounterOfTheReversePathFilter) {

@@ -200,7 +200,8 @@ TEST_F(DoctorOnAWire, FindsAReversePathFilterThatHasDroppedAnswersAndItsCureHelp
     m_host.SetSystemControl("net/ipv4/conf/h0/rp_filter", "1");
     EXPECT_THAT(Findings("gige.foreign-subnet", Nobody()), IsEmpty()) << "nobody can know";
     const Json finding = OneWrong("gige.rp-filter", Nobody());
-    EXPECT_THAT(finding["evidence"].get<std::string>(), AllOf(HasSubstr("h0: reverse path filter 2"), HasSubstr("dropped")));
+    EXPECT_THAT(finding["evidence"].get<std::string>(),
+                AllOf(HasSubstr("h0: reverse path filter 2"), HasSubstr("dropped")));
     // Root sees the camera, so there is one finding, and its cure makes the filter harmless.
     EXPECT_EQ(AllWrong().size(), 1u);
     EXPECT_THAT(OneWrong("gige.foreign-subnet")["evidence"].get<std::string>(), HasSubstr("10.9.9.9"));
@@ -225,9 +226,9 @@ TEST_F(DoctorOnAWire, AgreesWithDiscoverOnTheReversePathFilter) {
 
 struct Firewall {
     const char* name;
-    Words commands;            ///< that set it up
-    std::size_t numFindings;   ///< one for each chain that drops
-    const char* named;         ///< in the evidence
+    Words commands;           ///< that set it up
+    std::size_t numFindings;  ///< one for each chain that drops
+    const char* named;        ///< in the evidence
 };
 
 std::ostream& operator<<(std::ostream& out, const Firewall& row) { return out << row.name; }
@@ -246,7 +247,8 @@ TEST_P(DoctorBehindAFirewall, FindsEachChainThatDropsAndEachCureHelps) {
     EXPECT_THAT(Json(wrong).dump(), HasSubstr(GetParam().named));
     ExpectCured();
     const Json listed = Json::parse(
-        m_host.RunProgram({RealProgram(), "list", "--bus", "gige", "--discovery-window", "0.3", "--json"}, kDeadline).output);
+        m_host.RunProgram({RealProgram(), "list", "--bus", "gige", "--discovery-window", "0.3", "--json"}, kDeadline)
+            .output);
     EXPECT_EQ(listed["cameras"].size(), 1u) << "the camera can be used";
 }
 
@@ -257,21 +259,25 @@ INSTANTIATE_TEST_SUITE_P(
     Kinds, DoctorBehindAFirewall,
     ::testing::Values(
         Firewall{"PolicyOfInput",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'", kEstablished},
+                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+                  kEstablished},
                  1,
                  "inet wall entry"},
         Firewall{"RuleOfInputInAChainOfItsOwn",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; }'", "nft add chain inet wall strangers",
-                  kEstablished, "nft add rule inet wall entry iifname h0 jump strangers", "nft add rule inet wall strangers drop"},
+                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; }'",
+                  "nft add chain inet wall strangers", kEstablished,
+                  "nft add rule inet wall entry iifname h0 jump strangers", "nft add rule inet wall strangers drop"},
                  1,
                  "of chain strangers"},
         Firewall{"TwoChainsOfInput",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'", kEstablished,
-                  "nft add table ip second", "nft add chain ip second door '{ type filter hook input priority 10; policy drop; }'"},
+                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+                  kEstablished, "nft add table ip second",
+                  "nft add chain ip second door '{ type filter hook input priority 10; policy drop; }'"},
                  2,
                  "ip second door"},
         Firewall{"Prerouting",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook prerouting priority -150; policy drop; }'", kEstablished},
+                 {kTable, "nft add chain inet wall entry '{ type filter hook prerouting priority -150; policy drop; }'",
+                  kEstablished},
                  1,
                  "inet wall entry"},
         Firewall{"Ingress",
@@ -295,7 +301,8 @@ INSTANTIATE_TEST_SUITE_P(
                  1,
                  "iptables chain INPUT"},
         Firewall{"IptablesLegacyInTwoTables",
-                 {"iptables-legacy -t raw -A PREROUTING -p udp --sport 3956 -j DROP", "iptables-legacy -A INPUT -i h0 -p udp -j DROP"},
+                 {"iptables-legacy -t raw -A PREROUTING -p udp --sport 3956 -j DROP",
+                  "iptables-legacy -A INPUT -i h0 -p udp -j DROP"},
                  2,
                  "iptables-legacy chain PREROUTING of table raw"},
         Firewall{"Ufw",
@@ -306,12 +313,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(DoctorOnAWire, FindsAFirewallWithoutReadingItsRules) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
-    for (const char* rule : {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'", kEstablished}) {
+    for (const char* rule :
+         {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+          kEstablished}) {
         ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
     }
     const Json finding = OneWrong("gige.firewall", Nobody());
     EXPECT_THAT(finding["evidence"].get<std::string>(),
-                AllOf(HasSubstr("camera 2"), HasSubstr("answers when asked directly"), HasSubstr("only root may see which rule")));
+                AllOf(HasSubstr("camera 2"), HasSubstr("answers when asked directly"),
+                      HasSubstr("only root may see which rule")));
     EXPECT_EQ(finding["cure"], "# root sees which rule: sudo nimbrel doctor --interface h0");
     ExpectCured();
     ExpectFine("gige.firewall", Nobody());
@@ -319,9 +329,10 @@ TEST_F(DoctorOnAWire, FindsAFirewallWithoutReadingItsRules) {
 
 TEST_F(DoctorOnAWire, LeavesAFirewallAloneThatDropsNothingOfCameras) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
-    for (const char* rule : {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
-                             "nft add rule inet wall entry udp sport 3956 accept", kEstablished,
-                             "iptables-legacy -A INPUT -p tcp --dport 22 -j DROP"}) {
+    for (const char* rule :
+         {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+          "nft add rule inet wall entry udp sport 3956 accept", kEstablished,
+          "iptables-legacy -A INPUT -p tcp --dport 22 -j DROP"}) {
         ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
     }
     EXPECT_EQ(AllWrong().size(), 0u);
@@ -365,7 +376,8 @@ while True:
 )"});
     ASSERT_TRUE(holder->WaitForOutput("held", kDeadline)) << holder->GetErrors();
     const Json finding = OneWrong("gige.control", Nobody());
-    EXPECT_THAT(finding["evidence"].get<std::string>(), AllOf(HasSubstr("camera 2"), HasSubstr("192.168.77.100, port 1234, which is another computer")));
+    EXPECT_THAT(finding["evidence"].get<std::string>(),
+                AllOf(HasSubstr("camera 2"), HasSubstr("192.168.77.100, port 1234, which is another computer")));
     EXPECT_EQ(finding["cure"], "# end the program on 192.168.77.100 that uses UDP port 1234");
     holder.reset();
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
@@ -378,14 +390,16 @@ TEST_F(DoctorOnAWire, FindsAnMtuThatIsTooSmallForWhatACameraSendsAndItsCureHelps
     m_host.Ip("link set dev h0 mtu 1280");
     ExpectFine("gige.mtu");
     StartIndependentCamera();
-    EXPECT_THAT(OneWrong("gige.mtu")["evidence"].get<std::string>(), AllOf(HasSubstr("1280"), HasSubstr("camera 1001")));
+    EXPECT_THAT(OneWrong("gige.mtu")["evidence"].get<std::string>(),
+                AllOf(HasSubstr("1280"), HasSubstr("camera 1001")));
     ExpectCured();
 }
 
 TEST_F(DoctorOnAWire, FindsACameraThatDoesNotAnswerAtItsAddress) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
-    for (const char* rule : {"nft add table inet camera", "nft add chain inet camera entry '{ type filter hook input priority 0; }'",
-                             "nft add rule inet camera entry ip daddr 192.168.77.102 drop"}) {
+    for (const char* rule :
+         {"nft add table inet camera", "nft add chain inet camera entry '{ type filter hook input priority 0; }'",
+          "nft add rule inet camera entry ip daddr 192.168.77.102 drop"}) {
         ASSERT_EQ(m_wire.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
     }
     EXPECT_THAT(OneWrong("gige.no-answer")["evidence"].get<std::string>(),
@@ -418,11 +432,13 @@ TEST(Doctor, FindsCamerasThatCannotBeToldApart) {
     const auto rig = [](const std::string& serial) {
         return R"({"usb": [{"name": "xhci0", "devices": [
             {"name": "a", "parent": "xhci0", "port": 1, "serial": "33", "vendor": "V", "model": "M"},
-            {"name": "b", "parent": "xhci0", "port": 2, "serial": ")" + serial + R"(", "vendor": "V", "model": "M"}]}]})";
+            {"name": "b", "parent": "xhci0", "port": 2, "serial": ")" +
+               serial + R"(", "vendor": "V", "model": "M"}]}]})";
     };
     const ProgramResult result = RigComputer(rig("33")).Run({"doctor", "--bus", "usb"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("WRONG  cameras.guid"), HasSubstr("xhci0 port 1 (index 0) and USB 3, xhci0 port 2 (index 1)")));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("WRONG  cameras.guid"),
+                                     HasSubstr("xhci0 port 1 (index 0) and USB 3, xhci0 port 2 (index 1)")));
     EXPECT_EQ(RigComputer(rig("34")).Run({"doctor", "--bus", "usb"}).exitStatus, 0);
 }
 
@@ -431,11 +447,14 @@ TEST(Doctor, NamesBusesThatCannotBeSearchedAndThoseWithoutADriver) {
     EXPECT_EQ(failing.exitStatus, 1);
     const Json finding = Json::parse(failing.output)["findings"][0];
     EXPECT_EQ(finding["check"], "usb.driver");
-    EXPECT_EQ(finding["evidence"], "USB cannot be searched: no permission");
+    EXPECT_EQ(finding["evidence"], "USB cannot be searched: permission denied");
     EXPECT_EQ(finding["cure"], "sudo nimbrel doctor --bus usb");
-    const ProgramResult missing = ScriptedComputer({"without usb", "1394 1 V M"}).Run({"doctor", "--bus", "usb", "--bus", "1394"});
+    const ProgramResult missing =
+        ScriptedComputer({"without usb", "1394 1 V M"}).Run({"doctor", "--bus", "usb", "--bus", "1394"});
     EXPECT_EQ(missing.exitStatus, 0) << missing.output;
-    EXPECT_THAT(missing.output, HasSubstr("ok     usb.driver\n       this build of nimbrel has no driver for USB, so it is not searched\n"));
+    EXPECT_THAT(
+        missing.output,
+        HasSubstr("ok     usb.driver\n       this build of nimbrel has no driver for USB, so it is not searched\n"));
 }
 
 }  // namespace

@@ -47,7 +47,8 @@ TEST(GigEValues, AreRefusedByOptionAndValue) {
     for (const char* text : {"0.0.0.0", "255.0.255.0", "/0", "/33", "//8", "/", "24/"}) {
         EXPECT_THAT(Refused(ParseMask, text), HasSubstr("a subnet mask")) << text;
     }
-    for (const char* text : {"00:00:00:00:00:00", "01:00:5e:00:00:01", "02005e000001", "02:00:5e:00:00:0g", "02:00-5e:00-00:01", ""}) {
+    for (const char* text :
+         {"00:00:00:00:00:00", "01:00:5e:00:00:01", "02005e000001", "02:00:5e:00:00:0g", "02:00-5e:00-00:01", ""}) {
         EXPECT_THAT(Refused(ParseMac, text), HasSubstr("the MAC address of a device")) << text;
     }
 }

@@ -107,8 +107,7 @@ TEST(ListForPeople, FitsTheColumnsOfTheTerminalWithTheLongestTexts) {
     const Words script{"gige 4294967295ABCDEF 255.255.255.255 " + longText + " " + longText,
                        "usb 4294967295 5000 " + longText + longText + " " + longText};
     for (const std::size_t columns : {80, 72}) {
-        const ProgramResult result =
-            ScriptedComputer(script).RunWith({"COLUMNS=" + std::to_string(columns)}, {"list"});
+        const ProgramResult result = ScriptedComputer(script).RunWith({"COLUMNS=" + std::to_string(columns)}, {"list"});
         for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), columns) << line;
         EXPECT_THAT(result.output, AllOf(HasSubstr("255.255.255.255"), HasSubstr("WWW...")));
     }
@@ -124,10 +123,11 @@ TEST(ListForPeople, CutsNothingInAPipe) {
 }
 
 TEST(ListForPeople, HasTheColumnsThatAreWanted) {
-    EXPECT_THAT(Lines(ScriptedComputer(kOneOfEach).Run({"list", "--columns", "model,serial,mac,location,speed"}).output),
-                ::testing::IsSupersetOf({"MODEL    SERIAL  MAC                LOCATION       SPEED",
-                                         "Planer       22                                 5 Gbit/s",
-                                         "Drill X      44  02:00:0a:01:02:03  eth0"}));
+    EXPECT_THAT(
+        Lines(ScriptedComputer(kOneOfEach).Run({"list", "--columns", "model,serial,mac,location,speed"}).output),
+        ::testing::IsSupersetOf({"MODEL    SERIAL  MAC                LOCATION       SPEED",
+                                 "Planer       22                                 5 Gbit/s",
+                                 "Drill X      44  02:00:0a:01:02:03  eth0"}));
 }
 
 TEST(ListForPeople, HasColoursOnTerminalsUnlessToldOtherwise) {
@@ -135,7 +135,8 @@ TEST(ListForPeople, HasColoursOnTerminalsUnlessToldOtherwise) {
     EXPECT_THAT(plain, Not(HasSubstr("\x1b")));
     EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always"}).output,
                 AllOf(HasSubstr("\x1b[1mSERIAL\x1b[0m"), HasSubstr("\x1b[35mGigE\x1b[0m")));
-    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always", "--json"}).output, Not(HasSubstr("\x1b")));
+    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always", "--json"}).output,
+                Not(HasSubstr("\x1b")));
 }
 
 TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
@@ -172,10 +173,12 @@ TEST(List, NamesCamerasThatAreHeardOnAWrongSubnetAndTheCommandThatHelps) {
     const Words script{"heard 9 10.9.9.9"};
     const ProgramResult alone = ScriptedComputer(script).Run({"list"});
     EXPECT_EQ(alone.exitStatus, 0);
-    EXPECT_THAT(alone.output,
-                AllOf(HasSubstr("No usable cameras found"),
-                      HasSubstr("  camera 9 (02:00:0a:09:09:09) at 10.9.9.9/24 on eth0: wrong subnet: eth0 is on 192.168.77.0/24\n"),
-                      HasSubstr("`nimbrel auto-ip` gives the camera on a wrong subnet an address of the right one.\n")));
+    EXPECT_THAT(
+        alone.output,
+        AllOf(HasSubstr("No usable cameras found"),
+              HasSubstr(
+                  "  camera 9 (02:00:0a:09:09:09) at 10.9.9.9/24 on eth0: wrong subnet: eth0 is on 192.168.77.0/24\n"),
+              HasSubstr("`nimbrel auto-ip` gives the camera on a wrong subnet an address of the right one.\n")));
     EXPECT_THAT(ScriptedComputer({"heard 9 10.9.9.9", "usb 1 480 V M"}).Run({"list"}).output,
                 AllOf(HasSubstr("V       M"), HasSubstr("camera 9"), HasSubstr("`nimbrel auto-ip`")));
     EXPECT_THAT(ScriptedComputer(script).Run({"list", "--bus", "usb"}).output, Not(HasSubstr("camera 9")));
@@ -221,7 +224,7 @@ TEST(List, ShowsTheOtherBusesAndFailsWhenOneCannotBeSearched) {
     const ProgramResult result = ScriptedComputer(script).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(Json::parse(result.output)["cameras"].size(), 1u);
-    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: no permission\n");
+    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied\n");
     EXPECT_EQ(ScriptedComputer(script).Run({"list", "--wait", "1"}).exitStatus, 0) << "who was asked for is there";
 }
 
@@ -229,7 +232,8 @@ TEST(List, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {
     const ProgramResult result = ScriptedComputer({"gige 1 10.0.0.1 V M", "fail 1394 3"}).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel list: IEEE 1394 cannot be searched: no permission\n"), HasSubstr("`--bus usb --bus gige`"), Not(HasSubstr("BusMaster.cpp"))));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel list: IEEE 1394 cannot be searched: permission denied\n"),
+                                     HasSubstr("`--bus usb --bus gige`"), Not(HasSubstr("BusMaster.cpp"))));
 }
 
 TEST(List, FailsWhenStandardOutputIsFull) {
@@ -291,7 +295,8 @@ TEST(ListWait, NamesTheMissingWhenTheTimeIsOver) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(300));
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_EQ(result.errors, "nimbrel list: after 0.3 s still missing: cameras 44 and 45\n"
+    EXPECT_EQ(result.errors,
+              "nimbrel list: after 0.3 s still missing: cameras 44 and 45\n"
               "`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.\n");
 }
 

@@ -189,7 +189,8 @@ TEST_F(GigEAddresses, OfACameraOnAWrongSubnetAreRepairedByNobody) {
 TEST_F(GigEAddresses, AreShownWithoutAWarningWhereTheFilterIsOff) {
     AddCamera("10.9.9.9", 9);
     const ProgramResult result = RunAsNobody({"discover"});
-    EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24"), HasSubstr("`nimbrel auto-ip` gives the camera on a wrong subnet an address")));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24"),
+                                     HasSubstr("`nimbrel auto-ip` gives the camera on a wrong subnet an address")));
     EXPECT_THAT(result.errors, IsEmpty());
 }
 
@@ -391,8 +392,7 @@ TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatOnlyAcknowledges) {
     const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors,
-                HasSubstr("02:00:00:00:00:09 acknowledged 192.168.77.50/24, but no longer answers"));
+    EXPECT_THAT(result.errors, HasSubstr("02:00:00:00:00:09 acknowledged 192.168.77.50/24, but no longer answers"));
 }
 
 TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatKeepsItsOwn) {
@@ -533,8 +533,7 @@ TEST_F(ControlOfAnIndependentCamera, IsNotFreeWhenAnotherApplicationControlsIt) 
     EXPECT_EQ(Run({"control", "ip:192.168.77.100", "--json"}).output, "{\"available\":false,\"exclusive\":false}\n");
     const ProgramResult result = Run({"control", "7"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              "Camera 7 is in use by another application, which it does not name.\n");
+    EXPECT_EQ(result.output, "Camera 7 is in use by another application, which it does not name.\n");
 }
 
 TEST_F(ControlOfAnIndependentCamera, IsNotFreeWhenAnotherApplicationHoldsItExclusively) {

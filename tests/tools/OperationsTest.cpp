@@ -103,20 +103,19 @@ INSTANTIATE_TEST_SUITE_P(
                 {"usb-port", "20000007", "--json"},
                 R"({"ok":true,"value":1283,"status":["connected","enabled","power","high speed"],"change":[]})"
                 "\n"},
-        Printed{"Control",
-                {"control", "ip:192.168.77.11"},
-                "Camera 31000002 is free: this computer may control it.\n"},
+        Printed{"Control", {"control", "ip:192.168.77.11"}, "Camera 31000002 is free: this computer may control it.\n"},
         Printed{"ControlAsJson", {"control", "31000001", "--json"}, "{\"available\":true}\n"},
         Printed{"Rescan", {"rescan"}, "Enumerated again: 7 cameras on IEEE 1394, USB and GigE.\n"},
         Printed{"RescanOfOneBus", {"rescan", "--bus", "usb"}, "Enumerated again: 3 cameras on USB.\n"},
-        Printed{"RescanAsJson", {"rescan", "--json"}, "{\"ok\":true,\"value\":7,\"searched\":[\"1394\",\"usb\",\"gige\"]}\n"}),
+        Printed{"RescanAsJson",
+                {"rescan", "--json"},
+                "{\"ok\":true,\"value\":7,\"searched\":[\"1394\",\"usb\",\"gige\"]}\n"}),
     [](const auto& test) { return test.param.name; });
 
 TEST(Operation, RunsOnARigOfAFile) {
     const RigComputer rig(OneOfEach(""));
     const ProgramResult result = RunReal({"usb-link", "22", "--json", "--rig", rig.GetPath()});
-    EXPECT_EQ(result.output,
-              "{\"ok\":true,\"value\":32768512,\"speed\":5000,\"port\":2,\"hubs\":0}\n");
+    EXPECT_EQ(result.output, "{\"ok\":true,\"value\":32768512,\"speed\":5000,\"port\":2,\"hubs\":0}\n");
 }
 
 TEST(Operation, TakesOptionsOfTheBusesBeforeTheCommandToo) {
@@ -155,10 +154,14 @@ TEST(CameraArgument, ThatMeansTwoCamerasFailsAndTellsThemApart) {
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 1);
     const Words options{"--rig", rig.GetPath()};
-    EXPECT_EQ(result.errors, "nimbrel control: 2 cameras have the serial number 33:\n"
-                             "  guid:" + GuidOf(options, "cameras", 0) + "  USB 3, xhci0 port 1.3, index 0\n"
-                             "  mac:02:00:00:00:77:0a  GigE, 192.168.77.10 on eth0, index 1\n"
-                             "Name one of them, such as guid:" + GuidOf(options, "cameras", 0) + ".\n");
+    EXPECT_EQ(result.errors,
+              "nimbrel control: 2 cameras have the serial number 33:\n"
+              "  guid:" +
+                  GuidOf(options, "cameras", 0) +
+                  "  USB 3, xhci0 port 1.3, index 0\n"
+                  "  mac:02:00:00:00:77:0a  GigE, 192.168.77.10 on eth0, index 1\n"
+                  "Name one of them, such as guid:" +
+                  GuidOf(options, "cameras", 0) + ".\n");
     EXPECT_EQ(rig.Run({"control", "mac:02:00:00:00:77:0a"}).exitStatus, 0);
 }
 
@@ -172,8 +175,9 @@ TEST(CameraArgument, ThatMeansACameraWithATwinIsRefusedHoweverItIsNamed) {
     for (const std::string& camera : {std::string("33"), "guid:" + guid, std::string("index:1")}) {
         const ProgramResult result = rig.Run({"usb-link", camera});
         EXPECT_EQ(result.exitStatus, 1);
-        EXPECT_THAT(result.errors, AllOf(HasSubstr("2 cameras have the guid " + guid), HasSubstr("xhci0 port 1, index 0\n"),
-                                         HasSubstr("xhci0 port 2, index 1\n"), HasSubstr("Unplug all but one of them.")));
+        EXPECT_THAT(result.errors,
+                    AllOf(HasSubstr("2 cameras have the guid " + guid), HasSubstr("xhci0 port 1, index 0\n"),
+                          HasSubstr("xhci0 port 2, index 1\n"), HasSubstr("Unplug all but one of them.")));
     }
 }
 
@@ -182,7 +186,7 @@ TEST(CameraArgument, OfABusThatCannotBeSearchedFailsAndSaysThatToo) {
         RigComputer(OneOfEach(Fault("HAL_UsbGetCameras", 3, 1) + "," + Fault("HAL_UsbGetCameras", 3, 2)))
             .Run({"usb-link", "22"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel: USB cannot be searched: no permission\n"),
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel: USB cannot be searched: permission denied\n"),
                                      HasSubstr("no camera has the serial number 22; listed are 17 and 33")));
 }
 
@@ -232,22 +236,32 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"NoSuchIndex", {"reset", "index:7"}, {"no camera has the index 7; they go from 0 to 6"}},
         Failure{"NoSuchAddress",
                 {"control", "ip:10.0.0.1"},
-                {"no camera has the address 10.0.0.1; those listed have 192.168.77.10 and 192.168.77.11", "`nimbrel discover`"}},
+                {"no camera has the address 10.0.0.1; those listed have 192.168.77.10 and 192.168.77.11",
+                 "`nimbrel discover`"}},
         Failure{"AddressOfNoGigE", {"control", "ip:10.0.0.1", "--bus", "usb"}, {"no GigE camera is listed"}},
         Failure{"NoSuchGuid",
                 {"reset", "guid:00000000-00000000-00000000-00000001"},
                 {"no camera or device has the guid 00000000-00000000-00000000-00000001"}},
-        Failure{"ResetOfGigE", {"reset", "31000001"}, {"camera 31000001 is on GigE, reset is for IEEE 1394 and USB cameras\n"}},
+        Failure{"ResetOfGigE",
+                {"reset", "31000001"},
+                {"camera 31000001 is on GigE, reset is for IEEE 1394 and USB cameras\n"}},
         Failure{"PhyReadOfUsb",
                 {"phy", "read", "21000101", "0", "0", "1"},
                 {"camera 21000101 is on USB 3, phy is for IEEE 1394 cameras\n", "`nimbrel list --bus 1394`"}},
         Failure{"PhyWriteOfGigE",
                 {"phy", "write", "31000001", "0", "0", "1", "1"},
                 {"camera 31000001 is on GigE, phy is for IEEE 1394 cameras\n"}},
-        Failure{"UsbLinkOfGigE", {"usb-link", "31000001"}, {"camera 31000001 is on GigE, usb-link is for USB cameras\n"}},
-        Failure{"UsbPortOf1394", {"usb-port", "200705"}, {"camera 200705 is on IEEE 1394, usb-port is for USB cameras\n"}},
-        Failure{"ControlOf1394", {"control", "200705"}, {"camera 200705 is on IEEE 1394, control is for GigE cameras\n", "`nimbrel list --bus gige`"}},
-        Failure{"NoSuchMac", {"control", "mac:02:00:00:00:77:ff"}, {"no camera has the MAC 02:00:00:00:77:ff; those listed have 02:00:00:00:77:0a and 02:00:00:00:77:0b"}}),
+        Failure{
+            "UsbLinkOfGigE", {"usb-link", "31000001"}, {"camera 31000001 is on GigE, usb-link is for USB cameras\n"}},
+        Failure{
+            "UsbPortOf1394", {"usb-port", "200705"}, {"camera 200705 is on IEEE 1394, usb-port is for USB cameras\n"}},
+        Failure{"ControlOf1394",
+                {"control", "200705"},
+                {"camera 200705 is on IEEE 1394, control is for GigE cameras\n", "`nimbrel list --bus gige`"}},
+        Failure{
+            "NoSuchMac",
+            {"control", "mac:02:00:00:00:77:ff"},
+            {"no camera has the MAC 02:00:00:00:77:ff; those listed have 02:00:00:00:77:0a and 02:00:00:00:77:0b"}}),
     [](const auto& test) { return test.param.name; });
 
 struct HalFailure {
@@ -268,14 +282,25 @@ TEST_P(FailsInTheHal, WithCameraBusAndCauseInAUsersWords) {
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, HasSubstr(GetParam().said));
-    for (const char* ours : {"BusMaster.cpp", "rror 0x", "built", "(error"}) EXPECT_THAT(result.errors, Not(HasSubstr(ours)));
+    for (const char* ours : {"BusMaster.cpp", "rror 0x", "built", "(error"})
+        EXPECT_THAT(result.errors, Not(HasSubstr(ours)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Operation, FailsInTheHal,
     ::testing::Values(
-        HalFailure{"Reset", {"reset", "17"}, "HAL_1394FireBusReset", 3, "camera 17 (IEEE 1394) cannot be reset: no permission\nTry again as root: `sudo nimbrel reset 17`.\n"},
-        HalFailure{"ResetOfUsb", {"reset", "22"}, "HAL_UsbFireBusReset", 4, "camera 22 (USB 3) cannot be reset: the device is no longer attached\n`nimbrel list` shows what is attached now.\n"},
+        HalFailure{
+            "Reset",
+            {"reset", "17"},
+            "HAL_1394FireBusReset",
+            3,
+            "camera 17 (IEEE 1394) cannot be reset: permission denied\nTry again as root: `sudo nimbrel reset 17`.\n"},
+        HalFailure{"ResetOfUsb",
+                   {"reset", "22"},
+                   "HAL_UsbFireBusReset",
+                   4,
+                   "camera 22 (USB 3) cannot be reset: the device is no longer attached\n`nimbrel list` shows what is "
+                   "attached now.\n"},
         HalFailure{"PhyReadThatTimesOut",
                    {"phy", "read", "17", "0", "0", "1"},
                    "HAL_1394ReadPhyRegister",
@@ -290,10 +315,18 @@ INSTANTIATE_TEST_SUITE_P(
                    {"phy", "write", "17", "0", "0", "1", "1"},
                    "HAL_1394WritePhyRegister",
                    5,
-                   "camera 17 (IEEE 1394) has a PHY register that was not written: this computer cannot write PHY registers\n"},
-        HalFailure{"UsbLink", {"usb-link", "22"}, "HAL_UsbGetLinkInfo", 4, "camera 22 (USB 3) has a link that cannot be read: the hub does not answer\n"},
-        HalFailure{
-            "UsbPortThatTimesOut", {"usb-port", "22"}, "HAL_UsbGetPortStatus", 7, "camera 22 (USB 3) has a port that cannot be read: the hub does not answer\n"}),
+                   "camera 17 (IEEE 1394) has a PHY register that was not written: this computer cannot write PHY "
+                   "registers\n"},
+        HalFailure{"UsbLink",
+                   {"usb-link", "22"},
+                   "HAL_UsbGetLinkInfo",
+                   4,
+                   "camera 22 (USB 3) has a link that cannot be read: the hub does not answer\n"},
+        HalFailure{"UsbPortThatTimesOut",
+                   {"usb-port", "22"},
+                   "HAL_UsbGetPortStatus",
+                   7,
+                   "camera 22 (USB 3) has a port that cannot be read: the hub does not answer\n"}),
     [](const auto& test) { return test.param.name; });
 
 TEST(Control, OfACameraThatDoesNotAnswerFailsAndNamesTheDoctor) {
@@ -305,8 +338,9 @@ TEST(Control, OfACameraThatDoesNotAnswerFailsAndNamesTheDoctor) {
     }
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel control: camera 33 (GigE) did not say who controls it: the camera does not answer\n"
-                                         "`nimbrel doctor` finds out why.\n"));
+    EXPECT_THAT(result.errors,
+                HasSubstr("nimbrel control: camera 33 (GigE) did not say who controls it: the camera does not answer\n"
+                          "`nimbrel doctor` finds out why.\n"));
 }
 
 // ---- Who holds a camera --------------------------------------------------------------------------------------------
@@ -320,8 +354,7 @@ TEST(Control, NamesWhoHoldsTheCamera) {
     const RigComputer rig(OneOfEach(Taken(false)));
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              "Camera 33 is in use by the application at 192.168.77.200, port 50000.\n");
+    EXPECT_EQ(result.output, "Camera 33 is in use by the application at 192.168.77.200, port 50000.\n");
     EXPECT_EQ(rig.Run({"control", "33", "--json"}).output,
               R"({"available":false,"exclusive":false,"holder":{"ip":"192.168.77.200","port":50000}})"
               "\n");
@@ -331,8 +364,7 @@ TEST(Control, SaysNoForACameraThatIsHeldExclusively) {
     const RigComputer rig(OneOfEach(Taken(true)));
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              "Camera 33 is in use exclusively by another application, which it does not name.\n");
+    EXPECT_EQ(result.output, "Camera 33 is in use exclusively by another application, which it does not name.\n");
     EXPECT_THAT(result.errors, IsEmpty());
     EXPECT_EQ(rig.Run({"control", "33", "--json"}).output, "{\"available\":false,\"exclusive\":true}\n");
 }

@@ -37,15 +37,17 @@ Packet Request() {
 // ---- nftables ------------------------------------------------------------------------------------------------------
 
 std::string InputChain(const std::string& policy, const std::string& rules) {
-    std::string json = R"({"nftables": [{"metainfo": {"version": "1.0.6"}}, {"table": {"family": "inet", "name": "wall"}},
-        {"chain": {"family": "inet", "table": "wall", "name": "in", "hook": "input", "prio": 0, "policy": ")" + policy + R"("}},
+    std::string json =
+        R"({"nftables": [{"metainfo": {"version": "1.0.6"}}, {"table": {"family": "inet", "name": "wall"}},
+        {"chain": {"family": "inet", "table": "wall", "name": "in", "hook": "input", "prio": 0, "policy": ")" +
+        policy + R"("}},
         {"chain": {"family": "inet", "table": "wall", "name": "other"}})";
     std::string rest = rules;
     int handle = 1;
     while (!rest.empty()) {
         const std::size_t end = std::min(rest.find('\n'), rest.size());
-        json += R"(, {"rule": {"family": "inet", "table": "wall", "chain": "in", "handle": )" + std::to_string(handle++) +
-                R"(, "expr": [)" + rest.substr(0, end) + "]}}";
+        json += R"(, {"rule": {"family": "inet", "table": "wall", "chain": "in", "handle": )" +
+                std::to_string(handle++) + R"(, "expr": [)" + rest.substr(0, end) + "]}}";
         rest = end == rest.size() ? "" : rest.substr(end + 1);
     }
     return json + "]}";
@@ -95,27 +97,34 @@ INSTANTIATE_TEST_SUITE_P(
         RuleRow{"NoRule", "accept", "", Fate::Passes}, RuleRow{"PolicyDrop", "drop", "", Fate::Dropped},
         RuleRow{"DropAll", "accept", kDropAll, Fate::Dropped},
         RuleRow{"RejectAll", "accept", R"({"reject": {"type": "icmpx"}})", Fate::Dropped},
-        RuleRow{"OfItsPort", "drop",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": 3956}}, {"accept": null})",
-                Fate::Passes},
-        RuleRow{"OfAnotherPort", "drop",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": 53}}, {"accept": null})",
-                Fate::Dropped},
-        RuleRow{"OfTcp", "accept",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "tcp", "field": "dport"}}, "right": 40000}}, {"drop": null})",
-                Fate::Passes},
-        RuleRow{"OfPortsInARange", "drop",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "dport"}}, "right": {"range": [1024, 65535]}}}, {"accept": null})",
-                Fate::Passes},
-        RuleRow{"OfPortsInASet", "drop",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": {"set": [53, 3956]}}}, {"accept": null})",
-                Fate::Passes},
-        RuleRow{"OfItsSubnet", "accept",
-                R"({"match": {"op": "==", "left": {"payload": {"protocol": "ip", "field": "saddr"}}, "right": {"prefix": {"addr": "192.168.77.0", "len": 24}}}}, {"drop": null})",
-                Fate::Dropped},
-        RuleRow{"NotOfItsSubnet", "accept",
-                R"({"match": {"op": "!=", "left": {"payload": {"protocol": "ip", "field": "saddr"}}, "right": {"prefix": {"addr": "192.168.77.0", "len": 24}}}}, {"drop": null})",
-                Fate::Passes},
+        RuleRow{
+            "OfItsPort", "drop",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": 3956}}, {"accept": null})",
+            Fate::Passes},
+        RuleRow{
+            "OfAnotherPort", "drop",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": 53}}, {"accept": null})",
+            Fate::Dropped},
+        RuleRow{
+            "OfTcp", "accept",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "tcp", "field": "dport"}}, "right": 40000}}, {"drop": null})",
+            Fate::Passes},
+        RuleRow{
+            "OfPortsInARange", "drop",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "dport"}}, "right": {"range": [1024, 65535]}}}, {"accept": null})",
+            Fate::Passes},
+        RuleRow{
+            "OfPortsInASet", "drop",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "sport"}}, "right": {"set": [53, 3956]}}}, {"accept": null})",
+            Fate::Passes},
+        RuleRow{
+            "OfItsSubnet", "accept",
+            R"({"match": {"op": "==", "left": {"payload": {"protocol": "ip", "field": "saddr"}}, "right": {"prefix": {"addr": "192.168.77.0", "len": 24}}}}, {"drop": null})",
+            Fate::Dropped},
+        RuleRow{
+            "NotOfItsSubnet", "accept",
+            R"({"match": {"op": "!=", "left": {"payload": {"protocol": "ip", "field": "saddr"}}, "right": {"prefix": {"addr": "192.168.77.0", "len": 24}}}}, {"drop": null})",
+            Fate::Passes},
         RuleRow{"OfItsInterface", "drop",
                 R"({"match": {"op": "==", "left": {"meta": {"key": "iifname"}}, "right": "eth1"}}, {"accept": null})",
                 Fate::Passes},
@@ -123,21 +132,27 @@ INSTANTIATE_TEST_SUITE_P(
                 R"({"match": {"op": "==", "left": {"meta": {"key": "iifname"}}, "right": "eth*"}}, {"accept": null})",
                 Fate::Passes},
         RuleRow{"OfAnotherInterface", "drop",
-                R"({"match": {"op": "==", "left": {"meta": {"key": "iif"}}, "right": "lo"}}, {"accept": null})", Fate::Dropped},
-        RuleRow{"OfEstablishedConnections", "drop",
-                R"({"match": {"op": "in", "left": {"ct": {"key": "state"}}, "right": ["established", "related"]}}, {"accept": null})",
+                R"({"match": {"op": "==", "left": {"meta": {"key": "iif"}}, "right": "lo"}}, {"accept": null})",
                 Fate::Dropped},
+        RuleRow{
+            "OfEstablishedConnections", "drop",
+            R"({"match": {"op": "in", "left": {"ct": {"key": "state"}}, "right": ["established", "related"]}}, {"accept": null})",
+            Fate::Dropped},
         RuleRow{"OfSomethingUnknown", "accept",
-                R"({"match": {"op": "==", "left": {"meta": {"key": "mark"}}, "right": 7}}, {"drop": null})", Fate::Perhaps},
+                R"({"match": {"op": "==", "left": {"meta": {"key": "mark"}}, "right": 7}}, {"drop": null})",
+                Fate::Perhaps},
         RuleRow{"AcceptingSomethingUnknown", "drop",
-                R"({"match": {"op": "==", "left": {"meta": {"key": "mark"}}, "right": 7}}, {"accept": null})", Fate::Perhaps},
-        RuleRow{"LimitedInRate", "accept", R"({"limit": {"rate": 10, "per": "second"}}, {"drop": null})", Fate::Perhaps},
-        RuleRow{"AfterACounterAndALog", "accept", R"({"counter": {"packets": 0, "bytes": 0}}, {"log": null}, {"drop": null})",
-                Fate::Dropped},
+                R"({"match": {"op": "==", "left": {"meta": {"key": "mark"}}, "right": 7}}, {"accept": null})",
+                Fate::Perhaps},
+        RuleRow{"LimitedInRate", "accept", R"({"limit": {"rate": 10, "per": "second"}}, {"drop": null})",
+                Fate::Perhaps},
+        RuleRow{"AfterACounterAndALog", "accept",
+                R"({"counter": {"packets": 0, "bytes": 0}}, {"log": null}, {"drop": null})", Fate::Dropped},
         RuleRow{"AfterOneThatAccepts", "accept", "{\"accept\": null}\n{\"drop\": null}", Fate::Passes},
-        RuleRow{"VerdictMap", "drop",
-                R"({"vmap": {"key": {"payload": {"protocol": "udp", "field": "sport"}}, "data": {"set": [[53, {"drop": null}], [3956, {"accept": null}]]}}})",
-                Fate::Passes},
+        RuleRow{
+            "VerdictMap", "drop",
+            R"({"vmap": {"key": {"payload": {"protocol": "udp", "field": "sport"}}, "data": {"set": [[53, {"drop": null}], [3956, {"accept": null}]]}}})",
+            Fate::Passes},
         RuleRow{"JumpToNowhere", "drop", R"({"jump": {"target": "missing"}})", Fate::Perhaps},
         RuleRow{"JumpThatComesBack", "drop", R"({"jump": {"target": "other"}})", Fate::Dropped},
         RuleRow{"Malformed", "drop", R"({"match": 7}, {"accept": null})", Fate::Perhaps}),
@@ -173,7 +188,8 @@ TEST(NftRules, OfIptablesAreLeftToIptables) {
 
 TEST(NftRules, ThatAreNoneAreRefusedAndOddOnesAreSkipped) {
     for (const char* bad : {"", "7", "[]", "{", R"({"nftables": 3})"}) EXPECT_FALSE(ParseNftRules(bad)) << bad;
-    EXPECT_TRUE(ParseNftRules(R"({"nftables": [7, null, {"rule": {"family": "inet"}}, {"chain": "odd"}, {"rule": {"expr": 3}}]})"));
+    EXPECT_TRUE(ParseNftRules(
+        R"({"nftables": [7, null, {"rule": {"family": "inet"}}, {"chain": "odd"}, {"rule": {"expr": 3}}]})"));
 }
 
 TEST(NftRules, KnowTheElementsOfNamedSets) {
@@ -190,8 +206,10 @@ TEST(NftRules, KnowTheElementsOfNamedSets) {
 RuleSet Iptables(const std::string& rules, const std::string& policy = "ACCEPT") {
     RuleSet set;
     set.known = true;
-    set.chains = ParseIptablesRules("# Generated\n*filter\n:INPUT " + policy + " [0:0]\n:FORWARD DROP [0:0]\n:OUTPUT ACCEPT [0:0]\n"
-                                    ":mine - [0:0]\n" + rules + "\nCOMMIT\n",
+    set.chains = ParseIptablesRules("# Generated\n*filter\n:INPUT " + policy +
+                                        " [0:0]\n:FORWARD DROP [0:0]\n:OUTPUT ACCEPT [0:0]\n"
+                                        ":mine - [0:0]\n" +
+                                        rules + "\nCOMMIT\n",
                                     RuleTool::IptablesLegacy);
     return set;
 }
@@ -218,19 +236,23 @@ INSTANTIATE_TEST_SUITE_P(
         RuleRow{"OfItsInterface", "DROP", "-A INPUT -i eth1 -j ACCEPT", Fate::Passes},
         RuleRow{"OfInterfacesLikeIt", "DROP", "-A INPUT -i eth+ -j ACCEPT", Fate::Passes},
         RuleRow{"OfAnotherInterface", "DROP", "-A INPUT -i lo -j ACCEPT", Fate::Dropped},
-        RuleRow{"OfEstablishedConnections", "DROP", "-A INPUT -m conntrack --ctstate RELATED,ESTABLISHED -j ACCEPT", Fate::Dropped},
+        RuleRow{"OfEstablishedConnections", "DROP", "-A INPUT -m conntrack --ctstate RELATED,ESTABLISHED -j ACCEPT",
+                Fate::Dropped},
         RuleRow{"OfSomethingUnknown", "ACCEPT", "-A INPUT -m mark --mark 0x1 -j DROP", Fate::Perhaps},
-        RuleRow{"WithAComment", "ACCEPT", "-A INPUT -m comment --comment \"keep \\\"all\\\" out -j ACCEPT\" -j DROP", Fate::Dropped},
+        RuleRow{"WithAComment", "ACCEPT", "-A INPUT -m comment --comment \"keep \\\"all\\\" out -j ACCEPT\" -j DROP",
+                Fate::Dropped},
         RuleRow{"ThatLogs", "DROP", "-A INPUT -j LOG --log-prefix \"-j ACCEPT\"", Fate::Dropped},
         RuleRow{"InAChainOfTheUser", "ACCEPT", "-A INPUT -j mine\n-A mine -p udp -j DROP", Fate::Dropped},
         RuleRow{"ThatReturns", "DROP", "-A INPUT -j mine\n-A mine -j RETURN\n-A mine -j ACCEPT", Fate::Dropped},
-        RuleRow{"OfOtherHosts", "ACCEPT", "-A INPUT -m addrtype --dst-type LOCAL -j RETURN\n-A INPUT -j DROP", Fate::Passes},
+        RuleRow{"OfOtherHosts", "ACCEPT", "-A INPUT -m addrtype --dst-type LOCAL -j RETURN\n-A INPUT -j DROP",
+                Fate::Passes},
         RuleRow{"ThatGoesToAChainWithoutComingBack", "ACCEPT", "-A INPUT -g mine\n-A INPUT -j DROP", Fate::Passes}),
     [](const auto& test) { return test.param.name; });
 
 TEST(IptablesRules, OfNatDoNotCount) {
     RuleSet rules;
-    rules.chains = ParseIptablesRules("*nat\n:PREROUTING DROP [0:0]\nCOMMIT\n*raw\n:PREROUTING DROP [0:0]\nCOMMIT\n", RuleTool::Iptables);
+    rules.chains = ParseIptablesRules("*nat\n:PREROUTING DROP [0:0]\nCOMMIT\n*raw\n:PREROUTING DROP [0:0]\nCOMMIT\n",
+                                      RuleTool::Iptables);
     const auto blockers = rules.FindBlockers(Answer());
     ASSERT_THAT(blockers, SizeIs(1));
     EXPECT_EQ(blockers[0].chain->table, "raw");
@@ -242,7 +264,8 @@ TEST(CureOfABlocker, IsThatOfTheFrontEndWhereOneIsAtWork) {
     RuleSet ufw = Iptables("-A INPUT -j mine", "DROP");
     ufw.chains.push_back(ufw.chains.back());
     ufw.chains.back().name = "ufw-user-input";
-    EXPECT_EQ(CureOf(ufw, ufw.FindBlockers(Answer()).at(0), Answer()), "sudo ufw allow in on eth1 proto udp from any port 3956");
+    EXPECT_EQ(CureOf(ufw, ufw.FindBlockers(Answer()).at(0), Answer()),
+              "sudo ufw allow in on eth1 proto udp from any port 3956");
     Chain zone;
     zone.family = "inet";
     zone.table = "firewalld";
@@ -251,7 +274,8 @@ TEST(CureOfABlocker, IsThatOfTheFrontEndWhereOneIsAtWork) {
     zone.dropsByPolicy = true;
     RuleSet firewalld;
     firewalld.chains = {zone};
-    EXPECT_THAT(CureOf(firewalld, firewalld.FindBlockers(Answer()).at(0), Answer()), HasSubstr("firewall-cmd --permanent --add-source-port=3956/udp"));
+    EXPECT_THAT(CureOf(firewalld, firewalld.FindBlockers(Answer()).at(0), Answer()),
+                HasSubstr("firewall-cmd --permanent --add-source-port=3956/udp"));
 }
 
 TEST(CureOfABlocker, IsARuleForTheInterfaceQuotedForTheShell) {

@@ -161,7 +161,8 @@ TEST(Progress, IsNotShownWhereItCannotBeWiped) {
 
 TEST(Progress, IsNotShownInAPipe) {
     const ProgramResult result = ScriptedComputer().Run({"list", "--wait", "9", "--timeout", "0.6"});
-    EXPECT_EQ(result.errors, "nimbrel list: after 0.6 s still missing: camera 9\n"
+    EXPECT_EQ(result.errors,
+              "nimbrel list: after 0.6 s still missing: camera 9\n"
               "`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.\n");
 }
 

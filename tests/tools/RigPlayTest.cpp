@@ -81,8 +81,7 @@ TEST(RigPlay, FindsEachEventOnce) {
         {"after": {"event": "removal", "serial": 5}, "unplug": "a"})"));
     const ProgramResult result = rig.Run({"rig", "play", "--fast"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.errors, "nimbrel rig play: " + rig.Path() +
-                                 ": /timeline/2/after: this event did not happen\n");
+    EXPECT_EQ(result.errors, "nimbrel rig play: " + rig.Path() + ": /timeline/2/after: this event did not happen\n");
 }
 
 TEST(RigPlay, EndsWithTheSerialNumbersThatAreMissingAndTooMany) {

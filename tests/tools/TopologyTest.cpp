@@ -231,16 +231,21 @@ TEST(Topology, NamesACameraThatIsTooDeepForTheTreeInEachForm) {
     EXPECT_EQ(unplaced[0]["location"], "xhci0 port 2.1.1.1.1.3");
     EXPECT_THAT(Graph(rig.Run({"topology", "--format", "dot"}).output).nodes,
                 Contains("V Deep\\nserial 77\\nnot in the tree:\\n" + reason));
-    EXPECT_THAT(TextsOf(rig.Run({"topology", "--format", "svg"}).output), IsSupersetOf({"node unplaced", "V Deep", "serial 77", reason.c_str()}));
-    EXPECT_EQ(rig.Run({"topology", "--below", "77"}).errors, "nimbrel topology: camera 77 is not in the tree: " + reason + "\n");
+    EXPECT_THAT(TextsOf(rig.Run({"topology", "--format", "svg"}).output),
+                IsSupersetOf({"node unplaced", "V Deep", "serial 77", reason.c_str()}));
+    EXPECT_EQ(rig.Run({"topology", "--below", "77"}).errors,
+              "nimbrel topology: camera 77 is not in the tree: " + reason + "\n");
 }
 
 TEST(Topology, NamesCamerasOfWhichNoBusTellsWhereTheyAre) {
     // These buses have no self-IDs.
     const Words script{"1394 12 V M", "virtual 77 V M", "usb 1 480 V M"};
-    EXPECT_THAT(ScriptedComputer(script).Run({"topology"}).output,
-                AllOf(HasSubstr("V M"), HasSubstr("\nNot in the tree:\n  camera 12 V M: it is virtual, or its bus does not tell where it is\n")));
-    EXPECT_THAT(ScriptedComputer(script).Run({"topology", "--virtual"}).output, HasSubstr("\n  camera 77 V M: it is virtual"));
+    EXPECT_THAT(
+        ScriptedComputer(script).Run({"topology"}).output,
+        AllOf(HasSubstr("V M"),
+              HasSubstr("\nNot in the tree:\n  camera 12 V M: it is virtual, or its bus does not tell where it is\n")));
+    EXPECT_THAT(ScriptedComputer(script).Run({"topology", "--virtual"}).output,
+                HasSubstr("\n  camera 77 V M: it is virtual"));
 }
 
 // Two hubs on port 3 of different hubs: the tree shows what is below either below both.
@@ -254,7 +259,8 @@ const char kEqualPorts[] = R"({"usb": [{"name": "xhci0", "devices": [
 TEST(Topology, MarksADeviceThatStandsAtMoreThanOnePlace) {
     const RigComputer rig(kEqualPorts);
     const std::string text = rig.Run({"topology"}).output;
-    EXPECT_THAT(text, AllOf(HasSubstr("shown at 2 places; this is the true one"), HasSubstr("shown at 2 places; really at port 1.2.3.2"),
+    EXPECT_THAT(text, AllOf(HasSubstr("shown at 2 places; this is the true one"),
+                            HasSubstr("shown at 2 places; really at port 1.2.3.2"),
                             HasSubstr("shown at 2 places; really at port 1.1.3.1")));
     std::map<std::pair<int, bool>, int> places;
     for (const Json& node : NodesOf(Json::parse(rig.Run({"topology", "--json"}).output))) {
@@ -263,14 +269,16 @@ TEST(Topology, MarksADeviceThatStandsAtMoreThanOnePlace) {
         ++places[{node["id"], node["true_place"]}];
     }
     EXPECT_EQ(places.size(), 4u) << "two devices, each at a true place and at another";
-    EXPECT_THAT(TextsOf(rig.Run({"topology", "--format", "svg"}).output), IsSupersetOf({"shown at 2 places", "really at port 1.2.3.2"}));
+    EXPECT_THAT(TextsOf(rig.Run({"topology", "--format", "svg"}).output),
+                IsSupersetOf({"shown at 2 places", "really at port 1.2.3.2"}));
 }
 
 TEST(Topology, SaysWhenAListingIsCutAtItsCapacity) {
     std::string cameras;
     for (int i = 0; i < 130; ++i) {
         char text[200];
-        std::snprintf(text, sizeof text, R"(%s{"name": "g%d", "mac": "02:00:00:00:01:%02x", "address": "10.0.0.%d/8", "serial": "%d"})",
+        std::snprintf(text, sizeof text,
+                      R"(%s{"name": "g%d", "mac": "02:00:00:00:01:%02x", "address": "10.0.0.%d/8", "serial": "%d"})",
                       i == 0 ? "" : ",", i, i, i + 10, 1000 + i);
         cameras += text;
     }
@@ -280,7 +288,8 @@ TEST(Topology, SaysWhenAListingIsCutAtItsCapacity) {
     EXPECT_THAT(rig.Run({"list"}).output, HasSubstr("\n" + sentence + "\n"));
     EXPECT_EQ(Json::parse(rig.Run({"topology", "--json"}).output)["cut"], Json::array({sentence}));
     EXPECT_THAT(TextsOf(rig.Run({"topology", "--format", "svg"}).output), Contains(sentence));
-    EXPECT_THAT(Graph(rig.Run({"topology", "--format", "dot"}).output).nodes, Contains("128 of 130 GigE cameras are listed, a..."));
+    EXPECT_THAT(Graph(rig.Run({"topology", "--format", "dot"}).output).nodes,
+                Contains("128 of 130 GigE cameras are listed, a..."));
 }
 
 TEST(TopologyForPeople, LeavesOutASpeedThatNobodyKnows) {
@@ -296,20 +305,23 @@ TEST(TopologyForPeople, IsTheComputerAloneAndAHintWhenNothingIsAttached) {
 }
 
 TEST(TopologyForPeople, HasColoursWhenTheyAreWanted) {
-    EXPECT_THAT(RunReal({"topology", "--demo", "--color", "always"}).output,
-                AllOf(HasSubstr("\x1b[35mGigE\x1b[0m\n"), HasSubstr("\x1b[34mport 2: Brightline U3 500\x1b[0m      21000101")));
+    EXPECT_THAT(
+        RunReal({"topology", "--demo", "--color", "always"}).output,
+        AllOf(HasSubstr("\x1b[35mGigE\x1b[0m\n"), HasSubstr("\x1b[34mport 2: Brightline U3 500\x1b[0m      21000101")));
 }
 
 TEST(TopologyBelow, IsACameraWithWhatIsBehindIt) {
     const Words chain{"topology", "--rig", RigFile("firewire-chain.json"), "--below", "259"};
-    EXPECT_EQ(OutputOf(chain), "port 1: Acme Chain 1     259  400 Mbit/s  2 ports, 0 free\n"
-                               "└─ port 1: Acme Chain 1  260  400 Mbit/s  2 ports, 1 free\n");
+    EXPECT_EQ(OutputOf(chain),
+              "port 1: Acme Chain 1     259  400 Mbit/s  2 ports, 0 free\n"
+              "└─ port 1: Acme Chain 1  260  400 Mbit/s  2 ports, 1 free\n");
     Words asJson = chain;
     asJson.emplace_back("--json");
     const Json json = Json::parse(OutputOf(asJson));
     EXPECT_EQ(json["serial"], 259);
     EXPECT_THAT(NodesOf(json), SizeIs(2));
-    EXPECT_THAT(OutputOf({"topology", "--demo", "--below", "ip:192.168.77.11", "--format", "svg"}), HasSubstr("serial 31000002"));
+    EXPECT_THAT(OutputOf({"topology", "--demo", "--below", "ip:192.168.77.11", "--format", "svg"}),
+                HasSubstr("serial 31000002"));
     EXPECT_THAT(RunReal({"topology", "--demo", "--below", "5"}).errors, HasSubstr("no camera has the serial number 5"));
 }
 
@@ -380,7 +392,8 @@ TEST(TopologyAsJson, IsTheComputerAloneWhenNothingIsAttached) {
     const ProgramResult result = ScriptedComputer().Run({"topology", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(Json::parse(result.output).dump(), R"({"type":"computer","interface":"none","id":0,"guid":")" +
-                                                     std::string(kNoGuid) + R"(","ports":[],"children":[],"unplaced":[],"cut":[]})");
+                                                     std::string(kNoGuid) +
+                                                     R"(","ports":[],"children":[],"unplaced":[],"cut":[]})");
 }
 
 // ---- DOT and SVG ---------------------------------------------------------------------------------------------------
@@ -389,21 +402,22 @@ TEST(TopologyAsDot, HasNamesSerialNumbersPortsAndSpeeds) {
     const Graph graph(OutputOf({"topology", "--demo", "--format", "dot"}));
     EXPECT_THAT(graph.nodes, SizeIs(22));
     EXPECT_EQ(graph.edges, 21u);
-    EXPECT_THAT(graph.nodes, IsSupersetOf({"Computer\\n7 cameras", "USB 2\\n1 camera", "repeater (PHY 2)\\n3 of 6 ports free",
-                                           "eth0\\n1 Gbit/s, link up\\n2 cameras", "fw0: this computer (PHY 4)\\n1 of 3 ports free",
-                                           "Acme Zoom 1394\\nserial 200705\\n1 of 2 ports free",
-                                           "Cairn G 2040\\nserial 31000001\\n192.168.77.10"}));
-    EXPECT_THAT(graph.edgeLabels,
-                IsSupersetOf({"port 0\\n400 Mbit/s", "port 4\\n400 Mbit/s", "port 2\\n5 Gbit/s", "480 Mbit/s", "1 Gbit/s"}));
+    EXPECT_THAT(graph.nodes,
+                IsSupersetOf({"Computer\\n7 cameras", "USB 2\\n1 camera", "repeater (PHY 2)\\n3 of 6 ports free",
+                              "eth0\\n1 Gbit/s, link up\\n2 cameras", "fw0: this computer (PHY 4)\\n1 of 3 ports free",
+                              "Acme Zoom 1394\\nserial 200705\\n1 of 2 ports free",
+                              "Cairn G 2040\\nserial 31000001\\n192.168.77.10"}));
+    EXPECT_THAT(graph.edgeLabels, IsSupersetOf({"port 0\\n400 Mbit/s", "port 4\\n400 Mbit/s", "port 2\\n5 Gbit/s",
+                                                "480 Mbit/s", "1 Gbit/s"}));
 }
 
 TEST(TopologyAsSvg, ShowsNamesSerialNumbersPortsAndSpeeds) {
     const std::string svg = OutputOf({"topology", "--demo", "--format", "svg"});
     EXPECT_TRUE(IsPlainAscii(svg));
     const Words texts = TextsOf(svg);
-    EXPECT_THAT(texts, IsSupersetOf({"node computer", "node bus", "node hub", "node interface", "node camera", "node device", "Computer",
-                                     "Acme Zoom 1394", "serial 200705", "1 of 2 ports free", "192.168.77.11", "port 4",
-                                     "400 Mbit/s", "5 Gbit/s"}));
+    EXPECT_THAT(texts, IsSupersetOf({"node computer", "node bus", "node hub", "node interface", "node camera",
+                                     "node device", "Computer", "Acme Zoom 1394", "serial 200705", "1 of 2 ports free",
+                                     "192.168.77.11", "port 4", "400 Mbit/s", "5 Gbit/s"}));
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "node camera"), 7);
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "edge"), 21);
 }
@@ -423,12 +437,14 @@ std::string ProblemsOf(const std::string& svg) {
     std::ofstream(folder.File("picture.svg"), std::ios::binary) << svg;
     const ProgramResult result = Nimbrel2::Testing::RunProgram(
         {"/usr/bin/python3", NIMBREL_TESTS "/check_picture.py", folder.File("picture.svg")}, std::chrono::minutes(2));
-    return result.exitStatus == 0 ? result.output : result.output + result.errors + "status " + std::to_string(result.exitStatus);
+    return result.exitStatus == 0 ? result.output
+                                  : result.output + result.errors + "status " + std::to_string(result.exitStatus);
 }
 
 std::string BigRig() {
     const TemporaryFolder folder;
-    const ProgramResult result = Nimbrel2::Testing::RunProgram({"/usr/bin/python3", NIMBREL_TESTS "/big_rig.py"}, kDeadline);
+    const ProgramResult result =
+        Nimbrel2::Testing::RunProgram({"/usr/bin/python3", NIMBREL_TESTS "/big_rig.py"}, kDeadline);
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     return result.output;
 }
@@ -458,9 +474,11 @@ TEST(TopologyPicture, Of512CamerasShowsEachOnceAndCanBeLookedAt) {
     std::istringstream texts(result.output);
     for (std::string line; std::getline(texts, line);) {
         const std::size_t serial = line.find("serial ");
-        if (serial != std::string::npos) ++seen[line.substr(serial + 7, line.find_first_not_of("0123456789", serial + 7) - serial - 7)];
+        if (serial != std::string::npos)
+            ++seen[line.substr(serial + 7, line.find_first_not_of("0123456789", serial + 7) - serial - 7)];
     }
-    for (const Json& camera : listed) EXPECT_EQ(seen[std::to_string(camera["serial"].get<unsigned int>())], 1) << camera;
+    for (const Json& camera : listed)
+        EXPECT_EQ(seen[std::to_string(camera["serial"].get<unsigned int>())], 1) << camera;
 }
 
 TEST(TopologyAsPng, IsAPictureThatOthersRead) {
@@ -573,7 +591,7 @@ TEST(Topology, ShowsTheOtherBusesAndFailsWhenOneCannotBeSearched) {
     const ProgramResult result = ScriptedComputer({"gige 1 10.0.0.1 V M", "fail usb 3"}).Run({"topology", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(NodesOf(Json::parse(result.output)), SizeIs(3));
-    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: no permission\n");
+    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied\n");
 }
 
 // ---- Where to ------------------------------------------------------------------------------------------------------

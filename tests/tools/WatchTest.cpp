@@ -125,13 +125,16 @@ TEST(Watch, EndsAfterSoManySeconds) {
 TEST(Watch, SaysWhichBusItCannotSee) {
     const ProgramResult result = ScriptedComputer({"fail gige 21"}).Run({"watch", "--duration", "0"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));
+    EXPECT_THAT(
+        result.errors,
+        HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));
 }
 
 TEST(Watch, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {
     const ProgramResult result = ScriptedComputer({"fail 1394 3"}).Run({"watch"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel watch: IEEE 1394 cannot be searched: no permission\n"), HasSubstr("Go on without it: `--bus usb --bus gige`.")));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel watch: IEEE 1394 cannot be searched: permission denied\n"),
+                                     HasSubstr("Go on without it: `--bus usb --bus gige`.")));
 }
 
 class WatchSignal : public ::testing::TestWithParam<int> {};

@@ -49,7 +49,7 @@ const char* NameOf(InterfaceType type) {
 }
 
 void DumpInto(std::string& text, const TopologyNode& node, unsigned int depth) {
-    text.append(2 * depth, ' ');
+    text.append(std::size_t{2} * depth, ' ');
     text += std::string(NameOf(node.GetNodeType())) + ' ' + NameOf(node.GetInterfaceType()) + ' ' +
             std::to_string(node.GetDeviceId()) + " [";
     for (unsigned int i = 0; i < node.GetNumPorts(); ++i) {

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Gives GigE cameras on wrong subnets an address and verifies it. Main thread only; no lock.
-#include "tools/nimbrel/AutoIpCommand.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -11,8 +9,9 @@
 #include <vector>
 
 #include "platform/Diagnostics.h"
-#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Progress.h"
@@ -82,10 +81,9 @@ public:
     explicit AutoIpCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        CommandContext::AddValue(
-            command, "--serial", "N", "Only this camera.", [this](const std::string& text) {
-                m_serial = ParseNumber("--serial", text, 1, std::numeric_limits<std::uint32_t>::max());
-            });
+        CommandContext::AddValue(command, "--serial", "N", "Only this camera.", [this](const std::string& text) {
+            m_serial = ParseNumber("--serial", text, 1, std::numeric_limits<std::uint32_t>::max());
+        });
         command.add_flag("--dry-run", m_dryRun, "Change nothing; print what would change and why.");
         m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
@@ -129,7 +127,8 @@ private:
                 .WithHint("`nimbrel discover` shows the cameras that answer.");
         }
         if (status != HAL_OK) {
-            throw CommandError("GigE cannot be searched: " + DescribeStatus(status)).WithHint(NextStep(status, INTERFACE_GIGE));
+            throw CommandError("GigE cannot be searched: " + DescribeStatus(status))
+                .WithHint(NextStep(status, INTERFACE_GIGE));
         }
         for (const AddressPlan& plan : plans) m_outcomes.push_back(OutcomeOf(plan));
     }

@@ -54,7 +54,8 @@ std::optional<BusFailure> TryBus(const BusKind& bus, bool* found) {
 std::string OthersThan(const BusKind& failed, const IsWanted& isWanted) {
     std::string options;
     for (const BusKind& bus : BusKinds()) {
-        if (bus.type != failed.type && isWanted(bus)) options += std::string(options.empty() ? "" : " ") + "--bus " + bus.name;
+        if (bus.type != failed.type && isWanted(bus))
+            options += std::string(options.empty() ? "" : " ") + "--bus " + bus.name;
     }
     return options;
 }
@@ -123,7 +124,8 @@ CommandError ExplainStart(const Error& error, const IsWanted& isWanted) {
         if (!failure) continue;
         const std::string others = OthersThan(bus, isWanted);
         return CommandError(failure->Describe())
-            .WithHint(others.empty() ? NextStep(failure->status, INTERFACE_NONE) : "Go on without it: `" + others + "`.")
+            .WithHint(others.empty() ? NextStep(failure->status, INTERFACE_NONE)
+                                     : "Go on without it: `" + others + "`.")
             .WithDetails(error.Describe());
     }
     return Explain(error, "the buses cannot be listed");

@@ -24,7 +24,9 @@ NodesById IndexNodes(const BusMap& map) {
     return nodes;
 }
 
-bool IsUsbHost(const TopologyView& view) { return view.interfaceType == INTERFACE_USB_3 && view.id == static_cast<int>(kUsbHostId); }
+bool IsUsbHost(const TopologyView& view) {
+    return view.interfaceType == INTERFACE_USB_3 && view.id == static_cast<int>(kUsbHostId);
+}
 
 // Whether the tree can be that of the map: every camera is where the map has it, and the map knows every USB device.
 bool Fits(const TopologyView& view, const BusMap& map, const NodesById& nodes) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -147,8 +148,9 @@ FoundCamera FindByGuid(BusMaster& busMaster, const Cameras& cameras, const ZevoG
         if (device.guid == guid) return {guid, device.interfaceType, "device " + FormatGuid(guid)};
     }
     throw CommandError("no camera or device has the guid " + FormatGuid(guid) + OtherSerialNumbers(cameras))
-        .WithHint("`nimbrel list --long` shows the guids. That of a GigE camera changes with its address: serial: or "
-                  "mac: do not.");
+        .WithHint(
+            "`nimbrel list --long` shows the guids. That of a GigE camera changes with its address: serial: or "
+            "mac: do not.");
 }
 
 // ---- Which bus the command is for ----------------------------------------------------------------------------------
@@ -162,7 +164,8 @@ struct ScopeText {
 
 constexpr ScopeText kScopes[] = {
     {Scope::IEEE1394, "IEEE 1394", "--bus 1394", [](InterfaceType type) { return type == INTERFACE_IEEE1394; }},
-    {Scope::Usb, "USB", "--bus usb", [](InterfaceType type) { return type == INTERFACE_USB_2 || type == INTERFACE_USB_3; }},
+    {Scope::Usb, "USB", "--bus usb",
+     [](InterfaceType type) { return type == INTERFACE_USB_2 || type == INTERFACE_USB_3; }},
     {Scope::GigE, "GigE", "--bus gige", [](InterfaceType type) { return type == INTERFACE_GIGE; }},
     {Scope::BusesWithReset, "IEEE 1394 and USB", "--bus 1394 --bus usb",
      [](InterfaceType type) { return type != INTERFACE_GIGE; }},
@@ -177,22 +180,29 @@ void CheckScope(const FoundCamera& camera, const std::string& command, Scope sco
     }
 }
 
-}  // namespace
-
-ZevoGuid ParseGuid(const std::string& option, const std::string& text) {
+std::optional<ZevoGuid> ReadGuid(const std::string& text) {
     constexpr std::size_t kGroup = 9;  // eight digits and what separates them
-    const CommandError refusal(
-        option + ": \"" + text + "\" is not a guid, which is four groups of eight hexadecimal digits joined by -",
-        kUsage);
-    if (text.size() != 4 * kGroup - 1) throw refusal;
+    if (text.size() != 4 * kGroup - 1) return std::nullopt;
     ZevoGuid guid;
     for (std::size_t i = 0; i < 4; ++i) {
         const char* begin = text.data() + i * kGroup;
         const auto [end, error] = std::from_chars(begin, begin + kGroup - 1, guid.value[i], 16);
-        if (error != std::errc() || end != begin + kGroup - 1) throw refusal;
-        if (i != 3 && *end != '-') throw refusal;
+        if (error != std::errc() || end != begin + kGroup - 1) return std::nullopt;
+        if (i != 3 && *end != '-') return std::nullopt;
     }
     return guid;
+}
+
+}  // namespace
+
+ZevoGuid ParseGuid(const std::string& option, const std::string& text) {
+    const std::optional<ZevoGuid> guid = ReadGuid(text);
+    if (!guid) {
+        throw CommandError(
+            option + ": \"" + text + "\" is not a guid, which is four groups of eight hexadecimal digits joined by -",
+            kUsage);
+    }
+    return *guid;
 }
 
 CameraChoice ParseCamera(const std::string& text) {
@@ -202,8 +212,9 @@ CameraChoice ParseCamera(const std::string& text) {
     const std::string option = "CAMERA " + kind;
     if (colon == std::string::npos) {
         if (!IsNumber(text)) {
-            throw CommandError("CAMERA: \"" + text + "\" is neither a serial number nor serial:N, index:N, ip:A, mac:M or guid:G",
-                               kUsage);
+            throw CommandError(
+                "CAMERA: \"" + text + "\" is neither a serial number nor serial:N, index:N, ip:A, mac:M or guid:G",
+                kUsage);
         }
         return BySerial{ParseNumber("CAMERA", value, 0, kLargest)};
     }

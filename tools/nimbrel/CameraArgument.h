@@ -61,7 +61,8 @@ public:
 
     /// As FindCamera; when that fails, buses that cannot be searched are named on standard error first.
     /// @param command  "usb-link", for the message when the camera is on a bus that the command is not for.
-    FoundCamera Find(const CommandContext& context, BusMaster& busMaster, const std::string& command, Scope scope) const;
+    FoundCamera Find(const CommandContext& context, BusMaster& busMaster, const std::string& command,
+                     Scope scope) const;
 
 private:
     CameraChoice m_choice;

@@ -73,7 +73,8 @@ void ReadControl(std::vector<Camera>* cameras) {
     for (Camera& camera : *cameras) {
         for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
             const GigECamera other = FromRecord(heard.record);
-            const bool same = heard.listed && IsSame(other.mac, camera.mac) && PackIPAddress(other.ip) == PackIPAddress(camera.ip);
+            const bool same =
+                heard.listed && IsSame(other.mac, camera.mac) && PackIPAddress(other.ip) == PackIPAddress(camera.ip);
             if (camera.IsGigE() && same) camera.control = heard.control.state;
         }
     }
@@ -97,8 +98,8 @@ const std::vector<CameraColumn>& CameraColumns() {
          [](const Camera& a, const Camera& b) { return Compare(PackIPAddress(a.ip), PackIPAddress(b.ip)); }, kNothing},
         {"mac", "MAC", kLeft, kFull, [](const Camera& c) { return c.IsGigE() ? FormatMac(c.mac) : ""; },
          [](const Camera& a, const Camera& b) { return FormatMac(a.mac).compare(FormatMac(b.mac)); }, kNothing},
-        {"vendor", "VENDOR", kLeft, kFlexible, [](const Camera& c) { return c.vendor; },
-         CompareMember<&Camera::vendor>, kNothing},
+        {"vendor", "VENDOR", kLeft, kFlexible, [](const Camera& c) { return c.vendor; }, CompareMember<&Camera::vendor>,
+         kNothing},
         {"model", "MODEL", kLeft, kFlexible, [](const Camera& c) { return c.model; }, CompareMember<&Camera::model>,
          kNothing},
         {"name", "NAME", kLeft, kFlexible, [](const Camera& c) { return c.name; }, CompareMember<&Camera::name>,
@@ -147,7 +148,8 @@ bool CameraFilter::Passes(const Camera& camera) const {
     const std::string number = std::to_string(camera.serialNumber);
     return any(vendors, [&](const std::string& word) { return Holds(camera.vendor, word); }) &&
            any(models, [&](const std::string& word) { return Holds(camera.model, word); }) &&
-           any(serials, [&](const std::string& word) { return word == number || IsInEitherCase(word, camera.serialText); });
+           any(serials,
+               [&](const std::string& word) { return word == number || IsInEitherCase(word, camera.serialText); });
 }
 
 Details operator|(const Details& a, const Details& b) {

@@ -38,8 +38,10 @@ std::size_t CountAttached(HALInterfaceType bus) {
 std::vector<std::string> FindCutListings(const std::vector<Camera>& listed) {
     std::vector<std::string> sentences;
     for (const BusKind& bus : BusKinds()) {
-        const auto count = static_cast<std::size_t>(std::count_if(
-            listed.begin(), listed.end(), [&bus](const Camera& camera) { return IsOn(bus.type, camera.interfaceType); }));
+        const auto count =
+            static_cast<std::size_t>(std::count_if(listed.begin(), listed.end(), [&bus](const Camera& camera) {
+                return IsOn(bus.type, camera.interfaceType);
+            }));
         if (count < CapacityOf(bus.type)) continue;
         const std::size_t attached = CountAttached(bus.type);
         if (attached <= count) continue;

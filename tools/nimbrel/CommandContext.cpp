@@ -81,7 +81,8 @@ void CommandContext::AddValue(CLI::App& command, const std::string& name, const 
                               Times times) {
     const CLI::callback_t callback = [name, parser = std::move(parser), times](const CLI::results_t& values) {
         if (times == Times::Once && values.size() > 1) {
-            throw CommandError(name + ": \"" + values[0] + "\" and \"" + values[1] + "\" given, but it takes one value", kUsage);
+            throw CommandError(name + ": \"" + values[0] + "\" and \"" + values[1] + "\" given, but it takes one value",
+                               kUsage);
         }
         for (const std::string& value : values) parser(value);
         return true;
@@ -136,8 +137,7 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
 }
 
 void CommandContext::AddRigOptions(CLI::App& command) {
-    AddValue(command, "--rig", "FILE",
-             "Run on the simulated computer in this file\n(`nimbrel help rig`).",
+    AddValue(command, "--rig", "FILE", "Run on the simulated computer in this file\n(`nimbrel help rig`).",
              [this](const std::string& file) {
                  CheckGivenOnce("--rig", m_rigFile.has_value());
                  m_rigFile = file;
@@ -226,8 +226,8 @@ BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     BusMasterSession session(&Singleton<BusMaster>::GetInstance(),
                              [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
     m_withoutDriver = FindBusesWithoutDriver([this](const BusKind& bus) { return UsesBus(bus.name); });
-    const bool onlyThose = std::none_of(BusKinds().begin(), BusKinds().end(),
-                                        [this](const BusKind& bus) { return IsSearched(bus); });
+    const bool onlyThose =
+        std::none_of(BusKinds().begin(), BusKinds().end(), [this](const BusKind& bus) { return IsSearched(bus); });
     if (onlyThose) throw CommandError(DescribeBusesWithoutDriver());
     return session;
 }
@@ -239,8 +239,8 @@ BusMasterSession CommandContext::OpenGigE() {
 
 BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
     BusMasterSession session = MakeBusMaster(unlessGiven);
-    const Progress progress = UsesBus("gige") ? Progress("Discovering GigE cameras", DescribeHeard)
-                                              : Progress("Searching for cameras");
+    const Progress progress =
+        UsesBus("gige") ? Progress("Discovering GigE cameras", DescribeHeard) : Progress("Searching for cameras");
     if (m_virtual) Check(session->EnableVirtualDeviceEnumeration(), "virtual cameras cannot be listed");
     const auto isWanted = [this](const BusKind& bus) { return UsesBus(bus.name); };
     if (const Error error = session->Initialize(); error != ERROR_OK) throw ExplainStart(error, isWanted);

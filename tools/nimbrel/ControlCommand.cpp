@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Shows whether this computer may control a GigE camera, and who does. Main thread only; no lock.
-#include "tools/nimbrel/ControlCommand.h"
-
 #include <string>
 
 #include "platform/Diagnostics.h"
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Words.h"
@@ -67,8 +66,8 @@ std::string ForPeople(const FoundCamera& camera, bool available, const ControlIn
                                    ? "another application, which it does not name"
                                    : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
                                          std::to_string(control.ownerPort);
-    return AsSentence(camera.name) + " is in use" + (control.state == ControlState::Exclusive ? " exclusively" : "") + " by " + holder +
-           ".\n";
+    return AsSentence(camera.name) + " is in use" + (control.state == ControlState::Exclusive ? " exclusively" : "") +
+           " by " + holder + ".\n";
 }
 
 std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) {

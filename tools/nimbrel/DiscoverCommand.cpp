@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Finds GigE cameras on any subnet and says what may hide one. Main thread only; no lock.
-#include "tools/nimbrel/DiscoverCommand.h"
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/Diagnostics.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/GigEValues.h"
@@ -97,7 +96,8 @@ private:
                    ". `nimbrel doctor` finds out why.\n";
         }
         const std::string cure = CureForUnusable(heard);
-        return CameraTable(cameras, heard).Render(OutputWidth(), m_context.UsesColour()) + (cure.empty() ? "" : "\n" + cure);
+        return CameraTable(cameras, heard).Render(OutputWidth(), m_context.UsesColour()) +
+               (cure.empty() ? "" : "\n" + cure);
     }
 
     static Table CameraTable(const std::vector<GigECamera>& cameras, const std::vector<HeardCamera>& heard) {
@@ -116,9 +116,14 @@ private:
             const HeardCamera* known = Find(heard, camera);
             const bool usable = known != nullptr && known->usability == Usability::Usable;
             const std::string word = known == nullptr ? "unknown" : usable ? "yes" : FormatUsability(known->usability);
-            table.AddRow({std::to_string(camera.serialNumber), FormatMac(camera.mac),
-                          FormatSubnet(camera.ip, camera.subnet), hasGateway ? FormatIp(camera.gateway) : "none",
-                          camera.vendor, camera.model, camera.name, camera.version,
+            table.AddRow({std::to_string(camera.serialNumber),
+                          FormatMac(camera.mac),
+                          FormatSubnet(camera.ip, camera.subnet),
+                          hasGateway ? FormatIp(camera.gateway) : "none",
+                          camera.vendor,
+                          camera.model,
+                          camera.name,
+                          camera.version,
                           {word, usable ? Colour::Green : Colour::Red}});
         }
         return table;
@@ -142,7 +147,7 @@ private:
     }
 
     static std::string WarningForHeard(const Platform::InterfaceDiagnosis& interface,
-                                     const Platform::GigEDiagnosis& diagnosis) {
+                                       const Platform::GigEDiagnosis& diagnosis) {
         std::vector<std::string> addresses;
         for (const auto& camera : diagnosis.cameras) {
             const IPAddress ip = UnpackIPAddress(camera.record.ipAddress);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel doctor`: examines each bus, runs its checks and prints what they found. Main thread only; no lock.
-#include "tools/nimbrel/DoctorCommand.h"
-
 #include <algorithm>
 #include <optional>
 #include <string>
 
 #include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Locations.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
@@ -51,13 +50,15 @@ void Run(const std::vector<Doctor::Check<Diagnosed>>& checks, const Diagnosed& d
 void AddMissingDrivers(const CommandContext& context, Findings* all) {
     for (const BusKind& bus : BusKinds()) {
         if (!context.UsesBus(bus.name) || context.IsSearched(bus)) continue;
-        all->push_back({std::string(bus.name) + ".driver", true,
-                        std::string("this build of nimbrel has no driver for ") + bus.forPeople + ", so it is not searched", ""});
+        all->push_back(
+            {std::string(bus.name) + ".driver", true,
+             std::string("this build of nimbrel has no driver for ") + bus.forPeople + ", so it is not searched", ""});
     }
 }
 
 void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Findings* all) {
-    for (const BusFailure& failure : FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
+    for (const BusFailure& failure :
+         FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
         if (failure.bus.type == HAL_INTERFACE_GIGE) continue;  // its own checks name the cause
         all->push_back({std::string(failure.bus.name) + ".driver", false, failure.Describe(),
                         std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
@@ -92,13 +93,15 @@ std::string AsJson(const Findings& findings) {
 std::string ForPeople(const Findings& findings, std::size_t numWrong, bool coloured) {
     std::string text;
     for (const Finding& finding : findings) {
-        text += (finding.ok ? Paint("ok", Colour::Green, coloured) + "     " : Paint("WRONG", Colour::Red, coloured) + "  ") +
+        text += (finding.ok ? Paint("ok", Colour::Green, coloured) + "     "
+                            : Paint("WRONG", Colour::Red, coloured) + "  ") +
                 finding.check + "\n";
         text += "       " + ForTerminal(finding.evidence) + "\n";
         if (!finding.cure.empty()) text += "       cure: " + ForTerminal(finding.cure) + "\n";
     }
     text += findings.empty() ? "" : "\n";
-    return text + (numWrong == 0 ? "Nothing is wrong.\n" : CountOf(numWrong, "thing") + (numWrong == 1 ? " is wrong.\n" : " are wrong.\n"));
+    return text + (numWrong == 0 ? "Nothing is wrong.\n"
+                                 : CountOf(numWrong, "thing") + (numWrong == 1 ? " is wrong.\n" : " are wrong.\n"));
 }
 
 int RunDoctor(CommandContext& context) {

@@ -2,13 +2,15 @@
 // Finds the words for errors. Pure.
 #include "tools/nimbrel/ErrorTexts.h"
 
-#include <array>
 #include <charconv>
 
+#include "common/HalStatus.h"
 #include "hal/HAL.h"
 
 namespace Nimbrel2::Tool {
 namespace {
+
+constexpr std::uint32_t kNoStatus = 0xFFFFFFFF;
 
 // "... Error 0x3", "... Error: 0x3." and "... Error: 3": always hexadecimal.
 std::optional<std::uint32_t> StatusAtEnd(std::string message) {
@@ -28,34 +30,9 @@ std::optional<std::uint32_t> StatusAtEnd(std::string message) {
 }  // namespace
 
 std::string DescribeStatus(std::uint32_t status) {
-    static const std::array<const char*, 24> texts = [] {
-        std::array<const char*, 24> array{};
-        array[HAL_OK] = "done";
-        array[HAL_FAILED] = "the driver failed without a reason";
-        array[HAL_INVALID_ARGUMENT] = "a value is out of range";
-        array[HAL_PERMISSION] = "no permission";
-        array[HAL_GONE] = "the device is no longer attached";
-        array[HAL_PHY_WRITE_NOT_IMPLEMENTED] = "this computer cannot write PHY registers";
-        array[HAL_BUSY] = "the device or bus is busy";
-        array[HAL_TIMED_OUT] = "no answer in time";
-        array[HAL_NO_BUS] = "no such bus on this computer, or no network interface is up";
-        array[HAL_CLOSED] = "the buses are closed";
-        array[HAL_OUT_OF_MEMORY] = "out of memory, threads or file descriptors";
-        array[HAL_NO_ACKNOWLEDGE] = "the camera did not acknowledge";
-        array[HAL_NOT_SUPPORTED] = "not supported by this kind of device";
-        array[HAL_BAD_ANSWER] = "the device sent a malformed answer";
-        array[HAL_BUS_CHANGED] = "the bus changed meanwhile";
-        array[HAL_NO_SUCH_REGISTER] = "the device has no such register";
-        array[HAL_WRITE_PROTECTED] = "the register is write-protected";
-        array[HAL_ACCESS_DENIED] = "another application holds the device";
-        array[HAL_REFUSED] = "the device refused";
-        array[HAL_NO_TREE] = "the device does not report where it is attached";
-        array[HAL_UNREACHABLE] = "unreachable: no route, or the network interface is down";
-        array[HAL_ARRAY_TOO_SMALL] = "more answers than there is room for";
-        return array;
-    }();
-    const bool known = status < texts.size() && texts[status] != nullptr;
-    return known ? texts[status] : "failed with status " + std::to_string(status);
+    if (status == HAL_FAILED) return "the driver gives no reason";
+    const std::string text = HalStatusText(status);
+    return text == HalStatusText(kNoStatus) ? "failed with status " + std::to_string(status) : text;
 }
 
 std::optional<std::uint32_t> FindStatus(const Error& error) {

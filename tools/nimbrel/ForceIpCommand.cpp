@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Gives a GigE camera an address and verifies it. Main thread only; no lock.
-#include "tools/nimbrel/ForceIpCommand.h"
-
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -10,6 +8,7 @@
 
 #include "platform/Diagnostics.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
@@ -136,7 +135,8 @@ private:
         return false;
     }
 
-    void CheckThatAddressIsFree(const std::vector<GigECamera>& cameras, const Platform::GigEDiagnosis& diagnosis) const {
+    void CheckThatAddressIsFree(const std::vector<GigECamera>& cameras,
+                                const Platform::GigEDiagnosis& diagnosis) const {
         const std::uint32_t ip = PackIPAddress(*m_ip);
         for (const GigECamera& camera : cameras) {
             if (PackIPAddress(camera.ip) != ip || IsSame(camera.mac, *m_mac)) continue;
@@ -176,20 +176,20 @@ private:
         const GigECamera* camera = FindByMac(cameras, *m_mac);
         if (camera != nullptr && HasMoved(*camera)) return cameras;
         if (camera == nullptr) {
-            throw CommandError("no acknowledge, and no camera with the MAC " + FormatMac(*m_mac) + " answers a discovery")
+            throw CommandError("no acknowledge, and no camera with the MAC " + FormatMac(*m_mac) +
+                               " answers a discovery")
                 .WithHint("Check its MAC, cable and power; `nimbrel discover` shows the cameras that answer.")
                 .WithDetails(error.Describe());
         }
-        throw CommandError("no acknowledge: " + NameOf(*camera) + " stays at " + FormatSubnet(camera->ip, camera->subnet) +
-                           ", most likely because an application holds it")
+        throw CommandError("no acknowledge: " + NameOf(*camera) + " stays at " +
+                           FormatSubnet(camera->ip, camera->subnet) + ", most likely because an application holds it")
             .WithHint("`nimbrel control mac:" + FormatMac(*m_mac) + "` shows who holds it.")
             .WithDetails(error.Describe());
     }
 
     void CheckThatItMoved(const GigECamera* camera) const {
         if (camera != nullptr && HasMoved(*camera)) return;
-        const std::string acknowledged =
-            FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
+        const std::string acknowledged = FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
         if (camera == nullptr) {
             throw CommandError(acknowledged + "no longer answers")
                 .WithHint("It may still be starting: `nimbrel discover` shows whether it is back.");

@@ -38,8 +38,8 @@ bool IsSame(const GigECamera& first, const GigECamera& second);
 /// @throws CommandError with the bus master's error.
 std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster);
 
-/// Discovers until the answers satisfy the condition, at least once and for at most five seconds: a camera that was just
-/// given an address may take some time to return.
+/// Discovers until the answers satisfy the condition, at least once and for at most five seconds: a camera that was
+/// just given an address may take some time to return.
 /// @return the answers to the last discovery.
 std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
                                       const std::function<bool(const std::vector<GigECamera>&)>& isEnough);

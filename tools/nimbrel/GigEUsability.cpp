@@ -79,16 +79,17 @@ std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnos
 
 std::string CureForUnusable(const std::vector<HeardCamera>& cameras) {
     const auto count = [&cameras](Usability usability) {
-        return static_cast<std::size_t>(std::count_if(cameras.begin(), cameras.end(), [usability](const HeardCamera& camera) {
-            return camera.usability == usability;
-        }));
+        return static_cast<std::size_t>(
+            std::count_if(cameras.begin(), cameras.end(),
+                          [usability](const HeardCamera& camera) { return camera.usability == usability; }));
     };
     const std::size_t foreign = count(Usability::WrongSubnet);
     const std::size_t others = count(Usability::AddressTaken) + count(Usability::Silent);
     std::string text;
     if (foreign != 0) {
         text = "`nimbrel auto-ip` gives " +
-               (foreign == 1 ? std::string("the camera on a wrong subnet an address") : "cameras on a wrong subnet addresses") +
+               (foreign == 1 ? std::string("the camera on a wrong subnet an address")
+                             : "cameras on a wrong subnet addresses") +
                " of the right one.\n";
     }
     if (others != 0) text += "`nimbrel doctor` explains " + std::string(foreign == 0 ? "why" : "the others") + ".\n";

@@ -45,7 +45,8 @@ IPAddress ParseMask(const std::string& option, const std::string& text) {
 
 MACAddress ParseMac(const std::string& option, const std::string& text) {
     const auto mac = ReadMac(text);
-    if (!mac) throw Refusal(option, text, "the MAC address of a device, such as 02:00:5e:00:00:01 or 02-00-5e-00-00-01");
+    if (!mac)
+        throw Refusal(option, text, "the MAC address of a device, such as 02:00:5e:00:00:01 or 02-00-5e-00-00-01");
     MACAddress result;
     for (int i = 0; i < 6; ++i) result.octets[i] = static_cast<std::uint8_t>(*mac >> (40 - 8 * i) & 0xFF);
     return result;

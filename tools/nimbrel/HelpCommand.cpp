@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel help`: the help of the program or of one command, as `--help` prints it. Main thread only; no lock.
-#include "tools/nimbrel/HelpCommand.h"
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/UsageErrors.h"
 
 namespace Nimbrel2::Tool {

@@ -6,9 +6,9 @@
 
 namespace Nimbrel2::Tool::Interrupts {
 
-/// From here on SIGINT, SIGTERM and SIGHUP end the program as if unhandled, after the progress line was wiped, so that a
-/// shell loop around the program ends too. Those that the parent has set to be ignored stay ignored (nohup, background
-/// jobs of scripts). SIGPIPE is ignored; writes fail with EPIPE. Call before any thread starts.
+/// From here on SIGINT, SIGTERM and SIGHUP end the program as if unhandled, after the progress line was wiped, so that
+/// a shell loop around the program ends too. Those that the parent has set to be ignored stay ignored (nohup,
+/// background jobs of scripts). SIGPIPE is ignored; writes fail with EPIPE. Call before any thread starts.
 void Install();
 
 /// Whether the program ignores that signal.
@@ -20,8 +20,8 @@ enum class End {
     BySignal,  ///< With 128 and the number of the signal: it was cut short.
 };
 
-/// From here on those signals make the returned descriptor readable instead, for a command that cleans up before it ends.
-/// If it hangs while it does, the program ends after 700 ms with the exit status of that end.
+/// From here on those signals make the returned descriptor readable instead, for a command that cleans up before it
+/// ends. If it hangs while it does, the program ends after 700 ms with the exit status of that end.
 /// @throws std::system_error
 int Catch(End end);
 

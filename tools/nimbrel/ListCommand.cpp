@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel list`: what is attached now, or as soon as the wanted cameras are. Main thread only; no lock.
-#include "tools/nimbrel/ListCommand.h"
-
 #include <poll.h>
 
 #include <algorithm>
@@ -15,6 +13,7 @@
 
 #include "tools/nimbrel/CameraColumns.h"
 #include "tools/nimbrel/Capacity.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/ListTexts.h"
@@ -231,8 +230,7 @@ private:
 
 void AddListCommand(CLI::App& app, CommandContext& context) {
     const auto list = std::make_shared<ListCommand>(context);
-    CLI::App* command =
-        context.AddCommand(app, "list", "Lists the attached cameras.", [list] { return list->Run(); });
+    CLI::App* command = context.AddCommand(app, "list", "Lists the attached cameras.", [list] { return list->Run(); });
     list->AddOptions(*command);
     command->footer(kFooter);
 }

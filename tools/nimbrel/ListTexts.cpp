@@ -15,7 +15,8 @@ namespace {
 
 const CameraColumn& ColumnOf(const std::string& name) {
     const auto& columns = CameraColumns();
-    return *std::find_if(columns.begin(), columns.end(), [&](const CameraColumn& column) { return name == column.name; });
+    return *std::find_if(columns.begin(), columns.end(),
+                         [&](const CameraColumn& column) { return name == column.name; });
 }
 
 // The serial number is what commands take; the text is worth a column where it says more.
@@ -62,7 +63,8 @@ std::string DeviceTable(const std::vector<Device>& devices, bool coloured) {
 std::string Remarks(const Listed& listed, bool coloured) {
     std::string text;
     for (const std::string& sentence : listed.cut) text += "\n" + sentence + "\n";
-    if (!listed.devices.empty()) text += "\nIEEE 1394 devices other than cameras:\n" + DeviceTable(listed.devices, coloured);
+    if (!listed.devices.empty())
+        text += "\nIEEE 1394 devices other than cameras:\n" + DeviceTable(listed.devices, coloured);
     if (listed.unusable.empty()) return text;
     text += "\nHeard on the network, but not usable:\n";
     for (const HeardCamera& heard : listed.unusable) {

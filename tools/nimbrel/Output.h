@@ -9,8 +9,8 @@
 
 namespace Nimbrel2::Tool {
 
-/// The parent may have closed some of the three standard descriptors. Keeps their numbers from being reused for sockets,
-/// which would then be written to. Call first.
+/// The parent may have closed some of the three standard descriptors. Keeps their numbers from being reused for
+/// sockets, which would then be written to. Call first.
 void KeepStandardDescriptors();
 
 /// Standard output without a buffer.

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads and writes one PHY register. Main thread only; no lock.
-#include "tools/nimbrel/PhyCommand.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -9,6 +7,7 @@
 
 #include "tools/nimbrel/CameraArgument.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
@@ -78,8 +77,9 @@ public:
                  "has a PHY register that was not written");
         char text[16];
         std::snprintf(text, sizeof text, "0x%02x", m_value);
-        m_context.Print(m_context.WantsJson() ? Dump({{"ok", true}, {"value", m_value}})
-                                              : "Wrote " + std::string(text) + " to " + camera.GetNameWithBus() + ".\n");
+        m_context.Print(m_context.WantsJson()
+                            ? Dump({{"ok", true}, {"value", m_value}})
+                            : "Wrote " + std::string(text) + " to " + camera.GetNameWithBus() + ".\n");
         return kDone;
     }
 

@@ -29,7 +29,7 @@ constexpr double kBlockGap = 40;
 constexpr double kMargin = 16;
 constexpr double kRatio = 1.6;  // of a picture that is good to look at
 
-constexpr std::size_t kDeepest = 8;           // levels of one block
+constexpr std::size_t kDeepest = 8;  // levels of one block
 constexpr double kTallWithoutGathering = 1400;
 constexpr std::size_t kManyEqual = 9;
 
@@ -199,7 +199,8 @@ private:
     }
 
     static bool AllEqual(const std::vector<const TopologyView*>& views) {
-        return std::all_of(views.begin(), views.end(), [&](const TopologyView* view) { return AreEqual(*view, *views[0]); });
+        return std::all_of(views.begin(), views.end(),
+                           [&](const TopologyView* view) { return AreEqual(*view, *views[0]); });
     }
 
     // The groups below a node, by their first member; the other members have an empty group.
@@ -255,7 +256,8 @@ std::vector<Shape> UnplacedShapes(const std::vector<UnplacedCamera>& unplaced) {
         if (cameras.size() >= kManyEqual) {
             Shape shape = base;
             shape.lines = ToLines({CountOf(cameras.size(), "camera"), "not in the tree:", reason});
-            for (const UnplacedCamera* camera : cameras) shape.cells.push_back(ForPicture("serial " + std::to_string(camera->camera.serialNumber)));
+            for (const UnplacedCamera* camera : cameras)
+                shape.cells.push_back(ForPicture("serial " + std::to_string(camera->camera.serialNumber)));
             ChooseColumns(&shape);
             shapes.push_back(std::move(shape));
             continue;
@@ -284,7 +286,8 @@ void Measure(Shape* shape) {
     shape->width = widest + 2 * kPadding;
     shape->height = static_cast<double>(rows) * kLineHeight + 2 * kPadding - 2;
     shape->cableWidth = 0;
-    for (const Line& line : shape->cable) shape->cableWidth = std::max(shape->cableWidth, WidthOf(line, kCableSize, false));
+    for (const Line& line : shape->cable)
+        shape->cableWidth = std::max(shape->cableWidth, WidthOf(line, kCableSize, false));
     double below = 0;
     double cable = 0;
     for (Shape& child : shape->children) {
@@ -408,7 +411,12 @@ PictureItem ItemOf(const Shape& shape) {
     for (std::size_t i = 0; i < shape.cells.size(); ++i) {
         const auto column = static_cast<double>(i / rows);
         const auto row = static_cast<double>(i % rows);
-        item.texts.push_back({{x + column * (cell + kCellGap), y + row * kLineHeight}, cell, kTextSize, false, InkOf(shape), shape.cells[i]});
+        item.texts.push_back({{x + column * (cell + kCellGap), y + row * kLineHeight},
+                              cell,
+                              kTextSize,
+                              false,
+                              InkOf(shape),
+                              shape.cells[i]});
     }
     return item;
 }

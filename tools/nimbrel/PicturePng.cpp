@@ -109,9 +109,10 @@ cairo_status_t Append(void* png, const unsigned char* data, unsigned int size) {
 
 std::string WritePng(const Picture& picture) {
     const double scale = std::min(kSharp, kLargest / std::max(picture.width, picture.height));
-    const Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(std::ceil(picture.width * scale)),
-                                                     static_cast<int>(std::ceil(picture.height * scale))),
-                          cairo_surface_destroy);
+    const Surface surface(
+        cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(std::ceil(picture.width * scale)),
+                                   static_cast<int>(std::ceil(picture.height * scale))),
+        cairo_surface_destroy);
     const Context context(cairo_create(surface.get()), cairo_destroy);
     cairo_scale(context.get(), scale, scale);
     SetColour(context.get(), "#ffffff");

@@ -17,13 +17,16 @@ std::string Number(double value) {
     return error == std::errc() ? std::string(text.data(), end) : "0";
 }
 
-std::string Attribute(const char* name, const std::string& value) { return std::string(" ") + name + "=\"" + value + "\""; }
+std::string Attribute(const char* name, const std::string& value) {
+    return std::string(" ") + name + "=\"" + value + "\"";
+}
 
 std::string Escape(const std::u32string& text) {
     std::string escaped;
     for (const char32_t c : text) {
         const bool isPlain = c >= 0x20 && c < 0x7F && c != U'<' && c != U'>' && c != U'&' && c != U'"';
-        escaped += isPlain ? std::string(1, static_cast<char>(c)) : "&#" + std::to_string(static_cast<std::uint32_t>(c)) + ";";
+        escaped +=
+            isPlain ? std::string(1, static_cast<char>(c)) : "&#" + std::to_string(static_cast<std::uint32_t>(c)) + ";";
     }
     return escaped;
 }
@@ -44,8 +47,10 @@ std::string Write(const PictureText& text) {
 
 std::string WriteLine(const std::vector<PicturePoint>& points, const char* colour) {
     std::string list;
-    for (const PicturePoint& point : points) list += (list.empty() ? "" : " ") + Number(point.x) + "," + Number(point.y);
-    return "<polyline" + Attribute("points", list) + " fill=\"none\" stroke-width=\"1.5\"" + Attribute("stroke", colour) + "/>\n";
+    for (const PicturePoint& point : points)
+        list += (list.empty() ? "" : " ") + Number(point.x) + "," + Number(point.y);
+    return "<polyline" + Attribute("points", list) + " fill=\"none\" stroke-width=\"1.5\"" +
+           Attribute("stroke", colour) + "/>\n";
 }
 
 }  // namespace

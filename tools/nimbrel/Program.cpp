@@ -4,30 +4,17 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <optional>
 #include <string>
 
-#include "tools/nimbrel/AutoIpCommand.h"
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
-#include "tools/nimbrel/ControlCommand.h"
-#include "tools/nimbrel/DiscoverCommand.h"
-#include "tools/nimbrel/DoctorCommand.h"
-#include "tools/nimbrel/ForceIpCommand.h"
-#include "tools/nimbrel/HelpCommand.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Interrupts.h"
-#include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
-#include "tools/nimbrel/PhyCommand.h"
-#include "tools/nimbrel/RescanCommand.h"
-#include "tools/nimbrel/ResetCommand.h"
-#include "tools/nimbrel/RigCommand.h"
-#include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
-#include "tools/nimbrel/TopologyCommand.h"
+#include "tools/nimbrel/TraceLog.h"
 #include "tools/nimbrel/UsageErrors.h"
-#include "tools/nimbrel/UsbLinkCommand.h"
-#include "tools/nimbrel/UsbPortCommand.h"
-#include "tools/nimbrel/WatchCommand.h"
 #include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
@@ -68,11 +55,40 @@ int ReportError(const CLI::App& app, const CommandError& error, const std::strin
         hint.replace(at, sizeof kAgainAsRoot - 1, againAsRoot);
     }
     if (hint.empty() && error.GetStatus() == kUsage) hint = "Try `" + name + " --help`.";
+    TraceLog::Write("exit status " + std::to_string(error.GetStatus()) + ": " + error.what());
+    if (!error.GetDetails().empty()) TraceLog::Write("caused by: " + error.GetDetails());
     WriteError(name + ": " + error.what() + "\n" + (hint.empty() ? "" : hint + "\n"));
     return error.GetStatus();
 }
 
-void Declare(CLI::App& app, CommandContext& context) {
+// What the library traces, for every command, before its name or after it.
+struct LogOptions {
+    bool verbose = false;
+    std::optional<std::string> file;
+};
+
+void AddLogOptions(CLI::App& app, LogOptions& options) {
+    app.add_flag("-v,--verbose", options.verbose, "Print what the library does to standard error.");
+    CommandContext::AddValue(app, "--log", "FILE",
+                             "Append what the library does to this file, with\ntime and thread: good for bug reports.",
+                             [&options](const std::string& file) {
+                                 if (options.file && *options.file != file) {
+                                     throw CommandError("--log: two different files are given", kUsage);
+                                 }
+                                 options.file = file;
+                             });
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) AddLogOptions(*command, options);
+}
+
+void StartLog(const LogOptions& options, int argc, const char* const* argv) {
+    if (options.verbose) TraceLog::ToStandardError();
+    if (options.file) TraceLog::ToFile(*options.file);
+    std::string line = "nimbrel " NIMBREL2_VERSION ":";
+    for (int i = 1; i < argc; ++i) line += std::string(" ") + argv[i];
+    TraceLog::Write(line);
+}
+
+void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     app.set_version_flag("-V,--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
     app.set_help_flag("-h,--help", "Print this help and end.");
     app.require_subcommand(0, 1);  // a missing command is found below, where a misspelt one can be named
@@ -97,6 +113,8 @@ void Declare(CLI::App& app, CommandContext& context) {
     // They may stand before the command as well. After the commands, which would inherit the group.
     app.option_defaults()->group(kBusOptions);
     context.AddBusOptions(app);
+    app.option_defaults()->group("Options");
+    AddLogOptions(app, log);
 }
 
 // Refuses an option in front of a command that does not have it: it would be ignored.
@@ -110,7 +128,7 @@ void CheckBusOptions(const CLI::App& app) {
     }
 }
 
-int Run(CLI::App& app, CommandContext& context, int argc, const char* const* argv) {
+int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -124,6 +142,7 @@ int Run(CLI::App& app, CommandContext& context, int argc, const char* const* arg
     }
     if (!context.GetAction()) throw CommandError("a command is missing", kUsage);
     CheckBusOptions(app);
+    StartLog(log, argc, argv);
     return context.GetAction()();
 }
 
@@ -136,8 +155,11 @@ int RunCommandLine(int argc, const char* const* argv) {
     try {
         UseLocaleOfUser();
         CommandContext context;
-        Declare(app, context);
-        return Run(app, context, argc, argv);
+        LogOptions log;
+        Declare(app, context, log);
+        const int status = Run(app, context, log, argc, argv);
+        TraceLog::Write("exit status " + std::to_string(status));
+        return status;
     } catch (const CommandError& error) {
         return ReportError(app, error, AgainAsRoot(argc, argv));
     } catch (const std::exception& error) {

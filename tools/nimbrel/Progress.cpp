@@ -14,6 +14,7 @@
 
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/TraceLog.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -53,7 +54,7 @@ std::string Line(const std::string& text, unsigned int frame, Clock::duration go
 }  // namespace
 
 Progress::Progress(const std::string& text, Remarks remarks) : m_text(text), m_remarks(std::move(remarks)) {
-    if (!IsTerminal()) return;
+    if (!IsTerminal() || TraceLog::IsOnStandardError()) return;
     try {
         m_thread = std::thread([this] { Draw(); });
     } catch (const std::system_error&) {

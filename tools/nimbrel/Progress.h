@@ -12,7 +12,8 @@
 namespace Nimbrel2::Tool {
 
 /// While it lives, a terminal on standard error shows a spinner, the text, the elapsed seconds and remarks, from 0.2 s
-/// on. The line is wiped when the object is destroyed. Nothing is shown when standard error is not a terminal.
+/// on. The line is wiped when the object is destroyed. Nothing is shown when standard error is not a terminal or has
+/// the trace.
 class Progress {
 public:
     /// What has been found so far: ": 3 heard ..." or nothing. Called on the drawing thread, a few times per second.

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Re-enumerates all buses. Main thread only; no lock.
-#include "tools/nimbrel/RescanCommand.h"
-
 #include <chrono>
 #include <memory>
 #include <string>
 
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Values.h"

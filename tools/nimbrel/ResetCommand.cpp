@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Resets a bus through one of its cameras. Main thread only; no lock.
-#include "tools/nimbrel/ResetCommand.h"
-
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 
 namespace Nimbrel2::Tool {
 namespace {

@@ -11,8 +11,8 @@
 
 namespace Nimbrel2::Tool {
 
-/// Whether packets from the address that arrive on the interface are dropped: its filter is strict (1) and the route back
-/// leaves by another interface, or it is loose (2) and there is no route back.
+/// Whether packets from the address that arrive on the interface are dropped: its filter is strict (1) and the route
+/// back leaves by another interface, or it is loose (2) and there is no route back.
 bool IsDropped(const Platform::InterfaceDiagnosis& interface, const IPAddress& from);
 
 /// The same for a camera with an unknown address.

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel rig`: checks rig files and plays their timelines. Main thread only; no lock.
-#include "tools/nimbrel/RigCommand.h"
-
 #include <poll.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 
 #include "platform/rig/RigFile.h"
 #include "platform/rig/RigLoopback.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
@@ -235,9 +234,7 @@ public:
     explicit RigCommand(CommandContext& context) : m_context(context) {}
 
     void Declare(CLI::App& rig) {
-        AddFile(*m_context.AddCommand(rig, "check", "Checks a rig file.",
-                                      [this] { return Check(); }),
-                "Rig file.")
+        AddFile(*m_context.AddCommand(rig, "check", "Checks a rig file.", [this] { return Check(); }), "Rig file.")
             ->required();
         CLI::App* play = m_context.AddCommand(rig, "play", "Plays the timeline of a rig and prints the events.",
                                               [this] { return Play(); });
@@ -258,18 +255,20 @@ public:
 
 private:
     CLI::Option* AddFile(CLI::App& command, const char* description = "Rig file. Default: the built-in rig.") {
-        return command.add_option_function<std::string>(
-            "FILE", [this](const std::string& file) { m_file = file; }, description)->type_name("");
+        return command
+            .add_option_function<std::string>(
+                "FILE", [this](const std::string& file) { m_file = file; }, description)
+            ->type_name("");
     }
 
     int Check() {
         const RigPlan plan = Load(m_file);
         const Platform::RigDescription& rig = plan.rig;
-        m_context.Print(ForTerminal(*m_file) + ": a rig with " +
-                        (rig.fireWire.size() == 1 ? "1 FireWire bus" : std::to_string(rig.fireWire.size()) + " FireWire buses") + ", " +
-                        CountOf(rig.usb.size(), "USB host") + ", " +
-                        CountOf(rig.gigE.size(), "network interface") + " and a timeline of " +
-                        CountOf(plan.timeline.size(), "step") + ".\n");
+        m_context.Print(
+            ForTerminal(*m_file) + ": a rig with " +
+            (rig.fireWire.size() == 1 ? "1 FireWire bus" : std::to_string(rig.fireWire.size()) + " FireWire buses") +
+            ", " + CountOf(rig.usb.size(), "USB host") + ", " + CountOf(rig.gigE.size(), "network interface") +
+            " and a timeline of " + CountOf(plan.timeline.size(), "step") + ".\n");
         return kDone;
     }
 
@@ -293,7 +292,8 @@ private:
     void WarnOfFaultsLeft(const Platform::Rig& rig) const {
         for (const Platform::RigFault& fault : rig.GetFaultsLeft()) {
             WriteError(ForTerminal("nimbrel rig play: warning: " + m_file.value_or(kBuiltIn) + ": the fault of " +
-                                   fault.function + " did not happen: " + CountOf(fault.call, "more call") + " needed") +
+                                   fault.function + " did not happen: " + CountOf(fault.call, "more call") +
+                                   " needed") +
                        "\n");
         }
     }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// `nimbrel simulate`: its options, and the run: cameras are set up, printed and served by the network's own thread while
-// the main thread waits for a signal, the end of the reader or of the time.
-#include "tools/nimbrel/SimulateCommand.h"
-
+// `nimbrel simulate`: its options, and the run: cameras are set up, printed and served by the network's own thread
+// while the main thread waits for a signal, the end of the reader or of the time.
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -13,6 +11,7 @@
 #include "platform/simulated/SimulatedGigENetwork.h"
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/SimulateOptions.h"
 #include "tools/nimbrel/Text.h"
@@ -83,7 +82,8 @@ CLI::Validator Whole(std::uint64_t low, std::uint64_t high, const std::string& w
 void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
     const auto address = Readable(ReadHostAddress, "the IPv4 address of a host such as 192.168.77.50");
     const auto gateway = Readable(ReadAddress, "an IPv4 address such as 192.168.77.1");
-    command.add_option("--count", options.count, "Number of cameras (1); addresses, MACs and serial\nnumbers count up.")
+    command
+        .add_option("--count", options.count, "Number of cameras (1); addresses, MACs and serial\nnumbers count up.")
         ->type_name("N")
         ->check(Whole(1, kMostCameras, "a number from 1 to 4096"));
     CLI::Option* single = command.add_option("--address", options.address, "Address of the first camera (127.0.0.2).")
@@ -95,7 +95,8 @@ void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
         ->excludes(single);
     command
         .add_option("--interface", options.interfaceName,
-                    "Network interface (the one with the address). When\nnamed, addresses that it lacks are added to it and\nremoved at the end.")
+                    "Network interface (the one with the address). When\nnamed, addresses that it lacks are added to "
+                    "it and\nremoved at the end.")
         ->type_name("NAME");
     command.add_option("--mac", options.mac, "MAC of the first camera (02:00 and the octets of\nits address).")
         ->type_name("M")
@@ -138,8 +139,9 @@ void AddTimeOptions(CLI::App& command, SimulateOptions& options) {
         ->type_name("MS")
         ->check(Whole(0, 65535, "a number from 0 to 65535"));
     command
-        .add_option("--pending", options.pending,
-                    "Answer register commands with PENDING_ACK first,\nfor this many milliseconds; or announce another\ntime.")
+        .add_option(
+            "--pending", options.pending,
+            "Answer register commands with PENDING_ACK first,\nfor this many milliseconds; or announce another\ntime.")
         ->type_name("MS|MS-ANNOUNCED")
         ->check(Readable(ReadDelay, "milliseconds such as 300 or 300-500, up to 60000"));
 }
@@ -210,8 +212,7 @@ int RunSimulation(CommandContext& context, const SimulateOptions& options) {
     for (const SimulatedCameraOptions& camera : plan.cameras) {
         const auto added = network.AddCamera(camera);
         if (!added) throw CommandError(added.reason);
-        const std::string line =
-            Describe(camera, Platform::Simulated::FindInterfaceOf(camera.address), options.json);
+        const std::string line = Describe(camera, Platform::Simulated::FindInterfaceOf(camera.address), options.json);
         if (context.GetOutput().Write(line) != Output::Result::Written) return kDone;
     }
     std::optional<std::chrono::milliseconds> time;

@@ -57,8 +57,8 @@ private:
     std::vector<std::vector<Cell>> m_rows;
 };
 
-/// Columns that standard output shows: COLUMNS of the environment, or those of its terminal; kUnlimited when it is a pipe
-/// or a file.
+/// Columns that standard output shows: COLUMNS of the environment, or those of its terminal; kUnlimited when it is a
+/// pipe or a file.
 std::size_t OutputWidth();
 
 }  // namespace Nimbrel2::Tool

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel topology`: how the cameras are connected to the computer. Main thread only; no lock.
-#include "tools/nimbrel/TopologyCommand.h"
-
 #include <unistd.h>
 
 #include <array>
@@ -14,6 +12,7 @@
 #include <vector>
 
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/TopologyRenderings.h"
@@ -56,11 +55,8 @@ struct FormatName {
     Format format;
 };
 
-constexpr std::array<FormatName, 5> kFormats{{{"text", Format::Text},
-                                              {"json", Format::Json},
-                                              {"dot", Format::Dot},
-                                              {"svg", Format::Svg},
-                                              {"png", Format::Png}}};
+constexpr std::array<FormatName, 5> kFormats{
+    {{"text", Format::Text}, {"json", Format::Json}, {"dot", Format::Dot}, {"svg", Format::Svg}, {"png", Format::Png}}};
 
 Format ParseFormat(const std::string& text) {
     std::vector<std::string> names;
@@ -137,7 +133,8 @@ private:
             }
         }
         const TopologyView* view = FindInTree(topology.computer, camera.guid);
-        if (view == nullptr) throw CommandError(camera.name + " has left meanwhile").WithHint(NextStep(HAL_GONE, camera.interfaceType));
+        if (view == nullptr)
+            throw CommandError(camera.name + " has left meanwhile").WithHint(NextStep(HAL_GONE, camera.interfaceType));
         Topology below;
         below.computer = *view;
         return below;

@@ -67,8 +67,8 @@ public:
 
     void Add(const UnplacedCamera& unplaced) {
         const std::string dark = PaintOf(unplaced.camera.interfaceType).dark;
-        m_text += "    " + NextName() + " [class=unplaced style=\"rounded,dashed\" color=\"" + dark + "\" fontcolor=\"" + dark +
-                  "\" label=" + Quote(LabelOf(unplaced)) + "];\n";
+        m_text += "    " + NextName() + " [class=unplaced style=\"rounded,dashed\" color=\"" + dark +
+                  "\" fontcolor=\"" + dark + "\" label=" + Quote(LabelOf(unplaced)) + "];\n";
     }
 
     void Add(const std::string& remark) {

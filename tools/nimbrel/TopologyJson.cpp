@@ -76,7 +76,8 @@ Json ToJson(const TopologyView& view) {
 }
 
 Json ToJson(const UnplacedCamera& unplaced) {
-    Json json{{"interface", FormatInterface(unplaced.camera.interfaceType)}, {"guid", FormatGuid(unplaced.camera.guid)}};
+    Json json{{"interface", FormatInterface(unplaced.camera.interfaceType)},
+              {"guid", FormatGuid(unplaced.camera.guid)}};
     AddCamera(unplaced.camera, &json);
     json["reason"] = unplaced.reason;
     return json;

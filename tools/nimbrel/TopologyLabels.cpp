@@ -26,7 +26,8 @@ std::vector<std::string> LabelOf(const TopologyView& view) {
         lines.push_back((view.link->speed != 0 ? FormatSpeed(view.link->speed) + ", " : "") + DescribeLink(*view.link));
     }
     if (view.CountSockets() > 1) {
-        lines.push_back(std::to_string(view.CountFreeSockets()) + " of " + CountOf(view.CountSockets(), "port") + " free");
+        lines.push_back(std::to_string(view.CountFreeSockets()) + " of " + CountOf(view.CountSockets(), "port") +
+                        " free");
     }
     for (const std::string& line : DescribePlaces(view)) lines.push_back(line);
     if (view.Gathers()) lines.push_back(CountOf(view.CountCameras(), "camera"));
@@ -43,7 +44,8 @@ std::vector<std::string> CableLabelOf(const TopologyView& view) {
 std::vector<std::string> DescribePlaces(const TopologyView& view) {
     if (view.places < 2) return {};
     std::vector<std::string> lines{"shown at " + CountOf(view.places, "place")};
-    if (!view.truePath.empty()) lines.push_back(view.isTruePlace ? "this is the true one" : "really at port " + view.truePath);
+    if (!view.truePath.empty())
+        lines.push_back(view.isTruePlace ? "this is the true one" : "really at port " + view.truePath);
     return lines;
 }
 

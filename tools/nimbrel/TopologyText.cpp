@@ -123,7 +123,8 @@ private:
         return std::max(kLeastDepth, (room - std::min(room, kShortestName)) / kBranchWidth);
     }
 
-    void Add(const TopologyView& view, const std::string& branches, const std::string& branchesBelow, std::size_t depth) {
+    void Add(const TopologyView& view, const std::string& branches, const std::string& branchesBelow,
+             std::size_t depth) {
         Line line = LineOf(view);
         line.branches = branches;
         const bool goesOnBelow = depth >= DeepestLevel() && !view.children.empty();
@@ -144,7 +145,8 @@ private:
         std::size_t tree = 0;
         for (Line& line : m_lines) {
             const std::size_t branches = DisplayWidth(line.branches);
-            if (room != kUnlimited) line.name = CutToWidth(line.name, std::max(kShortestName, room - std::min(room, branches)));
+            if (room != kUnlimited)
+                line.name = CutToWidth(line.name, std::max(kShortestName, room - std::min(room, branches)));
             tree = std::max(tree, line.TreeWidth());
         }
         std::string text;
@@ -188,8 +190,9 @@ std::string TopologyAsText(const Topology& topology, std::size_t width, bool col
     for (const UnplacedCamera& unplaced : topology.unplaced) {
         const Camera& camera = unplaced.camera;
         const std::string where = DescribeLocation(camera);
-        text += "  camera " + std::to_string(camera.serialNumber) + " " + ForTerminal(camera.vendor + " " + camera.model) +
-                (where.empty() ? "" : ", " + ForTerminal(where)) + ": " + unplaced.reason + "\n";
+        text += "  camera " + std::to_string(camera.serialNumber) + " " +
+                ForTerminal(camera.vendor + " " + camera.model) + (where.empty() ? "" : ", " + ForTerminal(where)) +
+                ": " + unplaced.reason + "\n";
     }
     for (const std::string& sentence : topology.cut) text += "\n" + sentence + "\n";
     return text;

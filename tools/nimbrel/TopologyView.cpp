@@ -130,8 +130,8 @@ void AddLinks(TopologyView* bus, const std::vector<Platform::BusMap>& maps) {
     for (TopologyView& view : bus->children) {
         if (!view.camera) continue;
         for (const Platform::BusMap& map : maps) {
-            const bool isThere =
-                std::any_of(map.nodes.begin(), map.nodes.end(), [&](const auto& node) { return IsNodeOf(map, node, *view.camera); });
+            const bool isThere = std::any_of(map.nodes.begin(), map.nodes.end(),
+                                             [&](const auto& node) { return IsNodeOf(map, node, *view.camera); });
             if (!isThere || map.bus != HAL_INTERFACE_GIGE) continue;
             view.link = NetworkLink{map.name, map.hasLink, map.linkSpeed};
             break;

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Shows how a USB camera is connected. Main thread only; no lock.
-#include "tools/nimbrel/UsbLinkCommand.h"
-
 #include <string>
 
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/UsbStatus.h"
 
 namespace Nimbrel2::Tool {

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Asks the hub about the port that a USB camera is plugged into. Main thread only; no lock.
-#include "tools/nimbrel/UsbPortCommand.h"
-
 #include <cstdio>
 #include <string>
 
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/UsbStatus.h"
 #include "tools/nimbrel/Words.h"
 
@@ -56,9 +55,8 @@ std::string DescribePort(BusMaster& busMaster, const FoundCamera& camera, bool a
 }  // namespace
 
 void AddUsbPortCommand(CLI::App& app, CommandContext& context) {
-    AddCameraCommand(
-        app, context,
-        {"usb-port", "Shows the status of the port of a USB camera.", kFooter, Scope::Usb, DescribePort});
+    AddCameraCommand(app, context,
+                     {"usb-port", "Shows the status of the port of a USB camera.", kFooter, Scope::Usb, DescribePort});
 }
 
 }  // namespace Nimbrel2::Tool

@@ -27,21 +27,26 @@ std::optional<Number> WholeNumber(const std::string& text, int base = 10) {
     return number;
 }
 
+// Digits and a point only: no sign, no exponent, no infinity.
+std::optional<double> DecimalNumber(const std::string& text) {
+    const bool hasDigits = text.find_first_of("0123456789") != std::string::npos;
+    if (!hasDigits || text.find_first_not_of("0123456789.") != std::string::npos) return std::nullopt;
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
 }  // namespace
 
 milliseconds ParseSeconds(const std::string& option, const std::string& text, milliseconds smallest,
                           milliseconds largest) {
-    const CommandError refusal = Refusal(
-        option, text,
-        "a time from " + FormatSeconds(smallest) + " to " + FormatSeconds(largest) + " in seconds, such as 0.2");
-    const bool hasDigits = text.find_first_of("0123456789") != std::string::npos;
-    if (!hasDigits || text.find_first_not_of("0123456789.") != std::string::npos) throw refusal;
-    double seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size()) throw refusal;
-    const double rounded = std::round(seconds * 1000);
-    if (rounded < static_cast<double>(smallest.count()) || rounded > static_cast<double>(largest.count())) {
-        throw refusal;
+    const std::optional<double> seconds = DecimalNumber(text);
+    const double rounded = std::round(seconds.value_or(0) * 1000);
+    if (!seconds || rounded < static_cast<double>(smallest.count()) || rounded > static_cast<double>(largest.count())) {
+        throw Refusal(
+            option, text,
+            "a time from " + FormatSeconds(smallest) + " to " + FormatSeconds(largest) + " in seconds, such as 0.2");
     }
     return milliseconds(static_cast<milliseconds::rep>(rounded));
 }

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel watch`: prints the events of the bus master. Its callbacks only queue; the main thread prints. No lock.
-#include "tools/nimbrel/WatchCommand.h"
-
 #include <poll.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
@@ -77,7 +76,8 @@ public:
         EventPrinter printer(m_context, *busMaster);
         const std::size_t present = printer.GetNumCameras();
         m_context.NoteBusesWithoutDriver("watch");
-        WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") + " now. Ctrl-C ends.\n");
+        WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") +
+                   " now. Ctrl-C ends.\n");
         if (m_duration) m_end = Clock::now() + *m_duration;
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
         }
@@ -123,8 +123,8 @@ private:
 
 void AddWatchCommand(CLI::App& app, CommandContext& context) {
     const auto watch = std::make_shared<WatchCommand>(context);
-    CLI::App* command = context.AddCommand(app, "watch", "Prints arrivals, removals and bus resets.",
-                                           [watch] { return watch->Run(); });
+    CLI::App* command =
+        context.AddCommand(app, "watch", "Prints arrivals, removals and bus resets.", [watch] { return watch->Run(); });
     watch->AddOptions(*command);
     command->footer(kFooter);
 }

@@ -40,7 +40,8 @@ std::string Enumerate(const std::vector<std::string>& words, const std::string& 
 }
 
 std::string AsSentence(std::string text) {
-    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z') text.front() = static_cast<char>(text.front() - 'a' + 'A');
+    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z')
+        text.front() = static_cast<char>(text.front() - 'a' + 'A');
     return text;
 }
 

@@ -36,11 +36,10 @@ namespace Nimbrel2::Platform {
 /// };
 /// @endcode
 /// - The analysis looks at one function at a time and takes a lambda for a function of its own: a lambda that touches
-///   guarded members says what it requires, as above.
+///   guarded members says what it requires, as above, or begins with AssumeHeld.
 /// - Constructors and destructors are not analysed: nobody else has the object yet, or any more.
 /// - A function that is handed a UniqueLock& also says NIMBREL2_REQUIRES(m_mutex). It may wait with that lock; to let
-/// the
-///   mutex go for a while it uses an UnlockGuard.
+///   the mutex go for a while it uses an UnlockGuard.
 /// - The mutex of another object is named through it: NIMBREL2_GUARDED_BY(m_owner.m_mutex).
 /// The standard's locks take this mutex too, but the analysis does not see them: use those below.
 class NIMBREL2_MUTEX_CLASS Mutex {
@@ -53,6 +52,10 @@ public:
     void lock() NIMBREL2_ACQUIRES() { m_mutex.lock(); }
     void unlock() NIMBREL2_RELEASES() { m_mutex.unlock(); }
     [[nodiscard]] bool try_lock() NIMBREL2_TRY_ACQUIRES(true) { return m_mutex.try_lock(); }
+
+    /// Does nothing. For the first line of a lambda that is called back with the mutex held, by code that knows nothing
+    /// of it and so cannot call what requires it.
+    void AssumeHeld() const NIMBREL2_ASSUMES_HELD() {}
 
 private:
     friend class UniqueLock;

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/base/FileDescriptor.h"
 #include "platform/base/Clock.h"
+#include "platform/base/FileDescriptor.h"
 
 namespace Nimbrel2::Platform {
 

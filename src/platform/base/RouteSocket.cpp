@@ -49,7 +49,7 @@ void AppendAttribute(std::vector<std::uint8_t>& out, std::uint16_t type, std::ui
 }  // namespace
 
 int RouteSocket::Open() {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     const int error = OpenRouteSocket(0, 0, &m_socket);
     if (error != 0) return error;
     // The kernel answers before sendmsg returns; the time-out only bounds what cannot happen.
@@ -63,7 +63,7 @@ int RouteSocket::Open() {
 }
 
 bool RouteSocket::IsOpen() {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     return m_socket.IsOpen();
 }
 
@@ -107,7 +107,7 @@ int RouteSocket::AskOnce(std::uint16_t type, std::uint16_t flags, std::span<cons
 }
 
 int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_socket.IsOpen()) return EBADF;
     for (int i = 0; i < kDumpTries; ++i) {
         interfaces->clear();
@@ -152,7 +152,7 @@ int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
 
 int RouteSocket::Ask(std::uint16_t type, std::uint16_t flags, std::span<const std::uint8_t> body,
                      const Handler& handler) {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (!m_socket.IsOpen()) return EBADF;
     bool interrupted = false;
     return AskOnce(type, flags, body, handler, &interrupted);

@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <span>
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/base/Mutex.h"
 #include "platform/base/NetlinkMessages.h"
 
 namespace Nimbrel2::Platform {
@@ -48,12 +48,12 @@ private:
     using Handler = std::function<void(const Netlink::Message&)>;
     int Ask(std::uint16_t type, std::uint16_t flags, std::span<const std::uint8_t> body, const Handler& handler);
     int AskOnce(std::uint16_t type, std::uint16_t flags, std::span<const std::uint8_t> body, const Handler& handler,
-                bool* interrupted);
+                bool* interrupted) NIMBREL2_REQUIRES(m_mutex);
 
-    std::mutex m_mutex;  ///< guards all below: one question at a time
-    FileDescriptor m_socket;
-    std::uint32_t m_sequence = 0;
-    std::vector<std::uint8_t> m_buffer;
+    Mutex m_mutex;  ///< held during a question: one at a time
+    FileDescriptor m_socket NIMBREL2_GUARDED_BY(m_mutex);
+    std::uint32_t m_sequence NIMBREL2_GUARDED_BY(m_mutex) = 0;
+    std::vector<std::uint8_t> m_buffer NIMBREL2_GUARDED_BY(m_mutex);
 };
 
 class ChangeSocket {

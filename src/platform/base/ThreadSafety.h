@@ -25,6 +25,8 @@
 #define NIMBREL2_TRY_ACQUIRES(...) NIMBREL2_THREAD_SAFETY(try_acquire_capability(__VA_ARGS__))
 /// It is called with the mutex held and lets it go.
 #define NIMBREL2_RELEASES(...) NIMBREL2_THREAD_SAFETY(release_capability(__VA_ARGS__))
+/// From its call on the analysis takes the mutex for held.
+#define NIMBREL2_ASSUMES_HELD(...) NIMBREL2_THREAD_SAFETY(assert_capability(__VA_ARGS__))
 
 /// On a class: it is a mutex; it holds one from its constructor to its destructor.
 #define NIMBREL2_MUTEX_CLASS NIMBREL2_THREAD_SAFETY(capability("mutex"))

@@ -41,16 +41,19 @@ void BusEvents::DeliverAtOnce() {
 
 void BusEvents::Report(BusState state) noexcept {
     const LockGuard lock(m_mutex);
-    m_news.Report(std::move(state),
-                  [&registrations = m_registrations](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-                      for (auto& [handle, registration] : registrations)
-                          registration.delivery->Add({event, first, second});
-                  });
+    m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        m_mutex.AssumeHeld();
+        Add({event, first, second});
+    });
 }
 
 void BusEvents::RaiseError() noexcept {
     const LockGuard lock(m_mutex);
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Add({HAL_BUS_ERROR, 0, 0});
+    Add({HAL_BUS_ERROR, 0, 0});
+}
+
+void BusEvents::Add(const BusEvent& event) {
+    for (auto& [handle, registration] : m_registrations) registration.delivery->Add(event);
 }
 
 std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, void** registration) {

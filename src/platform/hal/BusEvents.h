@@ -61,6 +61,9 @@ private:
     };
     using Registrations = std::map<Handle, Registration>;
 
+    /// To every registration.
+    void Add(const BusEvent& event) NIMBREL2_REQUIRES(m_mutex);
+
     /// Joins threads of earlier registrations that have ended by themselves.
     void Reap();
 

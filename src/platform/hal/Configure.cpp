@@ -35,26 +35,26 @@ std::string Quoted(const std::string& text) {
     return quoted + "\"";
 }
 
-void Complain(std::string& reason, const std::string& complaint) {
+void AddProblem(std::string& reason, const std::string& problem) {
     if (!reason.empty()) reason += "; ";
-    reason += complaint;
+    reason += problem;
 }
 
 void CheckDriver(const char* option, Driver driver, bool hasRig, std::string& reason) {
-    if (driver == Driver::Rig && !hasRig) Complain(reason, std::string(option) + ": there is no rig to drive it");
+    if (driver == Driver::Rig && !hasRig) AddProblem(reason, std::string(option) + ": there is no rig to drive it");
     if (driver == Driver::None || driver == Driver::Linux || driver == Driver::Rig) return;
-    Complain(reason, std::string(option) + ": there is no driver " + std::to_string(static_cast<int>(driver)));
+    AddProblem(reason, std::string(option) + ": there is no driver " + std::to_string(static_cast<int>(driver)));
 }
 
 void CheckWindow(std::chrono::milliseconds window, std::string& reason) {
     if (window >= kShortestWindow && window <= kLongestWindow) return;
-    Complain(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
-                         std::to_string(kShortestWindow.count()) + " ms to " + std::to_string(kLongestWindow.count()) +
-                         " ms");
+    AddProblem(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
+                           std::to_string(kShortestWindow.count()) + " ms to " +
+                           std::to_string(kLongestWindow.count()) + " ms");
 }
 
 /// The kernel's own rule for names of network interfaces.
-const char* WhatIsWrongWithName(const std::string& name) {
+const char* FaultOfName(const std::string& name) {
     if (name.empty()) return "is empty";
     if (name.size() > kLongestInterfaceName) return "is longer than 15 characters";
     if (name == "." || name == "..") return "is no interface name";
@@ -67,10 +67,10 @@ const char* WhatIsWrongWithName(const std::string& name) {
 
 void CheckNames(const std::vector<std::string>& names, std::string& reason) {
     for (auto name = names.begin(); name != names.end(); ++name) {
-        if (const char* wrong = WhatIsWrongWithName(*name)) {
-            Complain(reason, "networkInterfaces: " + Quoted(*name) + " " + wrong);
+        if (const char* wrong = FaultOfName(*name)) {
+            AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " " + wrong);
         } else if (std::find(names.begin(), name, *name) != name) {
-            Complain(reason, "networkInterfaces: " + Quoted(*name) + " is named twice");
+            AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " is named twice");
         }
     }
 }
@@ -81,7 +81,7 @@ void CheckUsbIds(const std::vector<UsbId>& ids, std::string& reason) {
             return other.vendor == id->vendor && other.product == id->product;
         };
         if (std::find_if(ids.begin(), id, equal) == id) continue;
-        Complain(reason, "usbCameraIds: " + Format("%04x:%04x", id->vendor, id->product) + " is named twice");
+        AddProblem(reason, "usbCameraIds: " + Format("%04x:%04x", id->vendor, id->product) + " is named twice");
     }
 }
 

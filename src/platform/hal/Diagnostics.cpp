@@ -65,18 +65,24 @@ std::uint32_t GetBusSupport(HALInterfaceType bus) {
 }
 
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
-    return InSession(__func__, diagnosis != nullptr,
-                     [&](Session& session) { return session.GigE().Diagnose(askControl, diagnosis); });
+    return InSession(__func__, diagnosis != nullptr, [&](Session& session) {
+        *diagnosis = GigEDiagnosis{};
+        return session.GigE().Diagnose(askControl, diagnosis);
+    });
 }
 
 std::uint32_t TestGigEHearing(GigEHearing* hearing) {
-    return InSession(__func__, hearing != nullptr,
-                     [&](Session& session) { return session.GigE().TestHearing(hearing); });
+    return InSession(__func__, hearing != nullptr, [&](Session& session) {
+        *hearing = GigEHearing{};
+        return session.GigE().TestHearing(hearing);
+    });
 }
 
 std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
-    return InSession(__func__, plans != nullptr,
-                     [&](Session& session) { return session.GigE().PlanAddresses(serialNumber, plans); });
+    return InSession(__func__, plans != nullptr, [&](Session& session) {
+        plans->clear();
+        return session.GigE().PlanAddresses(serialNumber, plans);
+    });
 }
 
 }  // namespace Nimbrel2::Platform

@@ -2,6 +2,8 @@
 // Start, stop and hand-out of the session. Any thread; takes the process's mutex for copies only.
 #include "platform/hal/Process.h"
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <new>
 #include <utility>
@@ -14,7 +16,13 @@ Process& Process::Get() {
     return process;
 }
 
+bool Process::IsForked() const {
+    const pid_t owner = m_owner;
+    return owner != 0 && owner != getpid();
+}
+
 std::uint32_t Process::Start() {
+    if (IsForked()) return HAL_CLOSED;
     Options options;
     DriverFactory makeDrivers;
     ThreadStarter startThread;
@@ -25,6 +33,7 @@ std::uint32_t Process::Start() {
         makeDrivers = m_makeDrivers;
         startThread = m_startThread;
         m_state = State::Starting;
+        m_owner = getpid();
     }
     std::shared_ptr<Session> session;
     std::uint32_t status = HAL_FAILED;
@@ -35,17 +44,20 @@ std::uint32_t Process::Start() {
         session.reset();
         const LockGuard lock(m_mutex);
         m_state = State::Closed;
+        m_owner = 0;
         throw;
     }
     // A failed session ends before anybody may start the next.
     if (status != HAL_OK) session.reset();
     const LockGuard lock(m_mutex);
     m_state = session ? State::Running : State::Closed;
+    if (!session) m_owner = 0;
     m_session = std::move(session);
     return status;
 }
 
 std::uint32_t Process::Stop() {
+    if (IsForked()) return HAL_CLOSED;
     std::shared_ptr<Session> session;
     {
         const LockGuard lock(m_mutex);
@@ -59,15 +71,18 @@ std::uint32_t Process::Stop() {
     session.reset();
     const LockGuard lock(m_mutex);
     m_state = State::Closed;
+    m_owner = 0;
     return status;
 }
 
 std::shared_ptr<Session> Process::CurrentSession() {
+    if (IsForked()) return nullptr;
     const LockGuard lock(m_mutex);
     return m_session;
 }
 
 std::uint32_t Process::SetOptions(Options options) {
+    if (IsForked()) return HAL_BUSY;
     const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
     std::swap(m_options, options);
@@ -75,6 +90,7 @@ std::uint32_t Process::SetOptions(Options options) {
 }
 
 std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
+    if (IsForked()) return HAL_BUSY;
     if (!factory) factory = &MakeDrivers;
     const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;
@@ -83,6 +99,7 @@ std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
 }
 
 std::uint32_t Process::SetThreadStarter(ThreadStarter starter) {
+    if (IsForked()) return HAL_BUSY;
     if (!starter) starter = &StartThread;
     const LockGuard lock(m_mutex);
     if (m_state != State::Closed) return HAL_BUSY;

@@ -3,7 +3,9 @@
 #include "platform/rig/FireWireModel.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <set>
+#include <utility>
 
 #include "platform/rig/ConfigRom.h"
 
@@ -39,7 +41,7 @@ public:
         }
         if (!m_bus.selfIds.empty()) {
             CheckSelfIds();
-            return std::move(m_problems);
+            return std::exchange(m_problems, {});
         }
         if (!m_bus.placedCameras.empty()) {
             Add("/placedCameras", "cameras have places among self-ID quadlets, and there are none");
@@ -48,7 +50,7 @@ public:
         if (m_problems.empty()) {
             CheckCables();
         }
-        return std::move(m_problems);
+        return std::exchange(m_problems, {});
     }
 
     /// After Run found nothing: PHYs that are plugged in nowhere.
@@ -63,7 +65,7 @@ public:
                                                       "false at first");
             }
         }
-        return std::move(m_problems);
+        return std::exchange(m_problems, {});
     }
 
 private:
@@ -75,7 +77,7 @@ private:
         if (!m_bus.phys.empty() || !m_bus.cables.empty()) {
             Add("/selfIds", "a bus is given either as self-ID quadlets or as PHYs and cables, not both");
         }
-        if (m_bus.selfIds.size() > MaxPhys * 4) {
+        if (m_bus.selfIds.size() > std::size_t{MaxPhys} * 4) {
             Add("/selfIds", "a bus has at most 252 self-ID quadlets, not " + std::to_string(m_bus.selfIds.size()));
         }
         std::set<unsigned int> phyIds;
@@ -308,7 +310,7 @@ std::optional<std::string> FireWireModel::Move(const std::string& name, unsigned
     std::erase_if(moved.cables, [&name](const CableDescription& cable) {
         return cable.ends[0].phy == name || cable.ends[1].phy == name;
     });
-    moved.cables.push_back(CableDescription{{{name, ownPort}, to}});
+    moved.cables.push_back(CableDescription{{CableEnd{name, ownPort}, to}});
     const std::vector<RigProblem> problems = Validator(moved, "").Run();  // what hung behind it may be loose now
     if (!problems.empty()) {
         return problems.front().reason;

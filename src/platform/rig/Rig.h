@@ -25,7 +25,7 @@ struct RigDescription {
     std::vector<FireWireBusDescription> fireWire;
     std::vector<UsbHostDescription> usb;
     std::vector<NetworkInterfaceDescription> gigE;
-    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has gives way to the next free one.
+    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has is replaced by the next free number.
     std::vector<std::uint32_t> virtualCameras;
 };
 
@@ -139,7 +139,7 @@ public:
 
     /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
     std::uint32_t ResetBusOf(unsigned int card, std::uint64_t eui64);
-    /// Resets the USB host that the device hangs below.
+    /// Resets the USB host that the device is attached to.
     std::uint32_t ResetHostOf(const std::string& device);
 
     std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);

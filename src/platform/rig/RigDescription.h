@@ -4,6 +4,7 @@
 #ifndef NIMBREL2_PLATFORM_RIG_RIGDESCRIPTION_H
 #define NIMBREL2_PLATFORM_RIG_RIGDESCRIPTION_H
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -44,7 +45,7 @@ struct CableEnd {
 };
 
 struct CableDescription {
-    CableEnd ends[2];
+    std::array<CableEnd, 2> ends;
 };
 
 struct FireWireBusDescription {

@@ -14,7 +14,7 @@ constexpr std::uint32_t Usb2Version = 0x0200;  // bcdUSB
 constexpr std::uint32_t Usb3Version = 0x0320;
 constexpr unsigned int SuperSpeed = 5000;
 
-// A camera of a rig is known by its name there, whatever socket it hangs on.
+// A camera of a rig is known by its name there, whatever port it is on.
 class Device final : public UsbDevice {
 public:
     Device(std::shared_ptr<const RigDriverState> state, const UsbModel::Attached& attached)

@@ -8,8 +8,8 @@
 #include <span>
 #include <string>
 
-#include "platform/gvcp/GvcpCodec.h"
 #include "platform/base/FileDescriptor.h"
+#include "platform/gvcp/GvcpCodec.h"
 #include "platform/simulated/SimulatedCameraOptions.h"
 
 namespace Nimbrel2::Platform::Simulated {

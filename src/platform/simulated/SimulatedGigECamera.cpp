@@ -11,7 +11,6 @@ namespace Nimbrel2::Platform::Simulated {
 using Gvcp::Bytes;
 using Gvcp::DecodedCommand;
 using Gvcp::DecodeError;
-using Gvcp::MessageId;
 using Gvcp::Packet;
 using Gvcp::Status;
 using std::chrono::milliseconds;

@@ -245,8 +245,10 @@ TEST_F(GigEHostile, LateAndDuplicateAnswersAreDropped) {
             unanswered.push_back(request);
             return;
         }
-        // First what is late, with another value, then the answer, twice.
-        for (const Request& late : unanswered) device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
+        // First what is late, with another value, then the answer, twice. A repeat of this very request is not late.
+        for (const Request& late : unanswered) {
+            if (late.header.requestId != request.header.requestId) device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
+        }
         device.Answer(request, HostileDevice::ReadAck(request, request.Address()));
         device.Answer(request, HostileDevice::ReadAck(request, 0xBAD));
         unanswered.push_back(request);

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <system_error>
 
 #include "tests/platform/gige/GigEFixture.h"
 
@@ -71,14 +72,14 @@ void Refuse(int call, int argument, std::uint32_t value, int argument2 = -1, std
     program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0) << std::strerror(errno);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0) << std::generic_category().message(errno);
 }
 
 /// Gives up every capability of this thread and those it starts.
 void DropCapabilities() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::strerror(errno);
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::generic_category().message(errno);
 }
 
 TEST_F(GigERefused, NoCapabilityIsNeeded) {

@@ -1,7 +1,7 @@
 # cmake -DHEADER=.../HAL.h -DLIBRARY=... -DNM=nm -P CheckHalSymbols.cmake
 # Every function that the header declares is defined in the library, and the library defines no other HAL_ function.
 file(READ ${HEADER} header)
-string(REGEX MATCHALL "\nuint32_t HAL_[A-Za-z0-9]+\\(" lines "${header}")
+string(REGEX MATCHALL "\nNIMBREL2_API uint32_t HAL_[A-Za-z0-9]+\\(" lines "${header}")
 set(declared)
 foreach(line IN LISTS lines)
   string(REGEX MATCH "HAL_[A-Za-z0-9]+" name "${line}")

@@ -329,12 +329,12 @@ protected:
         EventListener fresh;
         void* const registration = Register(fresh);
         RaiseMarker();
-        EXPECT_TRUE(fresh.WaitForReturned(1));
-        const bool queued = fresh.HeardSoFar().front() == Reset();
-        EXPECT_TRUE(fresh.WaitForReturned(queued ? 2 : 1));
-        EXPECT_EQ(fresh.HeardSoFar().back(), Marker());
+        // The marker comes after all that was queued before it.
+        EXPECT_TRUE(fresh.WaitForHeard(Marker()));
+        const std::vector<Heard> heard = fresh.HeardSoFar();
+        EXPECT_TRUE(fresh.WaitForReturned(heard.size()));
         EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
-        return queued;
+        return heard.front() == Reset();
     }
 };
 

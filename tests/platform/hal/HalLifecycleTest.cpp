@@ -10,6 +10,7 @@
 #include "platform/hal/Session.h"
 #include "tests/platform/hal/EventListener.h"
 #include "tests/platform/hal/HalFixture.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2::Platform::Testing {
 namespace {
@@ -66,6 +67,30 @@ TEST_F(HalLifecycle, StartAndCleanUpAlternateAThousandTimes) {
         ASSERT_EQ(world->startedBuses, 0) << i;
     }
     ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
+}
+
+TEST_F(HalLifecycle, IsClosedInAForkedProcessWhichCleansNothingUp) {
+    world->usbCameras = 2;
+    const std::vector<void*> entries = List(HAL_UsbGetCameras);
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(Nimbrel2::Testing::InForkedProcess([&] {
+                  void* entry = nullptr;
+                  std::uint64_t count = 1;
+                  std::uint32_t speed = 0;
+                  const bool isClosed = HAL_UsbGetCameras(&entry, &count) == HAL_CLOSED &&
+                                        HAL_UsbGetSpeed(entries[0], &speed) == HAL_CLOSED &&
+                                        HAL_UsbFreeCamera(entries[0]) == HAL_CLOSED &&
+                                        HAL_CleanupLibrary() == HAL_CLOSED && HAL_InitLibrary() == HAL_CLOSED;
+                  return isClosed && !Configure({}) && world->livingBuses == 3 ? 0 : 1;
+              }),
+              0);
+    // Nothing has happened in the first process.
+    std::uint32_t speed = 0;
+    EXPECT_EQ(HAL_UsbGetSpeed(entries[0], &speed), HAL_OK);
+    EXPECT_EQ(HAL_CleanupLibrary(), HAL_OK);
+    EXPECT_EQ(Nimbrel2::Testing::InForkedProcess([] { return HAL_InitLibrary() == HAL_OK ? 0 : 1; }), 0)
+        << "there is no session to keep out of";
+    EXPECT_EQ(HAL_InitLibrary(), HAL_OK);
 }
 
 TEST_F(HalLifecycle, ABusThatDoesNotStartIsEmptyAndRegistersAllTheSame) {

@@ -24,7 +24,7 @@ PhyDescription Phy(const std::string& name, PhyKind kind, unsigned int ports, st
 }
 
 CableDescription Cable(const std::string& a, unsigned int portA, const std::string& b, unsigned int portB) {
-    return {{{a, portA}, {b, portB}}};
+    return {{CableEnd{a, portA}, CableEnd{b, portB}}};
 }
 
 // card(0) - hub(0); hub(1) - a, hub(4) - b

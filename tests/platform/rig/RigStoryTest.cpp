@@ -38,7 +38,7 @@ using testing::UnorderedElementsAre;
 // All that hal/HAL.h declares.
 std::set<std::string> FunctionsOfTheHal() {
     std::ifstream header(NIMBREL2_HAL_HEADER);
-    const std::string type = "uint32_t ";
+    const std::string type = "NIMBREL2_API uint32_t ";
     std::set<std::string> names;
     for (std::string line; std::getline(header, line);) {
         if (line.starts_with(type + "HAL_")) names.insert(line.substr(type.size(), line.find('(') - type.size()));

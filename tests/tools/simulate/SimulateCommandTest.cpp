@@ -60,13 +60,14 @@ TEST_F(SimulateCommand, EndsAfterItsDuration) {
 TEST_F(SimulateCommand, PrintsOneJsonObjectALine) {
     const ProgramResult result = Run({"--count", "2", "--base-address", "127.0.5.1", "--json", "--duration", "0.05"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              R"({"serial":1,"serial_text":"1","mac":"02:00:7f:00:05:01","ip":"127.0.5.1","subnet":"255.0.0.0",)"
-              R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
-              "\n"
-              R"({"serial":2,"serial_text":"2","mac":"02:00:7f:00:05:02","ip":"127.0.5.2","subnet":"255.0.0.0",)"
-              R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
-              "\n");
+    EXPECT_EQ(
+        result.output,
+        R"({"serial":1,"serial_text":"1","mac":"02:00:7f:00:05:01","ip":"127.0.5.1","subnet":"255.0.0.0",)"
+        R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
+        "\n"
+        R"({"serial":2,"serial_text":"2","mac":"02:00:7f:00:05:02","ip":"127.0.5.2","subnet":"255.0.0.0",)"
+        R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
+        "\n");
 }
 
 TEST_F(SimulateCommand, IsListedByAnIndependentProgram) {
@@ -116,15 +117,16 @@ TEST_F(SimulateCommand, FailsWhenStandardOutputIsFull) {
 TEST_F(SimulateCommand, EndsQuietlyWhenItsReaderIsGone) {
     for (const char* count : {"1", "200"}) {
         const ProgramResult result = space.RunProgram(
-            {"sh", "-c", std::string("(" SIMULATE_COMMAND " simulate gige --count ") + count + "; echo $? >&2) | head -1"});
+            {"sh", "-c",
+             std::string("(" SIMULATE_COMMAND " simulate gige --count ") + count + "; echo $? >&2) | head -1"});
         EXPECT_THAT(result.output, HasSubstr("serial 1 "));
         EXPECT_EQ(result.errors, "0\n");
     }
 }
 
 TEST_F(SimulateCommand, KeepsIgnoringCtrlCInTheBackgroundOfAScript) {
-    const auto shell = space.StartProgram(
-        {"sh", "-c", SIMULATE_COMMAND " simulate gige & kill -INT $!; wait $!; echo status $?"});
+    const auto shell =
+        space.StartProgram({"sh", "-c", SIMULATE_COMMAND " simulate gige & kill -INT $!; wait $!; echo status $?"});
     ASSERT_TRUE(shell->WaitForOutput("127.0.0.2", seconds(20))) << shell->GetErrors();
     EXPECT_FALSE(shell->WaitForOutput("status", milliseconds(300)));
 }

@@ -160,7 +160,8 @@ TEST_P(SimulationProblem, IsNamed) {
 INSTANTIATE_TEST_SUITE_P(
     Table, SimulationProblem,
     ::testing::Values(
-        ProblemRow{"TooManyForTheSubnet", Several(255, "192.168.77.1", "", "", ""), "--count 255: the subnet with mask 255.255.255.0 has fewer host addresses from 192.168.77.1 on"},
+        ProblemRow{"TooManyForTheSubnet", Several(255, "192.168.77.1", "", "", ""),
+                   "--count 255: the subnet with mask 255.255.255.0 has fewer host addresses from 192.168.77.1 on"},
         ProblemRow{"NetworkAddress", Several(1, "192.168.77.0", "", "", ""), "--count 1: the subnet with mask"},
         ProblemRow{"BroadcastAddress", Several(1, "192.168.77.255", "", "", ""), "--count 1: the subnet with mask"},
         ProblemRow{"PastTheLastAddress", Several(3, "255.255.255.254", "128.0.0.0", "", ""),

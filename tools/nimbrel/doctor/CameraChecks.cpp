@@ -14,7 +14,8 @@ namespace Nimbrel2::Tool::Doctor {
 namespace {
 
 template <class Key>
-std::map<Key, std::vector<const Camera*>> GroupBy(const std::vector<Camera>& cameras, Key (*key)(const Camera& camera)) {
+std::map<Key, std::vector<const Camera*>> GroupBy(const std::vector<Camera>& cameras,
+                                                  Key (*key)(const Camera& camera)) {
     std::map<Key, std::vector<const Camera*>> groups;
     for (const Camera& camera : cameras) groups[key(camera)].push_back(&camera);
     return groups;
@@ -39,12 +40,15 @@ Findings CheckGuids(const std::vector<Camera>& cameras) {
         if (same.size() < 2) continue;
         wrong.push_back({check, false,
                          CountOf(same.size(), "camera") + " have vendor, model and serial number " +
-                             std::to_string(same.front()->serialNumber) + " in common, so programs cannot tell them apart: " +
-                             Describe(same),
+                             std::to_string(same.front()->serialNumber) +
+                             " in common, so programs cannot tell them apart: " + Describe(same),
                          ByHand("unplug all but one of them, or give one another serial number")});
     }
     if (!wrong.empty() || cameras.empty()) return wrong;
-    return {{check, true, cameras.size() == 1 ? "the only camera has a guid of its own" : "each of " + CountOf(cameras.size(), "camera") + " has a guid of its own", ""}};
+    return {{check, true,
+             cameras.size() == 1 ? "the only camera has a guid of its own"
+                                 : "each of " + CountOf(cameras.size(), "camera") + " has a guid of its own",
+             ""}};
 }
 
 Findings CheckSerialNumbers(const std::vector<Camera>& cameras) {

@@ -36,7 +36,8 @@ std::string AllOf(std::size_t number, const std::string& ofOne, const std::strin
 }
 
 std::string ForceIp(const GvcpDiscoveryRecord& record, std::uint32_t ip, const InterfaceAddress& subnet) {
-    return "nimbrel force-ip --mac " + FormatMac(MacOf(record)) + " --ip " + IpText(ip) + "/" + std::to_string(subnet.prefixLength);
+    return "nimbrel force-ip --mac " + FormatMac(MacOf(record)) + " --ip " + IpText(ip) + "/" +
+           std::to_string(subnet.prefixLength);
 }
 
 // ---- Foreign subnet ------------------------------------------------------------------------------------------------
@@ -50,10 +51,12 @@ struct ForeignCamera {
 std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     std::map<Identity, ForeignCamera> foreign;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (!camera.reachable) foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
+        if (!camera.reachable)
+            foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
     }
     for (const MutedCamera& camera : examined.hearing.muted) {
-        if (!camera.reachable) foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
+        if (!camera.reachable)
+            foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
     }
     // One that another interface reaches belongs there.
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
@@ -62,17 +65,20 @@ std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     return foreign;
 }
 
-std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interface, const GigEExamination& examined, bool sharesSerial) {
+std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interface, const GigEExamination& examined,
+                   bool sharesSerial) {
     const GigEDiagnosis& diagnosis = examined.diagnosis;
     const std::string name = InterfaceName(diagnosis, camera.interface);
     if (interface != nullptr && interface->interface.addresses.empty()) {
         return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", name});
     }
-    if (MacOf(camera.record) == 0) return Sudo({"ip", "route", "add", IpText(camera.record.ipAddress) + "/32", "dev", name});
+    if (MacOf(camera.record) == 0)
+        return Sudo({"ip", "route", "add", IpText(camera.record.ipAddress) + "/32", "dev", name});
     const std::uint32_t serial = FromRecord(camera.record).serialNumber;
     const bool loopback = interface != nullptr && interface->interface.loopback;
     if (serial != 0 && !sharesSerial) {
-        return "nimbrel auto-ip --serial " + std::to_string(serial) + (loopback ? " --interface " + QuoteForShell(name) : "");
+        return "nimbrel auto-ip --serial " + std::to_string(serial) +
+               (loopback ? " --interface " + QuoteForShell(name) : "");
     }
     const InterfaceAddress* subnet = interface == nullptr ? nullptr : &interface->interface.addresses.front();
     const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
@@ -84,9 +90,10 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
 // Why a camera on the right subnet does not answer, and the cure.
 Finding SilentCamera(const std::string& check, const CameraDiagnosis& camera, const GigEDiagnosis& diagnosis) {
     const InterfaceDiagnosis* interface = FindInterface(diagnosis, camera.interface);
-    const InterfaceAddress* subnet = interface == nullptr ? nullptr : interface->interface.FindSubnet(camera.record.ipAddress);
-    std::string evidence = CameraText(camera.record) + " answers broadcasts, but not at its address " + IpText(camera.record.ipAddress) +
-                           " on " + InterfaceName(diagnosis, camera.interface);
+    const InterfaceAddress* subnet =
+        interface == nullptr ? nullptr : interface->interface.FindSubnet(camera.record.ipAddress);
+    std::string evidence = CameraText(camera.record) + " answers broadcasts, but not at its address " +
+                           IpText(camera.record.ipAddress) + " on " + InterfaceName(diagnosis, camera.interface);
     const std::uint32_t mask = camera.record.subnetMask;
     const bool leavesUsOut = subnet != nullptr && ((subnet->address ^ camera.record.ipAddress) & mask) != 0;
     if (leavesUsOut && camera.record.defaultGateway == 0 && MacOf(camera.record) != 0) {
@@ -109,11 +116,13 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
         const InterfaceDiagnosis* interface = FindInterface(diagnosis, camera.interface);
         std::vector<std::string> subnets;
         if (interface != nullptr) {
-            for (const InterfaceAddress& address : interface->interface.addresses) subnets.push_back(SubnetText(address));
+            for (const InterfaceAddress& address : interface->interface.addresses)
+                subnets.push_back(SubnetText(address));
         }
         const std::string where = " and is connected to " + InterfaceName(diagnosis, camera.interface) + ", which " +
                                   (subnets.empty() ? std::string("has no address") : "is on " + Enumerate(subnets));
-        const std::string has = camera.record.ipAddress == 0 ? " has no address yet" : " has the address " + IpText(camera.record.ipAddress);
+        const std::string has = camera.record.ipAddress == 0 ? " has no address yet"
+                                                             : " has the address " + IpText(camera.record.ipAddress);
         wrong.push_back({check, false, CameraText(camera.record) + has + where + ", so it cannot be used",
                          CureOf(camera, interface, examined, bySerial[FromRecord(camera.record).serialNumber] > 1)});
     }
@@ -211,7 +220,8 @@ Findings CheckControl(const GigEExamination& examined) {
                              ByHand("end the program on " + IpText(owner) + " that uses UDP port " + port)});
         }
     }
-    if (numFree != 0) measured.insert(measured.begin(), CountOf(numFree, "camera") + (numFree == 1 ? " is free" : " are free"));
+    if (numFree != 0)
+        measured.insert(measured.begin(), CountOf(numFree, "camera") + (numFree == 1 ? " is free" : " are free"));
     return OrOk(wrong, check, measured);
 }
 

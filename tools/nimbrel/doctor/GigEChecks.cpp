@@ -41,8 +41,8 @@ GigEExamination ExamineGigE(bool simulated, std::optional<std::uint64_t> filtere
 
 const std::vector<Check<GigEExamination>>& GigEChecks() {
     static const std::vector<Check<GigEExamination>> checks{
-        CheckDriver,        CheckInterfaces,      CheckSubnetOverlap, CheckFirewall, CheckRpFilter, CheckForeignSubnet,
-        CheckAddressConflict, CheckNoAnswer, CheckControl,       CheckMtu,      CheckReceiveBuffer};
+        CheckDriver,          CheckInterfaces, CheckSubnetOverlap, CheckFirewall, CheckRpFilter,     CheckForeignSubnet,
+        CheckAddressConflict, CheckNoAnswer,   CheckControl,       CheckMtu,      CheckReceiveBuffer};
     return checks;
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What may keep GigE cameras from being seen or used, check by check. All pure but ExamineGigE.
 //
-// A finding is wrong only when something was lost or cannot work. One cause makes one finding: a check leaves alone what
-// another one explains.
+// A finding is wrong only when something was lost or cannot work. One cause makes one finding: a check leaves alone
+// what another one explains.
 #ifndef NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGECHECKS_H
 #define NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGECHECKS_H
 

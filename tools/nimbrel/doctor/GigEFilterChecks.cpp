@@ -29,12 +29,14 @@ std::string FilterText(const InterfaceDiagnosis& entry) {
     const int inForce = entry.GetRpFilter();
     const char* kind = inForce == 0 ? "off" : inForce == 2 ? "loose" : "strict";
     return entry.interface.name + ": reverse path filter " + std::to_string(inForce) + " (" + kind + "; all " +
-           std::to_string(entry.rpFilterOfAll) + ", " + entry.interface.name + " " + std::to_string(entry.rpFilterOfIt) + ")";
+           std::to_string(entry.rpFilterOfAll) + ", " + entry.interface.name + " " +
+           std::to_string(entry.rpFilterOfIt) + ")";
 }
 
 // Loose is enough where a default route knows a way to any camera; without one the filter must be off.
 std::string FilterCure(const InterfaceDiagnosis& entry, bool hasDefaultRoute) {
-    if (hasDefaultRoute && entry.GetRpFilter() == 1) return Sudo({"sysctl", "-w", FilterSetting(entry.interface.name, 2)});
+    if (hasDefaultRoute && entry.GetRpFilter() == 1)
+        return Sudo({"sysctl", "-w", FilterSetting(entry.interface.name, 2)});
     std::vector<std::string> words{"sysctl", "-w"};
     if (entry.rpFilterOfAll != 0) words.push_back(FilterSetting("all", 0));
     if (entry.rpFilterOfIt != 0) words.push_back(FilterSetting(entry.interface.name, 0));
@@ -86,14 +88,15 @@ std::uint32_t SomeCamera(const InterfaceDiagnosis& entry, const GigEExamination&
     return address == nullptr ? 0 : FreeAddress(examined.diagnosis, *address);
 }
 
-// Cameras whose answers to broadcasts are lost to a firewall. What the reverse path filter drops never gets there, and a
-// camera without an address is dropped by the kernel itself.
+// Cameras whose answers to broadcasts are lost to a firewall. What the reverse path filter drops never gets there, and
+// a camera without an address is dropped by the kernel itself.
 std::vector<const MutedCamera*> FindMuted(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
     std::vector<const MutedCamera*> muted;
     const FilterReach reach = ReachOf(examined, entry.interface.index);
     for (const MutedCamera& camera : examined.hearing.muted) {
         const bool isFiltered = camera.reachable ? reach.ofOwnSubnet : reach.ofUnknownSubnets;
-        if (camera.interface == entry.interface.index && !isFiltered && camera.record.ipAddress != 0) muted.push_back(&camera);
+        if (camera.interface == entry.interface.index && !isFiltered && camera.record.ipAddress != 0)
+            muted.push_back(&camera);
     }
     return muted;
 }
@@ -110,7 +113,8 @@ std::string Describe(const std::vector<const MutedCamera*>& muted) {
 std::string DescribeSilent(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
     std::vector<std::string> words;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        const bool silent = camera.interface == entry.interface.index && camera.reachable && !camera.present && !camera.addressTaken;
+        const bool silent =
+            camera.interface == entry.interface.index && camera.reachable && !camera.present && !camera.addressTaken;
         if (silent) words.push_back(CameraText(camera.record) + " at " + IpText(camera.record.ipAddress));
     }
     return words.empty() ? "" : "no answer from " + Enumerate(words);
@@ -144,7 +148,8 @@ std::vector<Wall> FindWalls(const InterfaceDiagnosis& entry, const GigEExaminati
                                      [&blocker](const Wall& known) { return known.blocker.chain == blocker.chain; });
             if (wall == walls.end()) wall = walls.insert(walls.end(), {blocker, exchange.packet, {}, {}});
             wall->drops.push_back(exchange.what);
-            const bool isNews = std::find(wall->measured.begin(), wall->measured.end(), exchange.measured) == wall->measured.end();
+            const bool isNews =
+                std::find(wall->measured.begin(), wall->measured.end(), exchange.measured) == wall->measured.end();
             if (!exchange.measured.empty() && isNews) wall->measured.push_back(exchange.measured);
         }
     }
@@ -152,15 +157,16 @@ std::vector<Wall> FindWalls(const InterfaceDiagnosis& entry, const GigEExaminati
 }
 
 Finding FindingOf(const std::string& check, const Wall& wall, const RuleSet& rules) {
-    std::string evidence = wall.packet.interface + ": " + Describe(*wall.blocker.chain) + " drops " + Enumerate(wall.drops) + " " +
-                           wall.blocker.how;
+    std::string evidence = wall.packet.interface + ": " + Describe(*wall.blocker.chain) + " drops " +
+                           Enumerate(wall.drops) + " " + wall.blocker.how;
     if (!wall.blocker.sure) evidence += ", most likely";
     for (const std::string& measured : wall.measured) evidence += "; " + measured;
     return {check, false, evidence, CureOf(rules, wall.blocker, wall.packet)};
 }
 
 std::string HearingText(const InterfaceHearing& hearing, const std::string& name) {
-    std::string text = name + ": " + CountOf(hearing.heard, "camera") + (hearing.heard == 1 ? " answers" : " answer") + " broadcasts, ";
+    std::string text = name + ": " + CountOf(hearing.heard, "camera") + (hearing.heard == 1 ? " answers" : " answer") +
+                       " broadcasts, ";
     if (hearing.seesWire) return text + "and no answer was lost between wire and socket";
     text += "and none of " + CountOf(hearing.neighbours, "other host") + " answers only when asked directly";
     return hearing.heard > 0 ? text : text + " (root can see more)";
@@ -178,7 +184,8 @@ Findings CheckRpFilter(const GigEExamination& examined) {
         const bool mayDrop = ReachOf(examined, entry.interface.index).ofUnknownSubnets;
         std::string evidence = FilterText(entry);
         // Who sees the wire sees the camera, and the finding is that it has an address of another subnet.
-        const bool lost = mayDrop && examined.filteredPackets.value_or(0) > 0 && !SeesWire(examined, entry.interface.index);
+        const bool lost =
+            mayDrop && examined.filteredPackets.value_or(0) > 0 && !SeesWire(examined, entry.interface.index);
         if (lost) {
             wrong.push_back({check, false,
                              evidence + " has dropped " + CountOf(*examined.filteredPackets, "packet") +
@@ -186,7 +193,8 @@ Findings CheckRpFilter(const GigEExamination& examined) {
                              FilterCure(entry, hasDefaultRoute)});
             continue;
         }
-        measured.push_back(evidence + (mayDrop ? ": would hide a camera on another subnet; nothing was dropped" : ": drops nothing"));
+        measured.push_back(
+            evidence + (mayDrop ? ": would hide a camera on another subnet; nothing was dropped" : ": drops nothing"));
     }
     return OrOk(wrong, check, measured);
 }
@@ -203,17 +211,20 @@ Findings CheckFirewall(const GigEExamination& examined) {
         const std::vector<const MutedCamera*> muted = FindMuted(*entry, examined);
         if (walls.empty() && !muted.empty()) {
             const bool known = examined.host.rules.known;
-            wrong.push_back({check, false,
-                             entry->interface.name + ": " + Describe(muted) + "; " +
-                                 (known ? "no rule of nftables or iptables drops them" : "only root may see which rule drops them"),
-                             known ? ByHand("look for a filter that nftables and iptables do not show, such as one in eBPF")
-                                   : ByHand("root sees which rule: sudo nimbrel doctor --interface " + QuoteForShell(entry->interface.name))});
+            wrong.push_back(
+                {check, false,
+                 entry->interface.name + ": " + Describe(muted) + "; " +
+                     (known ? "no rule of nftables or iptables drops them" : "only root may see which rule drops them"),
+                 known ? ByHand("look for a filter that nftables and iptables do not show, such as one in eBPF")
+                       : ByHand("root sees which rule: sudo nimbrel doctor --interface " +
+                                QuoteForShell(entry->interface.name))});
         } else if (walls.empty() && hearing.error == 0) {
             measured.push_back(HearingText(hearing, entry->interface.name));
         }
     }
     if (!measured.empty()) {
-        measured.push_back(examined.host.rules.known ? "no rule drops what cameras send or receive" : "only root may see the rules");
+        measured.push_back(examined.host.rules.known ? "no rule drops what cameras send or receive"
+                                                     : "only root may see the rules");
     }
     return OrOk(wrong, check, measured);
 }

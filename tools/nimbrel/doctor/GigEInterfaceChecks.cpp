@@ -2,7 +2,7 @@
 // What is wrong with this computer's network interfaces. Pure.
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Words.h"
@@ -41,7 +41,8 @@ std::string CureOfRefusal(const std::string& name, int error, const GigEDiagnosi
 }
 
 std::string CureOfSocket(int error) {
-    if (error == EMFILE || error == ENFILE) return ByHand("too many files are open: close programs, or raise `ulimit -n`");
+    if (error == EMFILE || error == ENFILE)
+        return ByHand("too many files are open: close programs, or raise `ulimit -n`");
     if (IsRefusal(error)) return Sudo({"nimbrel", "doctor", "--bus", "gige"});
     return ByHand("the kernel refuses a socket; `sudo dmesg | tail` may show why");
 }
@@ -57,8 +58,8 @@ int SendErrorOf(const InterfaceDiagnosis& entry, const GigEExamination& examined
 
 // ---- Interfaces ----------------------------------------------------------------------------------------------------
 
-// Whether cameras could be on it once it is up and has an address. What another device is built upon, such as the parent
-// of a VLAN or a port of a bridge, has its addresses there.
+// Whether cameras could be on it once it is up and has an address. What another device is built upon, such as the
+// parent of a VLAN or a port of a bridge, has its addresses there.
 bool CouldCarryCameras(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
     const NetworkInterface& interface = entry.interface;
     return !interface.loopback && interface.broadcast && !interface.pointToPoint && interface.portOf.empty() &&
@@ -92,7 +93,8 @@ Findings CheckDriver(const GigEExamination& examined) {
         return {{check, false, "the GigE driver cannot search: " + DescribeStatus(examined.status), again}};
     }
     if (diagnosis.error != 0) {
-        return {{check, false, std::string("the kernel does not list its network interfaces: ") + std::strerror(diagnosis.error),
+        return {{check, false,
+                 "the kernel does not list its network interfaces: " + std::generic_category().message(diagnosis.error),
                  again}};
     }
     Findings wrong;
@@ -105,7 +107,8 @@ Findings CheckDriver(const GigEExamination& examined) {
         if (entry.error != 0) {
             wrong.push_back({check, false, name + ": " + entry.reason, CureOfSocket(entry.error)});
         } else if (entry.used && sendError != 0 && !explained) {
-            wrong.push_back({check, false, name + ": a broadcast was refused: " + std::strerror(sendError),
+            wrong.push_back({check, false,
+                             name + ": a broadcast was refused: " + std::generic_category().message(sendError),
                              CureOfRefusal(name, sendError, diagnosis)});
         }
         if (entry.used) used.push_back(name);
@@ -123,7 +126,8 @@ Findings CheckInterfaces(const GigEExamination& examined) {
     const bool anyWorks = std::any_of(interfaces.begin(), interfaces.end(), [](const InterfaceDiagnosis& entry) {
         return entry.used && (entry.interface.loopback || !entry.interface.addresses.empty());
     });
-    const bool anyRefused = std::any_of(interfaces.begin(), interfaces.end(), [](const auto& entry) { return entry.error != 0; });
+    const bool anyRefused =
+        std::any_of(interfaces.begin(), interfaces.end(), [](const auto& entry) { return entry.error != 0; });
     Findings wrong;
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : interfaces) {
@@ -138,21 +142,25 @@ Findings CheckInterfaces(const GigEExamination& examined) {
         const bool lacksAddress = interface.running && interface.up && interface.addresses.empty();
         const std::string evidence = interface.name + " " + WhatIsMissing(interface);
         if (!anyWorks || lacksAddress) {
-            wrong.push_back({check, false, evidence + ", so no camera on it can be used", CureOf(interface, examined.diagnosis)});
+            wrong.push_back(
+                {check, false, evidence + ", so no camera on it can be used", CureOf(interface, examined.diagnosis)});
         } else {
             measured.push_back(evidence + " and is not searched");
         }
     }
     if (!anyWorks && !anyRefused && wrong.empty()) {
-        wrong.push_back({check, false,
-                         "no network interface of this computer can carry cameras (" + std::to_string(interfaces.size()) + " in all)",
-                         ByHand("add a network interface for the cameras; simulated ones are on lo: nimbrel doctor --interface lo")});
+        wrong.push_back(
+            {check, false,
+             "no network interface of this computer can carry cameras (" + std::to_string(interfaces.size()) +
+                 " in all)",
+             ByHand(
+                 "add a network interface for the cameras; simulated ones are on lo: nimbrel doctor --interface lo")});
     }
     return OrOk(wrong, check, measured);
 }
 
-// The driver binds its sockets to interfaces, so two of them in one subnet are no trouble to it, unless the filter of the
-// one that the kernel does not choose drops everything that arrives there.
+// The driver binds its sockets to interfaces, so two of them in one subnet are no trouble to it, unless the filter of
+// the one that the kernel does not choose drops everything that arrives there.
 Findings CheckSubnetOverlap(const GigEExamination& examined) {
     const std::string check = "gige.subnet-overlap";
     Findings wrong;
@@ -167,22 +175,25 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
             for (const InterfaceAddress& a : first->interface.addresses) {
                 for (const InterfaceAddress& b : second->interface.addresses) {
                     if (!Overlap(a, b)) continue;
-                    measured.push_back(first->interface.name + " " + AddressText(a) + " and " + second->interface.name + " " +
-                                       AddressText(b) + " are in one subnet");
+                    measured.push_back(first->interface.name + " " + AddressText(a) + " and " + second->interface.name +
+                                       " " + AddressText(b) + " are in one subnet");
                 }
             }
         }
         const auto reach = examined.filters.find(first->interface.index);
         if (reach == examined.filters.end() || !reach->second.ofOwnSubnet) continue;
         const std::string& name = first->interface.name;
-        wrong.push_back({check, false,
-                         name + ": another interface is in the same subnet and has the route there, so the reverse path filter of " +
-                             name + " drops everything that cameras send",
-                         Sudo({"sysctl", "-w", FilterSetting(name, 2)})});
+        wrong.push_back(
+            {check, false,
+             name +
+                 ": another interface is in the same subnet and has the route there, so the reverse path filter of " +
+                 name + " drops everything that cameras send",
+             Sudo({"sysctl", "-w", FilterSetting(name, 2)})});
     }
     if (numUp == 0) return wrong;
     if (measured.empty()) {
-        measured.push_back(numUp == 1 ? "one interface in use" : "each of " + CountOf(numUp, "interface") + " has a subnet of its own");
+        measured.push_back(numUp == 1 ? "one interface in use"
+                                      : "each of " + CountOf(numUp, "interface") + " has a subnet of its own");
     }
     return OrOk(wrong, check, measured);
 }
@@ -207,8 +218,9 @@ Findings CheckMtu(const GigEExamination& examined) {
             continue;
         }
         const std::uint32_t needed = largest <= kJumboMtu ? kJumboMtu : largest;
-        wrong.push_back({check, false, mtu + ", too small for what cameras are set to send: " + Enumerate(cameras),
-                         Sudo({"ip", "link", "set", "dev", name, "mtu", std::to_string(largest <= 1500 ? 1500 : needed)})});
+        wrong.push_back(
+            {check, false, mtu + ", too small for what cameras are set to send: " + Enumerate(cameras),
+             Sudo({"ip", "link", "set", "dev", name, "mtu", std::to_string(largest <= 1500 ? 1500 : needed)})});
     }
     return OrOk(wrong, check, measured);
 }
@@ -220,8 +232,9 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
         if (!entry.used || entry.receiveBuffer == 0) continue;
-        const std::string evidence = entry.interface.name + ": the driver's socket holds " + std::to_string(entry.receiveBuffer) +
-                                     " bytes and has lost " + CountOf(entry.receiveDrops, "datagram");
+        const std::string evidence = entry.interface.name + ": the driver's socket holds " +
+                                     std::to_string(entry.receiveBuffer) + " bytes and has lost " +
+                                     CountOf(entry.receiveDrops, "datagram");
         if (entry.receiveDrops == 0) {
             measured.push_back(evidence);
             continue;
@@ -232,7 +245,8 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
                                  : Sudo({"sysctl", "-w", "net.core.rmem_max=" + std::to_string(kAmpleReceiveBuffer)})});
     }
     if (!measured.empty() && largest) {
-        measured.push_back("net.core.rmem_max is " + std::to_string(*largest) + " bytes, the most that a program that receives images gets");
+        measured.push_back("net.core.rmem_max is " + std::to_string(*largest) +
+                           " bytes, the most that a program that receives images gets");
     }
     return OrOk(wrong, check, measured);
 }

@@ -92,8 +92,10 @@ std::optional<Predicate> MatchOf(const std::string& option, const std::string& v
     if (option == "-d") return [value](const Packet& p) { return IsIn(p.destination, value); };
     if (option == "-i") return [value](const Packet& p) { return p.incoming ? IsLike(p.interface, value) : Truth::No; };
     if (option == "-o") return [value](const Packet& p) { return p.incoming ? Truth::No : IsLike(p.interface, value); };
-    if (option == "-p") return [value](const Packet&) { return AsTruth(value == "udp" || value == "all" || value == "17"); };
-    if (option == "--sport" || option == "--sports") return [value](const Packet& p) { return IsAmong(p.sourcePort, value); };
+    if (option == "-p")
+        return [value](const Packet&) { return AsTruth(value == "udp" || value == "all" || value == "17"); };
+    if (option == "--sport" || option == "--sports")
+        return [value](const Packet& p) { return IsAmong(p.sourcePort, value); };
     if (option == "--dport" || option == "--dports") {
         return [value](const Packet& p) { return IsAmong(p.destinationPort, value); };
     }

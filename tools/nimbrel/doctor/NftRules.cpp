@@ -37,8 +37,8 @@ std::string TextOf(const Json& object, const char* name) {
 }
 
 std::string FormatIp(std::uint32_t ip) {
-    return std::to_string(ip >> 24) + "." + std::to_string(ip >> 16 & 0xFF) + "." + std::to_string(ip >> 8 & 0xFF) + "." +
-           std::to_string(ip & 0xFF);
+    return std::to_string(ip >> 24) + "." + std::to_string(ip >> 16 & 0xFF) + "." + std::to_string(ip >> 8 & 0xFF) +
+           "." + std::to_string(ip & 0xFF);
 }
 
 // Nothing: unknown; an empty value: the packet has no such field, so no comparison holds.
@@ -56,7 +56,8 @@ std::optional<Value> PayloadOf(const Packet& packet, const Json& payload) {
         if (field == "protocol") return Value{true, 17, {"udp"}};
         return std::nullopt;
     }
-    const std::set<std::string> others{"tcp", "icmp", "icmpv6", "ip6", "sctp", "dccp", "esp", "ah", "udplite", "igmp", "arp"};
+    const std::set<std::string> others{"tcp", "icmp", "icmpv6",  "ip6",  "sctp", "dccp",
+                                       "esp", "ah",   "udplite", "igmp", "arp"};
     if (others.count(protocol) != 0) return Value{};
     return std::nullopt;
 }
@@ -69,7 +70,8 @@ std::optional<Value> MetaOf(const Packet& packet, const std::string& key) {
     if (key == "l4proto") return Value{true, 17, {"udp"}};
     if (key == "nfproto") return Value{true, 2, {"ipv4"}};
     if (key == "protocol") return Value{true, 0x0800, {"ip"}};
-    if (key == "pkttype") return packet.isBroadcast ? std::nullopt : std::optional(Value{false, 0, {"host", "unicast"}});
+    if (key == "pkttype")
+        return packet.isBroadcast ? std::nullopt : std::optional(Value{false, 0, {"host", "unicast"}});
     return std::nullopt;
 }
 
@@ -90,7 +92,8 @@ std::optional<std::uint64_t> NumberOf(const Json& value) {
 
 // A word, where "eth*" stands for every name that begins like this.
 bool IsLike(const std::string& word, const std::string& pattern) {
-    if (!pattern.empty() && pattern.back() == '*') return word.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
+    if (!pattern.empty() && pattern.back() == '*')
+        return word.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
     return word == pattern;
 }
 
@@ -109,7 +112,8 @@ public:
         }
         if (right.is_string() && !value.words.empty()) {
             const std::string word = right.get<std::string>();
-            const bool like = std::any_of(value.words.begin(), value.words.end(), [&](const auto& one) { return IsLike(one, word); });
+            const bool like =
+                std::any_of(value.words.begin(), value.words.end(), [&](const auto& one) { return IsLike(one, word); });
             if (like || !value.isNumber) return AsTruth(like);
         }
         const std::optional<std::uint64_t> number = NumberOf(right);
@@ -186,7 +190,8 @@ bool ReadVerdict(const Json& expression, Rule* rule) {
 
 // Expressions that do something and let every packet go on.
 bool IsHarmless(const Json& expression) {
-    static const std::array<const char*, 8> names{"counter", "log", "mangle", "notrack", "comment", "ct helper", "ct timeout", "dup"};
+    static const std::array<const char*, 8> names{"counter", "log",       "mangle",     "notrack",
+                                                  "comment", "ct helper", "ct timeout", "dup"};
     return std::any_of(names.begin(), names.end(), [&](const char* name) { return expression.contains(name); });
 }
 
@@ -211,7 +216,8 @@ Predicate All(std::vector<Predicate> predicates) {
 }
 
 // One rule each verdict: a verdict map has many.
-void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const std::string& scope, std::vector<Rule>* rules) {
+void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const std::string& scope,
+              std::vector<Rule>* rules) {
     const Json* expressions = Find(rule, "expr");
     if (expressions == nullptr || !expressions->is_array()) return;
     const std::string description = "with handle " + std::to_string(rule.value("handle", 0));
@@ -233,7 +239,8 @@ void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const s
             for (const Json& entry : *set) {
                 if (!entry.is_array() || entry.size() != 2 || !ReadVerdict(entry[1], &made)) continue;
                 std::vector<Predicate> all = matches;
-                all.push_back(MatchOf({{"op", "=="}, {"left", map->value("key", Json())}, {"right", entry[0]}}, sets, scope));
+                all.push_back(
+                    MatchOf({{"op", "=="}, {"left", map->value("key", Json())}, {"right", entry[0]}}, sets, scope));
                 made.matches = All(std::move(all));
                 rules->push_back(made);
             }
@@ -292,9 +299,10 @@ std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
             if (same) AddRules(*rule, sets, scope, &chain.rules);
         }
     }
-    chains.erase(std::remove_if(chains.begin(), chains.end(),
-                                [&](const Chain& chain) { return ofIptables.count(chain.family + " " + chain.table) != 0; }),
-                 chains.end());
+    chains.erase(
+        std::remove_if(chains.begin(), chains.end(),
+                       [&](const Chain& chain) { return ofIptables.count(chain.family + " " + chain.table) != 0; }),
+        chains.end());
     return chains;
 }
 

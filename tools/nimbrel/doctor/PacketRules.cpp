@@ -117,7 +117,8 @@ std::string NftMatch(const Packet& packet, bool withInterface) {
     const std::string port = packet.incoming ? "udp sport 3956" : "udp dport 3956";
     // A name with a quote in it cannot be written for nft.
     if (!withInterface || packet.interface.find('"') != std::string::npos) return port;
-    return std::string(packet.incoming ? "iifname " : "oifname ") + QuoteForShell("\"" + packet.interface + "\"") + " " + port;
+    return std::string(packet.incoming ? "iifname " : "oifname ") + QuoteForShell("\"" + packet.interface + "\"") +
+           " " + port;
 }
 
 bool IsOfUfw(const RuleSet& rules, const Chain& chain) {
@@ -150,16 +151,17 @@ std::vector<Blocker> RuleSet::FindBlockers(const Packet& packet) const {
 std::string CureOf(const RuleSet& rules, const Blocker& blocker, const Packet& packet) {
     const Chain& chain = *blocker.chain;
     if (IsOfUfw(rules, chain)) {
-        return "sudo ufw allow " + std::string(packet.incoming ? "in" : "out") + " on " + QuoteForShell(packet.interface) +
-               " proto udp " + (packet.incoming ? "from any port 3956" : "to any port 3956");
+        return "sudo ufw allow " + std::string(packet.incoming ? "in" : "out") + " on " +
+               QuoteForShell(packet.interface) + " proto udp " +
+               (packet.incoming ? "from any port 3956" : "to any port 3956");
     }
     if (chain.tool == RuleTool::Nft && chain.table == "firewalld") {
         const std::string rule = packet.incoming ? "--add-source-port=3956/udp" : "--add-port=3956/udp";
         return "sudo firewall-cmd " + rule + " && sudo firewall-cmd --permanent " + rule;
     }
     if (chain.tool == RuleTool::Nft) {
-        return "sudo nft insert rule " + chain.family + " " + QuoteForShell(chain.table) + " " + QuoteForShell(chain.name) + " " +
-               NftMatch(packet, chain.device.empty()) + " accept";
+        return "sudo nft insert rule " + chain.family + " " + QuoteForShell(chain.table) + " " +
+               QuoteForShell(chain.name) + " " + NftMatch(packet, chain.device.empty()) + " accept";
     }
     const std::string program = chain.tool == RuleTool::Iptables ? "iptables-nft" : "iptables-legacy";
     return "sudo " + program + " -w -t " + QuoteForShell(chain.table) + " -I " + QuoteForShell(chain.name) + " 1 " +

@@ -70,14 +70,15 @@ struct RuleSet {
     std::vector<Blocker> FindBlockers(const Packet& packet) const;
 };
 
-/// The command that lets such packets pass the chain of the blocker, for a POSIX shell: that of the firewall's own front
-/// end where one is at work, or else an accepting rule at the head of the chain.
+/// The command that lets such packets pass the chain of the blocker, for a POSIX shell: that of the firewall's own
+/// front end where one is at work, or else an accepting rule at the head of the chain.
 std::string CureOf(const RuleSet& rules, const Blocker& blocker, const Packet& packet);
 
 /// "nftables chain inet wall entry", "iptables chain INPUT of table filter".
 std::string Describe(const Chain& chain);
 
-/// The chains in the JSON form of `nft -j list ruleset`, without those that belong to iptables. Nothing when it is none.
+/// The chains in the JSON form of `nft -j list ruleset`, without those that belong to iptables. Nothing when it is
+/// none.
 std::optional<std::vector<Chain>> ParseNftRules(const std::string& json);
 
 /// The chains in the text of iptables-save.
