@@ -120,7 +120,7 @@ std::vector<WrongAnswer> WrongAnswers() {
                  device.Answer(request, right);
              }
          }},
-        {"Empty", [](auto& device, auto& request, Bytes) { device.Answer(request, {}); }},
+        {"Empty", [](auto& device, auto& request, const Bytes&) { device.Answer(request, {}); }},
     };
 }
 
