@@ -17,27 +17,37 @@ using Nimbrel2::Testing::TemporaryFile;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
-ProgramResult RunDocument(const std::string& file) {
+ProgramResult RunDocument(const std::string& file, const std::string& part = "1/1") {
     NetworkNamespace network;
     return network.RunProgram(
-        {"/usr/bin/python3", NIMBREL_TESTS "/run_documents.py", RealProgram(), NIMBREL_EXAMPLES, file},
+        {"/usr/bin/python3", NIMBREL_TESTS "/run_documents.py", "--part", part, RealProgram(), NIMBREL_EXAMPLES, file},
         std::chrono::minutes(4));
 }
 
-class Documents : public ::testing::TestWithParam<const char*> {};
+struct Document {
+    const char* name;
+    const char* file;
+    const char* part;  ///< of long documents, so that no test takes long
+};
+
+std::ostream& operator<<(std::ostream& out, const Document& row) { return out << row.name; }
+
+class Documents : public ::testing::TestWithParam<Document> {};
 
 TEST_P(Documents, ShowCommandLinesThatPrintWhatIsShown) {
-    const ProgramResult result = RunDocument(std::string(NIMBREL_ROOT "/") + GetParam());
+    const ProgramResult result = RunDocument(std::string(NIMBREL_ROOT "/") + GetParam().file, GetParam().part);
     EXPECT_EQ(result.exitStatus, 0) << result.output << result.errors;
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Documents,
-                         ::testing::Values("README.md", "docs/first-register.md", "docs/nimbrel.md", "docs/rigs.md"),
-                         [](const auto& test) {
-                             std::string name = test.param;
-                             for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
-                             return name;
-                         });
+                         ::testing::Values(Document{"Readme", "README.md", "1/1"},
+                                           Document{"FirstRegister", "docs/first-register.md", "1/1"},
+                                           Document{"Nimbrel1", "docs/nimbrel.md", "1/4"},
+                                           Document{"Nimbrel2", "docs/nimbrel.md", "2/4"},
+                                           Document{"Nimbrel3", "docs/nimbrel.md", "3/4"},
+                                           Document{"Nimbrel4", "docs/nimbrel.md", "4/4"},
+                                           Document{"Rigs", "docs/rigs.md", "1/1"}),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 struct Falsehood {
     const char* name;
@@ -72,7 +82,7 @@ INSTANTIATE_TEST_SUITE_P(
         Falsehood{"BlockWithoutAScene", "```\n$ nimbrel --version\n```\n", "no comment says"}),
     [](const auto& test) { return std::string(test.param.name); });
 
-TEST(Documents, NameEachOptionOfTheProgramAndNoOther) {
+TEST(DocumentOfTheCommandLine, NamesEachOptionOfTheProgramAndNoOther) {
     const ProgramResult result = Nimbrel2::Testing::RunProgram(
         {"/usr/bin/python3", NIMBREL_TESTS "/check_options.py", RealProgram(), NIMBREL_ROOT}, std::chrono::minutes(2));
     EXPECT_EQ(result.exitStatus, 0) << result.output << result.errors;

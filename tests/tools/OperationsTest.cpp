@@ -286,6 +286,17 @@ TEST_P(FailsInTheHal, WithCameraBusAndCauseInAUsersWords) {
         EXPECT_THAT(result.errors, Not(HasSubstr(ours)));
 }
 
+TEST(Verbose, ShowsTheWholeChainOfAnErrorAndItsPlace) {
+    const RigComputer rig(OneOfEach(Fault("HAL_1394FireBusReset", 3, 1, 20)));
+    const ProgramResult result = rig.Run({"reset", "17", "-v"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("  exit status 1: camera 17 (IEEE 1394) cannot be reset: permission denied\n"),
+                      HasSubstr("BusMaster.cpp:"), HasSubstr("Error 0x3")));
+    EXPECT_THAT(result.errors,
+                HasSubstr("nimbrel reset: camera 17 (IEEE 1394) cannot be reset: permission denied\nTry"));
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Operation, FailsInTheHal,
     ::testing::Values(

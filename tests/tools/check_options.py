@@ -31,6 +31,7 @@ def main():
     sections = {title: body for title, body in re.findall(r"^## (.*?)\n(.*?)(?=^## |\Z)", page, re.S | re.M)}
     common, faults, known = sections["For every command"], [], {"--help"}
     commands = listed(help_of(), "Subcommands")
+    assert commands, "the help lists no command"
     table = re.findall(r"`nimbrel ([a-z-]+)`", page.split("## ")[0])
     if set(commands) != set(table):
         faults.append(f"the commands are {sorted(commands)}; the table has {sorted(table)}")

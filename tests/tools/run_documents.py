@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Runs every command line that the documents show and compares what it prints: run_documents.py [--update] NIMBREL EXAMPLES FILE...
+"""Runs every command line that the documents show and compares what it prints:
+run_documents.py [--update] [--part K/N] NIMBREL EXAMPLES FILE
 
 Runs in a network namespace of its own as root; NIMBREL is the command line, EXAMPLES a folder with the compiled examples. A comment
 stands in front of each block of commands:
@@ -12,8 +13,10 @@ stands in front of each block of commands:
 
 A block whose lines begin with "$ " shows commands with what they print; the line "..." stands for any lines. Other blocks are
 scripts, which must succeed. Times and process ids may differ. A command that goes on for ever is interrupted when it has
-printed what is shown. --update writes what is printed into the documents, for a person to read before it is committed.
+printed what is shown. --part runs every Nth block only (a block that goes on in the scene of another goes with it), so that
+several parts can run side by side. --update writes what is printed into the documents, for a person to read before it is committed.
 """
+import argparse
 import os
 import pathlib
 import re
@@ -161,8 +164,9 @@ def commands_of(body):
 
 
 class Runner:
-    def __init__(self, nimbrel, examples, update):
-        self.nimbrel, self.examples, self.update = nimbrel, examples, update
+    def __init__(self, nimbrel, examples, update, part):
+        self.nimbrel, self.examples, self.update, self.part = nimbrel, examples, update, part
+        self.scenes = 0
         self.faults, self.commands, self.scene, self.kept = [], 0, None, []
 
     def start(self, command):
@@ -217,6 +221,9 @@ class Runner:
         if match["kind"] == "not run":
             return match["body"]
         name, _, event = (word.strip() for word in match["text"].partition(","))
+        self.scenes += name != "same"
+        if self.scenes % self.part[1] != self.part[0] - 1:
+            return match["body"]
         if name != "same":
             self.close_scene()
             self.scene = Scene(name, self.nimbrel, pathlib.Path(self.folder))
@@ -282,13 +289,15 @@ class Runner:
 
 
 def main():
-    arguments = sys.argv[1:]
-    update = arguments[:1] == ["--update"]
-    nimbrel, examples, *files = arguments[update:]
-    runner = Runner(str(pathlib.Path(nimbrel).resolve()), str(pathlib.Path(examples).resolve()), update)
-    root = pathlib.Path(__file__).resolve().parents[2]
-    for file in files:
-        runner.document(pathlib.Path(file), root)
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--update", action="store_true")
+    parser.add_argument("--part", type=lambda text: tuple(map(int, text.split("/"))), default=(1, 1))
+    parser.add_argument("nimbrel", type=pathlib.Path)
+    parser.add_argument("examples", type=pathlib.Path)
+    parser.add_argument("file", type=pathlib.Path)
+    given = parser.parse_args()
+    runner = Runner(str(given.nimbrel.resolve()), given.examples.resolve(), given.update, given.part)
+    runner.document(given.file, pathlib.Path(__file__).resolve().parents[2])
     if runner.faults:
         sys.exit("\n".join(runner.faults))
     print(f"{runner.commands} command lines print what is shown")

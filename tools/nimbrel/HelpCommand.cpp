@@ -31,7 +31,8 @@ std::string HelpOf(const CLI::App& app, const std::vector<std::string>& words) {
         command = below.front();
         name += " " + word;
     }
-    return command == &app ? app.help() : command->help(name.substr(0, name.rfind(' ')));
+    // App::help() would explain the command that is running, this one.
+    return app.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "tools/nimbrel/CommandContext.h"
@@ -48,6 +49,12 @@ std::string AgainAsRoot(int argc, const char* const* argv) {
     return line;
 }
 
+// A line of the trace for each line of the text.
+void TraceLines(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) TraceLog::Write(line);
+}
+
 int ReportError(const CLI::App& app, const CommandError& error, const std::string& againAsRoot = "") {
     const std::string name = CommandName(app);
     std::string hint = error.GetHint();
@@ -55,8 +62,8 @@ int ReportError(const CLI::App& app, const CommandError& error, const std::strin
         hint.replace(at, sizeof kAgainAsRoot - 1, againAsRoot);
     }
     if (hint.empty() && error.GetStatus() == kUsage) hint = "Try `" + name + " --help`.";
-    TraceLog::Write("exit status " + std::to_string(error.GetStatus()) + ": " + error.what());
-    if (!error.GetDetails().empty()) TraceLog::Write("caused by: " + error.GetDetails());
+    TraceLines("exit status " + std::to_string(error.GetStatus()) + ": " + error.what());
+    TraceLines(error.GetDetails());
     WriteError(name + ": " + error.what() + "\n" + (hint.empty() ? "" : hint + "\n"));
     return error.GetStatus();
 }

@@ -165,11 +165,11 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
     const std::string check = "gige.subnet-overlap";
     Findings wrong;
     std::vector<std::string> measured;
-    std::size_t numUp = 0;
+    std::size_t numUsed = 0;
     const auto& all = examined.diagnosis.interfaces;
     for (auto first = all.begin(); first != all.end(); ++first) {
-        if (!first->interface.up || !CouldCarryCameras(*first, examined)) continue;
-        ++numUp;
+        if (!first->used || first->interface.addresses.empty() || !CouldCarryCameras(*first, examined)) continue;
+        ++numUsed;
         for (auto second = std::next(first); second != all.end(); ++second) {
             if (!second->interface.up || !CouldCarryCameras(*second, examined)) continue;
             for (const InterfaceAddress& a : first->interface.addresses) {
@@ -190,10 +190,10 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
                  name + " drops everything that cameras send",
              Sudo({"sysctl", "-w", FilterSetting(name, 2)})});
     }
-    if (numUp == 0) return wrong;
+    if (numUsed == 0) return wrong;
     if (measured.empty()) {
-        measured.push_back(numUp == 1 ? "one interface in use"
-                                      : "each of " + CountOf(numUp, "interface") + " has a subnet of its own");
+        measured.push_back(numUsed == 1 ? "one interface in use"
+                                        : "each of " + CountOf(numUsed, "interface") + " has a subnet of its own");
     }
     return OrOk(wrong, check, measured);
 }
