@@ -97,7 +97,7 @@ TEST(Progress, IsShownOnATerminalAndWipedAfterwards) {
 
 TEST(Progress, ShowsWhatHasBeenHeardSoFar) {
     ScriptedComputer computer({"hold gige", R"(gige 1 10.0.0.1 Mill\x1b Drill)"});
-    Terminal terminal(80);
+    Terminal terminal(120);
     const auto list = StartOn(terminal, computer, "list", "LC_ALL=C TERM=xterm");
     EXPECT_THAT(terminal.ReadUntil("10.0.0.1 Mill? Drill"), HasSubstr(" s: 1 heard: 10.0.0.1 Mill? Drill\033[K"));
     computer.Do("gige 2 10.0.0.2 Mill Saw");

@@ -115,7 +115,7 @@ int RunDoctor(CommandContext& context) {
 }  // namespace
 
 void AddDoctorCommand(CLI::App& app, CommandContext& context) {
-    CLI::App* command = context.AddCommand(app, "doctor", "Finds out what keeps cameras from being seen or used.",
+    CLI::App* command = context.AddCommand(app, "doctor", "Finds what keeps cameras from being seen or used.",
                                            [&context] { return RunDoctor(context); });
     context.AddJsonOption(*command, "Print JSON.");
     context.AddBusOptions(*command);

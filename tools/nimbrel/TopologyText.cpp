@@ -84,9 +84,10 @@ public:
     TreeWriter(std::size_t width, bool coloured) : m_width(width), m_coloured(coloured) {}
 
     std::string Write(const TopologyView& computer) {
+        m_withHeader = computer.kind == TopologyView::Kind::Computer;  // whose line has room for it
         Measure(computer);
         Add(computer, "", "", 0);
-        if (computer.kind == TopologyView::Kind::Computer) {  // which has neither
+        if (m_withHeader) {
             m_lines[0].serial = m_serialWidth == 0 ? "" : "SERIAL";
             m_lines[0].speed = m_speedWidth == 0 ? "" : "SPEED";
         }
@@ -106,10 +107,15 @@ private:
     // All trees share their columns.
     void Measure(const TopologyView& view) {
         const Line line = LineOf(view);
-        m_serialWidth = std::max(m_serialWidth, line.serial.empty() ? 0 : std::max(line.serial.size(), std::size_t{6}));
-        m_speedWidth = std::max(m_speedWidth, line.speed.empty() ? 0 : std::max(line.speed.size(), std::size_t{5}));
+        m_serialWidth = std::max(m_serialWidth, WidthOf(line.serial, "SERIAL"));
+        m_speedWidth = std::max(m_speedWidth, WidthOf(line.speed, "SPEED"));
         m_detailsWidth = std::max(m_detailsWidth, DisplayWidth(line.details));
         for (const TopologyView& child : view.children) Measure(child);
+    }
+
+    // An empty column has no header either.
+    std::size_t WidthOf(const std::string& cell, const std::string& header) const {
+        return cell.empty() ? 0 : std::max(cell.size(), m_withHeader ? header.size() : 0);
     }
 
     std::size_t RoomForTree() const {
@@ -173,6 +179,7 @@ private:
     const Branches m_branches = BranchesOfLocale();
     const std::size_t m_width;
     const bool m_coloured;
+    bool m_withHeader = false;
     std::size_t m_serialWidth = 0;
     std::size_t m_speedWidth = 0;
     std::size_t m_detailsWidth = 0;
