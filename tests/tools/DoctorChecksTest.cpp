@@ -16,6 +16,7 @@ namespace {
 
 using Platform::CameraDiagnosis;
 using Platform::ControlState;
+using Platform::GigEUsability;
 using Platform::InterfaceAddress;
 using Platform::InterfaceDiagnosis;
 using ::testing::AllOf;
@@ -51,8 +52,17 @@ CameraDiagnosis Camera(std::uint32_t number, std::uint32_t ip) {
     camera.record = Record(number, ip);
     camera.interface = 2;
     camera.reachable = camera.present = camera.listed = true;
+    camera.usability = Platform::GigEUsability::Usable;
     camera.control.state = ControlState::Free;
     return camera;
+}
+
+void Disable(CameraDiagnosis& camera, GigEUsability why) {
+    camera.usability = why;
+    camera.listed = camera.present = false;
+    camera.reachable =
+        why == GigEUsability::AddressTaken || why == GigEUsability::NoAnswer || why == GigEUsability::NoRegisters;
+    camera.addressTaken = why == GigEUsability::AddressTaken;
 }
 
 /// One interface, h0 192.168.77.1/24, with one camera that is all right.
@@ -291,7 +301,7 @@ TEST_F(DoctorChecks, FirewallSaysWhatCouldNotBeChecked) {
 
 TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
     First() = Camera(9, 0x0A090909);
-    First().reachable = First().listed = First().present = false;
+    Disable(First(), GigEUsability::OtherSubnet);
     Finding finding = ExpectWrong(CheckForeignSubnet);
     EXPECT_EQ(finding.evidence,
               "camera 9 (02:00:00:00:00:09) has the address 10.9.9.9 and is connected to h0, which is on "
@@ -306,9 +316,26 @@ TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "sudo ip address add 192.168.100.1/24 dev h0");
 }
 
+TEST_F(DoctorChecks, ForeignSubnetKnowsCamerasWithoutAnAddressAndWithOneThatNoHostCanHave) {
+    First() = Camera(9, 0);
+    Disable(First(), GigEUsability::NoAddress);
+    Finding finding = ExpectWrong(CheckForeignSubnet);
+    EXPECT_THAT(finding.evidence, HasSubstr("camera 9 (02:00:00:00:00:09) has no address yet and is connected to h0"));
+    EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
+    First() = Camera(9, 0xE0000001);
+    Disable(First(), GigEUsability::InvalidAddress);
+    finding = ExpectWrong(CheckForeignSubnet);
+    EXPECT_THAT(finding.evidence, HasSubstr("has the address 224.0.0.1, which no host can have, and is"));
+    EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
+    for (const auto check : GigEChecks()) {
+        if (check != CheckForeignSubnet)
+            EXPECT_THAT(check(examined), ::testing::Each(::testing::Field(&Finding::ok, true)));
+    }
+}
+
 TEST_F(DoctorChecks, ForeignSubnetKnowsACameraThatAnotherInterfaceReaches) {
     examined.diagnosis.cameras.push_back(First());
-    examined.diagnosis.cameras[1].reachable = examined.diagnosis.cameras[1].listed = false;
+    Disable(examined.diagnosis.cameras[1], GigEUsability::OtherSubnet);
     examined.diagnosis.cameras[1].interface = 3;
     ExpectFine(CheckForeignSubnet);
     Mute(9, 0x0A090909, false).onWire = true;
@@ -317,7 +344,7 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsACameraThatAnotherInterfaceReaches) {
 
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
     examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, kHost + 4));
-    examined.diagnosis.cameras[0].listed = false;
+    Disable(examined.diagnosis.cameras[0], GigEUsability::AddressTaken);
     const Finding finding = ExpectWrong(CheckAddressConflict);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 4"), HasSubstr("camera 5"), HasSubstr("192.168.77.5")));
     EXPECT_EQ(finding.cure, "nimbrel force-ip --mac 02:00:00:00:00:04 --ip 192.168.77.254/24");
@@ -330,15 +357,19 @@ TEST_F(DoctorChecks, AddressConflictKnowsThisComputersOwnAddress) {
 
 TEST_F(DoctorChecks, NoAnswerIsTheFindingOfACameraThatNoOtherCheckExplains) {
     ExpectFine(CheckNoAnswer);
-    First().present = First().listed = false;
-    First().record.subnetMask = 0xFFFFFF00;
+    Disable(First(), GigEUsability::NoRegisters);
+    EXPECT_THAT(ExpectWrong(CheckNoAnswer).evidence, HasSubstr("but its registers do not answer"));
+    Disable(First(), GigEUsability::NoAnswer);
     EXPECT_EQ(ExpectWrong(CheckNoAnswer).cure, "# power the camera off and on again");
+    Disable(First(), GigEUsability::OutsideItsSubnet);
     First().record.subnetMask = 0xFFFFFFFC;  // .4 to .7, without .1
     const Finding finding = ExpectWrong(CheckNoAnswer);
     EXPECT_THAT(finding.evidence,
                 HasSubstr("its subnet mask 255.255.255.252 leaves this computer out, and it has no gateway"));
     EXPECT_EQ(finding.cure, "nimbrel force-ip --mac 02:00:00:00:00:05 --ip 192.168.77.5/24");
     examined.host.rules = {{DroppingChain(RuleTool::Nft, "wall", "exit", "output")}, true};
+    EXPECT_THAT(ExpectWrong(CheckNoAnswer).evidence, HasSubstr("subnet mask")) << "no firewall makes that";
+    Disable(First(), GigEUsability::NoAnswer);
     ExpectFine(CheckNoAnswer);
     EXPECT_THAT(CheckFirewall(examined)[0].evidence,
                 HasSubstr("no answer from camera 5 (02:00:00:00:00:05) at 192.168.77.5"));

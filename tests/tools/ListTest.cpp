@@ -173,12 +173,11 @@ TEST(List, NamesCamerasThatAreHeardOnAWrongSubnetAndTheCommandThatHelps) {
     const Words script{"heard 9 10.9.9.9"};
     const ProgramResult alone = ScriptedComputer(script).Run({"list"});
     EXPECT_EQ(alone.exitStatus, 0);
-    EXPECT_THAT(
-        alone.output,
-        AllOf(HasSubstr("No usable cameras found"),
-              HasSubstr(
-                  "  camera 9 (02:00:0a:09:09:09) at 10.9.9.9/24 on eth0: wrong subnet: eth0 is on 192.168.77.0/24\n"),
-              HasSubstr("`nimbrel auto-ip` gives the camera on a wrong subnet an address of the right one.\n")));
+    EXPECT_THAT(alone.output,
+                AllOf(HasSubstr("No usable cameras found"),
+                      HasSubstr("  camera 9 (02:00:0a:09:09:09) at 10.9.9.9/24 on eth0: its address is in another "
+                                "subnet; eth0 is on 192.168.77.0/24\n"),
+                      HasSubstr("`nimbrel auto-ip` gives that camera an address of the right subnet.\n")));
     EXPECT_THAT(ScriptedComputer({"heard 9 10.9.9.9", "usb 1 480 V M"}).Run({"list"}).output,
                 AllOf(HasSubstr("V       M"), HasSubstr("camera 9"), HasSubstr("`nimbrel auto-ip`")));
     EXPECT_THAT(ScriptedComputer(script).Run({"list", "--bus", "usb"}).output, Not(HasSubstr("camera 9")));

@@ -22,7 +22,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kShortestWindow{10};
-constexpr milliseconds kLongestWindow{60000};
+constexpr milliseconds kLongestWindow{30000};
 
 void AddUnlessThere(std::vector<std::string>* words, const std::string& word) {
     if (std::find(words->begin(), words->end(), word) == words->end()) words->push_back(word);
@@ -128,7 +128,7 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
         Times::Repeatable);
     AddValue(command, "--discovery-window", "SECONDS",
              "How long to wait for answers of GigE cameras, 0.01\n"
-             "to 60. Default: 1, the longest that a camera may\n"
+             "to 30. Default: 1, the longest that a camera may\n"
              "take. Most answer within 0.01.",
              [this](const std::string& text) {
                  CheckGivenOnce("--discovery-window", m_discoveryWindow.has_value());

@@ -31,8 +31,8 @@ Exit status:
 
 JSON: {"cameras":[{"serial","mac","ip","subnet","gateway","vendor","model",
 "name","version","usable"}]}; "version" is that of GigE Vision, "name" the one
-that users give; "usable" is "usable", "wrong-subnet", "address-taken" or
-"silent".
+that users give; "usable" is "usable", "no-address", "invalid-address",
+"wrong-subnet", "wrong-mask", "address-taken", "no-answer" or "no-registers".
 
 Examples:
   nimbrel discover

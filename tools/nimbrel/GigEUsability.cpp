@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Judges GigE cameras by what the driver knows of them. Pure.
+// Words for what the driver knows of GigE cameras. Pure.
 #include "tools/nimbrel/GigEUsability.h"
 
 #include <algorithm>
@@ -9,12 +9,6 @@
 
 namespace Nimbrel2::Tool {
 namespace {
-
-Usability Judge(const Platform::CameraDiagnosis& heard) {
-    if (!heard.reachable) return Usability::WrongSubnet;
-    if (heard.addressTaken) return Usability::AddressTaken;
-    return heard.present ? Usability::Usable : Usability::Silent;
-}
 
 const Platform::InterfaceDiagnosis* FindInterface(const Platform::GigEDiagnosis& diagnosis, int index) {
     for (const auto& interface : diagnosis.interfaces) {
@@ -37,34 +31,34 @@ std::string FormatUsability(Usability usability) {
     switch (usability) {
         case Usability::Usable:
             return "usable";
-        case Usability::WrongSubnet:
+        case Usability::NoAddress:
+            return "no-address";
+        case Usability::InvalidAddress:
+            return "invalid-address";
+        case Usability::OtherSubnet:
             return "wrong-subnet";
+        case Usability::OutsideItsSubnet:
+            return "wrong-mask";
         case Usability::AddressTaken:
             return "address-taken";
-        case Usability::Silent:
+        case Usability::NoAnswer:
+            return "no-answer";
+        case Usability::NoRegisters:
             break;
     }
-    return "silent";
+    return "no-registers";
 }
 
 std::string HeardCamera::Explain() const {
-    switch (usability) {
-        case Usability::Usable:
-            return "usable";
-        case Usability::WrongSubnet:
-            return "wrong subnet" + (interface == nullptr ? "" : ": " + DescribeSubnets(*interface));
-        case Usability::AddressTaken:
-            return "another camera has its address";
-        case Usability::Silent:
-            break;
-    }
-    return "does not answer at its address";
+    const std::string text = Platform::DescribeUsability(usability);
+    const bool ofSubnets = usability == Usability::OtherSubnet || usability == Usability::NoAddress;
+    return text + (ofSubnets && interface != nullptr ? "; " + DescribeSubnets(*interface) : "");
 }
 
 std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnosis) {
     std::vector<HeardCamera> cameras;
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-        HeardCamera camera{FromRecord(heard.record), Judge(heard), FindInterface(diagnosis, heard.interface)};
+        HeardCamera camera{FromRecord(heard.record), heard.usability, FindInterface(diagnosis, heard.interface)};
         const auto known = std::find_if(cameras.begin(), cameras.end(), [&camera](const HeardCamera& other) {
             return IsSame(other.camera, camera.camera);
         });
@@ -78,21 +72,19 @@ std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnos
 }
 
 std::string CureForUnusable(const std::vector<HeardCamera>& cameras) {
-    const auto count = [&cameras](Usability usability) {
-        return static_cast<std::size_t>(
-            std::count_if(cameras.begin(), cameras.end(),
-                          [usability](const HeardCamera& camera) { return camera.usability == usability; }));
+    // A silent camera may need an address or not: the doctor looks closer.
+    const auto isCuredByAutoIp = [](const HeardCamera& camera) {
+        return Platform::NeedsAddress(camera.usability) && camera.usability != Usability::NoAnswer;
     };
-    const std::size_t foreign = count(Usability::WrongSubnet);
-    const std::size_t others = count(Usability::AddressTaken) + count(Usability::Silent);
+    const auto isUnusable = [](const HeardCamera& camera) { return camera.usability != Usability::Usable; };
+    const auto unusable = std::count_if(cameras.begin(), cameras.end(), isUnusable);
+    const auto cured = std::count_if(cameras.begin(), cameras.end(), isCuredByAutoIp);
     std::string text;
-    if (foreign != 0) {
-        text = "`nimbrel auto-ip` gives " +
-               (foreign == 1 ? std::string("the camera on a wrong subnet an address")
-                             : "cameras on a wrong subnet addresses") +
-               " of the right one.\n";
+    if (cured != 0) {
+        text = std::string("`nimbrel auto-ip` gives ") +
+               (cured == 1 ? "that camera an address" : "such cameras addresses") + " of the right subnet.\n";
     }
-    if (others != 0) text += "`nimbrel doctor` explains " + std::string(foreign == 0 ? "why" : "the others") + ".\n";
+    if (unusable > cured) text += "`nimbrel doctor` explains " + std::string(cured == 0 ? "why" : "the others") + ".\n";
     return text;
 }
 

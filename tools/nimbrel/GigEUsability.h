@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whether a GigE camera that was heard can be used from this computer, and why not. Pure but for the reading.
+// GigE cameras that were heard, and whether the driver says that they can be used. Pure.
 #ifndef NIMBREL2_TOOLS_NIMBREL_GIGEUSABILITY_H
 #define NIMBREL2_TOOLS_NIMBREL_GIGEUSABILITY_H
 
@@ -11,14 +11,9 @@
 
 namespace Nimbrel2::Tool {
 
-enum class Usability {
-    Usable,
-    WrongSubnet,   ///< Its address is on no subnet of an interface that hears it.
-    AddressTaken,  ///< Another camera answers at its address.
-    Silent,        ///< It answers broadcasts, and nothing at its address.
-};
+using Usability = Platform::GigEUsability;
 
-/// "usable", "wrong-subnet", "address-taken" or "silent": the word in JSON.
+/// "usable", "no-address", "wrong-subnet", ...: the word in JSON.
 std::string FormatUsability(Usability usability);
 
 /// One camera, at the interface where it can be used best.

@@ -19,7 +19,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-using Platform::Simulated::FormatAddress;
+using Platform::FormatIp;
 using Platform::Simulated::SimulatedCameraOptions;
 using Platform::Simulated::SimulatedGigENetwork;
 
@@ -180,7 +180,7 @@ void AddRunOptions(CLI::App& command, SimulateOptions& options) {
 
 std::string Describe(const SimulatedCameraOptions& camera, const std::string& interfaceName, bool asJson) {
     if (!asJson) {
-        std::string line = Padded(FormatAddress(camera.address), 15) + "  " + FormatMac(camera.mac) + "  " +
+        std::string line = Padded(FormatIp(camera.address), 15) + "  " + FormatMac(camera.mac) + "  " +
                            Padded(interfaceName, 8) + "  serial " + camera.serialNumber + "  " + camera.vendor + " " +
                            camera.model;
         if (!camera.userDefinedName.empty()) line += "  \"" + camera.userDefinedName + "\"";
@@ -189,9 +189,9 @@ std::string Describe(const SimulatedCameraOptions& camera, const std::string& in
     return Dump(Json{{"serial", Platform::LeadingNumber(camera.serialNumber)},
                      {"serial_text", camera.serialNumber},
                      {"mac", FormatMac(camera.mac)},
-                     {"ip", FormatAddress(camera.address)},
-                     {"subnet", FormatAddress(camera.subnetMask)},
-                     {"gateway", FormatAddress(camera.gateway)},
+                     {"ip", FormatIp(camera.address)},
+                     {"subnet", FormatIp(camera.subnetMask)},
+                     {"gateway", FormatIp(camera.gateway)},
                      {"network_interface", interfaceName},
                      {"vendor", camera.vendor},
                      {"model", camera.model},

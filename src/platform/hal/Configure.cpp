@@ -15,7 +15,8 @@ namespace Nimbrel2::Platform {
 namespace {
 
 constexpr std::chrono::milliseconds kShortestWindow{10};
-constexpr std::chrono::milliseconds kLongestWindow{60000};
+constexpr std::chrono::milliseconds kLongestWindow{30000};
+constexpr std::uint16_t kFirstSourcePort = 1024;   // those below are for administrators
 constexpr std::size_t kLongestInterfaceName = 15;  // IFNAMSIZ without the terminating zero
 
 template <class... Values>
@@ -51,6 +52,29 @@ void CheckWindow(std::chrono::milliseconds window, std::string& reason) {
     AddProblem(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
                            std::to_string(kShortestWindow.count()) + " ms to " +
                            std::to_string(kLongestWindow.count()) + " ms");
+}
+
+void CheckCameraName(const std::optional<GigECameraName>& name, std::string& reason) {
+    if (!name) return;
+    if ((name->ip == 0) == (name->mac == 0)) {
+        AddProblem(reason, "searchFor: either the address or the MAC names the camera, not " +
+                               std::string(name->ip == 0 ? "neither" : "both"));
+    }
+    if (name->mac >> 48 != 0) AddProblem(reason, "searchFor: a MAC has 48 bits");
+}
+
+void CheckSourcePorts(const std::optional<PortRange>& ports, std::string& reason) {
+    if (!ports) return;
+    const std::string range = std::to_string(ports->first) + "-" + std::to_string(ports->last);
+    if (ports->first < kFirstSourcePort) {
+        AddProblem(reason, "sourcePorts: " + range + " begins below " + std::to_string(kFirstSourcePort));
+    } else if (ports->last < ports->first) {
+        AddProblem(reason, "sourcePorts: " + range + " ends before it begins");
+    } else if (const unsigned int count = ports->last - ports->first + 1u; count <= kSourcePortsBesideCameras) {
+        AddProblem(reason, "sourcePorts: " + range + " has " + std::to_string(count) +
+                               (count == 1 ? " port; " : " ports; ") + std::to_string(kSourcePortsBesideCameras) +
+                               " are needed, and one more for each camera of a network interface");
+    }
 }
 
 /// The kernel's own rule for names of network interfaces.
@@ -92,6 +116,8 @@ std::string WhatIsWrong(const Options& options) {
     CheckDriver("gigE", options.gigE, options.makeDrivers != nullptr, reason);
     CheckNames(options.networkInterfaces, reason);
     CheckWindow(options.discoveryWindow, reason);
+    CheckCameraName(options.searchFor, reason);
+    CheckSourcePorts(options.sourcePorts, reason);
     CheckUsbIds(options.usbCameraIds, reason);
     return reason;
 }

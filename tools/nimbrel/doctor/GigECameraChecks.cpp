@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 
+#include "platform/base/CameraAddress.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -17,6 +18,7 @@ namespace {
 using Platform::CameraDiagnosis;
 using Platform::ControlState;
 using Platform::GigEDiagnosis;
+using Platform::GigEUsability;
 using Platform::InterfaceAddress;
 using Platform::InterfaceDiagnosis;
 using Platform::MutedCamera;
@@ -51,7 +53,7 @@ struct ForeignCamera {
 std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     std::map<Identity, ForeignCamera> foreign;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (!camera.reachable)
+        if (IsElsewhere(camera))
             foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
     }
     for (const MutedCamera& camera : examined.hearing.muted) {
@@ -60,7 +62,7 @@ std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     }
     // One that another interface reaches belongs there.
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (camera.reachable) foreign.erase(IdentityOf(camera.record));
+        if (!IsElsewhere(camera)) foreign.erase(IdentityOf(camera.record));
     }
     return foreign;
 }
@@ -87,20 +89,26 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
 
 // ---- Control -------------------------------------------------------------------------------------------------------
 
-// Why a camera on the right subnet does not answer, and the cure.
+// Why a camera with a right address cannot be used, and the cure.
 Finding SilentCamera(const std::string& check, const CameraDiagnosis& camera, const GigEDiagnosis& diagnosis) {
     const InterfaceDiagnosis* interface = FindInterface(diagnosis, camera.interface);
-    const InterfaceAddress* subnet =
-        interface == nullptr ? nullptr : interface->interface.FindSubnet(camera.record.ipAddress);
-    std::string evidence = CameraText(camera.record) + " answers broadcasts, but not at its address " +
-                           IpText(camera.record.ipAddress) + " on " + InterfaceName(diagnosis, camera.interface);
-    const std::uint32_t mask = camera.record.subnetMask;
-    const bool leavesUsOut = subnet != nullptr && ((subnet->address ^ camera.record.ipAddress) & mask) != 0;
-    if (leavesUsOut && camera.record.defaultGateway == 0 && MacOf(camera.record) != 0) {
-        evidence += ": its subnet mask " + IpText(mask) + " leaves this computer out, and it has no gateway";
-        return {check, false, evidence, ForceIp(camera.record, camera.record.ipAddress, *subnet)};
+    const std::uint32_t ip = camera.record.ipAddress;
+    const InterfaceAddress* subnet = interface == nullptr ? nullptr : interface->interface.FindSubnet(ip);
+    const std::string name = CameraText(camera.record);
+    const std::string where = IpText(ip) + " on " + InterfaceName(diagnosis, camera.interface);
+    if (camera.usability == GigEUsability::OutsideItsSubnet) {
+        return {check, false,
+                name + " at " + where + " cannot answer this computer: its subnet mask " +
+                    IpText(camera.record.subnetMask) + " leaves this computer out, and it has no gateway",
+                subnet != nullptr && MacOf(camera.record) != 0
+                    ? ForceIp(camera.record, ip, *subnet)
+                    : ByHand("give the camera a wider subnet mask or a gateway")};
     }
-    return {check, false, evidence, ByHand("power the camera off and on again")};
+    const std::string cure = ByHand("power the camera off and on again");
+    if (camera.usability == GigEUsability::NoRegisters) {
+        return {check, false, name + " answers discoveries at " + where + ", but its registers do not answer", cure};
+    }
+    return {check, false, name + " answers broadcasts, but not at its address " + where, cure};
 }
 
 }  // namespace
@@ -121,8 +129,10 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
         }
         const std::string where = " and is connected to " + InterfaceName(diagnosis, camera.interface) + ", which " +
                                   (subnets.empty() ? std::string("has no address") : "is on " + Enumerate(subnets));
-        const std::string has = camera.record.ipAddress == 0 ? " has no address yet"
-                                                             : " has the address " + IpText(camera.record.ipAddress);
+        const std::uint32_t ip = camera.record.ipAddress;
+        const std::string has = ip == 0 ? " has no address yet"
+                                        : " has the address " + IpText(ip) +
+                                              (Platform::IsHostAddress(ip) ? "" : ", which no host can have,");
         wrong.push_back({check, false, CameraText(camera.record) + has + where + ", so it cannot be used",
                          CureOf(camera, interface, examined, bySerial[FromRecord(camera.record).serialNumber] > 1)});
     }
@@ -137,15 +147,16 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
     const GigEDiagnosis& diagnosis = examined.diagnosis;
     std::map<std::pair<int, std::uint32_t>, std::vector<const CameraDiagnosis*>> byAddress;
     for (const CameraDiagnosis& camera : diagnosis.cameras) {
-        if (camera.reachable) byAddress[{camera.interface, camera.record.ipAddress}].push_back(&camera);
+        if (!IsElsewhere(camera)) byAddress[{camera.interface, camera.record.ipAddress}].push_back(&camera);
     }
     Findings wrong;
     for (auto& [where, cameras] : byAddress) {
         const InterfaceDiagnosis* interface = FindInterface(diagnosis, where.first);
         const bool loopback = interface != nullptr && interface->interface.loopback;
         const bool own = !loopback && IsOwnAddress(diagnosis, where.second);
-        const bool taken =
-            std::any_of(cameras.begin(), cameras.end(), [](const auto* camera) { return camera->addressTaken; });
+        const bool taken = std::any_of(cameras.begin(), cameras.end(), [](const auto* camera) {
+            return camera->usability == GigEUsability::AddressTaken;
+        });
         if (cameras.size() == 1 && !own && !taken) continue;
         // The one that is listed keeps the address.
         std::stable_sort(cameras.begin(), cameras.end(),
@@ -180,10 +191,13 @@ Findings CheckNoAnswer(const GigEExamination& examined) {
     Findings wrong;
     std::size_t numAnswering = 0;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (!camera.reachable || camera.addressTaken) continue;
+        if (IsElsewhere(camera) || camera.usability == GigEUsability::AddressTaken) continue;
         const auto reach = examined.filters.find(camera.interface);
         const bool isFiltered = reach != examined.filters.end() && reach->second.ofOwnSubnet;
-        if (camera.present || isFiltered || walled.count(camera.interface) != 0) {
+        const bool isExplained = isFiltered || walled.count(camera.interface) != 0;
+        const bool isSilent =
+            camera.usability == GigEUsability::NoAnswer || camera.usability == GigEUsability::NoRegisters;
+        if (camera.usability == GigEUsability::Usable || (isSilent && isExplained)) {
             ++numAnswering;
         } else {
             wrong.push_back(SilentCamera(check, camera, examined.diagnosis));

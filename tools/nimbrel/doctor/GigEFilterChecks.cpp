@@ -82,7 +82,7 @@ Packet PacketOf(const InterfaceDiagnosis& entry, std::uint32_t camera, bool inco
 // An address of a camera on that interface: a real one, or else any of its subnet.
 std::uint32_t SomeCamera(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (camera.interface == entry.interface.index && camera.reachable) return camera.record.ipAddress;
+        if (camera.interface == entry.interface.index && !IsElsewhere(camera)) return camera.record.ipAddress;
     }
     const InterfaceAddress* address = entry.interface.addresses.empty() ? nullptr : &entry.interface.addresses.front();
     return address == nullptr ? 0 : FreeAddress(examined.diagnosis, *address);
@@ -114,7 +114,7 @@ std::string DescribeSilent(const InterfaceDiagnosis& entry, const GigEExaminatio
     std::vector<std::string> words;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
         const bool silent =
-            camera.interface == entry.interface.index && camera.reachable && !camera.present && !camera.addressTaken;
+            camera.interface == entry.interface.index && camera.usability == Platform::GigEUsability::NoAnswer;
         if (silent) words.push_back(CameraText(camera.record) + " at " + IpText(camera.record.ipAddress));
     }
     return words.empty() ? "" : "no answer from " + Enumerate(words);

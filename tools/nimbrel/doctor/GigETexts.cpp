@@ -26,6 +26,12 @@ std::string SubnetText(const InterfaceAddress& address) {
     return SubnetOf(UnpackIPAddress(address.address), UnpackIPAddress(address.GetMask()));
 }
 
+bool IsElsewhere(const Platform::CameraDiagnosis& camera) {
+    using Platform::GigEUsability;
+    return camera.usability == GigEUsability::NoAddress || camera.usability == GigEUsability::InvalidAddress ||
+           camera.usability == GigEUsability::OtherSubnet;
+}
+
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record) {
     return static_cast<std::uint64_t>(record.macHigh & 0xFFFF) << 32 | record.macLow;
 }

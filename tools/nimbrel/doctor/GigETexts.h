@@ -18,6 +18,9 @@ std::string AddressText(const Platform::InterfaceAddress& address);
 /// "192.168.77.0/24"
 std::string SubnetText(const Platform::InterfaceAddress& address);
 
+/// Its address is none of the subnets of the interface that hears it, or none that a host can have.
+bool IsElsewhere(const Platform::CameraDiagnosis& camera);
+
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record);
 /// "camera 31000001 (02:00:00:00:77:0a)". The serial text is the camera's own and may hold anything.
 std::string CameraText(const GvcpDiscoveryRecord& record);
