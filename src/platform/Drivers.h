@@ -77,6 +77,10 @@ public:
     /// Never blocks, never takes memory and never calls back on this thread.
     virtual void Report(BusState state) noexcept = 0;
 
+    /// The same from a driver that has waited for the end of the burst itself (10 ms of quiet, 100 ms at most): users
+    /// hear of it at once.
+    virtual void ReportSettled(BusState state) noexcept { Report(std::move(state)); }
+
     /// The bus failed: every registration gets HAL_BUS_ERROR.
     virtual void RaiseError() noexcept = 0;
 };
@@ -165,6 +169,8 @@ public:
     virtual std::uint32_t Start() { return HAL_OK; }
     virtual void Stop() {}
     virtual std::uint32_t ListCameras(Listing<UsbDevice>* /*cameras*/) { return HAL_OK; }
+    /// As Diagnostics.h states it for DiagnoseUsb.
+    virtual std::uint32_t Diagnose(UsbDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
 
 // ---- GigE

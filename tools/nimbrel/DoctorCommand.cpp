@@ -10,6 +10,7 @@
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
+#include "tools/nimbrel/doctor/UsbChecks.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -20,7 +21,7 @@ using Doctor::Findings;
 const char kFooter[] =
     R"help(It changes nothing: each finding comes with the command that cures it. Root may see
 more (what a firewall drops, and its rules); what could not be checked is said.
-GigE only; the other buses have no checks yet.
+IEEE 1394 has no checks yet.
 
 Exit status:
   0  Nothing is wrong.
@@ -45,11 +46,14 @@ void Run(const std::vector<Doctor::Check<Diagnosed>>& checks, const Diagnosed& d
 
 int RunDoctor(CommandContext& context) {
     Findings findings;
-    if (context.UsesBus("gige")) {
+    if (context.UsesBus("usb") || context.UsesBus("gige")) {
         const auto filteredBefore = Doctor::ReadFilteredPackets();
         const BusMasterSession busMaster = context.StartBusMaster();
-        const Progress progress("Examining the network");
-        Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);
+        if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+        if (context.UsesBus("gige")) {
+            const Progress progress("Examining the network");
+            Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);
+        }
     }
     const auto numWrong = std::count_if(findings.begin(), findings.end(), [](const Finding& f) { return !f.ok; });
     if (context.WantsJson()) {
