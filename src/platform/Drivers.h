@@ -78,6 +78,10 @@ public:
     /// Never blocks, never takes memory and never calls back on this thread.
     virtual void Report(BusState state) noexcept = 0;
 
+    /// The same from a driver that has waited for the end of the burst itself (10 ms of quiet, 100 ms at most): users
+    /// hear of it at once.
+    virtual void ReportSettled(BusState state) noexcept { Report(std::move(state)); }
+
     /// The bus failed: every registration gets HAL_BUS_ERROR.
     virtual void RaiseError() noexcept = 0;
 };
@@ -170,6 +174,8 @@ public:
     virtual std::uint32_t ListCameras(Listing<UsbDevice>* /*cameras*/) { return HAL_OK; }
     /// One map per host controller. No bus I/O.
     virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
+    /// As Diagnostics.h states it for DiagnoseUsb.
+    virtual std::uint32_t Diagnose(UsbDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
 
 // ---- GigE

@@ -31,6 +31,10 @@ for name in libnimbrel2 libnimbrel2_simulation; do
 done
 libdir=$(dirname "$library")
 
+# udevd looks for rules below /usr and /usr/local.
+cmp "$source/packaging/udev/70-nimbrel2-usb3-vision.rules" "$work/prefix/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules" ||
+    fail "the udev rule is not installed"
+
 # What our own build is compiled with is nobody else's business.
 leaked=$(grep -rnE -- '-W|-fsanitize|-fno-omit|build_flags|'"$source|$build" "$libdir/cmake" "$libdir/pkgconfig" || true)
 [ -z "$leaked" ] || fail "flags or paths of our own build are exported:"$'\n'"$leaked"

@@ -24,6 +24,12 @@ public:
     void Reset() {
         Change([](Platform::BusState& state) { ++state.resets; });
     }
+    /// The same at the end of a burst that the driver has waited for.
+    void ResetSettled() {
+        const std::lock_guard lock(m_mutex);
+        ++m_state.resets;
+        if (m_sink != nullptr) m_sink->ReportSettled(m_state);
+    }
     /// A device whose events have these words.
     void Arrive(std::uint32_t first = 0, std::uint32_t second = 0) {
         Change([&](Platform::BusState& state) {

@@ -43,8 +43,8 @@ public:
 
     /// `--json` and `--color`.
     void AddJsonOption(CLI::App& command, const std::string& description);
-    /// `--interface`, `--bus`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that start the bus
-    /// master.
+    /// `--interface`, `--bus`, `--usb-id`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that
+    /// start the bus master.
     void AddBusOptions(CLI::App& command);
     /// The same without `--bus` and `--virtual`: for commands that are about GigE alone.
     void AddGigEOptions(CLI::App& command);
@@ -116,6 +116,7 @@ private:
     bool m_virtual = false;
     std::vector<std::string> m_interfaces;
     std::vector<std::string> m_buses;
+    std::vector<Platform::UsbId> m_usbIds;
     std::optional<std::chrono::milliseconds> m_discoveryWindow;
     std::optional<std::string> m_rigFile;
     bool m_demo = false;

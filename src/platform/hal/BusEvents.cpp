@@ -39,21 +39,25 @@ void BusEvents::DeliverAtOnce() {
     m_settles = false;
 }
 
-void BusEvents::Report(BusState state) noexcept {
+void BusEvents::Report(BusState state) noexcept { Take(std::move(state), false); }
+
+void BusEvents::ReportSettled(BusState state) noexcept { Take(std::move(state), true); }
+
+void BusEvents::Take(BusState state, bool settled) {
     const LockGuard lock(m_mutex);
-    m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+    m_news.Report(std::move(state), [this, settled](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
         m_mutex.AssumeHeld();
-        Add({event, first, second});
+        Add({event, first, second}, settled);
     });
 }
 
 void BusEvents::RaiseError() noexcept {
     const LockGuard lock(m_mutex);
-    Add({HAL_BUS_ERROR, 0, 0});
+    Add({HAL_BUS_ERROR, 0, 0}, false);
 }
 
-void BusEvents::Add(const BusEvent& event) {
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Add(event);
+void BusEvents::Add(const BusEvent& event, bool settled) {
+    for (auto& [handle, registration] : m_registrations) registration.delivery->Add(event, settled);
 }
 
 std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, void** registration) {

@@ -35,6 +35,7 @@ public:
     void DeliverAtOnce();
 
     void Report(BusState state) noexcept override;
+    void ReportSettled(BusState state) noexcept override;
     void RaiseError() noexcept override;
 
     /// @return HAL_CLOSED after StopCallbacks, HAL_OUT_OF_MEMORY when no thread can be made.
@@ -61,8 +62,9 @@ private:
     };
     using Registrations = std::map<Handle, Registration>;
 
+    void Take(BusState state, bool settled);
     /// To every registration.
-    void Add(const BusEvent& event) NIMBREL2_REQUIRES(m_mutex);
+    void Add(const BusEvent& event, bool settled) NIMBREL2_REQUIRES(m_mutex);
 
     /// Joins threads of earlier registrations that have ended by themselves.
     void Reap();

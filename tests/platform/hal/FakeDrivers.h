@@ -39,6 +39,7 @@ struct FakeWorld {
     AddressHolder holder;
     GigESearchReport report;
     GigEDiagnosis diagnosis;
+    UsbDiagnosis usbDiagnosis;
     GigEHearing hearing;
     std::vector<AddressPlan> plans;
     std::vector<SelfIdPacket_t> selfIds;
@@ -332,6 +333,12 @@ public:
         : FakeBus(world, world->usbStart, world->usb, sink) {}
     std::uint32_t ListCameras(Listing<UsbDevice>* cameras) override {
         return List<FakeUsbDevice>("USB ListCameras", m_world->usbCameras, cameras);
+    }
+    std::uint32_t Diagnose(UsbDiagnosis* diagnosis) override {
+        m_world->Log("USB Diagnose");
+        const std::uint32_t status = m_world->Answer();
+        if (status == HAL_OK) *diagnosis = m_world->usbDiagnosis;
+        return status;
     }
 };
 
