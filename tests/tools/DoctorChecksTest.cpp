@@ -328,8 +328,8 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsCamerasWithoutAnAddressAndWithOneThatNoHo
     EXPECT_THAT(finding.evidence, HasSubstr("has the address 224.0.0.1, which no host can have, and is"));
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     for (const auto check : GigEChecks()) {
-        if (check != CheckForeignSubnet)
-            EXPECT_THAT(check(examined), ::testing::Each(::testing::Field(&Finding::ok, true)));
+        if (check == CheckForeignSubnet) continue;
+        EXPECT_THAT(check(examined), ::testing::Each(::testing::Field(&Finding::ok, true)));
     }
 }
 
