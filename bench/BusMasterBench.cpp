@@ -288,7 +288,7 @@ void UnregisterBesideQueuedCallbacks(benchmark::State& state) {
     if (!Start(busMaster, state) || busMaster.RegisterCallback(&SlowCalls::Run, BUS_RESET, &calls, &slow) != ERROR_OK) {
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         void* handle = nullptr;
         busMaster.RegisterCallback(&SlowCalls::DoNothing, ARRIVAL, nullptr, &handle);
         calls.hurry = false;
@@ -310,7 +310,7 @@ BENCHMARK(UnregisterBesideQueuedCallbacks)->Unit(benchmark::kMicrosecond)->UseMa
 
 void OneSlowCallback(benchmark::State& state) {
     SlowCalls calls;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         SlowCalls::Run(&calls, 0);
     }
 }

@@ -339,7 +339,8 @@ const std::map<std::string, int (*)()> Scenarios = {
 }  // namespace
 }  // namespace Nimbrel2::Testing
 
-// What threads of the first process held is nobody's in a forked one, and no leak. LeakSanitizer asks.
+// What threads of the first process held is nobody's in a forked one, and no leak. LeakSanitizer asks by this name.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" int __lsan_is_turned_off() { return Nimbrel2::CountForks() != 0 ? 1 : 0; }
 
 int main(int argc, char** argv) {
