@@ -17,8 +17,6 @@
  *   After       HAL_CleanupLibrary (and before HAL_InitLibrary) every function answers HAL_CLOSED and touches nothing.
  *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no
  *               lock, and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process.
- *   Signals     Threads of the HAL block all signals but SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT and
- *               SIGPROF: the others belong to the application.
  *   Memory      Buffers belong to the caller and are only used during the call.
  *   Pointers    Out-parameters must not be null unless said; counts come in as a capacity and go out as a number. What
  *               an out-parameter holds after a failure is meaningless unless said.
@@ -194,8 +192,7 @@ NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
  *   at the end         One thread for each camera, all at once, then the destructor's thread for the devices, one after
  *                      the other: the main lock, held by the destructor. The same in a start that follows a failed one.
  *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
- *   left behind        A thread that the destructor could not wait for: none. It comes after HAL_CleanupLibrary and
- *                      gets HAL_CLOSED.
+ *   left behind        A thread that the destructor could not wait for: none. It gets HAL_CLOSED after the clean-up.
  */
 NIMBREL2_API uint32_t HAL_1394FreeCamera(void* entry);
 NIMBREL2_API uint32_t HAL_1394FreeDevice(void* entry);
