@@ -9,6 +9,7 @@
 #include "platform/Platform.h"
 #include "tests/platform/hal/EventListener.h"
 #include "tests/platform/hal/HalFixture.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2::Platform::Testing {
 namespace {
@@ -82,6 +83,16 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(, HalEvents, ::testing::ValuesIn(kBuses),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(HalEvents, AreDeliveredOnAThreadThatTakesNoSignalButThoseOfFaults) {
+    void* const registration = Register(listener);
+    HoldInError();
+    const auto threads = Nimbrel2::Testing::ListThreads("hal-events-");
+    EXPECT_FALSE(threads.empty());
+    EXPECT_EQ(Nimbrel2::Testing::WrongMasks(threads), std::vector<std::string>());
+    listener.Release();
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+}
 
 TEST_P(HalEvents, EventsComeInOrderWithTheirWordsFromTheirBus) {
     Register(listener);
