@@ -113,21 +113,21 @@ public:
     BusState ListFireWire(Function function) {
         const LockGuard lock(m_mutex);
         function(m_fireWire);
-        Report(m_fireWireReports, FireWireState());
+        Report(m_fireWireReports, &Rig::FireWireState);
         return FireWireState();
     }
     template <class Function>
     BusState ListUsb(Function function) {
         const LockGuard lock(m_mutex);
         function(m_usb);
-        Report(m_usbReports, UsbState());
+        Report(m_usbReports, &Rig::UsbState);
         return UsbState();
     }
     template <class Function>
     BusState ListGigE(Function function) {
         const LockGuard lock(m_mutex);
         function(m_gigE);
-        Report(m_gigEReports, GigEState());
+        Report(m_gigEReports, &Rig::GigEState);
         return GigEState();
     }
 
@@ -155,7 +155,8 @@ private:
     BusState FireWireState() const NIMBREL2_REQUIRES(m_mutex);
     BusState UsbState() const NIMBREL2_REQUIRES(m_mutex);
     BusState GigEState() const NIMBREL2_REQUIRES(m_mutex);
-    static void Report(const Reports& reports, BusState state);
+    /// A change is told also when there is no memory to say which: a rig has no thread that could try again.
+    void Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
     bool ChangeFireWire(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
