@@ -3,80 +3,22 @@
 // its own, so it needs root: unshare -n.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <thread>
 
+#include "bench/GigECameras.h"
 #include "hal/HAL.h"
-#include "platform/Platform.h"
 #include "platform/gvcp/GvcpCodec.h"
-#include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/ChildProcess.h"
 
 namespace Nimbrel2::Platform {
 namespace {
-
-constexpr std::uint32_t kFirstAddress = 0x7F000002;
-constexpr std::uint32_t kCurrentIpAddress = 0x24;
-
-[[noreturn]] void Give(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
-
-void EnterNetworkOfItsOwn() {
-    if (unshare(CLONE_NEWNET) != 0) Give("unshare (root is needed)");
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    if (ioctl(fd, SIOCGIFFLAGS, &request) != 0) Give("lo");
-    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-    if (ioctl(fd, SIOCSIFFLAGS, &request) != 0) Give("lo up");
-    close(fd);
-}
-
-// Simulated cameras on loopback and, when wanted, the HAL over them with its first listing done.
-class Cameras {
-public:
-    explicit Cameras(std::int64_t count) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            Simulated::SimulatedCameraOptions options;
-            options.address = kFirstAddress + static_cast<std::uint32_t>(i);
-            options.mac = 0x020000000100 + static_cast<std::uint64_t>(i);
-            options.serialNumber = std::to_string(1000 + i);
-            if (!m_network.AddCamera(options)) Give("a simulated camera");
-        }
-    }
-    ~Cameras() { HAL_CleanupLibrary(); }
-
-    static void StartHal(std::chrono::milliseconds window) {
-        Options options;
-        options.networkInterfaces = {"lo"};
-        options.discoveryWindow = window;
-        if (!Configure(options) || HAL_InitLibrary() != HAL_OK) Give("the HAL");
-    }
-
-    // How many were listed; their entries are given back.
-    static std::uint64_t List(void** first = nullptr) {
-        void* entries[128] = {};
-        std::uint64_t count = 128;
-        if (HAL_GigEGetCameras(entries, &count) != HAL_OK) return 0;
-        for (std::uint64_t i = first != nullptr ? 1 : 0; i < count; ++i) HAL_GigEFreeCamera(entries[i]);
-        if (first != nullptr) *first = entries[0];
-        return count;
-    }
-
-private:
-    Simulated::SimulatedGigENetwork m_network;
-};
 
 void Reenumerate(benchmark::State& state) {
     const Cameras cameras(state.range(0));
@@ -204,7 +146,7 @@ void ReadRegister(benchmark::State& state) {
     Cameras::List(&entry);
     for ([[maybe_unused]] auto _ : state) {
         std::uint32_t value = 0;
-        if (HAL_GigEReadRegister(entry, kCurrentIpAddress, &value) != HAL_OK) state.SkipWithError("no answer");
+        if (HAL_GigEReadRegister(entry, CurrentIpAddress, &value) != HAL_OK) state.SkipWithError("no answer");
     }
 }
 BENCHMARK(ReadRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -215,7 +157,7 @@ void ReadRegisterOnBareSocket(benchmark::State& state) {
     sockaddr_in camera{};
     camera.sin_family = AF_INET;
     camera.sin_port = htons(Gvcp::kPort);
-    camera.sin_addr.s_addr = htonl(kFirstAddress);
+    camera.sin_addr.s_addr = htonl(FirstAddress);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) Give("connect");
     std::uint8_t command[] = {0x42, 0x01, 0x00, 0x80, 0x00, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x24};
     std::uint8_t answer[2048];

@@ -41,6 +41,22 @@ TIMES = [
     ("starting on a rig of 512 cameras", "StartRigOf512Cameras", 1e6),
     ("the tree of a rig of 512 cameras", "GetTopologyOfRigOf512Cameras", None),
 ]
+# (what, operation, counter, greatest or None, the operation whose counter that is a multiple of, or None)
+TRIALS = [
+    ("a million register reads: 99.9th percentile, us", "MillionReads", "p999_us", 3, "MillionReadsOnBareSockets"),
+    ("the longest of them, us", "MillionReads", "longest_us", None, "MillionReadsOnBareSockets"),
+    ("requests that were repeated", "MillionReads", "repeats", 0, None),
+    ("reads that failed", "MillionReads", "failures", 0, None),
+    ("64 cameras, 8 without registers: `list`, ms", "MuteAmong64", "list_ms", 1800, None),
+    ("the first listing that finds them so, ms", "MuteAmong64", "rescan_first_ms", 700, None),
+    ("the longest of 100 after that, ms", "MuteAmong64", "rescan_later_ms", 50, None),
+    ("24 of 128 cameras die and return a second: longest cycle, ms", "Churn", "longest_cycle_ms", 100, None),
+    ("until a removal is told, 95th percentile, ms", "Churn", "removal_p95_ms", 1500, None),
+    ("until an arrival is told, 95th percentile, ms", "Churn", "arrival_p95_ms", 1500, None),
+    ("changes that nobody was told of", "Churn", "untold", 0, None),
+    ("128 idle cameras: packets per second and camera", "Idle", "packets_per_camera_s", 4, None),
+    ("percent of a core", "Idle", "core_percent", 1, None),
+]
 STORM = "LookUpInResetStorm"
 TO_MICROSECONDS = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
 
@@ -88,6 +104,16 @@ def main():
     for what, operation, most in TIMES:
         if operation in median:
             print(f"{what:<62}{median[operation]:>12.2f}{'':>20}{against(most, median[operation])}")
+    counters = {entry["run_name"].split("/")[0]: entry for entry in benchmarks if entry.get("run_type") == "iteration"}
+    for what, operation, counter, goal, bare in TRIALS:
+        value = counters.get(operation, {}).get(counter)
+        if value is None:
+            continue
+        beside = counters.get(bare, {}).get(counter)
+        if beside is None:
+            print(f"{what:<62}{value:>12.2f}{'':>20}{against(goal, value)}")
+        else:
+            print(f"{what:<62}{value:>12.2f}{beside:>12.2f}{value / beside:>8.2f}{against(goal, value / beside)}")
     worst = [entry["worst_us"] for entry in benchmarks
              if entry["run_name"].split("/")[0] == STORM and entry.get("run_type") == "iteration"]
     if worst:

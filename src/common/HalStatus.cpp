@@ -52,6 +52,14 @@ const char* HalStatusText(std::uint32_t status) noexcept {
             return "unreachable: no route, or the network interface is down";
         case HAL_ARRAY_TOO_SMALL:
             return "more cameras than the array has room for";
+        case HAL_BAD_MASK:
+            return "no subnet mask that a camera can have";
+        case HAL_BAD_ADDRESS:
+            return "no address that a camera can have";
+        case HAL_BAD_GATEWAY:
+            return "no gateway that the camera could use";
+        case HAL_AMBIGUOUS:
+            return "several cameras have this serial number";
     }
     return "unknown status";
 }

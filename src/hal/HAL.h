@@ -53,7 +53,7 @@ HAL_ENUM(HALStatus){
     HAL_TIMED_OUT = 7,                 /* no answer within the time-out of the operation */
     HAL_NO_BUS = 8,                    /* this computer has no such bus */
     HAL_CLOSED = 9,                    /* outside HAL_InitLibrary ... HAL_CleanupLibrary */
-    HAL_OUT_OF_MEMORY = 10,            /* memory, threads or file descriptors */
+    HAL_OUT_OF_MEMORY = 10,            /* memory, threads, file descriptors or source ports */
     HAL_NO_ACKNOWLEDGE = 11,           /* a ForceIP request that nobody acknowledged */
     HAL_NOT_SUPPORTED = 12,            /* this kind of device has no such operation */
     HAL_BAD_ANSWER = 13,               /* the device answered, with something malformed */
@@ -64,7 +64,11 @@ HAL_ENUM(HALStatus){
     HAL_REFUSED = 18,                  /* the device answered with an error that fits no other */
     HAL_NO_TREE = 20,                  /* a USB camera that has no tree to show */
     HAL_UNREACHABLE = 21,              /* no route, or the network interface is down */
-    HAL_ARRAY_TOO_SMALL = 23           /* HAL_GvcpDiscovery: more cameras than records */
+    HAL_ARRAY_TOO_SMALL = 23,          /* HAL_GvcpDiscovery: more cameras than records */
+    HAL_BAD_MASK = 24,                 /* HAL_GvcpForceIp: no subnet mask, or one without room for two hosts */
+    HAL_BAD_ADDRESS = 25,              /* HAL_GvcpForceIp: not an address that one host can have */
+    HAL_BAD_GATEWAY = 26,              /* HAL_GvcpForceIp: the gateway is the camera itself or outside its subnet */
+    HAL_AMBIGUOUS = 27                 /* HAL_GvcpAutoForceIpToCamera: several cameras have that serial number */
 };
 
 /* ---- Bus events ----------------------------------------------------------------------------------------------- */
@@ -151,7 +155,7 @@ NIMBREL2_API uint32_t HAL_CleanupLibrary(void);
  * was handed out. Listings are sorted (FireWire: card, EUI-64; USB: controller, port path; GigE: MAC, IP) and cut at
  * the capacity. They open nothing: a camera that this user may not open is listed all the same. A bus this computer
  * lacks lists nothing and answers HAL_OK. A change that a listing finds first is raised to every registration, whoever
- * lists. They may block for bus I/O, at most three seconds.
+ * lists. They may block for bus I/O, at most three seconds; the first one of GigE for the discovery window and two.
  * HAL_INVALID_ARGUMENT: a null pointer. HAL_PERMISSION, HAL_OUT_OF_MEMORY, HAL_FAILED: the bus could not be read.
  */
 
@@ -238,18 +242,30 @@ NIMBREL2_API uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* 
 /*
  * Forces an IP configuration onto the camera with that MAC address (FORCEIP_CMD), by broadcast on the interface that
  * heard the camera, on every interface when none has. macHigh holds octets 0 and 1, macLow octets 2 to 5; addresses
- * have their first octet in the most significant byte. At most 3 x 300 ms; HAL_NO_ACKNOWLEDGE when nobody answered.
+ * have their first octet in the most significant byte, and gateway 0 is none. At most 3 x 300 ms until the acknowledge,
+ * and up to 2 s more until the camera answers at its new address. HAL_OK: it has acknowledged, from there.
+ * HAL_NO_ACKNOWLEDGE: nobody did; the camera is not there, or an application holds it.
+ * Nothing is sent for HAL_BAD_MASK (no ones followed by zeros, or /0, /31, /32), HAL_BAD_ADDRESS (0.x, loopback, a
+ * group, the first or the last address of the subnet) and HAL_BAD_GATEWAY (the address itself, the first or the last
+ * address of the subnet, or outside of it), looked at in this order. Whether a host has the address already is not
+ * asked: who gives it is asked to know.
+ * ipAddress 0 makes the camera begin its own configuration anew: its persistent address, DHCP, a link-local one. The
+ * mask and the gateway then mean nothing. Cameras do not acknowledge it, so HAL_OK says that it was sent, no more.
  */
 NIMBREL2_API uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask,
                                       uint32_t gateway);
 
 /*
- * Gives every camera on a wrong subnet a free address of the subnet of the interface that heard it. Cameras already
- * right are left alone. A failure does not stop the others; the first is returned.
+ * Gives every camera that its address keeps from being used (a wrong subnet, a mask that leaves this computer out, an
+ * address that somebody else has, none at all) a free address of the subnet of the interface that heard it. Cameras
+ * already right are left alone. A failure does not stop the others; the first is returned.
  */
 NIMBREL2_API uint32_t HAL_GvcpForceIpAuto(void);
 
-/* The same for the camera with that serial number. HAL_GONE: none answers to it. HAL_NO_ACKNOWLEDGE as above. */
+/*
+ * The same for the camera with that serial number. HAL_GONE: none answers to it. HAL_AMBIGUOUS: more than one does, and
+ * none was touched. HAL_NO_ACKNOWLEDGE as above.
+ */
 NIMBREL2_API uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber);
 
 /* ---- One IEEE 1394 camera or device --------------------------------------------------------------------------- */

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/Platform.h"
 
 namespace Nimbrel2::Platform {
 
@@ -56,6 +57,47 @@ struct NetworkInterface {
     }
 };
 
+/// Whether this computer can use a GigE camera, or the first reason why not. Listings, discoveries, automatic addresses
+/// and whoever looks for a cure all go by this one answer.
+enum class GigEUsability : std::uint8_t {
+    Usable,
+    NoAddress,         ///< its address is 0.0.0.0
+    InvalidAddress,    ///< its address is none that one host can have: a network's, a broadcast, a group, loopback
+    OtherSubnet,       ///< its address is in no subnet of the interface that hears it, and no route leads there
+    OutsideItsSubnet,  ///< its subnet mask leaves this computer out, and it has no gateway: it knows no way back
+    AddressTaken,      ///< another camera, or this computer, has its address
+    NoAnswer,          ///< it does not answer at its address
+    NoRegisters,       ///< it answers at its address, but its registers do not
+};
+
+/// Completes "the camera cannot be used: ", and is empty for one that can.
+constexpr const char* DescribeUsability(GigEUsability usability) {
+    switch (usability) {
+        case GigEUsability::Usable:
+            return "";
+        case GigEUsability::NoAddress:
+            return "it has no address";
+        case GigEUsability::InvalidAddress:
+            return "its address is not one that a host can have";
+        case GigEUsability::OtherSubnet:
+            return "its address is in another subnet";
+        case GigEUsability::OutsideItsSubnet:
+            return "its subnet mask leaves this computer out, and it has no gateway";
+        case GigEUsability::AddressTaken:
+            return "another device has its address";
+        case GigEUsability::NoAnswer:
+            return "it does not answer at its address";
+        case GigEUsability::NoRegisters:
+            return "its registers do not answer";
+    }
+    return "";
+}
+
+/// Whether another address would cure it.
+constexpr bool NeedsAddress(GigEUsability usability) {
+    return usability != GigEUsability::Usable && usability != GigEUsability::NoRegisters;
+}
+
 /// Who may control a camera now.
 enum class ControlState : std::uint8_t {
     Free,
@@ -82,6 +124,7 @@ struct InterfaceDiagnosis {
     int rpFilterOfIt = 0;
     std::uint32_t receiveBuffer = 0;  ///< octets that the socket holds; 0 when that is not known
     std::uint32_t receiveDrops = 0;   ///< datagrams that it could not hold
+    unsigned int heard = 0;           ///< cameras that have answered here lately
 
     int GetRpFilter() const { return rpFilterOfAll > rpFilterOfIt ? rpFilterOfAll : rpFilterOfIt; }
 };
@@ -89,8 +132,9 @@ struct InterfaceDiagnosis {
 /// A camera as one interface has heard it. One that two interfaces hear is there twice.
 struct CameraDiagnosis {
     GvcpDiscoveryRecord record{};
-    int interface = 0;          ///< NetworkInterface::index
-    bool reachable = false;     ///< its address is one of that interface's wire
+    int interface = 0;  ///< NetworkInterface::index
+    GigEUsability usability = GigEUsability::NoAnswer;
+    bool reachable = false;     ///< its address is one that can be talked to through that interface
     bool present = false;       ///< it answers at its address
     bool listed = false;        ///< it is listed, by this interface
     bool addressTaken = false;  ///< another camera answers at its address
@@ -109,6 +153,54 @@ struct GigEDiagnosis {
     std::vector<CameraDiagnosis> cameras;
 };
 
+// ---- Searches ------------------------------------------------------------------------------------------------------
+
+/// A network interface that should have been searched and was not.
+struct GigESearchProblem {
+    enum class Kind : std::uint8_t {
+        Interfaces,   ///< the kernel does not tell its network interfaces: none was searched
+        Socket,       ///< no socket could be had
+        SourcePorts,  ///< Options::sourcePorts has too few ports
+        Broadcast,    ///< the request for all cameras was refused
+        Request,      ///< requests for single cameras have been refused for a second, and those have left
+    };
+
+    int interface = 0;          ///< NetworkInterface::index; 0 for all
+    std::string interfaceName;  ///< empty for all
+    Kind kind = Kind::Socket;
+    int error = 0;       ///< errno
+    std::string reason;  ///< for people, without the name: "no socket: Too many open files"
+};
+
+/// A network interface in use whose reverse path filter drops the answers of cameras on other subnets.
+struct FilteredInterface {
+    int interface = 0;
+    std::string interfaceName;
+    int rpFilter = 0;        ///< in force: 1 strict, 2 loose
+    unsigned int heard = 0;  ///< cameras that have answered here lately, whatever their subnet
+};
+
+/// What a search did not see, as far as that can be known.
+struct GigESearchReport {
+    std::vector<GigESearchProblem> problems;
+    std::vector<FilteredInterface> filtered;
+    /// Packets that the reverse path filters of this computer have dropped since the search began: since
+    /// HAL_InitLibrary for listings.
+    std::uint64_t filteredPackets = 0;
+
+    /// Whether it is worth a word that the interface may hide cameras.
+    bool MayHideCameras(const FilteredInterface& interface) const {
+        return interface.heard == 0 || filteredPackets > 0;
+    }
+};
+
+/// The cameras that answered a discovery, and what it did not see.
+struct GigEDiscovery {
+    /// Those that answered, in the order of MAC and address; each once. Control and packet sizes are not asked for.
+    std::vector<CameraDiagnosis> cameras;
+    GigESearchReport report;
+};
+
 /// How well one interface hears.
 struct InterfaceHearing {
     int interface = 0;            ///< NetworkInterface::index
@@ -122,7 +214,7 @@ struct InterfaceHearing {
 struct MutedCamera {
     GvcpDiscoveryRecord record{};
     int interface = 0;             ///< the one that it is on, NetworkInterface::index
-    bool reachable = false;        ///< its address is one of that interface's wire
+    bool reachable = false;        ///< its address is one that can be talked to through that interface
     bool onWire = false;           ///< its answer was seen to arrive: this computer has dropped it
     bool answersDirectly = false;  ///< it answers a request that goes to its own address
 };
@@ -132,28 +224,86 @@ struct GigEHearing {
     std::vector<MutedCamera> muted;
 };
 
+// ---- Addresses -----------------------------------------------------------------------------------------------------
+
 /// What automatic addressing would do to one camera, and why.
 struct AddressPlan {
     GvcpDiscoveryRecord record{};  ///< the camera with the address that it has
     int interface = 0;             ///< the one that has heard it, NetworkInterface::index
     std::string interfaceName;
     InterfaceAddress interfaceAddress;  ///< this computer's on that wire; all zero (but the length 32) when it has none
-    bool alreadyRight = false;          ///< its address is one of that wire: it is left alone
-    std::uint32_t newIp = 0;            ///< 0 when none could be found, or none is needed
-    std::uint32_t newMask = 0;          ///< the new gateway is always none
+    GigEUsability usability = GigEUsability::NoAnswer;  ///< why it needs another address, if it does
+    bool alreadyRight = false;                          ///< no other address would help it: it is left alone
+    std::uint32_t newIp = 0;                            ///< 0 when none could be found, or none is needed
+    std::uint32_t newMask = 0;                          ///< the new gateway is always none
     /// Why a camera that needs an address cannot be given one: HAL_UNREACHABLE (the interface has no address itself),
     /// HAL_NOT_SUPPORTED (the camera has no MAC to be addressed by), HAL_FAILED (no address of the subnet is free), or
     /// what kept the driver from asking whose the addresses are. HAL_OK otherwise.
+    /// After ApplyGigEAddresses also what became of it: HAL_NO_ACKNOWLEDGE, or why it could not be sent.
     std::uint32_t status = HAL_OK;
 };
 
+/// An IPv4 configuration for one camera.
+struct GigEAddress {
+    std::uint64_t mac = 0;  ///< of the camera; octet 0 in bits 47 to 40
+    std::uint32_t ip = 0;
+    std::uint32_t mask = 0;
+    std::uint32_t gateway = 0;  ///< 0 for none
+};
+
+/// What became of giving a camera an address.
+struct ForceIpResult {
+    bool acknowledged = false;
+    /// That very camera, asked at that very address, has answered.
+    bool verified = false;
+    /// Nobody at that address can be asked: it is in no subnet of this computer, and no route leads there. Never true
+    /// of a verified one.
+    bool outOfReach = false;
+    GvcpDiscoveryRecord record{};  ///< of a verified one: what it answered
+};
+
+/// Who has an address now.
+struct AddressHolder {
+    enum class Kind : std::uint8_t {
+        Nobody,        ///< nobody answers for it
+        ThisComputer,  ///< on that interface
+        Camera,        ///< one that answers discoveries; its MAC is that of its answer
+        Host,          ///< somebody answers ARP for it, and no discovery
+        Unknown,       ///< it is in no subnet of this computer, and this user may not ask on the wire
+    };
+
+    Kind kind = Kind::Nobody;
+    std::uint64_t mac = 0;
+    int interface = 0;  ///< the one that it is on, NetworkInterface::index
+    std::string interfaceName;
+};
+
+// ---- Questions -----------------------------------------------------------------------------------------------------
+
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
-/// @param askControl  Asks each listed camera too who controls it and how large its packets are: four register reads
-///                    each, one camera after another. One that does not answer takes its time-out of 0.6 s.
+/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Those
+/// that
+///                    do not answer are waited for half a second, once.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.
 NIMBREL2_API std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis);
+
+/// Where the searches that listings go by do not search, and what may be hidden from them: for messages after a
+/// listing.
+/// @param report  Overwritten.
+/// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
+/// @par Threads  Any, but an event callback. No network I/O: some questions to the kernel.
+NIMBREL2_API std::uint32_t GetGigESearchReport(GigESearchReport* report);
+
+/// Looks for cameras as HAL_GvcpDiscovery does, and says of each whether it can be used, and where it did not look.
+/// @param until      Ends as soon as this camera has answered. Nothing: listens for the whole window. A camera that is
+///                   named by an address is also asked there directly, for such an answer need not be waited for.
+/// @param discovery  Overwritten. With until, the cameras that have answered by then.
+/// @return As HAL_GvcpDiscovery; HAL_OK too when the camera has not answered.
+/// @par Threads  Any, but an event callback. Takes one discovery window (Options::discoveryWindow) at most, and 0.6 s
+///               more while cameras do not answer at their addresses.
+NIMBREL2_API std::uint32_t DiscoverGigE(const std::optional<GigECameraName>& until, GigEDiscovery* discovery);
 
 /// Looks for cameras whose answers to broadcasts are filtered on their way in: sends broadcasts from sockets of its
 /// own, watches the wire where this user may, and then asks those hosts on it directly that this computer has just had
@@ -162,11 +312,11 @@ NIMBREL2_API std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosi
 /// @param hearing  Overwritten.
 /// @return HAL_OK, whatever is heard; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Takes one discovery window, and 0.6 s more where there are hosts to ask.
-NIMBREL2_API std::uint32_t TestGigEHearing(GigEHearing* hearing);
+NIMBREL2_API std::uint32_t FindMutedGigECameras(GigEHearing* hearing);
 
 /// What HAL_GvcpForceIpAuto would do, or HAL_GvcpAutoForceIpToCamera for one camera. Changes nothing. Cameras may come
 /// and go and the addresses may be taken before anybody gives them: a plan is no promise.
-/// @param serialNumber  Of the one camera; nothing for all of them.
+/// @param serialNumber  Of the one camera; nothing for all of them. Two cameras may have it: two plans, then.
 /// @param plans         Overwritten: one a camera that answers a discovery, in the order of their MACs.
 /// @return HAL_OK, however many plans fail; HAL_NO_BUS or the reason when no network interface can be used; HAL_GONE
 ///         when no camera has that serial number.
@@ -174,6 +324,28 @@ NIMBREL2_API std::uint32_t TestGigEHearing(GigEHearing* hearing);
 ///               where a camera needs an address.
 NIMBREL2_API std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber,
                                              std::vector<AddressPlan>* plans);
+
+/// Gives cameras exactly the addresses that these plans name, on the interfaces that they name, all at once. Plans
+/// without a new address, and those whose status is not HAL_OK, are left alone.
+/// @param plans  Each status says what became of it.
+/// @return HAL_OK, or the first status of a plan that is not.
+/// @par Threads  Any, but an event callback. Takes 0.9 s at most for those that do not acknowledge, and up to 2 s until
+///               the others answer at their addresses.
+NIMBREL2_API std::uint32_t ApplyGigEAddresses(std::vector<AddressPlan>* plans);
+
+/// Gives one camera an address as HAL_GvcpForceIp does, and looks whether it has it.
+/// @param result  Overwritten; also filled when nobody acknowledged, for it may be the acknowledge that got lost.
+/// @return As HAL_GvcpForceIp. HAL_OK alone says that it was acknowledged, not that it was verified.
+/// @par Threads  Any, but an event callback. Up to 0.9 s without an acknowledge, and up to 2 s until it answers.
+NIMBREL2_API std::uint32_t ForceGigEAddress(const GigEAddress& address, ForceIpResult* result);
+
+/// Finds out who has an address: this computer, a camera, or another host, which is asked by ARP. Where this user may
+/// see packets it is asked with an ARP request that names no sender (RFC 5227), else by the kernel, which only asks for
+/// addresses in this computer's own subnets and may still remember a host that has left.
+/// @param holder  Overwritten.
+/// @return HAL_OK, whoever has it; HAL_NO_BUS or the reason when no network interface can be used.
+/// @par Threads  Any, but an event callback. Some 0.2 s where a host must be asked.
+NIMBREL2_API std::uint32_t FindGigEAddressHolder(std::uint32_t ip, AddressHolder* holder);
 
 }  // namespace Nimbrel2::Platform
 

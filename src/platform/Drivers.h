@@ -235,20 +235,22 @@ public:
     /// The cameras that can be used, sorted by MAC and address. May wait for the network: at most 3 s, the first time
     /// for the discovery window and 2 s. HAL_PERMISSION, HAL_OUT_OF_MEMORY: nobody could be asked.
     virtual std::uint32_t ListCameras(Listing<GigEDevice>* /*cameras*/) { return HAL_OK; }
-    virtual std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* /*records*/) { return m_reason; }
-    virtual std::uint32_t ForceIp(std::uint64_t /*mac*/, std::uint32_t /*ipAddress*/, std::uint32_t /*subnetMask*/,
-                                  std::uint32_t /*gateway*/) {
+    // As Diagnostics.h states them for the functions of these names. What Discover hears is also what
+    // HAL_GvcpDiscovery answers, and ForceAddress and the two for plans are what HAL_GvcpForceIp and its siblings do.
+    virtual std::uint32_t Discover(const std::optional<GigECameraName>& /*until*/, GigEDiscovery* /*discovery*/) {
         return m_reason;
     }
-    /// @param serialNumber  Of the one camera; nothing for every camera.
-    virtual std::uint32_t AutoForceIp(std::optional<std::uint32_t> /*serialNumber*/) { return m_reason; }
-    /// As Diagnostics.h states them for DiagnoseGigE, TestGigEHearing and PlanGigEAddresses.
-    virtual std::uint32_t Diagnose(bool /*askControl*/, GigEDiagnosis* /*diagnosis*/) { return m_reason; }
-    virtual std::uint32_t TestHearing(GigEHearing* /*hearing*/) { return m_reason; }
+    /// @param address  Has passed CheckCameraAddress (platform/base/CameraAddress.h).
+    virtual std::uint32_t ForceAddress(const GigEAddress& /*address*/, ForceIpResult* /*result*/) { return m_reason; }
     virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
                                         std::vector<AddressPlan>* /*plans*/) {
         return m_reason;
     }
+    virtual std::uint32_t ApplyAddresses(std::vector<AddressPlan>* /*plans*/) { return m_reason; }
+    virtual std::uint32_t FindAddressHolder(std::uint32_t /*ip*/, AddressHolder* /*holder*/) { return m_reason; }
+    virtual std::uint32_t Diagnose(bool /*askControl*/, GigEDiagnosis* /*diagnosis*/) { return m_reason; }
+    virtual std::uint32_t GetSearchReport(GigESearchReport* /*report*/) { return m_reason; }
+    virtual std::uint32_t FindMutedCameras(GigEHearing* /*hearing*/) { return m_reason; }
 
 private:
     const std::uint32_t m_reason;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,22 @@ struct UsbId {
     std::uint16_t product = 0;
 };
 
+/// One GigE camera, by its address or its MAC, whichever is not 0.
+struct GigECameraName {
+    std::uint32_t ip = 0;   ///< first octet in the most significant byte
+    std::uint64_t mac = 0;  ///< octet 0 in bits 47 to 40
+};
+
+/// UDP ports, both ends included.
+struct PortRange {
+    std::uint16_t first = 0;
+    std::uint16_t last = 0;
+};
+
+/// Ports that GigE needs at once on one network interface besides one per camera: two for the monitor, one for a
+/// discovery or an address that is given meanwhile, and one to spare.
+inline constexpr unsigned int kSourcePortsBesideCameras = 4;
+
 struct Options {
     Driver fireWire = Driver::Linux;
     Driver usb = Driver::Linux;
@@ -40,8 +57,16 @@ struct Options {
     std::vector<std::string> networkInterfaces;
 
     /// How long a discovery listens, from its first request. A conforming camera may take a second to answer.
-    /// 10 ms to 60 s.
+    /// 10 ms to 30 s.
     std::chrono::milliseconds discoveryWindow{1000};
+
+    /// The camera that the application is looking for: the first listing ends as soon as it has answered, instead of
+    /// listening for the whole window. All others are still found, and raise events.
+    std::optional<GigECameraName> searchFor;
+
+    /// The ports that GigE talks from, so that a firewall rule can name them. Nothing: any that the system gives. A
+    /// network interface needs kSourcePortsBesideCameras and one for each camera on it; interfaces share the range.
+    std::optional<PortRange> sourcePorts;
 
     /// USB cameras besides those of the USB3 Vision class.
     std::vector<UsbId> usbCameraIds;

@@ -204,7 +204,7 @@ TEST(AutoIp, TellsWhatItChangedAndWhatItLeftAlone) {
     EXPECT_EQ(result.output,
               "camera 44000001 (02:00:00:00:09:01): 192.168.77.10/24 stays\n"
               "    it is in the subnet of eth0, 192.168.77.1/24\n"
-              "camera 44000002 (02:00:00:00:09:09): 10.9.9.9/24 became 192.168.77.2/24\n"
+              "camera 44000002 (02:00:00:00:09:09): 10.9.9.9/24 became 192.168.77.13/24\n"
               "    it is not in the subnet of eth0, 192.168.77.1/24\n");
 }
 
@@ -217,7 +217,7 @@ TEST(AutoIp, PrintsOneDocumentAsJson) {
               R"("subnet":"255.255.255.0","new_ip":null,"new_subnet":null,"result":"right",)"
               R"("reason":"it is in the subnet of eth0, 192.168.77.1/24"},)"
               R"({"serial":44000002,"mac":"02:00:00:00:09:09","interface":"eth0","ip":"10.9.9.9",)"
-              R"("subnet":"255.255.255.0","new_ip":"192.168.77.2","new_subnet":"255.255.255.0",)"
+              R"("subnet":"255.255.255.0","new_ip":"192.168.77.13","new_subnet":"255.255.255.0",)"
               R"("result":"changed","reason":"it is not in the subnet of eth0, 192.168.77.1/24"}]})");
 }
 
@@ -225,12 +225,12 @@ TEST(AutoIp, ChangesNothingInADryRunAndTellsWhatItWould) {
     // The listing of the same process would show a change; a rig begins anew with each.
     const ProgramResult result = OnWrongSubnet({"auto-ip", "--dry-run"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_THAT(result.output, HasSubstr("10.9.9.9/24 would become 192.168.77.2/24\n"
+    EXPECT_THAT(result.output, HasSubstr("10.9.9.9/24 would become 192.168.77.13/24\n"
                                          "    it is not in the subnet of eth0, 192.168.77.1/24\n"));
     const Json json = Json::parse(OnWrongSubnet({"auto-ip", "--dry-run", "--json"}).output);
     EXPECT_EQ(json["dry_run"], true);
     EXPECT_EQ(json["cameras"][1]["result"], "would change");
-    EXPECT_EQ(json["cameras"][1]["new_ip"], "192.168.77.2");
+    EXPECT_EQ(json["cameras"][1]["new_ip"], "192.168.77.13");
 }
 
 TEST(AutoIp, ADryRunSendsNoCommand) {
@@ -252,7 +252,7 @@ TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
     const ProgramResult result = RigComputer(TwoStrangers(kTaken)).Run({"auto-ip"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.output,
-              "camera 1 (02:00:00:00:09:01): 10.9.9.1/8 became 192.168.77.2/24\n"
+              "camera 1 (02:00:00:00:09:01): 10.9.9.1/8 became 192.168.77.198/24\n"
               "    it is not in the subnet of eth0, 192.168.77.1/24\n"
               "camera 2 (02:00:00:00:09:02): 10.9.9.2/8 could not be changed\n"
               "    it still answers at its old address: an application that holds it keeps it there\n");

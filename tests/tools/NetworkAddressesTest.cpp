@@ -413,7 +413,10 @@ TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatKeepsItsOwn) {
 }
 
 TEST_F(GigEAddresses, OfACameraThatARouteLeadsToAreLeftAloneAndTheRouteIsTheReason) {
-    AddCamera("10.9.9.9", 9);
+    auto options = Camera("10.9.9.9", 9);
+    options.gateway = Ip("10.9.9.1");  // or it would know no way back
+    AddCamera(options);
+    m_wire.Ip("route add 192.168.77.1/32 dev c0");
     m_host.Ip("route add 10.9.9.9/32 dev h0");
     EXPECT_EQ(Run({"auto-ip", "--dry-run"}).output,
               "camera 9 (02:00:00:00:00:09): 10.9.9.9/24 stays\n"

@@ -150,7 +150,7 @@ TEST_F(LoopbackCameras, AreListedInTheTimeThatTheUserGives) {
 }
 
 TEST_F(LoopbackCameras, LetCtrlCEndTheDiscoveryAtOnce) {
-    const auto list = Start({"list", "--interface", "lo", "--discovery-window", "60"});
+    const auto list = Start({"list", "--interface", "lo", "--discovery-window", "30"});
     // It is inside the discovery once it has a socket for it.
     const std::string socket = "pid=" + std::to_string(list->GetPid()) + ",";
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;

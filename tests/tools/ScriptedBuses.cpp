@@ -204,18 +204,21 @@ public:
     std::uint32_t ListCameras(Platform::Listing<Platform::GigEDevice>* cameras) override {
         return ListAs<ScriptedGigEDevice>("gige", cameras);
     }
-    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>*) override { return HAL_OK; }
-    std::uint32_t ForceIp(std::uint64_t, std::uint32_t, std::uint32_t, std::uint32_t) override {
-        return HAL_NO_ACKNOWLEDGE;
-    }
-    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
-        return serialNumber ? HAL_GONE : HAL_OK;
-    }
-    std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
-    std::uint32_t TestHearing(Platform::GigEHearing*) override { return HAL_OK; }
-    std::uint32_t PlanAddresses(std::optional<std::uint32_t>, std::vector<Platform::AddressPlan>*) override {
+    std::uint32_t Discover(const std::optional<Platform::GigECameraName>&, Platform::GigEDiscovery*) override {
         return HAL_OK;
     }
+    std::uint32_t ForceAddress(const Platform::GigEAddress&, Platform::ForceIpResult*) override {
+        return HAL_NO_ACKNOWLEDGE;
+    }
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber,
+                                std::vector<Platform::AddressPlan>*) override {
+        return serialNumber ? HAL_GONE : HAL_OK;
+    }
+    std::uint32_t ApplyAddresses(std::vector<Platform::AddressPlan>*) override { return HAL_OK; }
+    std::uint32_t FindAddressHolder(std::uint32_t, Platform::AddressHolder*) override { return HAL_OK; }
+    std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
+    std::uint32_t GetSearchReport(Platform::GigESearchReport*) override { return HAL_OK; }
+    std::uint32_t FindMutedCameras(Platform::GigEHearing*) override { return HAL_OK; }
 };
 
 const char* DriverName(Platform::Driver driver) { return driver == Platform::Driver::None ? "none" : "linux"; }

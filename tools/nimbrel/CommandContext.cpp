@@ -21,7 +21,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kShortestWindow{10};
-constexpr milliseconds kLongestWindow{60000};
+constexpr milliseconds kLongestWindow{30000};
 
 struct Bus {
     const char* name;
@@ -115,7 +115,7 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
         Times::Repeatable);
     AddValue(command, "--discovery-window", "SECONDS",
              "How long the first search for GigE cameras\n"
-             "listens, 0.01 to 60; 1 by default, the longest\n"
+             "listens, 0.01 to 30; 1 by default, the longest\n"
              "that a camera may take. Most answer in 0.01.",
              [this](const std::string& text) {
                  CheckIsFirst("--discovery-window", m_discoveryWindow.has_value());

@@ -18,6 +18,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/base/Texts.h"
 #include "platform/simulated/InterfaceAddresses.h"
 #include "platform/simulated/SimulatedGigENetwork.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -25,7 +26,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-using Platform::Simulated::FormatAddress;
+using Platform::FormatIp;
 using Platform::Simulated::SimulatedCameraOptions;
 using Platform::Simulated::SimulatedGigENetwork;
 
@@ -201,16 +202,16 @@ void PrintCamera(const SimulatedCameraOptions& camera, const std::string& interf
             {"serial", std::strtoul(camera.serialNumber.c_str(), nullptr, 10) & 0xFFFFFFFF},
             {"serial_text", camera.serialNumber},
             {"mac", FormatMac(camera.mac)},
-            {"ip", FormatAddress(camera.address)},
-            {"subnet", FormatAddress(camera.subnetMask)},
-            {"gateway", FormatAddress(camera.gateway)},
+            {"ip", FormatIp(camera.address)},
+            {"subnet", FormatIp(camera.subnetMask)},
+            {"gateway", FormatIp(camera.gateway)},
             {"interface", interfaceName},
             {"vendor", camera.vendor},
             {"model", camera.model},
             {"name", camera.userDefinedName}};
         std::puts(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
-        std::printf("%-15s  %s  %-8s  serial %s  %s %s%s\n", FormatAddress(camera.address).c_str(),
+        std::printf("%-15s  %s  %-8s  serial %s  %s %s%s\n", FormatIp(camera.address).c_str(),
                     FormatMac(camera.mac).c_str(), interfaceName.c_str(), camera.serialNumber.c_str(),
                     camera.vendor.c_str(), camera.model.c_str(),
                     camera.userDefinedName.empty() ? "" : ("  \"" + camera.userDefinedName + "\"").c_str());

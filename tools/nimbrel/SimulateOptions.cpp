@@ -13,8 +13,6 @@
 #include <tuple>
 #include <utility>
 
-#include "platform/simulated/InterfaceAddresses.h"
-
 namespace Nimbrel2::Tool {
 
 using Platform::Gvcp::MessageId;
@@ -22,7 +20,6 @@ using Platform::Gvcp::Status;
 using Platform::Simulated::ControlOwner;
 using Platform::Simulated::Endpoint;
 using Platform::Simulated::ErrorRule;
-using Platform::Simulated::FormatAddress;
 using Platform::Simulated::SimulatedCameraOptions;
 using std::chrono::milliseconds;
 
@@ -171,15 +168,6 @@ std::optional<ErrorRule> ReadErrorRule(const std::string& text) {
     return rule;
 }
 
-std::string FormatMac(std::uint64_t mac) {
-    std::array<char, 18> text{};
-    std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x",
-                  static_cast<unsigned int>(mac >> 40 & 0xFF), static_cast<unsigned int>(mac >> 32 & 0xFF),
-                  static_cast<unsigned int>(mac >> 24 & 0xFF), static_cast<unsigned int>(mac >> 16 & 0xFF),
-                  static_cast<unsigned int>(mac >> 8 & 0xFF), static_cast<unsigned int>(mac & 0xFF));
-    return text.data();
-}
-
 // ---- The cameras ---------------------------------------------------------------------------------------------------
 
 namespace {
@@ -229,8 +217,8 @@ std::string FindProblem(const SimulateOptions& options, const SimulatedCameraOpt
     const std::string count = std::to_string(options.count);
     if (options.exclusive && options.controlOwner.empty()) return "--exclusive: needs --ccp-owner";
     if (!HaveRoom(first, options.count)) {
-        return "--count " + count + ": not that many host addresses from " + FormatAddress(first.address) +
-               " on in a subnet of mask " + FormatAddress(first.subnetMask);
+        return "--count " + count + ": not that many host addresses from " + Platform::FormatIp(first.address) +
+               " on in a subnet of mask " + Platform::FormatIp(first.subnetMask);
     }
     if (first.mac + (options.count - 1) > kLargestMac || ((first.mac + (options.count - 1)) & kMulticastBit) != 0) {
         return "--mac " + options.mac + ": not that many MAC addresses from here on (--count " + count + ")";

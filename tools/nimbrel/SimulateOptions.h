@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/Texts.h"
 #include "platform/simulated/SimulatedCameraOptions.h"
 
 namespace Nimbrel2::Tool {
@@ -65,8 +66,7 @@ struct SimulationPlan {
 /// The cameras: addresses, MAC addresses and serial numbers count up from the first.
 SimulationPlan MakeSimulationPlan(const SimulateOptions& options);
 
-/// 02:00:5e:00:00:01
-std::string FormatMac(std::uint64_t mac);
+using Platform::FormatMac;
 
 }  // namespace Nimbrel2::Tool
 

@@ -19,6 +19,7 @@ std::uint32_t StatusOfErrno(int error) {
         case ENFILE:
         case ENOMEM:
         case ENOSPC:
+        case EADDRINUSE:  // a range of ports that is used up
             return HAL_OUT_OF_MEMORY;
         case ENETDOWN:
         case ENETUNREACH:

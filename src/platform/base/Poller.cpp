@@ -17,9 +17,9 @@ namespace {
 constexpr std::uint64_t kWakeToken = ~std::uint64_t{0};
 constexpr std::uint64_t kTimerToken = kWakeToken - 1;
 
-int Control(int epoll, int operation, int fd, std::uint32_t events, std::uint64_t token) {
+int Control(int epoll, int operation, int fd, std::uint64_t token) {
     epoll_event event{};
-    event.events = events;
+    event.events = EPOLLIN;
     event.data.u64 = token;
     return ::epoll_ctl(epoll, operation, fd, &event) == 0 ? 0 : errno;
 }
@@ -53,13 +53,9 @@ int Poller::Open() {
     return error != 0 ? error : Add(m_timer.Get(), kTimerToken);
 }
 
-int Poller::Add(int fd, std::uint64_t token) { return Control(m_epoll.Get(), EPOLL_CTL_ADD, fd, EPOLLIN, token); }
+int Poller::Add(int fd, std::uint64_t token) { return Control(m_epoll.Get(), EPOLL_CTL_ADD, fd, token); }
 
-void Poller::Remove(int fd) { Control(m_epoll.Get(), EPOLL_CTL_DEL, fd, 0, 0); }
-
-void Poller::Pause(int fd, std::uint64_t token) { Control(m_epoll.Get(), EPOLL_CTL_MOD, fd, 0, token); }
-
-void Poller::Resume(int fd, std::uint64_t token) { Control(m_epoll.Get(), EPOLL_CTL_MOD, fd, EPOLLIN, token); }
+void Poller::Remove(int fd) { Control(m_epoll.Get(), EPOLL_CTL_DEL, fd, 0); }
 
 void Poller::Wake() {
     const std::uint64_t one = 1;

@@ -21,10 +21,6 @@ public:
     int Add(int fd, std::uint64_t token);
     void Remove(int fd);
 
-    /// Stops reporting fd for a while: another thread reads it.
-    void Pause(int fd, std::uint64_t token);
-    void Resume(int fd, std::uint64_t token);
-
     /// Ends the running Wait, or the next one.
     void Wake();
 

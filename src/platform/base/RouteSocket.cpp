@@ -46,6 +46,8 @@ void AppendAttribute(std::vector<std::uint8_t>& out, std::uint16_t type, std::ui
     Append(out, &value, sizeof value);
 }
 
+std::uint32_t MaskOf(std::uint8_t prefixLength) { return InterfaceAddress{0, prefixLength, false}.GetMask(); }
+
 }  // namespace
 
 int RouteSocket::Open() {
@@ -213,6 +215,22 @@ int RouteSocket::ReadNeighbours(int interface, std::map<std::uint32_t, std::uint
         if (!neighbour || neighbour->interface != interface || !neighbour->answers) return;
         (*neighbours)[neighbour->ip] = neighbour->mac;
     });
+}
+
+int RouteSocket::ChangeAddress(Change change, int interface, std::uint32_t address, std::uint8_t prefixLength) {
+    ifaddrmsg header{};
+    header.ifa_family = AF_INET;
+    header.ifa_prefixlen = prefixLength;
+    header.ifa_index = static_cast<unsigned int>(interface);
+    std::vector<std::uint8_t> body;
+    Append(body, &header, sizeof header);
+    AppendAttribute(body, IFA_LOCAL, htonl(address));
+    AppendAttribute(body, IFA_ADDRESS, htonl(address));
+    const bool add = change == Change::Add;
+    if (add && prefixLength < 31) AppendAttribute(body, IFA_BROADCAST, htonl(address | ~MaskOf(prefixLength)));
+    const int flags = NLM_F_ACK | (add ? NLM_F_CREATE | NLM_F_EXCL : 0);
+    return Ask(add ? RTM_NEWADDR : RTM_DELADDR, static_cast<std::uint16_t>(flags), body,
+               [](const Netlink::Message&) {});
 }
 
 void RouteSocket::ReadRpFilter(int interface, int* ofAll, int* ofIt) {

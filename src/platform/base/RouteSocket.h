@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asks the kernel about interfaces, addresses, routes, neighbours and settings, and hears when links and addresses
-// change. RouteSocket: any thread, one question at a time under its own leaf lock; the kernel answers at once.
-// ChangeSocket: the monitor thread only.
+// Asks the kernel about interfaces, addresses, routes, neighbours and settings, changes addresses, and hears when links
+// and addresses change. RouteSocket: any thread, one question at a time under its own leaf lock; the kernel answers at
+// once. ChangeSocket: the monitor thread only.
 #ifndef NIMBREL2_PLATFORM_BASE_ROUTESOCKET_H
 #define NIMBREL2_PLATFORM_BASE_ROUTESOCKET_H
 
@@ -40,6 +40,11 @@ public:
 
     /// Addresses on an interface's wire whose hosts have answered ARP, with their MACs. @return 0 or an errno.
     int ReadNeighbours(int interface, std::map<std::uint32_t, std::uint64_t>* neighbours);
+
+    enum class Change : std::uint8_t { Add, Remove };
+    /// Gives an interface an address, or takes one away. @return 0 or an errno: EPERM without CAP_NET_ADMIN, EEXIST for
+    /// an address that it has.
+    int ChangeAddress(Change change, int interface, std::uint32_t address, std::uint8_t prefixLength);
 
     /// The reverse path filter set for all interfaces and for one: 0 off, 1 strict, 2 loose. The larger is in force.
     void ReadRpFilter(int interface, int* ofAll, int* ofIt);

@@ -15,7 +15,8 @@ namespace Nimbrel2::Platform {
 namespace {
 
 constexpr std::chrono::milliseconds kShortestWindow{10};
-constexpr std::chrono::milliseconds kLongestWindow{60000};
+constexpr std::chrono::milliseconds kLongestWindow{30000};
+constexpr std::uint16_t kFirstSourcePort = 1024;   // those below are for administrators
 constexpr std::size_t kLongestInterfaceName = 15;  // IFNAMSIZ without the terminating zero
 
 template <class... Values>
@@ -35,22 +36,45 @@ std::string Quoted(const std::string& text) {
     return quoted + "\"";
 }
 
-void Complain(std::string& reason, const std::string& complaint) {
+void AddProblem(std::string& reason, const std::string& problem) {
     if (!reason.empty()) reason += "; ";
-    reason += complaint;
+    reason += problem;
 }
 
 void CheckDriver(const char* option, Driver driver, bool hasRig, std::string& reason) {
-    if (driver == Driver::Rig && !hasRig) Complain(reason, std::string(option) + ": there is no rig to drive it");
+    if (driver == Driver::Rig && !hasRig) AddProblem(reason, std::string(option) + ": there is no rig to drive it");
     if (driver == Driver::None || driver == Driver::Linux || driver == Driver::Rig) return;
-    Complain(reason, std::string(option) + ": there is no driver " + std::to_string(static_cast<int>(driver)));
+    AddProblem(reason, std::string(option) + ": there is no driver " + std::to_string(static_cast<int>(driver)));
 }
 
 void CheckWindow(std::chrono::milliseconds window, std::string& reason) {
     if (window >= kShortestWindow && window <= kLongestWindow) return;
-    Complain(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
-                         std::to_string(kShortestWindow.count()) + " ms to " + std::to_string(kLongestWindow.count()) +
-                         " ms");
+    AddProblem(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
+                           std::to_string(kShortestWindow.count()) + " ms to " +
+                           std::to_string(kLongestWindow.count()) + " ms");
+}
+
+void CheckCameraName(const std::optional<GigECameraName>& name, std::string& reason) {
+    if (!name) return;
+    if ((name->ip == 0) == (name->mac == 0)) {
+        AddProblem(reason, "searchFor: either the address or the MAC names the camera, not " +
+                               std::string(name->ip == 0 ? "neither" : "both"));
+    }
+    if (name->mac >> 48 != 0) AddProblem(reason, "searchFor: a MAC has 48 bits");
+}
+
+void CheckSourcePorts(const std::optional<PortRange>& ports, std::string& reason) {
+    if (!ports) return;
+    const std::string range = std::to_string(ports->first) + "-" + std::to_string(ports->last);
+    if (ports->first < kFirstSourcePort) {
+        AddProblem(reason, "sourcePorts: " + range + " begins below " + std::to_string(kFirstSourcePort));
+    } else if (ports->last < ports->first) {
+        AddProblem(reason, "sourcePorts: " + range + " ends before it begins");
+    } else if (const unsigned int count = ports->last - ports->first + 1u; count <= kSourcePortsBesideCameras) {
+        AddProblem(reason, "sourcePorts: " + range + " has " + std::to_string(count) +
+                               (count == 1 ? " port; " : " ports; ") + std::to_string(kSourcePortsBesideCameras) +
+                               " are needed, and one more for each camera of a network interface");
+    }
 }
 
 /// The kernel's own rule for names of network interfaces.
@@ -68,9 +92,9 @@ const char* WhatIsWrongWithName(const std::string& name) {
 void CheckNames(const std::vector<std::string>& names, std::string& reason) {
     for (auto name = names.begin(); name != names.end(); ++name) {
         if (const char* wrong = WhatIsWrongWithName(*name)) {
-            Complain(reason, "networkInterfaces: " + Quoted(*name) + " " + wrong);
+            AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " " + wrong);
         } else if (std::find(names.begin(), name, *name) != name) {
-            Complain(reason, "networkInterfaces: " + Quoted(*name) + " is named twice");
+            AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " is named twice");
         }
     }
 }
@@ -81,7 +105,7 @@ void CheckUsbIds(const std::vector<UsbId>& ids, std::string& reason) {
             return other.vendor == id->vendor && other.product == id->product;
         };
         if (std::find_if(ids.begin(), id, equal) == id) continue;
-        Complain(reason, "usbCameraIds: " + Format("%04x:%04x", id->vendor, id->product) + " is named twice");
+        AddProblem(reason, "usbCameraIds: " + Format("%04x:%04x", id->vendor, id->product) + " is named twice");
     }
 }
 
@@ -92,6 +116,8 @@ std::string WhatIsWrong(const Options& options) {
     CheckDriver("gigE", options.gigE, options.makeDrivers != nullptr, reason);
     CheckNames(options.networkInterfaces, reason);
     CheckWindow(options.discoveryWindow, reason);
+    CheckCameraName(options.searchFor, reason);
+    CheckSourcePorts(options.sourcePorts, reason);
     CheckUsbIds(options.usbCameraIds, reason);
     return reason;
 }

@@ -3,29 +3,58 @@
 // I/O; no lock of the glue is held.
 #include "platform/Diagnostics.h"
 
+#include "platform/base/CameraAddress.h"
 #include "platform/hal/Calls.h"
 
 namespace Nimbrel2::Platform {
 
-std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
-    return InSession(__func__, diagnosis != nullptr, [&](Session& session) {
-        *diagnosis = GigEDiagnosis{};
-        return session.GigE().Diagnose(askControl, diagnosis);
+namespace {
+
+/// The glue hands the drivers empty containers.
+template <class Answer, class Work>
+std::uint32_t Ask(const char* function, Answer* answer, const Work& work) {
+    return InSession(function, answer != nullptr, [&](Session& session) {
+        *answer = Answer{};
+        return work(session.GigE());
     });
 }
 
-std::uint32_t TestGigEHearing(GigEHearing* hearing) {
-    return InSession(__func__, hearing != nullptr, [&](Session& session) {
-        *hearing = GigEHearing{};
-        return session.GigE().TestHearing(hearing);
-    });
+}  // namespace
+
+std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
+    return Ask(__func__, diagnosis, [&](GigEBus& bus) { return bus.Diagnose(askControl, diagnosis); });
+}
+
+std::uint32_t GetGigESearchReport(GigESearchReport* report) {
+    return Ask(__func__, report, [&](GigEBus& bus) { return bus.GetSearchReport(report); });
+}
+
+std::uint32_t DiscoverGigE(const std::optional<GigECameraName>& until, GigEDiscovery* discovery) {
+    return Ask(__func__, discovery, [&](GigEBus& bus) { return bus.Discover(until, discovery); });
+}
+
+std::uint32_t FindMutedGigECameras(GigEHearing* hearing) {
+    return Ask(__func__, hearing, [&](GigEBus& bus) { return bus.FindMutedCameras(hearing); });
 }
 
 std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
-    return InSession(__func__, plans != nullptr, [&](Session& session) {
-        plans->clear();
-        return session.GigE().PlanAddresses(serialNumber, plans);
+    return Ask(__func__, plans, [&](GigEBus& bus) { return bus.PlanAddresses(serialNumber, plans); });
+}
+
+std::uint32_t ApplyGigEAddresses(std::vector<AddressPlan>* plans) {
+    return InSession(__func__, plans != nullptr,
+                     [&](Session& session) { return session.GigE().ApplyAddresses(plans); });
+}
+
+std::uint32_t ForceGigEAddress(const GigEAddress& address, ForceIpResult* result) {
+    return Ask(__func__, result, [&](GigEBus& bus) {
+        const std::uint32_t status = CheckCameraAddress(address.ip, address.mask, address.gateway);
+        return status == HAL_OK ? bus.ForceAddress(address, result) : status;
     });
+}
+
+std::uint32_t FindGigEAddressHolder(std::uint32_t ip, AddressHolder* holder) {
+    return Ask(__func__, holder, [&](GigEBus& bus) { return bus.FindAddressHolder(ip, holder); });
 }
 
 }  // namespace Nimbrel2::Platform

@@ -13,7 +13,8 @@ Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
     if (options.usb != Driver::Rig) drivers.usb = nullptr;
     if (options.gigE != Driver::Rig) drivers.gigE = nullptr;
     if (options.gigE == Driver::Linux) {
-        drivers.gigE = MakeLinuxGigEBus({options.networkInterfaces, options.discoveryWindow}, sinks.gigE);
+        drivers.gigE = MakeLinuxGigEBus(
+            {options.networkInterfaces, options.discoveryWindow, options.searchFor, options.sourcePorts}, sinks.gigE);
     }
     return drivers;
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/base/Texts.h"
 #include "platform/hal/Calls.h"
 
@@ -79,28 +80,44 @@ uint32_t HAL_GigEGetLocalApplicationIpAddress(void* entry, uint32_t* ipAddress) 
 uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count) {
     const bool good = count != nullptr && (records != nullptr || *count == 0);
     return InSession(__func__, good, [&](Session& session) -> std::uint32_t {
-        std::vector<GvcpDiscoveryRecord> found;
-        const std::uint32_t status = session.GigE().Discover(&found);
+        GigEDiscovery discovery;
+        const std::uint32_t status = session.GigE().Discover(std::nullopt, &discovery);
         if (status != HAL_OK) return status;
         const std::uint32_t capacity = *count;
-        *count = static_cast<std::uint32_t>(found.size());
-        if (found.size() > capacity) return HAL_ARRAY_TOO_SMALL;
-        std::copy(found.begin(), found.end(), records);
+        *count = static_cast<std::uint32_t>(discovery.cameras.size());
+        if (*count > capacity) return HAL_ARRAY_TOO_SMALL;
+        std::transform(discovery.cameras.begin(), discovery.cameras.end(), records,
+                       [](const CameraDiagnosis& camera) { return camera.record; });
         return HAL_OK;
     });
 }
 
 uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask, uint32_t gateway) {
     return InSession(__func__, macHigh <= 0xFFFF, [&](Session& session) {
-        const std::uint64_t mac = std::uint64_t{macHigh} << 32 | macLow;
-        return session.GigE().ForceIp(mac, ipAddress, subnetMask, gateway);
+        const std::uint32_t status = CheckCameraAddress(ipAddress, subnetMask, gateway);
+        if (status != HAL_OK) return status;
+        ForceIpResult result;
+        return session.GigE().ForceAddress({std::uint64_t{macHigh} << 32 | macLow, ipAddress, subnetMask, gateway},
+                                           &result);
     });
 }
 
+namespace {
+
+std::uint32_t ForceIpAutomatically(Session& session, std::optional<std::uint32_t> serialNumber) {
+    std::vector<AddressPlan> plans;
+    const std::uint32_t status = session.GigE().PlanAddresses(serialNumber, &plans);
+    if (status != HAL_OK) return status;
+    if (serialNumber && plans.size() > 1) return HAL_AMBIGUOUS;
+    return session.GigE().ApplyAddresses(&plans);
+}
+
+}  // namespace
+
 uint32_t HAL_GvcpForceIpAuto(void) {
-    return InSession(__func__, true, [](Session& session) { return session.GigE().AutoForceIp(std::nullopt); });
+    return InSession(__func__, true, [](Session& session) { return ForceIpAutomatically(session, std::nullopt); });
 }
 
 uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber) {
-    return InSession(__func__, true, [&](Session& session) { return session.GigE().AutoForceIp(serialNumber); });
+    return InSession(__func__, true, [&](Session& session) { return ForceIpAutomatically(session, serialNumber); });
 }

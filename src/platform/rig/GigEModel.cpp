@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
 #include <set>
 #include <utility>
+
+#include "platform/base/CameraAddress.h"
+#include "platform/base/Texts.h"
 
 namespace Nimbrel2::Platform {
 
@@ -24,29 +26,6 @@ constexpr std::uint32_t Mtu = 1500;
 // Interfaces are numbered from 1, as the kernel does.
 int NumberOf(std::size_t interface) { return static_cast<int>(interface) + 1; }
 
-/// 0 when the subnet is full.
-std::uint32_t FindFreeAddress(const InterfaceAddress& subnet, const std::set<std::uint32_t>& taken) {
-    const std::uint32_t first = subnet.address & subnet.GetMask();
-    const std::uint32_t broadcast = first | ~subnet.GetMask();
-    for (std::uint32_t address = first + 1; address < broadcast; ++address) {
-        if (taken.count(address) == 0) {
-            return address;
-        }
-    }
-    return 0;
-}
-
-bool IsMask(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
-
-std::string MacText(std::uint64_t mac) {
-    char text[18];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", static_cast<unsigned>(mac >> 40 & 0xFF),
-                  static_cast<unsigned>(mac >> 32 & 0xFF), static_cast<unsigned>(mac >> 24 & 0xFF),
-                  static_cast<unsigned>(mac >> 16 & 0xFF), static_cast<unsigned>(mac >> 8 & 0xFF),
-                  static_cast<unsigned>(mac & 0xFF));
-    return text;
-}
-
 }  // namespace
 
 std::vector<RigProblem> GigEModel::Validate(const std::vector<NetworkInterfaceDescription>& interfaces,
@@ -60,7 +39,7 @@ std::vector<RigProblem> GigEModel::Validate(const std::vector<NetworkInterfaceDe
         if (network.name.empty() || !names.insert(network.name).second) {
             problems.push_back({where + "/name", "\"" + network.name + "\" is empty or taken"});
         }
-        if (!IsMask(network.subnetMask)) {
+        if (!IsSubnetMask(network.subnetMask)) {
             problems.push_back({where + "/subnetMask", "a subnet mask is ones followed by zeros"});
         }
         for (std::size_t k = 0; k < network.cameras.size(); ++k) {
@@ -72,9 +51,9 @@ std::vector<RigProblem> GigEModel::Validate(const std::vector<NetworkInterfaceDe
             if (camera.options.mac == 0 || !macs.insert(camera.options.mac).second) {
                 problems.push_back({cameraWhere + "/mac", "\"" + camera.name +
                                                               "\" needs a MAC that no other camera has, not " +
-                                                              MacText(camera.options.mac)});
+                                                              FormatMac(camera.options.mac)});
             }
-            if (!IsMask(camera.options.subnetMask)) {
+            if (!IsSubnetMask(camera.options.subnetMask)) {
                 problems.push_back({cameraWhere + "/subnetMask", "a subnet mask is ones followed by zeros"});
             }
         }
@@ -168,9 +147,7 @@ bool GigEModel::Answers(const Camera& camera) {
 }
 
 GigEModel::Exchange GigEModel::Send(const Camera& camera) {
-    const auto isLost = [this, &camera] {
-        return std::uniform_real_distribution(0.0, 100.0)(m_random) < camera.faults.lossPercent;
-    };
+    const auto isLost = [this, &camera] { return m_random.HappensInPercent(camera.faults.lossPercent); };
     Exchange exchange{Tries * TryTime, false, false};
     for (int i = 0; i < Tries; ++i) {
         const Milliseconds answer = i * TryTime + camera.faults.delayMinimum;
@@ -203,19 +180,32 @@ std::vector<const GigEModel::Camera*> GigEModel::Heard() const {
     return heard;
 }
 
-bool GigEModel::IsOnSubnet(const Camera& camera) const {
-    const NetworkInterfaceDescription& network = m_interfaces[camera.interface];
-    return ((camera.registers->GetAddress() ^ network.address) & network.subnetMask) == 0;
+GigEUsability GigEModel::UsabilityOf(const Camera& camera) const {
+    const GigEUsability usability =
+        UsabilityOfAddress(InterfaceAt(camera.interface), camera.registers->GetDiscoveryRecord(), false);
+    if (usability != GigEUsability::Usable) {
+        return usability;
+    }
+    for (const Camera* other : Heard()) {
+        if (other == &camera) {
+            break;
+        }
+        const bool sameAddress = other->registers->GetAddress() == camera.registers->GetAddress();
+        if (other->interface == camera.interface && sameAddress) {
+            return GigEUsability::AddressTaken;
+        }
+    }
+    return GigEUsability::Usable;
+}
+
+bool GigEModel::CanBeTalkedTo(const Camera& camera) const {
+    const GigEUsability usability = UsabilityOf(camera);
+    return usability == GigEUsability::Usable || usability == GigEUsability::AddressTaken;
 }
 
 std::vector<const GigEModel::Camera*> GigEModel::Reached() const {
-    std::vector<const Camera*> reached;
-    std::set<std::pair<std::size_t, std::uint32_t>> addresses;
-    for (const Camera* camera : Heard()) {
-        if (IsOnSubnet(*camera) && addresses.insert({camera->interface, camera->registers->GetAddress()}).second) {
-            reached.push_back(camera);
-        }
-    }
+    std::vector<const Camera*> reached = Heard();
+    std::erase_if(reached, [this](const Camera* camera) { return UsabilityOf(*camera) != GigEUsability::Usable; });
     return reached;
 }
 
@@ -243,35 +233,69 @@ std::vector<std::string> GigEModel::InterfacesUp() const {
     return names;
 }
 
-std::uint32_t GigEModel::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
+std::uint32_t GigEModel::ForceAddress(const GigEAddress& address, ForceIpResult* result) {
     if (!HasInterfaceUp()) {
         return HAL_NO_BUS;
     }
-    Camera* camera = FindHeard(mac);
+    // What a camera that begins anew does is not acknowledged, so it was sent and that is all.
+    std::uint32_t status = address.ip == 0 ? HAL_OK : HAL_NO_ACKNOWLEDGE;
+    Camera* camera = FindHeard(address.mac);
     if (camera == nullptr) {
-        return HAL_NO_ACKNOWLEDGE;
+        return status;
     }
     const Exchange exchange = Send(*camera);
-    if (!exchange.arrived) {
-        return HAL_NO_ACKNOWLEDGE;
-    }
     camera->registers->ExpireControl(std::chrono::steady_clock::now());
-    if (camera->registers->IsControlHeld()) {
-        return HAL_NO_ACKNOWLEDGE;  // a camera in use discards the command
+    if (!exchange.arrived || camera->registers->IsControlHeld()) {
+        return status;  // a camera in use discards the command
     }
-    if (address == 0) {
-        camera->registers->RestartIpConfiguration();  // without an acknowledge
-        return HAL_NO_ACKNOWLEDGE;
+    if (address.ip == 0) {
+        camera->registers->RestartIpConfiguration();
+        return status;
     }
-    camera->registers->SetIpConfiguration(address, mask, gateway);
+    camera->registers->SetIpConfiguration(address.ip, address.mask, address.gateway);
+    result->acknowledged = exchange.answered;
+    result->verified = UsabilityOf(*camera) == GigEUsability::Usable;
+    result->outOfReach = !CanBeTalkedTo(*camera);
+    if (result->verified) {
+        result->record = camera->registers->GetDiscoveryRecord();
+    }
     return static_cast<std::uint32_t>(exchange.answered ? HAL_OK : HAL_NO_ACKNOWLEDGE);
 }
 
-InterfaceAddress GigEModel::AddressOf(std::size_t interface) const {
-    InterfaceAddress address;
-    address.address = m_interfaces[interface].address;
-    address.prefixLength = static_cast<std::uint8_t>(std::popcount(m_interfaces[interface].subnetMask));
-    return address;
+AddressHolder GigEModel::FindAddressHolder(std::uint32_t ip) const {
+    AddressHolder holder;
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        if (m_interfaces[i].address == ip) {
+            holder.kind = AddressHolder::Kind::ThisComputer;
+            holder.interface = NumberOf(i);
+            holder.interfaceName = m_interfaces[i].name;
+            return holder;
+        }
+    }
+    for (const Camera* camera : Heard()) {
+        if (camera->registers->GetAddress() == ip) {
+            holder.kind = AddressHolder::Kind::Camera;
+            holder.mac = camera->registers->GetMac();
+            holder.interface = NumberOf(camera->interface);
+            holder.interfaceName = InterfaceOf(*camera).name;
+            return holder;
+        }
+    }
+    return holder;
+}
+
+// Interfaces are numbered from 1, as the kernel does.
+NetworkInterface GigEModel::InterfaceAt(std::size_t interface) const {
+    const NetworkInterfaceDescription& description = m_interfaces[interface];
+    NetworkInterface described;
+    described.index = NumberOf(interface);
+    described.name = description.name;
+    described.up = described.running = description.up;
+    described.broadcast = true;
+    described.mtu = Mtu;
+    described.addresses.push_back(
+        InterfaceAddress{description.address, static_cast<std::uint8_t>(std::popcount(description.subnetMask)), false});
+    return described;
 }
 
 std::vector<AddressPlan> GigEModel::PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const {
@@ -290,14 +314,17 @@ std::vector<AddressPlan> GigEModel::PlanAddresses(const std::function<bool(const
         if (!wanted(plan.record)) {
             continue;
         }
-        plan.interface = NumberOf(camera->interface);
-        plan.interfaceName = m_interfaces[camera->interface].name;
-        plan.interfaceAddress = AddressOf(camera->interface);
-        plan.alreadyRight = IsOnSubnet(*camera);
+        const NetworkInterface interface = InterfaceAt(camera->interface);
+        plan.interface = interface.index;
+        plan.interfaceName = interface.name;
+        plan.interfaceAddress = interface.addresses.front();
+        plan.usability = UsabilityOf(*camera);
+        plan.alreadyRight = !NeedsAddress(plan.usability);
         if (!plan.alreadyRight) {
-            plan.newIp = FindFreeAddress(plan.interfaceAddress, taken);
-            plan.newMask = plan.newIp == 0 ? 0 : plan.interfaceAddress.GetMask();
-            plan.status = plan.newIp == 0 ? HAL_FAILED : HAL_OK;
+            const auto free = FindFreeAddresses(plan.interfaceAddress, taken, camera->registers->GetMac(), 1);
+            plan.newIp = free.empty() ? 0 : free.front();
+            plan.newMask = free.empty() ? 0 : plan.interfaceAddress.GetMask();
+            plan.status = free.empty() ? HAL_FAILED : HAL_OK;
             taken.insert(plan.newIp);
         }
         plans.push_back(plan);
@@ -329,34 +356,36 @@ ControlInfo GigEModel::ControlOf(Camera& camera, const Simulated::Endpoint& self
     return control;
 }
 
+CameraDiagnosis GigEModel::DescribeCamera(const Camera& camera) const {
+    CameraDiagnosis entry;
+    entry.record = camera.registers->GetDiscoveryRecord();
+    entry.interface = NumberOf(camera.interface);
+    entry.usability = UsabilityOf(camera);
+    entry.reachable = CanBeTalkedTo(camera);
+    entry.listed = entry.present = entry.usability == GigEUsability::Usable;
+    entry.addressTaken = entry.usability == GigEUsability::AddressTaken;
+    return entry;
+}
+
 GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now) {
     GigEDiagnosis diagnosis;
     for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
         InterfaceDiagnosis entry;
-        entry.interface.index = NumberOf(i);
-        entry.interface.name = m_interfaces[i].name;
-        entry.interface.up = entry.interface.running = entry.used = m_interfaces[i].up;
-        entry.interface.broadcast = true;
-        entry.interface.mtu = Mtu;
-        entry.interface.addresses.push_back(AddressOf(i));
+        entry.interface = InterfaceAt(i);
+        entry.used = m_interfaces[i].up;
         entry.reason = m_interfaces[i].up ? "" : "down";
         entry.localPort = self;
         diagnosis.interfaces.push_back(entry);
     }
-    const std::vector<const Camera*> reached = Reached();
     for (const Camera* heard : Heard()) {
         Camera& camera = m_cameras[static_cast<std::size_t>(heard - m_cameras.data())];
-        CameraDiagnosis entry;
-        entry.record = camera.registers->GetDiscoveryRecord();
-        entry.interface = NumberOf(camera.interface);
-        entry.reachable = IsOnSubnet(camera);
-        entry.listed = entry.present = std::find(reached.begin(), reached.end(), heard) != reached.end();
-        entry.addressTaken = entry.reachable && !entry.listed;
+        CameraDiagnosis entry = DescribeCamera(camera);
         if (askControl && entry.listed) {
             const Simulated::Endpoint peer{m_interfaces[camera.interface].address, self};
             entry.control = ControlOf(camera, peer, now);
             camera.registers->Read(peer, Gvcp::Register::kStreamChannelPacketSize, &entry.packetSize);
         }
+        ++diagnosis.interfaces[camera.interface].heard;
         diagnosis.cameras.push_back(entry);
     }
     return diagnosis;

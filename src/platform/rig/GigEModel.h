@@ -7,19 +7,19 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "hal/HAL.h"
 #include "platform/Diagnostics.h"
+#include "platform/base/Random.h"
 #include "platform/rig/RigDescription.h"
 #include "platform/simulated/BootstrapRegisters.h"
 
 namespace Nimbrel2::Platform {
 
-/// All network interfaces of a rig. A camera is heard on the interface that it is on, and reached when its address is
-/// in that interface's subnet; of two cameras on one address the one with the lower MAC is reached.
+/// All network interfaces of a rig. A camera is heard on the interface that it is on, and can be used as
+/// GigEUsability says; of two cameras on one address the one with the lower MAC can.
 /// @par Threads  None of its own, no lock: the rig that owns it guards it.
 class GigEModel {
 public:
@@ -56,25 +56,30 @@ public:
     // ---------------------------------------------------------------------------------------
     /// Cameras that answer a broadcast on an interface that is up, in the order of MAC and address.
     std::vector<const Camera*> Heard() const;
-    /// Those of them that are reached.
+    /// Those of them that can be used.
     std::vector<const Camera*> Reached() const;
+    GigEUsability UsabilityOf(const Camera& camera) const;
     /// Null when no camera that is heard has that MAC.
     Camera* FindHeard(std::uint64_t mac);
     const NetworkInterfaceDescription& InterfaceOf(const Camera& camera) const {
         return m_interfaces[camera.interface];
     }
-    bool IsOnSubnet(const Camera& camera) const;
+    /// Whether its address can be talked to from this computer, and answered.
+    bool CanBeTalkedTo(const Camera& camera) const;
     bool HasInterfaceUp() const;
     /// Of those that are up, in the order of the description.
     std::vector<std::string> InterfacesUp() const;
 
     /// FORCEIP by broadcast on every interface: HAL_NO_ACKNOWLEDGE when no camera with that MAC hears it, or when it is
     /// held.
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
-    /// What giving every camera that is heard, wanted and not on its subnet a free address would do, in the order of
-    /// Heard.
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result);
+    AddressHolder FindAddressHolder(std::uint32_t ip) const;
+    /// What giving every camera that is heard, wanted and kept from being used by its address a free one would do, in
+    /// the order of Heard.
     std::vector<AddressPlan> PlanAddresses(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) const;
 
+    /// One camera that is heard, without what only it can say.
+    CameraDiagnosis DescribeCamera(const Camera& camera) const;
     /// Interfaces and the cameras that are heard on them. @param self  The port that this computer asks from.
     GigEDiagnosis Diagnose(bool askControl, std::uint16_t self, Simulated::TimePoint now);
 
@@ -91,12 +96,12 @@ private:
     Camera* Find(const std::string& name);
     /// Whether it ever answers.
     static bool Answers(const Camera& camera);
-    InterfaceAddress AddressOf(std::size_t interface) const;
+    NetworkInterface InterfaceAt(std::size_t interface) const;
     static ControlInfo ControlOf(Camera& camera, const Simulated::Endpoint& self, Simulated::TimePoint now);
 
     std::vector<NetworkInterfaceDescription> m_interfaces;
     std::vector<Camera> m_cameras;
-    std::minstd_rand m_random;
+    Random m_random{1};
 };
 
 }  // namespace Nimbrel2::Platform

@@ -350,30 +350,27 @@ std::optional<std::string> Rig::SetFaults(const std::string& camera, const Simul
     });
 }
 
-std::uint32_t Rig::ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway) {
+std::uint32_t Rig::ForceAddress(const GigEAddress& address, ForceIpResult* result) {
     const LockGuard lock(m_mutex);
     std::uint32_t status = HAL_OK;
     ChangeGigE([&](GigEModel& model) {
-        status = model.ForceIp(mac, address, mask, gateway);
+        status = model.ForceAddress(address, result);
         return true;
     });
     return status;
 }
 
-std::uint32_t Rig::AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted) {
+std::uint32_t Rig::ApplyAddresses(std::vector<AddressPlan>* plans) {
     const LockGuard lock(m_mutex);
-    if (!m_gigE.HasInterfaceUp()) {
-        return HAL_NO_BUS;
-    }
     std::uint32_t first = HAL_OK;
     ChangeGigE([&](GigEModel& model) {
-        for (const AddressPlan& plan : model.PlanAddresses(wanted)) {
-            const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
-            std::uint32_t status = plan.status;
-            if (plan.newIp != 0) {
-                status = model.ForceIp(mac, plan.newIp, plan.newMask, 0);
+        for (AddressPlan& plan : *plans) {
+            if (plan.status == HAL_OK && plan.newIp != 0) {
+                ForceIpResult result;
+                const std::uint64_t mac = static_cast<std::uint64_t>(plan.record.macHigh) << 32 | plan.record.macLow;
+                plan.status = model.ForceAddress({mac, plan.newIp, plan.newMask, 0}, &result);
             }
-            first = first == HAL_OK ? status : first;
+            first = first == HAL_OK ? plan.status : first;
         }
         return true;
     });

@@ -136,9 +136,9 @@ public:
     /// Resets the USB host that the device hangs below.
     std::uint32_t ResetHostOf(const std::string& device);
 
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t address, std::uint32_t mask, std::uint32_t gateway);
-    /// Every camera on a wrong subnet that is wanted gets an address of its own; the first failure is answered.
-    std::uint32_t AutoForceIp(const std::function<bool(const GvcpDiscoveryRecord&)>& wanted);
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result);
+    /// Those of the plans that give an address, all before anybody hears of it.
+    std::uint32_t ApplyAddresses(std::vector<AddressPlan>* plans);
 
     /// Serial numbers of virtual cameras, none of them in taken.
     std::vector<std::uint32_t> VirtualSerialNumbers(const std::vector<std::uint64_t>& taken) const;

@@ -99,7 +99,7 @@ private:
     std::uint32_t Ask(Command command, InVain inVain) const {
         GigEModel::Exchange exchange;
         const std::uint32_t status = OnCamera([&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
-            if (!model.IsOnSubnet(camera)) {
+            if (!model.CanBeTalkedTo(camera)) {
                 return HAL_UNREACHABLE;
             }
             exchange = model.Send(camera);
@@ -150,7 +150,8 @@ public:
         return status;
     }
 
-    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
+    // All cameras answer at once: there is nothing to wait for.
+    std::uint32_t Discover(const std::optional<GigECameraName>& /*until*/, GigEDiscovery* discovery) override {
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
@@ -160,34 +161,40 @@ public:
                 return HAL_NO_BUS;
             }
             for (const GigEModel::Camera* camera : model.Heard()) {
-                records->push_back(camera->registers->GetDiscoveryRecord());
+                discovery->cameras.push_back(model.DescribeCamera(*camera));
             }
             return HAL_OK;
         });
     }
 
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ipAddress, std::uint32_t subnetMask,
-                          std::uint32_t gateway) override {
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result) override {
         const std::uint32_t status = m_state->Check();
-        return status != HAL_OK ? status : m_state->rig->ForceIp(mac, ipAddress, subnetMask, gateway);
+        return status != HAL_OK ? status : m_state->rig->ForceAddress(address, result);
     }
 
-    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
+    std::uint32_t ApplyAddresses(std::vector<AddressPlan>* plans) override {
+        const std::uint32_t status = m_state->Check();
+        return status != HAL_OK ? status : m_state->rig->ApplyAddresses(plans);
+    }
+
+    std::uint32_t FindAddressHolder(std::uint32_t ip, AddressHolder* holder) override {
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;
         }
-        bool found = false;
-        const std::uint32_t result = m_state->rig->AutoForceIp([&](const GvcpDiscoveryRecord& record) {
-            const bool wanted = !serialNumber || LeadingNumber(FieldText(record.serialNumber)) == *serialNumber;
-            found = found || wanted;
-            return wanted;
+        return m_state->rig->WithGigE([&](GigEModel& model) -> std::uint32_t {
+            if (!model.HasInterfaceUp()) {
+                return HAL_NO_BUS;
+            }
+            *holder = model.FindAddressHolder(ip);
+            return HAL_OK;
         });
-        return found || !serialNumber ? result : static_cast<std::uint32_t>(HAL_GONE);
     }
 
+    // Nothing refuses a rig a search, and nothing filters.
+    std::uint32_t GetSearchReport(GigESearchReport* /*report*/) override { return m_state->Check(); }
+
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
-        *diagnosis = GigEDiagnosis{};
         if (const std::uint32_t status = m_state->Check(); status != HAL_OK) {
             return status;
         }
@@ -198,8 +205,7 @@ public:
     }
 
     // Nothing lies between this computer and the cameras that it hears.
-    std::uint32_t TestHearing(GigEHearing* hearing) override {
-        *hearing = GigEHearing{};
+    std::uint32_t FindMutedCameras(GigEHearing* hearing) override {
         GigEDiagnosis diagnosis;
         const std::uint32_t status = Diagnose(false, &diagnosis);
         for (const InterfaceDiagnosis& diagnosed : diagnosis.interfaces) {
@@ -207,16 +213,13 @@ public:
             InterfaceHearing entry;
             entry.interface = diagnosed.interface.index;
             entry.seesWire = true;
-            for (const CameraDiagnosis& camera : diagnosis.cameras) {
-                if (camera.interface == entry.interface) ++entry.heard;
-            }
+            entry.heard = diagnosed.heard;
             hearing->interfaces.push_back(entry);
         }
         return status;
     }
 
     std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
-        plans->clear();
         const std::uint32_t status = m_state->Check();
         if (status != HAL_OK) {
             return status;

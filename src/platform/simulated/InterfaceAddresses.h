@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which network interface has an IPv4 address, and giving one to an interface or taking it away (rtnetlink).
-// Any thread, no lock; each call is a few system calls and blocks for no network.
+// Which network interface has an IPv4 address, and giving one to an interface or taking it away, in the network
+// namespace of the caller. Any thread, no lock; each call is a few system calls and blocks for no network.
 #ifndef NIMBREL2_PLATFORM_SIMULATED_INTERFACEADDRESSES_H
 #define NIMBREL2_PLATFORM_SIMULATED_INTERFACEADDRESSES_H
 
@@ -18,9 +18,6 @@ int AddInterfaceAddress(const std::string& interfaceName, std::uint32_t address,
 /// Takes the address away without taking other addresses of its subnet along.
 /// @return 0 or an errno; then nothing was changed.
 int RemoveInterfaceAddress(const std::string& interfaceName, std::uint32_t address, std::uint32_t subnetMask);
-
-/// Dotted form.
-std::string FormatAddress(std::uint32_t address);
 
 }  // namespace Nimbrel2::Platform::Simulated
 

@@ -54,28 +54,6 @@ bool Touches(const DecodedCommand& command, std::uint32_t address) {
 
 }  // namespace
 
-// ---- Chance --------------------------------------------------------------------------------------------------------
-
-std::uint64_t SimulatedGigECamera::Random::Next() {
-    m_state += 0x9E3779B97F4A7C15u;
-    std::uint64_t mixed = m_state;
-    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
-    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
-    return mixed ^ (mixed >> 31);
-}
-
-bool SimulatedGigECamera::Random::HappensInPercent(double percent) {
-    if (percent <= 0) return false;
-    constexpr double kSteps = 9007199254740992.0;  // 2^53
-    return static_cast<double>(Next() >> 11) / kSteps * 100 < percent;
-}
-
-milliseconds SimulatedGigECamera::Random::Between(milliseconds low, milliseconds high) {
-    if (high <= low) return low;
-    const auto span = static_cast<std::uint64_t>((high - low).count()) + 1;
-    return low + milliseconds(static_cast<milliseconds::rep>(Next() % span));
-}
-
 // ---- Settings ------------------------------------------------------------------------------------------------------
 
 SimulatedGigECamera::SimulatedGigECamera(const SimulatedCameraOptions& options, std::uint64_t seed)

@@ -9,6 +9,7 @@
 #include <deque>
 #include <vector>
 
+#include "platform/base/Random.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "platform/simulated/BootstrapRegisters.h"
 #include "platform/simulated/SimulatedCameraOptions.h"
@@ -58,19 +59,6 @@ public:
     void PowerCycle();
 
 private:
-    /// Small, and the same on every computer.
-    class Random {
-    public:
-        /// Neighbouring seeds give sequences that have nothing to do with each other.
-        explicit Random(std::uint64_t seed) : m_state(seed) { m_state = Next(); }
-        std::uint64_t Next();
-        bool HappensInPercent(double percent);
-        std::chrono::milliseconds Between(std::chrono::milliseconds low, std::chrono::milliseconds high);
-
-    private:
-        std::uint64_t m_state;
-    };
-
     /// The last register command of a peer and its answer, for retransmissions.
     struct LastCommand {
         Endpoint peer;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <exception>
 #include <map>
+#include <new>
 #include <queue>
 #include <system_error>
 #include <thread>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "platform/base/Mutex.h"
+#include "platform/base/Texts.h"
 #include "platform/simulated/CameraSocket.h"
 #include "platform/simulated/InterfaceAddresses.h"
 
@@ -39,6 +41,15 @@ constexpr std::size_t kMostWaitingAnswers = 16384;
 constexpr milliseconds kLookAgain{5};
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
+
+/// What there is no memory for does not happen, as datagrams get lost; the serving thread goes on.
+template <class Work>
+void UnlessMemoryRunsOut(const Work& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+    }
+}
 
 }  // namespace
 
@@ -115,8 +126,10 @@ private:
     Camera* Find(CameraId id);
     int Open(Camera& camera, bool mayAddAddress);
     void Move(Camera& camera);
-    void LeaveAddress(Camera& camera);
+    static void LeaveAddress(Camera& camera);
     void FollowAddress(Camera& camera);
+    AddResult Attach(Camera& camera, const std::string& interfaceName);
+    void Detach(CameraId id);
     int JoinBroadcasts(const Camera& camera);
     void LeaveBroadcasts(const Camera& camera);
 
@@ -177,8 +190,10 @@ void SimulatedGigENetwork::Server::Serve() {
     std::array<epoll_event, 64> events;
     for (;;) {
         const int count = epoll_wait(m_epoll.Get(), events.data(), static_cast<int>(events.size()), GetWaitTime());
-        for (int i = 0; i < count; ++i) HandleEvent(events[static_cast<std::size_t>(i)].data.u64);
-        SendDueAnswers();
+        for (int i = 0; i < count; ++i) {
+            UnlessMemoryRunsOut([&] { HandleEvent(events[static_cast<std::size_t>(i)].data.u64); });
+        }
+        UnlessMemoryRunsOut([this] { SendDueAnswers(); });
         RunTasks();
         const LockGuard lock(m_mutex);
         if (m_delivered) {
@@ -188,7 +203,9 @@ void SimulatedGigENetwork::Server::Serve() {
         m_delivered = false;
         if (m_exit) break;
     }
-    for (auto& [id, camera] : m_cameras) LeaveAddress(camera);
+    for (auto& [id, camera] : m_cameras) {
+        UnlessMemoryRunsOut([&leaving = camera] { LeaveAddress(leaving); });
+    }
 }
 
 int SimulatedGigENetwork::Server::GetWaitTime() const {
@@ -318,35 +335,52 @@ SimulatedGigENetwork::Server::Camera* SimulatedGigENetwork::Server::Find(CameraI
 }
 
 SimulatedGigENetwork::AddResult SimulatedGigENetwork::Server::AddCamera(const SimulatedCameraOptions& options) {
-    Camera camera;
-    camera.id = m_lastId + 1;
-    camera.model = std::make_unique<SimulatedGigECamera>(options, m_options.seed ^ std::uint64_t{camera.id} << 32);
+    const CameraId id = m_lastId + 1;
+    AddResult result;
+    try {
+        Camera& camera = m_cameras[id];
+        camera.id = id;
+        camera.model = std::make_unique<SimulatedGigECamera>(options, m_options.seed ^ std::uint64_t{id} << 32);
+        result = Attach(camera, options.interfaceName);
+    } catch (...) {
+        Detach(id);
+        throw;
+    }
+    if (result) {
+        m_lastId = result.id = id;
+    } else {
+        Detach(id);
+    }
+    return result;
+}
+
+SimulatedGigENetwork::AddResult SimulatedGigENetwork::Server::Attach(Camera& camera, const std::string& interfaceName) {
     const std::uint32_t address = camera.model->GetAddress();
-    camera.interfaceName = options.interfaceName.empty() ? FindInterfaceOf(address) : options.interfaceName;
+    camera.interfaceName = interfaceName.empty() ? FindInterfaceOf(address) : interfaceName;
     if (camera.interfaceName.empty()) {
-        return {0, EADDRNOTAVAIL, FormatAddress(address) + ": no network interface has this address"};
+        return {0, EADDRNOTAVAIL, FormatIp(address) + ": no network interface has this address"};
     }
     camera.interfaceIndex = if_nametoindex(camera.interfaceName.c_str());
     if (camera.interfaceIndex == 0) return {0, ENODEV, camera.interfaceName + ": no such network interface"};
 
-    int error = Open(camera, !options.interfaceName.empty());
-    if (error != 0) return {0, error, FormatAddress(address) + ": " + ErrorText(error)};
+    int error = Open(camera, !interfaceName.empty());
+    if (error != 0) return {0, error, FormatIp(address) + ": " + ErrorText(error)};
     error = JoinBroadcasts(camera);
-    if (error != 0) {
-        LeaveAddress(camera);
-        return {0, error, camera.interfaceName + ": broadcasts cannot be heard: " + ErrorText(error)};
-    }
-    m_lastId = camera.id;
-    m_cameras.emplace(camera.id, std::move(camera));
-    return {m_lastId, 0, {}};
+    if (error != 0) return {0, error, camera.interfaceName + ": broadcasts cannot be heard: " + ErrorText(error)};
+    return {};
+}
+
+void SimulatedGigENetwork::Server::Detach(CameraId id) {
+    const auto found = m_cameras.find(id);
+    if (found == m_cameras.end()) return;
+    LeaveBroadcasts(found->second);
+    UnlessMemoryRunsOut([&] { LeaveAddress(found->second); });
+    m_cameras.erase(found);
 }
 
 bool SimulatedGigENetwork::Server::RemoveCamera(CameraId id) {
-    Camera* camera = Find(id);
-    if (camera == nullptr) return false;
-    LeaveBroadcasts(*camera);
-    LeaveAddress(*camera);
-    m_cameras.erase(id);
+    if (Find(id) == nullptr) return false;
+    Detach(id);
     return true;
 }
 
@@ -402,8 +436,7 @@ void SimulatedGigENetwork::Server::Move(Camera& camera) {
         camera.problem.clear();
         return;
     }
-    const std::string problem =
-        FormatAddress(camera.boundAddress) + " on " + camera.interfaceName + ": " + ErrorText(error);
+    const std::string problem = FormatIp(camera.boundAddress) + " on " + camera.interfaceName + ": " + ErrorText(error);
     if (problem != camera.problem && m_options.report) m_options.report(problem);
     camera.problem = problem;
 }

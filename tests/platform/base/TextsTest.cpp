@@ -79,5 +79,17 @@ TEST(LeadingNumber, ReadsTheDigitsAtTheStart) {
     for (const auto& row : rows) EXPECT_EQ(LeadingNumber(row.text), row.number) << '"' << row.text << '"';
 }
 
+TEST(FormatMac, HasLowerCaseOctetsAndLeadingZeros) {
+    EXPECT_EQ(FormatMac(0x02005E000001), "02:00:5e:00:00:01");
+    EXPECT_EQ(FormatMac(0), "00:00:00:00:00:00");
+    EXPECT_EQ(FormatMac(0xFFFFFFFFFFFF), "ff:ff:ff:ff:ff:ff");
+}
+
+TEST(FormatIp, HasTheFirstOctetFirst) {
+    EXPECT_EQ(FormatIp(0xC0A84D32), "192.168.77.50");
+    EXPECT_EQ(FormatIp(0), "0.0.0.0");
+    EXPECT_EQ(FormatIp(0xFFFFFFFF), "255.255.255.255");
+}
+
 }  // namespace
 }  // namespace Nimbrel2::Platform

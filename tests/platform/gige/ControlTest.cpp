@@ -19,20 +19,20 @@ class GigEControl : public GigEWireTest {
 protected:
     ControlInfo ControlOf(std::size_t index) {
         ControlInfo control;
-        EXPECT_EQ(m_core->GetControl(m_listed.at(index), &control), HAL_OK);
+        EXPECT_EQ(m_driver->GetRegisters().GetControl(m_listed.at(index).key, &control), HAL_OK);
         return control;
     }
 
     bool IsInMonitorMode(std::size_t index) {
         bool monitor = false;
-        EXPECT_EQ(m_core->IsInMonitorMode(m_listed.at(index), &monitor), HAL_OK);
+        EXPECT_EQ(m_driver->IsInMonitorMode(m_listed.at(index), &monitor), HAL_OK);
         return monitor;
     }
 };
 
 TEST_F(GigEControl, OfAFreeCameraIsNobodys) {
     AddCamera("192.168.77.102", 2);
-    StartCore();
+    StartDriver();
     EXPECT_EQ(ControlOf(0).state, ControlState::Free);
     EXPECT_FALSE(IsInMonitorMode(0));
 }
@@ -45,7 +45,7 @@ TEST_F(GigEControl, HeldElsewhereLeavesOnlyWatching) {
     options.owner = ControlOwner{{Ip("192.168.77.60"), 1234}, false};
     options.tellsOwner = false;
     AddCamera(options);
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 2u);
     const ControlInfo told = ControlOf(0);
     EXPECT_EQ(told.state, ControlState::Controlled);
@@ -62,13 +62,13 @@ TEST_F(GigEControl, HeldExclusivelyRefusesReadsButNotTheListing) {
     auto options = CameraOptions("192.168.77.102", 2);
     options.owner = ControlOwner{{Ip("192.168.77.60"), 1234}, true};
     AddCamera(options);
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 1u);
     EXPECT_EQ(ControlOf(0).state, ControlState::Exclusive);
     EXPECT_TRUE(IsInMonitorMode(0));
     std::uint32_t value = 0;
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x934, &value), HAL_ACCESS_DENIED);
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x934, &value), HAL_ACCESS_DENIED);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
     EXPECT_EQ(value, Ip("192.168.77.102"));
 }
 
@@ -78,31 +78,31 @@ TEST_F(GigEControl, TakenByThisApplicationIsOurs) {
     options = CameraOptions("192.168.77.103", 3);
     options.tellsOwner = false;
     AddCamera(options);
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 2u);
     for (std::size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(m_core->WriteRegister(m_listed[i], 0xA00, 2), HAL_OK);
+        EXPECT_EQ(m_driver->WriteRegister(m_listed[i], 0xA00, 2), HAL_OK);
         EXPECT_EQ(ControlOf(i).state, ControlState::Ours);
         EXPECT_FALSE(IsInMonitorMode(i));
     }
     std::uint32_t ip = 0;
     std::uint16_t port = 0;
-    ASSERT_EQ(m_core->GetLocalEnd(m_listed[0], &ip, &port), HAL_OK);
+    ASSERT_EQ(m_driver->GetRegisters().GetLocalEnd(m_listed[0].key, &ip, &port), HAL_OK);
     std::uint32_t value = 0;
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0xA04, &value), HAL_OK);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0xA04, &value), HAL_OK);
     EXPECT_EQ(value, port);
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0xA14, &value), HAL_OK);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0xA14, &value), HAL_OK);
     EXPECT_EQ(value, ip);
     EXPECT_EQ(ip, Ip("192.168.77.1"));
     for (std::size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(m_core->WriteRegister(m_listed[i], 0xA00, 0), HAL_OK);
+        EXPECT_EQ(m_driver->WriteRegister(m_listed[i], 0xA00, 0), HAL_OK);
         EXPECT_EQ(ControlOf(i).state, ControlState::Free);
     }
 }
 
 TEST_F(GigEControl, OfAnIndependentCameraIsSeenToComeAndGo) {
     IndependentCamera camera(m_wire, "192.168.77.100", "7");
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 1u);
     EXPECT_FALSE(IsInMonitorMode(0));
     RawGvcp other(m_host);
@@ -111,11 +111,11 @@ TEST_F(GigEControl, OfAnIndependentCameraIsSeenToComeAndGo) {
     EXPECT_EQ(ControlOf(0).ownerIp, 0u) << "it does not say who";
     ASSERT_TRUE(other.Write("192.168.77.100", 0xA00, 0));
     EXPECT_FALSE(IsInMonitorMode(0));
-    EXPECT_EQ(m_core->WriteRegister(m_listed[0], 0xA00, 2), HAL_OK);
+    EXPECT_EQ(m_driver->WriteRegister(m_listed[0], 0xA00, 2), HAL_OK);
     EXPECT_EQ(ControlOf(0).state, ControlState::Ours);
 }
 
-TEST_F(GigEControl, IsAskedForOnlyWhenSomebodyWantsToKnow) {
+TEST_F(GigEControl, IsReadByListingsAndByNobodyElse) {
     m_cameras.reset();
     HostileDevice device(m_wire, Ip("192.168.77.100"), [](HostileDevice& self, const HostileDevice::Request& request) {
         if (request.Is(MessageId::DiscoveryCmd)) {
@@ -124,24 +124,61 @@ TEST_F(GigEControl, IsAskedForOnlyWhenSomebodyWantsToKnow) {
             self.Answer(request, HostileDevice::ReadAck(request, 0));
         }
     });
-    StartCore();
-    ASSERT_EQ(m_listed.size(), 1u);
-    ASSERT_EQ(ListCore(), HAL_OK);
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 1u);
+    const auto reads = [&] {
+        std::vector<std::uint32_t> addresses;
+        for (const auto& request : device.GetRequests()) {
+            if (request.Is(MessageId::ReadRegCmd)) addresses.push_back(request.Address());
+        }
+        return addresses;
+    };
+    EXPECT_THAT(reads(), ElementsAre(0xA00, 0x24)) << "one read answers it for a free camera";
     const auto countProbes = [&] {
         const auto requests = device.GetRequests();
-        return std::count_if(requests.begin(), requests.end(),
-                             [](const auto& request) { return request.to == Ip("192.168.77.100"); });
+        return std::count_if(requests.begin(), requests.end(), [](const auto& request) {
+            return request.Is(MessageId::DiscoveryCmd) && request.to == Ip("192.168.77.100");
+        });
     };
-    const auto deadline = Clock::now() + 10s;
+    const auto deadline = Clock::now() + 20s;
     while (countProbes() < 6 && Clock::now() < deadline) device.WaitFor([](const auto&) { return false; }, 10ms);
     EXPECT_GE(countProbes(), 6) << "several of the monitor's rounds";
-    for (const auto& request : device.GetRequests()) EXPECT_TRUE(request.Is(MessageId::DiscoveryCmd));
-    EXPECT_FALSE(IsInMonitorMode(0));
-    std::vector<std::uint32_t> reads;
-    for (const auto& request : device.GetRequests()) {
-        if (request.Is(MessageId::ReadRegCmd)) reads.push_back(request.Address());
-    }
-    EXPECT_THAT(reads, ElementsAre(0xA00)) << "one read answers it for a free camera";
+    EXPECT_EQ(reads().size(), 2u);
+}
+
+TEST_F(GigEControl, OfANewEntryIsAnsweredFromItsListingOnceAndThenByTheCamera) {
+    m_cameras.reset();
+    std::atomic<std::uint32_t> privilege{0};
+    HostileDevice device(m_wire, Ip("192.168.77.100"), [&](HostileDevice& self, const HostileDevice::Request& request) {
+        if (request.Is(MessageId::DiscoveryCmd)) {
+            self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000007, Ip("192.168.77.100")));
+        } else if (request.Is(MessageId::ReadRegCmd)) {
+            const bool address = request.Address() == 0x24;
+            self.Answer(request, HostileDevice::ReadAck(request, address ? Ip("192.168.77.100") : privilege.load()));
+        }
+    });
+    Start({});
+    const auto cameras = List();
+    ASSERT_EQ(cameras.size(), 1u);
+    const auto countReads = [&] {
+        const auto requests = device.GetRequests();
+        return std::count_if(requests.begin(), requests.end(),
+                             [](const auto& request) { return request.Is(MessageId::ReadRegCmd); });
+    };
+    const auto read = countReads();
+    privilege = 2;
+    bool monitor = true;
+    std::uint32_t value = 0;
+    EXPECT_EQ(cameras[0]->IsInMonitorMode(&monitor), HAL_OK);
+    EXPECT_FALSE(monitor) << "as the listing has read";
+    EXPECT_EQ(cameras[0]->ReadRegister(0x24, &value), HAL_OK);
+    EXPECT_EQ(value, Ip("192.168.77.100"));
+    EXPECT_EQ(countReads(), read) << "for nothing that was read already";
+    EXPECT_EQ(cameras[0]->IsInMonitorMode(&monitor), HAL_OK);
+    EXPECT_TRUE(monitor) << "as the camera says now";
+    EXPECT_EQ(cameras[0]->ReadRegister(0x24, &value), HAL_OK);
+    EXPECT_GE(countReads(), read + 2);
 }
 
 struct StatusRow {
@@ -159,11 +196,11 @@ TEST_P(GigERefusal, BecomesAStatusExceptForTheAddressOfAPresentCamera) {
     rule.status = GetParam().gvcp;
     options.faults.errors.push_back(rule);
     AddCamera(options);
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 1u);
     std::uint32_t value = 0;
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x934, &value), GetParam().hal);
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x934, &value), GetParam().hal);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
     EXPECT_EQ(value, Ip("192.168.77.102"));
     EXPECT_TRUE(IsInMonitorMode(0)) << "who does not say who controls it may only be watched";
 }
@@ -178,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, GigERefusal,
 
 TEST_F(GigEControl, OfACameraThatFallsSilentFailsNoEnumeration) {
     const auto id = AddCamera("192.168.77.102", 2);
-    StartCore();
+    StartDriver();
     ASSERT_EQ(m_listed.size(), 1u);
     m_cameras->Use(id, [](SimulatedGigECamera& camera) { camera.SetSilent(true); });
     const auto start = Clock::now();
@@ -189,26 +226,26 @@ TEST_F(GigEControl, OfACameraThatFallsSilentFailsNoEnumeration) {
     GvcpDiscoveryRecord record{};
     while (Since(start) < 2s) {
         const auto call = Clock::now();
-        EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
+        EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x24, &value), HAL_OK);
         EXPECT_EQ(value, Ip("192.168.77.102"));
         EXPECT_TRUE(IsInMonitorMode(0));
-        EXPECT_EQ(m_core->GetRecord(m_listed[0], &record), HAL_OK);
+        EXPECT_EQ(m_driver->GetRecord(m_listed[0], &record), HAL_OK);
         EXPECT_LT(Since(call), 590ms) << "one that does not answer is not waited for again and again";
         m_sink.WaitFor([](const auto& counts) { return counts.removals > 0; }, 100ms);
     }
     EXPECT_EQ(m_sink.GetCounts().removals, 1);
     const auto grace = Clock::now() + 3s;
-    while (m_core->ReadRegister(m_listed[0], 0x24, &value) == HAL_OK && Clock::now() < grace) {
+    while (m_driver->ReadRegister(m_listed[0], 0x24, &value) == HAL_OK && Clock::now() < grace) {
         std::this_thread::sleep_for(10ms);
     }
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x24, &value), HAL_GONE);
-    EXPECT_EQ(m_core->WriteRegister(m_listed[0], 0xA00, 2), HAL_GONE);
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x24, &value), HAL_GONE);
+    EXPECT_EQ(m_driver->WriteRegister(m_listed[0], 0xA00, 2), HAL_GONE);
     bool monitor = false;
-    EXPECT_EQ(m_core->IsInMonitorMode(m_listed[0], &monitor), HAL_GONE);
-    EXPECT_EQ(m_core->GetRecord(m_listed[0], &record), HAL_OK) << "what the listing saw stays true";
+    EXPECT_EQ(m_driver->IsInMonitorMode(m_listed[0], &monitor), HAL_GONE);
+    EXPECT_EQ(m_driver->GetRecord(m_listed[0], &record), HAL_OK) << "what the listing saw stays true";
     m_cameras->Use(id, [](SimulatedGigECamera& camera) { camera.SetSilent(false); });
     ASSERT_TRUE(m_sink.WaitFor([](const auto& counts) { return counts.arrivals > 0; }, 5s));
-    EXPECT_EQ(m_core->ReadRegister(m_listed[0], 0x24, &value), HAL_OK) << "the entry finds it again";
+    EXPECT_EQ(m_driver->ReadRegister(m_listed[0], 0x24, &value), HAL_OK) << "the entry finds it again";
 }
 
 }  // namespace

@@ -143,11 +143,13 @@ TEST_F(GigEDiagnosisTest, PlansAddressesWithoutChangingAny) {
     EXPECT_EQ(plans[1].status, HAL_OK);
     m_cameras->Use(id, [](SimulatedGigECamera& camera) { EXPECT_EQ(camera.GetAddress(), Ip("10.9.9.9")); });
     EXPECT_TRUE(plans[1].interfaceAddress.Contains(plans[1].newIp));
-    ASSERT_EQ(m_bus->PlanAddresses(9, &plans), HAL_OK);
-    ASSERT_EQ(plans.size(), 1u) << "of that camera alone";
-    EXPECT_EQ(plans[0].record.ipAddress, Ip("10.9.9.9"));
-    EXPECT_EQ(m_bus->PlanAddresses(4711, &plans), HAL_GONE);
-    EXPECT_THAT(plans, ::testing::IsEmpty());
+    std::vector<AddressPlan> one;
+    ASSERT_EQ(m_bus->PlanAddresses(9, &one), HAL_OK);
+    ASSERT_EQ(one.size(), 1u) << "of that camera alone";
+    EXPECT_EQ(one[0].record.ipAddress, Ip("10.9.9.9"));
+    std::vector<AddressPlan> none;
+    EXPECT_EQ(m_bus->PlanAddresses(4711, &none), HAL_GONE);
+    EXPECT_THAT(none, ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ class GigEForceIp : public GigEWireTest {
 protected:
     std::uint32_t Force(std::uint64_t mac, const std::string& ip, const std::string& mask = "255.255.255.0",
                         const std::string& gateway = "0.0.0.0") {
-        return m_bus->ForceIp(0x020000000000 + mac, Ip(ip), Ip(mask), Ip(gateway));
+        return ForceIp(0x020000000000 + mac, Ip(ip), Ip(mask), Ip(gateway));
     }
 
     std::uint32_t AddressOf(Platform::Simulated::SimulatedGigENetwork::CameraId id) {
@@ -122,7 +122,7 @@ TEST_F(GigEForceIp, GivesEveryCameraOnAWrongSubnetAnAddressOfItsOwn) {
     Start({});
     EXPECT_EQ(ListNames().size(), 1u);
     const auto start = Clock::now();
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_LT(Since(start), m_window + 2s);
     EXPECT_EQ(AddressOf(right), Ip("192.168.77.102")) << "one already right is left alone";
     std::set<std::uint32_t> addresses{Ip("192.168.77.1"), Ip("192.168.77.100"), Ip("192.168.77.102")};
@@ -133,7 +133,7 @@ TEST_F(GigEForceIp, GivesEveryCameraOnAWrongSubnetAnAddressOfItsOwn) {
     }
     EXPECT_EQ(ListNames().size(), 13u);
     const auto again = m_sink.GetCounts();
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK) << "nothing is left to do";
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK) << "nothing is left to do";
     EXPECT_EQ(m_sink.GetCounts(), again);
 }
 
@@ -147,7 +147,7 @@ TEST_F(GigEForceIp, TakesNoAddressThatAHostAnswersFor) {
     }
     const auto id = AddCamera("10.9.9.9", 9);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_EQ(AddressOf(id), Ip("192.168.77.11"));
     const auto records = ListRecords();
     ASSERT_THAT(records, SizeIs(1));
@@ -173,10 +173,10 @@ TEST_F(GigEForceIp, TakesNoAddressThatItMayNotAskFor) {
     const auto id = AddCamera("10.9.9.9", 9);
     forbid("ip daddr 192.168.77.0/28");
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_PERMISSION);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_PERMISSION);
     EXPECT_EQ(AddressOf(id), Ip("10.9.9.9"));
     forbid("udp dport != 3956");
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_EQ(AddressOf(id), Ip("192.168.77.11"));
 }
 
@@ -189,7 +189,7 @@ TEST_F(GigEForceIp, FindsTheOneFreeAddressOfACrowdedWire) {
     }
     const auto id = AddCamera("10.9.9.9", 13);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_EQ(AddressOf(id), Ip("192.168.77.11"));
 }
 
@@ -200,7 +200,7 @@ TEST_F(GigEForceIp, FillsASubnetToTheLastAddress) {
     std::vector<Platform::Simulated::SimulatedGigENetwork::CameraId> ids;
     for (std::uint64_t i = 0; i < 13; ++i) ids.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     std::set<std::uint32_t> addresses;
     for (const auto id : ids) addresses.insert(AddressOf(id));
     EXPECT_THAT(addresses, SizeIs(13));
@@ -214,7 +214,7 @@ TEST_F(GigEForceIp, TakesTheSubnetThatHasRoomForACamera) {
     m_host.Ip("addr add 192.168.77.1/24 dev h0");
     const auto id = AddCamera("10.9.9.9", 9);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_EQ(AddressOf(id) & 0xFFFFFF00, Ip("192.168.77.0"));
 }
 
@@ -255,7 +255,7 @@ TEST_F(GigEForceIp, SaysWhenTheSubnetIsFullAndStillServesTheOthers) {
     const auto cameras = MakeCameras(second);
     const auto id = cameras->AddCamera(CameraOptions("10.9.9.9", 8)).id;
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_FAILED);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_FAILED);
     std::uint32_t address = 0;
     cameras->Use(id, [&](SimulatedGigECamera& camera) { address = camera.GetAddress(); });
     EXPECT_EQ(address & 0xFFFFFF00, Ip("172.20.0.0"));
@@ -267,7 +267,7 @@ TEST_F(GigEForceIp, AFailureDoesNotStopTheOthersAndIsReturned) {
     const auto held = AddCamera(options);
     const auto free = AddCamera("10.9.9.9", 9);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_NO_ACKNOWLEDGE);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_NO_ACKNOWLEDGE);
     EXPECT_EQ(AddressOf(held), Ip("10.9.9.8"));
     EXPECT_EQ(AddressOf(free) & 0xFFFFFF00, Ip("192.168.77.0"));
 }
@@ -276,23 +276,23 @@ TEST_F(GigEForceIp, ServesOneCameraBySerialNumber) {
     const auto first = AddCamera("10.9.9.8", 8);
     const auto second = AddCamera("10.9.9.9", 9);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(9), HAL_OK);
+    EXPECT_EQ(AutoForceIp(9), HAL_OK);
     EXPECT_EQ(AddressOf(first), Ip("10.9.9.8"));
     EXPECT_EQ(AddressOf(second) & 0xFFFFFF00, Ip("192.168.77.0"));
-    EXPECT_EQ(m_bus->AutoForceIp(9), HAL_OK) << "it is right by now";
-    EXPECT_EQ(m_bus->AutoForceIp(10), HAL_GONE);
+    EXPECT_EQ(AutoForceIp(9), HAL_OK) << "it is right by now";
+    EXPECT_EQ(AutoForceIp(10), HAL_GONE);
 }
 
 TEST_F(GigEForceIp, GivesTheSameAddressAgain) {
     m_wire.Ip("link set c0 address 02:00:00:00:00:09");  // what answers ARP for the camera
     const auto id = AddCamera("10.9.9.9", 9);
     Start({});
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     const std::uint32_t first = AddressOf(id);
     m_cameras->Use(id, [](SimulatedGigECamera& camera) { camera.PowerCycle(); });
     ASSERT_EQ(AddressOf(id), Ip("10.9.9.9"));
     EXPECT_TRUE(WaitForNames({}, 5s));
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     EXPECT_EQ(AddressOf(id), first);
 }
 
@@ -300,12 +300,12 @@ TEST_F(GigEForceIp, CannotServeCamerasWithoutMac) {
     IndependentCamera camera(m_wire, "192.168.77.100", "7");
     Start({});
     EXPECT_EQ(ListNames().size(), 1u);
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK) << "it is right";
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK) << "it is right";
     m_host.Ip("addr add 10.0.0.1/24 dev h0");
     m_host.Ip("addr del 192.168.77.1/24 dev h0");
     m_wire.Ip("route add 10.0.0.1/32 dev c0");
     EXPECT_TRUE(WaitForNames({}, 5s));
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_NOT_SUPPORTED);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_NOT_SUPPORTED);
 }
 
 // ---- What the kernel keeps from the socket -------------------------------------------------------------------------
@@ -321,7 +321,7 @@ TEST_P(GigERpFilter, HidesNoForeignCameraFromWhoMayListenToPackets) {
     // Who listens to packets does so on the caller's network.
     m_host.Run([&] {
         EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102", "9@10.9.9.9"));
-        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+        EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     });
     EXPECT_EQ(ListNames().size(), 2u);
 }

@@ -3,12 +3,16 @@
 #include "tests/platform/gige/GigEFixture.h"
 
 #include <arpa/inet.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 
 #include "platform/gvcp/GvcpCodec.h"
@@ -64,7 +68,7 @@ std::ostream& operator<<(std::ostream& out, const RecordingSink::Counts& counts)
 std::uint32_t Ip(const std::string& text) { return ntohl(inet_addr(text.c_str())); }
 
 std::string NameOf(const GvcpDiscoveryRecord& record) {
-    return Platform::GigE::SerialTextOf(record) + "@" + Platform::GigE::IpText(record.ipAddress);
+    return Platform::GigE::SerialTextOf(record) + "@" + Platform::FormatIp(record.ipAddress);
 }
 
 std::chrono::milliseconds Since(Clock::time_point start) {
@@ -162,9 +166,34 @@ GigETest::~GigETest() { Stop(); }
 void GigETest::Start(const std::vector<std::string>& interfaces) {
     Platform::LinuxGigEOptions options;
     options.networkInterfaces = interfaces;
+    StartWith(options);
+}
+
+void GigETest::StartWith(const Platform::LinuxGigEOptions& options) {
+    Platform::LinuxGigEOptions withWindow = options;
+    withWindow.discoveryWindow = m_window;
+    m_bus = Platform::MakeLinuxGigEBus(withWindow, m_sink);
+    m_host.Run([&] { ASSERT_EQ(m_bus->Start(), HAL_OK); });
+}
+
+std::uint32_t GigETest::StartAfter(const std::function<void()>& setUp) {
+    Platform::LinuxGigEOptions options;
     options.discoveryWindow = m_window;
     m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
-    m_host.Run([&] { ASSERT_EQ(m_bus->Start(), HAL_OK); });
+    std::uint32_t status = HAL_FAILED;
+    m_host
+        .StartThread([&] {
+            setUp();
+            status = m_bus->Start();
+        })
+        .join();
+    return status;
+}
+
+void DropCapabilities() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[2]{};
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::strerror(errno);
 }
 
 void GigETest::Stop() {
@@ -201,10 +230,29 @@ std::vector<std::string> GigETest::ListNames() {
 std::vector<std::string> GigETest::DiscoverNames() {
     std::vector<GvcpDiscoveryRecord> records;
     // Inside: it opens sockets of its own where a filter is in force.
-    m_host.Run([&] { EXPECT_EQ(m_bus->Discover(&records), HAL_OK); });
+    m_host.Run([&] { EXPECT_EQ(Discover(&records), HAL_OK); });
     std::vector<std::string> names;
     for (const GvcpDiscoveryRecord& record : records) names.push_back(NameOf(record));
     return names;
+}
+
+std::uint32_t GigETest::Discover(std::vector<GvcpDiscoveryRecord>* records) {
+    Platform::GigEDiscovery discovery;
+    const std::uint32_t status = m_bus->Discover(std::nullopt, &discovery);
+    records->clear();
+    for (const Platform::CameraDiagnosis& camera : discovery.cameras) records->push_back(camera.record);
+    return status;
+}
+
+std::uint32_t GigETest::ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway) {
+    Platform::ForceIpResult result;
+    return m_bus->ForceAddress({mac, ip, mask, gateway}, &result);
+}
+
+std::uint32_t GigETest::AutoForceIp(std::optional<std::uint32_t> serialNumber) {
+    std::vector<Platform::AddressPlan> plans;
+    const std::uint32_t status = m_bus->PlanAddresses(serialNumber, &plans);
+    return status == HAL_OK ? m_bus->ApplyAddresses(&plans) : status;
 }
 
 // ---- GigEWireTest --------------------------------------------------------------------------------------------------
@@ -223,26 +271,29 @@ GigEWireTest::GigEWireTest() {
 }
 
 GigEWireTest::~GigEWireTest() {
-    if (m_core) m_core->Stop();
+    if (m_driver) m_driver->Stop();
 }
 
-void GigEWireTest::StartCore(Platform::GigE::Timings timings) {
-    m_core = std::make_shared<Platform::GigE::GigECore>(std::vector<std::string>{}, timings, m_sink);
-    m_host.Run([&] { ASSERT_EQ(m_core->Start(), HAL_OK); });
-    ASSERT_EQ(ListCore(), HAL_OK);
+void GigEWireTest::StartDriver(Platform::GigE::Timings timings) {
+    Platform::GigE::DriverOptions options;
+    options.timings = timings;
+    m_driver = std::make_shared<Platform::GigE::GigEDriver>(options, m_sink);
+    m_host.Run([&] { ASSERT_EQ(m_driver->Start(), HAL_OK); });
+    ASSERT_EQ(ListOfDriver(), HAL_OK);
 }
 
-std::uint32_t GigEWireTest::ListCore() {
+std::uint32_t GigEWireTest::ListOfDriver() {
     Platform::BusState state;
-    const std::uint32_t status = m_core->ListCameras(&m_listed, &state);
+    m_listed.clear();
+    const std::uint32_t status = m_driver->ListCameras(&m_listed, &state);
     if (status == HAL_OK) m_sink.Listed(std::move(state));
     return status;
 }
 
-void GigEWireTest::StartCore() {
+void GigEWireTest::StartDriver() {
     Platform::GigE::Timings timings;
     timings.discoveryWindow = m_window;
-    StartCore(timings);
+    StartDriver(timings);
 }
 
 Platform::Simulated::SimulatedCameraOptions GigEWireTest::CameraOptions(const std::string& ip, std::uint64_t mac) {

@@ -11,12 +11,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/base/Texts.h"
 #include "platform/hal/BusNews.h"
 #include "platform/linux/gige/CameraKey.h"
-#include "platform/linux/gige/GigECore.h"
+#include "platform/linux/gige/GigEDriver.h"
 #include "platform/linux/gige/LinuxGigEBus.h"
 #include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/NetworkNamespace.h"
@@ -114,6 +116,10 @@ protected:
 
     /// Makes the driver and starts it, inside m_host.
     void Start(const std::vector<std::string>& interfaces);
+    void StartWith(const Platform::LinuxGigEOptions& options);
+    /// On a thread of its own inside m_host, to which setUp has done something first: the driver's thread inherits it,
+    /// the test's does not. @return what Start answered.
+    std::uint32_t StartAfter(const std::function<void()>& setUp);
     void Stop();
 
     /// More addresses on m_host's loopback: 127.0.0.2 to 127.0.0.count.
@@ -124,6 +130,11 @@ protected:
     /// What is listed, as "serial@ip".
     std::vector<std::string> ListNames();
     std::vector<std::string> DiscoverNames();
+
+    // As the HAL's functions of these names do it.
+    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records);
+    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
+    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber);
 
     NetworkNamespace m_host;
     RecordingSink m_sink;
@@ -138,26 +149,32 @@ protected:
     GigEWireTest();
     ~GigEWireTest() override;
 
-    /// Makes the core itself instead of a driver, and lists. It tells more, and its timings may be chosen.
-    void StartCore(Platform::GigE::Timings timings);
-    void StartCore();
+    /// Makes the driver itself instead of its bus, and lists. It tells more, and its timings may be chosen.
+    void StartDriver(Platform::GigE::Timings timings);
+    void StartDriver();
     /// Lists into m_listed.
-    std::uint32_t ListCore();
+    std::uint32_t ListOfDriver();
 
     /// Simulated cameras in m_wire. Their serial number is the last number of their MAC.
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(const std::string& ip, std::uint64_t mac);
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(
         const Platform::Simulated::SimulatedCameraOptions& options);
+public:
     static Platform::Simulated::SimulatedCameraOptions CameraOptions(const std::string& ip, std::uint64_t mac);
+
+protected:
 
     /// Waits until the driver lists exactly these, as "serial@ip".
     ::testing::AssertionResult WaitForNames(const std::vector<std::string>& names, std::chrono::milliseconds timeout);
 
     NetworkNamespace m_wire;
     std::unique_ptr<Platform::Simulated::SimulatedGigENetwork> m_cameras;
-    std::shared_ptr<Platform::GigE::GigECore> m_core;
+    std::shared_ptr<Platform::GigE::GigEDriver> m_driver;
     std::vector<Platform::GigE::ListedCamera> m_listed;
 };
+
+/// Gives up every capability of the calling thread and of those that it starts.
+void DropCapabilities();
 
 /// Cameras inside a namespace.
 std::unique_ptr<Platform::Simulated::SimulatedGigENetwork> MakeCameras(NetworkNamespace& network);

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Cameras whose answers are filtered on their way in: by a firewall, by the reverse path filter, seen with and without
 // privileges.
-#include <linux/capability.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "tests/platform/gige/GigEFixture.h"
 
 namespace Nimbrel2::Testing {
@@ -18,20 +14,19 @@ class GigEHearingTest : public GigEWireTest {
 protected:
     enum class User { Administrator, Ordinary };
 
-    GigEHearing Test(User user = User::Administrator) {
+    /// Starts the driver anew.
+    GigEHearing TestAs(User user) {
+        Stop();
+        EXPECT_EQ(StartAfter([user] {
+                      if (user == User::Ordinary) DropCapabilities();
+                  }),
+                  HAL_OK);
+        return Test();
+    }
+
+    GigEHearing Test() {
         GigEHearing hearing;
-        std::uint32_t status = HAL_FAILED;
-        m_host
-            .StartThread([&] {
-                if (user == User::Ordinary) {
-                    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-                    const __user_cap_data_struct none[2]{};
-                    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
-                }
-                status = m_bus->TestHearing(&hearing);
-            })
-            .join();
-        EXPECT_EQ(status, HAL_OK);
+        EXPECT_EQ(m_bus->FindMutedCameras(&hearing), HAL_OK);
         return hearing;
     }
 
@@ -51,9 +46,8 @@ protected:
 TEST_F(GigEHearingTest, HearsEveryCameraWhereNothingFilters) {
     AddCamera("192.168.77.102", 2);
     AddCamera("10.9.9.9", 9);
-    Start({});
     for (const User user : {User::Administrator, User::Ordinary}) {
-        const GigEHearing hearing = Test(user);
+        const GigEHearing hearing = TestAs(user);
         ASSERT_EQ(hearing.interfaces.size(), 1u);
         EXPECT_EQ(hearing.interfaces[0].error, 0);
         EXPECT_EQ(hearing.interfaces[0].heard, 2u);
@@ -77,8 +71,7 @@ TEST_F(GigEHearingTest, FindsACameraBehindAFirewallByWatchingTheWire) {
 TEST_F(GigEHearingTest, FindsACameraBehindAFirewallByAskingItDirectly) {
     SetUpFirewall();
     const IndependentCamera camera(m_wire, "192.168.77.100", "1001");
-    Start({});
-    const GigEHearing hearing = Test(User::Ordinary);
+    const GigEHearing hearing = TestAs(User::Ordinary);
     EXPECT_EQ(hearing.interfaces[0].heard, 0u);
     EXPECT_FALSE(hearing.interfaces[0].seesWire);
     EXPECT_EQ(hearing.interfaces[0].neighbours, 1u);
@@ -89,7 +82,7 @@ TEST_F(GigEHearingTest, FindsACameraBehindAFirewallByAskingItDirectly) {
     EXPECT_FALSE(hearing.muted[0].onWire);
 
     Nft("insert rule inet wall input udp sport 3956 accept");
-    EXPECT_THAT(Test(User::Ordinary).muted, IsEmpty()) << "that is the cure";
+    EXPECT_THAT(TestAs(User::Ordinary).muted, IsEmpty()) << "that is the cure";
 }
 
 TEST_F(GigEHearingTest, FindsACameraThatTheReversePathFilterHides) {
@@ -103,7 +96,7 @@ TEST_F(GigEHearingTest, FindsACameraThatTheReversePathFilterHides) {
     ASSERT_EQ(hearing.muted.size(), 1u);
     EXPECT_TRUE(hearing.muted[0].onWire);
     EXPECT_FALSE(hearing.muted[0].reachable);
-    EXPECT_THAT(Test(User::Ordinary).muted, IsEmpty()) << "nobody else can know of it";
+    EXPECT_THAT(TestAs(User::Ordinary).muted, IsEmpty()) << "nobody else can know of it";
 }
 
 TEST_F(GigEHearingTest, TakesANeighbourThatIsNoCameraForNone) {
@@ -125,7 +118,7 @@ TEST_F(GigEHearingTest, EndsWithTheDriver) {
     Start({});
     Stop();
     GigEHearing hearing;
-    EXPECT_EQ(m_bus->TestHearing(&hearing), HAL_CLOSED);
+    EXPECT_EQ(m_bus->FindMutedCameras(&hearing), HAL_CLOSED);
 }
 
 TEST_F(GigEHearingTest, ListsNoInterfaceWhereNoneIsUsed) {

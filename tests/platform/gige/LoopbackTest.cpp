@@ -84,7 +84,7 @@ TEST_F(GigELoopback, ReportsOneKilledAndOneStarted) {
     EXPECT_EQ(after.arrivals - before.arrivals, 1);
 }
 
-TEST_F(GigELoopback, RaisesOnceWhatAListingFoundItself) {
+TEST_F(GigELoopback, WaitsInAListingForNobodyLongAndLeavesTheRestToTheMonitor) {
     AddLoopbackAddresses(2);
     IndependentCamera first(m_host, "127.0.0.1", "LO01");
     IndependentCamera second(m_host, "127.0.0.2", "LO02");
@@ -92,10 +92,9 @@ TEST_F(GigELoopback, RaisesOnceWhatAListingFoundItself) {
     ASSERT_EQ(List().size(), 2u);
     const RecordingSink::Counts before = m_sink.GetCounts();
     second.Kill();
-    const auto start = Clock::now();
+    EXPECT_THAT(ListNames(), ElementsAre("LO01@127.0.0.1", "LO02@127.0.0.2")) << "it answered in its last round";
+    ASSERT_TRUE(m_sink.WaitFor([&](const auto& now) { return now.removals > before.removals; }, 5s));
     EXPECT_THAT(ListNames(), ElementsAre("LO01@127.0.0.1"));
-    EXPECT_LT(Since(start), 1s);
-    // The monitor has had its say when it has seen the next change.
     IndependentCamera third(m_host, "127.0.0.2", "LO02");
     ASSERT_TRUE(m_sink.WaitFor([&](const auto& now) { return now.arrivals > before.arrivals; }, 5s));
     EXPECT_EQ(m_sink.GetCounts().removals, before.removals + 1);
@@ -135,8 +134,8 @@ TEST_F(GigELoopback, AnswersClosedAfterStop) {
     Platform::Listing<Platform::GigEDevice> none;
     EXPECT_EQ(m_bus->ListCameras(&none), HAL_CLOSED);
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_CLOSED);
-    EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_CLOSED);
+    EXPECT_EQ(Discover(&records), HAL_CLOSED);
+    EXPECT_EQ(ForceIp(1, 2, 3, 4), HAL_CLOSED);
     m_bus.reset();
     std::uint32_t value = 0;
     bool monitor = false;
@@ -157,7 +156,7 @@ TEST_F(GigELoopback, DiscoversWhatAnswers) {
     IndependentCamera second(m_host, "127.0.0.2", "LO02");
     std::vector<GvcpDiscoveryRecord> records;
     const auto start = Clock::now();
-    ASSERT_EQ(m_bus->Discover(&records), HAL_OK);
+    ASSERT_EQ(Discover(&records), HAL_OK);
     EXPECT_GE(Since(start), m_window);
     EXPECT_LT(Since(start), m_window + 3s);
     ASSERT_EQ(records.size(), 2u);

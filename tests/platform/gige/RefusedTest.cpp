@@ -1,25 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // An operating system that refuses sockets, devices and file descriptors.
-#include <fcntl.h>
-#include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/ioctl.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstddef>
-#include <cstring>
-#include <system_error>
-
-#include "platform/base/StartThread.h"
 #include "tests/platform/gige/GigEFixture.h"
+#include "tests/platform/gige/Refusals.h"
 
 namespace Nimbrel2::Testing {
 namespace {
@@ -29,59 +11,10 @@ using ::testing::IsEmpty;
 
 class GigERefused : public GigEWireTest {
 protected:
-    /// Starts the driver on a thread of its own inside m_host, to which setUp has done something first. The driver's
-    /// thread inherits it, the test's does not.
-    void StartAfter(const std::function<void()>& setUp) {
-        Platform::LinuxGigEOptions options;
-        options.discoveryWindow = m_window;
-        m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
-        std::uint32_t status = HAL_FAILED;
-        m_host
-            .StartThread([&] {
-                setUp();
-                status = m_bus->Start();
-            })
-            .join();
-        m_startStatus = status;
-    }
+    void StartAfter(const std::function<void()>& setUp) { m_startStatus = GigEWireTest::StartAfter(setUp); }
 
     std::uint32_t m_startStatus = HAL_OK;
 };
-
-/// Makes a system call fail with EPERM on this thread and those it starts, when its first or second argument is so.
-void Refuse(int call, int argument, std::uint32_t value, int argument2 = -1, std::uint32_t value2 = 0) {
-    const auto offset = [](int index) {
-        return static_cast<std::uint32_t>(offsetof(seccomp_data, args) + static_cast<std::size_t>(index) * 8
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-                                          + 4
-#endif
-        );
-    };
-    const bool two = argument2 >= 0;
-    std::vector<sock_filter> program{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0,
-                 static_cast<std::uint8_t>(two ? 5 : 3)),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset(argument)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, static_cast<std::uint8_t>(two ? 3 : 1)),
-    };
-    if (two) {
-        program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset(argument2)));
-        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value2, 0, 1));
-    }
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
-    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0) << std::generic_category().message(errno);
-}
-
-/// Gives up every capability of this thread and those it starts.
-void DropCapabilities() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::generic_category().message(errno);
-}
 
 TEST_F(GigERefused, NoCapabilityIsNeeded) {
     const auto id = AddCamera("192.168.77.102", 2);
@@ -93,7 +26,7 @@ TEST_F(GigERefused, NoCapabilityIsNeeded) {
     std::thread([&] {
         DropCapabilities();
         EXPECT_THAT(DiscoverNames(), ElementsAre("2@192.168.77.102", "9@10.9.9.9"));
-        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+        EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
         EXPECT_EQ(ListNames().size(), 2u);
     }).join();
     m_cameras->Use(id, [](auto& camera) { camera.SetSilent(true); });
@@ -111,9 +44,9 @@ TEST_F(GigERefused, UdpSocketsAreAPermissionProblem) {
     EXPECT_LT(Since(start), m_window);
     EXPECT_THAT(cameras.devices, IsEmpty());
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
-    EXPECT_EQ(m_bus->ForceIp(1, 2, 3, 4), HAL_PERMISSION);
-    EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(ForceIp(1, 2, 3, 4), HAL_PERMISSION);
+    EXPECT_EQ(AutoForceIp(std::nullopt), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, BindingToADeviceIsAPermissionProblem) {
@@ -131,7 +64,7 @@ TEST_F(GigERefused, TheKernelsOwnWordOnInterfacesIsAPermissionProblem) {
     Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, AComputerWithoutNetworkIsAskedForNothing) {
@@ -140,25 +73,6 @@ TEST_F(GigERefused, AComputerWithoutNetworkIsAskedForNothing) {
     Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_OK);
 }
-
-/// Lets this process open no more file descriptors, until it is destroyed.
-class NoMoreDescriptors {
-public:
-    NoMoreDescriptors() {
-        // UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time: here a thread's.
-        Platform::StartThread("first", [] {}).join();
-        getrlimit(RLIMIT_NOFILE, &m_before);
-        const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        close(next);
-        rlimit none = m_before;
-        none.rlim_cur = static_cast<rlim_t>(next);
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    }
-    ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
-
-private:
-    rlimit m_before{};
-};
 
 TEST_F(GigERefused, WithoutDescriptorsItDoesNotStart) {
     Platform::LinuxGigEOptions options;
@@ -179,22 +93,16 @@ TEST_F(GigERefused, AnInterfaceWithoutASocketIsTriedAgain) {
     m_host.Ip("link set h0 down");
     Start({});
     EXPECT_THAT(List(), IsEmpty());
-    int control = -1;
-    m_host.Run([&] { control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    const LinkSwitch link(m_host, "h0");
     {
         const NoMoreDescriptors none;
-        ifreq request{};
-        std::strcpy(request.ifr_name, "h0");
-        ASSERT_EQ(ioctl(control, SIOCGIFFLAGS, &request), 0);
-        request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-        ASSERT_EQ(ioctl(control, SIOCSIFFLAGS, &request), 0);
+        link.SetUp();
         Platform::Listing<Platform::GigEDevice> cameras;
         const auto deadline = Clock::now() + 5s;
         std::uint32_t status = HAL_OK;
         while (status == HAL_OK && Clock::now() < deadline) status = m_bus->ListCameras(&cameras);
         EXPECT_EQ(status, HAL_OUT_OF_MEMORY);
     }
-    close(control);
     ASSERT_TRUE(m_sink.WaitFor([](const auto& counts) { return counts.arrivals == 1; }, 5s));
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
 }
@@ -208,7 +116,7 @@ TEST_F(GigERefused, RequestsThatAFirewallForbidsAreAPermissionProblem) {
     Start({});
     EXPECT_THAT(List(), IsEmpty());
     std::vector<GvcpDiscoveryRecord> records;
-    EXPECT_EQ(m_bus->Discover(&records), HAL_PERMISSION);
+    EXPECT_EQ(Discover(&records), HAL_PERMISSION);
 }
 
 TEST_F(GigERefused, LostNoticesOfTheKernelAreMadeUpFor) {

@@ -121,16 +121,16 @@ TEST_F(GigEStress, StopEndsEverythingThatWaits) {
     threads.emplace_back([&] {
         std::vector<GvcpDiscoveryRecord> records;
         ++waiting;
-        EXPECT_EQ(m_bus->Discover(&records), HAL_CLOSED);
+        EXPECT_EQ(Discover(&records), HAL_CLOSED);
     });
     threads.emplace_back([&] {
         ++waiting;
-        const std::uint32_t status = m_bus->ForceIp(0x0200000000FF, Ip("10.0.1.200"), 0xFFFF0000, 0);
+        const std::uint32_t status = ForceIp(0x0200000000FF, Ip("10.0.1.200"), 0xFFFF0000, 0);
         EXPECT_TRUE(status == HAL_CLOSED || status == HAL_NO_ACKNOWLEDGE) << status;
     });
     threads.emplace_back([&] {
         ++waiting;
-        EXPECT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_CLOSED);
+        EXPECT_EQ(AutoForceIp(std::nullopt), HAL_CLOSED);
     });
     while (waiting < 4) std::this_thread::yield();
     const auto start = Clock::now();

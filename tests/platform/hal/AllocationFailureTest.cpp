@@ -144,7 +144,7 @@ TEST_F(HalAllocationFailure, InAnOperationOnAnEntryIsItsAnswer) {
     world->selfIds.resize(3);
     world->usbRecords.resize(3);
     world->nodeSerialNumbers.resize(3);
-    world->discovered.resize(3);
+    world->discovered.cameras.resize(3);
     void* const fireWire = FireWireCamera();
     void* const usb = UsbCamera();
 

@@ -15,67 +15,92 @@ TEST_F(Diagnostics, BringWhatTheDriverKnows) {
     world->hearing.muted.resize(3);
     world->plans.resize(1);
     world->plans[0].newIp = 0xC0A84D02;
+    world->discovered.cameras.resize(4);
+    world->report.problems.resize(5);
+    world->forced.verified = true;
+    world->holder.kind = AddressHolder::Kind::Host;
     GigEDiagnosis diagnosis;
     ASSERT_EQ(DiagnoseGigE(true, &diagnosis), HAL_OK);
     ASSERT_EQ(diagnosis.interfaces.size(), 2u);
     EXPECT_EQ(diagnosis.interfaces[1].interface.name, "eth1");
     ASSERT_EQ(DiagnoseGigE(false, &diagnosis), HAL_OK);
     GigEHearing hearing;
-    ASSERT_EQ(TestGigEHearing(&hearing), HAL_OK);
+    ASSERT_EQ(FindMutedGigECameras(&hearing), HAL_OK);
     EXPECT_EQ(hearing.muted.size(), 3u);
     std::vector<AddressPlan> plans;
     ASSERT_EQ(PlanGigEAddresses(std::nullopt, &plans), HAL_OK);
     ASSERT_EQ(plans.size(), 1u);
     EXPECT_EQ(plans[0].newIp, 0xC0A84D02);
     ASSERT_EQ(PlanGigEAddresses(42, &plans), HAL_OK);
-    EXPECT_EQ(world->TakeLog(), (std::vector<std::string>{"Diagnose 1", "Diagnose 0", "TestHearing", "PlanAddresses",
-                                                          "PlanAddresses 42"}));
+    ASSERT_EQ(ApplyGigEAddresses(&plans), HAL_OK);
+    GigEDiscovery discovery;
+    ASSERT_EQ(DiscoverGigE(std::nullopt, &discovery), HAL_OK);
+    EXPECT_EQ(discovery.cameras.size(), 4u);
+    ASSERT_EQ(DiscoverGigE(GigECameraName{7, 0}, &discovery), HAL_OK);
+    GigESearchReport report;
+    ASSERT_EQ(GetGigESearchReport(&report), HAL_OK);
+    EXPECT_EQ(report.problems.size(), 5u);
+    ForceIpResult forced;
+    ASSERT_EQ(ForceGigEAddress({9, 0xC0A84D02, 0xFFFFFF00, 0}, &forced), HAL_OK);
+    EXPECT_TRUE(forced.verified);
+    AddressHolder holder;
+    ASSERT_EQ(FindGigEAddressHolder(0xC0A84D02, &holder), HAL_OK);
+    EXPECT_EQ(holder.kind, AddressHolder::Kind::Host);
+    EXPECT_EQ(world->TakeLog(),
+              (std::vector<std::string>{"Diagnose 1", "Diagnose 0", "FindMutedCameras", "PlanAddresses",
+                                        "PlanAddresses 42", "ApplyAddresses 1", "Discover 7 0", "GetSearchReport",
+                                        "ForceAddress 9 c0a84d02 ffffff00 0", "FindAddressHolder c0a84d02"}));
 }
+
+/// Asks every question. @param null  Without room for an answer.
+std::vector<std::uint32_t> AskAll(bool null) {
+    GigEDiagnosis diagnosis;
+    GigESearchReport report;
+    GigEDiscovery discovery;
+    GigEHearing hearing;
+    std::vector<AddressPlan> plans;
+    ForceIpResult forced;
+    AddressHolder holder;
+    const GigEAddress address{1, 0xC0A84D02, 0xFFFFFF00, 0};
+    return {
+        DiagnoseGigE(true, null ? nullptr : &diagnosis),         GetGigESearchReport(null ? nullptr : &report),
+        DiscoverGigE(std::nullopt, null ? nullptr : &discovery), FindMutedGigECameras(null ? nullptr : &hearing),
+        PlanGigEAddresses(1, null ? nullptr : &plans),           ApplyGigEAddresses(null ? nullptr : &plans),
+        ForceGigEAddress(address, null ? nullptr : &forced),     FindGigEAddressHolder(7, null ? nullptr : &holder)};
+}
+
+std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(8, status); }
 
 TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
-    GigEDiagnosis diagnosis;
-    std::vector<AddressPlan> plans;
+    EXPECT_EQ(AskAll(true), All(HAL_INVALID_ARGUMENT));
     world->status = HAL_PERMISSION;
-    EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_PERMISSION);
-    EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_PERMISSION);
-    GigEHearing hearing;
-    EXPECT_EQ(TestGigEHearing(&hearing), HAL_PERMISSION);
-    EXPECT_EQ(TestGigEHearing(nullptr), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(AskAll(false), All(HAL_PERMISSION));
     world->toThrow = Throw::BadAlloc;
-    EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_OUT_OF_MEMORY);
-    EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_OUT_OF_MEMORY);
+    EXPECT_EQ(AskAll(false), All(HAL_OUT_OF_MEMORY));
     world->toThrow = Throw::RuntimeError;
-    EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_FAILED);
-    EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_FAILED);
-    EXPECT_EQ(DiagnoseGigE(true, nullptr), HAL_INVALID_ARGUMENT);
-    EXPECT_EQ(PlanGigEAddresses(1, nullptr), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(AskAll(false), All(HAL_FAILED));
 }
 
-TEST(DiagnosticsOutsideTheHal, AreClosed) {
-    GigEDiagnosis diagnosis;
-    std::vector<AddressPlan> plans;
-    EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_CLOSED);
-    EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_CLOSED);
-    GigEHearing hearing;
-    EXPECT_EQ(TestGigEHearing(&hearing), HAL_CLOSED);
+TEST_F(Diagnostics, GiveNoCameraAnAddressThatNoneCanHave) {
+    ForceIpResult result;
+    EXPECT_EQ(ForceGigEAddress({1, 0xC0A84D00, 0xFFFFFF00, 0}, &result), HAL_BAD_ADDRESS);
+    EXPECT_EQ(ForceGigEAddress({1, 0xC0A84D02, 0xFFFFFFFF, 0}, &result), HAL_BAD_MASK);
+    EXPECT_EQ(ForceGigEAddress({1, 0xC0A84D02, 0xFFFFFF00, 1}, &result), HAL_BAD_GATEWAY);
+    EXPECT_TRUE(world->TakeLog().empty());
 }
+
+TEST(DiagnosticsOutsideTheHal, AreClosed) { EXPECT_EQ(AskAll(false), All(HAL_CLOSED)); }
 
 TEST(DiagnosticsOfABusThatNobodyDrives, SayThatThereIsNone) {
     Options options;
     options.fireWire = options.usb = options.gigE = Driver::None;
     ASSERT_TRUE(Configure(options));
     ASSERT_EQ(HAL_InitLibrary(), HAL_OK);
+    EXPECT_EQ(AskAll(false), All(HAL_NO_BUS));
     GigEDiagnosis diagnosis;
     diagnosis.cameras.resize(1);
-    std::vector<AddressPlan> plans(1);
-    EXPECT_EQ(DiagnoseGigE(true, &diagnosis), HAL_NO_BUS);
-    EXPECT_EQ(PlanGigEAddresses(1, &plans), HAL_NO_BUS);
-    GigEHearing hearing;
-    hearing.muted.resize(1);
-    EXPECT_EQ(TestGigEHearing(&hearing), HAL_NO_BUS);
-    EXPECT_TRUE(hearing.muted.empty());
-    EXPECT_TRUE(diagnosis.cameras.empty());
-    EXPECT_TRUE(plans.empty());
+    DiagnoseGigE(true, &diagnosis);
+    EXPECT_TRUE(diagnosis.cameras.empty()) << "no answer is not an old one";
     HAL_CleanupLibrary();
     EXPECT_TRUE(Configure(Options{}));
 }

@@ -34,7 +34,10 @@ struct FakeWorld {
     int fireWireDevices = 0;
     int usbCameras = 0;
     int gigECameras = 0;
-    std::vector<GvcpDiscoveryRecord> discovered;
+    GigEDiscovery discovered;
+    ForceIpResult forced;
+    AddressHolder holder;
+    GigESearchReport report;
     GigEDiagnosis diagnosis;
     GigEHearing hearing;
     std::vector<AddressPlan> plans;
@@ -339,18 +342,29 @@ public:
     std::uint32_t ListCameras(Listing<GigEDevice>* cameras) override {
         return List<FakeGigEDevice>("GigE ListCameras", m_world->gigECameras, cameras);
     }
-    std::uint32_t Discover(std::vector<GvcpDiscoveryRecord>* records) override {
-        *records = m_world->discovered;
+    std::uint32_t Discover(const std::optional<GigECameraName>& until, GigEDiscovery* discovery) override {
+        if (until) m_world->Log(Line("Discover %x %llx", until->ip, static_cast<unsigned long long>(until->mac)));
+        *discovery = m_world->discovered;
         return m_world->Answer();
     }
-    std::uint32_t ForceIp(std::uint64_t mac, std::uint32_t ipAddress, std::uint32_t subnetMask,
-                          std::uint32_t gateway) override {
-        m_world->Log(
-            Line("ForceIp %llx %x %x %x", static_cast<unsigned long long>(mac), ipAddress, subnetMask, gateway));
+    std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result) override {
+        m_world->Log(Line("ForceAddress %llx %x %x %x", static_cast<unsigned long long>(address.mac), address.ip,
+                          address.mask, address.gateway));
+        *result = m_world->forced;
         return m_world->Answer();
     }
-    std::uint32_t AutoForceIp(std::optional<std::uint32_t> serialNumber) override {
-        m_world->Log(serialNumber ? Line("AutoForceIp %u", *serialNumber) : std::string("AutoForceIp"));
+    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
+        m_world->Log(serialNumber ? Line("PlanAddresses %u", *serialNumber) : std::string("PlanAddresses"));
+        *plans = m_world->plans;
+        return m_world->Answer();
+    }
+    std::uint32_t ApplyAddresses(std::vector<AddressPlan>* plans) override {
+        m_world->Log("ApplyAddresses " + std::to_string(plans->size()));
+        return m_world->Answer();
+    }
+    std::uint32_t FindAddressHolder(std::uint32_t ip, AddressHolder* holder) override {
+        m_world->Log(Line("FindAddressHolder %x", ip));
+        *holder = m_world->holder;
         return m_world->Answer();
     }
     std::uint32_t Diagnose(bool askControl, GigEDiagnosis* diagnosis) override {
@@ -358,14 +372,14 @@ public:
         *diagnosis = m_world->diagnosis;
         return m_world->Answer();
     }
-    std::uint32_t TestHearing(GigEHearing* hearing) override {
-        m_world->Log("TestHearing");
-        *hearing = m_world->hearing;
+    std::uint32_t GetSearchReport(GigESearchReport* report) override {
+        m_world->Log("GetSearchReport");
+        *report = m_world->report;
         return m_world->Answer();
     }
-    std::uint32_t PlanAddresses(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) override {
-        m_world->Log(serialNumber ? Line("PlanAddresses %u", *serialNumber) : std::string("PlanAddresses"));
-        *plans = m_world->plans;
+    std::uint32_t FindMutedCameras(GigEHearing* hearing) override {
+        m_world->Log("FindMutedCameras");
+        *hearing = m_world->hearing;
         return m_world->Answer();
     }
 };

@@ -118,7 +118,7 @@ TEST_F(HalLifecycle, ABusThatDoesNotStartIsEmptyAndRegistersAllTheSame) {
     // Why no request can be sent is what the start answered.
     std::uint32_t records = 0;
     EXPECT_EQ(HAL_GvcpDiscovery(nullptr, &records), HAL_PERMISSION);
-    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 2, 3, 4), HAL_PERMISSION);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A80002, 0xFFFFFF00, 0), HAL_PERMISSION);
     EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_PERMISSION);
     EXPECT_EQ(HAL_GvcpAutoForceIpToCamera(1), HAL_PERMISSION);
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
@@ -342,7 +342,7 @@ TEST(ShippedHal, WithNoDriversThereIsNothingAndNoBus) {
     }
     std::uint32_t records = 0;
     EXPECT_EQ(HAL_GvcpDiscovery(nullptr, &records), HAL_NO_BUS);
-    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 2, 3, 4), HAL_NO_BUS);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A80002, 0xFFFFFF00, 0), HAL_NO_BUS);
     EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_NO_BUS);
     EXPECT_EQ(HAL_GvcpAutoForceIpToCamera(1), HAL_NO_BUS);
     EXPECT_EQ(HAL_CleanupLibrary(), HAL_OK);

@@ -294,8 +294,8 @@ TEST_F(HalOperations, NodeSerialNumbersFillOnlyTheSlotsThatAreThere) {
 }
 
 TEST_F(HalOperations, DiscoveryTellsTheNumberOfCamerasWhenTheyDoNotFit) {
-    world->discovered.resize(3);
-    for (std::uint32_t i = 0; i < 3; ++i) world->discovered[i].ipAddress = 100 + i;
+    world->discovered.cameras.resize(3);
+    for (std::uint32_t i = 0; i < 3; ++i) world->discovered.cameras[i].record.ipAddress = 100 + i;
     for (std::uint32_t capacity = 0; capacity <= 4; ++capacity) {
         GvcpDiscoveryRecord records[5] = {};
         std::uint32_t count = capacity;
@@ -308,11 +308,36 @@ TEST_F(HalOperations, DiscoveryTellsTheNumberOfCamerasWhenTheyDoNotFit) {
 
 TEST_F(HalOperations, ForceIpPacksTheMac) {
     ASSERT_EQ(HAL_GvcpForceIp(0x02B0, 0x5E0A0B0C, 0xC0A8000A, 0xFFFFFF00, 0xC0A80001), HAL_OK);
-    EXPECT_EQ(HAL_GvcpForceIp(0x10000, 0, 1, 2, 3), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(HAL_GvcpForceIp(0x10000, 0, 0xC0A8000A, 0xFFFFFF00, 0), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(world->TakeLog(), (Log{"ForceAddress 2b05e0a0b0c c0a8000a ffffff00 c0a80001"}));
+}
+
+TEST_F(HalOperations, ForceIpSendsNothingThatNoCameraCanHave) {
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A8000A, 0xFFFFFFFE, 0), HAL_BAD_MASK);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A8000A, 0, 0), HAL_BAD_MASK);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A80000, 0xFFFFFF00, 0), HAL_BAD_ADDRESS);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A800FF, 0xFFFFFF00, 0), HAL_BAD_ADDRESS);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0x7F000002, 0xFF000000, 0), HAL_BAD_ADDRESS);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A8000A, 0xFFFFFF00, 0xC0A8000A), HAL_BAD_GATEWAY);
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0xC0A8000A, 0xFFFFFF00, 0xC0A80101), HAL_BAD_GATEWAY);
+    EXPECT_EQ(world->TakeLog(), Log{});
+    EXPECT_EQ(HAL_GvcpForceIp(0, 1, 0, 0, 0), HAL_OK) << "the camera configures itself";
+    EXPECT_EQ(world->TakeLog(), (Log{"ForceAddress 1 0 0 0"}));
+}
+
+TEST_F(HalOperations, AutomaticAddressesAreThoseOfThePlan) {
+    world->plans.resize(2);
     ASSERT_EQ(HAL_GvcpForceIpAuto(), HAL_OK);
+    EXPECT_EQ(world->TakeLog(), (Log{"PlanAddresses", "ApplyAddresses 2"}));
+    world->plans.resize(1);
     ASSERT_EQ(HAL_GvcpAutoForceIpToCamera(42), HAL_OK);
-    EXPECT_EQ(world->TakeLog(),
-              (Log{"ForceIp 2b05e0a0b0c c0a8000a ffffff00 c0a80001", "AutoForceIp", "AutoForceIp 42"}));
+    EXPECT_EQ(world->TakeLog(), (Log{"PlanAddresses 42", "ApplyAddresses 1"}));
+}
+
+TEST_F(HalOperations, AnAutomaticAddressIsNotGivenWhereTwoCamerasHaveTheSerialNumber) {
+    world->plans.resize(2);
+    EXPECT_EQ(HAL_GvcpAutoForceIpToCamera(42), HAL_AMBIGUOUS);
+    EXPECT_EQ(world->TakeLog(), (Log{"PlanAddresses 42"}));
 }
 
 }  // namespace

@@ -105,22 +105,25 @@ TEST_F(RigDiagnosis, KnowsItsOwnControl) {
 
 TEST_F(RigDiagnosis, HearsEveryCameraOfAnInterfaceThatIsUp) {
     GigEHearing hearing;
-    ASSERT_EQ(m_bus->TestHearing(&hearing), HAL_OK);
+    ASSERT_EQ(m_bus->FindMutedCameras(&hearing), HAL_OK);
     ASSERT_EQ(hearing.interfaces.size(), 1u);
     EXPECT_EQ(hearing.interfaces[0].interface, Diagnose(false).interfaces[0].interface.index);
     EXPECT_EQ(hearing.interfaces[0].heard, 4u);
     EXPECT_TRUE(hearing.muted.empty());
     m_bus->Stop();
-    EXPECT_EQ(m_bus->TestHearing(&hearing), HAL_CLOSED);
+    EXPECT_EQ(m_bus->FindMutedCameras(&hearing), HAL_CLOSED);
 }
 
-TEST_F(RigDiagnosis, PlansOneFreeAddressForEachForeignCameraAndChangesNothing) {
+TEST_F(RigDiagnosis, PlansOneFreeAddressForEachCameraThatNeedsOneAndChangesNothing) {
     const std::vector<AddressPlan> plans = Plan();
     ASSERT_EQ(plans.size(), 4u);
-    EXPECT_TRUE(plans[0].alreadyRight && plans[1].alreadyRight) << "a taken address is one of the subnet";
+    EXPECT_TRUE(plans[0].alreadyRight);
+    EXPECT_EQ(plans[0].usability, GigEUsability::Usable);
     EXPECT_EQ(plans[0].newIp, 0u);
+    EXPECT_EQ(plans[1].usability, GigEUsability::AddressTaken);
+    EXPECT_EQ(plans[2].usability, GigEUsability::OtherSubnet);
     std::set<std::uint32_t> given;
-    for (const AddressPlan& plan : {plans[2], plans[3]}) {
+    for (const AddressPlan& plan : {plans[1], plans[2], plans[3]}) {
         EXPECT_FALSE(plan.alreadyRight);
         EXPECT_EQ(plan.status, HAL_OK);
         EXPECT_EQ(plan.interfaceName, "e0");
@@ -134,12 +137,17 @@ TEST_F(RigDiagnosis, PlansOneFreeAddressForEachForeignCameraAndChangesNothing) {
     EXPECT_EQ(Diagnose(false).cameras[2].record.ipAddress, 0x0A090909u);
 }
 
-TEST_F(RigDiagnosis, DoesWhatItHasPlanned) {
-    const std::vector<AddressPlan> plans = Plan();
-    ASSERT_EQ(m_bus->AutoForceIp(std::nullopt), HAL_OK);
+TEST_F(RigDiagnosis, DoesWhatItHasPlannedAndSaysWhatBecameOfIt) {
+    std::vector<AddressPlan> plans = Plan();
+    m_rig->Hold("far", Simulated::ControlOwner{{0xC0A84D06, 1234}, false});
+    EXPECT_EQ(m_bus->ApplyAddresses(&plans), HAL_NO_ACKNOWLEDGE);
     const GigEDiagnosis diagnosis = Diagnose(false);
-    EXPECT_EQ(diagnosis.cameras[2].record.ipAddress, plans[2].newIp);
-    EXPECT_EQ(diagnosis.cameras[3].record.ipAddress, plans[3].newIp);
+    EXPECT_EQ(diagnosis.cameras[1].record.ipAddress, plans[1].newIp);
+    EXPECT_EQ(plans[1].status, HAL_OK);
+    for (std::size_t i : {2u, 3u}) {
+        const bool moved = diagnosis.cameras[i].record.ipAddress == plans[i].newIp;
+        EXPECT_EQ(plans[i].status, moved ? HAL_OK : HAL_NO_ACKNOWLEDGE);
+    }
 }
 
 TEST_F(RigDiagnosis, PlansForOneCamera) {

@@ -437,7 +437,7 @@ TEST_F(RigStory, MakesEveryHalFunctionAnswerWhatAFaultSays) {
         {"HAL_UsbDeregisterBusEvents", [&] { return HAL_UsbDeregisterBusEvents(w); }},
         {"HAL_GigEDeregisterBusEvents", [&] { return HAL_GigEDeregisterBusEvents(w); }},
         {"HAL_GvcpDiscovery", [&] { return HAL_GvcpDiscovery(nullptr, &(small = 0)); }},
-        {"HAL_GvcpForceIp", [] { return HAL_GvcpForceIp(0, 1, 2, 3, 4); }},
+        {"HAL_GvcpForceIp", [] { return HAL_GvcpForceIp(0, 1, 0xC0A80002, 0xFFFFFF00, 0); }},
         {"HAL_GvcpForceIpAuto", [] { return HAL_GvcpForceIpAuto(); }},
         {"HAL_GvcpAutoForceIpToCamera", [] { return HAL_GvcpAutoForceIpToCamera(1); }},
         {"HAL_1394GetConfigInfo",
@@ -547,8 +547,15 @@ TEST_F(RigStory, FindsAGigECameraOnceItHasAnAddressOfThisSubnet) {
     EXPECT_EQ(HAL_GvcpForceIpAuto(), HAL_OK);
     Settle();
     EXPECT_THAT(m_record.Take(), UnorderedElementsAre("+201"));
+    CameraInfo cameras[8];
+    unsigned int count = 8;
+    ASSERT_FALSE(m_busMaster->DiscoverGigECameras(cameras, &count) != ERROR_OK);
+    const auto* moved =
+        std::find_if(cameras, cameras + count, [](const auto& info) { return info.serialNumber == 201; });
+    ASSERT_NE(moved, cameras + count);
+    EXPECT_EQ(PackIPAddress(moved->ipAddress) >> 8, 0xC0A84Du);
     ZevoGuid guid;
-    EXPECT_FALSE(m_busMaster->GetCameraFromIPAddress(IPAddress{{192, 168, 77, 2}}, &guid) != ERROR_OK);
+    EXPECT_FALSE(m_busMaster->GetCameraFromIPAddress(moved->ipAddress, &guid) != ERROR_OK);
     EXPECT_TRUE(GuidOf(201) == guid);
 }
 

@@ -8,7 +8,7 @@ namespace Nimbrel2::Tool::Doctor {
 
 GigEExamination ExamineGigE(bool simulated, std::optional<std::uint64_t> filteredBefore) {
     GigEExamination examined;
-    examined.status = Platform::TestGigEHearing(&examined.hearing);
+    examined.status = Platform::FindMutedGigECameras(&examined.hearing);
     if (examined.status == HAL_OK) examined.status = Platform::DiagnoseGigE(true, &examined.diagnosis);
     if (simulated) {
         examined.host.inputChains.emplace();

@@ -17,6 +17,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "platform/base/Netstat.h"
+
 namespace Nimbrel2::Tool::Doctor {
 namespace {
 
@@ -97,23 +99,7 @@ std::optional<std::vector<InputChain>> ParseRuleset(const std::string& json) {
 }
 
 std::optional<std::uint64_t> ParseFilteredPackets(const std::string& netstat) {
-    std::istringstream lines(netstat);
-    std::string names;
-    std::string values;
-    // Two lines a group: the names, then the values in the same order.
-    while (std::getline(lines, names) && std::getline(lines, values)) {
-        std::istringstream name(names);
-        std::istringstream value(values);
-        std::string nameWord;
-        std::string valueWord;
-        while (name >> nameWord && value >> valueWord) {
-            if (nameWord != "IPReversePathFilter") continue;
-            std::istringstream number(valueWord);
-            std::uint64_t count = 0;
-            if (number >> count) return count;
-        }
-    }
-    return std::nullopt;
+    return Platform::ParseNetstat(netstat, "IPReversePathFilter");
 }
 
 std::optional<std::uint64_t> ReadFilteredPackets() { return ParseFilteredPackets(ReadAll("/proc/net/netstat")); }

@@ -32,10 +32,6 @@ std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record);
 
 CameraKey KeyOf(const GvcpDiscoveryRecord& record);
 
-/// For messages: 02:00:00:00:77:01 and 192.168.77.101.
-std::string MacText(std::uint64_t mac);
-std::string IpText(std::uint32_t ip);
-
 }  // namespace Nimbrel2::Platform::GigE
 
 #endif

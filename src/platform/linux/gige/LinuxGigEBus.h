@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // GigE Vision cameras on this computer's own network interfaces.
-// Any thread; see GigECore.h for the threads and locks below.
+// Any thread; see GigEDriver.h for the threads and locks below.
 #ifndef NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
 #define NIMBREL2_PLATFORM_LINUX_GIGE_LINUXGIGEBUS_H
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ struct LinuxGigEOptions {
 
     /// How long the first listing and each discovery listen, from their first request.
     std::chrono::milliseconds discoveryWindow{1000};
+
+    /// As in Platform::Options.
+    std::optional<GigECameraName> searchFor;
+    std::optional<PortRange> sourcePorts;
 };
 
 /// The driver of the GigE bus. It looks for cameras from Start() on, in the network namespace of the thread that calls

@@ -60,28 +60,28 @@ std::optional<UdpInIp> ParseUdpInIp(std::span<const std::uint8_t> packet) {
                    udp.subspan(kUdpHeaderBytes, udpBytes - kUdpHeaderBytes)};
 }
 
-PacketListener::PacketListener(std::shared_ptr<UdpPort> port) : m_port(std::move(port)) {
+PacketListener::PacketListener(std::shared_ptr<UdpSocket> socket) : m_socket(std::move(socket)) {
     // Protocol 0 hears nothing until the filter is in place; the bind then switches it on.
     FileDescriptor fd(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.IsOpen() || !AttachFilter(fd.Get(), m_port->GetLocalPort())) return;
+    if (!fd.IsOpen() || !AttachFilter(fd.Get(), m_socket->GetLocalPort())) return;
     sockaddr_ll local{};
     local.sll_family = AF_PACKET;
     local.sll_protocol = htons(ETH_P_IP);
-    local.sll_ifindex = m_port->GetInterface();
+    local.sll_ifindex = m_socket->GetInterface();
     if (::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) return;
-    m_socket = std::move(fd);
+    m_packets = std::move(fd);
 }
 
 void PacketListener::Drain(std::size_t budget, DatagramHandler& handler) {
     std::array<std::uint8_t, 1024> packet;
     for (std::size_t i = 0; i < budget; ++i) {
-        const ssize_t size = ::recv(m_socket.Get(), packet.data(), packet.size(), MSG_TRUNC);
+        const ssize_t size = ::recv(m_packets.Get(), packet.data(), packet.size(), MSG_TRUNC);
         if (size < 0 && (errno == EINTR || errno == ENETDOWN)) continue;
         if (size < 0) return;
         if (static_cast<std::size_t>(size) > packet.size()) continue;
         const auto udp = ParseUdpInIp({packet.data(), static_cast<std::size_t>(size)});
-        if (!udp || udp->toPort != m_port->GetLocalPort()) continue;
-        handler.OnDatagram(*m_port, udp->from, udp->fromPort, udp->payload);
+        if (!udp || udp->toPort != m_socket->GetLocalPort()) continue;
+        handler.OnDatagram(*m_socket, udp->from, udp->fromPort, udp->payload);
     }
 }
 

@@ -10,7 +10,7 @@
 #include <span>
 
 #include "platform/base/FileDescriptor.h"
-#include "platform/linux/gige/UdpPort.h"
+#include "platform/linux/gige/UdpSocket.h"
 
 namespace Nimbrel2::Platform::GigE {
 
@@ -27,18 +27,18 @@ std::optional<UdpInIp> ParseUdpInIp(std::span<const std::uint8_t> packet);
 
 class PacketListener {
 public:
-    /// Begins to listen for GVCP answers to the port, on the port's interface. Not open when that is not allowed.
-    explicit PacketListener(std::shared_ptr<UdpPort> port);
+    /// Begins to listen for GVCP answers to the socket's port, on its interface. Not open when that is not allowed.
+    explicit PacketListener(std::shared_ptr<UdpSocket> socket);
 
-    bool IsOpen() const { return m_socket.IsOpen(); }
-    int GetFd() const { return m_socket.Get(); }
+    bool IsOpen() const { return m_packets.IsOpen(); }
+    int GetFd() const { return m_packets.Get(); }
 
-    /// Hands what has arrived to the handler as if the port had heard it; at most budget packets.
+    /// Hands what has arrived to the handler as if the socket had heard it; at most budget packets.
     void Drain(std::size_t budget, DatagramHandler& handler);
 
 private:
-    const std::shared_ptr<UdpPort> m_port;
-    FileDescriptor m_socket;
+    const std::shared_ptr<UdpSocket> m_socket;
+    FileDescriptor m_packets;
 };
 
 }  // namespace Nimbrel2::Platform::GigE

@@ -6,21 +6,18 @@
 
 namespace Nimbrel2::Platform::GigE {
 
-RequestIds::RequestIds(std::uint16_t first) : m_next(first != 0 ? first : 1) {}
-
 std::uint16_t RequestIds::Take() {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (m_numOutstanding == 65535) return 0;
-    while (m_outstanding[m_next]) m_next = Gvcp::NextRequestId(m_next);
-    const std::uint16_t id = m_next;
+    auto id = static_cast<std::uint16_t>(1 + m_random.Below(65535));
+    while (m_outstanding[id]) id = Gvcp::NextRequestId(id);
     m_outstanding[id] = true;
     ++m_numOutstanding;
-    m_next = Gvcp::NextRequestId(id);
     return id;
 }
 
 void RequestIds::Release(std::uint16_t id) {
-    std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     if (id == 0 || !m_outstanding[id]) return;
     m_outstanding[id] = false;
     --m_numOutstanding;

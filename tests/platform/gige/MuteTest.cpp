@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+// Cameras that answer discoveries and no registers, beside others that answer both.
+#include "platform/gvcp/GvcpCodec.h"
+#include "tests/platform/gige/GigEFixture.h"
+#include "tests/platform/gige/HostileDevice.h"
+
+namespace Nimbrel2::Testing {
+namespace {
+
+using Platform::GigEUsability;
+using Platform::Gvcp::MessageId;
+using Request = HostileDevice::Request;
+
+constexpr std::uint32_t kNumCameras = 64;
+constexpr std::uint32_t kNumMute = 8;
+
+/// 56 simulated cameras at 192.168.77.10 and above, and at 192.168.77.201 to 208 a device that is eight cameras.
+class GigEMute : public GigEWireTest {
+protected:
+    GigEMute() {
+        m_wire.Ip("addr flush dev c0");
+        m_wire.Ip("link add br0 type bridge");
+        m_wire.Ip("link set br0 up");
+        m_wire.Ip("link set c0 master br0");
+        Connect(m_wire, "c1", m_elsewhere, "e0");
+        m_wire.Ip("link set c1 master br0");
+        for (std::uint32_t i = 0; i < kNumMute; ++i) {
+            m_elsewhere.Ip("addr add " + Platform::FormatIp(MuteIp(i)) + "/24 dev e0");
+        }
+        for (std::uint32_t i = 0; i < kNumCameras - kNumMute; ++i) {
+            auto options = CameraOptions(Platform::FormatIp(Ip("192.168.77.10") + i), 1 + i);
+            options.interfaceName = "br0";
+            AddCamera(options);
+        }
+    }
+
+    static std::uint32_t MuteIp(std::uint32_t i) { return Ip("192.168.77.201") + i; }
+
+    /// @param answer  What they say to a request for a register.
+    [[nodiscard]] HostileDevice MakeMute(std::function<void(HostileDevice&, const Request&)> answer) {
+        return HostileDevice(m_elsewhere, MuteIp(0), [answer](HostileDevice& device, const Request& request) {
+            if (request.Is(MessageId::ReadRegCmd)) answer(device, request);
+            if (!request.Is(MessageId::DiscoveryCmd)) return;
+            for (std::uint32_t i = 0; i < kNumMute; ++i) {
+                const std::uint32_t ip = MuteIp(i);
+                if (request.to != ip && request.to != 0xFFFFFFFF) continue;
+                device.AnswerFrom(request, ip, 3956, HostileDevice::DiscoveryAck(request, 0x066600000000 + i, ip));
+            }
+        });
+    }
+
+    /// What an enumeration asks of the driver.
+    std::chrono::milliseconds Enumerate() {
+        const auto start = Clock::now();
+        const auto cameras = List();
+        EXPECT_EQ(cameras.size(), kNumCameras);
+        for (const auto& camera : cameras) {
+            bool monitor = false;
+            GvcpDiscoveryRecord record{};
+            std::uint32_t ip = 0;
+            EXPECT_EQ(camera->IsInMonitorMode(&monitor), HAL_OK);
+            EXPECT_EQ(camera->GetRecord(&record), HAL_OK);
+            EXPECT_EQ(camera->ReadRegister(0x24, &ip), HAL_OK);
+            EXPECT_EQ(ip, record.ipAddress);
+            EXPECT_EQ(monitor, record.ipAddress >= MuteIp(0)) << "one that does not answer may only be watched";
+        }
+        return Since(start);
+    }
+
+    void EnumerateThreeTimes() {
+        Start({});
+        // One after the other they would take 0.6 s each and more. What is waited for is 0.5 s, once.
+        EXPECT_LT(Enumerate(), m_window + 2500ms);
+        const auto second = Enumerate();
+        const auto third = Enumerate();
+        EXPECT_LT(std::min(second, third), 400ms) << "they are waited for once";
+    }
+
+    std::size_t CountMuteInDiagnosis() {
+        Platform::GigEDiagnosis diagnosis;
+        EXPECT_EQ(m_bus->Diagnose(false, &diagnosis), HAL_OK);
+        return static_cast<std::size_t>(
+            std::count_if(diagnosis.cameras.begin(), diagnosis.cameras.end(),
+                          [](const auto& camera) { return camera.usability == GigEUsability::NoRegisters; }));
+    }
+
+    NetworkNamespace m_elsewhere;
+};
+
+TEST_F(GigEMute, CamerasHoldAListingUpOnceAndForHalfASecond) {
+    const HostileDevice mute = MakeMute([](HostileDevice&, const Request&) {});
+    EnumerateThreeTimes();
+    EXPECT_EQ(CountMuteInDiagnosis(), kNumMute);
+}
+
+TEST_F(GigEMute, CamerasThatAskForTimeForEverAreTreatedAlike) {
+    const HostileDevice mute = MakeMute([](HostileDevice& device, const Request& request) {
+        device.AnswerFrom(request, request.to, 3956,
+                          Platform::Gvcp::EncodePendingAck(request.header.requestId, 0xFFFF).GetBytes());
+    });
+    EnumerateThreeTimes();
+    EXPECT_EQ(CountMuteInDiagnosis(), kNumMute);
+}
+
+TEST_F(GigEMute, CamerasThatAnswerAgainAreNoLongerMute) {
+    std::atomic<bool> answers{false};
+    const HostileDevice mute = MakeMute([&](HostileDevice& device, const Request& request) {
+        if (!answers) return;
+        const std::uint32_t value = request.Address() == 0x24 ? request.to : 0;
+        device.AnswerFrom(request, request.to, 3956, HostileDevice::ReadAck(request, value));
+    });
+    Start({});
+    Enumerate();
+    ASSERT_EQ(CountMuteInDiagnosis(), kNumMute);
+    answers = true;
+    const auto deadline = Clock::now() + 10s;
+    while (CountMuteInDiagnosis() > 0 && Clock::now() < deadline) List();
+    EXPECT_EQ(CountMuteInDiagnosis(), 0u);
+    for (const auto& camera : List()) {
+        bool monitor = true;
+        EXPECT_EQ(camera->IsInMonitorMode(&monitor), HAL_OK);
+        EXPECT_FALSE(monitor);
+    }
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Testing
