@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # Thin fronts for CMake presets and scripts/; each first sees to the Debian packages that it needs.
-.PHONY: all run build test bench check test-arm64 clean
+.PHONY: all run build test bench symbols check test-arm64 clean
 
 all: build
 
@@ -26,6 +26,16 @@ bench:
 	cmake --preset bench
 	cmake --build --preset bench
 	for program in build/bench/bin/bench_*; do bench/ratios.py $$program || exit; done
+
+# Writes anew what the shared libraries show: their symbols, and for this architecture the layout of their types.
+symbols:
+	scripts/setup.sh test
+	cmake --preset dev
+	cmake --build --preset dev --target nimbrel2 nimbrel2_simulation
+	for name in nimbrel2 nimbrel2_simulation; do \
+	    tests/project/check_symbols.py nm tests/project/symbols/$$name.txt build/dev/lib/lib$$name.so --update && \
+	    tests/project/check_abi.py . tests/project/symbols/$$name-$$(uname -m).abi build/dev/lib/lib$$name.so --update || \
+	    exit; done
 
 # Everything that may refuse a change: format, clang-tidy, thread-safety analysis, fuzzers, all tests, sanitizers, arm64.
 check:

@@ -7,9 +7,9 @@ set -euo pipefail
 build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-date-time-dev libboost-dev
        libcli11-dev nlohmann-json3-dev libgraphviz-dev)
 # The independent camera is in aravis-tools, the tool that lists it in aravis-tools-cli.
-# clang shows that its thread-safety analysis sees our mutexes.
+# clang shows that its thread-safety analysis sees our mutexes, abigail-tools what programs are compiled against.
 tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables
-       procps python3 python3-jsonschema)
+       procps python3 python3-jsonschema abigail-tools)
 bench=(libbenchmark-dev python3 aravis-tools-cli)
 # clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
 ci=(clang clang-tidy libclang-rt-14-dev)

@@ -235,21 +235,36 @@ public:
     /// The cameras that can be used, sorted by MAC and address. May wait for the network: at most 3 s, the first time
     /// for the discovery window and 2 s. HAL_PERMISSION, HAL_OUT_OF_MEMORY: nobody could be asked.
     virtual std::uint32_t ListCameras(Listing<GigEDevice>* /*cameras*/) { return HAL_OK; }
-    // As Diagnostics.h states them for the functions of these names. What Discover hears is also what
-    // HAL_GvcpDiscovery answers, and ForceAddress and the two for plans are what HAL_GvcpForceIp and its siblings do.
+    // The services. What they find is told in full in Diagnostics.h. HAL_NO_BUS, HAL_PERMISSION, HAL_UNREACHABLE: no
+    // request could be sent on any interface; where some could not, the report says which.
+
+    /// Broadcasts, and collects cameras on any subnet, sorted by MAC: one discovery window, and 0.6 s more while some
+    /// do not answer at their addresses. HAL_OK also when there is none.
+    /// @param until  The search ends as soon as this camera has answered.
     virtual std::uint32_t Discover(const std::optional<GigECameraName>& /*until*/, GigEDiscovery* /*discovery*/) {
         return m_reason;
     }
+    /// Gives one camera an address by FORCEIP, and waits until it answers there: 0.9 s, and 2 s more.
+    /// HAL_NO_ACKNOWLEDGE: nobody has acknowledged.
     /// @param address  Has passed CheckCameraAddress (platform/base/CameraAddress.h).
     virtual std::uint32_t ForceAddress(const GigEAddress& /*address*/, ForceIpResult* /*result*/) { return m_reason; }
+    /// Which cameras need another address, and a free one for each, sorted by MAC; changes nothing. One discovery
+    /// window, and 0.3 s more. HAL_GONE: no camera has that serial number.
     virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
                                         std::vector<AddressPlan>* /*plans*/) {
         return m_reason;
     }
+    /// Carries plans out, all at once, and writes the status of each: 0.9 s, and 2 s more. Unlike other containers, the
+    /// plans come in. @return the first status of a plan that is not HAL_OK.
     virtual std::uint32_t ApplyAddresses(std::vector<AddressPlan>* /*plans*/) { return m_reason; }
+    /// Who has that address: 0.2 s where a host must be asked. HAL_OK, whoever has it.
     virtual std::uint32_t FindAddressHolder(std::uint32_t /*ip*/, AddressHolder* /*holder*/) { return m_reason; }
+    /// What is known of interfaces and cameras. No I/O with cameras; with askControl one question to each, all at once:
+    /// half a second at most.
     virtual std::uint32_t Diagnose(bool /*askControl*/, GigEDiagnosis* /*diagnosis*/) { return m_reason; }
+    /// Where the searches that listings go by do not search. No I/O with cameras.
     virtual std::uint32_t GetSearchReport(GigESearchReport* /*report*/) { return m_reason; }
+    /// Cameras whose answers do not reach this program: one discovery window, and 0.6 s more.
     virtual std::uint32_t FindMutedCameras(GigEHearing* /*hearing*/) { return m_reason; }
 
 private:

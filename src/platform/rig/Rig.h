@@ -52,8 +52,7 @@ public:
     /// @pre Validate found nothing.
     explicit Rig(RigDescription description);
 
-    // ---- What happens to the computer. An empty result: done; else why it cannot be.
-    // ---------------------------------
+    // ---- What happens to the computer. An empty result: done; else why it cannot be. --------------------------------
     std::optional<std::string> Plug(const std::string& device);
     std::optional<std::string> Unplug(const std::string& device);
     /// A FireWire device onto a port of another PHY, a USB device onto a port of a hub or host, a GigE camera onto a
@@ -78,8 +77,7 @@ public:
     /// Virtual time: delays of faults are not waited for. Off at first.
     void SetFast(bool fast);
 
-    // ---- For the drivers
-    // ---------------------------------------------------------------------------------------------
+    // ---- For the drivers --------------------------------------------------------------------------------------------
     /// Where the state of a bus kind is reported from now on, beginning with how it is; null: nowhere.
     void ConnectFireWire(BusEventSink* sink);
     void ConnectUsb(BusEventSink* sink);
