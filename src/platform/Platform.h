@@ -71,6 +71,11 @@ struct Options {
     /// USB cameras besides those of the USB3 Vision class.
     std::vector<UsbId> usbCameraIds;
 
+    /// Receives what a driver has to say that no result tells: that it cannot hear of changes, which device makes no
+    /// sense to it. One line each, said once. Called on any thread, with locks of the driver held: it must not call the
+    /// HAL, nor throw. Empty: it is dropped.
+    std::function<void(const std::string& text)> trace;
+
     /// Makes the drivers of the buses with Driver::Rig; must be there when one has it. SimulatedComputer::MakeOptions
     /// (platform/SimulatedComputer.h, in a library of its own) sets it. Called by HAL_InitLibrary.
     std::function<Drivers(const Options& options, const BusEventSinks& sinks)> makeDrivers;

@@ -5,8 +5,8 @@
 
 namespace Nimbrel2::Platform {
 
-EventDelivery::EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context)
-    : m_bus(bus), m_function(function), m_context(context) {}
+EventDelivery::EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context, bool settles)
+    : m_bus(bus), m_function(function), m_context(context), m_queue(settles) {}
 
 void EventDelivery::Run() {
     UniqueLock lock(m_mutex);
@@ -34,10 +34,10 @@ void EventDelivery::Run() {
     m_endedCondition.NotifyAll();
 }
 
-void EventDelivery::Add(const BusEvent& event) {
+void EventDelivery::Add(const BusEvent& event, bool settled) {
     const Clock::time_point now = Clock::now();
     const LockGuard lock(m_mutex);
-    m_queue.Add(event, now);
+    m_queue.Add(event, now, settled);
     m_idle = m_idle && m_stopped;
     m_wake.NotifyOne();
 }

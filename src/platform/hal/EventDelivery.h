@@ -17,12 +17,14 @@ class EventDelivery {
 public:
     using Clock = std::chrono::steady_clock;
 
-    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context);
+    /// @param settles  As for EventQueue.
+    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context, bool settles = true);
 
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();
 
-    void Add(const BusEvent& event);
+    /// @param settled  As for EventQueue::Add.
+    void Add(const BusEvent& event, bool settled = false);
 
     /// Waits until nothing waits to be delivered and no callback is in flight. False when the deadline came first.
     [[nodiscard]] bool WaitUntilIdle(Clock::time_point deadline) const;
