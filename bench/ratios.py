@@ -34,6 +34,10 @@ PAIRS = [
     ("the first discovery of 1 that answers without end / of 1", "DiscoverFirstUnderSteadyAnswers", "DiscoverFirst1",
      1.1),
     ("a GigE register / a bare socket", "ReadRegister", "ReadRegisterOnBareSocket", 1.3),
+    ("listing a USB tree of 127 / libusb's list and the texts", "ListUsbTreeOf127", "ListUsbTreeOf127WithLibusb", 1.0),
+    ("the first listing of it, starting included / libusb's", "ListUsbTreeOf127First", "ListUsbTreeOf127FirstWithLibusb",
+     None),
+    ("a USB plug to the arrival callback / quiet and one scan", "UsbPlugToArrivalCallback", "BareUsbPlugToScan", 1.5),
     ("starting on a rig of 512 cameras / the HAL alone", "StartRigOf512Cameras", "BareStartOf512Cameras", None),
 ]
 # (what, operation, most microseconds or None)

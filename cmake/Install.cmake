@@ -60,9 +60,11 @@ foreach(package nimbrel2 nimbrel2-simulation)
   install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${pkgConfigFolder})
 endforeach()
 
+# Where udevd looks, below any prefix that it looks at; elsewhere `nimbrel doctor` says what to do with it.
+install(FILES packaging/udev/70-nimbrel2-usb3-vision.rules DESTINATION lib/udev/rules.d)
+
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  cmake_path(GET GRAPHVIZ_PLUGIN_CORE PARENT_PATH graphvizPlugins)
-  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram};${graphvizPlugins}")
+  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
   install(TARGETS nimbrel)
 endif()

@@ -17,6 +17,8 @@
 
 namespace Nimbrel2::Platform {
 
+// ---- GigE ----------------------------------------------------------------------------------------------------------
+
 /// An IPv4 address of this computer, with the subnet that it is in.
 struct InterfaceAddress {
     std::uint32_t address = 0;
@@ -279,6 +281,77 @@ struct AddressHolder {
     std::string interfaceName;
 };
 
+// ---- USB -----------------------------------------------------------------------------------------------------------
+
+/// One port of a hub. What the kernel does not say of it keeps its default.
+struct UsbPortDiagnosis {
+    std::uint8_t number = 0;
+    std::string connectType;         ///< "hotplug", "hardwired", "not used", "unknown"
+    std::string device;              ///< UsbDeviceDiagnosis::name of what is plugged in
+    std::string peerHub;             ///< name of the hub that has the same socket in the other half of the controller
+    std::uint8_t peerPort = 0;       ///< its number there
+    std::uint32_t overCurrents = 0;  ///< how often the port was switched off because too much was drawn from it
+};
+
+/// Who has taken an interface of a device.
+struct UsbClaim {
+    std::uint8_t interface = 0;
+    bool isControl = false;     ///< it is the one by which the camera's registers are reached
+    std::string driver;         ///< of the kernel; "usbfs" stands for a program
+    std::uint32_t process = 0;  ///< that program; 0 when this user may not see it
+    std::string command;        ///< its name
+};
+
+/// One device as the kernel describes it. The two halves of a USB 3 hub are two devices.
+struct UsbDeviceDiagnosis {
+    std::string name;            ///< the kernel's: "usb2" is the root hub of bus 2, "2-1.3" is on port 3 of "2-1"
+    std::string hub;             ///< name of the hub above; empty for a root hub
+    std::uint8_t port = 0;       ///< on that hub; 0 for a root hub
+    std::string controller;      ///< "0000:00:14.0"
+    std::uint64_t hostKey = 0;   ///< tells controllers apart, as HAL_UsbGetSelfIds does
+    std::uint32_t deviceId = 0;  ///< as in UsbSelfId; 63, the host's, for a root hub
+    std::uint32_t bus = 0;
+    std::uint32_t number = 0;      ///< on its bus: bus << 8 | number is what HAL_UsbGetConfigInfo tells
+    std::uint16_t usbVersion = 0;  ///< bcdUSB
+    std::uint16_t vendorId = 0;
+    std::uint16_t productId = 0;
+    std::string vendor;  ///< the three texts are empty when the device has none; a camera's are those of its listing
+    std::string model;
+    std::string serial;
+
+    // Mbit/s; 0 when nobody knows.
+    std::uint32_t speed = 0;        ///< of the link now
+    std::uint32_t deviceSpeed = 0;  ///< the most that the device can do
+    std::uint32_t portSpeed = 0;    ///< the most that its port can do, by this hub or by its other half
+
+    bool isHub = false;
+    std::vector<UsbPortDiagnosis> ports;  ///< of a hub, in the order of their numbers
+
+    bool isCamera = false;
+    bool isVision = false;           ///< a camera by the USB3 Vision class; else one that Options::usbCameraIds names
+    bool isListed = false;           ///< a camera that listings show: it is authorized and configured
+    std::uint32_t serialNumber = 0;  ///< of a camera
+    bool isAuthorized = true;
+    std::uint32_t configuration = 0;  ///< 0 for none
+
+    std::string powerControl;        ///< "auto": the kernel may suspend it; "on": it may not
+    std::string runtimeStatus;       ///< "active", "suspended", ...
+    std::int32_t suspendDelay = -1;  ///< after so many ms without use; never when negative
+
+    std::string node;              ///< "/dev/bus/usb/002/027"
+    int nodeError = 0;             ///< errno that this user gets who wants to send it requests; 0: may do so
+    std::vector<UsbClaim> claims;  ///< of a camera
+};
+
+struct UsbDiagnosis {
+    int error = 0;               ///< errno of the last look at the buses
+    bool hearsUevents = true;    ///< of plugging in and out; else the driver looks every two seconds
+    int ueventError = 0;         ///< errno of the socket; 0: the kernel does not send them into this namespace
+    bool isUdevRunning = false;  ///< it gives device nodes to users
+    std::optional<std::uint32_t> memoryLimit;  ///< MB for all transfers of programs together (usbfs); 0: none
+    std::vector<UsbDeviceDiagnosis> devices;   ///< by controller; of each the buses, and each device after its hub
+};
+
 // ---- Questions -----------------------------------------------------------------------------------------------------
 
 /// Whether a bus is searched. A bus that is not lists nothing and raises nothing, which to the bus master is the same
@@ -289,8 +362,8 @@ struct AddressHolder {
 NIMBREL2_API std::uint32_t GetBusSupport(HALInterfaceType bus);
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
-/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Half a
-///                    second, once, is spent on those that do not answer.
+/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Those
+///                    that do not answer are waited for half a second, once.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.
@@ -353,6 +426,13 @@ NIMBREL2_API std::uint32_t ForceGigEAddress(const GigEAddress& address, ForceIpR
 /// @return HAL_OK, whoever has it; HAL_NO_BUS or the reason when no network interface can be used.
 /// @par Threads  Any, but an event callback. Some 0.2 s where a host must be asked.
 NIMBREL2_API std::uint32_t FindGigEAddressHolder(std::uint32_t ip, AddressHolder* holder);
+
+/// What is known of USB controllers, hubs and devices, those that no listing shows included. Opens no device and asks
+/// none, and raises nothing.
+/// @param diagnosis  Overwritten.
+/// @return HAL_OK, with what could not be read in it; HAL_NO_BUS when nobody drives the bus.
+/// @par Threads  Any, but an event callback. Reads sysfs: milliseconds.
+NIMBREL2_API std::uint32_t DiagnoseUsb(UsbDiagnosis* diagnosis);
 
 }  // namespace Nimbrel2::Platform
 

@@ -31,6 +31,10 @@ for name in libnimbrel2 libnimbrel2_simulation; do
 done
 libdir=$(dirname "$library")
 
+# udevd looks for rules below /usr and /usr/local.
+cmp "$source/packaging/udev/70-nimbrel2-usb3-vision.rules" "$work/prefix/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules" ||
+    fail "the udev rule is not installed"
+
 # What our own build is compiled with is nobody else's business.
 leaked=$(grep -rnE -- '-W|-fsanitize|-fno-omit|build_flags|'"$source|$build" "$libdir/cmake" "$libdir/pkgconfig" || true)
 [ -z "$leaked" ] || fail "flags or paths of our own build are exported:"$'\n'"$leaked"
@@ -55,6 +59,18 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror "$work/project/main.cpp" -o "$work/with_pkgconfig" \
     $(pkg-config --cflags --libs nimbrel2-simulation)
 expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"
+
+# A program for real cameras carries no simulated ones and no JSON parser.
+# shellcheck disable=SC2046
+"$cxx" -std=c++17 "$work/project/main_own_hal.cpp" -o "$work/real_cameras" $(pkg-config --cflags --libs nimbrel2)
+libraries=$(LD_LIBRARY_PATH=$libdir ldd "$work/real_cameras")
+[[ $libraries == *libnimbrel2.so* && $libraries != *simulation* ]] ||
+    fail "a program for real cameras loads other libraries than libnimbrel2: $libraries"
+parser=nlohmann
+grep -qa $parser "$libdir/libnimbrel2_simulation.so" || fail "a JSON parser is no longer called $parser: look for its name"
+for file in "$work/real_cameras" "$libdir/libnimbrel2.so"; do
+    ! grep -qa $parser "$file" || fail "$file carries a JSON parser"
+done
 
 # Plug-ins that hide their symbols, whatever they are optimised for, share the one bus master of the library, and it stays
 # when they are unloaded.

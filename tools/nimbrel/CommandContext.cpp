@@ -3,9 +3,11 @@
 #include "tools/nimbrel/CommandContext.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
+#include "common/Trace.h"
 #include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
 #include "tools/nimbrel/ErrorTexts.h"
@@ -44,6 +46,20 @@ void CheckGivenOnce(const std::string& option, bool given) {
 Platform::Driver* DriverOf(Platform::Options* options, HALInterfaceType bus) {
     if (bus == HAL_INTERFACE_1394) return &options->fireWire;
     return bus == HAL_INTERFACE_USB ? &options->usb : &options->gigE;
+}
+
+// "1209:0001": two groups of four hexadecimal digits, as lsusb prints them.
+Platform::UsbId ParseUsbId(const std::string& text) {
+    unsigned int vendor = 0;
+    unsigned int product = 0;
+    char behind = 0;
+    const bool hasForm =
+        text.size() == 9 && text[4] == ':' && text.find_first_not_of("0123456789abcdefABCDEF:") == std::string::npos;
+    if (!hasForm || std::sscanf(text.c_str(), "%4x:%4x%c", &vendor, &product, &behind) != 2) {
+        throw CommandError("--usb-id: \"" + text + "\" is not two groups of four hexadecimal digits, like 1209:0001",
+                           kUsage);
+    }
+    return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product)};
 }
 
 void CheckExists(const std::vector<std::string>& interfaces) {
@@ -113,6 +129,19 @@ void CommandContext::AddBusOptions(CLI::App& command) {
         },
         Times::Repeatable);
     AddNetworkOptions(command);
+    AddValue(
+        command, "--usb-id", "VID:PID",
+        "USB devices with these ids are cameras, though\n"
+        "no class says so; repeatable. Four hexadecimal\n"
+        "digits each, as lsusb prints them.",
+        [this](const std::string& text) {
+            const Platform::UsbId id = ParseUsbId(text);
+            std::erase_if(m_usbIds, [id](const Platform::UsbId& other) {
+                return other.vendor == id.vendor && other.product == id.product;
+            });
+            m_usbIds.push_back(id);
+        },
+        Times::Repeatable);
     command.add_flag("--virtual", m_virtual, "List virtual cameras too.");
     AddRigOptions(command);
 }
@@ -212,6 +241,8 @@ Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) 
     } else {
         options.networkInterfaces = m_interfaces;
     }
+    options.usbCameraIds = m_usbIds;
+    options.trace = [](const std::string& text) { Trace(text); };
     options.discoveryWindow = m_discoveryWindow.value_or(unlessGiven);
     options.sourcePorts = m_sourcePorts;
     options.searchFor = m_searchFor;

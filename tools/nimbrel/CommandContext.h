@@ -43,8 +43,8 @@ public:
 
     /// `--json` and `--color`.
     void AddJsonOption(CLI::App& command, const std::string& description);
-    /// `--interface`, `--bus`, `--discovery-window`, `--source-port`, `--virtual`, `--rig`, `--demo`: for commands that
-    /// start the bus master.
+    /// `--interface`, `--bus`, `--usb-id`, `--discovery-window`, `--source-port`, `--virtual`, `--rig`, `--demo`: for
+    /// commands that start the bus master.
     void AddBusOptions(CLI::App& command);
     /// The same without `--bus` and `--virtual`: for commands that are about GigE alone.
     void AddGigEOptions(CLI::App& command);
@@ -123,6 +123,7 @@ private:
     bool m_virtual = false;
     std::vector<std::string> m_interfaces;
     std::vector<std::string> m_buses;
+    std::vector<Platform::UsbId> m_usbIds;
     std::optional<std::chrono::milliseconds> m_discoveryWindow;
     std::optional<Platform::PortRange> m_sourcePorts;
     std::optional<Platform::GigECameraName> m_searchFor;

@@ -12,6 +12,7 @@
 #include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
+#include "tools/nimbrel/doctor/UsbChecks.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -22,7 +23,7 @@ using Doctor::Findings;
 const char kFooter[] =
     R"help(Changes nothing: each finding comes with the command that cures it. Root may see
 more (the rules of a firewall and what they drop). What could not be checked is
-said. The checks of GigE are complete; IEEE 1394 and USB have few yet.
+said. IEEE 1394 has no checks yet.
 
 Exit status:
   0  Nothing is wrong.
@@ -60,8 +61,13 @@ void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Finding
     for (const BusFailure& failure :
          FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
         if (failure.bus.type == HAL_INTERFACE_GIGE) continue;  // its own checks name the cause
-        all->push_back({std::string(failure.bus.name) + ".driver", false, failure.Describe(),
-                        std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
+        const std::string check = std::string(failure.bus.name) + ".driver";
+        const bool isNamed = std::any_of(all->begin(), all->end(), [&check](const Finding& finding) {
+            return !finding.ok && finding.check == check;
+        });
+        if (isNamed) continue;
+        all->push_back(
+            {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
     }
 }
 
@@ -71,6 +77,7 @@ Findings Examine(CommandContext& context) {
     const BusMasterSession busMaster = context.StartBusMaster();
     const Progress progress("Examining the buses");
     AddMissingDrivers(context, &findings);
+    if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
     AddFailedBuses(context, *busMaster, &findings);
     if (context.UsesBus("gige")) {
         Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);

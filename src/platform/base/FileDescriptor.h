@@ -25,6 +25,8 @@ public:
 
     bool IsOpen() const { return m_fd >= 0; }
     int Get() const { return m_fd; }
+    /// Leaves it open, to whoever takes it.
+    int Release() { return std::exchange(m_fd, -1); }
     void Close() {
         if (m_fd >= 0) ::close(m_fd);
         m_fd = -1;

@@ -50,20 +50,22 @@ void Mix(std::uint32_t* hash, std::uint8_t byte) { *hash = (*hash ^ byte) * 1677
 
 }  // namespace
 
-std::uint32_t UsbSerialNumber(std::uint16_t vendorId, std::uint16_t productId, const std::string& text) {
+std::uint32_t UsbSerialNumber(std::uint16_t vendorId, std::uint16_t productId, const std::string& text,
+                              const std::string& place) {
     const std::optional<std::uint32_t> number = Parse(vendorId, text);
     if (number.has_value() && *number != 0) {
         return *number;
     }
+    const bool tellsNothing = text.empty() || number.has_value();
     std::uint32_t hash = 2166136261U;
     for (const std::uint16_t id : {vendorId, productId}) {
         Mix(&hash, static_cast<std::uint8_t>(id >> 8));
         Mix(&hash, static_cast<std::uint8_t>(id & 0xFF));
     }
-    for (const char c : text) {
+    for (const char c : tellsNothing && !place.empty() ? place : text) {
         Mix(&hash, static_cast<std::uint8_t>(c));
     }
-    return hash;
+    return hash != 0 ? hash : 1;
 }
 
 }  // namespace Nimbrel2::Platform

@@ -113,4 +113,11 @@ std::uint32_t FindGigEAddressHolder(std::uint32_t ip, AddressHolder* holder) {
     return Ask(__func__, holder, [&](GigEBus& bus) { return bus.FindAddressHolder(ip, holder); });
 }
 
+std::uint32_t DiagnoseUsb(UsbDiagnosis* diagnosis) {
+    return InSession(__func__, diagnosis != nullptr, [&](Session& session) {
+        *diagnosis = UsbDiagnosis();
+        return session.Usb().Diagnose(diagnosis);
+    });
+}
+
 }  // namespace Nimbrel2::Platform

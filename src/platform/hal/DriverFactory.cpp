@@ -3,6 +3,7 @@
 #include "platform/hal/DriverFactory.h"
 
 #include "platform/linux/gige/LinuxGigEBus.h"
+#include "platform/linux/usb/LinuxUsbBus.h"
 
 namespace Nimbrel2::Platform {
 
@@ -12,6 +13,9 @@ Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
     if (options.fireWire != Driver::Rig) drivers.fireWire = nullptr;
     if (options.usb != Driver::Rig) drivers.usb = nullptr;
     if (options.gigE != Driver::Rig) drivers.gigE = nullptr;
+    if (options.usb == Driver::Linux) {
+        drivers.usb = MakeLinuxUsbBus({options.usbCameraIds, options.trace}, sinks.usb);
+    }
     if (options.gigE == Driver::Linux) {
         drivers.gigE = MakeLinuxGigEBus(
             {options.networkInterfaces, options.discoveryWindow, options.searchFor, options.sourcePorts}, sinks.gigE);

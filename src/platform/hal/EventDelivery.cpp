@@ -34,10 +34,10 @@ void EventDelivery::Run() {
     m_endedCondition.NotifyAll();
 }
 
-void EventDelivery::Add(const BusEvent& event) {
+void EventDelivery::Add(const BusEvent& event, bool settled) {
     const Clock::time_point now = Clock::now();
     const LockGuard lock(m_mutex);
-    m_queue.Add(event, now);
+    m_queue.Add(event, now, settled);
     m_idle = m_idle && m_stopped;
     m_wake.NotifyOne();
 }

@@ -23,7 +23,8 @@ public:
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();
 
-    void Add(const BusEvent& event);
+    /// @param settled  As for EventQueue::Add.
+    void Add(const BusEvent& event, bool settled = false);
 
     /// Waits until nothing waits to be delivered and no callback is in flight. False when the deadline came first.
     [[nodiscard]] bool WaitUntilIdle(Clock::time_point deadline) const;

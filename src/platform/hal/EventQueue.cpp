@@ -11,7 +11,8 @@ EventQueue::EventQueue(bool settles)
       m_longestBurst(settles ? kLongestBurst : kLongestBurst.zero()),
       m_events(kCapacity) {}
 
-void EventQueue::AddReset(TimePoint now) {
+void EventQueue::AddReset(TimePoint now, bool settled) {
+    m_settled = settled;
     if (!m_resetWaits) {
         m_resetWaits = true;
         m_firstReset = now;
@@ -22,21 +23,21 @@ void EventQueue::AddReset(TimePoint now) {
     m_lastReset = std::max(m_lastReset, now);
 }
 
-void EventQueue::Add(const BusEvent& event, TimePoint now) {
+void EventQueue::Add(const BusEvent& event, TimePoint now, bool settled) {
     if (event.event == HAL_BUS_RESET) {
-        AddReset(now);
+        AddReset(now, settled);
     } else if (m_count < kCapacity) {
         m_events[(m_head + m_count) % kCapacity] = event;
         ++m_count;
     } else if (!IsWaiting(event)) {
-        AddReset(now);
+        AddReset(now, false);
     }
 }
 
 EventQueue::Step EventQueue::Take(TimePoint now) {
     if (m_resetWaits) {
         const TimePoint ripe = std::min(m_lastReset + m_quiet, m_firstReset + m_longestBurst);
-        if (now < ripe) return {Step::Kind::Settle, {}, ripe};
+        if (now < ripe && !m_settled) return {Step::Kind::Settle, {}, ripe};
         m_resetWaits = false;
         return {Step::Kind::Deliver, {HAL_BUS_RESET, 0, 0}, {}};
     }

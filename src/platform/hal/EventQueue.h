@@ -52,17 +52,19 @@ public:
     /// A bus reset merges into one that waits. Of other events at most kCapacity wait: one more that is equal to a
     /// waiting one merges into it, any other is dropped and becomes a bus reset, so that whoever listens looks at the
     /// whole bus again.
-    void Add(const BusEvent& event, TimePoint now);
+    /// @param settled  Of a reset: its burst is over, nothing more needs to be waited for.
+    void Add(const BusEvent& event, TimePoint now, bool settled = false);
 
     Step Take(TimePoint now);
 
 private:
-    void AddReset(TimePoint now);
+    void AddReset(TimePoint now, bool settled);
     [[nodiscard]] bool IsWaiting(const BusEvent& event) const;
 
     const std::chrono::milliseconds m_quiet;
     const std::chrono::milliseconds m_longestBurst;
     bool m_resetWaits = false;
+    bool m_settled = false;  ///< The newest reset says that its burst is over.
     TimePoint m_firstReset{};
     TimePoint m_lastReset{};
 

@@ -23,5 +23,16 @@ TEST(UsbSerialNumber, TakesDecimalHexadecimalAndGuidTextsAndHashesTheRest) {
     EXPECT_NE(UsbSerialNumber(3, 2, "267601A2B3C4"), 0x01A2B3C4U) << "another maker's twelve digits";
 }
 
+TEST(UsbSerialNumber, HashesThePlaceOfACameraWhoseTextTellsNothing) {
+    for (const char* text : {"", "0", "00000000", "0x0", "000000000000"}) {
+        const std::uint32_t here = UsbSerialNumber(1, 2, text, "0000:00:14.0 1.2");
+        EXPECT_NE(here, 0U) << text;
+        EXPECT_EQ(UsbSerialNumber(1, 2, text, "0000:00:14.0 1.2"), here) << text;
+        EXPECT_NE(UsbSerialNumber(1, 2, text, "0000:00:14.0 1.3"), here) << text;
+    }
+    EXPECT_EQ(UsbSerialNumber(1, 2, "7", "anywhere"), 7U);
+    EXPECT_EQ(UsbSerialNumber(1, 2, "ABC-7", "anywhere"), UsbSerialNumber(1, 2, "ABC-7"));
+}
+
 }  // namespace
 }  // namespace Nimbrel2::Platform

@@ -52,6 +52,17 @@ TEST_F(Diagnostics, BringWhatTheDriverKnows) {
                                         "ForceAddress 9 c0a84d02 ffffff00 0", "FindAddressHolder c0a84d02"}));
 }
 
+TEST_F(Diagnostics, BringWhatTheUsbDriverKnowsInPlaceOfWhatWasThere) {
+    world->usbDiagnosis.devices.resize(2);
+    world->usbDiagnosis.devices[1].name = "2-1";
+    UsbDiagnosis diagnosis;
+    diagnosis.devices.resize(7);
+    ASSERT_EQ(DiagnoseUsb(&diagnosis), HAL_OK);
+    ASSERT_EQ(diagnosis.devices.size(), 2u);
+    EXPECT_EQ(diagnosis.devices[1].name, "2-1");
+    EXPECT_EQ(world->TakeLog(), std::vector<std::string>{"USB Diagnose"});
+}
+
 /// Asks every question. @param null  Without room for an answer.
 std::vector<std::uint32_t> AskAll(bool null) {
     GigEDiagnosis diagnosis;
@@ -61,15 +72,20 @@ std::vector<std::uint32_t> AskAll(bool null) {
     std::vector<AddressPlan> plans;
     ForceIpResult forced;
     AddressHolder holder;
+    UsbDiagnosis usb;
     const GigEAddress address{1, 0xC0A84D02, 0xFFFFFF00, 0};
-    return {
-        DiagnoseGigE(true, null ? nullptr : &diagnosis),         GetGigESearchReport(null ? nullptr : &report),
-        DiscoverGigE(std::nullopt, null ? nullptr : &discovery), FindMutedGigECameras(null ? nullptr : &hearing),
-        PlanGigEAddresses(1, null ? nullptr : &plans),           ApplyGigEAddresses(null ? nullptr : &plans),
-        ForceGigEAddress(address, null ? nullptr : &forced),     FindGigEAddressHolder(7, null ? nullptr : &holder)};
+    return {DiagnoseGigE(true, null ? nullptr : &diagnosis),
+            GetGigESearchReport(null ? nullptr : &report),
+            DiscoverGigE(std::nullopt, null ? nullptr : &discovery),
+            FindMutedGigECameras(null ? nullptr : &hearing),
+            PlanGigEAddresses(1, null ? nullptr : &plans),
+            ApplyGigEAddresses(null ? nullptr : &plans),
+            ForceGigEAddress(address, null ? nullptr : &forced),
+            FindGigEAddressHolder(7, null ? nullptr : &holder),
+            DiagnoseUsb(null ? nullptr : &usb)};
 }
 
-std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(8, status); }
+std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(9, status); }
 
 TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
     EXPECT_EQ(AskAll(true), All(HAL_INVALID_ARGUMENT));

@@ -96,6 +96,24 @@ TEST(EventQueue, AResetThatTwoThreadsTimedInTheOtherOrderDoesNotShortenTheQuiet)
     EXPECT_EQ(queue.Take(At(5ms)).until, At(15ms));
 }
 
+TEST(EventQueue, DeliversAResetWhoseBurstIsOverAtOnce) {
+    EventQueue queue;
+    queue.Add(kReset, At(0ms), true);
+    EXPECT_EQ(TakeAll(queue, At(0ms)), std::vector<BusEvent>{kReset});
+    queue.Add(kReset, At(1ms));
+    queue.Add(kReset, At(2ms), true);
+    EXPECT_EQ(TakeAll(queue, At(2ms)), std::vector<BusEvent>{kReset});
+    queue.Add(kReset, At(3ms));
+    EXPECT_EQ(queue.Take(At(3ms)).kind, Kind::Settle);
+}
+
+TEST(EventQueue, SettlesAgainWhenAnotherBurstBeginsBeforeAResetHasLeft) {
+    EventQueue queue;
+    queue.Add(kReset, At(0ms), true);
+    queue.Add(kReset, At(5ms));
+    EXPECT_EQ(queue.Take(At(5ms)).until, At(15ms));
+}
+
 TEST(EventQueue, AResetGoesAheadOfOlderEventsAndHoldsThemBackWhileItSettles) {
     EventQueue queue;
     const BusEvent arrival{HAL_BUS_ARRIVAL, 0, 0};

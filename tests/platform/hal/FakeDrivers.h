@@ -39,6 +39,7 @@ struct FakeWorld {
     AddressHolder holder;
     GigESearchReport report;
     GigEDiagnosis diagnosis;
+    UsbDiagnosis usbDiagnosis;
     GigEHearing hearing;
     std::vector<AddressPlan> plans;
     std::vector<SelfIdPacket_t> selfIds;
@@ -287,7 +288,7 @@ public:
 protected:
     template <class FakeDevice, class Device>
     std::uint32_t List(const char* operation, int number, Listing<Device>* listing) {
-        listing->state = m_reported.GetState();
+        listing->state = m_reported.Look();
         return Append<FakeDevice>(operation, number, &listing->devices);
     }
     template <class FakeDevice, class Device>
@@ -332,6 +333,12 @@ public:
         : FakeBus(world, world->usbStart, world->usb, sink) {}
     std::uint32_t ListCameras(Listing<UsbDevice>* cameras) override {
         return List<FakeUsbDevice>("USB ListCameras", m_world->usbCameras, cameras);
+    }
+    std::uint32_t Diagnose(UsbDiagnosis* diagnosis) override {
+        m_world->Log("USB Diagnose");
+        const std::uint32_t status = m_world->Answer();
+        if (status == HAL_OK) *diagnosis = m_world->usbDiagnosis;
+        return status;
     }
 };
 

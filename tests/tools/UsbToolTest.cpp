@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// The command line on mocked USB devices: what users see of recorded trees, of a hot plug, and of what is wrong.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "tests/platform/usb/UsbTestbed.h"
+#include "tests/support/ChildProcess.h"
+
+namespace Nimbrel2::Tool::Testing {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Nimbrel2::Testing::Camera;
+using Nimbrel2::Testing::ChildProcess;
+using Nimbrel2::Testing::Hub;
+using Nimbrel2::Testing::ProgramResult;
+using Nimbrel2::Testing::UsbTestbed;
+using Words = std::vector<std::string>;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+constexpr std::chrono::seconds kDeadline{60};
+
+class UsbTool : public testing::Test {
+public:
+    /// The program as users have it, with the mocked devices in front of the C library.
+    Words CommandLine(const Words& arguments, const Words& before = {}) const {
+        const char* const options = std::getenv("ASAN_OPTIONS");
+        Words words = before;
+        words.insert(words.end(),
+                     {"env", "LD_PRELOAD=" NIMBREL2_MOCK_LIBRARY,
+                      // What is preloaded comes before a sanitizer's library here, and may.
+                      "ASAN_OPTIONS=" + std::string(options != nullptr ? options : "") + ":verify_asan_link_order=0",
+                      NIMBREL_PROGRAM});
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return words;
+    }
+    ProgramResult Run(const Words& arguments, const Words& before = {}) const {
+        return Nimbrel2::Testing::RunProgram(CommandLine(arguments, before), kDeadline);
+    }
+    Json RunForJson(const Words& arguments, const Words& before = {}) const {
+        const ProgramResult result = Run(arguments, before);
+        EXPECT_EQ(result.errors, "");
+        return Json::parse(result.output, nullptr, false);
+    }
+    /// The findings that something is wrong, by check.
+    std::map<std::string, Json> Wrong(const Words& before = {}) const {
+        const Json all = RunForJson({"--bus", "usb", "doctor", "--json"}, before);
+        std::map<std::string, Json> wrong;
+        for (const Json& finding : all.is_object() ? all.at("findings") : all) {
+            if (!finding.at("ok").get<bool>()) wrong[finding.at("check")] = finding;
+        }
+        return wrong;
+    }
+
+    UsbTestbed bed;
+};
+
+TEST_F(UsbTool, ListShowsTheCameraBehindFiveHubs) {
+    bed.AddRecording("superspeed-hub-chain.umockdev");
+    const Json list = RunForJson({"--bus", "usb", "list", "--json"});
+    ASSERT_THAT(list.at("cameras"), SizeIs(2));
+    const Json& camera = list["cameras"][1];
+    EXPECT_EQ(camera.at("interface"), "USB3");
+    EXPECT_EQ(camera.at("vendor"), "Example Vision");
+    EXPECT_EQ(list["cameras"][0].at("interface"), "USB2");
+}
+
+TEST_F(UsbTool, TopologyPlacesACameraBehindFourHubsAndNoneBehindFive) {
+    bed.AddRecording("superspeed-hub-chain.umockdev");
+    ProgramResult result = Run({"--bus", "usb", "topology"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("USB 3"));
+    const std::string five = result.output;
+    bed.Remove("2-1.2.3.4.5");
+    bed.Add(Camera("2-1.2.3.4.5", 40, "4004"));
+    const Json list = RunForJson({"--bus", "usb", "list", "--json"});
+    ASSERT_THAT(list.at("cameras"), SizeIs(2));
+    const Json tree = RunForJson({"--bus", "usb", "topology", "--format", "json"});
+    EXPECT_THAT(tree.dump(), HasSubstr(list["cameras"][1].at("guid").get<std::string>()));
+}
+
+TEST_F(UsbTool, WatchTellsOfACameraThatIsPluggedIn) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    ChildProcess watch(CommandLine({"--bus", "usb", "watch"}));
+    ASSERT_TRUE(watch.WaitForErrors("0 cameras now", kDeadline)) << watch.GetErrors();
+    bed.Add(Camera("2-1", 2, "4711"));
+    EXPECT_TRUE(watch.WaitForOutput("4711", kDeadline)) << watch.GetOutput() << watch.GetErrors();
+    EXPECT_THAT(watch.GetOutput(), HasSubstr("arrival"));
+    bed.Remove("2-1");
+    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << watch.GetOutput();
+}
+
+TEST_F(UsbTool, UsbIdMakesACameraOfADeviceWithoutAClass) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    auto device = Camera("1-1", 2, "77", false);
+    device.descriptors = Nimbrel2::Testing::VendorDescriptors(0xABCD, 0x0102);
+    bed.Add(device);
+    EXPECT_THAT(RunForJson({"--bus", "usb", "list", "--json"}).at("cameras"), SizeIs(0));
+    EXPECT_THAT(
+        RunForJson({"--bus", "usb", "--usb-id", "ABCD:0102", "--usb-id", "abcd:0102", "list", "--json"}).at("cameras"),
+        SizeIs(1));
+    for (const char* wrong : {"", "abcd", "abcd:", "abcd:01023", "xbcd:0102", "abcd-0102", "abc:01020", "ab:cd:0102"}) {
+        const ProgramResult result = Run({"--bus", "usb", "--usb-id", wrong, "list"});
+        EXPECT_EQ(result.exitStatus, 2) << wrong;
+        EXPECT_THAT(result.errors, HasSubstr("--usb-id")) << wrong;
+    }
+}
+
+TEST_F(UsbTool, DoctorFindsNothingWrongOnAHealthyComputer) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Hub("2-1", 2, true));
+    bed.Add(Camera("2-1.2", 3, "4711"));
+    bed.SetFile("module/usbcore/parameters/usbfs_memory_mb", "1000");
+    EXPECT_TRUE(Wrong().empty()) << Json(Wrong()).dump(2);
+    EXPECT_EQ(Run({"--bus", "usb", "doctor"}).exitStatus, 0);
+}
+
+TEST_F(UsbTool, DoctorFindsWhatIsWrong) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.SetFile("module/usbcore/parameters/usbfs_memory_mb", "16");
+    auto camera = Camera("2-2", 3, "1");
+    camera.attributes = {{"power/control", "auto"}};
+    bed.Add(camera);
+    camera = Camera("2-3", 4, "2");
+    camera.attributes = {{"authorized", "0"}};
+    bed.Add(camera);
+    bed.Add(Camera("2-4", 5, "1"));
+    bed.Add(Camera("1-5", 6, "3", false));
+    bed.SetAttribute("usb1", "1-0:1.0/usb1-port5/over_current_count", "2");
+    bed.SetLink("2-4", "2-4:1.0/driver", "../../../../../../bus/usb/drivers/usbfs");
+    const auto wrong = Wrong();
+    for (const char* check : {"usb.memory", "usb.suspend", "usb.authorization", "usb.serial", "usb.speed",
+                              "usb.over-current", "usb.claimed"}) {
+        ASSERT_EQ(wrong.count(check), 1u) << check << " in " << Json(wrong).dump(2);
+        EXPECT_NE(wrong.at(check).at("evidence"), "") << check;
+        EXPECT_NE(wrong.at(check).at("cure"), "") << check;
+    }
+    EXPECT_THAT(wrong, SizeIs(7)) << Json(wrong).dump(2);
+    EXPECT_EQ(Run({"--bus", "usb", "doctor"}).exitStatus, 1);
+}
+
+TEST_F(UsbTool, DoctorNamesTheRuleWhenANodeMayNotBeOpened) {
+    using std::filesystem::perms;
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Camera("2-1", 2, "1"));
+    std::filesystem::permissions(bed.GetRoot(), perms(0755));
+    std::filesystem::permissions(bed.RealPath("/dev/bus/usb/002/002"), perms(0600));
+    const auto wrong = Wrong({"setpriv", "--reuid=65534", "--clear-groups"});
+    ASSERT_EQ(wrong.count("usb.permission"), 1u) << Json(wrong).dump(2);
+    EXPECT_THAT(wrong.at("usb.permission").at("evidence").get<std::string>(), HasSubstr("/dev/bus/usb/002/002"));
+}
+
+TEST_F(UsbTool, DoctorTellsThatUeventsDoNotComeIntoAnotherUserNamespace) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    const auto wrong = Wrong({"unshare", "--user", "--map-root-user", "--net"});
+    ASSERT_EQ(wrong.count("usb.events"), 1u) << Json(wrong).dump(2);
+    EXPECT_THAT(wrong.at("usb.events").at("evidence").get<std::string>(), HasSubstr("two seconds"));
+}
+
+TEST_F(UsbTool, WatchHearsInAnotherUserNamespaceToo) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Camera("2-1", 2, "4711"));
+    ChildProcess watch(CommandLine({"--bus", "usb", "watch"}, {"unshare", "--user", "--map-root-user", "--net"}));
+    ASSERT_TRUE(watch.WaitForErrors("1 camera now", kDeadline)) << watch.GetErrors();
+    bed.RemoveSilently("2-1");
+    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << watch.GetOutput();
+}
+
+TEST_F(UsbTool, ResetOfACameraThatMayNotBeOpenedFails) {
+    using std::filesystem::perms;
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Camera("2-1", 2, "1"));
+    std::filesystem::permissions(bed.GetRoot(), perms(0755));
+    std::filesystem::permissions(bed.GetRoot() + "/ioctl/_default", perms(0777));
+    std::filesystem::permissions(bed.RealPath("/dev/bus/usb/002/002"), perms(0600));
+    const ProgramResult result = Run({"--bus", "usb", "reset", "1"}, {"setpriv", "--reuid=65534", "--clear-groups"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.errors, "");
+}
+
+}  // namespace
+}  // namespace Nimbrel2::Tool::Testing

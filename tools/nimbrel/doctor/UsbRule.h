@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// The udev rule that lets users open USB3 Vision cameras: where it is, and what puts it in force. Any thread.
+#ifndef NIMBREL2_TOOLS_NIMBREL_DOCTOR_USBRULE_H
+#define NIMBREL2_TOOLS_NIMBREL_DOCTOR_USBRULE_H
+
+#include <string>
+#include <vector>
+
+namespace Nimbrel2::Tool::Doctor {
+
+struct UsbRule {
+    std::string installed;   ///< where this installation has the rule
+    bool isInForce = false;  ///< udevd has it among its rules
+};
+
+/// Looks for the rule beside this program and where udevd looks.
+UsbRule FindUsbRule();
+
+/// "70-nimbrel2-usb3-vision.rules"
+std::string UsbRuleName();
+
+/// The command that puts it in force. Pure.
+std::string CommandForUsbRule(const UsbRule& rule);
+
+/// What to tell whoever may not open a USB camera: one sentence with that command.
+std::string HintForUsbPermission();
+
+}  // namespace Nimbrel2::Tool::Doctor
+
+#endif
