@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tools/nimbrel/BusHealth.h"
+#include "tools/nimbrel/GigEValues.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -30,12 +31,6 @@ std::string LocationOf(const BusMap& map, const BusMapNode& node) {
     return map.name + (path.empty() ? "" : " port " + path);
 }
 
-std::uint64_t Packed(const MACAddress& mac) {
-    std::uint64_t packed = 0;
-    for (const std::uint8_t octet : mac.octets) packed = packed << 8 | octet;
-    return packed;
-}
-
 }  // namespace
 
 std::vector<BusMap> ReadBusMaps() {
@@ -46,7 +41,7 @@ std::vector<BusMap> ReadBusMaps() {
 
 bool IsNodeOf(const BusMap& map, const BusMapNode& node, const Camera& camera) {
     if (!node.isCamera || !IsOn(map.bus, camera.interfaceType)) return false;
-    if (camera.IsGigE() && node.mac != Packed(camera.mac)) return false;
+    if (camera.IsGigE() && node.mac != PackMac(camera.mac)) return false;
     return node.serialNumber == camera.serialNumber && node.vendor == camera.vendor && node.model == camera.model;
 }
 
