@@ -28,6 +28,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/ZevoGuid.h
     hal/Export.h
     hal/HAL.h
+    platform/BusMap.h
     platform/Diagnostics.h
     platform/Platform.h
     platform/SimulatedComputer.h

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bus master: which cameras hang on this computer, kept current while they come and go.
+// The bus master: the cameras attached to this computer, kept current while they come and go.
 #ifndef NIMBREL2_BUSMASTER_BUSMASTER_H
 #define NIMBREL2_BUSMASTER_BUSMASTER_H
 
@@ -79,7 +79,7 @@ public:
 
     /// Waits until no bus reset is pending, the worker is idle and no callback is left to run: everything that was
     /// reported so far has been acted upon.
-    /// @return whether that came about within the time. Never, from inside a callback.
+    /// @return true if in time; always false inside a callback.
     bool WaitUntilQuiet(unsigned int milliseconds);
 
     // ---- Callbacks -------------------------------------------------------------------------------------------------

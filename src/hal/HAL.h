@@ -61,7 +61,7 @@ HAL_ENUM(HALStatus){
     HAL_NO_SUCH_REGISTER = 15,         /* the device has no register at that address */
     HAL_WRITE_PROTECTED = 16,          /* the register may not be written */
     HAL_ACCESS_DENIED = 17,            /* another application holds the device */
-    HAL_REFUSED = 18,                  /* the device answered with an error that fits no other */
+    HAL_REFUSED = 18,                  /* any other error that the device answered */
     HAL_NO_TREE = 20,                  /* a USB camera that has no tree to show */
     HAL_UNREACHABLE = 21,              /* no route, or the network interface is down */
     HAL_ARRAY_TOO_SMALL = 23,          /* HAL_GvcpDiscovery: more cameras than records */

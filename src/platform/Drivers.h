@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/BusMap.h"
 #include "platform/Diagnostics.h"
 
 namespace Nimbrel2::Platform {
@@ -137,6 +138,8 @@ public:
                                              std::vector<std::shared_ptr<FireWireDevice>>* /*cameras*/) {
         return HAL_OK;
     }
+    /// One map per bus, in the order of the cards. No bus I/O.
+    virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
 };
 
 // ---- USB
@@ -169,6 +172,8 @@ public:
     virtual std::uint32_t Start() { return HAL_OK; }
     virtual void Stop() {}
     virtual std::uint32_t ListCameras(Listing<UsbDevice>* /*cameras*/) { return HAL_OK; }
+    /// One map per host controller. No bus I/O.
+    virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
     /// As Diagnostics.h states it for DiagnoseUsb.
     virtual std::uint32_t Diagnose(UsbDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
@@ -234,6 +239,8 @@ struct Drivers {
     std::unique_ptr<GigEBus> gigE;
     /// At the head of each HAL function: what is not HAL_OK is the function's answer. May wait. Empty: nothing happens.
     std::function<std::uint32_t(const char* function)> enter;
+    /// Nothing on these buses takes time, so bus resets are delivered at once, not when a burst has ended.
+    bool inVirtualTime = false;
 };
 
 /// Where each driver reports. They outlive the drivers.

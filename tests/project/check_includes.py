@@ -17,7 +17,7 @@ import sys
 SOURCES = {".h", ".c", ".cpp", ".in"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
 # What a README calls a library, and the folder that its headers lie in.
-LIBRARIES = {"Boost": "boost/", "JSON": "nlohmann/", "CLI11": "CLI/", "Graphviz": "graphviz/"}
+LIBRARIES = {"Boost": "boost/", "JSON": "nlohmann/", "CLI11": "CLI/", "Cairo": "cairo"}
 SENTENCE = re.compile(r"^(?:`(?P<file>[\w.]+)` alone may|May) include: (?P<rule>.*?)\.(?:\s|$)", re.S | re.M)
 
 

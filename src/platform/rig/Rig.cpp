@@ -421,14 +421,19 @@ void Rig::AddFault(RigFault fault) {
     m_faults.push_back(std::move(fault));
 }
 
-std::size_t Rig::CountFaultsLeft() const {
+std::vector<RigFault> Rig::GetFaultsLeft() const {
     const LockGuard lock(m_mutex);
-    return m_faults.size();
+    return m_faults;
 }
 
 void Rig::SetFast(bool fast) {
     const LockGuard lock(m_mutex);
     m_fast = fast;
+}
+
+bool Rig::IsFast() const {
+    const LockGuard lock(m_mutex);
+    return m_fast;
 }
 
 void Rig::ConnectFireWire(BusEventSink* sink) {

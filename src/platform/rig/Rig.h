@@ -25,7 +25,7 @@ struct RigDescription {
     std::vector<FireWireBusDescription> fireWire;
     std::vector<UsbHostDescription> usb;
     std::vector<NetworkInterfaceDescription> gigE;
-    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has gives way to the next free one.
+    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has is replaced by the next free number.
     std::vector<std::uint32_t> virtualCameras;
 };
 
@@ -72,11 +72,13 @@ public:
     /// A bus error on the FireWire bus or USB host of that name.
     std::optional<std::string> FailBus(const std::string& bus);
     void AddFault(RigFault fault);
-    /// Faults whose call has not come yet.
-    std::size_t CountFaultsLeft() const;
+    /// Faults whose call has not come yet; `call` counts from now.
+    std::vector<RigFault> GetFaultsLeft() const;
 
-    /// Virtual time: delays of faults are not waited for. Off at first.
+    /// Virtual time: nothing is waited for, delays of faults and bursts of resets included. Off at first; to be chosen
+    /// before the HAL starts.
     void SetFast(bool fast);
+    bool IsFast() const;
 
     // ---- For the drivers
     // ---------------------------------------------------------------------------------------------
@@ -131,9 +133,13 @@ public:
         return GigEState();
     }
 
+    /// One map per bus or host, for BusMap.h.
+    std::vector<BusMap> DescribeFireWire() const;
+    std::vector<BusMap> DescribeUsb() const;
+
     /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
     std::uint32_t ResetBusOf(unsigned int card, std::uint64_t eui64);
-    /// Resets the USB host that the device hangs below.
+    /// Resets the USB host that the device is attached to.
     std::uint32_t ResetHostOf(const std::string& device);
 
     std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result);
