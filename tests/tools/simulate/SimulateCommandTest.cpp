@@ -126,8 +126,12 @@ TEST_F(SimulateCommand, EndsQuietlyWhenItsReaderIsGone) {
 
 TEST_F(SimulateCommand, KeepsIgnoringCtrlCInTheBackgroundOfAScript) {
     const auto shell =
-        space.StartProgram({"sh", "-c", SIMULATE_COMMAND " simulate gige & kill -INT $!; wait $!; echo status $?"});
+        space.StartProgram({"sh", "-c", SIMULATE_COMMAND " simulate gige & echo pid $!; wait $!; echo status $?"});
     ASSERT_TRUE(shell->WaitForOutput("127.0.0.2", seconds(20))) << shell->GetErrors();
+    ASSERT_TRUE(shell->WaitForOutput("pid ", seconds(20)));
+    const std::string output = shell->GetOutput();
+    const pid_t simulator = std::stoi(output.substr(output.find("pid ") + 4));
+    ASSERT_EQ(kill(simulator, SIGINT), 0);
     EXPECT_FALSE(shell->WaitForOutput("status", milliseconds(300)));
 }
 
