@@ -65,7 +65,6 @@ install(FILES packaging/udev/70-nimbrel2-usb3-vision.rules DESTINATION lib/udev/
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  cmake_path(GET GRAPHVIZ_PLUGIN_CORE PARENT_PATH graphvizPlugins)
-  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram};${graphvizPlugins}")
+  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
   install(TARGETS nimbrel)
 endif()

@@ -15,7 +15,7 @@ tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools arav
 bench=(libbenchmark-dev python3 aravis-tools-cli umockdev libumockdev-dev)
 # clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
 ci=(clang clang-tidy libclang-rt-14-dev)
-check=(clang-format shellcheck)
+check=(abigail-tools clang-format shellcheck)
 arm64=()
 if [ "$(uname -m)" != aarch64 ]; then
     arm64=(g++-aarch64-linux-gnu qemu-user libboost-thread-dev:arm64 libboost-date-time-dev:arm64

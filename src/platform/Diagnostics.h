@@ -362,8 +362,8 @@ struct UsbDiagnosis {
 NIMBREL2_API std::uint32_t GetBusSupport(HALInterfaceType bus);
 
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
-/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Half a
-///                    second, once, is spent on those that do not answer.
+/// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Those
+///                    that do not answer are waited for half a second, once.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.

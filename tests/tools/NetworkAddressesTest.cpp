@@ -270,8 +270,7 @@ TEST_F(GigEAddresses, AreNotHiddenByALooseFilterWhereADefaultRouteLeadsAnywhere)
         << "the strict one wants the way back by the same interface";
 }
 
-// ---- Several wires, and cameras in each other's way
-// ------------------------------------------------------------------
+// ---- Several wires, and cameras in each other's way -----------------------------------------------------------------
 
 class TwoWires : public GigEAddresses {
 protected:

@@ -23,7 +23,7 @@ using Doctor::Findings;
 const char kFooter[] =
     R"help(Changes nothing: each finding comes with the command that cures it. Root may see
 more (the rules of a firewall and what they drop). What could not be checked is
-said. IEEE 1394 has few checks yet.
+said. IEEE 1394 has no checks yet.
 
 Exit status:
   0  Nothing is wrong.
@@ -57,13 +57,17 @@ void AddMissingDrivers(const CommandContext& context, Findings* all) {
     }
 }
 
-void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, bool usbHasChecks, Findings* all) {
+void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Findings* all) {
     for (const BusFailure& failure :
          FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
-        // Their own checks name the cause.
-        if (failure.bus.type == HAL_INTERFACE_GIGE || (failure.bus.type == HAL_INTERFACE_USB && usbHasChecks)) continue;
-        all->push_back({std::string(failure.bus.name) + ".driver", false, failure.Describe(),
-                        std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
+        if (failure.bus.type == HAL_INTERFACE_GIGE) continue;  // its own checks name the cause
+        const std::string check = std::string(failure.bus.name) + ".driver";
+        const bool isNamed = std::any_of(all->begin(), all->end(), [&check](const Finding& finding) {
+            return !finding.ok && finding.check == check;
+        });
+        if (isNamed) continue;
+        all->push_back(
+            {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
     }
 }
 
@@ -73,11 +77,8 @@ Findings Examine(CommandContext& context) {
     const BusMasterSession busMaster = context.StartBusMaster();
     const Progress progress("Examining the buses");
     AddMissingDrivers(context, &findings);
-    Doctor::UsbExamination usb;
-    usb.status = HAL_NO_BUS;
-    if (context.UsesBus("usb")) usb = Doctor::ExamineUsb();
-    AddFailedBuses(context, *busMaster, usb.status != HAL_NO_BUS, &findings);
-    Run(Doctor::UsbChecks(), usb, &findings);
+    if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+    AddFailedBuses(context, *busMaster, &findings);
     if (context.UsesBus("gige")) {
         Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);
     }

@@ -51,6 +51,14 @@ void BusEvents::Take(BusState state, bool settled) {
     });
 }
 
+void BusEvents::ReportUnknown() noexcept {
+    const LockGuard lock(m_mutex);
+    m_news.ReportUnknown([this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        m_mutex.AssumeHeld();
+        Add({event, first, second}, false);
+    });
+}
+
 void BusEvents::RaiseError() noexcept {
     const LockGuard lock(m_mutex);
     Add({HAL_BUS_ERROR, 0, 0}, false);
@@ -116,9 +124,20 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
                        [deadline](const auto& delivery) { return delivery->WaitUntilIdle(deadline); });
 }
 
-void BusEvents::Listed(Listing listing, BusState state) {
-    const LockGuard lock(m_mutex);
-    m_news.Listed(listing, std::move(state));
+BusEvents::ListingInProgress::ListingInProgress(BusEvents& events, Listing listing)
+    : m_events(events), m_listing(listing) {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.BeginListing(m_listing);
+}
+
+BusEvents::ListingInProgress::~ListingInProgress() {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.EndListing(m_listing);
+}
+
+void BusEvents::ListingInProgress::Succeeded(BusState state) {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.Listed(m_listing, std::move(state));
 }
 
 void BusEvents::StopCallbacks() {

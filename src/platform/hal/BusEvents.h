@@ -36,6 +36,7 @@ public:
 
     void Report(BusState state) noexcept override;
     void ReportSettled(BusState state) noexcept override;
+    void ReportUnknown() noexcept override;
     void RaiseError() noexcept override;
 
     /// @return HAL_CLOSED after StopCallbacks, HAL_OUT_OF_MEMORY when no thread can be made.
@@ -46,8 +47,21 @@ public:
     /// Waits until everything raised so far has been called back. False when the deadline came first.
     [[nodiscard]] bool WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const;
 
-    /// After each listing that succeeded.
-    void Listed(Listing listing, BusState state);
+    /// Stands around a listing, whatever becomes of it.
+    class ListingInProgress {
+    public:
+        ListingInProgress(BusEvents& events, Listing listing);
+        ~ListingInProgress();
+        ListingInProgress(const ListingInProgress&) = delete;
+        ListingInProgress& operator=(const ListingInProgress&) = delete;
+
+        /// It has succeeded: whoever registers from here on knows this state.
+        void Succeeded(BusState state);
+
+    private:
+        BusEvents& m_events;
+        const Listing m_listing;
+    };
 
     /// From here on no callback is begun and nothing registers.
     void StopCallbacks();

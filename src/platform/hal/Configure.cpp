@@ -73,7 +73,7 @@ void CheckSourcePorts(const std::optional<PortRange>& ports, std::string& reason
     } else if (const unsigned int count = ports->last - ports->first + 1u; count <= kSourcePortsBesideCameras) {
         AddProblem(reason, "sourcePorts: " + range + " has " + std::to_string(count) +
                                (count == 1 ? " port; " : " ports; ") + std::to_string(kSourcePortsBesideCameras) +
-                               " are needed, and one more for each camera of a network interface");
+                               " are needed for each network interface, and one more for each camera");
     }
 }
 

@@ -52,8 +52,7 @@ public:
     /// @pre Validate found nothing.
     explicit Rig(RigDescription description);
 
-    // ---- What happens to the computer. An empty result: done; else why it cannot be.
-    // ---------------------------------
+    // ---- What happens to the computer. An empty result: done; else why it cannot be. --------------------------------
     std::optional<std::string> Plug(const std::string& device);
     std::optional<std::string> Unplug(const std::string& device);
     /// A FireWire device onto a port of another PHY, a USB device onto a port of a hub or host, a GigE camera onto a
@@ -80,8 +79,7 @@ public:
     void SetFast(bool fast);
     bool IsFast() const;
 
-    // ---- For the drivers
-    // ---------------------------------------------------------------------------------------------
+    // ---- For the drivers --------------------------------------------------------------------------------------------
     /// Where the state of a bus kind is reported from now on, beginning with how it is; null: nowhere.
     void ConnectFireWire(BusEventSink* sink);
     void ConnectUsb(BusEventSink* sink);
@@ -115,21 +113,21 @@ public:
     BusState ListFireWire(Function function) {
         const LockGuard lock(m_mutex);
         function(m_fireWire);
-        Report(m_fireWireReports, FireWireState());
+        Report(m_fireWireReports, &Rig::FireWireState);
         return FireWireState();
     }
     template <class Function>
     BusState ListUsb(Function function) {
         const LockGuard lock(m_mutex);
         function(m_usb);
-        Report(m_usbReports, UsbState());
+        Report(m_usbReports, &Rig::UsbState);
         return UsbState();
     }
     template <class Function>
     BusState ListGigE(Function function) {
         const LockGuard lock(m_mutex);
         function(m_gigE);
-        Report(m_gigEReports, GigEState());
+        Report(m_gigEReports, &Rig::GigEState);
         return GigEState();
     }
 
@@ -161,7 +159,8 @@ private:
     BusState FireWireState() const NIMBREL2_REQUIRES(m_mutex);
     BusState UsbState() const NIMBREL2_REQUIRES(m_mutex);
     BusState GigEState() const NIMBREL2_REQUIRES(m_mutex);
-    static void Report(const Reports& reports, BusState state);
+    /// A change is told also when there is no memory to say which: a rig has no thread that could try again.
+    void Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
     bool ChangeFireWire(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
