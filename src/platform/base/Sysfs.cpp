@@ -87,7 +87,8 @@ std::string SysfsDirectory::ReadLinkPath(const char* name) const {
     constexpr std::string_view kUp = "../";
     std::size_t start = 0;
     while (target.compare(start, kUp.size(), kUp) == 0) start += kUp.size();
-    return target.empty() ? target : "/" + target.substr(start);
+    if (!target.empty()) target.replace(0, start, 1, '/');
+    return target;
 }
 
 std::string SysfsDirectory::ReadLinkName(const char* name) const {
