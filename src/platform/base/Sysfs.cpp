@@ -110,6 +110,7 @@ int SysfsDirectory::List(std::vector<std::string>* names) const {
     again.Release();
     while (true) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is our own
         const dirent* entry = ::readdir(stream.get());
         if (entry == nullptr) return errno;
         const std::string_view name = entry->d_name;
