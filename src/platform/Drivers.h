@@ -137,6 +137,8 @@ public:
                                              std::vector<std::shared_ptr<FireWireDevice>>* /*cameras*/) {
         return HAL_OK;
     }
+    /// As Diagnostics.h states it for DiagnoseFireWire.
+    virtual std::uint32_t Diagnose(bool /*askNodes*/, FireWireDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
 
 // ---- USB

@@ -9,6 +9,7 @@
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/doctor/FireWireChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/UsbChecks.h"
 
@@ -21,7 +22,6 @@ using Doctor::Findings;
 const char kFooter[] =
     R"help(It changes nothing: each finding comes with the command that cures it. Root may see
 more (what a firewall drops, and its rules); what could not be checked is said.
-IEEE 1394 has no checks yet.
 
 Exit status:
   0  Nothing is wrong.
@@ -33,6 +33,7 @@ JSON: [{"check","ok","evidence","cure"}]; "cure" is empty when "ok" is true.
 Examples:
   nimbrel doctor                       what is wrong, and what cures it
   nimbrel doctor --interface eth1      on that network only
+  nimbrel doctor --bus 1394            IEEE 1394 only; watches the buses for 5 s
   nimbrel doctor --json | jq -r '.[] | select(.ok | not) | .cure'
 )help";
 
@@ -46,14 +47,17 @@ void Run(const std::vector<Doctor::Check<Diagnosed>>& checks, const Diagnosed& d
 
 int RunDoctor(CommandContext& context) {
     Findings findings;
-    if (context.UsesBus("usb") || context.UsesBus("gige")) {
-        const auto filteredBefore = Doctor::ReadFilteredPackets();
-        const BusMasterSession busMaster = context.StartBusMaster();
-        if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
-        if (context.UsesBus("gige")) {
-            const Progress progress("Examining the network");
-            Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);
-        }
+    const auto filteredBefore = Doctor::ReadFilteredPackets();
+    const BusMasterSession busMaster = context.StartBusMaster();
+    const bool isSimulated = context.GetRig() != nullptr;
+    if (context.UsesBus("1394")) {
+        const Progress progress("Examining IEEE 1394");
+        Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
+    }
+    if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+    if (context.UsesBus("gige")) {
+        const Progress progress("Examining the network");
+        Run(Doctor::GigEChecks(), Doctor::ExamineGigE(isSimulated, filteredBefore), &findings);
     }
     const auto numWrong = std::count_if(findings.begin(), findings.end(), [](const Finding& f) { return !f.ok; });
     if (context.WantsJson()) {

@@ -13,6 +13,7 @@
 
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/TopologyRenderings.h"
+#include "tools/nimbrel/UnseenFireWire.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
@@ -92,6 +93,7 @@ public:
         } else {
             m_context.Print(text);
         }
+        WarnOfUnseenFireWire(Shown::Tree);
         return healthy ? kDone : kFailed;
     }
 

@@ -17,6 +17,7 @@
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/UnseenFireWire.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
@@ -76,6 +77,7 @@ public:
         const std::size_t present = printer.GetNumCameras();
         WriteError("Watching " + m_context.DescribeBuses() + ": " + std::to_string(present) +
                    (present == 1 ? " camera" : " cameras") + " now. Ctrl-C ends.\n");
+        WarnOfUnseenFireWire(Shown::Resets);
         if (m_duration) m_end = Clock::now() + *m_duration;
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
         }

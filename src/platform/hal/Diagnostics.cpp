@@ -21,6 +21,13 @@ std::uint32_t Ask(const char* function, Answer* answer, const Work& work) {
 
 }  // namespace
 
+std::uint32_t DiagnoseFireWire(bool askNodes, FireWireDiagnosis* diagnosis) {
+    return InSession(__func__, diagnosis != nullptr, [&](Session& session) {
+        *diagnosis = FireWireDiagnosis{};
+        return session.FireWire().Diagnose(askNodes, diagnosis);
+    });
+}
+
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {
     return Ask(__func__, diagnosis, [&](GigEBus& bus) { return bus.Diagnose(askControl, diagnosis); });
 }

@@ -52,6 +52,18 @@ TEST_F(Diagnostics, BringWhatTheDriverKnows) {
                                         "ForceAddress 9 c0a84d02 ffffff00 0", "FindAddressHolder c0a84d02"}));
 }
 
+TEST_F(Diagnostics, BringWhatTheFireWireDriverKnowsInPlaceOfWhatWasThere) {
+    world->fireWireDiagnosis.buses.resize(2);
+    world->fireWireDiagnosis.buses[1].path = "/devices/1";
+    FireWireDiagnosis diagnosis;
+    diagnosis.buses.resize(7);
+    ASSERT_EQ(DiagnoseFireWire(true, &diagnosis), HAL_OK);
+    ASSERT_EQ(diagnosis.buses.size(), 2u);
+    EXPECT_EQ(diagnosis.buses[1].path, "/devices/1");
+    ASSERT_EQ(DiagnoseFireWire(false, &diagnosis), HAL_OK);
+    EXPECT_EQ(world->TakeLog(), (std::vector<std::string>{"FireWire Diagnose 1", "FireWire Diagnose 0"}));
+}
+
 TEST_F(Diagnostics, BringWhatTheUsbDriverKnowsInPlaceOfWhatWasThere) {
     world->usbDiagnosis.devices.resize(2);
     world->usbDiagnosis.devices[1].name = "2-1";
@@ -66,6 +78,7 @@ TEST_F(Diagnostics, BringWhatTheUsbDriverKnowsInPlaceOfWhatWasThere) {
 /// Asks every question. @param null  Without room for an answer.
 std::vector<std::uint32_t> AskAll(bool null) {
     GigEDiagnosis diagnosis;
+    FireWireDiagnosis fireWire;
     GigESearchReport report;
     GigEDiscovery discovery;
     GigEHearing hearing;
@@ -82,10 +95,11 @@ std::vector<std::uint32_t> AskAll(bool null) {
             ApplyGigEAddresses(null ? nullptr : &plans),
             ForceGigEAddress(address, null ? nullptr : &forced),
             FindGigEAddressHolder(7, null ? nullptr : &holder),
+            DiagnoseFireWire(true, null ? nullptr : &fireWire),
             DiagnoseUsb(null ? nullptr : &usb)};
 }
 
-std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(9, status); }
+std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(10, status); }
 
 TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
     EXPECT_EQ(AskAll(true), All(HAL_INVALID_ARGUMENT));
