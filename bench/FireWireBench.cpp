@@ -15,14 +15,13 @@
 #include <array>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench/CountedCallbacks.h"
 #include "busmaster/BusMaster.h"
 #include "hal/HAL.h"
 #include "platform/Platform.h"
@@ -36,7 +35,6 @@ using Clock = std::chrono::steady_clock;
 using Testing::EmulatedFireWire;
 
 constexpr std::chrono::milliseconds kQuiet{10};
-constexpr std::chrono::seconds kPatience{20};
 constexpr char kController[] = "0000:06:01.0";
 constexpr char kDevices[] = "/sys/bus/firewire/devices";
 constexpr std::uint64_t kIsoEnable = 0xFFFFF0F00614;
@@ -210,41 +208,15 @@ BENCHMARK(BareFireWireRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 // ---- A bus reset ---------------------------------------------------------------------------------------------------
 
-class Resets {
-public:
-    static void OnReset(void* data, unsigned int /*serialNumber*/) {
-        auto* const self = static_cast<Resets*>(data);
-        const std::lock_guard lock(self->m_mutex);
-        ++self->m_count;
-        self->m_last = Clock::now();
-        self->m_changed.notify_all();
-    }
-    unsigned int Count() {
-        const std::lock_guard lock(m_mutex);
-        return m_count;
-    }
-    Clock::time_point WaitFor(unsigned int count) {
-        std::unique_lock lock(m_mutex);
-        Require(m_changed.wait_for(lock, kPatience, [&] { return m_count >= count; }), "a reset");
-        return m_last;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    unsigned int m_count = 0;
-    Clock::time_point m_last;
-};
-
 void FireWireResetToCallback(benchmark::State& state) {
     EmulatedFireWire computer;
     computer.AddBus(Testing::StandardFireWireBus(), kController);
     UseFireWireAlone();
-    Resets resets;
+    CountedCallbacks resets;
     BusMaster busMaster;
     Require(busMaster.Initialize() == ERROR_OK, "the bus master");
     void* handle = nullptr;
-    busMaster.RegisterCallback(Resets::OnReset, BUS_RESET, &resets, &handle);
+    busMaster.RegisterCallback(CountedCallbacks::OnEvent, BUS_RESET, &resets, &handle);
     for (auto unused : state) {
         static_cast<void>(unused);
         Require(busMaster.WaitUntilQuiet(20000), "quiet");

@@ -29,6 +29,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     hal/Export.h
     hal/HAL.h
     platform/Diagnostics.h
+    platform/FireWireDiagnostics.h
     platform/Platform.h
     platform/SimulatedComputer.h
     topology/TopologyNode.h)

@@ -28,6 +28,7 @@
 
 #include "hal/HAL.h"
 #include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 
 namespace Nimbrel2::Platform {
 
@@ -137,7 +138,7 @@ public:
                                              std::vector<std::shared_ptr<FireWireDevice>>* /*cameras*/) {
         return HAL_OK;
     }
-    /// As Diagnostics.h states it for DiagnoseFireWire.
+    /// As FireWireDiagnostics.h states it for DiagnoseFireWire.
     virtual std::uint32_t Diagnose(bool /*askNodes*/, FireWireDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
 

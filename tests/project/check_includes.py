@@ -112,7 +112,7 @@ def try_the_rules(house):
         ("src/platform/Drivers.h", '"platform/hal/Calls.h"', '"hal/HAL.h"'),
         ("src/platform/Drivers.h", '"platform/base/Poller.h"', '"platform/Diagnostics.h"'),
         ("src/platform/base/Poller.cpp", '"platform/linux/gige/UdpSocket.h"', '"platform/base/Clock.h"'),
-        ("src/platform/base/SelfIds.cpp", '"platform/linux/firewire/ConfigRom.h"', '"platform/Diagnostics.h"'),
+        ("src/platform/base/SelfIds.cpp", '"platform/linux/firewire/ConfigRom.h"', '"platform/FireWireDiagnostics.h"'),
         ("src/platform/base/Poller.cpp", '"platform/Drivers.h"', '"platform/Diagnostics.h"'),
         ("src/platform/base/Poller.cpp", '"platform/gvcp/GvcpCodec.h"', "<sys/epoll.h>"),
         ("src/platform/gvcp/GvcpDecode.cpp", '"platform/hal/Calls.h"', '"platform/gvcp/GvcpCodec.h"'),

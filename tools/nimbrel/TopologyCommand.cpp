@@ -87,13 +87,13 @@ public:
         const Format format = ChooseFormat();
         const BusMasterSession busMaster = m_context.StartBusMaster();
         const bool healthy = m_context.CheckBuses(*busMaster);
+        WarnOfUnseenFireWire(Shown::Tree);
         const std::string text = Render(ReadTopology(*busMaster), format);
         if (m_file) {
             WriteFile(*m_file, text);
         } else {
             m_context.Print(text);
         }
-        WarnOfUnseenFireWire(Shown::Tree);
         return healthy ? kDone : kFailed;
     }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
-#include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 
 namespace Nimbrel2::Platform {
 

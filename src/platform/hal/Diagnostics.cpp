@@ -3,6 +3,7 @@
 // I/O; no lock of the glue is held.
 #include "platform/Diagnostics.h"
 
+#include "platform/FireWireDiagnostics.h"
 #include "platform/base/CameraAddress.h"
 #include "platform/hal/Calls.h"
 

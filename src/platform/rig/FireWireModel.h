@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
-#include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/rig/RigDescription.h"
 
 namespace Nimbrel2::Platform {

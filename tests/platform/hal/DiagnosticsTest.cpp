@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the questions of Diagnostics.h hand to the driver and what they bring back.
 #include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/Platform.h"
 #include "tests/platform/hal/HalFixture.h"
 
@@ -87,16 +88,11 @@ std::vector<std::uint32_t> AskAll(bool null) {
     AddressHolder holder;
     UsbDiagnosis usb;
     const GigEAddress address{1, 0xC0A84D02, 0xFFFFFF00, 0};
-    return {DiagnoseGigE(true, null ? nullptr : &diagnosis),
-            GetGigESearchReport(null ? nullptr : &report),
-            DiscoverGigE(std::nullopt, null ? nullptr : &discovery),
-            FindMutedGigECameras(null ? nullptr : &hearing),
-            PlanGigEAddresses(1, null ? nullptr : &plans),
-            ApplyGigEAddresses(null ? nullptr : &plans),
-            ForceGigEAddress(address, null ? nullptr : &forced),
-            FindGigEAddressHolder(7, null ? nullptr : &holder),
-            DiagnoseFireWire(true, null ? nullptr : &fireWire),
-            DiagnoseUsb(null ? nullptr : &usb)};
+    return {DiagnoseGigE(true, null ? nullptr : &diagnosis),         GetGigESearchReport(null ? nullptr : &report),
+            DiscoverGigE(std::nullopt, null ? nullptr : &discovery), FindMutedGigECameras(null ? nullptr : &hearing),
+            PlanGigEAddresses(1, null ? nullptr : &plans),           ApplyGigEAddresses(null ? nullptr : &plans),
+            ForceGigEAddress(address, null ? nullptr : &forced),     FindGigEAddressHolder(7, null ? nullptr : &holder),
+            DiagnoseFireWire(true, null ? nullptr : &fireWire),      DiagnoseUsb(null ? nullptr : &usb)};
 }
 
 std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(10, status); }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 #include "tools/nimbrel/doctor/Finding.h"
 #include "tools/nimbrel/doctor/UdevRule.h"
 

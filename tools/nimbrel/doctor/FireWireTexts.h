@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 #include "tools/nimbrel/doctor/Finding.h"
 
 namespace Nimbrel2::Tool::Doctor {

@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Diagnostics.h"
 #include "platform/Drivers.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/base/MonitorThread.h"
 #include "platform/base/Mutex.h"
 #include "platform/base/Uevents.h"

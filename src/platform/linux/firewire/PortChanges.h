@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 
 namespace Nimbrel2::Platform::FireWire {
 
