@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # Thin fronts for CMake presets and scripts/; each first sees to the Debian packages that it needs.
-.PHONY: all run build test bench check test-arm64 clean
+.PHONY: all run build test bench check abi test-arm64 clean
 
 all: build
 
@@ -27,10 +27,18 @@ bench:
 	cmake --build --preset bench
 	for program in build/bench/bin/bench_*; do bench/ratios.py $$program || exit; done
 
-# Everything that may refuse a change: format, clang-tidy, thread-safety analysis, fuzzers, all tests, sanitizers, arm64.
+# Everything that may refuse a change: format, clang-tidy, thread-safety analysis, binary interface, fuzzers, all tests,
+# sanitizers, arm64.
 check:
 	scripts/setup.sh check
 	scripts/check.sh
+
+# Renews the dumps of the shared libraries' binary interface that check compares with.
+abi:
+	scripts/setup.sh check
+	cmake --preset dev
+	cmake --build --preset dev --target nimbrel2 nimbrel2_simulation
+	python3 tests/project/check_abi.py . build/dev --update
 
 # Cross-builds with Debian's compiler and runs the core's tests under qemu-user.
 test-arm64:

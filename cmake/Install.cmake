@@ -28,6 +28,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     common/ZevoGuid.h
     hal/Export.h
     hal/HAL.h
+    platform/BusMap.h
     platform/Diagnostics.h
     platform/FireWireDiagnostics.h
     platform/Platform.h
@@ -66,7 +67,6 @@ install(FILES packaging/udev/70-nimbrel2-firewire.rules packaging/udev/70-nimbre
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  cmake_path(GET GRAPHVIZ_PLUGIN_CORE PARENT_PATH graphvizPlugins)
-  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram};${graphvizPlugins}")
+  set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
   install(TARGETS nimbrel)
 endif()

@@ -14,3 +14,6 @@ nimbrel2_fuzz_target(topology_map SOURCES ${PROJECT_SOURCE_DIR}/fuzz/TopologyMap
 nimbrel2_fuzz_target(uevent SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UeventFuzz.cpp LINKS nimbrel2_base)
 nimbrel2_fuzz_target(usb_descriptors SOURCES ${PROJECT_SOURCE_DIR}/fuzz/UsbDescriptorsFuzz.cpp LINKS nimbrel2_linux_usb)
 nimbrel2_fuzz_target(gencp_acknowledge SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GenCpAcknowledgeFuzz.cpp LINKS nimbrel2_linux_usb)
+nimbrel2_fuzz_target(arp_owner SOURCES ${PROJECT_SOURCE_DIR}/fuzz/ArpOwnerFuzz.cpp LINKS nimbrel2_linux_gige)
+nimbrel2_fuzz_target(gvcp_reply SOURCES ${PROJECT_SOURCE_DIR}/fuzz/GvcpReplyFuzz.cpp LINKS nimbrel2_linux_gige)
+nimbrel2_fuzz_target(netstat SOURCES ${PROJECT_SOURCE_DIR}/fuzz/NetstatFuzz.cpp LINKS nimbrel2_base)

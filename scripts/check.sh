@@ -20,6 +20,10 @@ step "clang-tidy"
 cmake --preset dev
 scripts/tidy.py all
 
+step "the binary interface of the shared libraries"
+cmake --build --preset dev --target nimbrel2 nimbrel2_simulation
+python3 tests/project/check_abi.py . build/dev
+
 if [ -f fuzz/CMakeLists.txt ]; then
     step "fuzzers, 30 seconds each"
     cmake --preset fuzz

@@ -5,15 +5,17 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-date-time-dev libboost-dev
-       libcli11-dev nlohmann-json3-dev libgraphviz-dev libusb-1.0-0-dev)
+       libcli11-dev nlohmann-json3-dev libcairo2-dev libusb-1.0-0-dev)
 # The independent camera is in aravis-tools, the tool that lists it in aravis-tools-cli.
 # clang shows that its thread-safety analysis sees our mutexes.
+# Fonts and readers that others wrote judge the pictures.
 tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables
-       procps python3 python3-jsonschema umockdev libumockdev-dev)
+       iptables ufw jq procps python3 python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
+       fonts-liberation umockdev libumockdev-dev)
 bench=(libbenchmark-dev python3 aravis-tools-cli umockdev libumockdev-dev)
 # clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
 ci=(clang clang-tidy libclang-rt-14-dev)
-check=(clang-format shellcheck)
+check=(abigail-tools clang-format shellcheck)
 arm64=()
 if [ "$(uname -m)" != aarch64 ]; then
     arm64=(g++-aarch64-linux-gnu qemu-user libboost-thread-dev:arm64 libboost-date-time-dev:arm64

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bus master: which cameras hang on this computer, kept current while they come and go.
+// The bus master: the cameras attached to this computer, kept current while they come and go.
 #ifndef NIMBREL2_BUSMASTER_BUSMASTER_H
 #define NIMBREL2_BUSMASTER_BUSMASTER_H
 
@@ -79,7 +79,7 @@ public:
 
     /// Waits until no bus reset is pending, the worker is idle and no callback is left to run: everything that was
     /// reported so far has been acted upon.
-    /// @return whether that came about within the time. Never, from inside a callback.
+    /// @return true if in time; always false inside a callback.
     bool WaitUntilQuiet(unsigned int milliseconds);
 
     // ---- Callbacks -------------------------------------------------------------------------------------------------
@@ -87,7 +87,7 @@ public:
     /// Has a function called after each event of a kind: function(data, serial), where serial is that of the camera
     /// that came or left and 0 for a bus reset. Each call runs on a thread of its own, one at a time in the process, in
     /// no particular order. Calls that wait for a slow one keep a thread each. A callback may call every look-up and
-    /// bus operation. What it throws is dropped; it must not end its thread.
+    /// bus operation. What it throws is dropped; it must not end its thread, nor wait for one that (un)registers.
     /// @param function  Null is accepted and never called. The same function may be registered many times.
     /// @param handle    Receives what UnregisterCallback wants.
     /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED;
@@ -156,7 +156,8 @@ public:
 
     /// The interface object of a camera or, when no camera has that guid, of a device, to read and write its registers.
     /// It stays good for as long as it is held: once the camera has left the list, or the bus master has gone, its
-    /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own.
+    /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own. In a forked
+    /// process they answer HAL_CLOSED.
     /// @param hw  Receives a share of the object; left alone on failure. Narrow it with dynamic_pointer_cast.
     /// @return ERROR_INVALID_PARAMETER for a null hw, tested first; ERROR_NOT_FOUND, also before start-up.
     /// @par Cost  No bus I/O.

@@ -92,10 +92,12 @@ struct NIMBREL2_INTERNAL BusMaster::Members : boost::enable_shared_from_this<Bus
     bool m_startAwaited = false;      ///< Initialize waits for that start, with m_busMasterMutex held.
     bool m_startConfirmed = false;    ///< The worker has confirmed it, perhaps before anybody waited.
 
-    boost::mutex m_quietMutex;  ///< Leaf. Guards the two below.
+    boost::mutex m_quietMutex;  ///< Leaf. Guards the four below.
     boost::condition_variable m_quietCondition;
-    bool m_workerIdle = false;         ///< The worker waits for work.
-    unsigned int m_callbacksLeft = 0;  ///< Callback threads that have not ended.
+    bool m_workerIdle = false;             ///< The worker waits for work.
+    unsigned int m_callbacksLeft = 0;      ///< Callback threads that have not ended.
+    std::uint64_t m_registrarsCome = 0;    ///< Registrars that had to wait for m_busMasterMutex so far,
+    std::uint64_t m_registrarsPassed = 0;  ///< and those of them that got it.
 
     boost::mutex m_snapshotMutex;
     /// The cameras as a bus error walks them, which may come while a cycle changes the lists. Under m_snapshotMutex.
@@ -141,6 +143,9 @@ struct NIMBREL2_INTERNAL BusMaster::Members : boost::enable_shared_from_this<Bus
     void RunCall(std::unique_ptr<CallbackThreadData> call);             ///< Waits for its turn. A callback thread.
     void CallbackEnded();
     bool IsInsideCallback() const;  ///< Whether this thread runs a user function.
+    /// For a registrar, which has its turn: locks m_busMasterMutex before the worker does so for another cycle.
+    void LockMainBeforeNextCycle(boost::unique_lock<boost::mutex>& lock);
+    void LetRegistrarsPass();  ///< The worker, no lock held: waits for the registrars that wait for m_busMasterMutex.
 
     // cameras.cpp
     Error GetCameras(HandleList& cameras);

@@ -42,6 +42,8 @@ struct Deadlines {
     boost::posix_time::time_duration lockAtDestruction = boost::posix_time::seconds(1);
     /// The worker's pause before an outstanding cycle, so that look-ups get in during a reset storm.
     boost::posix_time::time_duration stormPause = boost::posix_time::microseconds(200);
+    /// How long a cycle waits at most for registrars to get in before it. They need microseconds, once they run.
+    boost::posix_time::time_duration registrarsPass = boost::posix_time::seconds(1);
 };
 Deadlines& GetDeadlines() noexcept;
 

@@ -3,7 +3,8 @@
 // Registration runs on client threads, signalling on the worker, each user function on a detached thread of its own.
 // A user function runs with m_callbackMutex held and may want m_busMasterMutex for a look-up. So whoever holds
 // m_busMasterMutex only tries m_callbackMutex, and lets the main lock go before it waits. m_callbackTurns says who has
-// m_callbackMutex next, so that a registrar waits for one callback and not for all that are queued.
+// m_callbackMutex next, so that a registrar waits for one callback and not for all that are queued; and the worker lets
+// registrars pass before it begins a cycle, so that they wait for one cycle and not for a storm of them.
 #include <memory>
 
 #include "busmaster/BusMasterMembers.h"
@@ -41,7 +42,9 @@ void CallUser(void (*function)(void*, unsigned int), void* data, unsigned int pa
 class NIMBREL2_INTERNAL BusMaster::RegistryLock {
 public:
     explicit RegistryLock(Members& members)
-        : m_members(members), m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
+        : m_members(members),
+          m_busMasterLock(members.m_busMasterMutex, boost::defer_lock),
+          m_callbackLock(members.m_callbackMutex, boost::defer_lock) {}
 
     ~RegistryLock() {
         UnlockIfHeld(m_callbackLock);
@@ -58,18 +61,23 @@ public:
     // go; everything is held when this returns ERROR_OK.
     template <class Check>
     Error Take(Check check) {
-        m_busMasterLock = m_members.LockMain();
-        Error error = check();
-        if (error != ERROR_OK || TryRegistry()) {
-            return error;
+        if (m_members.IsInForkedProcess()) {
+            return check();  // without a lock, for it finds nothing initialised
         }
-        m_busMasterLock.unlock();
+        if (m_busMasterLock.try_lock()) {
+            Error error = check();
+            if (error != ERROR_OK || TryRegistry()) {
+                return error;
+            }
+            m_busMasterLock.unlock();
+        }
+        // The turn first, also while a cycle runs: what that cycle signals comes after this registrar then.
         if (!m_hasTurn) {
             m_members.m_callbackTurns.Take();
             m_hasTurn = true;
         }
         m_callbackLock.lock();
-        m_busMasterLock.lock();
+        m_members.LockMainBeforeNextCycle(m_busMasterLock);
         return check();
     }
 
@@ -220,6 +228,27 @@ void BusMaster::Members::RunCall(std::unique_ptr<CallbackThreadData> call) {
         SignalCallbackThread(call.release(), m_callbackSet, m_callbackMutex);
         m_callbackTurns.PassOn();
     }
+}
+
+void BusMaster::Members::LockMainBeforeNextCycle(Lock& lock) {
+    {
+        const Lock quietLock(m_quietMutex);
+        ++m_registrarsCome;
+    }
+    lock.lock();
+    {
+        const Lock quietLock(m_quietMutex);
+        ++m_registrarsPassed;
+    }
+    m_quietCondition.notify_all();
+}
+
+void BusMaster::Members::LetRegistrarsPass() {
+    const boost::posix_time::ptime deadline = DeadlineIn(GetDeadlines().registrarsPass);
+    Lock lock(m_quietMutex);
+    // As many as wait now, whoever gets the mutex first: those that come later cannot hold up the worker.
+    const std::uint64_t come = m_registrarsCome;
+    m_quietCondition.timed_wait(lock, deadline, [this, come] { return m_registrarsPassed >= come; });
 }
 
 bool BusMaster::Members::IsInsideCallback() const { return t_runningUnder == &m_callbackMutex && !IsInForkedProcess(); }

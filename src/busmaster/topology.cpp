@@ -64,7 +64,7 @@ public:
     }
 
 private:
-    // What will hang below one kind of bus.
+    // What is attached to one kind of bus.
     struct Branch {
         std::vector<TopologyNode> nodes;
         PortList ports{TopologyNode::PORT_TO_PARENT};

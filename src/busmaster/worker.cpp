@@ -197,6 +197,7 @@ private:
     Next RunCycle() {
         m_removed.clear();
         m_arrived.clear();
+        m_members.LetRegistrarsPass();
         m_busMasterLock.lock();
         if (Reconcile() == Next::Exit) {
             return Next::Exit;  // with the locks that it holds: Exit traces before it gives them back

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "hal/Export.h"
+
 namespace Nimbrel2 {
 
 /// A HAL entry that is given back exactly once, and never under an operation that still runs on it.
@@ -13,11 +15,12 @@ class HalEntry {
 public:
     using FreeFunction = std::uint32_t (*)(void*);
 
-    explicit HalEntry(void* entry) noexcept : m_entry(entry) {}
+    NIMBREL2_API explicit HalEntry(void* entry) noexcept;
     HalEntry(const HalEntry&) = delete;
     HalEntry& operator=(const HalEntry&) = delete;
 
-    /// Keeps the entry for the length of one operation. Empty once Release has been called.
+    /// Keeps the entry for the length of one operation. Empty once Release has been called. In a forked process it
+    /// keeps nothing from being released and takes no lock: there the HAL answers HAL_CLOSED whatever it gets.
     class Use {
     public:
         explicit Use(HalEntry& owner);
@@ -31,6 +34,7 @@ public:
     private:
         HalEntry& m_owner;
         bool m_held;
+        bool m_counted = false;
     };
 
     /// Gives the entry back: now, or when the last operation in flight on it ends.
@@ -38,8 +42,11 @@ public:
     std::uint32_t Release(FreeFunction free);
 
 private:
+    bool IsInForkedProcess() const noexcept;
+
     void* const m_entry;
-    std::mutex m_mutex;  // Leaf: guards the three below, never held during a HAL call.
+    const unsigned int m_forks;  // Tells the process that has made this from those forked from it.
+    std::mutex m_mutex;          // Leaf: guards the three below, never held during a HAL call.
     unsigned int m_usesInFlight = 0;
     bool m_released = false;
     FreeFunction m_pendingFree = nullptr;

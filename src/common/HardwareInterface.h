@@ -21,6 +21,7 @@ namespace Nimbrel2 {
 /// All operations but the getters return a HALStatus: 0, or why not (HAL.h, at the function of the same name). Once
 /// ReleaseCamera or ReleaseDevice has been called every operation that needs the device answers HAL_GONE. An operation
 /// that the bus of the device does not have answers HAL_NOT_SUPPORTED (a PHY write: HAL_PHY_WRITE_NOT_IMPLEMENTED).
+/// In a process that was forked after the object was made they answer HAL_CLOSED.
 /// @par Threads  Any; operations on one object may run at the same time. No lock is held during a HAL call.
 class NIMBREL2_API HardwareInterface {
 public:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The trace: what the bus master does, a line each, for whoever installs a sink. Off unless an application does.
+// The trace: one line per action of the bus master, for an application's sink. Off until one is installed.
 #ifndef NIMBREL2_COMMON_TRACE_H
 #define NIMBREL2_COMMON_TRACE_H
 

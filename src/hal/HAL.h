@@ -15,11 +15,11 @@
  *   Locks       The HAL holds none of its own locks while it calls back. Unless said otherwise the bus master may hold
  *               any of its locks while it calls.
  *   After       HAL_CleanupLibrary (and before HAL_InitLibrary) every function answers HAL_CLOSED and touches nothing.
- *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no lock,
- * and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process. Memory      Buffers
- * belong to the caller and are only used during the call. Pointers    Out-parameters must not be null unless said;
- * counts come in as a capacity and go out as a number. What an out-parameter holds after a failure is meaningless
- * unless said.
+ *   Forks       In a process that was forked after HAL_InitLibrary every function answers HAL_CLOSED and takes no
+ *               lock, and HAL_CleanupLibrary cleans up nothing: threads and devices are those of the first process.
+ *   Memory      Buffers belong to the caller and are only used during the call.
+ *   Pointers    Out-parameters must not be null unless said; counts come in as a capacity and go out as a number. What
+ *               an out-parameter holds after a failure is meaningless unless said.
  */
 #ifndef NIMBREL2_HAL_HAL_H
 #define NIMBREL2_HAL_HAL_H
@@ -61,7 +61,7 @@ HAL_ENUM(HALStatus){
     HAL_NO_SUCH_REGISTER = 15,         /* the device has no register at that address */
     HAL_WRITE_PROTECTED = 16,          /* the register may not be written */
     HAL_ACCESS_DENIED = 17,            /* another application holds the device */
-    HAL_REFUSED = 18,                  /* the device answered with an error that fits no other */
+    HAL_REFUSED = 18,                  /* any other error that the device answered */
     HAL_NO_TREE = 20,                  /* a USB camera that has no tree to show */
     HAL_UNREACHABLE = 21,              /* no route, or the network interface is down */
     HAL_ARRAY_TOO_SMALL = 23,          /* HAL_GvcpDiscovery: more cameras than records */
@@ -186,13 +186,13 @@ NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
  * Give an entry back. Never block for bus I/O. HAL_INVALID_ARGUMENT for null, HAL_GONE for an entry that was given back
  * before. Callers, and the locks of the bus master that are held meanwhile:
  *   during a listing   The enumeration thread, or the worker for devices, when the listing fails: the main lock, which
- * a start has from Initialize, and no longer once that has given up. during a cycle     The worker, for cameras listed
- * anew: main and initialised lock; for cameras that left: main lock; for devices of the cycle before: main and
- * initialised lock. at the end         One thread for each camera, all at once, then the destructor's thread for the
- * devices, one after the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *                      a start has from Initialize, and no longer once that has given up.
+ *   during a cycle     The worker, for cameras listed anew: main and initialised lock; for cameras that left: main
+ *                      lock; for devices of the cycle before: main and initialised lock.
+ *   at the end         One thread for each camera, all at once, then the destructor's thread for the devices, one after
+ *                      the other: the main lock, held by the destructor. The same in a start that follows a failed one.
  *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
- *   left behind        A thread that the destructor could not wait for: none. It comes after HAL_CleanupLibrary and
- * gets HAL_CLOSED.
+ *   left behind        A thread that the destructor could not wait for: none. It gets HAL_CLOSED after the clean-up.
  */
 NIMBREL2_API uint32_t HAL_1394FreeCamera(void* entry);
 NIMBREL2_API uint32_t HAL_1394FreeDevice(void* entry);

@@ -124,6 +124,7 @@ struct InterfaceDiagnosis {
     std::uint16_t localPort = 0;
     int rpFilterOfAll = 0;  ///< the reverse path filter in force is the larger of the two: 0 off, 1 strict, 2 loose
     int rpFilterOfIt = 0;
+    std::uint32_t linkSpeed = 0;      ///< Mbit/s; 0 when that is not known
     std::uint32_t receiveBuffer = 0;  ///< octets that the socket holds; 0 when that is not known
     std::uint32_t receiveDrops = 0;   ///< datagrams that it could not hold
     unsigned int heard = 0;           ///< cameras that have answered here lately
@@ -353,10 +354,16 @@ struct UsbDiagnosis {
 
 // ---- Questions -----------------------------------------------------------------------------------------------------
 
+/// Whether a bus is searched. A bus that is not lists nothing and raises nothing, which to the bus master is the same
+/// as one without cameras.
+/// @return HAL_OK: it is. HAL_NO_BUS: Options leave it out. HAL_NOT_SUPPORTED: this build has no driver for it.
+///         Anything else: what kept its driver from starting. HAL_INVALID_ARGUMENT: no such bus.
+/// @par Threads  Any. No I/O.
+NIMBREL2_API std::uint32_t GetBusSupport(HALInterfaceType bus);
+
 /// What is known of network interfaces and of the cameras on them, those that no listing shows included.
 /// @param askControl  Asks all listed cameras at once, too, who controls them and how large their packets are. Those
-/// that
-///                    do not answer are waited for half a second, once.
+///                    that do not answer are waited for half a second, once.
 /// @param diagnosis   Overwritten. What the last discoveries have heard: sends none itself.
 /// @return HAL_OK; HAL_NO_BUS when nobody drives the bus.
 /// @par Threads  Any, but an event callback. Without askControl no network I/O: some questions to the kernel.

@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // The seam between the HAL that ships and its drivers: one interface per bus kind, implemented for Linux and for rigs.
 //
-// Life       A driver is made by HAL_InitLibrary with the sink that it reports to, started once, stopped once when
-// Start
+// Life       A driver is made by HAL_InitLibrary with the sink that it reports to, started once, stopped once if Start
 //            has answered HAL_OK, and destroyed. The sink outlives it.
-// Threads    Everything may be called from any thread at any time between Start and the end of Stop, in parallel;
-// device
-//            objects also afterwards, for they are shared and may outlive their driver: they then answer HAL_CLOSED.
-//            An operation in flight while Stop is called comes back soon.
-// Results    HALStatus values, as HAL.h states them for the function of the same name. Out-parameters are never null.
-//            What one holds after a failure is meaningless.
-// Containers An operation that fills a container is given an empty one and appends to it.
+// Threads    Everything may be called from any thread at any time between Start and the end of Stop, in parallel.
+//            Devices are shared and may outlive their driver: they then answer HAL_CLOSED. An operation in flight while
+//            Stop is called comes back soon.
+// Arguments  The glue has checked them: addresses are aligned and within their range, out-parameters are never null.
+//            What an out-parameter holds after a failure is meaningless.
+// Containers The glue hands over an empty one and the driver appends; the driver sorts where it says so; the glue cuts
+//            what does not fit its caller.
+// Results    HALStatus values. Every operation may answer HAL_CLOSED (Stop has been called) and HAL_FAILED (whatever
+//            has no status of its own); each class says what else. errno and the codes of a bus are turned into these
+//            here, and none is passed on.
+// Cost       "No I/O" means from memory: microseconds. What may block says for how long, and holds no lock meanwhile
+//            that Report or a listing needs.
 // Memory     Operations may throw std::bad_alloc, and the bus is whole afterwards. Nothing else is thrown.
 // Base class Each one answers for a bus that this computer does not have: it starts, lists nothing and reports nothing.
 //            A driver overrides what its bus has.
@@ -27,6 +31,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/BusMap.h"
 #include "platform/Diagnostics.h"
 #include "platform/FireWireDiagnostics.h"
 
@@ -39,8 +44,7 @@ struct ConfigInfo {
     std::string model;
 };
 
-// ---- What is there
-// ----------------------------------------------------------------------------------------------------
+// ---- What is there --------------------------------------------------------------------------------------------------
 
 /// One device that users hear of when it arrives or leaves.
 struct PresentDevice {
@@ -73,7 +77,8 @@ public:
     virtual ~BusEventSink() = default;
 
     /// The bus is like this now. To be called in Start, and whenever it may have changed: with nothing changed nothing
-    /// happens. A driver that could not make the state for want of memory must try again later, or the change is lost.
+    /// happens. A driver that could not make the state for want of memory must try again later, or say so by
+    /// ReportUnknown, or the change is lost.
     /// Calls must come in the order of the changes: make them under the lock that guards what the driver knows.
     /// Never blocks, never takes memory and never calls back on this thread.
     virtual void Report(BusState state) noexcept = 0;
@@ -81,6 +86,10 @@ public:
     /// The same from a driver that has waited for the end of the burst itself (10 ms of quiet, 100 ms at most): users
     /// hear of it at once.
     virtual void ReportSettled(BusState state) noexcept { Report(std::move(state)); }
+
+    /// The bus has changed, and there is no memory to say how: every registration gets a bus reset, and the listing
+    /// that follows reports the rest. For a driver without a thread that could try again; called as Report is.
+    virtual void ReportUnknown() noexcept {}
 
     /// The bus failed: every registration gets HAL_BUS_ERROR.
     virtual void RaiseError() noexcept = 0;
@@ -96,29 +105,39 @@ struct Listing {
     BusState state;
 };
 
-// ---- IEEE 1394
-// --------------------------------------------------------------------------------------------------------
+// ---- IEEE 1394 ------------------------------------------------------------------------------------------------------
 
-/// One node, found anew by card and EUI-64 at each call. HAL_GONE while it is not on its bus.
+/// One node, found anew by card and EUI-64 at each call. HAL_GONE while it is not on its bus; where there is I/O, also
+/// HAL_PERMISSION (this user may not open the node), HAL_BUSY, HAL_TIMED_OUT and HAL_BAD_ANSWER.
 class FireWireDevice {
 public:
     virtual ~FireWireDevice() = default;
-    /// These three do no bus I/O.
+    /// EUI-64's high quadlet, node id (0xFFC0 | phy id), EUI-64's low quadlet as the serial number, card, software
+    /// version of the unit; the texts of the configuration ROM. A virtual camera has 0 where it has nothing. No I/O.
     virtual std::uint32_t GetConfigInfo(ConfigInfo* info) = 0;
+    /// No I/O.
     virtual std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) = 0;
+    /// Phy id and card, as the bus was last seen. No I/O.
     virtual std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) = 0;
-    /// One transaction, at most 3 s; a node that timed out answers HAL_TIMED_OUT at once for a second.
-    /// offset is the whole 48-bit address offset, a multiple of 4.
+    /// One transaction, in host order, at most 3 s; a node that timed out answers HAL_TIMED_OUT at once for a second.
+    /// HAL_NO_SUCH_REGISTER: the node has nothing at that address. HAL_REFUSED: it has answered with another error.
+    /// @param offset  The whole 48-bit address offset.
     virtual std::uint32_t ReadQuadlet(std::uint64_t offset, std::uint32_t* value) = 0;
+    /// As ReadQuadlet; HAL_WRITE_PROTECTED too.
     virtual std::uint32_t WriteQuadlet(std::uint64_t offset, std::uint32_t value) = 0;
+    /// One PHY register, at most 300 ms. page and port count from address 8 on.
     virtual std::uint32_t ReadPhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
                                   std::uint32_t* value) = 0;
+    /// HAL_PHY_WRITE_NOT_IMPLEMENTED: this computer has no way to do it.
     virtual std::uint32_t WritePhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
                                    std::uint32_t value) = 0;
+    /// Asks for a short bus reset and does not wait for it.
     virtual std::uint32_t FireBusReset() = 0;
+    /// The self-ID packets of the node's bus, by phy id, in bus order within one PHY. busKey tells buses apart,
+    /// generation changes with every bus reset. All nodes of a bus share one reading per generation: at most 300 ms.
     virtual std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>* packets, std::uint64_t* busKey,
                                      std::uint32_t* generation) = 0;
-    /// One serial number per phy id, 0 where none is known.
+    /// One serial number per phy id, 0 where none is known. No I/O.
     virtual std::uint32_t GetNodeSerialNumbers(std::vector<std::uint32_t>* serialNumbers) = 0;
 };
 
@@ -130,71 +149,93 @@ public:
     virtual std::uint32_t Start() { return HAL_OK; }
     /// Ends the driver's threads. Nothing is reported after it has returned.
     virtual void Stop() {}
-    /// Opens nothing and does no transaction: milliseconds.
+    /// All cameras, whether or not this user may open them, sorted by card and EUI-64. Opens nothing and does no
+    /// transaction: milliseconds. HAL_PERMISSION, HAL_OUT_OF_MEMORY: the bus could not be looked at.
     virtual std::uint32_t ListCameras(Listing<FireWireDevice>* /*cameras*/) { return HAL_OK; }
+    /// The same for the nodes that are no cameras.
     virtual std::uint32_t ListDevices(Listing<FireWireDevice>* /*devices*/) { return HAL_OK; }
-    /// Cameras that are on no bus, and in no state. None has one of the serial numbers in taken.
+    /// Cameras that are on no bus, and in no state. None has one of the serial numbers in taken. No I/O.
     virtual std::uint32_t ListVirtualCameras(const std::vector<std::uint64_t>& /*taken*/,
                                              std::vector<std::shared_ptr<FireWireDevice>>* /*cameras*/) {
         return HAL_OK;
     }
     /// As FireWireDiagnostics.h states it for DiagnoseFireWire.
     virtual std::uint32_t Diagnose(bool /*askNodes*/, FireWireDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
+    /// One map per bus, in the order of the cards. No bus I/O.
+    virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
 };
 
-// ---- USB
-// --------------------------------------------------------------------------------------------------------------
+// ---- USB ------------------------------------------------------------------------------------------------------------
 
 /// One camera, found anew by VID, PID and serial text at each call, by port path when that text is empty or not unique.
-/// HAL_GONE while it is not attached.
+/// HAL_GONE while it is not attached; where there is I/O, also HAL_PERMISSION (this user may not open it), HAL_BUSY
+/// (another program has claimed it) and HAL_TIMED_OUT.
 class UsbDevice {
 public:
     virtual ~UsbDevice() = default;
-    /// These three do no bus I/O; the last also answers, with the last speed known, when the camera is gone.
+    /// VID << 16 | PID, bus number << 8 | device number, serial number (UsbSerial.h), speed in Mbit/s, bcdUSB; the
+    /// texts of manufacturer and product. No I/O.
     virtual std::uint32_t GetConfigInfo(ConfigInfo* info) = 0;
+    /// iSerialNumber. No I/O.
     virtual std::uint32_t GetSerialText(std::string* text) = 0;
+    /// Of the link; of a camera that is gone the last one known. No I/O.
     virtual std::uint32_t GetSpeed(std::uint32_t* megabits) = 0;
-    /// One access, with the camera's interface claimed meanwhile: 200 ms a try, 1 s when the camera asks for time.
+    /// One access, with the camera's interface claimed meanwhile: 200 ms per try, 1 s when the camera asks for time.
+    /// HAL_NOT_SUPPORTED: it has no register protocol. HAL_NO_SUCH_REGISTER, HAL_WRITE_PROTECTED, HAL_ACCESS_DENIED,
+    /// HAL_REFUSED: the camera has said so. HAL_BAD_ANSWER: it answers what its protocol does not know.
     virtual std::uint32_t ReadRegister(std::uint64_t address, std::uint32_t* value) = 0;
     virtual std::uint32_t WriteRegister(std::uint64_t address, std::uint32_t value) = 0;
+    /// Resets the camera's port; the bus is enumerated anew afterwards.
     virtual std::uint32_t FireBusReset() = 0;
+    /// Speed in units of 10 Mbit/s << 16 | port number << 8 | number of hubs above. No I/O.
     virtual std::uint32_t GetLinkInfo(std::uint32_t* link) = 0;
+    /// wPortChange << 16 | wPortStatus, asked from the hub above: some 10 ms.
     virtual std::uint32_t GetPortStatus(std::uint32_t* status) = 0;
-    /// The whole tree of the camera's controller, from one reading.
+    /// The whole tree of the camera's controller, from one reading, each device behind the hub above it. deviceId is
+    /// the camera's own, hostKey tells controllers apart, generation changes with every change below the controller.
+    /// Milliseconds. HAL_NO_TREE: there is none to show.
     virtual std::uint32_t GetTree(std::vector<UsbSelfId>* records, std::uint32_t* deviceId, std::uint64_t* hostKey,
                                   std::uint32_t* generation) = 0;
 };
 
-/// Start, Stop and listing as for FireWireBus.
+/// Start and Stop as for FireWireBus.
 class UsbBus {
 public:
     virtual ~UsbBus() = default;
     virtual std::uint32_t Start() { return HAL_OK; }
     virtual void Stop() {}
+    /// All cameras, whether or not this user may open them, sorted by controller and port path. Opens nothing:
+    /// milliseconds. HAL_PERMISSION, HAL_OUT_OF_MEMORY: the bus could not be looked at.
     virtual std::uint32_t ListCameras(Listing<UsbDevice>* /*cameras*/) { return HAL_OK; }
+    /// One map per host controller. No bus I/O.
+    virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
     /// As Diagnostics.h states it for DiagnoseUsb.
     virtual std::uint32_t Diagnose(UsbDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
 };
 
-// ---- GigE
-// -------------------------------------------------------------------------------------------------------------
+// ---- GigE -----------------------------------------------------------------------------------------------------------
 
 /// One camera, found anew by its MAC at each call. HAL_GONE while it does not answer at its address.
 class GigEDevice {
 public:
     virtual ~GigEDevice() = default;
-    /// No network I/O; also of a camera that is gone, as it was listed.
+    /// Its last discovery answer; of a camera that is gone, as it was listed. No I/O.
     virtual std::uint32_t GetRecord(GvcpDiscoveryRecord* record) = 0;
-    /// address is a multiple of 4.
+    /// One command: three tries of 200 ms, 1 s when the camera asks for time; a camera that timed out answers
+    /// HAL_TIMED_OUT at once for a second. HAL_UNREACHABLE, HAL_PERMISSION: the request could not be sent.
+    /// HAL_NO_SUCH_REGISTER, HAL_WRITE_PROTECTED, HAL_ACCESS_DENIED, HAL_BUSY, HAL_REFUSED: the camera has said so.
+    /// HAL_BAD_ANSWER: its answer is no answer. The current address (0x24) of a camera that counts as present is known
+    /// without its answer.
     virtual std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) = 0;
     virtual std::uint32_t WriteRegister(std::uint32_t address, std::uint32_t value) = 0;
+    /// Whether this application may only watch, because another one has control. Costs and fails as a read does.
     virtual std::uint32_t IsInMonitorMode(bool* monitor) = 0;
+    /// Where this application's commands to the camera come from. Nothing is sent. HAL_UNREACHABLE: from nowhere.
     virtual std::uint32_t GetLocalPort(std::uint32_t* port) = 0;
     virtual std::uint32_t GetLocalAddress(std::uint32_t* ipAddress) = 0;
 };
 
-/// Start, Stop and listing as for FireWireBus; a listing may wait for the network, at most three seconds, the first one
-/// for the discovery window and two.
+/// Start and Stop as for FireWireBus.
 class GigEBus {
 public:
     /// @param reason  What the services answer of a bus that has nothing: why no request can be sent.
@@ -205,30 +246,46 @@ public:
 
     virtual std::uint32_t Start() { return HAL_OK; }
     virtual void Stop() {}
+    /// The cameras that can be used, sorted by MAC and address. May wait for the network: at most 3 s, the first time
+    /// for the discovery window and 2 s. HAL_PERMISSION, HAL_OUT_OF_MEMORY: nobody could be asked.
     virtual std::uint32_t ListCameras(Listing<GigEDevice>* /*cameras*/) { return HAL_OK; }
-    // As Diagnostics.h states them for the functions of these names. What Discover hears is also what
-    // HAL_GvcpDiscovery answers, and ForceAddress and the two for plans are what HAL_GvcpForceIp and its siblings do.
+    // The services. What they find is told in full in Diagnostics.h. HAL_NO_BUS, HAL_PERMISSION, HAL_UNREACHABLE: no
+    // request could be sent on any interface; where some could not, the report says which.
+
+    /// Broadcasts, and collects cameras on any subnet, sorted by MAC: one discovery window, and 0.6 s more while some
+    /// do not answer at their addresses. HAL_OK also when there is none.
+    /// @param until  The search ends as soon as this camera has answered.
     virtual std::uint32_t Discover(const std::optional<GigECameraName>& /*until*/, GigEDiscovery* /*discovery*/) {
         return m_reason;
     }
+    /// Gives one camera an address by FORCEIP, and waits until it answers there: 0.9 s, and 2 s more.
+    /// HAL_NO_ACKNOWLEDGE: nobody has acknowledged.
     /// @param address  Has passed CheckCameraAddress (platform/base/CameraAddress.h).
     virtual std::uint32_t ForceAddress(const GigEAddress& /*address*/, ForceIpResult* /*result*/) { return m_reason; }
+    /// Which cameras need another address, and a free one for each, sorted by MAC; changes nothing. One discovery
+    /// window, and 0.3 s more. HAL_GONE: no camera has that serial number.
     virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
                                         std::vector<AddressPlan>* /*plans*/) {
         return m_reason;
     }
+    /// Carries plans out, all at once, and writes the status of each: 0.9 s, and 2 s more. Unlike other containers, the
+    /// plans come in. @return the first status of a plan that is not HAL_OK.
     virtual std::uint32_t ApplyAddresses(std::vector<AddressPlan>* /*plans*/) { return m_reason; }
+    /// Who has that address: 0.2 s where a host must be asked. HAL_OK, whoever has it.
     virtual std::uint32_t FindAddressHolder(std::uint32_t /*ip*/, AddressHolder* /*holder*/) { return m_reason; }
+    /// What is known of interfaces and cameras. No I/O with cameras; with askControl one question to each, all at once:
+    /// half a second at most.
     virtual std::uint32_t Diagnose(bool /*askControl*/, GigEDiagnosis* /*diagnosis*/) { return m_reason; }
+    /// Where the searches that listings go by do not search. No I/O with cameras.
     virtual std::uint32_t GetSearchReport(GigESearchReport* /*report*/) { return m_reason; }
+    /// Cameras whose answers do not reach this program: one discovery window, and 0.6 s more.
     virtual std::uint32_t FindMutedCameras(GigEHearing* /*hearing*/) { return m_reason; }
 
 private:
     const std::uint32_t m_reason;
 };
 
-// ---- Making them
-// ------------------------------------------------------------------------------------------------------
+// ---- Making them ----------------------------------------------------------------------------------------------------
 
 /// One driver per bus kind, made but not started. A null one stands for a bus that is not there.
 struct Drivers {
@@ -237,6 +294,8 @@ struct Drivers {
     std::unique_ptr<GigEBus> gigE;
     /// At the head of each HAL function: what is not HAL_OK is the function's answer. May wait. Empty: nothing happens.
     std::function<std::uint32_t(const char* function)> enter;
+    /// Nothing on these buses takes time, so bus resets are delivered at once, not when a burst has ended.
+    bool inVirtualTime = false;
 };
 
 /// Where each driver reports. They outlive the drivers.

@@ -24,6 +24,7 @@ namespace Nimbrel2::Platform {
 ///
 /// Copies are the same computer. It lives as long as a copy or a running HAL uses it.
 /// @par Threads  Any. No operation waits for the bus master.
+/// @par Forks    A process that was forked after the object was made may destroy it, and nothing else.
 class NIMBREL2_API SimulatedComputer {
 public:
     /// @throws std::runtime_error "FILE: JSON POINTER: REASON" when the file is unreadable or describes no computer.

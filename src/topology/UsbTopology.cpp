@@ -45,7 +45,7 @@ public:
 private:
     using Records = std::vector<const UsbSelfId*>;
 
-    Records m_tier1;  // One device is on a root port: whatever is on tier 1 hangs on that one.
+    Records m_tier1;  // One device is on a root port: all of tier 1 is attached to it.
     std::array<std::array<Records, PortCount>, UsbTierCount> m_deeper;
 };
 

@@ -105,6 +105,32 @@ protected:
         return unregistered;
     }
 
+    // Returns when the registrar has its turn and waits for the cycle that runs.
+    std::future<Error> RegisterDuringACycle() {
+        const std::uint64_t before = RegistrarsCome();
+        std::future<Error> registered = std::async(std::launch::async, [this] {
+            void* handle = nullptr;
+            return busMaster->RegisterCallback(&SlowCalls::Run, ARRIVAL, &others, &handle);
+        });
+        EXPECT_TRUE(Eventually([&] { return RegistrarsCome() == before + 1; }));
+        return registered;
+    }
+
+    void CountRegistrar(std::uint64_t Members::*counter) {
+        {
+            const Lock lock(Inside().m_quietMutex);
+            ++(Inside().*counter);
+        }
+        Inside().m_quietCondition.notify_all();
+    }
+
+    bool MainLockIsFree() { return Lock(Inside().m_busMasterMutex, boost::try_to_lock).owns_lock(); }
+
+    std::uint64_t RegistrarsCome() {
+        const Lock lock(Inside().m_quietMutex);
+        return Inside().m_registrarsCome;
+    }
+
     // Answered in time, and well.
     void ExpectPasses(std::future<Error>& registrar) {
         EXPECT_EQ(std::future_status::ready, registrar.wait_for(TestDeadline)) << (slow.LetEnd(Many), "it starves");
@@ -177,6 +203,52 @@ TEST_F(Registrars, KeepTheirTurnWhileTheyWaitForACycle) {
     }
     ExpectPasses(registered);
     EXPECT_TRUE(slow.WaitUntilBegun(2));
+}
+
+// The mutex alone would often let the worker have it again before a registrar that waits for it has woken up.
+TEST_F(Registrars, AreLetPastByTheWorkerBeforeItsNextCycle) {
+    GetDeadlines().registrarsPass = boost::posix_time::hours(1);
+    const auto running = hal.Block("HAL_GigEGetCameras");
+    const auto next = hal.Block("HAL_GigEGetCameras", 2);
+    RaiseReset();  // of an idle worker: two cycles
+    ASSERT_TRUE(running->WaitUntilReached());
+    CountRegistrar(&Members::m_registrarsCome);  // one that is slow to wake up
+    std::future<Error> registered = RegisterDuringACycle();
+    running->Open();
+    ExpectPasses(registered);
+    ASSERT_TRUE(Eventually([&] { return Inside().m_pendingBusResets == 0; }));
+    ASSERT_TRUE(Eventually([&] { return MainLockIsFree(); }));
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(MainLockIsFree()) << "the next cycle has begun";
+        std::this_thread::yield();
+    }
+    CountRegistrar(&Members::m_registrarsPassed);
+    EXPECT_TRUE(next->WaitUntilReached());
+    next->Open();
+}
+
+TEST_F(Registrars, GoBeforeTheCallsThatTheRunningCycleSignals) {
+    Register(BUS_RESET, slow);
+    const auto running = hal.Block("HAL_GigEGetCameras");
+    RaiseReset();
+    ASSERT_TRUE(running->WaitUntilReached());
+    std::future<Error> registered = RegisterDuringACycle();
+    running->Open();
+    ExpectPasses(registered);
+    EXPECT_EQ(0U, slow.Ended());
+    EXPECT_TRUE(slow.WaitUntilBegun(1));
+}
+
+TEST_F(Registrars, DoNotHoldUpTheWorkerWhenTheyAreHeldUpThemselves) {
+    GetDeadlines().registrarsPass = milliseconds(20);
+    const auto running = hal.Block("HAL_GigEGetCameras");
+    const auto next = hal.Block("HAL_GigEGetCameras", 2);
+    RaiseReset();
+    ASSERT_TRUE(running->WaitUntilReached());
+    CountRegistrar(&Members::m_registrarsCome);  // one that never comes to its lock
+    running->Open();
+    EXPECT_TRUE(next->WaitUntilReached());
+    next->Open();
 }
 
 TEST_F(Registrars, GetThroughAStormOfResets) {

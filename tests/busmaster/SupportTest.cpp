@@ -100,6 +100,7 @@ TEST(Deadlines, AreThoseOfTheProductUnlessATestShortensThem) {
     EXPECT_EQ(boost::posix_time::seconds(1), deadlines.rescan);
     EXPECT_EQ(boost::posix_time::seconds(1), deadlines.lockAtDestruction);
     EXPECT_EQ(boost::posix_time::microseconds(200), deadlines.stormPause);
+    EXPECT_EQ(boost::posix_time::seconds(1), deadlines.registrarsPass);
     EXPECT_EQ(&GetDeadlines(), &GetDeadlines());
 }
 

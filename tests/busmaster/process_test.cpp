@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bus master in a process that ends, forks or takes signals: programs of their own, looked at from outside. And
 // what the kernel says of its threads. The test's thread.
-#include <algorithm>
 #include <csignal>
 #include <sstream>
 
@@ -156,46 +155,16 @@ TEST(Signals, OfAFaultInsideACallbackReachTheHandlerOfTheProgram) {
     EXPECT_EQ(9, result.exitStatus) << result.errors;
 }
 
-const std::set<int> OpenSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT, SIGPROF};
-
 class ThreadsOfTheBusMaster : public BusMasterFixture {
 protected:
-    static std::vector<ProcessThread> OwnThreads() {
-        std::vector<ProcessThread> threads = ListThreads();
-        std::erase_if(threads, [](const ProcessThread& thread) { return thread.name.rfind("nimbrel-", 0) != 0; });
-        return threads;
-    }
-
-    static std::vector<std::string> Names() {
-        std::vector<std::string> names;
-        for (const ProcessThread& thread : OwnThreads()) {
-            names.push_back(thread.name);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    // What is wrong with the masks. A thread that is starting another blocks everything for a moment.
-    static std::vector<std::string> WrongMasks() {
-        std::vector<std::string> wrong;
-        for (const ProcessThread& thread : OwnThreads()) {
-            for (int number = 1; number <= SIGRTMAX; ++number) {
-                const bool isOfTheCLibrary = number > SIGSYS && number < SIGRTMIN;
-                if (number == SIGKILL || number == SIGSTOP || isOfTheCLibrary) {
-                    continue;
-                }
-                if (thread.Blocks(number) != (OpenSignals.count(number) == 0)) {
-                    wrong.push_back(thread.name + " and signal " + std::to_string(number));
-                }
-            }
-        }
-        return wrong;
-    }
+    static std::vector<ProcessThread> OwnThreads() { return ListThreads("nimbrel-"); }
 
     // An ended thread stays in sight for a moment, too.
     static void ExpectThreads(const std::vector<std::string>& names) {
-        EXPECT_TRUE(Eventually([&] { return Names() == names; })) << ::testing::PrintToString(Names());
-        EXPECT_TRUE(Eventually([] { return WrongMasks().empty(); })) << ::testing::PrintToString(WrongMasks());
+        EXPECT_TRUE(Eventually([&] { return NamesOf(OwnThreads()) == names; }))
+            << ::testing::PrintToString(NamesOf(OwnThreads()));
+        EXPECT_TRUE(Eventually([] { return WrongMasks(OwnThreads()).empty(); }))
+            << ::testing::PrintToString(WrongMasks(OwnThreads()));
     }
 
     static void Pass(void* gate, unsigned int) { static_cast<Gate*>(gate)->Pass(); }

@@ -8,6 +8,7 @@
 
 #include "common/HalEntry.h"
 #include "hal/HAL.h"
+#include "tests/support/ProcessThreads.h"
 #include "tests/support/ScriptedHal.h"
 
 namespace Nimbrel2 {
@@ -69,6 +70,29 @@ TEST_F(HalEntryTest, WaitsForTheLastUseBeforeItGivesBack) {
 TEST_F(HalEntryTest, IsNotGivenBackByTheDestructor) {
     { HalEntry owner(entry); }
     EXPECT_EQ(0U, hal.Count("HAL_UsbFreeCamera"));
+}
+
+// The mutex may be taken for good there.
+TEST_F(HalEntryTest, IsUsedAndGivenBackInAForkedProcessWithoutItsLock) {
+    HalEntry owner(entry);
+    std::atomic<bool> stop{false};
+    std::thread user([&] {
+        while (!stop) {
+            const HalEntry::Use use(owner);
+        }
+    });
+    int status = 0;
+    for (int i = 0; i < 200 && status == 0; ++i) {
+        status = Testing::InForkedProcess([&] {
+            const bool isLent = static_cast<bool>(HalEntry::Use(owner));
+            const auto closed = [](void*) -> std::uint32_t { return HAL_CLOSED; };
+            return isLent && owner.Release(closed) == HAL_CLOSED && owner.Release(closed) == HAL_CLOSED ? 0 : 1;
+        });
+    }
+    EXPECT_EQ(0, status);
+    stop = true;
+    user.join();
+    EXPECT_EQ(HAL_OK, owner.Release(&HAL_UsbFreeCamera));
 }
 
 TEST_F(HalEntryTest, IsGivenBackOnceWhenManyThreadsReleaseAndUseIt) {

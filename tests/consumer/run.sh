@@ -60,6 +60,18 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
     $(pkg-config --cflags --libs nimbrel2-simulation)
 expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"
 
+# A program for real cameras carries no simulated ones and no JSON parser.
+# shellcheck disable=SC2046
+"$cxx" -std=c++17 "$work/project/main_own_hal.cpp" -o "$work/real_cameras" $(pkg-config --cflags --libs nimbrel2)
+libraries=$(LD_LIBRARY_PATH=$libdir ldd "$work/real_cameras")
+[[ $libraries == *libnimbrel2.so* && $libraries != *simulation* ]] ||
+    fail "a program for real cameras loads other libraries than libnimbrel2: $libraries"
+parser=nlohmann
+grep -qa $parser "$libdir/libnimbrel2_simulation.so" || fail "a JSON parser is no longer called $parser: look for its name"
+for file in "$work/real_cameras" "$libdir/libnimbrel2.so"; do
+    ! grep -qa $parser "$file" || fail "$file carries a JSON parser"
+done
+
 # Plug-ins that hide their symbols, whatever they are optimised for, share the one bus master of the library, and it stays
 # when they are unloaded.
 for optimisation in -O0 -O2; do

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0
- * Loads a plug-in, uses it and unloads it, twice: unload_plugin PLUGIN LIBRARY. The library below it must stay, for its threads
- * run in it, and its bus master must be the same, and alive, the second time. */
+ * Loads a plug-in, uses it and unloads it, twice: unload_plugin PLUGIN LIBRARY. The library below it must stay, for its
+ * threads run in it, and its bus master must be the same, and alive, the second time. */
 #include <dlfcn.h>
 #include <stdio.h>
 

@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -40,6 +42,37 @@ inline std::vector<ProcessThread> ListThreads() {
         if (!thread.name.empty()) threads.push_back(thread);
     }
     return threads;
+}
+
+/// The threads of this process whose names begin so.
+inline std::vector<ProcessThread> ListThreads(const std::string& prefix) {
+    std::vector<ProcessThread> threads = ListThreads();
+    std::erase_if(threads, [&](const ProcessThread& thread) { return thread.name.rfind(prefix, 0) != 0; });
+    return threads;
+}
+
+/// The sorted names of threads.
+inline std::vector<std::string> NamesOf(const std::vector<ProcessThread>& threads) {
+    std::vector<std::string> names;
+    for (const ProcessThread& thread : threads) names.push_back(thread.name);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+/// What is wrong with the masks of these threads of the library, which take the signals of their own faults, SIGABRT
+/// and SIGPROF. A thread that is starting another blocks everything for a moment.
+inline std::vector<std::string> WrongMasks(const std::vector<ProcessThread>& threads) {
+    std::vector<std::string> wrong;
+    for (const ProcessThread& thread : threads) {
+        for (int number = 1; number <= SIGRTMAX; ++number) {
+            const bool isOfTheCLibrary = number > SIGSYS && number < SIGRTMIN;
+            if (number == SIGKILL || number == SIGSTOP || isOfTheCLibrary) continue;
+            const bool isOpen = number == SIGSEGV || number == SIGBUS || number == SIGFPE || number == SIGILL ||
+                                number == SIGTRAP || number == SIGSYS || number == SIGABRT || number == SIGPROF;
+            if (thread.Blocks(number) == isOpen) wrong.push_back(thread.name + " and signal " + std::to_string(number));
+        }
+    }
+    return wrong;
 }
 
 /// Runs a function in a forked process, which ends with what it returns as its status, without any exit handler.

@@ -30,37 +30,43 @@ public:
         ++m_state.resets;
         if (m_sink != nullptr) m_sink->ReportSettled(m_state);
     }
+    /// Unnoticed: the driver finds it when it looks the next time.
+    enum class Notice { AtOnce, Unnoticed };
     /// A device whose events have these words.
-    void Arrive(std::uint32_t first = 0, std::uint32_t second = 0) {
-        Change([&](Platform::BusState& state) {
+    void Arrive(std::uint32_t first = 0, std::uint32_t second = 0, Notice notice = Notice::AtOnce) {
+        const auto arrive = [&](Platform::BusState& state) {
             state.devices.push_back({std::to_string(++m_numArrivals), 0, first, second});
-        });
+        };
+        Change(arrive, notice);
     }
     /// The oldest device of these words.
-    void Leave(std::uint32_t first = 0, std::uint32_t second = 0) {
-        Change([&](Platform::BusState& state) {
+    void Leave(std::uint32_t first = 0, std::uint32_t second = 0, Notice notice = Notice::AtOnce) {
+        const auto leave = [&](Platform::BusState& state) {
             const auto found = std::find_if(state.devices.begin(), state.devices.end(), [&](const auto& device) {
                 return device.firstWord == first && device.secondWord == second;
             });
             if (found != state.devices.end()) state.devices.erase(found);
-        });
+        };
+        Change(leave, notice);
     }
     void Fail() {
         const std::lock_guard lock(m_mutex);
         if (m_sink != nullptr) m_sink->RaiseError();
     }
 
-    Platform::BusState GetState() const {
+    /// What a listing does: it reports what it finds.
+    Platform::BusState Look() {
         const std::lock_guard lock(m_mutex);
+        if (m_sink != nullptr) m_sink->Report(m_state);
         return m_state;
     }
 
 private:
     template <class Function>
-    void Change(const Function& change) {
+    void Change(const Function& change, Notice notice = Notice::AtOnce) {
         const std::lock_guard lock(m_mutex);
         change(m_state);
-        if (m_sink != nullptr) m_sink->Report(m_state);
+        if (m_sink != nullptr && notice == Notice::AtOnce) m_sink->Report(m_state);
     }
 
     mutable std::mutex m_mutex;

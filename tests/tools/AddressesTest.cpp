@@ -40,29 +40,31 @@ TEST(Discover, ShowsCamerasOnAWrongSubnetToo) {
     const ProgramResult result = OnWrongSubnet({"discover"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.errors, IsEmpty());
-    EXPECT_THAT(Lines(result.output),
-                ElementsAre("  SERIAL  MAC                ADDRESS           GATEWAY  VENDOR  MODEL   NAME  GEV",
-                            "44000001  02:00:00:00:09:01  192.168.77.10/24  none     Cairn   G 2040        2.0",
-                            "44000002  02:00:00:00:09:09  10.9.9.9/24       none     Cairn   G 2040        2.0", "",
-                            "1 camera is on a wrong subnet: `nimbrel auto-ip` gives it a right address."));
+    EXPECT_THAT(
+        Lines(result.output),
+        ElementsAre("  SERIAL  MAC                ADDRESS           GATEWAY  VENDOR  MODEL   NAME  GEV  USABLE",
+                    "44000001  02:00:00:00:09:01  192.168.77.10/24  none     Cairn   G 2040        2.0  yes",
+                    "44000002  02:00:00:00:09:09  10.9.9.9/24       none     Cairn   G 2040        2.0  wrong-subnet",
+                    "", "`nimbrel auto-ip` gives that camera an address of the right subnet."));
 }
 
-TEST(Discover, PrintsAnArrayAsJson) {
+TEST(Discover, PrintsAnObjectWithTheCamerasAsJson) {
     const ProgramResult result = RunReal({"discover", "--demo", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_EQ(Json::parse(result.output).dump(),
-              R"([{"serial":31000001,"mac":"02:00:00:00:77:0a","ip":"192.168.77.10","subnet":"255.255.255.0",)"
-              R"("gateway":"0.0.0.0","vendor":"Cairn","model":"G 2040","name":"gate","version":"2.0"},)"
-              R"({"serial":31000002,"mac":"02:00:00:00:77:0b","ip":"192.168.77.11","subnet":"255.255.255.0",)"
-              R"("gateway":"0.0.0.0","vendor":"Cairn","model":"G 2040","name":"belt","version":"2.0"}])");
+    EXPECT_EQ(
+        Json::parse(result.output).dump(),
+        R"({"cameras":[{"serial":31000001,"mac":"02:00:00:00:77:0a","ip":"192.168.77.10","subnet":"255.255.255.0",)"
+        R"("gateway":"0.0.0.0","vendor":"Cairn","model":"G 2040","name":"gate","version":"2.0","usable":"usable"},)"
+        R"({"serial":31000002,"mac":"02:00:00:00:77:0b","ip":"192.168.77.11","subnet":"255.255.255.0",)"
+        R"("gateway":"0.0.0.0","vendor":"Cairn","model":"G 2040","name":"belt","version":"2.0","usable":"usable"}]})");
 }
 
 TEST(Discover, SaysWhereItLookedWhenNothingAnswers) {
     const RigComputer rig(R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24"}]})");
-    EXPECT_EQ(rig.Run({"discover"}).output, "No GigE camera answered on eth0.\n");
+    EXPECT_EQ(rig.Run({"discover"}).output, "No GigE camera answered on eth0. `nimbrel doctor` finds out why.\n");
     const ProgramResult json = rig.Run({"discover", "--json"});
     EXPECT_EQ(json.exitStatus, 0);
-    EXPECT_EQ(json.output, "[]\n");
+    EXPECT_EQ(Json::parse(json.output).dump(), R"({"cameras":[]})");
 }
 
 TEST(Discover, StaysValidAndHarmlessWhateverTheCameraSends) {
@@ -73,14 +75,15 @@ TEST(Discover, StaysValidAndHarmlessWhateverTheCameraSends) {
     const std::string text = rig.Run({"discover"}).output;
     EXPECT_EQ(text.find_first_of("\x1b\x07\x9b"), std::string::npos) << text;
     EXPECT_THAT(text, HasSubstr("192.168.77.254"));
-    EXPECT_EQ(Json::parse(rig.Run({"discover", "--json"}).output)[0]["vendor"], "\x1b[2J");
+    EXPECT_EQ(Json::parse(rig.Run({"discover", "--json"}).output)["cameras"][0]["vendor"], "\x1b[2J");
 }
 
 TEST(Discover, FailsWithTheErrorOfTheBusMaster) {
     const ProgramResult result = RigComputer(TwoStrangers(Fault("HAL_GvcpDiscovery", 3))).Run({"discover", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel discover: Error sending discovery packet. Error: 3"));
+    EXPECT_THAT(result.errors, HasSubstr("nimbrel discover: GigE cannot be searched: permission denied\nTry again as "
+                                         "root: `sudo nimbrel discover --json`.\n"));
 }
 
 TEST(Discover, FailsWhenNoInterfaceIsUp) {
@@ -114,6 +117,15 @@ TEST(ForceIp, TakesMaskAndGatewayOfTheUser) {
                              "\n");
 }
 
+TEST(ForceIp, TakesMaskAndMacInEitherForm) {
+    for (const Words& address : {Words{"--ip", "192.168.77.20/16"}, Words{"--ip", "192.168.77.20", "--mask", "/16"},
+                                 Words{"--ip", "192.168.77.20", "--mask", "16"}}) {
+        Words words{"force-ip", "--mac", "02-00-00-00-09-01", "--json"};
+        words.insert(words.end(), address.begin(), address.end());
+        EXPECT_EQ(Json::parse(RigComputer(TwoStrangers("")).Run(words).output)["subnet"], "255.255.0.0");
+    }
+}
+
 TEST(ForceIp, WarnsOfAnAddressThatCannotBeUsedFromHere) {
     const ProgramResult result = OnWrongSubnet({"force-ip", "--mac", "02:00:00:00:09:09", "--ip", "172.16.0.9"});
     EXPECT_EQ(result.exitStatus, 0);
@@ -143,8 +155,8 @@ TEST_P(ForceIpFails, WithTheReason) {
 INSTANTIATE_TEST_SUITE_P(
     Command, ForceIpFails,
     ::testing::Values(
-        Refusal{"WithoutMac", {"--ip", "192.168.77.50"}, 2, {"--mac is needed"}},
-        Refusal{"WithoutIp", {"--mac", "02:00:00:00:09:09"}, 2, {"--ip is needed"}},
+        Refusal{"WithoutMac", {"--ip", "192.168.77.50"}, 2, {"--mac is missing"}},
+        Refusal{"WithoutIp", {"--mac", "02:00:00:00:09:09"}, 2, {"--ip is missing"}},
         Refusal{
             "MalformedMac", {"--mac", "02:00:00:00:09", "--ip", "192.168.77.50"}, 2, {"--mac", "\"02:00:00:00:09\""}},
         Refusal{"MalformedIp", {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77"}, 2, {"--ip", "\"192.168.77\""}},
@@ -160,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"BroadcastAddress",
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.255"},
                 2,
-                {"\"192.168.77.255\" is the first or the last address of 192.168.77.0/24"}},
+                {"\"192.168.77.255\" is the first or last address of 192.168.77.0/24"}},
         Refusal{"AddressOfAnotherCamera",
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.10"},
                 1,
@@ -172,11 +184,11 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"NoSuchCamera",
                 {"--mac", "02:00:00:00:09:08", "--ip", "192.168.77.50"},
                 1,
-                {"Timeout waiting for ForceIP ACK.", "No camera with the MAC 02:00:00:00:09:08 answers"}},
+                {"no acknowledge, and no camera with the MAC 02:00:00:00:09:08 answers", "`nimbrel discover`"}},
         Refusal{"NoMaskToBeHad",
                 {"--mac", "02:00:00:00:09:08", "--ip", "172.16.0.9"},
                 1,
-                {"--mask is needed", "02:00:00:00:09:08 is not heard", "172.16.0.9"}}),
+                {"--mask is missing", "02:00:00:00:09:08 does not answer", "172.16.0.9"}}),
     [](const auto& test) { return test.param.name; });
 
 TEST(ForceIp, SaysThatACameraInUseStaysWhereItIs) {
@@ -184,15 +196,16 @@ TEST(ForceIp, SaysThatACameraInUseStaysWhereItIs) {
         RigComputer(TwoStrangers(kTaken)).Run({"force-ip", "--mac", "02:00:00:00:09:02", "--ip", "192.168.77.20"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel force-ip: Timeout waiting for ForceIP ACK."),
-                                     HasSubstr("camera 2 (02:00:00:00:09:02) answers at 10.9.9.2/8 as before")));
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("nimbrel force-ip: no acknowledge: camera 2 (02:00:00:00:09:02) stays at 10.9.9.2/8"),
+                      HasSubstr("`nimbrel control mac:02:00:00:00:09:02` shows who holds it.")));
 }
 
 TEST(ForceIp, FailsWithTheErrorOfTheBusMaster) {
     const ProgramResult result = RigComputer(TwoStrangers(Fault("HAL_GvcpForceIp", 6)))
                                      .Run({"force-ip", "--mac", "02:00:00:00:09:02", "--ip", "192.168.77.20"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, HasSubstr("Error setting IP to camera. Error: 6"));
+    EXPECT_THAT(result.errors, HasSubstr("02:00:00:00:09:02 cannot be given an address: busy, try again later"));
 }
 
 // ---- auto-ip -------------------------------------------------------------------------------------------------------
@@ -213,10 +226,10 @@ TEST(AutoIp, PrintsOneDocumentAsJson) {
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(Json::parse(result.output).dump(),
               R"({"ok":true,"dry_run":false,"cameras":[)"
-              R"({"serial":44000001,"mac":"02:00:00:00:09:01","interface":"eth0","ip":"192.168.77.10",)"
+              R"({"serial":44000001,"mac":"02:00:00:00:09:01","network_interface":"eth0","ip":"192.168.77.10",)"
               R"("subnet":"255.255.255.0","new_ip":null,"new_subnet":null,"result":"right",)"
               R"("reason":"it is in the subnet of eth0, 192.168.77.1/24"},)"
-              R"({"serial":44000002,"mac":"02:00:00:00:09:09","interface":"eth0","ip":"10.9.9.9",)"
+              R"({"serial":44000002,"mac":"02:00:00:00:09:09","network_interface":"eth0","ip":"10.9.9.9",)"
               R"("subnet":"255.255.255.0","new_ip":"192.168.77.13","new_subnet":"255.255.255.0",)"
               R"("result":"changed","reason":"it is not in the subnet of eth0, 192.168.77.1/24"}]})");
 }
@@ -229,7 +242,7 @@ TEST(AutoIp, ChangesNothingInADryRunAndTellsWhatItWould) {
                                          "    it is not in the subnet of eth0, 192.168.77.1/24\n"));
     const Json json = Json::parse(OnWrongSubnet({"auto-ip", "--dry-run", "--json"}).output);
     EXPECT_EQ(json["dry_run"], true);
-    EXPECT_EQ(json["cameras"][1]["result"], "would change");
+    EXPECT_EQ(json["cameras"][1]["result"], "would-change");
     EXPECT_EQ(json["cameras"][1]["new_ip"], "192.168.77.13");
 }
 
@@ -255,8 +268,9 @@ TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
               "camera 1 (02:00:00:00:09:01): 10.9.9.1/8 became 192.168.77.198/24\n"
               "    it is not in the subnet of eth0, 192.168.77.1/24\n"
               "camera 2 (02:00:00:00:09:02): 10.9.9.2/8 could not be changed\n"
-              "    it still answers at its old address: an application that holds it keeps it there\n");
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel auto-ip: Error auto setting IP to cameras. Error: B"));
+              "    it stays at its old address, most likely because an application holds it\n");
+    EXPECT_THAT(result.errors,
+                HasSubstr("nimbrel auto-ip: camera 2 (02:00:00:00:09:02) has no address of the right subnet\n"));
     const Json json = Json::parse(RigComputer(TwoStrangers(kTaken)).Run({"auto-ip", "--json"}).output);
     EXPECT_EQ(json["ok"], false);
     EXPECT_EQ(json["cameras"][0]["result"], "changed");
@@ -267,7 +281,7 @@ TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
 TEST(AutoIp, OfOneCameraInUseFailsWithTheTimeOut) {
     const ProgramResult result = RigComputer(TwoStrangers(kTaken)).Run({"auto-ip", "--serial", "2"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, HasSubstr("Timeout waiting for ForceIP ACK."));
+    EXPECT_THAT(result.errors, HasSubstr("has no address of the right subnet"));
 }
 
 TEST(AutoIp, SaysInADryRunTooWhenNoAddressIsFree) {
@@ -277,7 +291,7 @@ TEST(AutoIp, SaysInADryRunTooWhenNoAddressIsFree) {
     EXPECT_THAT(result.output, AllOf(HasSubstr("camera 1 (02:00:00:00:09:01): 10.9.9.1/8 would become 192.168.77.2/30"),
                                      HasSubstr("camera 2 (02:00:00:00:09:02): 10.9.9.2/8 could not be changed\n"
                                                "    no address is free in the subnet of eth0, 192.168.77.1/30")));
-    EXPECT_THAT(result.errors, HasSubstr("without a right address: camera 2 (02:00:00:00:09:02)"));
+    EXPECT_THAT(result.errors, HasSubstr("camera 2 (02:00:00:00:09:02) has no address of the right subnet\n"));
 }
 
 TEST(AutoIp, FailsForASerialNumberThatNobodyHas) {
@@ -288,7 +302,7 @@ TEST(AutoIp, FailsForASerialNumberThatNobodyHas) {
 
 TEST(AutoIp, FindsNothingToDoWithoutCameras) {
     const RigComputer rig(R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24"}]})");
-    EXPECT_EQ(rig.Run({"auto-ip"}).output, "No GigE camera answered.\n");
+    EXPECT_EQ(rig.Run({"auto-ip"}).output, "No GigE camera answered. `nimbrel doctor` finds out why.\n");
     EXPECT_EQ(Json::parse(rig.Run({"auto-ip", "--json"}).output).dump(), R"({"ok":true,"dry_run":false,"cameras":[]})");
 }
 

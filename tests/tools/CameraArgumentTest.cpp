@@ -5,6 +5,7 @@
 
 #include "tools/nimbrel/CameraArgument.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/GigEValues.h"
 
 namespace Nimbrel2::Tool::Testing {
 namespace {
@@ -17,9 +18,13 @@ TEST(CameraWord, IsASerialNumberWhenItIsBare) {
     EXPECT_EQ(std::get<BySerial>(ParseCamera("serial:4294967295")).serialNumber, 4294967295u);
 }
 
-TEST(CameraWord, IsAnIndexAnAddressOrAGuid) {
+TEST(CameraWord, IsAnIndexAnAddressAMacOrAGuid) {
     EXPECT_EQ(std::get<ByIndex>(ParseCamera("index:12")).index, 12u);
     EXPECT_EQ(PackIPAddress(std::get<IPAddress>(ParseCamera("ip:192.168.77.10"))), 0xC0A84D0Au);
+    EXPECT_TRUE(
+        IsSame(std::get<MACAddress>(ParseCamera("mac:02:00:00:00:77:0a")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
+    EXPECT_TRUE(
+        IsSame(std::get<MACAddress>(ParseCamera("mac:02-00-00-00-77-0A")), MACAddress{{2, 0, 0, 0, 0x77, 0x0A}}));
     const ZevoGuid guid{{0x717F227A, 0x814FFB8A, 0xBF916C58, 0x0000000F}};
     EXPECT_EQ(std::get<ZevoGuid>(ParseCamera("guid:717f227a-814ffb8a-bf916c58-0000000f")), guid);
     EXPECT_EQ(std::get<ZevoGuid>(ParseCamera("guid:717F227A-814FFB8A-BF916C58-0000000F")), guid);
@@ -53,7 +58,9 @@ INSTANTIATE_TEST_SUITE_P(
                       WrongWord{"TooLarge", "4294967296", "\"4294967296\""}, WrongWord{"Sign", "serial:-1", "\"-1\""},
                       WrongWord{"NoSerial", "serial:", "\"\" is not"},
                       WrongWord{"IndexOfLetters", "index:first", "\"first\""},
-                      WrongWord{"UnknownKind", "mac:02:00:00:00:00:01", "none of serial:, index:, ip:, guid:"},
+                      WrongWord{"UnknownKind", "name:left", "does not begin with serial:, index:, ip:, mac: or guid:"},
+                      WrongWord{"MisspeltKind", "serail:17", "did you mean serial?"},
+                      WrongWord{"MacOfAGroup", "mac:01:00:5e:00:00:01", "is not the MAC address of a device"},
                       WrongWord{"ThreeOctets", "ip:192.168.77", "\"192.168.77\" is not an IP address"},
                       WrongWord{"GuidOfThreeGroups", "guid:717f227a-814ffb8a-bf916c58", "is not a guid"},
                       WrongWord{"GuidWithColons", "guid:717f227a:814ffb8a:bf916c58:59ff8ac0", "is not a guid"},

@@ -137,7 +137,13 @@ TEST_F(FireWireChecksOf, AControllerWithoutItsModuleNameIt) {
 TEST_F(FireWireChecksOf, ADriverThatCannotLookSayWhy) {
     examined.status = HAL_PERMISSION;
     examined.diagnosis = {};
-    EXPECT_THAT(CheckFireWireDriver(examined), IsOneWrong("no permission", "sudo nimbrel doctor"));
+    EXPECT_THAT(CheckFireWireDriver(examined), IsOneWrong("permission denied", "sudo nimbrel doctor"));
+}
+
+TEST_F(FireWireChecksOf, ABusThatNobodyDrivesSayNothing) {
+    examined.status = HAL_NO_BUS;
+    examined.diagnosis = {};
+    for (const auto check : FireWireChecks()) EXPECT_THAT(check(examined), IsEmpty());
 }
 
 // ---- Permission ----------------------------------------------------------------------------------------------------

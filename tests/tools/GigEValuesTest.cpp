@@ -27,6 +27,10 @@ TEST(GigEValues, AreRead) {
     EXPECT_EQ(PackIPAddress(ParseCameraIp("--ip", "192.168.77.50")), 0xC0A84D32u);
     EXPECT_EQ(PackIPAddress(ParseIp("--gateway", "0.0.0.0")), 0u);
     EXPECT_EQ(PackIPAddress(ParseMask("--mask", "255.255.252.0")), 0xFFFFFC00u);
+    EXPECT_EQ(PackIPAddress(ParseMask("--mask", "/24")), 0xFFFFFF00u);
+    EXPECT_EQ(PackIPAddress(ParseMask("--mask", "8")), 0xFF000000u);
+    EXPECT_EQ(PackIPAddress(ParseMask("--mask", "/32")), 0xFFFFFFFFu);
+    EXPECT_EQ(FormatMac(ParseMac("--mac", "02-B0-5E-0A-0B-0C")), "02:b0:5e:0a:0b:0c");
     const MACAddress mac = ParseMac("--mac", "02:B0:5e:0a:0B:0c");
     EXPECT_EQ(FormatMac(mac), "02:b0:5e:0a:0b:0c");
     EXPECT_TRUE(IsSame(mac, MACAddress{{0x02, 0xB0, 0x5E, 0x0A, 0x0B, 0x0C}}));
@@ -40,11 +44,12 @@ TEST(GigEValues, AreRefusedByOptionAndValue) {
     for (const char* text : {"0.0.0.0", "0.1.2.3", "224.0.0.1", "255.255.255.255"}) {
         EXPECT_THAT(Refused(ParseCameraIp, text), HasSubstr("an address that a camera can have")) << text;
     }
-    for (const char* text : {"0.0.0.0", "255.0.255.0", "24"}) {
+    for (const char* text : {"0.0.0.0", "255.0.255.0", "/0", "/33", "//8", "/", "24/"}) {
         EXPECT_THAT(Refused(ParseMask, text), HasSubstr("a subnet mask")) << text;
     }
-    for (const char* text : {"00:00:00:00:00:00", "01:00:5e:00:00:01", "02005e000001", "02:00:5e:00:00:0g", ""}) {
-        EXPECT_THAT(Refused(ParseMac, text), HasSubstr("the MAC address of one device")) << text;
+    for (const char* text :
+         {"00:00:00:00:00:00", "01:00:5e:00:00:01", "02005e000001", "02:00:5e:00:00:0g", "02:00-5e:00-00:01", ""}) {
+        EXPECT_THAT(Refused(ParseMac, text), HasSubstr("the MAC address of a device")) << text;
     }
 }
 

@@ -28,7 +28,7 @@ bool IsHarmless(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || (c >= ' ' && c < '\x7f'); });
 }
 
-TEST(ListAsJson, HasAnObjectACameraWithItsMembersInOrder) {
+TEST(ListAsJson, HasAnObjectPerCameraWithItsMembersInOrder) {
     const ProgramResult result = ScriptedComputer(kOneOfEach).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.errors, IsEmpty());
@@ -45,10 +45,11 @@ TEST(ListAsJson, HasAnObjectACameraWithItsMembersInOrder) {
         json.dump(),
         R"({"cameras":[)"
         R"({"index":0,"serial":11,"serial_text":"11","guid":"","interface":"1394","vendor":"Mill","model":"Grinder"},)"
-        R"({"index":1,"serial":22,"serial_text":"22","guid":"","interface":"USB3","vendor":"Mill","model":"Planer"},)"
-        R"({"index":2,"serial":23,"serial_text":"23","guid":"","interface":"USB2","vendor":"Mill","model":"Saw"},)"
-        R"({"index":3,"serial":44,"serial_text":"44","guid":"","interface":"GigE","vendor":"Mill","model":"Drill X","ip":"10.1.2.3"}],)"
-        R"("devices":[{"index":0,"guid":"","interface":"1394"}]})");
+        R"({"index":1,"serial":22,"serial_text":"22","guid":"","interface":"USB3","vendor":"Mill","model":"Planer","speed":5000},)"
+        R"({"index":2,"serial":23,"serial_text":"23","guid":"","interface":"USB2","vendor":"Mill","model":"Saw","speed":480},)"
+        R"({"index":3,"serial":44,"serial_text":"44","guid":"","interface":"GigE","vendor":"Mill","model":"Drill X",)"
+        R"("location":"eth0","ip":"10.1.2.3","mac":"02:00:0a:01:02:03","control":"free"}],)"
+        R"("devices":[{"index":0,"guid":"","interface":"1394"}],"searched":["1394","usb","gige"]})");
 }
 
 TEST(ListAsJson, GivesEachCameraAGuidOfItsOwnThatStays) {
@@ -62,7 +63,7 @@ TEST(ListAsJson, GivesEachCameraAGuidOfItsOwnThatStays) {
 TEST(ListAsJson, IsADocumentWithEmptyListsWhenNothingIsAttached) {
     const ProgramResult result = ScriptedComputer().Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_EQ(Json::parse(result.output).dump(), R"({"cameras":[],"devices":[]})");
+    EXPECT_EQ(Json::parse(result.output).dump(), R"({"cameras":[],"devices":[],"searched":["1394","usb","gige"]})");
     EXPECT_THAT(result.errors, IsEmpty());
 }
 
@@ -91,7 +92,7 @@ TEST(ListForPeople, IsAnAlignedTable) {
                                                                      "",                                            //
                                                                      "4 cameras",                                   //
                                                                      "",                                            //
-                                                                     "IEEE 1394 devices that are no cameras:"));
+                                                                     "IEEE 1394 devices other than cameras:"));
 }
 
 TEST(ListForPeople, ShowsTheSerialTextWhereItSaysMoreThanTheNumber) {
@@ -101,13 +102,85 @@ TEST(ListForPeople, ShowsTheSerialTextWhereItSaysMoreThanTheNumber) {
                                                         "0      12  12AB         GigE  10.0.0.1  V       M"}));
 }
 
-TEST(ListForPeople, FitsEightyColumnsWithTheLongestTexts) {
+TEST(ListForPeople, FitsTheColumnsOfTheTerminalWithTheLongestTexts) {
     const std::string longText(32, 'W');
-    const ProgramResult result = ScriptedComputer({"gige 4294967295ABCDEF 255.255.255.255 " + longText + " " + longText,
-                                                   "usb 4294967295 5000 " + longText + longText + " " + longText})
-                                     .Run({"list"});
-    for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), 80u) << line;
-    EXPECT_THAT(result.output, AllOf(HasSubstr("255.255.255.255"), HasSubstr("WWW...")));
+    const Words script{"gige 4294967295ABCDEF 255.255.255.255 " + longText + " " + longText,
+                       "usb 4294967295 5000 " + longText + longText + " " + longText};
+    for (const std::size_t columns : {80, 72}) {
+        const ProgramResult result = ScriptedComputer(script).RunWith({"COLUMNS=" + std::to_string(columns)}, {"list"});
+        for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), columns) << line;
+        EXPECT_THAT(result.output, AllOf(HasSubstr("255.255.255.255"), HasSubstr("WWW...")));
+    }
+    const std::string narrow = ScriptedComputer(script).RunWith({"COLUMNS=40"}, {"list"}).output;
+    EXPECT_THAT(narrow, AllOf(HasSubstr("Camera 1\n"), HasSubstr("  model          " + longText + "\n")))
+        << "a paragraph per camera where a table has no room";
+}
+
+TEST(ListForPeople, CutsNothingInAPipe) {
+    const std::string longText(63, 'W');
+    EXPECT_THAT(ScriptedComputer({"usb 1 5000 " + longText + " " + longText}).Run({"list"}).output,
+                HasSubstr(longText + "  " + longText + "\n"));
+}
+
+TEST(ListForPeople, HasTheColumnsThatAreWanted) {
+    EXPECT_THAT(
+        Lines(ScriptedComputer(kOneOfEach).Run({"list", "--columns", "model,serial,mac,location,speed"}).output),
+        ::testing::IsSupersetOf({"MODEL    SERIAL  MAC                LOCATION       SPEED",
+                                 "Planer       22                                 5 Gbit/s",
+                                 "Drill X      44  02:00:0a:01:02:03  eth0"}));
+}
+
+TEST(ListForPeople, HasColoursOnTerminalsUnlessToldOtherwise) {
+    const std::string plain = ScriptedComputer(kOneOfEach).Run({"list"}).output;
+    EXPECT_THAT(plain, Not(HasSubstr("\x1b")));
+    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always"}).output,
+                AllOf(HasSubstr("\x1b[1mSERIAL\x1b[0m"), HasSubstr("\x1b[35mGigE\x1b[0m")));
+    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always", "--json"}).output,
+                Not(HasSubstr("\x1b")));
+}
+
+TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
+    const auto serials = [](Words filter) {
+        filter.insert(filter.begin(), {"list", "--json"});
+        const Json json = Json::parse(ScriptedComputer(kOneOfEach).Run(filter).output);
+        std::string text;
+        for (const Json& camera : json["cameras"]) text += " " + camera["serial_text"].get<std::string>();
+        return text;
+    };
+    EXPECT_EQ(serials({"--model", "dRILL"}), " 44");
+    EXPECT_EQ(serials({"--vendor", "mil"}), " 11 22 23 44");
+    EXPECT_EQ(serials({"--serial", "23", "--serial", "11"}), " 11 23");
+    EXPECT_EQ(serials({"--vendor", "mill", "--model", "saw", "--model", "planer"}), " 22 23");
+    EXPECT_EQ(serials({"--vendor", "nobody"}), "");
+    const ProgramResult none = ScriptedComputer(kOneOfEach).Run({"list", "--vendor", "nobody"});
+    EXPECT_EQ(none.exitStatus, 0);
+    EXPECT_EQ(none.output, "No camera that is attached fits.\n");
+}
+
+TEST(List, IsSortedByAnyColumnInEitherDirection) {
+    const auto serials = [](const std::string& keys) {
+        const Json json = Json::parse(ScriptedComputer(kOneOfEach).Run({"list", "--json", "--sort", keys}).output);
+        std::string text;
+        for (const Json& camera : json["cameras"]) text += " " + camera["serial_text"].get<std::string>();
+        return text;
+    };
+    EXPECT_EQ(serials("-serial"), " 44 23 22 11");
+    EXPECT_EQ(serials("model"), " 44 11 22 23");
+    EXPECT_EQ(serials("vendor,-speed,serial"), " 22 23 11 44");
+}
+
+TEST(List, NamesCamerasThatAreHeardOnAWrongSubnetAndTheCommandThatHelps) {
+    const Words script{"heard 9 10.9.9.9"};
+    const ProgramResult alone = ScriptedComputer(script).Run({"list"});
+    EXPECT_EQ(alone.exitStatus, 0);
+    EXPECT_THAT(alone.output,
+                AllOf(HasSubstr("No usable cameras found"),
+                      HasSubstr("  camera 9 (02:00:0a:09:09:09) at 10.9.9.9/24 on eth0: its address is in another "
+                                "subnet; eth0 is on 192.168.77.0/24\n"),
+                      HasSubstr("`nimbrel auto-ip` gives that camera an address of the right subnet.\n")));
+    EXPECT_THAT(ScriptedComputer({"heard 9 10.9.9.9", "usb 1 480 V M"}).Run({"list"}).output,
+                AllOf(HasSubstr("V       M"), HasSubstr("camera 9"), HasSubstr("`nimbrel auto-ip`")));
+    EXPECT_THAT(ScriptedComputer(script).Run({"list", "--bus", "usb"}).output, Not(HasSubstr("camera 9")));
 }
 
 TEST(ListForPeople, TellsAllThatIsKnownInTheLongForm) {
@@ -132,9 +205,9 @@ TEST(ListForPeople, SaysWhatToCheckWhenNothingIsFound) {
     const ProgramResult result = ScriptedComputer().Run({"list", "--interface", "lo"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.output, AllOf(HasSubstr("No cameras found on IEEE 1394, USB and GigE."), HasSubstr("power"),
-                                     HasSubstr("looked on lo"), HasSubstr("3956")));
+                                     HasSubstr("GigE: searched lo."), HasSubstr("`nimbrel doctor`")));
     EXPECT_THAT(ScriptedComputer().Run({"list", "--bus", "usb"}).output,
-                AllOf(HasSubstr("No cameras found on USB."), Not(HasSubstr("3956"))));
+                AllOf(HasSubstr("No cameras found on USB."), Not(HasSubstr("doctor"))));
 }
 
 TEST(List, ShowsVirtualCamerasWhenAsked) {
@@ -150,7 +223,7 @@ TEST(List, ShowsTheOtherBusesAndFailsWhenOneCannotBeSearched) {
     const ProgramResult result = ScriptedComputer(script).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(Json::parse(result.output)["cameras"].size(), 1u);
-    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied (status 3)\n");
+    EXPECT_EQ(result.errors, "nimbrel: USB cannot be searched: permission denied\n");
     EXPECT_EQ(ScriptedComputer(script).Run({"list", "--wait", "1"}).exitStatus, 0) << "who was asked for is there";
 }
 
@@ -158,7 +231,8 @@ TEST(List, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {
     const ProgramResult result = ScriptedComputer({"gige 1 10.0.0.1 V M", "fail 1394 3"}).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel list: "), HasSubstr("Could not create the internal thread")));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel list: IEEE 1394 cannot be searched: permission denied\n"),
+                                     HasSubstr("`--bus usb --bus gige`"), Not(HasSubstr("BusMaster.cpp"))));
 }
 
 TEST(List, FailsWhenStandardOutputIsFull) {
@@ -220,7 +294,9 @@ TEST(ListWait, NamesTheMissingWhenTheTimeIsOver) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(300));
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_EQ(result.errors, "nimbrel list: after 0.3 s still missing: cameras 44 and 45\n");
+    EXPECT_EQ(result.errors,
+              "nimbrel list: after 0.3 s still missing: cameras 44 and 45\n"
+              "`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.\n");
 }
 
 TEST(ListWait, SearchesBrieflyUnlessToldOtherwise) {

@@ -63,7 +63,7 @@ protected:
 
 TEST_F(LoopbackCameras, AreListedWithVendorModelSerialAddressAndGuid) {
     ASSERT_EQ(Run({"list", "--interface", "lo", "--wait", "1001,1002,1003,1004", "--timeout", "20"}).exitStatus, 0);
-    const ProgramResult result = Run({"list", "--interface", "lo", "--json"});
+    const ProgramResult result = Run({"list", "--bus", "gige", "--interface", "lo", "--json"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     EXPECT_THAT(result.errors, IsEmpty());
     const Json json = Json::parse(result.output);
@@ -99,7 +99,7 @@ TEST(ListWithoutCameras, NamesTheNetworkInterfacesThatWereSearchedAndNoOthers) {
     EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: no network interface is up with a link"))
         << "they have no IPv4 address";
     network.Ip("addr add 10.1.2.3/24 dev v0");
-    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: looked on v0.\n"));
+    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: searched v0.\n"));
 }
 
 TEST_F(LoopbackCameras, AreWatchedAsTheyComeAndGo) {

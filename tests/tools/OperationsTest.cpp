@@ -67,15 +67,15 @@ TEST_P(OnTheDemo, Prints) {
 INSTANTIATE_TEST_SUITE_P(
     Operation, OnTheDemo,
     ::testing::Values(
-        Printed{"Reset", {"reset", "200705"}, "A reset was asked of camera 200705 (1394).\n"},
+        Printed{"Reset", {"reset", "200705"}, "Reset requested: camera 200705 (IEEE 1394).\n"},
         Printed{"ResetAsJson", {"reset", "200705", "--json"}, "{\"ok\":true}\n"},
-        Printed{"ResetOfUsb", {"reset", "serial:21000101"}, "A reset was asked of camera 21000101 (USB3).\n"},
+        Printed{"ResetOfUsb", {"reset", "serial:21000101"}, "Reset requested: camera 21000101 (USB 3).\n"},
         Printed{"PhyRead", {"phy", "read", "200705", "0", "0", "1"}, "0x07\n"},
         Printed{"PhyReadOfAPort", {"phy", "read", "index:0", "0x0", "0", "0x8"}, "0x06\n"},
         Printed{"PhyReadAsJson", {"phy", "read", "200705", "0", "0", "1", "--json"}, "{\"ok\":true,\"value\":7}\n"},
         Printed{"PhyWrite",
                 {"phy", "write", "200705", "0", "0", "1", "0x3f"},
-                "0x3f was written to camera 200705 (1394).\n"},
+                "Wrote 0x3f to camera 200705 (IEEE 1394).\n"},
         Printed{"PhyWriteAsJson",
                 {"phy", "write", "200705", "0", "0", "1", "63", "--json"},
                 "{\"ok\":true,\"value\":63}\n"},
@@ -87,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "speed  480 Mbit/s (high speed)\nport   3 of the computer\nhubs   0 above it\n"},
         Printed{"UsbLinkAsJson",
                 {"usb-link", "21000102", "--json"},
-                R"j({"ok":true,"value":32768258,"speed":"5 Gbit/s (SuperSpeed)","port":1,"hubs":2})j"
+                R"j({"ok":true,"value":32768258,"speed":5000,"port":1,"hubs":2})j"
                 "\n"},
         Printed{"UsbPort",
                 {"usb-port", "21000101"},
@@ -97,26 +97,25 @@ INSTANTIATE_TEST_SUITE_P(
                 "status  0x0503  connected, enabled, power and high speed\nchange  0x0000  nothing\n"},
         Printed{"UsbPortAsJson",
                 {"usb-port", "21000101", "--json"},
-                R"({"ok":true,"value":515,"status":["connected","enabled","power"],"change":[],"link":"U0"})"
+                R"({"ok":true,"value":515,"status":["connected","enabled","power"],"change":[],"link_state":"U0"})"
                 "\n"},
         Printed{"UsbPortOfUsb2AsJson",
                 {"usb-port", "20000007", "--json"},
                 R"({"ok":true,"value":1283,"status":["connected","enabled","power","high speed"],"change":[]})"
                 "\n"},
-        Printed{"Control",
-                {"control", "ip:192.168.77.11"},
-                "This computer may control camera 31000002 (GigE): nobody else does.\n"},
+        Printed{"Control", {"control", "ip:192.168.77.11"}, "Camera 31000002 is free: this computer may control it.\n"},
         Printed{"ControlAsJson", {"control", "31000001", "--json"}, "{\"available\":true}\n"},
         Printed{"Rescan", {"rescan"}, "Enumerated again: 7 cameras on IEEE 1394, USB and GigE.\n"},
         Printed{"RescanOfOneBus", {"rescan", "--bus", "usb"}, "Enumerated again: 3 cameras on USB.\n"},
-        Printed{"RescanAsJson", {"rescan", "--json"}, "{\"ok\":true,\"value\":7}\n"}),
+        Printed{"RescanAsJson",
+                {"rescan", "--json"},
+                "{\"ok\":true,\"value\":7,\"searched\":[\"1394\",\"usb\",\"gige\"]}\n"}),
     [](const auto& test) { return test.param.name; });
 
 TEST(Operation, RunsOnARigOfAFile) {
     const RigComputer rig(OneOfEach(""));
     const ProgramResult result = RunReal({"usb-link", "22", "--json", "--rig", rig.GetPath()});
-    EXPECT_EQ(result.output,
-              "{\"ok\":true,\"value\":32768512,\"speed\":\"5 Gbit/s (SuperSpeed)\",\"port\":2,\"hubs\":0}\n");
+    EXPECT_EQ(result.output, "{\"ok\":true,\"value\":32768512,\"speed\":5000,\"port\":2,\"hubs\":0}\n");
 }
 
 TEST(Operation, TakesOptionsOfTheBusesBeforeTheCommandToo) {
@@ -136,21 +135,50 @@ TEST(CameraArgument, MayBeAGuidInEitherCase) {
 
 TEST(CameraArgument, MayBeTheGuidOfADeviceThatIsNoCamera) {
     const std::string guid = GuidOf({"--demo"}, "devices", 0);
-    EXPECT_EQ(OnDemo({"reset", "guid:" + guid}).output, "A reset was asked of device " + guid + " (1394).\n");
+    EXPECT_EQ(OnDemo({"reset", "guid:" + guid}).output, "Reset requested: device " + guid + " (IEEE 1394).\n");
 }
 
-TEST(CameraArgument, ThatMeansTwoCamerasFailsAndNamesBothGuids) {
+TEST(CameraArgument, MayBeAMacInEitherForm) {
+    const std::string output = "Camera 31000002 is free: this computer may control it.\n";
+    EXPECT_EQ(OnDemo({"control", "mac:02:00:00:00:77:0b"}).output, output);
+    EXPECT_EQ(OnDemo({"control", "mac:02-00-00-00-77-0B"}).output, output);
+}
+
+TEST(CameraArgument, ThatMeansTwoCamerasFailsAndTellsThemApart) {
     const RigComputer rig(
         R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24", "cameras": [
-             {"name": "a", "mac": "02:00:00:00:77:0a", "address": "192.168.77.10/24", "serial": "33"},
-             {"name": "b", "mac": "02:00:00:00:77:0b", "address": "192.168.77.11/24", "serial": "33"}]}]})");
+             {"name": "a", "mac": "02:00:00:00:77:0a", "address": "192.168.77.10/24", "serial": "33"}]}],
+            "usb": [{"name": "xhci0", "devices": [
+             {"name": "hub", "kind": "hub", "parent": "xhci0", "port": 1},
+             {"name": "b", "parent": "hub", "port": 3, "serial": "33"}]}]})");
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 1);
     const Words options{"--rig", rig.GetPath()};
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("2 cameras have the serial number 33"),
-                                     HasSubstr("guid:" + GuidOf(options, "cameras", 0)),
-                                     HasSubstr("guid:" + GuidOf(options, "cameras", 1))));
-    EXPECT_EQ(rig.Run({"control", "guid:" + GuidOf(options, "cameras", 1)}).exitStatus, 0);
+    EXPECT_EQ(result.errors,
+              "nimbrel control: 2 cameras have the serial number 33:\n"
+              "  guid:" +
+                  GuidOf(options, "cameras", 0) +
+                  "  USB 3, xhci0 port 1.3, index 0\n"
+                  "  mac:02:00:00:00:77:0a  GigE, 192.168.77.10 on eth0, index 1\n"
+                  "Name one of them, such as guid:" +
+                  GuidOf(options, "cameras", 0) + ".\n");
+    EXPECT_EQ(rig.Run({"control", "mac:02:00:00:00:77:0a"}).exitStatus, 0);
+}
+
+TEST(CameraArgument, ThatMeansACameraWithATwinIsRefusedHoweverItIsNamed) {
+    // Equal texts and serial numbers make one guid, by which every operation goes.
+    const RigComputer rig(
+        R"({"usb": [{"name": "xhci0", "devices": [
+             {"name": "a", "parent": "xhci0", "port": 1, "serial": "33", "vendor": "V", "model": "M"},
+             {"name": "b", "parent": "xhci0", "port": 2, "serial": "33", "vendor": "V", "model": "M"}]}]})");
+    const std::string guid = GuidOf({"--rig", rig.GetPath()}, "cameras", 0);
+    for (const std::string& camera : {std::string("33"), "guid:" + guid, std::string("index:1")}) {
+        const ProgramResult result = rig.Run({"usb-link", camera});
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_THAT(result.errors,
+                    AllOf(HasSubstr("2 cameras have the guid " + guid), HasSubstr("xhci0 port 1, index 0\n"),
+                          HasSubstr("xhci0 port 2, index 1\n"), HasSubstr("Unplug all but one of them.")));
+    }
 }
 
 TEST(CameraArgument, OfABusThatCannotBeSearchedFailsAndSaysThatToo) {
@@ -158,7 +186,7 @@ TEST(CameraArgument, OfABusThatCannotBeSearchedFailsAndSaysThatToo) {
         RigComputer(OneOfEach(Fault("HAL_UsbGetCameras", 3, 1) + "," + Fault("HAL_UsbGetCameras", 3, 2)))
             .Run({"usb-link", "22"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("USB cannot be searched: permission denied (status 3)"),
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel: USB cannot be searched: permission denied\n"),
                                      HasSubstr("no camera has the serial number 22; listed are 17 and 33")));
 }
 
@@ -173,9 +201,9 @@ TEST(CameraArgument, OfManyCamerasIsNotAnsweredWithAllOfThem) {
     for (int i = 0; i < 9; ++i)
         lines.push_back("gige 10" + std::to_string(i) + " 10.0.0." + std::to_string(i) + " V M");
     EXPECT_THAT(ScriptedComputer(lines).Run({"reset", "5"}).errors,
-                HasSubstr("; 9 cameras are listed: `nimbrel list` shows them"));
+                HasSubstr("; 9 cameras are listed, see `nimbrel list`"));
     EXPECT_THAT(ScriptedComputer(lines).Run({"control", "ip:10.0.0.77"}).errors,
-                HasSubstr("; 9 GigE cameras are listed"));
+                HasSubstr("; 9 GigE cameras are listed, see `nimbrel list --bus gige`"));
 }
 
 // ---- How it fails --------------------------------------------------------------------------------------------------
@@ -208,21 +236,32 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"NoSuchIndex", {"reset", "index:7"}, {"no camera has the index 7; they go from 0 to 6"}},
         Failure{"NoSuchAddress",
                 {"control", "ip:10.0.0.1"},
-                {"no listed camera has the address 10.0.0.1; those listed have 192.168.77.10 and 192.168.77.11"}},
+                {"no camera has the address 10.0.0.1; those listed have 192.168.77.10 and 192.168.77.11",
+                 "`nimbrel discover`"}},
         Failure{"AddressOfNoGigE", {"control", "ip:10.0.0.1", "--bus", "usb"}, {"no GigE camera is listed"}},
         Failure{"NoSuchGuid",
                 {"reset", "guid:00000000-00000000-00000000-00000001"},
                 {"no camera or device has the guid 00000000-00000000-00000000-00000001"}},
-        Failure{"ResetOfGigE", {"reset", "31000001"}, {"camera 31000001 (GigE): Unable to fire bus reset. Error 0x"}},
+        Failure{"ResetOfGigE",
+                {"reset", "31000001"},
+                {"camera 31000001 is on GigE, reset is for IEEE 1394 and USB cameras\n"}},
         Failure{"PhyReadOfUsb",
                 {"phy", "read", "21000101", "0", "0", "1"},
-                {"camera 21000101 (USB3): Unable to read phy register. Error 0x"}},
+                {"camera 21000101 is on USB 3, phy is for IEEE 1394 cameras\n", "`nimbrel list --bus 1394`"}},
         Failure{"PhyWriteOfGigE",
                 {"phy", "write", "31000001", "0", "0", "1", "1"},
-                {"camera 31000001 (GigE): This function has not been implemented."}},
-        Failure{"UsbLinkOfGigE", {"usb-link", "31000001"}, {"camera 31000001 (GigE): Unsupported Hardware Interface."}},
-        Failure{"UsbPortOf1394", {"usb-port", "200705"}, {"camera 200705 (1394): Unsupported Hardware Interface."}},
-        Failure{"ControlOf1394", {"control", "200705"}, {"camera 200705 (1394): Unsupported Hardware Interface."}}),
+                {"camera 31000001 is on GigE, phy is for IEEE 1394 cameras\n"}},
+        Failure{
+            "UsbLinkOfGigE", {"usb-link", "31000001"}, {"camera 31000001 is on GigE, usb-link is for USB cameras\n"}},
+        Failure{
+            "UsbPortOf1394", {"usb-port", "200705"}, {"camera 200705 is on IEEE 1394, usb-port is for USB cameras\n"}},
+        Failure{"ControlOf1394",
+                {"control", "200705"},
+                {"camera 200705 is on IEEE 1394, control is for GigE cameras\n", "`nimbrel list --bus gige`"}},
+        Failure{
+            "NoSuchMac",
+            {"control", "mac:02:00:00:00:77:ff"},
+            {"no camera has the MAC 02:00:00:00:77:ff; those listed have 02:00:00:00:77:0a and 02:00:00:00:77:0b"}}),
     [](const auto& test) { return test.param.name; });
 
 struct HalFailure {
@@ -237,49 +276,82 @@ std::ostream& operator<<(std::ostream& out, const HalFailure& row) { return out 
 
 class FailsInTheHal : public ::testing::TestWithParam<HalFailure> {};
 
-TEST_P(FailsInTheHal, WithTheErrorOfTheBusMaster) {
+TEST_P(FailsInTheHal, WithCameraBusAndCauseInAUsersWords) {
     const ProgramResult result =
         RigComputer(OneOfEach(Fault(GetParam().function, GetParam().status, 1, 20))).Run(GetParam().arguments);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, HasSubstr(GetParam().said));
+    for (const char* ours : {"BusMaster.cpp", "rror 0x", "built", "(error"})
+        EXPECT_THAT(result.errors, Not(HasSubstr(ours)));
+}
+
+TEST(Verbose, ShowsTheWholeChainOfAnErrorAndItsPlace) {
+    const RigComputer rig(OneOfEach(Fault("HAL_1394FireBusReset", 3, 1, 20)));
+    const ProgramResult result = rig.Run({"reset", "17", "-v"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("  exit status 1: camera 17 (IEEE 1394) cannot be reset: permission denied\n"),
+                      HasSubstr("BusMaster.cpp:"), HasSubstr("Error 0x3")));
+    EXPECT_THAT(result.errors,
+                HasSubstr("nimbrel reset: camera 17 (IEEE 1394) cannot be reset: permission denied\nTry"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Operation, FailsInTheHal,
     ::testing::Values(
-        HalFailure{"Reset", {"reset", "17"}, "HAL_1394FireBusReset", 3, "Unable to fire bus reset. Error 0x3"},
-        HalFailure{"ResetOfUsb", {"reset", "22"}, "HAL_UsbFireBusReset", 4, "Unable to fire bus reset. Error 0x4"},
+        HalFailure{
+            "Reset",
+            {"reset", "17"},
+            "HAL_1394FireBusReset",
+            3,
+            "camera 17 (IEEE 1394) cannot be reset: permission denied\nTry again as root: `sudo nimbrel reset 17`.\n"},
+        HalFailure{"ResetOfUsb",
+                   {"reset", "22"},
+                   "HAL_UsbFireBusReset",
+                   4,
+                   "camera 22 (USB 3) cannot be reset: the device is no longer attached\n`nimbrel list` shows what is "
+                   "attached now.\n"},
         HalFailure{"PhyReadThatTimesOut",
                    {"phy", "read", "17", "0", "0", "1"},
                    "HAL_1394ReadPhyRegister",
                    7,
-                   "Unable to read phy register. Error 0x7"},
+                   "camera 17 (IEEE 1394) did not return its PHY register: no answer in time\n"},
         HalFailure{"PhyWrite",
                    {"phy", "write", "17", "0", "0", "1", "1", "--json"},
                    "HAL_1394WritePhyRegister",
                    7,
-                   "Unable to write phy register. Error 0x7"},
+                   "camera 17 (IEEE 1394) has a PHY register that was not written: no answer in time\n"},
         HalFailure{"PhyWriteThatIsNotImplemented",
                    {"phy", "write", "17", "0", "0", "1", "1"},
                    "HAL_1394WritePhyRegister",
                    5,
-                   "This function has not been implemented."},
-        HalFailure{"UsbLink", {"usb-link", "22"}, "HAL_UsbGetLinkInfo", 4, "Unable to read card register."},
-        HalFailure{
-            "UsbPortThatTimesOut", {"usb-port", "22"}, "HAL_UsbGetPortStatus", 7, "Unable to read card register."}),
+                   "camera 17 (IEEE 1394) has a PHY register that was not written: this computer cannot write PHY "
+                   "registers\n"},
+        HalFailure{"UsbLink",
+                   {"usb-link", "22"},
+                   "HAL_UsbGetLinkInfo",
+                   4,
+                   "camera 22 (USB 3) has a link that cannot be read: the hub does not answer\n"},
+        HalFailure{"UsbPortThatTimesOut",
+                   {"usb-port", "22"},
+                   "HAL_UsbGetPortStatus",
+                   7,
+                   "camera 22 (USB 3) has a port that cannot be read: the hub does not answer\n"}),
     [](const auto& test) { return test.param.name; });
 
-TEST(Control, OfACameraThatDoesNotAnswerFailsWithTheErrorOfTheBusMaster) {
+TEST(Control, OfACameraThatDoesNotAnswerFailsAndNamesTheDoctor) {
     // The first reads are those of the listing, which fails or does without; a later one is that of the question.
     ProgramResult result;
     for (unsigned int call = 1; call <= 10; ++call) {
         result = RigComputer(OneOfEach(Fault("HAL_GigEReadRegister", 7, call))).Run({"control", "33"});
-        if (result.errors.find("CCP") != std::string::npos) break;
+        if (result.errors.find("controls it") != std::string::npos) break;
     }
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel control: camera 33 (GigE): Fail to read CCP register!"));
+    EXPECT_THAT(result.errors,
+                HasSubstr("nimbrel control: camera 33 (GigE) did not say who controls it: the camera does not answer\n"
+                          "`nimbrel doctor` finds out why.\n"));
 }
 
 // ---- Who holds a camera --------------------------------------------------------------------------------------------
@@ -293,9 +365,7 @@ TEST(Control, NamesWhoHoldsTheCamera) {
     const RigComputer rig(OneOfEach(Taken(false)));
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              "This computer may not control camera 33 (GigE):\n"
-              "the application at 192.168.77.200, port 50000, holds it.\n");
+    EXPECT_EQ(result.output, "Camera 33 is in use by the application at 192.168.77.200, port 50000.\n");
     EXPECT_EQ(rig.Run({"control", "33", "--json"}).output,
               R"({"available":false,"exclusive":false,"holder":{"ip":"192.168.77.200","port":50000}})"
               "\n");
@@ -305,9 +375,7 @@ TEST(Control, SaysNoForACameraThatIsHeldExclusively) {
     const RigComputer rig(OneOfEach(Taken(true)));
     const ProgramResult result = rig.Run({"control", "33"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              "This computer may not control camera 33 (GigE):\n"
-              "an application that the camera does not name holds it exclusively.\n");
+    EXPECT_EQ(result.output, "Camera 33 is in use exclusively by another application, which it does not name.\n");
     EXPECT_THAT(result.errors, IsEmpty());
     EXPECT_EQ(rig.Run({"control", "33", "--json"}).output, "{\"available\":false,\"exclusive\":true}\n");
 }
@@ -321,7 +389,7 @@ TEST(Control, SaysYesOnceTheCameraIsReleased) {
 
 TEST(Rescan, FindsWhatTheFirstLookHasMissed) {
     EXPECT_EQ(RigComputer(OneOfEach(Fault("HAL_GigEGetCameras", 7))).Run({"rescan", "--json"}).output,
-              "{\"ok\":true,\"value\":3}\n");
+              "{\"ok\":true,\"value\":3,\"searched\":[\"1394\",\"usb\",\"gige\"]}\n");
 }
 
 TEST(Rescan, FailsWhenABusCannotBeSearched) {

@@ -92,7 +92,20 @@ TEST(Progress, IsShownOnATerminalAndWipedAfterwards) {
     computer.Do("release gige");
     EXPECT_EQ(list->WaitForExit(kDeadline), 0);
     EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
-    EXPECT_EQ(Json::parse(list->GetOutput()).size(), 2u);
+    EXPECT_EQ(Json::parse(list->GetOutput()).size(), 3u);
+}
+
+TEST(Progress, ShowsWhatHasBeenHeardSoFar) {
+    ScriptedComputer computer({"hold gige", R"(gige 1 10.0.0.1 Mill\x1b Drill)"});
+    Terminal terminal(120);
+    const auto list = StartOn(terminal, computer, "list", "LC_ALL=C TERM=xterm");
+    EXPECT_THAT(terminal.ReadUntil("10.0.0.1 Mill? Drill"), HasSubstr(" s: 1 heard: 10.0.0.1 Mill? Drill\033[K"));
+    computer.Do("gige 2 10.0.0.2 Mill Saw");
+    EXPECT_THAT(terminal.ReadUntil("10.0.0.2"), HasSubstr("2 heard: 10.0.0.1 Mill? Drill, 10.0.0.2 Mill Saw\033[K"));
+    EXPECT_THAT(list->GetOutput(), IsEmpty()) << "the table comes once, whole";
+    computer.Do("release gige");
+    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_THAT(list->GetOutput(), HasSubstr("2 cameras"));
 }
 
 TEST(Progress, IsWipedWhenASignalEndsTheProgram) {
@@ -133,7 +146,7 @@ TEST(Progress, NeverWrapsInANarrowTerminal) {
     const ScriptedComputer computer({"hold gige"});
     Terminal terminal(12);
     const auto list = StartOn(terminal, computer, "list");
-    EXPECT_THAT(terminal.ReadUntil("Discoveri"), HasSubstr("\r| Discoveri\033[K"));
+    EXPECT_THAT(terminal.ReadUntil("| Discov..."), HasSubstr("\r| Discov...\033[K"));
     list->Signal(SIGINT);
     EXPECT_EQ(list->WaitForExit(kDeadline), 128 + SIGINT);
 }
@@ -148,7 +161,9 @@ TEST(Progress, IsNotShownWhereItCannotBeWiped) {
 
 TEST(Progress, IsNotShownInAPipe) {
     const ProgramResult result = ScriptedComputer().Run({"list", "--wait", "9", "--timeout", "0.6"});
-    EXPECT_EQ(result.errors, "nimbrel list: after 0.6 s still missing: camera 9\n");
+    EXPECT_EQ(result.errors,
+              "nimbrel list: after 0.6 s still missing: camera 9\n"
+              "`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.\n");
 }
 
 }  // namespace

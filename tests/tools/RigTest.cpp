@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 
@@ -48,8 +49,45 @@ TEST(RigPlay, CtrlCEndsItWithinASecondWhileABusHangs) {
     EXPECT_TRUE(play.WaitForOutput("-- reset", kDeadline)) << play.GetErrors();
     EXPECT_THAT(play.GetOutput(), HasSubstr("takes 60000 ms longer"));
     play.Signal(SIGINT);
-    EXPECT_EQ(play.WaitForExit(kDeadline), 0);
+    EXPECT_EQ(play.WaitForExit(kDeadline), 128 + SIGINT) << "the play was cut short";
     std::remove(path.c_str());
+}
+
+TEST(RigPlay, IsEndedBySigtermWithItsStatusWhileItWaitsForAStep) {
+    const std::string path = ::testing::TempDir() + "later-" + std::to_string(getpid()) + ".json";
+    std::ofstream(path) << R"({"gige": [{"name": "e", "address": "10.0.0.1/8"}],
+                               "timeline": [{"link": {"interface": "e", "up": false}},
+                                            {"at": 600, "link": {"interface": "e", "up": true}}]})";
+    ChildProcess play({RealProgram(), "rig", "play", path});
+    EXPECT_TRUE(play.WaitForOutput("-- ", kDeadline)) << play.GetErrors();
+    play.Signal(SIGTERM);
+    EXPECT_EQ(play.WaitForExit(kDeadline), 128 + SIGTERM);
+    std::remove(path.c_str());
+}
+
+TEST(RigServe, EndsWhenItsReaderIsGone) {
+    NetworkNamespace network;
+    const ProgramResult result =
+        network.RunProgram({"bash", "-c", RealProgram() + " rig serve | head -1; echo ${PIPESTATUS[0]}"}, kDeadline);
+    EXPECT_EQ(result.output, "127.0.0.2  gate\n0\n");
+}
+
+TEST(RigServe, IgnoresCtrlCInTheBackgroundOfAScript) {
+    NetworkNamespace network;
+    const auto shell =
+        network.StartProgram({"sh", "-c", RealProgram() + " rig serve & echo pid $!; wait $!; echo status $?"});
+    ASSERT_TRUE(shell->WaitForOutput("gate", kDeadline)) << shell->GetErrors();
+    ASSERT_TRUE(shell->WaitForOutput("pid ", kDeadline));
+    const std::string output = shell->GetOutput();
+    const pid_t serve = std::stoi(output.substr(output.find("pid ") + 4));
+    std::ifstream file("/proc/" + std::to_string(serve) + "/status");
+    const std::string status{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t ignored = status.find("SigIgn:");
+    ASSERT_NE(ignored, std::string::npos);
+    EXPECT_EQ(std::stoull(status.substr(ignored + 7), nullptr, 16) >> (SIGINT - 1) & 1, 1u);
+    ASSERT_EQ(kill(serve, SIGINT), 0);
+    ASSERT_EQ(kill(serve, SIGTERM), 0);
+    ASSERT_TRUE(shell->WaitForOutput("status 0\n", kDeadline)) << shell->GetOutput();
 }
 
 }  // namespace

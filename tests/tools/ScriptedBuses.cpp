@@ -42,6 +42,18 @@ void Fill(const std::string& text, char (&field)[size]) {
     std::memcpy(field, text.data(), std::min(text.size(), size));
 }
 
+GvcpDiscoveryRecord RecordOf(const ScriptedCamera& camera) {
+    GvcpDiscoveryRecord record{};
+    record.ipAddress = camera.number;
+    record.subnetMask = 0xFFFFFF00;
+    record.macHigh = 0x0200;  // with the address, as no two cameras of a script have one
+    record.macLow = camera.number;
+    Fill(camera.vendor, record.manufacturerName);
+    Fill(camera.model, record.modelName);
+    Fill(camera.serialText, record.serialNumber);
+    return record;
+}
+
 class ScriptedFireWireDevice final : public Platform::FireWireDevice {
 public:
     ScriptedFireWireDevice(ScriptedBuses& buses, CameraPointer camera)
@@ -119,11 +131,7 @@ public:
         : m_buses(buses), m_camera(std::move(camera)), m_listing(buses.CurrentListing()) {}
 
     std::uint32_t GetRecord(GvcpDiscoveryRecord* record) override {
-        *record = {};
-        record->ipAddress = m_camera->number;
-        Fill(m_camera->vendor, record->manufacturerName);
-        Fill(m_camera->model, record->modelName);
-        Fill(m_camera->serialText, record->serialNumber);
+        *record = RecordOf(*m_camera);
         return m_buses.InfoStatus(*m_camera, m_listing);
     }
     std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) override {
@@ -158,6 +166,8 @@ public:
     void Stop() override { m_buses.Stop(m_name); }
 
 protected:
+    ScriptedBuses& GetBuses() { return m_buses; }
+
     template <class Scripted, class Device>
     std::uint32_t ListAs(const std::string& kind, Platform::Listing<Device>* listing) {
         std::vector<CameraPointer> cameras;
@@ -216,7 +226,10 @@ public:
     }
     std::uint32_t ApplyAddresses(std::vector<Platform::AddressPlan>*) override { return HAL_OK; }
     std::uint32_t FindAddressHolder(std::uint32_t, Platform::AddressHolder*) override { return HAL_OK; }
-    std::uint32_t Diagnose(bool, Platform::GigEDiagnosis*) override { return HAL_OK; }
+    std::uint32_t Diagnose(bool askControl, Platform::GigEDiagnosis* diagnosis) override {
+        *diagnosis = GetBuses().Diagnose(askControl);
+        return HAL_OK;
+    }
     std::uint32_t GetSearchReport(Platform::GigESearchReport*) override { return HAL_OK; }
     std::uint32_t FindMutedCameras(Platform::GigEHearing*) override { return HAL_OK; }
 };
@@ -250,6 +263,13 @@ void ScriptedBuses::Do(const std::string& line) {
         camera.vendor = word();
         camera.model = word();
         Attach(camera);
+    } else if (verb == "heard") {
+        camera.serialText = word();
+        camera.number = ntohl(inet_addr(word().c_str()));
+        const std::lock_guard lock(m_mutex);
+        m_heard.push_back(std::make_shared<ScriptedCamera>(camera));
+    } else if (verb == "without") {
+        m_withoutDriver.insert(word());
     } else if (verb == "device") {
         camera.number = number();
         camera.serialNumber = number();
@@ -338,6 +358,34 @@ void ScriptedBuses::Stop(const std::string& bus) {
     m_changed.notify_all();
 }
 
+Platform::GigEDiagnosis ScriptedBuses::Diagnose(bool askControl) {
+    constexpr int kInterface = 2;
+    Platform::GigEDiagnosis diagnosis;
+    Platform::InterfaceDiagnosis interface;
+    interface.interface.index = kInterface;
+    interface.interface.name = "eth0";
+    interface.interface.up = interface.interface.running = interface.interface.broadcast = true;
+    interface.interface.addresses.push_back({0xC0A84D01, 24});
+    interface.used = true;
+    interface.linkSpeed = 1000;
+    diagnosis.interfaces.push_back(interface);
+    const auto add = [&](const ScriptedCamera& camera, bool listed) {
+        Platform::CameraDiagnosis entry;
+        entry.record = RecordOf(camera);
+        entry.interface = kInterface;
+        entry.reachable = entry.present = entry.listed = listed;
+        entry.usability = listed ? Platform::GigEUsability::Usable : Platform::GigEUsability::OtherSubnet;
+        if (askControl && listed) entry.control.state = Platform::ControlState::Free;
+        diagnosis.cameras.push_back(entry);
+    };
+    const std::lock_guard lock(m_mutex);
+    for (const CameraPointer& camera : m_cameras) {
+        if (camera->kind == "gige") add(*camera, true);
+    }
+    for (const CameraPointer& camera : m_heard) add(*camera, false);
+    return diagnosis;
+}
+
 std::uint32_t ScriptedBuses::List(const std::string& bus, const std::string& kind, std::vector<CameraPointer>* cameras,
                                   Platform::BusState* listed) {
     std::unique_lock lock(m_mutex);
@@ -376,6 +424,9 @@ Platform::Drivers ScriptedBuses::MakeDrivers(const Platform::Options& options, c
     drivers.fireWire = std::make_unique<ScriptedFireWireBus>(*this, "1394", sinks.fireWire);
     drivers.usb = std::make_unique<ScriptedUsbBus>(*this, "usb", sinks.usb);
     drivers.gigE = std::make_unique<ScriptedGigEBus>(*this, "gige", sinks.gigE);
+    if (m_withoutDriver.count("1394") != 0) drivers.fireWire = nullptr;
+    if (m_withoutDriver.count("usb") != 0) drivers.usb = nullptr;
+    if (m_withoutDriver.count("gige") != 0) drivers.gigE = nullptr;
     return drivers;
 }
 

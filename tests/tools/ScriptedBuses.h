@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@ struct ScriptedCamera {
 ///   reset BUS                           BUS is 1394, usb or gige
 ///   fail BUS STATUS                     listings of the bus answer the status; 0: they work again
 ///   hold BUS, release BUS               listings of the bus wait in between
+///   without BUS                         the computer has no driver for the bus; before the start only
+///   heard SERIALTEXT IP                 a GigE camera answers broadcasts from a wrong subnet, on eth0
 ///   tell options                        prints on standard error what the platform was configured with
 class ScriptedBuses {
 public:
@@ -56,6 +59,7 @@ public:
     std::uint32_t List(const std::string& bus, const std::string& kind,
                        std::vector<std::shared_ptr<ScriptedCamera>>* cameras, Platform::BusState* state);
     std::uint64_t CurrentListing();
+    Platform::GigEDiagnosis Diagnose(bool askControl);
     std::uint32_t InfoStatus(const ScriptedCamera& camera, std::uint64_t listing);
 
 private:
@@ -76,6 +80,8 @@ private:
     std::map<std::string, Bus> m_buses{{"1394", {}}, {"usb", {}}, {"gige", {}}};
     std::vector<std::shared_ptr<ScriptedCamera>> m_cameras;
     std::uint64_t m_listings = 0;
+    std::set<std::string> m_withoutDriver;
+    std::vector<std::shared_ptr<ScriptedCamera>> m_heard;
     bool m_tellOptions = false;
 };
 

@@ -9,8 +9,8 @@
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/Text.h"
-#include "tools/nimbrel/TopologyView.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool::Testing {
 namespace {
@@ -106,11 +106,11 @@ TEST_F(Utf8, AlignsATableByColumns) {
     EXPECT_EQ(table.Render(80), " N  NAME  X\n 9  M\xc3\xb6    x\n10  abcd  y\n");
 }
 
-TEST(Table, TakesFromTheWidestGivingColumnFirstAndNeverFromTheOthers) {
+TEST(Table, CutsTheWidestFlexibleColumnFirstAndNeverTheOthers) {
     Table table;
     table.AddColumn("FULL");
-    table.AddColumn("A", Table::Align::Left, Table::Width::Giving);
-    table.AddColumn("B", Table::Align::Left, Table::Width::Giving);
+    table.AddColumn("A", Table::Align::Left, Table::Width::Flexible);
+    table.AddColumn("B", Table::Align::Left, Table::Width::Flexible);
     table.AddRow({std::string(20, 'f'), std::string(20, 'a'), std::string(12, 'b')});
     EXPECT_EQ(table.Render(48).substr(table.Render(48).find('\n') + 1),
               std::string(20, 'f') + "  aaaaaaaaa...  " + std::string(12, 'b') + "\n");
@@ -138,6 +138,54 @@ TEST(SerialNumbers, AreReadOnceEachInOrder) {
     for (const char* text : {"", ",", "1,", ",1", "1,,2", "1 ,2", "-1", "4294967296", "0x10", "a"}) {
         EXPECT_THROW(ParseSerialNumbers("-o", text), CommandError) << text;
     }
+}
+
+TEST(Table, KnowsWhetherItFits) {
+    Table table;
+    table.AddColumn("FULL");
+    table.AddColumn("A", Table::Align::Left, Table::Width::Flexible);
+    table.AddRow({std::string(20, 'f'), std::string(20, 'a')});
+    EXPECT_TRUE(table.Fits(30));
+    EXPECT_FALSE(table.Fits(29)) << "8 columns is the least";
+}
+
+TEST(Table, ColoursCellsWithoutMovingThem) {
+    Table table;
+    table.AddColumn("A");
+    table.AddColumn("B");
+    table.AddRow({{"x", Colour::Red}, "y"});
+    table.AddRow({"long", ""});
+    EXPECT_EQ(table.Render(80, true), "\033[1mA\033[0m     \033[1mB\033[0m\n\033[31mx\033[0m     y\nlong\n");
+    EXPECT_EQ(table.Render(80), "A     B\nx     y\nlong\n");
+}
+
+TEST(Words, OfWhichOneWasMeantAreFoundByLikeness) {
+    const std::vector<std::string> commands{"list", "watch", "topology", "discover", "doctor"};
+    EXPECT_EQ(NearestWord("lis", commands), "list");
+    EXPECT_EQ(NearestWord("lsit", commands), "list");
+    EXPECT_EQ(NearestWord("topo", commands), "topology");
+    EXPECT_EQ(NearestWord("dicsover", commands), "discover");
+    EXPECT_EQ(NearestWord("wacth", commands), "watch");
+    EXPECT_EQ(NearestWord("doktor", commands), "doctor");
+    for (const char* word : {"", "x", "grab", "unplug"}) EXPECT_EQ(NearestWord(word, commands), "") << word;
+    EXPECT_EQ(DidYouMean("lis", commands), "; did you mean list?");
+    EXPECT_EQ(DidYouMean("grab", commands), "");
+}
+
+TEST(Words, AreQuotedForAShellOnlyWhereTheyMustBe) {
+    EXPECT_EQ(QuoteForShell("eth0.100"), "eth0.100");
+    EXPECT_EQ(QuoteForShell("net.ipv4.conf.all.rp_filter=0"), "net.ipv4.conf.all.rp_filter=0");
+    EXPECT_EQ(QuoteForShell(""), "''");
+    EXPECT_EQ(QuoteForShell("my wall"), "'my wall'");
+    EXPECT_EQ(QuoteForShell("$(reboot)"), "'$(reboot)'");
+    EXPECT_EQ(QuoteForShell("it's"), "'it'\\''s'");
+    EXPECT_EQ(QuoteForShell("~root"), "'~root'");
+}
+
+TEST(Words, AreCounted) {
+    EXPECT_EQ(CountOf(0, "camera"), "0 cameras");
+    EXPECT_EQ(CountOf(1, "camera"), "1 camera");
+    EXPECT_EQ(CountOf(2, "camera"), "2 cameras");
 }
 
 TEST(Words, AreEnumeratedAsPeopleDo) {

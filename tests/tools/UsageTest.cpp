@@ -39,11 +39,25 @@ TEST_P(Usage, IsRefusedWithTheOptionAndTheValueNamed) {
 INSTANTIATE_TEST_SUITE_P(
     Wrong, Usage,
     ::testing::Values(
-        WrongUsage{"NoCommand", {}, {"command", "--help"}}, WrongUsage{"MisspeltCommand", {"lsit"}, {"lsit"}},
+        WrongUsage{"NoCommand", {}, {"a command is missing", "--help"}},
+        WrongUsage{"CutCommand", {"lis"}, {"unknown command 'lis'; did you mean list?"}},
+        WrongUsage{"MisspeltCommand", {"lsit", "--json"}, {"unknown command 'lsit'; did you mean list?"}},
+        WrongUsage{"CommandLikeNoOther", {"grab"}, {"unknown command 'grab'\n"}},
+        WrongUsage{
+            "MisspeltRigCommand", {"rig", "plya", "x"}, {"nimbrel rig: unknown command 'plya'; did you mean play?"}},
+        WrongUsage{"RigCommandLikeNoOther",
+                   {"rig", "burn"},
+                   {"unknown command 'burn'; rig has check, play, serve, schema and demo"}},
+        WrongUsage{"RigCommandMissing", {"rig"}, {"a command is missing: check, play, serve, schema or demo"}},
+        WrongUsage{"MisspeltPhyCommand", {"phy", "raed", "17"}, {"unknown command 'raed'; did you mean read?"}},
+        WrongUsage{"MisspeltSimulation", {"simulate", "gig"}, {"unknown command 'gig'; did you mean gige?"}},
+        WrongUsage{"HelpOfAMisspeltCommand", {"help", "lis"}, {"unknown command 'lis'; did you mean list?"}},
+        WrongUsage{"HelpOfAMisspeltRigCommand", {"help", "rig", "plya"}, {"did you mean play?"}},
+        WrongUsage{"OptionOfACommandBeforeIt", {"--json", "list"}, {"unknown option --json", "nimbrel list --json"}},
         WrongUsage{"TwoCommands", {"list", "watch"}, {"watch"}},
-        WrongUsage{"UnknownOption", {"list", "--jsno"}, {"list", "--jsno"}},
+        WrongUsage{"UnknownOption", {"list", "--jsno"}, {"unknown option --jsno; did you mean --json?"}},
         WrongUsage{"UnexpectedWord", {"watch", "19340211"}, {"19340211"}},
-        WrongUsage{"UnknownBus", {"list", "--bus", "can"}, {"--bus", "\"can\"", "1394, usb, gige"}},
+        WrongUsage{"UnknownBus", {"list", "--bus", "can"}, {"--bus", "\"can\"", "1394, usb or gige"}},
         WrongUsage{"TwoBusesAfterOneOption", {"list", "--bus", "usb", "gige"}, {"gige"}},
         WrongUsage{"ValueMissing", {"list", "--discovery-window"}, {"--discovery-window"}},
         WrongUsage{
@@ -65,12 +79,12 @@ INSTANTIATE_TEST_SUITE_P(
         WrongUsage{"TimeoutOfLetters", {"list", "--wait", "1", "--timeout", "soon"}, {"--timeout", "\"soon\""}},
         WrongUsage{"CountOfZero", {"watch", "--count", "0"}, {"--count", "\"0\""}},
         WrongUsage{"CountNegative", {"watch", "--count", "-3"}, {"--count", "\"-3\""}},
-        WrongUsage{"FormatUnknown", {"topology", "--format", "png"}, {"--format", "\"png\"", "text, json, dot, svg"}},
+        WrongUsage{"FormatUnknown", {"topology", "--format", "gif"}, {"--format", "\"gif\"", "text, json, dot, svg"}},
         WrongUsage{
             "FormatTwice", {"topology", "--format", "svg", "--format", "dot"}, {"--format", "\"svg\"", "\"dot\""}},
         WrongUsage{"FormatAndJson", {"topology", "--json", "--format", "svg"}, {"--json", "--format"}},
         WrongUsage{"OutputMissing", {"topology", "--output"}, {"--output"}},
-        WrongUsage{"DemoAndNoCommand", {"--demo"}, {"command", "--help"}},
+        WrongUsage{"DemoAndNoCommand", {"--demo"}, {"a command is missing", "--help"}},
         WrongUsage{"DemoBeforeACommandWithoutBuses", {"--demo", "simulate", "gige"}, {"simulate", "--demo"}},
         WrongUsage{"RigBeforeACommandWithoutBuses", {"--rig", "x", "rig", "check", "y"}, {"rig", "--rig"}},
         WrongUsage{"RigBeforeAndAfter", {"--rig", "x", "list", "--rig", "y"}, {"--rig", "before", "after"}},
@@ -79,7 +93,17 @@ INSTANTIATE_TEST_SUITE_P(
                    {"--discovery-window", "1", "list", "--discovery-window", "1"},
                    {"--discovery-window"}},
         WrongUsage{"UnknownBusBefore", {"--bus", "can", "list"}, {"--bus", "\"can\""}},
-        WrongUsage{"UnknownOptionBefore", {"--dmeo", "list"}, {"--dmeo"}},
+        WrongUsage{"UnknownOptionBefore", {"--dmeo", "list"}, {"unknown option --dmeo; did you mean --demo?"}},
+        WrongUsage{
+            "UnknownColumn", {"list", "--columns", "serial,modle"}, {"--columns", "\"modle\"", "did you mean model?"}},
+        WrongUsage{
+            "NoColumn", {"list", "--columns", "colour"}, {"\"colour\" is not a column; there are index, serial,"}},
+        WrongUsage{"UnknownSortKey", {"list", "--sort", "-sped"}, {"--sort", "\"sped\"", "did you mean speed?"}},
+        WrongUsage{"ColumnsAndLong", {"list", "--long", "--columns", "serial"}, {"--long", "--columns"}},
+        WrongUsage{"UnknownColour", {"list", "--color", "red"}, {"--color", "\"red\"", "auto, always or never"}},
+        WrongUsage{"MaskTwice",
+                   {"force-ip", "--mac", "02:00:00:00:09:01", "--ip", "10.0.0.1/8", "--mask", "/8"},
+                   {"--mask", "--ip"}},
         WrongUsage{"DurationNegative", {"watch", "--duration", "-3"}, {"--duration", "\"-3\""}},
         WrongUsage{"CameraMissing", {"reset"}, {"reset", "CAMERA"}},
         WrongUsage{"CameraOfLetters", {"control", "GV01"}, {"CAMERA", "\"GV01\""}},
@@ -119,7 +143,7 @@ TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
 INSTANTIATE_TEST_SUITE_P(Commands, Help,
                          ::testing::Values("", "list", "topology", "watch", "discover", "force-ip", "auto-ip",
                                            "control", "reset", "phy", "phy read", "phy write", "usb-link", "usb-port",
-                                           "rescan"),
+                                           "rescan", "doctor", "help", "rig", "simulate", "simulate gige"),
                          [](const auto& test) {
                              std::string name = *test.param == '\0' ? "program" : test.param;
                              std::replace(name.begin(), name.end(), '-', '_');
@@ -127,11 +151,26 @@ INSTANTIATE_TEST_SUITE_P(Commands, Help,
                              return name;
                          });
 
+TEST(Help, OfACommandIsTheSameByEitherWay) {
+    const std::vector<Words> commands{{"list"}, {"rig", "play"}, {"simulate", "gige"}, {"phy", "read"}};
+    for (const Words& command : commands) {
+        Words asCommand{"help"};
+        asCommand.insert(asCommand.end(), command.begin(), command.end());
+        Words asOption = command;
+        asOption.emplace_back("--help");
+        EXPECT_EQ(RunReal(asCommand).output, RunReal(asOption).output);
+        EXPECT_THAT(RunReal(asCommand).output, HasSubstr("Usage: nimbrel"));
+    }
+    EXPECT_EQ(RunReal({"help"}).output, RunReal({"--help"}).output);
+}
+
 TEST(Version, IsPrintedAlone) {
-    const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "--version"});
-    EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_EQ(result.output, "nimbrel " NIMBREL2_VERSION "\n");
-    EXPECT_THAT(result.errors, IsEmpty());
+    for (const char* option : {"--version", "-V"}) {
+        const ProgramResult result = RunReal({option});
+        EXPECT_EQ(result.exitStatus, 0);
+        EXPECT_EQ(result.output, "nimbrel " NIMBREL2_VERSION "\n");
+        EXPECT_THAT(result.errors, IsEmpty());
+    }
 }
 
 TEST(Interface, ThatTheComputerDoesNotHaveFailsAndNamesThoseItHas) {
@@ -145,6 +184,30 @@ std::string OptionsOf(const Words& arguments) {
     const ProgramResult result = ScriptedComputer({"tell options"}).Run(arguments);
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     return result.errors;
+}
+
+TEST(BusesWithoutDriver, AreNamedByEachCommandThatSearchesThem) {
+    const Words script{"without 1394", "without usb", "gige 44 10.1.2.3 Mill Drill"};
+    const std::string note = "this build of nimbrel cannot search IEEE 1394 or USB: it has no driver for them.\n";
+    const ProgramResult list = ScriptedComputer(script).Run({"list"});
+    EXPECT_EQ(list.exitStatus, 0);
+    EXPECT_EQ(list.errors, "nimbrel list: " + note);
+    EXPECT_EQ(Json::parse(ScriptedComputer(script).Run({"list", "--json"}).output)["searched"].dump(), R"(["gige"])");
+    EXPECT_THAT(ScriptedComputer(script).Run({"watch", "--duration", "0"}).errors,
+                AllOf(HasSubstr("nimbrel watch: " + note), HasSubstr("Watching GigE: 1 camera now.")));
+    const ProgramResult rescan = ScriptedComputer(script).Run({"rescan"});
+    EXPECT_EQ(rescan.errors, "nimbrel rescan: " + note);
+    EXPECT_EQ(rescan.output, "Enumerated again: 1 camera on GigE.\n");
+    EXPECT_EQ(ScriptedComputer(script).Run({"topology"}).errors, "nimbrel topology: " + note);
+    EXPECT_THAT(ScriptedComputer(script).Run({"reset", "17"}).errors, HasSubstr("nimbrel reset: " + note));
+    EXPECT_THAT(ScriptedComputer({"without usb"}).Run({"list"}).output,
+                HasSubstr("No cameras found on IEEE 1394 and GigE."));
+}
+
+TEST(BusesWithoutDriver, FailWhenTheyAreAllThatIsWanted) {
+    const ProgramResult result = ScriptedComputer({"without usb"}).Run({"list", "--bus", "usb"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.errors, "nimbrel list: this build of nimbrel cannot search USB: it has no driver for it\n");
 }
 
 TEST(Options, ReachThePlatform) {

@@ -39,7 +39,7 @@ bool WaitForEvents(ChildProcess& watch, const std::string& kind, std::size_t cou
     return watch.WaitUntil([&] { return EventsOf(watch, kind).size() >= count; }, kDeadline);
 }
 
-TEST(WatchAsJson, PrintsAnObjectALineAsThingsHappen) {
+TEST(WatchAsJson, PrintsAnObjectPerLineAsThingsHappen) {
     ScriptedComputer computer({"usb 22 5000 V M"});
     const auto watch = computer.Start({"watch", "--json"});
     ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
@@ -59,7 +59,14 @@ TEST(WatchAsJson, PrintsAnObjectALineAsThingsHappen) {
     ASSERT_NE(strptime(time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts), nullptr);
     EXPECT_LE(std::abs(std::difftime(timegm(&parts), std::time(nullptr))), 60);
     arrival["time"] = "";
-    EXPECT_EQ(arrival.dump(), R"({"event":"arrival","serial":44,"generation":1,"time":""})");
+    EXPECT_EQ(arrival["guid"].get<std::string>().size(), 35u);
+    arrival["guid"] = "";
+    EXPECT_EQ(arrival.dump(), R"({"event":"arrival","serial":44,"generation":1,"time":"","guid":"",)"
+                              R"("interface":"GigE","vendor":"V","model":"M","ip":"10.0.0.1"})");
+    EXPECT_EQ(EventsOf(*watch, "removal")[0]["ip"], "10.0.0.1") << "as it was before it left";
+    EXPECT_EQ(EventsOf(*watch, "removal")[1]["interface"], "USB3");
+    EXPECT_FALSE(EventsOf(*watch, "removal")[1].contains("ip"));
+    EXPECT_FALSE(EventsOf(*watch, "reset")[0].contains("guid"));
     EXPECT_EQ(EventsOf(*watch, "removal")[0]["serial"], 44);
     EXPECT_EQ(EventsOf(*watch, "removal")[0]["generation"], 2);
     EXPECT_EQ(EventsOf(*watch, "removal")[1]["serial"], 22);
@@ -118,13 +125,16 @@ TEST(Watch, EndsAfterSoManySeconds) {
 TEST(Watch, SaysWhichBusItCannotSee) {
     const ProgramResult result = ScriptedComputer({"fail gige 21"}).Run({"watch", "--duration", "0"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_THAT(result.errors, HasSubstr("nimbrel: GigE cannot be searched: unreachable"));
+    EXPECT_THAT(
+        result.errors,
+        HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));
 }
 
 TEST(Watch, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {
     const ProgramResult result = ScriptedComputer({"fail 1394 3"}).Run({"watch"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel watch: "), HasSubstr("Could not create the internal thread")));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel watch: IEEE 1394 cannot be searched: permission denied\n"),
+                                     HasSubstr("Go on without it: `--bus usb --bus gige`.")));
 }
 
 class WatchSignal : public ::testing::TestWithParam<int> {};
@@ -164,13 +174,27 @@ TEST_P(WatchSignal, EndsItWithinASecondWhileABusHangs) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, WatchSignal, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
-TEST(Watch, IsEndedByCtrlCAlsoInTheBackgroundOfAScript) {
-    // A shell without job control has its background programs ignore SIGINT.
-    const ScriptedComputer computer;
-    ChildProcess shell({"sh", "-c", computer.ShellCommandLine("watch") + R"( & echo $!; wait $!; echo status $?)"});
+TEST(Watch, KeepsRunningOnCtrlCInTheBackgroundOfAScript) {
+    // A shell without job control has its background programs ignore SIGINT, so that Ctrl-C does not reach them.
+    ScriptedComputer computer;
+    ChildProcess shell(
+        {"sh", "-c", computer.ShellCommandLine("watch --json") + R"( & echo $! >&2; wait $!; echo status $?)"});
     ASSERT_TRUE(shell.WaitForErrors(kReady, kDeadline));
-    ASSERT_EQ(kill(std::stoi(shell.GetOutput()), SIGINT), 0);
+    const pid_t watch = std::stoi(shell.GetErrors());
+    ASSERT_EQ(kill(watch, SIGINT), 0);
+    computer.Do("usb 22 480 V M");
+    ASSERT_TRUE(shell.WaitForOutput("arrival", kDeadline)) << "the signal came before the camera";
+    ASSERT_EQ(kill(watch, SIGTERM), 0);
     ASSERT_TRUE(shell.WaitForOutput("status 0\n", kDeadline)) << shell.GetOutput();
+}
+
+TEST(WatchForPeople, HasColoursWhenTheyAreWanted) {
+    ScriptedComputer computer;
+    const auto watch = computer.Start({"watch", "--color", "always", "--count", "1"});
+    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    computer.Do("reset usb");
+    EXPECT_EQ(watch->WaitForExit(kDeadline), 0);
+    EXPECT_THAT(watch->GetOutput(), HasSubstr("\x1b[2mbus reset\x1b[0m\n"));
 }
 
 TEST(Watch, KeepsRunningWithoutItsTerminalUnderNohup) {

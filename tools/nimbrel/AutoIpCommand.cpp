@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gives GigE cameras on wrong subnets an address, and looks whether they have it. Main thread only; no lock.
-#include "tools/nimbrel/AutoIpCommand.h"
-
+// Gives GigE cameras on wrong subnets an address and verifies it. Main thread only; no lock.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -11,13 +9,15 @@
 #include <vector>
 
 #include "platform/Diagnostics.h"
-#include "tools/nimbrel/BusHealth.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -25,21 +25,21 @@ namespace {
 using Platform::AddressPlan;
 
 const char kFooter[] =
-    R"(A camera whose address is in the subnet of the network interface that hears it
-is left alone. Each other one gets a free address of that subnet: none that this
-computer, another camera, a gateway or any host on that wire uses. It keeps it
-until it is switched off. The command is done when all have answered at their
-new addresses. A camera that an application holds does not listen.
+    R"(Leaves cameras alone whose address is in the subnet of the network interface
+that hears them. Each of the others gets a free address of that subnet: one that
+neither this computer nor another camera, a gateway or a host on that network
+uses. It keeps it until it is powered off. The command succeeds when all have
+answered at their new addresses. A camera that an application holds ignores it.
 
 Exit status:
-  0  Every camera has a right address. With --dry-run: or would have.
-  1  One has none (the others had their turn), or it failed; standard error says
-     why.
+  0  Every camera has an address of its subnet. With --dry-run: or would have.
+  1  A camera has none (the others were handled), or the command failed;
+     standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: {"ok","dry_run","cameras":[{"serial","mac","interface","ip","subnet",
-"new_ip","new_subnet","result","reason"}]}; "result" is one of "right",
-"changed", "would change", "failed"; without a new address "new_ip" and
+JSON: {"ok","dry_run","cameras":[{"serial","mac","network_interface","ip",
+"subnet","new_ip","new_subnet","result","reason"}]}; "result" is "right",
+"changed", "would-change" or "failed"; without a new address "new_ip" and
 "new_subnet" are null.
 
 Examples:
@@ -48,12 +48,12 @@ Examples:
   nimbrel auto-ip --serial 19340211 --interface eth1
 )";
 
-// One camera: what it was, what is done about it.
+// One camera: its address before and after.
 struct Outcome {
     enum class Result { Right, Changed, WouldChange, Failed };
     GigECamera before;
     std::string interface;
-    std::optional<Platform::InterfaceAddress> home;  ///< this computer's address on the camera's wire
+    std::optional<Platform::InterfaceAddress> home;  ///< this computer's address on that network
     std::optional<IPAddress> newIp;
     IPAddress newMask;
     Result result = Result::Right;
@@ -67,7 +67,7 @@ const char* NameOf(Result result) {
         case Result::Changed:
             return "changed";
         case Result::WouldChange:
-            return "would change";
+            return "would-change";
         case Result::Failed:
             return "failed";
         case Result::Right:
@@ -81,12 +81,11 @@ public:
     explicit AutoIpCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        CommandContext::AddValue(
-            command, "--serial", "N", "Only the camera with this serial number.", [this](const std::string& text) {
-                m_serial = ParseNumber("--serial", text, 1, std::numeric_limits<std::uint32_t>::max());
-            });
-        command.add_flag("--dry-run", m_dryRun, "Change nothing; print what would change, and why.");
-        m_context.AddJsonOption(command, "Print one JSON document.");
+        CommandContext::AddValue(command, "--serial", "N", "Only this camera.", [this](const std::string& text) {
+            m_serial = ParseNumber("--serial", text, 1, std::numeric_limits<std::uint32_t>::max());
+        });
+        command.add_flag("--dry-run", m_dryRun, "Change nothing; print what would change and why.");
+        m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
     }
 
@@ -95,7 +94,11 @@ public:
         Plan();
         if (!m_dryRun && AnyOf(Result::WouldChange)) Change(*busMaster);
         m_context.Print(m_context.WantsJson() ? AsJson() : ForPeople());
-        if (AnyOf(Result::Failed)) throw CommandError(m_failure.empty() ? NamesOfFailed() : m_failure);
+        if (AnyOf(Result::Failed)) {
+            throw CommandError(NamesOfFailed())
+                .WithHint("`nimbrel doctor` finds out why.")
+                .WithDetails(m_error == ERROR_OK ? "" : m_error.Describe());
+        }
         return kDone;
     }
 
@@ -105,7 +108,7 @@ private:
         for (const Outcome& outcome : m_outcomes) {
             if (outcome.result == Result::Failed) names.push_back(Tool::NameOf(outcome.before));
         }
-        return "without a right address: " + Enumerate(names);
+        return Enumerate(names) + (names.size() == 1 ? " has" : " have") + " no address of the right subnet";
     }
 
     bool AnyOf(Result result) const {
@@ -113,16 +116,20 @@ private:
                            [result](const Outcome& outcome) { return outcome.result == result; });
     }
 
-    // ---- What there is to do ---------------------------------------------------------------------------------------
+    // ---- What to do ------------------------------------------------------------------------------------------
 
     void Plan() {
-        const Progress progress("Looking for GigE cameras on wrong subnets");
+        const Progress progress("Searching for GigE cameras on wrong subnets");
         std::vector<AddressPlan> plans;
         const std::uint32_t status = Platform::PlanGigEAddresses(m_serial, &plans);
         if (status == HAL_GONE && m_serial) {
-            throw CommandError("no GigE camera with the serial number " + std::to_string(*m_serial) + " answers");
+            throw CommandError("no GigE camera with the serial number " + std::to_string(*m_serial) + " answers")
+                .WithHint("`nimbrel discover` shows the cameras that answer.");
         }
-        if (status != HAL_OK) throw CommandError("GigE cannot be searched: " + DescribeStatus(status));
+        if (status != HAL_OK) {
+            throw CommandError("GigE cannot be searched: " + DescribeStatus(status))
+                .WithHint(NextStep(status, INTERFACE_GIGE));
+        }
         for (const AddressPlan& plan : plans) m_outcomes.push_back(OutcomeOf(plan));
     }
 
@@ -138,7 +145,7 @@ private:
         if (plan.alreadyRight) {
             const bool inside = outcome.home && outcome.home->Contains(plan.record.ipAddress);
             outcome.reason = inside ? "it is in the subnet of " + subnet
-                                    : "it is not in the subnet of " + subnet + ", but a route leads to it there";
+                                    : "it is not in the subnet of " + subnet + ", but has a route there";
             return outcome;
         }
         outcome.reason = "it is not in the subnet of " + subnet;
@@ -154,20 +161,20 @@ private:
     }
 
     static std::string WhyNot(std::uint32_t status, const std::string& subnet) {
-        if (status == HAL_UNREACHABLE) return "there is no address for it: it hangs on " + subnet;
-        if (status == HAL_NOT_SUPPORTED) return "it has no MAC by which it could be told an address";
+        if (status == HAL_UNREACHABLE) return "no address for it: it is connected to " + subnet;
+        if (status == HAL_NOT_SUPPORTED) return "it has no MAC by which it could be given an address";
         if (status == HAL_FAILED) return "no address is free in the subnet of " + subnet;
         return "no address was found for it: " + DescribeStatus(status);
     }
 
-    // ---- Doing it --------------------------------------------------------------------------------------------------
+    // ---- Change -----------------------------------------------------------------------------------------------------
 
     void Change(BusMaster& busMaster) {
         const Progress progress("Giving addresses");
         const Error error = m_serial ? busMaster.ForceAllIPAddressesAutomatically(*m_serial)
                                      : busMaster.ForceAllIPAddressesAutomatically();
-        // With an error one of them is known to have kept its address, so those that still answer elsewhere are not
-        // worth waiting for. One that is silent may be beginning anew at its address.
+        // After an error one of them has kept its address, so those that still answer elsewhere are not waited for. A
+        // silent one may be restarting at its new address.
         const std::vector<GigECamera> after = DiscoverUntil(busMaster, [&](const std::vector<GigECamera>& cameras) {
             return std::all_of(m_outcomes.begin(), m_outcomes.end(), [&](const Outcome& outcome) {
                 const bool givenUp = error != ERROR_OK && FindByMac(cameras, outcome.before.mac) != nullptr;
@@ -177,7 +184,7 @@ private:
         for (Outcome& outcome : m_outcomes) {
             if (outcome.result == Result::WouldChange) Conclude(after, &outcome);
         }
-        if (error != ERROR_OK) m_failure = error.Describe();
+        if (error != ERROR_OK) m_error = error;
     }
 
     static bool IsHome(const Outcome& outcome, const std::vector<GigECamera>& cameras) {
@@ -185,7 +192,7 @@ private:
         return camera != nullptr && outcome.home && outcome.home->Contains(PackIPAddress(camera->ip));
     }
 
-    // The driver looks for free addresses anew, so the camera may have another one than was planned.
+    // The driver chooses free addresses again, so the camera may have got another one than planned.
     static void Conclude(const std::vector<GigECamera>& after, Outcome* outcome) {
         const GigECamera* camera = FindByMac(after, outcome->before.mac);
         if (IsHome(*outcome, after)) {
@@ -200,21 +207,21 @@ private:
     }
 
     static std::string WhyNot(const GigECamera* camera, const GigECamera& before) {
-        if (camera == nullptr) return "it does not answer any more";
+        if (camera == nullptr) return "it no longer answers";
         if (PackIPAddress(camera->ip) == PackIPAddress(before.ip)) {
-            return "it still answers at its old address: an application that holds it keeps it there";
+            return "it stays at its old address, most likely because an application holds it";
         }
-        return "it now answers at " + FormatSubnet(camera->ip, camera->subnet) + ", which nobody has given it";
+        return "it now answers at " + FormatSubnet(camera->ip, camera->subnet) + ", which it was not given";
     }
 
-    // ---- Telling it ------------------------------------------------------------------------------------------------
+    // ---- Result ---------------------------------------------------------------------------------------------------
 
     std::string AsJson() {
         Json cameras = Json::array();
         for (const Outcome& outcome : m_outcomes) {
             Json json{{"serial", outcome.before.serialNumber},
                       {"mac", FormatMac(outcome.before.mac)},
-                      {"interface", outcome.interface},
+                      {"network_interface", outcome.interface},
                       {"ip", FormatIp(outcome.before.ip)},
                       {"subnet", FormatIp(outcome.before.subnet)},
                       {"new_ip", nullptr},
@@ -231,7 +238,7 @@ private:
     }
 
     std::string ForPeople() {
-        if (m_outcomes.empty()) return "No GigE camera answered.\n";
+        if (m_outcomes.empty()) return "No GigE camera answered. `nimbrel doctor` finds out why.\n";
         std::string text;
         for (const Outcome& outcome : m_outcomes) {
             text += Tool::NameOf(outcome.before) + ": " + FormatSubnet(outcome.before.ip, outcome.before.subnet);
@@ -249,7 +256,7 @@ private:
     std::optional<std::uint32_t> m_serial;
     bool m_dryRun = false;
     std::vector<Outcome> m_outcomes;
-    std::string m_failure;
+    Error m_error;
 };
 
 }  // namespace

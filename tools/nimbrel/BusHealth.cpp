@@ -4,58 +4,131 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
-#include "common/HalStatus.h"
 #include "hal/HAL.h"
+#include "platform/Diagnostics.h"
 #include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/ErrorTexts.h"
 
 namespace Nimbrel2::Tool {
 namespace {
 
-struct Bus {
-    const char* name;
-    const char* forPeople;
+struct HalListing {
+    HALInterfaceType bus;
     std::uint32_t (*list)(void** entries, std::uint64_t* count);
     std::uint32_t (*free)(void* entry);
-    bool (*holds)(InterfaceType type);
 };
 
-constexpr Bus kBuses[] = {
-    {"1394", "IEEE 1394", HAL_1394GetCameras, HAL_1394FreeCamera,
-     [](InterfaceType type) { return type == INTERFACE_IEEE1394; }},
-    {"usb", "USB", HAL_UsbGetCameras, HAL_UsbFreeCamera,
-     [](InterfaceType type) { return type == INTERFACE_USB_2 || type == INTERFACE_USB_3; }},
-    {"gige", "GigE", HAL_GigEGetCameras, HAL_GigEFreeCamera, [](InterfaceType type) { return type == INTERFACE_GIGE; }},
+constexpr HalListing kListings[] = {
+    {HAL_INTERFACE_1394, HAL_1394GetCameras, HAL_1394FreeCamera},
+    {HAL_INTERFACE_1394, HAL_1394GetDevices, HAL_1394FreeDevice},
+    {HAL_INTERFACE_USB, HAL_UsbGetCameras, HAL_UsbFreeCamera},
+    {HAL_INTERFACE_GIGE, HAL_GigEGetCameras, HAL_GigEFreeCamera},
 };
+
+// The first status of a bus that is not HAL_OK. found is set when a listing returned anything.
+std::uint32_t TryListing(HALInterfaceType bus, bool* found) {
+    for (const HalListing& listing : kListings) {
+        if (listing.bus != bus) continue;
+        std::array<void*, 256> entries{};
+        std::uint64_t count = entries.size();
+        const std::uint32_t status = listing.list(entries.data(), &count);
+        if (status != HAL_OK) return status;
+        for (std::uint64_t i = 0; i < count; ++i) listing.free(entries[i]);
+        *found = *found || count != 0;
+    }
+    return HAL_OK;
+}
+
+// A bus whose driver did not start lists nothing and answers HAL_OK; support tells why.
+std::optional<BusFailure> TryBus(const BusKind& bus, bool* found) {
+    std::uint32_t status = Platform::GetBusSupport(bus.type);
+    if (status == HAL_NOT_SUPPORTED || status == HAL_NO_BUS) return std::nullopt;
+    if (status == HAL_OK) status = TryListing(bus.type, found);
+    if (status == HAL_OK) return std::nullopt;
+    return BusFailure{bus, status};
+}
+
+// The options that leave one bus out.
+std::string OthersThan(const BusKind& failed, const IsWanted& isWanted) {
+    std::string options;
+    for (const BusKind& bus : BusKinds()) {
+        if (bus.type != failed.type && isWanted(bus))
+            options += std::string(options.empty() ? "" : " ") + "--bus " + bus.name;
+    }
+    return options;
+}
 
 }  // namespace
 
-std::string DescribeStatus(std::uint32_t status) {
-    return HalStatusText(status) + std::string(" (status ") + std::to_string(status) + ")";
+const std::vector<BusKind>& BusKinds() {
+    static const std::vector<BusKind> kinds{{"1394", "IEEE 1394", HAL_INTERFACE_1394},
+                                            {"usb", "USB", HAL_INTERFACE_USB},
+                                            {"gige", "GigE", HAL_INTERFACE_GIGE}};
+    return kinds;
 }
 
-std::vector<std::string> FindFailedBuses(BusMaster& busMaster,
-                                         const std::function<bool(const std::string& bus)>& isWanted) {
-    const std::vector<Camera> cameras = ListCameras(busMaster);
-    std::vector<std::string> sentences;
-    bool swallowed = false;
-    for (const Bus& bus : kBuses) {
-        const bool shows = std::any_of(cameras.begin(), cameras.end(),
-                                       [&bus](const Camera& camera) { return bus.holds(camera.interfaceType); });
-        if (shows || !isWanted(bus.name)) continue;
-        std::array<void*, 256> entries{};
-        std::uint64_t count = entries.size();
-        const std::uint32_t status = bus.list(entries.data(), &count);
-        if (status != HAL_OK) {
-            sentences.push_back(std::string(bus.forPeople) + " cannot be searched: " + DescribeStatus(status));
-            continue;
-        }
-        for (std::uint64_t i = 0; i < count; ++i) bus.free(entries[i]);
-        swallowed = swallowed || count != 0;
+bool IsOn(HALInterfaceType bus, InterfaceType camera) {
+    switch (camera) {
+        case INTERFACE_IEEE1394:
+            return bus == HAL_INTERFACE_1394;
+        case INTERFACE_USB_2:
+        case INTERFACE_USB_3:
+            return bus == HAL_INTERFACE_USB;
+        case INTERFACE_GIGE:
+            return bus == HAL_INTERFACE_GIGE;
+        case INTERFACE_NONE:
+            break;
     }
-    // A listing that returns a newcomer is the end of its news, and this one went past the bus master.
-    if (swallowed) Check(busMaster.RescanBus());
-    return sentences;
+    return false;
+}
+
+std::vector<BusKind> FindBusesWithoutDriver(const IsWanted& isWanted) {
+    std::vector<BusKind> buses;
+    for (const BusKind& bus : BusKinds()) {
+        if (isWanted(bus) && Platform::GetBusSupport(bus.type) == HAL_NOT_SUPPORTED) buses.push_back(bus);
+    }
+    return buses;
+}
+
+std::string BusFailure::Describe() const {
+    return std::string(bus.forPeople) + " cannot be searched: " + DescribeStatus(status);
+}
+
+std::vector<BusFailure> FindFailedBuses(BusMaster& busMaster, const IsWanted& isWanted) {
+    const std::vector<Camera> cameras = ListCameras(busMaster);
+    std::vector<BusFailure> failures;
+    bool found = false;
+    for (const BusKind& bus : BusKinds()) {
+        const bool shows = std::any_of(cameras.begin(), cameras.end(),
+                                       [&bus](const Camera& camera) { return IsOn(bus.type, camera.interfaceType); });
+        if (shows || !isWanted(bus)) continue;
+        if (const auto failure = TryBus(bus, &found)) failures.push_back(*failure);
+    }
+    // A listing that returns a newcomer is the end of its news, and this one bypassed the bus master.
+    if (found) Check(busMaster.RescanBus(), "the buses cannot be searched again");
+    return failures;
+}
+
+CommandError ExplainStart(const Error& error, const IsWanted& isWanted) {
+    if (error == ERROR_INIT_TIMED_OUT) {
+        return CommandError("the buses were not listed within 40 s: a driver hangs")
+            .WithHint("Search one bus at a time to find it: `nimbrel list --bus usb`.")
+            .WithDetails(error.Describe());
+    }
+    bool found = false;
+    for (const BusKind& bus : BusKinds()) {
+        if (!isWanted(bus)) continue;
+        const auto failure = TryBus(bus, &found);
+        if (!failure) continue;
+        const std::string others = OthersThan(bus, isWanted);
+        return CommandError(failure->Describe())
+            .WithHint(others.empty() ? NextStep(failure->status, INTERFACE_NONE)
+                                     : "Go on without it: `" + others + "`.")
+            .WithDetails(error.Describe());
+    }
+    return Explain(error, "the buses cannot be listed");
 }
 
 }  // namespace Nimbrel2::Tool

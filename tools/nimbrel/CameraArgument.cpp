@@ -14,8 +14,11 @@
 #include <vector>
 
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/Locations.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -23,84 +26,158 @@ namespace {
 constexpr std::uint32_t kLargest = std::numeric_limits<std::uint32_t>::max();
 constexpr std::size_t kMostNamed = 8;
 
-const char kForms[] = "serial:N, index:N, ip:A or guid:G; a bare number\nis a serial number.";
+const char kForms[] = "serial:N, index:N, ip:A, mac:M or guid:G; a bare\nnumber is a serial number.";
 
 bool IsNumber(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-// ---- What is meant -------------------------------------------------------------------------------------------------
+// ---- Which camera is meant -----------------------------------------------------------------------------------------
 
-std::string NameOf(const Camera& camera) {
-    return "camera " + std::to_string(camera.serialNumber) + " (" + FormatInterface(camera.interfaceType) + ")";
+using Cameras = std::vector<Camera>;
+using IsMeant = std::function<bool(const Camera& camera)>;
+
+std::string NameOf(const Camera& camera) { return "camera " + std::to_string(camera.serialNumber); }
+
+Cameras Matching(const Cameras& cameras, const IsMeant& isMeant) {
+    Cameras found;
+    std::copy_if(cameras.begin(), cameras.end(), std::back_inserter(found), isMeant);
+    return found;
 }
 
-FoundCamera ToFound(const Camera& camera) { return {camera.guid, camera.interfaceType, NameOf(camera)}; }
+bool IsAlone(const Cameras& cameras, const IsMeant& isMeant) { return Matching(cameras, isMeant).size() == 1; }
 
-// What the user may have meant instead.
-std::string Others(const std::vector<Camera>& cameras) {
+IsMeant HasGuid(const ZevoGuid& guid) {
+    return [guid](const Camera& camera) { return camera.guid == guid; };
+}
+IsMeant HasMac(const MACAddress& mac) {
+    return [mac](const Camera& camera) { return camera.IsGigE() && IsSame(camera.mac, mac); };
+}
+IsMeant HasIp(const IPAddress& ip) {
+    return [ip](const Camera& camera) { return camera.IsGigE() && PackIPAddress(camera.ip) == PackIPAddress(ip); };
+}
+IsMeant HasSerialNumber(std::uint32_t serialNumber) {
+    return [serialNumber](const Camera& camera) { return camera.serialNumber == serialNumber; };
+}
+IsMeant HasIndex(std::uint32_t index) {
+    return [index](const Camera& camera) { return camera.index == index; };
+}
+
+// A CAMERA that means this camera and no other; its guid when there is none.
+std::string UniqueName(const Camera& camera, const Cameras& cameras) {
+    if (camera.IsGigE() && IsAlone(cameras, HasMac(camera.mac))) return "mac:" + FormatMac(camera.mac);
+    if (IsAlone(cameras, HasSerialNumber(camera.serialNumber))) return "serial:" + std::to_string(camera.serialNumber);
+    return "guid:" + FormatGuid(camera.guid);
+}
+
+// One line for each, by which they can be told apart.
+std::string Lines(const Cameras& some, const Cameras& all) {
+    std::string text;
+    for (const Camera& camera : some) {
+        text += "\n  " + UniqueName(camera, all) + "  " + BusName(camera.interfaceType);
+        const std::string location = DescribeLocation(camera);
+        if (!location.empty()) text += ", " + location;
+        text += ", index " + std::to_string(camera.index);
+    }
+    return text;
+}
+
+// Operations go by guid: of cameras that share one, only the first is ever reached.
+FoundCamera Accept(BusMaster& busMaster, const Cameras& cameras, const Camera& camera) {
+    Cameras twins = Matching(cameras, HasGuid(camera.guid));
+    if (twins.size() > 1) {
+        AddLocations(busMaster, &twins);
+        throw CommandError(CountOf(twins.size(), "camera") + " have the guid " + FormatGuid(camera.guid) +
+                           ", so a command could reach any of them:" + Lines(twins, cameras))
+            .WithHint("Unplug all but one of them. `nimbrel doctor` explains why they look alike.");
+    }
+    return {camera.guid, camera.interfaceType, NameOf(camera)};
+}
+
+// @param what      "the serial number 17"
+// @param ifNobody  What to say of the cameras that there are.
+FoundCamera FindOne(BusMaster& busMaster, const Cameras& cameras, const IsMeant& isMeant, const std::string& what,
+                    const std::string& ifNobody) {
+    Cameras found = Matching(cameras, isMeant);
+    if (found.empty()) throw CommandError("no camera has " + what + ifNobody);
+    if (found.size() > 1 && !IsAlone(found, HasGuid(found.front().guid))) Accept(busMaster, cameras, found.front());
+    if (found.size() > 1) {
+        AddLocations(busMaster, &found);
+        throw CommandError(CountOf(found.size(), "camera") + " have " + what + ":" + Lines(found, cameras))
+            .WithHint("Name one of them, such as " + UniqueName(found.front(), cameras) + ".");
+    }
+    return Accept(busMaster, cameras, found.front());
+}
+
+// ---- What the user may have meant instead --------------------------------------------------------------------------
+
+std::string OtherSerialNumbers(const Cameras& cameras) {
     if (cameras.empty()) return "; no camera is listed";
     if (cameras.size() > kMostNamed) {
-        return "; " + std::to_string(cameras.size()) + " cameras are listed: `nimbrel list` shows them";
+        return "; " + std::to_string(cameras.size()) + " cameras are listed, see `nimbrel list`";
     }
     std::vector<std::string> serials;
     for (const Camera& camera : cameras) serials.push_back(std::to_string(camera.serialNumber));
-    return serials.size() == 1 ? "; the only one listed is " + serials[0] : "; listed are " + Enumerate(serials);
+    return serials.size() == 1 ? "; the only camera listed is " + serials[0] : "; listed are " + Enumerate(serials);
 }
 
-FoundCamera Find(const std::vector<Camera>& cameras, const BySerial& by) {
-    std::vector<Camera> found;
-    std::copy_if(cameras.begin(), cameras.end(), std::back_inserter(found),
-                 [&by](const Camera& camera) { return camera.serialNumber == by.serialNumber; });
-    const std::string serial = std::to_string(by.serialNumber);
-    if (found.empty()) throw CommandError("no camera has the serial number " + serial + Others(cameras));
-    if (found.size() > 1) {
-        std::vector<std::string> guids;
-        for (const Camera& camera : found) guids.push_back("guid:" + FormatGuid(camera.guid));
-        throw CommandError(std::to_string(found.size()) + " cameras have the serial number " + serial + ": " +
-                           Enumerate(guids));
-    }
-    return ToFound(found.front());
-}
-
-FoundCamera Find(const std::vector<Camera>& cameras, const ByIndex& by) {
-    for (const Camera& camera : cameras) {
-        if (camera.index == by.index) return ToFound(camera);
-    }
-    const std::string text = "no camera has the index " + std::to_string(by.index);
-    if (cameras.empty()) throw CommandError(text + "; no camera is listed");
+std::string OtherIndexes(const Cameras& cameras) {
+    if (cameras.empty()) return "; no camera is listed";
     const std::string last = std::to_string(cameras.back().index);
-    throw CommandError(text + (last == "0" ? "; the only one listed has 0" : "; they go from 0 to " + last));
+    return last == "0" ? "; the only camera listed has 0" : "; they go from 0 to " + last;
 }
 
-FoundCamera Find(const std::vector<Camera>& cameras, const IPAddress& ip) {
+std::string OtherGigECameras(const Cameras& cameras, std::string (*format)(const Camera& camera)) {
+    std::vector<std::string> words;
     for (const Camera& camera : cameras) {
-        if (camera.IsGigE() && PackIPAddress(camera.ip) == PackIPAddress(ip)) return ToFound(camera);
+        if (camera.IsGigE()) words.push_back(format(camera));
     }
-    std::vector<std::string> addresses;
-    for (const Camera& camera : cameras) {
-        if (camera.IsGigE()) addresses.push_back(FormatIp(camera.ip));
+    const char kDiscover[] = " (`nimbrel discover` also shows cameras on a wrong subnet)";
+    if (words.empty()) return std::string("; no GigE camera is listed") + kDiscover;
+    if (words.size() > kMostNamed) {
+        return "; " + std::to_string(words.size()) + " GigE cameras are listed, see `nimbrel list --bus gige`";
     }
-    std::string others = "; no GigE camera is listed";
-    if (addresses.size() > kMostNamed) {
-        others = "; " + std::to_string(addresses.size()) + " GigE cameras are listed";
-    } else if (!addresses.empty()) {
-        others = "; those listed have " + Enumerate(addresses);
-    }
-    throw CommandError("no listed camera has the address " + FormatIp(ip) + others +
-                       " (`nimbrel discover` shows also those on a wrong subnet)");
+    return "; those listed have " + Enumerate(words) + kDiscover;
 }
 
-FoundCamera FindByGuid(BusMaster& busMaster, const std::vector<Camera>& cameras, const ZevoGuid& guid) {
+FoundCamera FindByGuid(BusMaster& busMaster, const Cameras& cameras, const ZevoGuid& guid) {
     for (const Camera& camera : cameras) {
-        if (camera.guid == guid) return ToFound(camera);
+        if (camera.guid == guid) return Accept(busMaster, cameras, camera);
     }
     for (const Device& device : ListDevices(busMaster)) {
-        if (device.guid != guid) continue;
-        return {guid, device.interfaceType,
-                "device " + FormatGuid(guid) + " (" + FormatInterface(device.interfaceType) + ")"};
+        if (device.guid == guid) return {guid, device.interfaceType, "device " + FormatGuid(guid)};
     }
-    throw CommandError("no camera or device has the guid " + FormatGuid(guid));
+    throw CommandError("no camera or device has the guid " + FormatGuid(guid) + OtherSerialNumbers(cameras))
+        .WithHint(
+            "`nimbrel list --long` shows the guids. That of a GigE camera changes with its address: serial: or "
+            "mac: do not.");
+}
+
+// ---- Which bus the command is for ----------------------------------------------------------------------------------
+
+struct ScopeText {
+    Scope scope;
+    const char* cameras;
+    const char* options;
+    bool (*fits)(InterfaceType type);
+};
+
+constexpr ScopeText kScopes[] = {
+    {Scope::IEEE1394, "IEEE 1394", "--bus 1394", [](InterfaceType type) { return type == INTERFACE_IEEE1394; }},
+    {Scope::Usb, "USB", "--bus usb",
+     [](InterfaceType type) { return type == INTERFACE_USB_2 || type == INTERFACE_USB_3; }},
+    {Scope::GigE, "GigE", "--bus gige", [](InterfaceType type) { return type == INTERFACE_GIGE; }},
+    {Scope::BusesWithReset, "IEEE 1394 and USB", "--bus 1394 --bus usb",
+     [](InterfaceType type) { return type != INTERFACE_GIGE; }},
+};
+
+void CheckScope(const FoundCamera& camera, const std::string& command, Scope scope) {
+    for (const ScopeText& text : kScopes) {
+        if (text.scope != scope || text.fits(camera.interfaceType)) continue;
+        throw CommandError(camera.name + " is on " + BusName(camera.interfaceType) + ", " + command + " is for " +
+                           text.cameras + " cameras")
+            .WithHint(std::string("`nimbrel list ") + text.options + "` shows those.");
+    }
 }
 
 std::optional<ZevoGuid> ReadGuid(const std::string& text) {
@@ -136,27 +213,45 @@ CameraChoice ParseCamera(const std::string& text) {
     if (colon == std::string::npos) {
         if (!IsNumber(text)) {
             throw CommandError(
-                "CAMERA: \"" + text + "\" is neither a serial number nor serial:N, index:N, ip:A, guid:G", kUsage);
+                "CAMERA: \"" + text + "\" is neither a serial number nor serial:N, index:N, ip:A, mac:M or guid:G",
+                kUsage);
         }
         return BySerial{ParseNumber("CAMERA", value, 0, kLargest)};
     }
     if (kind == "serial") return BySerial{ParseNumber(option, value, 0, kLargest)};
     if (kind == "index") return ByIndex{ParseNumber(option, value, 0, kLargest)};
     if (kind == "ip") return ParseIp(option, value);
+    if (kind == "mac") return ParseMac(option, value);
     if (kind == "guid") return ParseGuid(option, value);
-    throw CommandError("CAMERA: \"" + text + "\" begins with none of serial:, index:, ip:, guid:", kUsage);
+    throw CommandError("CAMERA: \"" + text + "\" does not begin with serial:, index:, ip:, mac: or guid:" +
+                           DidYouMean(kind, {"serial", "index", "ip", "mac", "guid"}),
+                       kUsage);
 }
 
 FoundCamera FindCamera(BusMaster& busMaster, const CameraChoice& choice) {
-    const std::vector<Camera> cameras = ListCameras(busMaster);
+    const Cameras cameras = ListCameras(busMaster);
     if (const auto* guid = std::get_if<ZevoGuid>(&choice)) return FindByGuid(busMaster, cameras, *guid);
-    if (const auto* serial = std::get_if<BySerial>(&choice)) return Find(cameras, *serial);
-    if (const auto* index = std::get_if<ByIndex>(&choice)) return Find(cameras, *index);
-    return Find(cameras, std::get<IPAddress>(choice));
+    if (const auto* serial = std::get_if<BySerial>(&choice)) {
+        return FindOne(busMaster, cameras, HasSerialNumber(serial->serialNumber),
+                       "the serial number " + std::to_string(serial->serialNumber), OtherSerialNumbers(cameras));
+    }
+    if (const auto* index = std::get_if<ByIndex>(&choice)) {
+        return FindOne(busMaster, cameras, HasIndex(index->index), "the index " + std::to_string(index->index),
+                       OtherIndexes(cameras));
+    }
+    if (const auto* mac = std::get_if<MACAddress>(&choice)) {
+        return FindOne(busMaster, cameras, HasMac(*mac), "the MAC " + FormatMac(*mac),
+                       OtherGigECameras(cameras, [](const Camera& camera) { return FormatMac(camera.mac); }));
+    }
+    const auto& ip = std::get<IPAddress>(choice);
+    return FindOne(busMaster, cameras, HasIp(ip), "the address " + FormatIp(ip),
+                   OtherGigECameras(cameras, [](const Camera& camera) { return FormatIp(camera.ip); }));
 }
 
-void CheckFor(const FoundCamera& camera, const Error& error) {
-    if (error != ERROR_OK) throw CommandError(camera.name + ": " + error.Describe());
+std::string FoundCamera::GetNameWithBus() const { return name + " (" + BusName(interfaceType) + ")"; }
+
+void CheckFor(const FoundCamera& camera, const Error& error, const std::string& what) {
+    if (error != ERROR_OK) throw Explain(error, camera.GetNameWithBus() + " " + what, camera.interfaceType);
 }
 
 void CameraArgument::AddTo(CLI::App& command) {
@@ -167,30 +262,32 @@ void CameraArgument::AddTo(CLI::App& command) {
     command.add_option("CAMERA", parser, kForms)->required()->type_name("");
 }
 
-FoundCamera CameraArgument::Find(const CommandContext& context, BusMaster& busMaster) const {
+FoundCamera CameraArgument::Find(const CommandContext& context, BusMaster& busMaster, const std::string& command,
+                                 Scope scope) const {
     try {
-        return FindCamera(busMaster, m_choice);
+        const FoundCamera camera = FindCamera(busMaster, m_choice);
+        CheckScope(camera, command, scope);
+        return camera;
     } catch (const CommandError&) {
         context.CheckBuses(busMaster);
+        context.NoteBusesWithoutDriver(command);
         throw;
     }
 }
 
-void AddCameraCommand(CLI::App& app, CommandContext& context, const std::string& name, const std::string& description,
-                      const std::string& footer,
-                      std::function<std::string(BusMaster& busMaster, FoundCamera& camera, bool asJson)> operation) {
+void AddCameraCommand(CLI::App& app, CommandContext& context, CameraCommand command) {
     const auto argument = std::make_shared<CameraArgument>();
-    CLI::App* command =
-        context.AddCommand(app, name, description, [&context, argument, operation = std::move(operation)] {
-            const BusMasterSession busMaster = context.StartBusMaster();
-            FoundCamera camera = argument->Find(context, *busMaster);
-            context.Print(operation(*busMaster, camera, context.WantsJson()));
-            return static_cast<int>(kDone);
-        });
-    argument->AddTo(*command);
-    context.AddJsonOption(*command, "Print one JSON document.");
-    context.AddBusOptions(*command);
-    command->footer(footer);
+    const auto shared = std::make_shared<const CameraCommand>(std::move(command));
+    CLI::App* added = context.AddCommand(app, shared->name, shared->description, [&context, argument, shared] {
+        const BusMasterSession busMaster = context.StartBusMaster();
+        FoundCamera camera = argument->Find(context, *busMaster, shared->name, shared->scope);
+        context.Print(shared->operation(*busMaster, camera, context.WantsJson()));
+        return static_cast<int>(kDone);
+    });
+    argument->AddTo(*added);
+    context.AddJsonOption(*added, "Print JSON.");
+    context.AddBusOptions(*added);
+    added->footer(shared->footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -4,7 +4,8 @@
 
 #include <cstdio>
 
-#include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool {
@@ -15,20 +16,20 @@ using FromIndex = Error (BusMaster::*)(unsigned int, ZevoGuid*);
 
 std::vector<ZevoGuid> ReadGuids(BusMaster& busMaster, Count count, FromIndex fromIndex) {
     unsigned int size = 0;
-    Check((busMaster.*count)(&size));
+    Check((busMaster.*count)(&size), "the cameras cannot be listed");
     std::vector<ZevoGuid> guids;
     for (unsigned int index = 0; index < size; ++index) {
         ZevoGuid guid;
         const Error error = (busMaster.*fromIndex)(index, &guid);
         if (error == ERROR_INVALID_PARAMETER) break;  // the list has become shorter
-        Check(error);
+        Check(error, "the cameras cannot be listed");
         guids.push_back(guid);
     }
     return guids;
 }
 
-// A list may change between two look-ups: two equal readings are one that was true at one time. On a bus that never
-// rests the last reading must do.
+// A list may change between two look-ups: two equal readings were true at one time. On a bus that never rests the last
+// reading must do.
 std::vector<ZevoGuid> ReadGuidsTwice(BusMaster& busMaster, Count count, FromIndex fromIndex) {
     constexpr int kMostReadings = 10;
     std::vector<ZevoGuid> guids = ReadGuids(busMaster, count, fromIndex);
@@ -40,7 +41,7 @@ std::vector<ZevoGuid> ReadGuidsTwice(BusMaster& busMaster, Count count, FromInde
     return guids;
 }
 
-// What the bus master itself remembers of a camera that tells nothing now. False when it is listed no more.
+// What the bus master itself remembers of a camera that does not answer now. False when it is no longer listed.
 bool ReadWithoutDevice(BusMaster& busMaster, Camera* camera) {
     if (busMaster.GetInterfaceTypeFromGuid(camera->guid, &camera->interfaceType) != ERROR_OK) return false;
     ZevoGuid guid;
@@ -49,10 +50,6 @@ bool ReadWithoutDevice(BusMaster& busMaster, Camera* camera) {
 }
 
 }  // namespace
-
-void Check(const Error& error) {
-    if (error != ERROR_OK) throw CommandError(error.Describe());
-}
 
 std::vector<Camera> ListCameras(BusMaster& busMaster) {
     std::vector<Camera> cameras;
@@ -69,6 +66,8 @@ std::vector<Camera> ListCameras(BusMaster& busMaster) {
             camera.interfaceType = info.interfaceType;
             camera.vendor = FromField(info.vendorName);
             camera.model = FromField(info.modelName);
+            camera.name = FromField(info.userDefinedName);
+            camera.mac = info.macAddress;
             camera.ip = info.ipAddress;
         } else if (!ReadWithoutDevice(busMaster, &camera)) {
             continue;
@@ -118,6 +117,22 @@ std::string FormatInterface(InterfaceType type) {
     return "none";
 }
 
+std::string FormatControl(Platform::ControlState state) {
+    switch (state) {
+        case Platform::ControlState::Free:
+            return "free";
+        case Platform::ControlState::Ours:
+            return "ours";
+        case Platform::ControlState::Controlled:
+            return "controlled";
+        case Platform::ControlState::Exclusive:
+            return "exclusive";
+        case Platform::ControlState::Unknown:
+            break;
+    }
+    return "unknown";
+}
+
 Json ToJson(const Camera& camera) {
     Json json{{"index", camera.index},
               {"serial", camera.serialNumber},
@@ -126,7 +141,15 @@ Json ToJson(const Camera& camera) {
               {"interface", FormatInterface(camera.interfaceType)},
               {"vendor", camera.vendor},
               {"model", camera.model}};
-    if (camera.IsGigE()) json["ip"] = FormatIp(camera.ip);
+    if (!camera.name.empty()) json["name"] = camera.name;
+    if (camera.speed != 0) json["speed"] = camera.speed;
+    if (camera.port) json["port"] = *camera.port;
+    if (!camera.location.empty()) json["location"] = camera.location;
+    if (camera.IsGigE()) {
+        json["ip"] = FormatIp(camera.ip);
+        json["mac"] = FormatMac(camera.mac);
+    }
+    if (camera.control) json["control"] = FormatControl(*camera.control);
     return json;
 }
 

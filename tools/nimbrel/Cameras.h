@@ -5,10 +5,12 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "busmaster/BusMaster.h"
+#include "platform/Diagnostics.h"
 
 namespace Nimbrel2::Tool {
 
@@ -24,19 +26,29 @@ struct Camera {
     InterfaceType interfaceType = INTERFACE_IEEE1394;
     std::string vendor;
     std::string model;
-    IPAddress ip;  ///< GigE only.
+
+    // GigE only.
+    std::string name;  ///< The one that users give.
+    MACAddress mac;
+    IPAddress ip;
+
+    // Not read by ListCameras.
+    std::uint32_t speed = 0;           ///< Of its link, in Mbit/s; 0: unknown.
+    std::optional<unsigned int> port;  ///< Of the hub, host controller or PHY above.
+    std::string location;              ///< "xhci0 port 1.2", "fw0 PHY 3", "eth0".
+    std::optional<Platform::ControlState> control;
 
     bool IsGigE() const { return interfaceType == INTERFACE_GIGE; }
 };
 
-/// One IEEE 1394 node that is no camera.
+/// An IEEE 1394 node other than a camera.
 struct Device {
     unsigned int index = 0;
     ZevoGuid guid;
     InterfaceType interfaceType = INTERFACE_IEEE1394;
 };
 
-/// The lists as they are now. A camera that leaves meanwhile is left out, or listed with its texts empty.
+/// The lists as they are now. A camera that leaves meanwhile is left out or listed with empty texts.
 /// @throws CommandError with the bus master's error.
 std::vector<Camera> ListCameras(BusMaster& busMaster);
 std::vector<Device> ListDevices(BusMaster& busMaster);
@@ -48,14 +60,15 @@ std::string FormatIp(const IPAddress& ip);
 /// `1394`, `USB2`, `USB3` or `GigE`.
 std::string FormatInterface(InterfaceType type);
 
+/// "free", "ours", "controlled", "exclusive" or "unknown".
+std::string FormatControl(Platform::ControlState state);
+
+/// What is unknown of it is left out.
 Json ToJson(const Camera& camera);
 Json ToJson(const Device& device);
 
 /// JSON in ASCII, one line unless indent is positive: valid whatever bytes the texts hold, harmless to any terminal.
 std::string Dump(const Json& json, int indent = -1);
-
-/// @throws CommandError with the error's description, unless it is ERROR_OK.
-void Check(const Error& error);
 
 }  // namespace Nimbrel2::Tool
 

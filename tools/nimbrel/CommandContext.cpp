@@ -10,12 +10,13 @@
 #include "common/Trace.h"
 #include "platform/rig/RigDrivers.h"
 #include "platform/rig/RigFile.h"
-#include "tools/nimbrel/BusHealth.h"
-#include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/NetworkInterfaces.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -25,30 +26,25 @@ using std::chrono::milliseconds;
 constexpr milliseconds kShortestWindow{10};
 constexpr milliseconds kLongestWindow{30000};
 
-struct Bus {
-    const char* name;
-    const char* forPeople;
-    Platform::Driver Platform::Options::*driver;
-};
-
-constexpr Bus kBuses[] = {{"1394", "IEEE 1394", &Platform::Options::fireWire},
-                          {"usb", "USB", &Platform::Options::usb},
-                          {"gige", "GigE", &Platform::Options::gigE}};
-
 void AddUnlessThere(std::vector<std::string>* words, const std::string& word) {
     if (std::find(words->begin(), words->end(), word) == words->end()) words->push_back(word);
 }
 
 void CheckBusName(const std::string& name) {
-    for (const Bus& bus : kBuses) {
-        if (name == bus.name) return;
-    }
-    throw CommandError("--bus: \"" + name + "\" is not one of 1394, usb, gige", kUsage);
+    std::vector<std::string> names;
+    for (const BusKind& bus : BusKinds()) names.emplace_back(bus.name);
+    if (std::find(names.begin(), names.end(), name) != names.end()) return;
+    throw CommandError("--bus: \"" + name + "\" is not one of " + Enumerate(names, "or"), kUsage);
 }
 
 // Before the command and after it.
-void CheckIsFirst(const std::string& option, bool given) {
-    if (given) throw CommandError(option + ": given before the command and after it, which is one too many", kUsage);
+void CheckGivenOnce(const std::string& option, bool given) {
+    if (given) throw CommandError(option + ": given twice, before the command and after it", kUsage);
+}
+
+Platform::Driver* DriverOf(Platform::Options* options, HALInterfaceType bus) {
+    if (bus == HAL_INTERFACE_1394) return &options->fireWire;
+    return bus == HAL_INTERFACE_USB ? &options->usb : &options->gigE;
 }
 
 // "1209:0001": two groups of four hexadecimal digits, as lsusb prints them.
@@ -74,6 +70,19 @@ void CheckExists(const std::vector<std::string>& interfaces) {
     }
 }
 
+// "2 heard: 192.168.77.10 Cairn G 2040, 192.168.77.11 Cairn G 2040"
+std::string DescribeHeard() {
+    Platform::GigEDiagnosis diagnosis;
+    if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK || diagnosis.cameras.empty()) return {};
+    std::string text;
+    const std::vector<HeardCamera> heard = FindHeardCameras(diagnosis);
+    for (const HeardCamera& camera : heard) {
+        text += (text.empty() ? ": " : ", ") + FormatIp(camera.camera.ip) + " " + camera.camera.vendor + " " +
+                camera.camera.model;
+    }
+    return std::to_string(heard.size()) + " heard" + text;
+}
+
 }  // namespace
 
 CLI::App* CommandContext::AddCommand(CLI::App& app, const std::string& name, const std::string& description,
@@ -88,7 +97,8 @@ void CommandContext::AddValue(CLI::App& command, const std::string& name, const 
                               Times times) {
     const CLI::callback_t callback = [name, parser = std::move(parser), times](const CLI::results_t& values) {
         if (times == Times::Once && values.size() > 1) {
-            throw CommandError(name + ": \"" + values[0] + "\" and \"" + values[1] + "\" are one too many", kUsage);
+            throw CommandError(name + ": \"" + values[0] + "\" and \"" + values[1] + "\" given, but it takes one value",
+                               kUsage);
         }
         for (const std::string& value : values) parser(value);
         return true;
@@ -98,11 +108,14 @@ void CommandContext::AddValue(CLI::App& command, const std::string& name, const 
 
 void CommandContext::AddJsonOption(CLI::App& command, const std::string& description) {
     command.add_flag("--json", m_json, description);
+    AddValue(command, "--color", "auto|always|never",
+             "Colours in what is printed for people. Default:\nauto, on terminals unless NO_COLOR is set.",
+             [this](const std::string& text) { m_colour = ParseColourChoice(text); });
 }
 
 void CommandContext::AddBusOptions(CLI::App& command) {
     AddValue(
-        command, "--bus", "1394|usb|gige", "Look at this bus only; repeatable. Without it:\nall three.",
+        command, "--bus", "1394|usb|gige", "Search this bus only; repeatable. Default: all\nthree.",
         [this](const std::string& name) {
             CheckBusName(name);
             AddUnlessThere(&m_buses, name);
@@ -122,7 +135,7 @@ void CommandContext::AddBusOptions(CLI::App& command) {
             m_usbIds.push_back(id);
         },
         Times::Repeatable);
-    command.add_flag("--virtual", m_virtual, "Show virtual cameras too.");
+    command.add_flag("--virtual", m_virtual, "List virtual cameras too.");
     AddRigOptions(command);
 }
 
@@ -134,29 +147,28 @@ void CommandContext::AddGigEOptions(CLI::App& command) {
 void CommandContext::AddNetworkOptions(CLI::App& command) {
     AddValue(
         command, "--interface", "NAME",
-        "Look for GigE cameras on this network interface\n"
-        "only; repeatable. Without it: on all that are up,\n"
-        "except loopback: name lo for cameras on it.",
+        "Search this network interface only for GigE\n"
+        "cameras; repeatable. Default: all that are up but\n"
+        "loopback, which must be named: --interface lo.",
         [this](const std::string& name) {
             if (name.empty()) throw CommandError("--interface: \"\" is not the name of an interface", kUsage);
             AddUnlessThere(&m_interfaces, name);
         },
         Times::Repeatable);
     AddValue(command, "--discovery-window", "SECONDS",
-             "How long the first search for GigE cameras\n"
-             "listens, 0.01 to 30; 1 by default, the longest\n"
-             "that a camera may take. Most answer in 0.01.",
+             "How long to wait for answers of GigE cameras, 0.01\n"
+             "to 30. Default: 1, the longest that a camera may\n"
+             "take. Most answer within 0.01.",
              [this](const std::string& text) {
-                 CheckIsFirst("--discovery-window", m_discoveryWindow.has_value());
+                 CheckGivenOnce("--discovery-window", m_discoveryWindow.has_value());
                  m_discoveryWindow = ParseSeconds("--discovery-window", text, kShortestWindow, kLongestWindow);
              });
 }
 
 void CommandContext::AddRigOptions(CLI::App& command) {
-    AddValue(command, "--rig", "FILE",
-             "Run on the simulated computer that this file\ndescribes (`nimbrel rig --help`).",
+    AddValue(command, "--rig", "FILE", "Run on the simulated computer in this file\n(`nimbrel help rig`).",
              [this](const std::string& file) {
-                 CheckIsFirst("--rig", m_rigFile.has_value());
+                 CheckGivenOnce("--rig", m_rigFile.has_value());
                  m_rigFile = file;
              });
     command.add_flag("--demo", m_demo, "Run on the built-in simulated computer.");
@@ -170,10 +182,32 @@ bool CommandContext::UsesBus(const std::string& name) const {
 
 std::string CommandContext::DescribeBuses() const {
     std::vector<std::string> names;
-    for (const Bus& bus : kBuses) {
-        if (UsesBus(bus.name)) names.emplace_back(bus.forPeople);
+    for (const BusKind& bus : BusKinds()) {
+        if (IsSearched(bus)) names.emplace_back(bus.forPeople);
     }
-    return Enumerate(names);
+    return names.empty() ? "no bus" : Enumerate(names);
+}
+
+bool CommandContext::IsSearched(const BusKind& bus) const {
+    const bool hasDriver = std::none_of(m_withoutDriver.begin(), m_withoutDriver.end(),
+                                        [&bus](const BusKind& other) { return other.type == bus.type; });
+    return UsesBus(bus.name) && hasDriver;
+}
+
+std::string CommandContext::DescribeBusesWithoutDriver() const {
+    std::vector<std::string> names;
+    for (const BusKind& bus : m_withoutDriver) names.emplace_back(bus.forPeople);
+    if (names.empty()) return {};
+    return "this build of nimbrel cannot search " + Enumerate(names, "or") + ": it has no driver for " +
+           (names.size() == 1 ? "it" : "them");
+}
+
+Json CommandContext::SearchedAsJson() const {
+    Json searched = Json::array();
+    for (const BusKind& bus : BusKinds()) {
+        if (IsSearched(bus)) searched.push_back(bus.name);
+    }
+    return searched;
 }
 
 std::vector<std::string> CommandContext::GetNetworkInterfaces() const {
@@ -183,9 +217,9 @@ std::vector<std::string> CommandContext::GetNetworkInterfaces() const {
 
 Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) const {
     Platform::Options options;
-    for (const Bus& bus : kBuses) {
+    for (const BusKind& bus : BusKinds()) {
         const Platform::Driver driver = m_rig ? Platform::Driver::Rig : Platform::Driver::Linux;
-        options.*bus.driver = UsesBus(bus.name) ? driver : Platform::Driver::None;
+        *DriverOf(&options, bus.type) = UsesBus(bus.name) ? driver : Platform::Driver::None;
     }
     if (m_rig) {
         options.makeDrivers = Platform::MakeRigDrivers(m_rig);
@@ -200,7 +234,7 @@ Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) 
 
 void CommandContext::LoadRig() {
     if (m_rig || (!m_demo && !m_rigFile)) return;
-    if (m_demo && m_rigFile) throw CommandError("--rig and --demo are one too many", kUsage);
+    if (m_demo && m_rigFile) throw CommandError("--rig and --demo cannot be combined", kUsage);
     try {
         Platform::RigPlan plan =
             m_demo ? Platform::ParseRig(Platform::BuiltInRig(), "the built-in rig") : Platform::ReadRigFile(*m_rigFile);
@@ -220,8 +254,13 @@ BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     if (const Platform::ConfigureResult result = Platform::Configure(options); !result) {
         throw CommandError("the options cannot be used: " + result.reason);
     }
-    return BusMasterSession(&Singleton<BusMaster>::GetInstance(),
-                            [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
+    BusMasterSession session(&Singleton<BusMaster>::GetInstance(),
+                             [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
+    m_withoutDriver = FindBusesWithoutDriver([this](const BusKind& bus) { return UsesBus(bus.name); });
+    const bool onlyThose =
+        std::none_of(BusKinds().begin(), BusKinds().end(), [this](const BusKind& bus) { return IsSearched(bus); });
+    if (onlyThose) throw CommandError(DescribeBusesWithoutDriver());
+    return session;
 }
 
 BusMasterSession CommandContext::OpenGigE() {
@@ -231,19 +270,28 @@ BusMasterSession CommandContext::OpenGigE() {
 
 BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
     BusMasterSession session = MakeBusMaster(unlessGiven);
-    const Progress progress(UsesBus("gige") ? "Discovering GigE cameras" : "Looking for cameras");
-    if (m_virtual) Check(session->EnableVirtualDeviceEnumeration());
-    Check(session->Initialize());
+    const Progress progress =
+        UsesBus("gige") ? Progress("Discovering GigE cameras", DescribeHeard) : Progress("Searching for cameras");
+    if (m_virtual) Check(session->EnableVirtualDeviceEnumeration(), "virtual cameras cannot be listed");
+    const auto isWanted = [this](const BusKind& bus) { return UsesBus(bus.name); };
+    if (const Error error = session->Initialize(); error != ERROR_OK) throw ExplainStart(error, isWanted);
     if (!session->GetInitialized()) {
-        throw CommandError("the bus master has started without bus events: those of IEEE 1394 were refused");
+        throw CommandError("IEEE 1394 does not report its bus events, so cameras that come and go would be missed")
+            .WithHint("Go on without it: `--bus usb --bus gige`.");
     }
     return session;
 }
 
 bool CommandContext::CheckBuses(BusMaster& busMaster) const {
-    const auto failures = FindFailedBuses(busMaster, [this](const std::string& bus) { return UsesBus(bus); });
-    for (const std::string& failure : failures) WriteError("nimbrel: " + failure + "\n");
+    const auto failures = FindFailedBuses(busMaster, [this](const BusKind& bus) { return UsesBus(bus.name); });
+    for (const BusFailure& failure : failures) {
+        WriteError("nimbrel: " + failure.Describe() + "\n");
+    }
     return failures.empty();
+}
+
+void CommandContext::NoteBusesWithoutDriver(const std::string& command) const {
+    if (!m_withoutDriver.empty()) WriteError("nimbrel " + command + ": " + DescribeBusesWithoutDriver() + ".\n");
 }
 
 }  // namespace Nimbrel2::Tool

@@ -14,8 +14,11 @@
 
 #include "busmaster/BusMaster.h"
 #include "platform/Platform.h"
+#include "tools/nimbrel/BusHealth.h"
+#include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/Style.h"
 
 namespace Nimbrel2::Platform {
 class Rig;
@@ -38,7 +41,7 @@ public:
     CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
                          std::function<int()> action);
 
-    /// `--json`.
+    /// `--json` and `--color`.
     void AddJsonOption(CLI::App& command, const std::string& description);
     /// `--interface`, `--bus`, `--usb-id`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that
     /// start the bus master.
@@ -47,7 +50,7 @@ public:
     void AddGigEOptions(CLI::App& command);
 
     enum class Times { Once, Repeatable };
-    /// An option that takes one text each time it is given. The parser throws CommandError for a text it refuses.
+    /// An option that takes one text each time it is given. The parser throws CommandError for a text that it refuses.
     static void AddValue(CLI::App& command, const std::string& name, const std::string& placeholder,
                          const std::string& description, std::function<void(const std::string&)> parser,
                          Times times = Times::Once);
@@ -59,34 +62,46 @@ public:
     const std::function<int()>& GetAction() const { return m_action; }
 
     bool WantsJson() const { return m_json; }
+    /// Whether what is printed for people has colours.
+    bool UsesColour() const { return !m_json && Tool::UsesColour(m_colour); }
     Output& GetOutput() { return m_output; }
 
-    /// Writes a command's result. @throws CommandError. A reader that has gone is no error: nobody wants the rest.
+    /// Writes a command's result. A reader that has gone is no error. @throws CommandError.
     void Print(const std::string& text);
 
-    /// Configures the platform from the options, makes the bus master and lists everything once, which takes the
-    /// discovery window, with progress on a terminal.
+    /// Configures the platform, makes the bus master and lists everything once, with progress on a terminal. Takes the
+    /// discovery window.
     /// @param unlessGiven  The discovery window when the user has not chosen one.
     /// @throws CommandError when an interface does not exist, or with the bus master's error.
     BusMasterSession StartBusMaster(std::chrono::milliseconds unlessGiven = Platform::Options().discoveryWindow);
 
-    /// The same for GigE alone, and nothing is listed: for what works on the network whatever is listed. Takes no time.
+    /// The same for GigE alone, listing nothing: for operations that need the network only. Takes no time.
     BusMasterSession OpenGigE();
 
-    /// Says on standard error which buses cannot be searched; to the bus master they merely have no cameras.
-    /// @return whether all can. @throws CommandError.
+    /// Names on standard error the buses that cannot be searched; to the bus master they merely have no cameras.
+    /// @return true if all can. @throws CommandError.
     bool CheckBuses(BusMaster& busMaster) const;
 
-    /// Runs everything on that rig from here on, in place of what --rig and --demo say.
+    /// Runs everything on that rig from here on, whatever --rig and --demo say.
     void UseRig(std::shared_ptr<Platform::Rig> rig) { m_rig = std::move(rig); }
     /// The rig that the command runs on; null: this computer.
     const std::shared_ptr<Platform::Rig>& GetRig() const { return m_rig; }
 
+    /// Whether the user wants that bus searched: "1394", "usb" or "gige".
     bool UsesBus(const std::string& name) const;
-    /// "IEEE 1394, USB and GigE": the buses that are looked at.
+    /// Whether it is: wanted, and this build has a driver for it. Known once the bus master was made; so are the three
+    /// below.
+    bool IsSearched(const BusKind& bus) const;
+    /// "IEEE 1394, USB and GigE": the buses that are searched.
     std::string DescribeBuses() const;
-    /// What GigE looks at: the rig's network interfaces that are up, the named ones of this computer, or else all of
-    /// its own that are up except loopback.
+    /// A sentence without its full stop that names the wanted buses without a driver; empty when each has one.
+    std::string DescribeBusesWithoutDriver() const;
+    /// The same on standard error, if there is anything to say.
+    void NoteBusesWithoutDriver(const std::string& command) const;
+    /// The buses that are searched, as options name them.
+    Json SearchedAsJson() const;
+    /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all of its own
+    /// that are up except loopback.
     std::vector<std::string> GetNetworkInterfaces() const;
 
 private:
@@ -97,6 +112,7 @@ private:
     BusMasterSession MakeBusMaster(std::chrono::milliseconds unlessGiven);
 
     bool m_json = false;
+    ColourChoice m_colour = ColourChoice::Auto;
     bool m_virtual = false;
     std::vector<std::string> m_interfaces;
     std::vector<std::string> m_buses;
@@ -105,6 +121,7 @@ private:
     std::optional<std::string> m_rigFile;
     bool m_demo = false;
     std::shared_ptr<Platform::Rig> m_rig;
+    std::vector<BusKind> m_withoutDriver;  ///< Of those that the user wants.
     std::function<int()> m_action;
     Output m_output;
 };

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tells whether this computer may control a GigE camera, and who does. Main thread only; no lock.
-#include "tools/nimbrel/ControlCommand.h"
-
+// Shows whether this computer may control a GigE camera, and who does. Main thread only; no lock.
 #include <string>
 
 #include "platform/Diagnostics.h"
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -16,19 +16,19 @@ using Platform::ControlInfo;
 using Platform::ControlState;
 
 const char kFooter[] =
-    R"(Only one application at a time may control a GigE camera; others may watch it,
-unless it is held exclusively. The command asks the camera and takes nothing. A
-camera that is unplugged or whose application has died is free again after its
-heartbeat time, 3 s as a rule.
+    R"(One application at a time may control a GigE camera; others may monitor it
+unless it is held exclusively. The command asks the camera and does not take
+control. A camera whose application has died is free again after its heartbeat
+time-out, 3 s as a rule.
 
 Exit status:
-  0  The question is answered, be it with no.
-  1  There is no such camera, it is no GigE camera, or it does not answer;
-     standard error says why.
+  0  Answered, also when the answer is no.
+  1  No such camera, it is not on GigE, or it does not answer; standard error
+     says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: {"available":true|false}, and where another application holds the camera
-"exclusive":true|false, and "holder":{"ip","port"} if the camera tells.
+JSON: {"available":true|false}; when another application holds the camera, also
+"exclusive":true|false and, if the camera reports it, "holder":{"ip","port"}.
 
 Examples:
   nimbrel control 19340211
@@ -39,7 +39,7 @@ bool IsHeld(const ControlInfo& control) {
     return control.state == ControlState::Controlled || control.state == ControlState::Exclusive;
 }
 
-ControlInfo AskWhoHolds(BusMaster& busMaster, const FoundCamera& camera) {
+ControlInfo ReadControl(BusMaster& busMaster, const FoundCamera& camera) {
     CameraInfo info;
     if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) return {};
     Platform::GigEDiagnosis diagnosis;
@@ -61,25 +61,26 @@ Json ToJson(bool available, const ControlInfo& control) {
 }
 
 std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {
-    if (available) return "This computer may control " + camera.name + ": nobody else does.\n";
+    if (available) return AsSentence(camera.name) + " is free: this computer may control it.\n";
     const std::string holder = control.ownerIp == 0
-                                   ? "an application that the camera does not name"
+                                   ? "another application, which it does not name"
                                    : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
-                                         std::to_string(control.ownerPort) + ",";
-    return "This computer may not control " + camera.name + ":\n" + holder + " holds it" +
-           (control.state == ControlState::Exclusive ? " exclusively" : "") + ".\n";
+                                         std::to_string(control.ownerPort);
+    return AsSentence(camera.name) + " is in use" + (control.state == ControlState::Exclusive ? " exclusively" : "") +
+           " by " + holder + ".\n";
 }
 
-std::string TellControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
+std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
     bool available = false;
     const Error error = busMaster.QueryGigECameraCCPStatus(&camera.guid, &available);
-    if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) CheckFor(camera, error);
+    const std::string what = "did not say who controls it";
+    if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) CheckFor(camera, error, what);
     ControlInfo control;
     if (error != ERROR_OK || !available) {
-        control = AskWhoHolds(busMaster, camera);
-        // A camera that is held exclusively refuses even that question, and some do not tell who holds them. To the bus
+        control = ReadControl(busMaster, camera);
+        // A camera that is held exclusively refuses even these reads, and some do not report their holder. To the bus
         // master those are errors; to the user the answer is no.
-        if (!IsHeld(control)) CheckFor(camera, error);
+        if (!IsHeld(control)) CheckFor(camera, error, what);
         available = false;
     }
     return asJson ? Dump(ToJson(available, control)) : ForPeople(camera, available, control);
@@ -88,7 +89,8 @@ std::string TellControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) 
 }  // namespace
 
 void AddControlCommand(CLI::App& app, CommandContext& context) {
-    AddCameraCommand(app, context, "control", "Tells whether a GigE camera is free to control.", kFooter, TellControl);
+    AddCameraCommand(app, context,
+                     {"control", "Shows who controls a GigE camera.", kFooter, Scope::GigE, DescribeControl});
 }
 
 }  // namespace Nimbrel2::Tool

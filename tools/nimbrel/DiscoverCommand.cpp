@@ -1,41 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
-// Finds GigE cameras wherever their address is, and says what may hide one. Main thread only; no lock.
-#include "tools/nimbrel/DiscoverCommand.h"
-
+// Finds GigE cameras on any subnet and says what may hide one. Main thread only; no lock.
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/Diagnostics.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/GigECameras.h"
+#include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/ReversePath.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/Text.h"
-#include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
 
 const char kFooter[] =
-    R"help(Shows every GigE camera that answers a broadcast, those on a wrong subnet too,
-which `nimbrel list` cannot show because they cannot be used. `nimbrel auto-ip`
-gives those an address. Where a filter of this computer can hide such a camera,
-a warning on standard error says so, with the commands that cure it.
+    R"help(Shows every GigE camera that answers a broadcast, including those on a wrong
+subnet, which `nimbrel list` cannot show because they cannot be used. `nimbrel
+auto-ip` gives those an address. Where a filter of this computer can hide such a
+camera, a warning on standard error names it with the commands that help.
 
 Exit status:
-  0  It was looked, be nothing found.
-  1  It failed; standard error says why.
+  0  Searched, even if nothing was found.
+  1  Failed; standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: [{"serial","mac","ip","subnet","gateway","vendor","model","name",
-"version"}]; "version" is that of GigE Vision, "name" the one that users give.
+JSON: {"cameras":[{"serial","mac","ip","subnet","gateway","vendor","model",
+"name","version","usable"}]}; "version" is that of GigE Vision, "name" the one
+that users give; "usable" is "usable", "no-address", "invalid-address",
+"wrong-subnet", "wrong-mask", "address-taken", "no-answer" or "no-registers".
 
 Examples:
   nimbrel discover
   nimbrel discover --interface eth1 --discovery-window 0.2
-  nimbrel discover --json | jq -r '.[] | "\(.mac) \(.ip)"'
+  nimbrel discover --json | jq -r '.cameras[] | "\(.mac) \(.ip)"'
 )help";
 
 class DiscoverCommand {
@@ -43,7 +45,7 @@ public:
     explicit DiscoverCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        m_context.AddJsonOption(command, "Print one JSON document.");
+        m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
     }
 
@@ -56,67 +58,75 @@ public:
         }
         Platform::GigEDiagnosis diagnosis;
         const bool diagnosed = Platform::DiagnoseGigE(false, &diagnosis) == HAL_OK;
-        m_context.Print(m_context.WantsJson() ? AsJson(cameras) : ForPeople(cameras, diagnosis));
+        const std::vector<HeardCamera> heard = FindHeardCameras(diagnosis);
+        m_context.Print(m_context.WantsJson() ? AsJson(cameras, heard) : ForPeople(cameras, heard, diagnosis));
         if (diagnosed) WriteError(Warnings(diagnosis));
         return kDone;
     }
 
 private:
-    static std::string AsJson(const std::vector<GigECamera>& cameras) {
-        Json json = Json::array();
-        for (const GigECamera& camera : cameras) json.push_back(ToJson(camera));
+    // Nothing when the camera was heard by the discovery only.
+    static const HeardCamera* Find(const std::vector<HeardCamera>& heard, const GigECamera& camera) {
+        for (const HeardCamera& other : heard) {
+            if (IsSame(other.camera, camera)) return &other;
+        }
+        return nullptr;
+    }
+
+    static std::string AsJson(const std::vector<GigECamera>& cameras, const std::vector<HeardCamera>& heard) {
+        Json json{{"cameras", Json::array()}};
+        for (const GigECamera& camera : cameras) {
+            const HeardCamera* known = Find(heard, camera);
+            json["cameras"].push_back(ToJson(camera));
+            if (known != nullptr) json["cameras"].back()["usable"] = FormatUsability(known->usability);
+        }
         return Dump(json, 2);
     }
 
     // ---- For people ------------------------------------------------------------------------------------------------
 
-    std::string ForPeople(const std::vector<GigECamera>& cameras, const Platform::GigEDiagnosis& diagnosis) const {
+    std::string ForPeople(const std::vector<GigECamera>& cameras, const std::vector<HeardCamera>& heard,
+                          const Platform::GigEDiagnosis& diagnosis) const {
         if (cameras.empty()) {
             std::vector<std::string> names;
             for (const auto& interface : diagnosis.interfaces) {
                 if (interface.used) names.push_back(ForTerminal(interface.interface.name));
             }
-            return "No GigE camera answered" + (names.empty() ? "" : " on " + Enumerate(names)) + ".\n";
+            return "No GigE camera answered" + (names.empty() ? "" : " on " + Enumerate(names)) +
+                   ". `nimbrel doctor` finds out why.\n";
         }
-        std::string text = CameraTable(cameras).Render(OutputWidth());
-        std::size_t foreign = 0;
-        for (const GigECamera& camera : cameras) foreign += IsForeign(camera, diagnosis) ? 1 : 0;
-        if (foreign != 0) {
-            text += "\n" + std::to_string(foreign) + (foreign == 1 ? " camera is" : " cameras are") +
-                    " on a wrong subnet: `nimbrel auto-ip` gives " + (foreign == 1 ? "it" : "each") +
-                    " a right address.\n";
-        }
-        return text;
+        const std::string cure = CureForUnusable(heard);
+        return CameraTable(cameras, heard).Render(OutputWidth(), m_context.UsesColour()) +
+               (cure.empty() ? "" : "\n" + cure);
     }
 
-    static Table CameraTable(const std::vector<GigECamera>& cameras) {
+    static Table CameraTable(const std::vector<GigECamera>& cameras, const std::vector<HeardCamera>& heard) {
         Table table;
         table.AddColumn("SERIAL", Table::Align::Right);
         table.AddColumn("MAC");
         table.AddColumn("ADDRESS");
         table.AddColumn("GATEWAY");
-        table.AddColumn("VENDOR", Table::Align::Left, Table::Width::Giving);
-        table.AddColumn("MODEL", Table::Align::Left, Table::Width::Giving);
-        table.AddColumn("NAME", Table::Align::Left, Table::Width::Giving);
+        table.AddColumn("VENDOR", Table::Align::Left, Table::Width::Flexible);
+        table.AddColumn("MODEL", Table::Align::Left, Table::Width::Flexible);
+        table.AddColumn("NAME", Table::Align::Left, Table::Width::Flexible);
         table.AddColumn("GEV");
+        table.AddColumn("USABLE");
         for (const GigECamera& camera : cameras) {
             const bool hasGateway = PackIPAddress(camera.gateway) != 0;
-            table.AddRow({std::to_string(camera.serialNumber), FormatMac(camera.mac),
-                          FormatSubnet(camera.ip, camera.subnet), hasGateway ? FormatIp(camera.gateway) : "none",
-                          camera.vendor, camera.model, camera.name, camera.version});
+            const HeardCamera* known = Find(heard, camera);
+            const bool usable = known != nullptr && known->usability == Usability::Usable;
+            const std::string word = known == nullptr ? "unknown" : usable ? "yes" : FormatUsability(known->usability);
+            table.AddRow({std::to_string(camera.serialNumber),
+                          FormatMac(camera.mac),
+                          FormatSubnet(camera.ip, camera.subnet),
+                          hasGateway ? FormatIp(camera.gateway) : "none",
+                          camera.vendor,
+                          camera.model,
+                          camera.name,
+                          camera.version,
+                          {word, usable ? Colour::Green : Colour::Red}});
         }
         return table;
-    }
-
-    // No interface that hears it has it on its subnet.
-    static bool IsForeign(const GigECamera& camera, const Platform::GigEDiagnosis& diagnosis) {
-        bool heard = false;
-        for (const auto& other : diagnosis.cameras) {
-            const bool same = IsSame(FromRecord(other.record), camera);
-            if (same && other.reachable) return false;
-            heard = heard || same;
-        }
-        return heard;
     }
 
     // ---- What may hide a camera ------------------------------------------------------------------------------------
@@ -125,8 +135,8 @@ private:
         std::string text;
         for (const auto& interface : diagnosis.interfaces) {
             if (!interface.used || interface.GetRpFilter() == 0) continue;
-            const std::string seen = WarningOfSeen(interface, diagnosis);
-            text += seen.empty() ? WarningOfUnseen(interface) : seen;
+            const std::string seen = WarningForHeard(interface, diagnosis);
+            text += seen.empty() ? WarningForHidden(interface) : seen;
         }
         return text;
     }
@@ -136,28 +146,28 @@ private:
                std::to_string(interface.GetRpFilter()) + ")";
     }
 
-    static std::string WarningOfSeen(const Platform::InterfaceDiagnosis& interface,
-                                     const Platform::GigEDiagnosis& diagnosis) {
+    static std::string WarningForHeard(const Platform::InterfaceDiagnosis& interface,
+                                       const Platform::GigEDiagnosis& diagnosis) {
         std::vector<std::string> addresses;
         for (const auto& camera : diagnosis.cameras) {
             const IPAddress ip = UnpackIPAddress(camera.record.ipAddress);
             if (camera.interface != interface.interface.index || camera.reachable) continue;
-            if (IsSwallowed(interface, ip)) addresses.push_back(FormatIp(ip));
+            if (IsDropped(interface, ip)) addresses.push_back(FormatIp(ip));
         }
         if (addresses.empty()) return "";
         return "nimbrel discover: warning: " + FilterOf(interface) + " drops the answers of " + Enumerate(addresses) +
-               ":\nprograms without CAP_NET_RAW do not see what is there. `nimbrel auto-ip` cures it for good,\n"
-               "and these do as long as the address stays:\n" +
-               CuresForSwallowing(interface.interface.name, addresses.front());
+               ":\nonly programs with CAP_NET_RAW see them. `nimbrel auto-ip` solves it; so does one of these\n"
+               "for as long as the camera keeps its address:\n" +
+               CuresForFilter(interface.interface.name, addresses.front());
     }
 
-    static std::string WarningOfUnseen(const Platform::InterfaceDiagnosis& interface) {
-        if (MayListenToPackets() || !AreStrangersSwallowed(interface)) return "";
+    static std::string WarningForHidden(const Platform::InterfaceDiagnosis& interface) {
+        if (MayListenToPackets() || !AreUnknownDropped(interface)) return "";
         return "nimbrel discover: warning: " + FilterOf(interface) +
-               " drops the answers of cameras on other\nsubnets: one may be there and not show. To see it, run this as "
+               " drops the answers of cameras on other\nsubnets, so one may be hidden. To see it, run this as "
                "root, or:\n" +
-               CuresForSwallowing(interface.interface.name, "ADDRESS") +
-               "A camera whose MAC you know needs neither: `nimbrel force-ip` reaches it.\n";
+               CuresForFilter(interface.interface.name, "ADDRESS") +
+               "`nimbrel force-ip` reaches a camera whose MAC you know without any of these.\n";
     }
 
     CommandContext& m_context;
@@ -167,7 +177,7 @@ private:
 
 void AddDiscoverCommand(CLI::App& app, CommandContext& context) {
     const auto discover = std::make_shared<DiscoverCommand>(context);
-    CLI::App* command = context.AddCommand(app, "discover", "Finds GigE cameras, those on a wrong subnet too.",
+    CLI::App* command = context.AddCommand(app, "discover", "Finds GigE cameras, whatever their subnet.",
                                            [discover] { return discover->Run(); });
     discover->AddOptions(*command);
     command->footer(kFooter);

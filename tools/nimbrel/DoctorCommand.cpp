@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel doctor`: examines each bus, runs its checks and prints what they found. Main thread only; no lock.
-#include "tools/nimbrel/DoctorCommand.h"
-
 #include <algorithm>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/Locations.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/Words.h"
+#include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/FireWireChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/UsbChecks.h"
@@ -20,21 +22,22 @@ using Doctor::Finding;
 using Doctor::Findings;
 
 const char kFooter[] =
-    R"help(It changes nothing: each finding comes with the command that cures it. Root may see
-more (what a firewall drops, and its rules); what could not be checked is said.
+    R"help(Changes nothing: each finding comes with the command that cures it. Root may see
+more (the rules of a firewall and what they drop). What could not be checked is
+said. Buses of IEEE 1394 are watched for 5 s.
 
 Exit status:
   0  Nothing is wrong.
-  1  Something is, or it failed; standard error says why it failed.
+  1  Something is, or the command failed; standard error says why it failed.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: [{"check","ok","evidence","cure"}]; "cure" is empty when "ok" is true.
+JSON: {"findings":[{"check","ok","evidence","cure"}]}; "cure" is a command for a
+POSIX shell, or a comment where only a person can help; empty when "ok" is true.
 
 Examples:
   nimbrel doctor                       what is wrong, and what cures it
   nimbrel doctor --interface eth1      on that network only
-  nimbrel doctor --bus 1394            IEEE 1394 only; watches the buses for 5 s
-  nimbrel doctor --json | jq -r '.[] | select(.ok | not) | .cure'
+  nimbrel doctor --json | jq -r '.findings[] | select(.ok | not) | .cure'
 )help";
 
 template <class Diagnosed>
@@ -45,52 +48,86 @@ void Run(const std::vector<Doctor::Check<Diagnosed>>& checks, const Diagnosed& d
     }
 }
 
-int RunDoctor(CommandContext& context) {
+// A build without a driver is no fault of the computer.
+void AddMissingDrivers(const CommandContext& context, Findings* all) {
+    for (const BusKind& bus : BusKinds()) {
+        if (!context.UsesBus(bus.name) || context.IsSearched(bus)) continue;
+        all->push_back(
+            {std::string(bus.name) + ".driver", true,
+             std::string("this build of nimbrel has no driver for ") + bus.forPeople + ", so it is not searched", ""});
+    }
+}
+
+void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Findings* all) {
+    for (const BusFailure& failure :
+         FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
+        if (failure.bus.type == HAL_INTERFACE_GIGE) continue;  // its own checks name the cause
+        const std::string check = std::string(failure.bus.name) + ".driver";
+        const bool isNamed = std::any_of(all->begin(), all->end(), [&check](const Finding& finding) {
+            return !finding.ok && finding.check == check;
+        });
+        if (isNamed) continue;
+        all->push_back(
+            {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
+    }
+}
+
+Findings Examine(CommandContext& context) {
     Findings findings;
     const auto filteredBefore = Doctor::ReadFilteredPackets();
     const BusMasterSession busMaster = context.StartBusMaster();
     const bool isSimulated = context.GetRig() != nullptr;
-    if (context.UsesBus("1394")) {
-        const Progress progress("Examining IEEE 1394");
-        Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
-    }
+    const Progress progress("Examining the buses");
+    AddMissingDrivers(context, &findings);
+    if (context.UsesBus("1394")) Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
     if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+    AddFailedBuses(context, *busMaster, &findings);
     if (context.UsesBus("gige")) {
-        const Progress progress("Examining the network");
         Run(Doctor::GigEChecks(), Doctor::ExamineGigE(isSimulated, filteredBefore), &findings);
     }
-    const auto numWrong = std::count_if(findings.begin(), findings.end(), [](const Finding& f) { return !f.ok; });
-    if (context.WantsJson()) {
-        Json json = Json::array();
-        for (const Finding& finding : findings) {
-            json.push_back(
-                {{"check", finding.check}, {"ok", finding.ok}, {"evidence", finding.evidence}, {"cure", finding.cure}});
-        }
-        context.Print(Dump(json, 2));
-    } else {
-        std::string text;
-        for (const Finding& finding : findings) {
-            text += std::string(finding.ok ? "ok     " : "WRONG  ") + finding.check + "\n";
-            text += "       " + ForTerminal(finding.evidence) + "\n";
-            if (!finding.cure.empty()) text += "       cure: " + ForTerminal(finding.cure) + "\n";
-        }
-        if (findings.empty())
-            text = "There are no checks for " + context.DescribeBuses() + " yet.";
-        else if (numWrong == 0)
-            text += "\nNothing is wrong.";
-        else
-            text += "\n" + std::to_string(numWrong) + (numWrong == 1 ? " thing is wrong." : " things are wrong.");
-        context.Print(text + "\n");
+    std::vector<Camera> cameras = ListCameras(*busMaster);
+    AddLocations(ReadBusMaps(), &cameras);
+    Run<std::vector<Camera>>({Doctor::CheckGuids, Doctor::CheckSerialNumbers}, cameras, &findings);
+    return findings;
+}
+
+std::string AsJson(const Findings& findings) {
+    Json json{{"findings", Json::array()}};
+    for (const Finding& finding : findings) {
+        json["findings"].push_back(
+            {{"check", finding.check}, {"ok", finding.ok}, {"evidence", finding.evidence}, {"cure", finding.cure}});
     }
+    return Dump(json, 2);
+}
+
+std::string ForPeople(const Findings& findings, std::size_t numWrong, bool coloured) {
+    std::string text;
+    for (const Finding& finding : findings) {
+        text += (finding.ok ? Paint("ok", Colour::Green, coloured) + "     "
+                            : Paint("WRONG", Colour::Red, coloured) + "  ") +
+                finding.check + "\n";
+        text += "       " + ForTerminal(finding.evidence) + "\n";
+        if (!finding.cure.empty()) text += "       cure: " + ForTerminal(finding.cure) + "\n";
+    }
+    text += findings.empty() ? "" : "\n";
+    return text + (numWrong == 0 ? "Nothing is wrong.\n"
+                                 : CountOf(numWrong, "thing") + (numWrong == 1 ? " is wrong.\n" : " are wrong.\n"));
+}
+
+int RunDoctor(CommandContext& context) {
+    const Findings findings = Examine(context);
+    const auto numWrong = static_cast<std::size_t>(
+        std::count_if(findings.begin(), findings.end(), [](const Finding& finding) { return !finding.ok; }));
+    context.Print(context.WantsJson() ? AsJson(findings) : ForPeople(findings, numWrong, context.UsesColour()));
     return numWrong == 0 ? kDone : kFailed;
 }
 
 }  // namespace
 
 void AddDoctorCommand(CLI::App& app, CommandContext& context) {
-    CLI::App* command = context.AddCommand(app, "doctor", "Finds out why cameras cannot be seen or used.",
+    CLI::App* command = context.AddCommand(app, "doctor", "Finds what keeps cameras from being seen or used.",
                                            [&context] { return RunDoctor(context); });
-    context.AddJsonOption(*command, "Print one JSON document.");
+    context.AddJsonOption(*command, "Print JSON.");
     context.AddBusOptions(*command);
     command->footer(kFooter);
 }

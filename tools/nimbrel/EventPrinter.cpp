@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "tools/nimbrel/Style.h"
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool {
@@ -47,16 +48,29 @@ std::string Name(const Camera& camera) {
     return name;
 }
 
-std::string AsJson(const BusEvent& event) {
-    return Dump(Json{{"event", EventName(event.type)},
-                     {"serial", event.serialNumber},
-                     {"generation", event.generation},
-                     {"time", FormatTime(event.time, "%Y-%m-%dT%H:%M:%S", gmtime_r) + "Z"}});
+std::string AsJson(const BusEvent& event, const std::optional<Camera>& camera) {
+    Json json{{"event", EventName(event.type)},
+              {"serial", event.serialNumber},
+              {"generation", event.generation},
+              {"time", FormatTime(event.time, "%Y-%m-%dT%H:%M:%S", gmtime_r) + "Z"}};
+    if (camera) {
+        json["guid"] = FormatGuid(camera->guid);
+        json["interface"] = FormatInterface(camera->interfaceType);
+        json["vendor"] = camera->vendor;
+        json["model"] = camera->model;
+        if (camera->IsGigE()) json["ip"] = FormatIp(camera->ip);
+    }
+    return Dump(json);
+}
+
+Colour ColourOf(BusCallbackType type) {
+    if (type == BUS_RESET) return Colour::Dim;
+    return type == ARRIVAL ? Colour::Green : Colour::Red;
 }
 
 }  // namespace
 
-// The camera with that serial number that is not among the others; any with that number when all are.
+// The camera with that serial number that is not among the others; any with that number if all are.
 CameraMemory::Cameras::const_iterator CameraMemory::Find(const Cameras& cameras, std::uint32_t serial,
                                                          const Cameras& others) {
     const auto matches = [serial](const Camera& camera) { return camera.serialNumber == serial; };
@@ -68,37 +82,39 @@ CameraMemory::Cameras::const_iterator CameraMemory::Find(const Cameras& cameras,
     return found != cameras.end() ? found : std::find_if(cameras.begin(), cameras.end(), matches);
 }
 
-std::string CameraMemory::Arrived(const Cameras& now, std::uint32_t serial) {
+std::optional<Camera> CameraMemory::Arrived(const Cameras& now, std::uint32_t serial) {
     const auto found = Find(now, serial, m_known);
-    if (found == now.end()) return {};
+    if (found == now.end()) return std::nullopt;
     const bool isKnown =
         std::any_of(m_known.begin(), m_known.end(), [&](const Camera& camera) { return camera.guid == found->guid; });
     if (!isKnown) m_known.push_back(*found);
-    return Name(*found);
+    return *found;
 }
 
-std::string CameraMemory::Removed(const Cameras& now, std::uint32_t serial) {
+std::optional<Camera> CameraMemory::Removed(const Cameras& now, std::uint32_t serial) {
     const auto found = Find(m_known, serial, now);
-    if (found == m_known.end()) return {};
-    std::string name = Name(*found);
+    if (found == m_known.end()) return std::nullopt;
+    const Camera camera = *found;
     const bool isBack =
-        std::any_of(now.begin(), now.end(), [&](const Camera& camera) { return camera.guid == found->guid; });
+        std::any_of(now.begin(), now.end(), [&](const Camera& other) { return other.guid == camera.guid; });
     if (!isBack) m_known.erase(found);
-    return name;
+    return camera;
 }
 
 bool EventPrinter::Print(const BusEvent& event) {
-    return m_context.GetOutput().Write(m_context.WantsJson() ? AsJson(event) : ForPeople(event)) ==
+    const std::optional<Camera> camera = event.type == BUS_RESET ? std::nullopt : m_memory.Find(event);
+    return m_context.GetOutput().Write(m_context.WantsJson() ? AsJson(event, camera) : ForPeople(event, camera)) ==
            Output::Result::Written;
 }
 
-std::string EventPrinter::ForPeople(const BusEvent& event) {
+std::string EventPrinter::ForPeople(const BusEvent& event, const std::optional<Camera>& camera) const {
+    const bool coloured = m_context.UsesColour();
     const std::string time = FormatTime(event.time, "%Y-%m-%d %H:%M:%S", localtime_r);
-    if (event.type == BUS_RESET) return time + "  bus reset\n";
+    if (event.type == BUS_RESET) return time + "  " + Paint("bus reset", ColourOf(event.type), coloured) + "\n";
     const std::string serial = std::to_string(event.serialNumber);
     const std::string padding(serial.size() < 10 ? 10 - serial.size() : 0, ' ');
-    const std::string name = m_memory.Describe(event);
-    return time + "  " + EventName(event.type) + "  " + padding + serial + (name.empty() ? "" : "  " + name) + "\n";
+    return time + "  " + Paint(EventName(event.type), ColourOf(event.type), coloured) + "  " + padding + serial +
+           (camera ? "  " + Name(*camera) : "") + "\n";
 }
 
 }  // namespace Nimbrel2::Tool

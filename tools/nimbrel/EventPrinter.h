@@ -3,6 +3,7 @@
 #ifndef NIMBREL2_TOOLS_NIMBREL_EVENTPRINTER_H
 #define NIMBREL2_TOOLS_NIMBREL_EVENTPRINTER_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,15 +13,16 @@
 
 namespace Nimbrel2::Tool {
 
-/// Remembers the cameras, so that one that has left can still be called by its name. Cameras may share a serial number,
-/// which is all that an event tells; which of them it was shows in what has changed in the list since.
+/// Remembers the cameras, so that one that has left can still be named. Cameras may share a serial number, which is all
+/// that an event carries; which of them it was follows from what has changed in the list since.
 class CameraMemory {
 public:
     explicit CameraMemory(BusMaster& busMaster) : m_busMaster(busMaster), m_known(ListCameras(busMaster)) {}
 
     std::size_t GetSize() const { return m_known.size(); }
 
-    std::string Describe(const BusEvent& event) {
+    /// The camera that came or left; nothing when it is not known.
+    std::optional<Camera> Find(const BusEvent& event) {
         const std::vector<Camera> now = ListCameras(m_busMaster);
         return event.type == ARRIVAL ? Arrived(now, event.serialNumber) : Removed(now, event.serialNumber);
     }
@@ -29,26 +31,26 @@ private:
     using Cameras = std::vector<Camera>;
 
     static Cameras::const_iterator Find(const Cameras& cameras, std::uint32_t serial, const Cameras& others);
-    std::string Arrived(const Cameras& now, std::uint32_t serial);
-    std::string Removed(const Cameras& now, std::uint32_t serial);
+    std::optional<Camera> Arrived(const Cameras& now, std::uint32_t serial);
+    std::optional<Camera> Removed(const Cameras& now, std::uint32_t serial);
 
     BusMaster& m_busMaster;
     Cameras m_known;
 };
 
-/// A line for each event: with local time and the camera's name for people, one object a line with --json.
+/// Prints one line per event: local time and the camera's name for people, a JSON object with --json.
 class EventPrinter {
 public:
     EventPrinter(CommandContext& context, BusMaster& busMaster) : m_context(context), m_memory(busMaster) {}
 
-    /// How many cameras there were at first, and have come since.
+    /// How many cameras there were at first and have come since.
     std::size_t GetNumCameras() const { return m_memory.GetSize(); }
 
-    /// @return false when nobody reads any more, or a signal came meanwhile. @throws CommandError
+    /// @return false when the reader is gone or a signal came meanwhile. @throws CommandError
     bool Print(const BusEvent& event);
 
 private:
-    std::string ForPeople(const BusEvent& event);
+    std::string ForPeople(const BusEvent& event, const std::optional<Camera>& camera) const;
 
     CommandContext& m_context;
     CameraMemory m_memory;

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/ErrorTexts.h"
 
 namespace Nimbrel2::Tool {
 
@@ -28,9 +28,10 @@ void EventQueue::OnEvent(void* queue, unsigned int serialNumber) {
 void EventQueue::Register(BusMaster& busMaster) {
     m_busMaster = &busMaster;
     void* handle = nullptr;  // taken back with the bus master
-    Check(busMaster.RegisterCallback(&OnEvent<BUS_RESET>, BUS_RESET, this, &handle));
-    Check(busMaster.RegisterCallback(&OnEvent<ARRIVAL>, ARRIVAL, this, &handle));
-    Check(busMaster.RegisterCallback(&OnEvent<REMOVAL>, REMOVAL, this, &handle));
+    const char kWhat[] = "the buses cannot be watched";
+    Check(busMaster.RegisterCallback(&OnEvent<BUS_RESET>, BUS_RESET, this, &handle), kWhat);
+    Check(busMaster.RegisterCallback(&OnEvent<ARRIVAL>, ARRIVAL, this, &handle), kWhat);
+    Check(busMaster.RegisterCallback(&OnEvent<REMOVAL>, REMOVAL, this, &handle), kWhat);
 }
 
 void EventQueue::Push(BusCallbackType type, unsigned int serialNumber) {

@@ -17,34 +17,34 @@ namespace Nimbrel2::Tool {
 struct BusEvent {
     BusCallbackType type = BUS_RESET;
     std::uint32_t serialNumber = 0;  ///< 0 for a bus reset.
-    unsigned int generation = 0;     ///< How often this camera has come and gone by then; 0 for a bus reset.
+    unsigned int generation = 0;     ///< How often this camera has come or gone by then; 0 for a bus reset.
     std::chrono::system_clock::time_point time;
 };
 
-/// Registers for resets, arrivals and removals, and keeps what was called back until the main thread takes it.
+/// Registers for resets, arrivals and removals and queues them until the main thread takes them.
 class EventQueue {
 public:
-    /// Events that wait at most. A reader that stands still must not make the program grow without end.
+    /// Limit of queued events, so that a reader that stalls cannot make the program grow without bound.
     static constexpr std::size_t kCapacity = 65536;
 
     /// @throws std::system_error
     EventQueue();
-    /// The bus master must be gone, or never have been given to Register.
+    /// @pre The bus master given to Register is gone.
     ~EventQueue();
 
     EventQueue(const EventQueue&) = delete;
     EventQueue& operator=(const EventQueue&) = delete;
 
-    /// Asks for all three kinds. @throws CommandError with the bus master's error.
+    /// Registers for all three kinds. @throws CommandError with the bus master's error.
     void Register(BusMaster& busMaster);
 
-    /// Readable while an event waits.
+    /// Readable while an event is queued.
     int GetFd() const { return m_fd; }
 
-    /// The oldest event that waits.
+    /// The oldest queued event.
     std::optional<BusEvent> Take();
 
-    /// How many did not fit since the last call.
+    /// How many events did not fit since the last call.
     std::uint64_t TakeLost();
 
 private:

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gives one GigE camera an address and looks whether it has it. Main thread only; no lock.
-#include "tools/nimbrel/ForceIpCommand.h"
-
+// Gives a GigE camera an address and verifies it. Main thread only; no lock.
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -10,6 +8,8 @@
 
 #include "platform/Diagnostics.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Progress.h"
@@ -18,19 +18,19 @@ namespace Nimbrel2::Tool {
 namespace {
 
 const char kFooter[] =
-    R"(The camera takes the address at once, whatever it had before, and keeps it until
-it is switched off. It is told by broadcast, so no route to it and no privileges
-are needed; a camera that an application holds does not listen. The command is
-done when the camera has answered at its new address.
+    R"(The camera takes the address at once and keeps it until it is powered off. The
+request is a broadcast, so it needs no route to the camera and no privileges. A
+camera that an application holds ignores it. The command succeeds when the
+camera has answered at its new address.
 
---mask is by default that of this computer's network interface that hears the
-camera, or else of the one that is in the subnet of the address.
+The default of --mask is the mask of the network interface that hears the
+camera, or else of the one in whose subnet the address is.
 
 Exit status:
   0  The camera answers at its new address.
-  1  Nobody acknowledged, or the camera does not answer there, or another
-     camera or this computer has the address (other hosts are not asked);
-     standard error says why.
+  1  No acknowledge, or the camera does not answer there, or another camera or
+     this computer has the address (other hosts are not checked); standard error
+     says why.
   2  Wrong usage; standard error names the option and the value.
 
 JSON: {"ok":true,"mac","ip","subnet","gateway"}
@@ -38,8 +38,8 @@ JSON: {"ok":true,"mac","ip","subnet","gateway"}
 Examples:
   nimbrel discover                                shows the MAC
   nimbrel force-ip --mac 02:00:5e:00:00:01 --ip 192.168.77.50
-  nimbrel force-ip --mac 02:00:5e:00:00:01 --ip 192.168.77.50 \
-      --mask 255.255.255.0 --gateway 192.168.77.254 --interface eth1
+  nimbrel force-ip --mac 02-00-5E-00-00-01 --ip 192.168.77.50/24 \
+      --gateway 192.168.77.254 --interface eth1
 )";
 
 class ForceIpCommand {
@@ -47,51 +47,59 @@ public:
     explicit ForceIpCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        CommandContext::AddValue(command, "--mac", "MAC", "Of the camera, such as 02:00:5e:00:00:01; needed.",
+        CommandContext::AddValue(command, "--mac", "MAC", "MAC of the camera, such as 02:00:5e:00:00:01;\nrequired.",
                                  [this](const std::string& text) { m_mac = ParseMac("--mac", text); });
-        CommandContext::AddValue(command, "--ip", "ADDRESS", "The address that it gets; needed.",
-                                 [this](const std::string& text) { m_ip = ParseCameraIp("--ip", text); });
-        CommandContext::AddValue(command, "--mask", "MASK", "The subnet mask, such as 255.255.255.0.",
+        CommandContext::AddValue(command, "--ip", "ADDRESS[/N]", "New address, with or without its mask; required.",
+                                 [this](const std::string& text) { ParseAddress(text); });
+        CommandContext::AddValue(command, "--mask", "MASK", "Subnet mask, such as /24 or 255.255.255.0.",
                                  [this](const std::string& text) { m_mask = ParseMask("--mask", text); });
-        CommandContext::AddValue(command, "--gateway", "ADDRESS", "The gateway; 0.0.0.0, that is none, by default.",
+        CommandContext::AddValue(command, "--gateway", "ADDRESS", "Gateway. Default: 0.0.0.0, none.",
                                  [this](const std::string& text) { m_gateway = ParseIp("--gateway", text); });
-        m_context.AddJsonOption(command, "Print one JSON document.");
+        m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
     }
 
     int Run() {
-        if (!m_mac) throw CommandError("--mac is needed: whose address it is", kUsage);
-        if (!m_ip) throw CommandError("--ip is needed: which address the camera gets", kUsage);
+        if (!m_mac) throw CommandError("--mac is missing: which camera", kUsage);
+        if (!m_ip) throw CommandError("--ip is missing: its new address", kUsage);
+        if (m_mask && m_maskOfIp) throw CommandError("--mask and the mask of --ip cannot be combined", kUsage);
+        if (m_maskOfIp) m_mask = m_maskOfIp;
         const BusMasterSession busMaster = m_context.OpenGigE();
         Prepare(*busMaster);
         const std::vector<GigECamera> after = Force(*busMaster);
         CheckThatItMoved(FindByMac(after, *m_mac));
-        Tell();
+        PrintResult();
         return kDone;
     }
 
 private:
+    void ParseAddress(const std::string& text) {
+        const std::size_t slash = text.find('/');
+        m_ip = ParseCameraIp("--ip", text.substr(0, slash));
+        if (slash != std::string::npos) m_maskOfIp = ParseMask("--ip", text.substr(slash));
+    }
+
     // ---- Before ----------------------------------------------------------------------------------------------------
 
-    // A discovery tells the interface that hears the camera: the driver sends there, and its mask is the default.
+    // A discovery finds the interface that hears the camera: the driver sends there, and its mask is the default.
     void Prepare(BusMaster& busMaster) {
         std::vector<GigECamera> cameras;
         {
-            const Progress progress("Looking for " + FormatMac(*m_mac));
+            const Progress progress("Searching for " + FormatMac(*m_mac));
             cameras = DiscoverGigECameras(busMaster);
         }
         Platform::GigEDiagnosis diagnosis;
         Platform::DiagnoseGigE(false, &diagnosis);
         if (!m_mask) m_mask = FindMask(diagnosis);
         if (IsSubnetEdge(*m_ip, *m_mask)) {
-            throw CommandError("--ip: \"" + FormatIp(*m_ip) + "\" is the first or the last address of " +
+            throw CommandError("--ip: \"" + FormatIp(*m_ip) + "\" is the first or last address of " +
                                    SubnetOf(*m_ip, *m_mask) + ", which no camera can have",
                                kUsage);
         }
-        CheckThatNobodyHasIt(cameras, diagnosis);
+        CheckThatAddressIsFree(cameras, diagnosis);
         if (!IsOnAnySubnet(diagnosis)) {
             WriteError("nimbrel force-ip: warning: no network interface is in a subnet with " + FormatIp(*m_ip) +
-                       ": the camera cannot be used from here.\n");
+                       ", so this computer cannot use the camera there.\n");
         }
     }
 
@@ -115,8 +123,9 @@ private:
         }
         const Platform::InterfaceAddress* found = heardIn != nullptr ? heardIn : elsewhere;
         if (found != nullptr) return UnpackIPAddress(found->GetMask());
-        throw CommandError("--mask is needed: " + FormatMac(*m_mac) +
-                           " is not heard, and no network interface is in a subnet with " + FormatIp(*m_ip));
+        throw CommandError("--mask is missing: " + FormatMac(*m_mac) +
+                           " does not answer, and no network interface is in a subnet with " + FormatIp(*m_ip))
+            .WithHint("`nimbrel discover` shows the cameras that answer.");
     }
 
     bool IsHeardOn(const Platform::GigEDiagnosis& diagnosis, int interface) const {
@@ -126,7 +135,8 @@ private:
         return false;
     }
 
-    void CheckThatNobodyHasIt(const std::vector<GigECamera>& cameras, const Platform::GigEDiagnosis& diagnosis) const {
+    void CheckThatAddressIsFree(const std::vector<GigECamera>& cameras,
+                                const Platform::GigEDiagnosis& diagnosis) const {
         const std::uint32_t ip = PackIPAddress(*m_ip);
         for (const GigECamera& camera : cameras) {
             if (PackIPAddress(camera.ip) != ip || IsSame(camera.mac, *m_mac)) continue;
@@ -152,34 +162,43 @@ private:
     std::vector<GigECamera> Force(BusMaster& busMaster) const {
         const Progress progress("Waiting for " + FormatMac(*m_mac) + " at " + FormatIp(*m_ip));
         const Error error = busMaster.ForceIPAddressToCamera(*m_mac, *m_ip, *m_mask, m_gateway);
-        if (error != ERROR_OK && error != ERROR_TIMEOUT) Check(error);
+        if (error != ERROR_OK && error != ERROR_TIMEOUT) {
+            throw Explain(error, FormatMac(*m_mac) + " cannot be given an address", INTERFACE_GIGE);
+        }
         if (error == ERROR_OK) {
             return DiscoverUntil(busMaster, [this](const std::vector<GigECamera>& cameras) {
                 const GigECamera* camera = FindByMac(cameras, *m_mac);
                 return camera != nullptr && HasMoved(*camera);
             });
         }
-        // The camera did not listen, or its acknowledge got lost.
+        // The camera ignored the request, or its acknowledge was lost.
         std::vector<GigECamera> cameras = DiscoverGigECameras(busMaster);
         const GigECamera* camera = FindByMac(cameras, *m_mac);
         if (camera != nullptr && HasMoved(*camera)) return cameras;
-        throw CommandError(error.Describe() + "\n" +
-                           (camera == nullptr
-                                ? "No camera with the MAC " + FormatMac(*m_mac) + " answers a discovery."
-                                : NameOf(*camera) + " answers at " + FormatSubnet(camera->ip, camera->subnet) +
-                                      " as before: an application that holds it keeps it there."));
+        if (camera == nullptr) {
+            throw CommandError("no acknowledge, and no camera with the MAC " + FormatMac(*m_mac) +
+                               " answers a discovery")
+                .WithHint("Check its MAC, cable and power; `nimbrel discover` shows the cameras that answer.")
+                .WithDetails(error.Describe());
+        }
+        throw CommandError("no acknowledge: " + NameOf(*camera) + " stays at " +
+                           FormatSubnet(camera->ip, camera->subnet) + ", most likely because an application holds it")
+            .WithHint("`nimbrel control mac:" + FormatMac(*m_mac) + "` shows who holds it.")
+            .WithDetails(error.Describe());
     }
 
     void CheckThatItMoved(const GigECamera* camera) const {
         if (camera != nullptr && HasMoved(*camera)) return;
-        const std::string acknowledged =
-            FormatMac(*m_mac) + " has acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
-        if (camera == nullptr) throw CommandError(acknowledged + "does not answer a discovery any more");
+        const std::string acknowledged = FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
+        if (camera == nullptr) {
+            throw CommandError(acknowledged + "no longer answers")
+                .WithHint("It may still be starting: `nimbrel discover` shows whether it is back.");
+        }
         throw CommandError(acknowledged + "answers at " + FormatSubnet(camera->ip, camera->subnet) + ", gateway " +
                            FormatIp(camera->gateway));
     }
 
-    void Tell() {
+    void PrintResult() {
         if (m_context.WantsJson()) {
             m_context.Print(Dump(Json{{"ok", true},
                                       {"mac", FormatMac(*m_mac)},
@@ -195,6 +214,7 @@ private:
     std::optional<MACAddress> m_mac;
     std::optional<IPAddress> m_ip;
     std::optional<IPAddress> m_mask;
+    std::optional<IPAddress> m_maskOfIp;
     IPAddress m_gateway;
 };
 

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <thread>
 
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Text.h"
 
@@ -15,7 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kVerifyLimit{5};
 constexpr std::chrono::milliseconds kShortestRound{100};
-// Each too small an array costs a discovery window more, so the first one is large.
+// An array that is too small costs another discovery window, so the first one is large.
 constexpr unsigned int kFirstCapacity = 1024;
 constexpr unsigned int kMostTries = 4;
 
@@ -66,10 +67,10 @@ std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster) {
         infos.assign(size, {});
         const Error error = busMaster.DiscoverGigECameras(infos.data(), &size);
         if (error == ERROR_BUFFER_TOO_SMALL && attempt < kMostTries) {
-            size += kFirstCapacity;  // more may come meanwhile
+            size += kFirstCapacity;  // more may answer the next time
             continue;
         }
-        Check(error);
+        if (error != ERROR_OK) throw Explain(error, "GigE cannot be searched", INTERFACE_GIGE);
         break;
     }
     std::vector<GigECamera> cameras;

@@ -31,20 +31,20 @@ struct GigECamera {
 GigECamera FromRecord(const GvcpDiscoveryRecord& record);
 GigECamera FromInfo(const CameraInfo& info);
 
-/// The same answer: MAC, address and serial number.
+/// Same MAC, address and serial number.
 bool IsSame(const GigECamera& first, const GigECamera& second);
 
-/// Every camera that answers a broadcast, on a wrong subnet or not. Takes the discovery window.
+/// Every camera that answers a broadcast, on whatever subnet. Takes the discovery window.
 /// @throws CommandError with the bus master's error.
 std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster);
 
-/// Discovers until the answers satisfy the condition, once at least, and after that while five seconds last: a camera
-/// that was just given an address may need some to be back.
-/// @return what the last discovery heard.
+/// Discovers until the answers satisfy the condition, at least once and for at most five seconds: a camera that was
+/// just given an address may take some time to return.
+/// @return the answers to the last discovery.
 std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
                                       const std::function<bool(const std::vector<GigECamera>&)>& isEnough);
 
-/// Null when none has that MAC.
+/// Null if none has that MAC.
 const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac);
 
 /// "camera 19340211 (02:00:5e:00:00:01)"

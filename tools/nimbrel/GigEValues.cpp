@@ -24,7 +24,7 @@ bool HasHoles(std::uint32_t mask) { return std::countl_one(mask) + std::countr_z
 
 IPAddress ParseIp(const std::string& option, const std::string& text) {
     const auto ip = ReadAddress(text);
-    if (!ip) throw Refusal(option, text, "an IP address such as 192.168.77.50");
+    if (!ip) throw Refusal(option, text, "an IP address, such as 192.168.77.50");
     return UnpackIPAddress(*ip);
 }
 
@@ -39,13 +39,14 @@ IPAddress ParseCameraIp(const std::string& option, const std::string& text) {
 
 IPAddress ParseMask(const std::string& option, const std::string& text) {
     const auto mask = ReadSubnetMask(text);
-    if (!mask) throw Refusal(option, text, "a subnet mask such as 255.255.255.0");
+    if (!mask) throw Refusal(option, text, "a subnet mask, such as /24 or 255.255.255.0");
     return UnpackIPAddress(*mask);
 }
 
 MACAddress ParseMac(const std::string& option, const std::string& text) {
     const auto mac = ReadMac(text);
-    if (!mac) throw Refusal(option, text, "the MAC address of one device, such as 02:00:5e:00:00:01");
+    if (!mac)
+        throw Refusal(option, text, "the MAC address of a device, such as 02:00:5e:00:00:01 or 02-00-5e-00-00-01");
     MACAddress result;
     for (int i = 0; i < 6; ++i) result.octets[i] = static_cast<std::uint8_t>(*mac >> (40 - 8 * i) & 0xFF);
     return result;

@@ -14,9 +14,9 @@ namespace Nimbrel2::Tool {
 IPAddress ParseIp(const std::string& option, const std::string& text);
 /// An address that a camera can have: ParseIp without 0.x, multicast and above.
 IPAddress ParseCameraIp(const std::string& option, const std::string& text);
-/// 255.255.255.0, without holes.
+/// 255.255.255.0, without holes, or its length: /24 or 24.
 IPAddress ParseMask(const std::string& option, const std::string& text);
-/// 02:00:5e:00:00:01, of one device: neither all zero nor a group address.
+/// 02:00:5e:00:00:01 or 02-00-5e-00-00-01, of one device: neither all zero nor a group address.
 MACAddress ParseMac(const std::string& option, const std::string& text);
 
 /// 02:00:5e:00:00:01

@@ -19,16 +19,18 @@ constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr long kPatienceNanoseconds = 700'000'000;
 
 std::atomic<int> g_caughtFd{-1};
+std::atomic<int> g_caughtSignal{0};
 std::atomic<bool> g_progressShown{false};
+std::atomic<bool> g_endsBySignal{false};
 timer_t g_watchdog;
 
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
-void EndBySignal(int number) {
+void DieBy(int number) {
     if (g_progressShown) {
         constexpr char kWipe[] = "\r\033[K";
         if (write(STDERR_FILENO, kWipe, sizeof kWipe - 1) < 0) {
-            // A terminal that takes nothing any more shows nothing either.
+            // Nothing to wipe on a terminal that is gone.
         }
     }
     signal(number, SIG_DFL);
@@ -37,11 +39,12 @@ void EndBySignal(int number) {
 
 void OnSignal(int number) {
     const int savedErrno = errno;
+    g_caughtSignal = number;
     const int fd = g_caughtFd;
     if (fd < 0) {
-        EndBySignal(number);
+        DieBy(number);
     } else {
-        // Armed here and not by whoever reads the descriptor: that thread may be stuck.
+        // Armed here, because the thread that reads the descriptor may be stuck.
         itimerspec patience{};
         patience.it_value.tv_nsec = kPatienceNanoseconds;
         timer_settime(g_watchdog, 0, &patience, nullptr);
@@ -53,7 +56,7 @@ void OnSignal(int number) {
     errno = savedErrno;
 }
 
-void OnWatchdog(int) { _exit(0); }
+void OnWatchdog(int) { _exit(g_endsBySignal ? 128 + g_caughtSignal : 0); }
 
 void Handle(int number, void (*handler)(int)) {
     struct sigaction action {};
@@ -64,22 +67,26 @@ void Handle(int number, void (*handler)(int)) {
 
 }  // namespace
 
+bool IsIgnored(int number) {
+    struct sigaction action {};
+    return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 void Install() {
-    struct sigaction hangUp {};
-    sigaction(SIGHUP, nullptr, &hangUp);
     sigset_t handled;
     sigemptyset(&handled);
     for (const int number : kEndingSignals) {
-        if (number == SIGHUP && hangUp.sa_handler == SIG_IGN) continue;
+        if (IsIgnored(number)) continue;
         Handle(number, OnSignal);
         sigaddset(&handled, number);
     }
     Handle(SIGPIPE, SIG_IGN);
-    // Whoever started the program may have blocked them.
+    // The parent may have blocked them.
     pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
 }
 
-int Catch() {
+int Catch(End end) {
+    g_endsBySignal = end == End::BySignal;
     if (g_caughtFd >= 0) return g_caughtFd;
     Handle(SIGALRM, OnWatchdog);
     sigevent expiry{};
@@ -93,6 +100,10 @@ int Catch() {
     g_caughtFd = fd;
     return fd;
 }
+
+int GetExitStatus() { return g_caughtSignal == 0 ? 0 : 128 + g_caughtSignal; }
+
+void EndBySignal() { DieBy(g_caughtSignal); }
 
 void SetProgressShown(bool shown) { g_progressShown = shown; }
 

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel list`: what is attached now, or as soon as the wanted cameras are. Main thread only; no lock.
-#include "tools/nimbrel/ListCommand.h"
-
 #include <poll.h>
 
 #include <algorithm>
@@ -9,16 +7,19 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/CameraColumns.h"
+#include "tools/nimbrel/Capacity.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventQueue.h"
+#include "tools/nimbrel/GigEUsability.h"
+#include "tools/nimbrel/ListTexts.h"
 #include "tools/nimbrel/Progress.h"
-#include "tools/nimbrel/Table.h"
-#include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -27,29 +28,31 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLongestTimeout = std::chrono::hours(24 * 365);
-// Who waits for a camera wants to hear of it when it answers, not when the window closes: the monitor goes on
-// listening.
+// A camera is listed when it answers, not when the window closes: the monitor keeps listening.
 constexpr milliseconds kWindowWhenWaiting{100};
 
 const char kFooter[] =
     R"help(Exit status:
-  0  The list was printed, be it empty. With --wait: the cameras are there.
-  1  It failed, or a bus cannot be searched (the others are listed), or
-     --timeout ended; standard error says why, or who is missing.
+  0  The list was printed, even if empty. With --wait: the cameras are attached.
+  1  Failed, or a bus cannot be searched (the others are listed), or --timeout
+     ended; standard error says why, or which cameras are missing.
   2  Wrong usage; standard error names the option and the value.
   Ctrl-C ends it at once (status 130).
 
 JSON: {"cameras":[{"index","serial","serial_text","guid","interface","vendor",
-"model","ip"}],"devices":[{"index","guid","interface"}]}; "ip" is there for GigE
-cameras only, "interface" is one of 1394, USB2, USB3, GigE. Devices are IEEE
-1394 nodes that are no cameras. Keep the guid, not the index: positions move.
+"model","name","speed","port","location","ip","mac","control"}],"devices":
+[{"index","guid","interface"}],"searched":["1394","usb","gige"]}. "interface" is
+one of 1394, USB2, USB3, GigE; "speed" in Mbit/s; "ip", "mac" and "control" on
+GigE only; what is unknown is missing. Devices are IEEE 1394 nodes other than
+cameras. Keep the guid (on GigE the serial or the MAC), not the index.
 
 Examples:
   nimbrel list                                    what is attached
   nimbrel list --bus gige --interface eth1 --discovery-window 0.2
                                                   quick, on one network
+  nimbrel list --vendor acme --sort -speed --columns serial,model,speed
   nimbrel list --wait 19340211,19340212 --timeout 30 && ./grab
-                                                  start when both are up
+                                                  start when both are attached
   nimbrel list --json | jq -r '.cameras[] | "\(.serial) \(.ip)"'
 )help";
 
@@ -58,24 +61,45 @@ public:
     explicit ListCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        m_context.AddJsonOption(command, "Print one JSON document.");
-        command.add_flag("-l,--long", m_long, "Print all that is known, a paragraph a camera.");
+        m_context.AddJsonOption(command, "Print JSON.");
+        command.add_flag("-l,--long", m_long, "Print everything that is known, a paragraph per\ncamera.");
+        CommandContext::AddValue(command, "--columns", "NAME[,NAME...]",
+                                 "Print these columns: index, serial, serial_text,\n"
+                                 "guid, interface, ip, mac, vendor, model, name,\n"
+                                 "speed, port, location, control.",
+                                 [this](const std::string& text) { m_columns = ParseColumns("--columns", text); });
+        CommandContext::AddValue(command, "--sort", "[-]NAME[,...]",
+                                 "Sort by these columns; - in front of a name: in\ndescending order.",
+                                 [this](const std::string& text) { m_sortKeys = ParseSortKeys("--sort", text); });
+        AddFilter(command, "--vendor", "TEXT", "Only cameras with this text in their vendor name;\nrepeatable.",
+                  &m_filter.vendors);
+        AddFilter(command, "--model", "TEXT", "Only cameras with this text in their model name;\nrepeatable.",
+                  &m_filter.models);
+        AddFilter(command, "--serial", "SERIAL", "Only the camera with this serial number or text;\nrepeatable.",
+                  &m_filter.serials);
         CommandContext::AddValue(command, "--wait", "SERIAL[,SERIAL...]",
                                  "Wait until cameras with these serial numbers are\n"
-                                 "there, then list what is.",
+                                 "attached, then list.",
                                  [this](const std::string& text) { m_wanted = ParseSerialNumbers("--wait", text); });
         CommandContext::AddValue(command, "--timeout", "SECONDS",
-                                 "Wait no longer for them, counted from the start\n"
-                                 "of the program. Without it: for ever.",
+                                 "Wait for them at most this long, counted from the\n"
+                                 "start of the program. Default: forever.",
                                  [this](const std::string& text) {
                                      m_timeout = ParseSeconds("--timeout", text, milliseconds(0), kLongestTimeout);
                                  });
         m_context.AddBusOptions(command);
     }
 
+    static void AddFilter(CLI::App& command, const std::string& name, const std::string& placeholder,
+                          const std::string& description, std::vector<std::string>* words) {
+        CommandContext::AddValue(
+            command, name, placeholder, description, [words](const std::string& text) { words->push_back(text); },
+            CommandContext::Times::Repeatable);
+    }
+
     int Run() {
-        if (m_timeout && m_wanted.empty())
-            throw CommandError("--timeout: there is no --wait that it could end", kUsage);
+        if (m_timeout && m_wanted.empty()) throw CommandError("--timeout requires --wait", kUsage);
+        if (m_long && !m_columns.empty()) throw CommandError("--long and --columns cannot be combined", kUsage);
         const Clock::time_point start = Clock::now();
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster =
@@ -88,9 +112,10 @@ public:
             events.Register(*busMaster);
             cameras = WaitForCameras(*busMaster, events, start);
         }
-        const std::vector<Device> devices = ListDevices(*busMaster);
-        m_context.Print(m_context.WantsJson() ? AsJson(cameras, devices) : ForPeople(cameras, devices));
-        // The cameras that were asked for are there: then a bus without them may be as ill as it likes.
+        const Listed listed = Collect(*busMaster, std::move(cameras));
+        m_context.Print(m_context.WantsJson() ? ListAsJson(listed, m_context) : ForPeople(listed));
+        if (m_wanted.empty()) m_context.NoteBusesWithoutDriver("list");
+        // With --wait the wanted cameras are there, so a failing bus without them does not matter.
         return healthy || !m_wanted.empty() ? kDone : kFailed;
     }
 
@@ -126,10 +151,11 @@ private:
             }
             if (!WaitForEvent(events, start)) break;
         }
-        throw CommandError("after " + FormatSeconds(*m_timeout) + " still missing: " + DescribeSerials(missing));
+        throw CommandError("after " + FormatSeconds(*m_timeout) + " still missing: " + DescribeSerials(missing))
+            .WithHint("`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.");
     }
 
-    // Takes what has happened, waiting for it if need be. False when the time-out came first.
+    // Takes the events that are queued, waiting for one if there is none. False when the time-out came first.
     bool WaitForEvent(EventQueue& events, Clock::time_point start) const {
         for (;;) {
             bool any = false;
@@ -146,110 +172,56 @@ private:
         }
     }
 
-    // ---- Printing --------------------------------------------------------------------------------------------------
+    // ---- What is listed --------------------------------------------------------------------------------------------
 
-    static std::string AsJson(const std::vector<Camera>& cameras, const std::vector<Device>& devices) {
-        Json json{{"cameras", Json::array()}, {"devices", Json::array()}};
-        for (const Camera& camera : cameras) json["cameras"].push_back(ToJson(camera));
-        for (const Device& device : devices) json["devices"].push_back(ToJson(device));
-        return Dump(json, 2);
+    Details WantedDetails() const {
+        Details wanted;
+        if (m_context.WantsJson() || m_long) return {true, true, true};
+        for (const CameraColumn* column : m_columns) wanted = wanted | column->needs;
+        for (const SortKey& key : m_sortKeys) wanted = wanted | key.column->needs;
+        return wanted;
     }
 
-    std::string ForPeople(const std::vector<Camera>& cameras, const std::vector<Device>& devices) const {
-        std::string text;
-        if (cameras.empty()) {
-            text = NothingFound();
-        } else {
-            text = m_long ? Paragraphs(cameras) : CameraTable(cameras).Render(OutputWidth());
-            const bool oneOfMany = !m_long && cameras.size() > 1;
-            if (oneOfMany) text += "\n" + std::to_string(cameras.size()) + " cameras\n";
-        }
-        if (!devices.empty()) text += "\nIEEE 1394 devices that are no cameras:\n" + DeviceTable(devices);
-        return text;
+    Listed Collect(BusMaster& busMaster, std::vector<Camera> cameras) const {
+        Listed listed;
+        listed.cut = FindCutListings(cameras);
+        const bool anyAtAll = !cameras.empty();
+        cameras.erase(std::remove_if(cameras.begin(), cameras.end(),
+                                     [this](const Camera& camera) { return !m_filter.Passes(camera); }),
+                      cameras.end());
+        ReadDetails(busMaster, WantedDetails(), &cameras);
+        SortCameras(m_sortKeys, &cameras);
+        listed.cameras = std::move(cameras);
+        if (m_filter.IsEmpty()) listed.devices = ListDevices(busMaster);
+        if (m_filter.IsEmpty() || !anyAtAll) listed.unusable = FindUnusable();
+        return listed;
     }
 
-    // The serial number as a number is what commands take; the text is worth a column where it says something else.
-    static bool HasOtherText(const Camera& camera) {
-        return !camera.serialText.empty() && camera.serialText != std::to_string(camera.serialNumber);
+    // GigE cameras that answer broadcasts and are not listed.
+    std::vector<HeardCamera> FindUnusable() const {
+        if (!m_context.UsesBus("gige") || Platform::DiagnoseGigE(false, &m_diagnosis) != HAL_OK) return {};
+        std::vector<HeardCamera> heard = FindHeardCameras(m_diagnosis);
+        heard.erase(std::remove_if(heard.begin(), heard.end(),
+                                   [](const HeardCamera& camera) { return camera.usability == Usability::Usable; }),
+                    heard.end());
+        return heard;
     }
 
-    static Table CameraTable(const std::vector<Camera>& cameras) {
-        const bool anyText = std::any_of(cameras.begin(), cameras.end(), HasOtherText);
-        const bool anyIp = std::any_of(cameras.begin(), cameras.end(), [](const Camera& c) { return c.IsGigE(); });
-        Table table;
-        table.AddColumn("#", Table::Align::Right);
-        table.AddColumn("SERIAL", Table::Align::Right);
-        if (anyText) table.AddColumn("SERIAL TEXT", Table::Align::Left, Table::Width::Giving);
-        table.AddColumn("BUS");
-        if (anyIp) table.AddColumn("ADDRESS");
-        table.AddColumn("VENDOR", Table::Align::Left, Table::Width::Giving);
-        table.AddColumn("MODEL", Table::Align::Left, Table::Width::Giving);
-        for (const Camera& camera : cameras) {
-            std::vector<std::string> cells{std::to_string(camera.index), std::to_string(camera.serialNumber)};
-            if (anyText) cells.push_back(camera.serialText);
-            cells.push_back(FormatInterface(camera.interfaceType));
-            if (anyIp) cells.push_back(camera.IsGigE() ? FormatIp(camera.ip) : "");
-            cells.push_back(camera.vendor);
-            cells.push_back(camera.model);
-            table.AddRow(cells);
-        }
-        return table;
-    }
-
-    static std::string DeviceTable(const std::vector<Device>& devices) {
-        Table table;
-        table.AddColumn("#", Table::Align::Right);
-        table.AddColumn("BUS");
-        table.AddColumn("GUID");
-        for (const Device& device : devices) {
-            table.AddRow(
-                {std::to_string(device.index), FormatInterface(device.interfaceType), FormatGuid(device.guid)});
-        }
-        return table.Render(OutputWidth());
-    }
-
-    static std::string Paragraphs(const std::vector<Camera>& cameras) {
-        std::string text;
-        for (const Camera& camera : cameras) {
-            const auto line = [&text](const char* name, const std::string& value) {
-                text += "  " + std::string(name) + ForTerminal(value) + "\n";
-            };
-            text += (text.empty() ? "" : "\n");
-            text += "Camera " + std::to_string(camera.index) + "\n";
-            line("serial number  ", std::to_string(camera.serialNumber));
-            if (HasOtherText(camera)) line("serial text    ", camera.serialText);
-            line("guid           ", FormatGuid(camera.guid));
-            line("bus            ", FormatInterface(camera.interfaceType));
-            if (camera.IsGigE()) line("address        ", FormatIp(camera.ip));
-            line("vendor         ", camera.vendor);
-            line("model          ", camera.model);
-        }
-        return text;
-    }
-
-    std::string NothingFound() const {
-        std::string text = "No cameras found on " + m_context.DescribeBuses() + ".\n\n";
-        text += "Check that each camera has power and that its cable is plugged in at both ends.\n";
-        if (!m_context.UsesBus("gige")) return text;
-        const std::vector<std::string> interfaces = m_context.GetNetworkInterfaces();
-        if (interfaces.empty() && m_context.GetRig())
-            return text + "GigE: the rig has no network interface that is up.\n";
-        if (interfaces.empty()) {
-            return text +
-                   "GigE: no network interface is up with a link and an IPv4 address (loopback counts\n"
-                   "only when it is named, as in \"--interface lo\"). `ip link set NAME up` brings one\n"
-                   "up, `ip addr add ADDRESS/24 dev NAME` gives it an address.\n";
-        }
-        std::vector<std::string> shown;
-        for (const std::string& name : interfaces) shown.push_back(ForTerminal(name));
-        return text + "GigE: looked on " + Enumerate(shown) +
-               ".\n"
-               "The link lights must be on, the camera's address must be in the subnet of that\n"
-               "interface, and a firewall must let in UDP packets that come from port 3956.\n";
+    std::string ForPeople(const Listed& listed) const {
+        const bool coloured = m_context.UsesColour();
+        std::string text = m_long ? ListAsParagraphs(listed, coloured) : ListAsTable(listed, m_columns, coloured);
+        if (!listed.cameras.empty()) return text;
+        if (!m_filter.IsEmpty()) return "No camera that is attached fits.\n" + text;
+        if (!listed.unusable.empty()) return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;
+        return NothingFound(m_context) + text;
     }
 
     CommandContext& m_context;
     bool m_long = false;
+    CameraFilter m_filter;
+    std::vector<const CameraColumn*> m_columns;  ///< Empty: the usual ones.
+    std::vector<SortKey> m_sortKeys;
+    mutable Platform::GigEDiagnosis m_diagnosis;  ///< HeardCameras point into it.
     std::vector<std::uint32_t> m_wanted;
     std::optional<milliseconds> m_timeout;
 };
@@ -258,8 +230,7 @@ private:
 
 void AddListCommand(CLI::App& app, CommandContext& context) {
     const auto list = std::make_shared<ListCommand>(context);
-    CLI::App* command =
-        context.AddCommand(app, "list", "Lists the cameras that are attached.", [list] { return list->Run(); });
+    CLI::App* command = context.AddCommand(app, "list", "Lists the attached cameras.", [list] { return list->Run(); });
     list->AddOptions(*command);
     command->footer(kFooter);
 }

@@ -3,29 +3,35 @@
 #ifndef NIMBREL2_TOOLS_NIMBREL_OUTPUT_H
 #define NIMBREL2_TOOLS_NIMBREL_OUTPUT_H
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 namespace Nimbrel2::Tool {
 
-/// Whoever started the program may have closed some of the three standard descriptors. Keeps their numbers from being
-/// those of sockets, which would be written to. For the beginning of the program.
+/// The parent may have closed some of the three standard descriptors. Keeps their numbers from being reused for
+/// sockets, which would then be written to. Call first.
 void KeepStandardDescriptors();
 
-/// Standard output without a buffer: what was written has left the process.
+/// Standard output without a buffer.
 class Output {
 public:
     enum class Result {
         Written,
-        ReaderGone,   ///< Nobody will read any more: a command ends quietly, as `... | head` wants it.
+        ReaderGone,   ///< The pipe is closed: a command ends quietly, as in `... | head`.
         Interrupted,  ///< The interrupt descriptor became readable while the reader was not reading.
     };
 
-    /// A descriptor whose readability ends a write that would wait for the reader. -1: none.
+    /// A descriptor that ends a blocked write when it becomes readable. -1: none.
     void SetInterrupt(int fd) { m_interrupt = fd; }
 
-    /// Writes all of the text, waiting for the reader where it must.
-    /// @throws CommandError when standard output cannot be written for another reason (a full disk).
+    /// Writes all of the text; blocks while the reader does not read.
+    /// @throws CommandError when writing fails for another reason than a closed pipe, such as a full disk.
     Result Write(const std::string& text);
+
+    /// Waits until the interrupt descriptor is readable, the reader of standard output is gone, or the time is over.
+    /// @param time  Nothing: no limit.
+    static void WaitForEnd(int interrupt, std::optional<std::chrono::milliseconds> time = std::nullopt);
 
 private:
     Result WaitForReader();
@@ -33,7 +39,7 @@ private:
     int m_interrupt = -1;
 };
 
-/// Writes to standard error, with what a terminal would act upon replaced. What cannot be written is lost.
+/// Writes to standard error, with everything replaced that a terminal would act on. What cannot be written is lost.
 void WriteError(const std::string& text);
 
 }  // namespace Nimbrel2::Tool

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads and writes one PHY register. Main thread only; no lock.
-#include "tools/nimbrel/PhyCommand.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -9,6 +7,7 @@
 
 #include "tools/nimbrel/CameraArgument.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Values.h"
 
 namespace Nimbrel2::Tool {
@@ -23,13 +22,13 @@ constexpr std::uint32_t kLargestValue = 0xFF;
 
 const char kFooter[] =
     R"(The registers are those of IEEE 1394a-2000, clause 5B.1. Numbers are decimal, or
-hexadecimal after 0x. Writing a register of a live bus can bring the bus down,
-and Linux has no way to write one; simulated computers have.
+hexadecimal after 0x. Writing a register can bring a live bus down. Linux cannot
+write PHY registers; simulated computers can.
 
 Exit status:
   0  Done.
-  1  There is no such camera, it is on another bus, or the bus refused; standard
-     error says why.
+  1  No such camera, it is not on IEEE 1394, or the bus refused; standard error
+     says why.
   2  Wrong usage; standard error names the argument and the value.
 
 JSON: {"ok":true,"value":N}
@@ -49,20 +48,21 @@ public:
         AddNumber(command, "PAGE", "0 to 7; 0 for base registers.", kLastPage, &m_page);
         AddNumber(command, "PORT", "0 to 15; 0 for base registers.", kLastPort, &m_port);
         AddNumber(command, "ADDRESS",
-                  "0 to 7: a base register; 8 to 15: one of that page\n"
-                  "and port.",
+                  "0 to 7: a base register; 8 to 15: a register of\n"
+                  "that page and port.",
                   kLastAddress, &m_address);
         if (writes) AddNumber(command, "VALUE", "0 to 255.", kLargestValue, &m_value);
-        m_context.AddJsonOption(command, "Print one JSON document.");
+        m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddBusOptions(command);
     }
 
     int Read() {
         CheckSelectors();
         const BusMasterSession busMaster = m_context.StartBusMaster();
-        const FoundCamera camera = m_camera.Find(m_context, *busMaster);
+        const FoundCamera camera = m_camera.Find(m_context, *busMaster, "phy", Scope::IEEE1394);
         unsigned int value = 0;
-        CheckFor(camera, busMaster->ReadPhyRegister(camera.guid, m_page, m_port, m_address, &value));
+        CheckFor(camera, busMaster->ReadPhyRegister(camera.guid, m_page, m_port, m_address, &value),
+                 "did not return its PHY register");
         char text[16];
         std::snprintf(text, sizeof text, "0x%02x\n", value);
         m_context.Print(m_context.WantsJson() ? Dump({{"ok", true}, {"value", value}}) : text);
@@ -72,12 +72,14 @@ public:
     int Write() {
         CheckSelectors();
         const BusMasterSession busMaster = m_context.StartBusMaster();
-        const FoundCamera camera = m_camera.Find(m_context, *busMaster);
-        CheckFor(camera, busMaster->WritePhyRegister(camera.guid, m_page, m_port, m_address, m_value));
+        const FoundCamera camera = m_camera.Find(m_context, *busMaster, "phy", Scope::IEEE1394);
+        CheckFor(camera, busMaster->WritePhyRegister(camera.guid, m_page, m_port, m_address, m_value),
+                 "has a PHY register that was not written");
         char text[16];
         std::snprintf(text, sizeof text, "0x%02x", m_value);
-        m_context.Print(m_context.WantsJson() ? Dump({{"ok", true}, {"value", m_value}})
-                                              : text + (" was written to " + camera.name) + ".\n");
+        m_context.Print(m_context.WantsJson()
+                            ? Dump({{"ok", true}, {"value", m_value}})
+                            : "Wrote " + std::string(text) + " to " + camera.GetNameWithBus() + ".\n");
         return kDone;
     }
 
@@ -94,7 +96,7 @@ private:
     void CheckSelectors() const {
         if (m_address >= kFirstPaged || (m_page == 0 && m_port == 0)) return;
         throw CommandError("ADDRESS: \"" + std::to_string(m_address) +
-                               "\" is a base register, and those are of page 0 and port 0, not of page " +
+                               "\" is a base register, which has no page or port; write 0 and 0 in place of page " +
                                std::to_string(m_page) + " and port " + std::to_string(m_port),
                            kUsage);
     }

@@ -4,32 +4,19 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
-#include <utility>
 
-#include "tools/nimbrel/AutoIpCommand.h"
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
-#include "tools/nimbrel/ControlCommand.h"
-#include "tools/nimbrel/DiscoverCommand.h"
-#include "tools/nimbrel/DoctorCommand.h"
-#include "tools/nimbrel/ForceIpCommand.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Interrupts.h"
-#include "tools/nimbrel/ListCommand.h"
 #include "tools/nimbrel/Output.h"
-#include "tools/nimbrel/PhyCommand.h"
-#include "tools/nimbrel/RescanCommand.h"
-#include "tools/nimbrel/ResetCommand.h"
-#include "tools/nimbrel/RigCommand.h"
-#include "tools/nimbrel/SimulateCommand.h"
 #include "tools/nimbrel/Text.h"
-#include "tools/nimbrel/TopologyCommand.h"
 #include "tools/nimbrel/TraceLog.h"
-#include "tools/nimbrel/UsbLinkCommand.h"
-#include "tools/nimbrel/UsbPortCommand.h"
-#include "tools/nimbrel/WatchCommand.h"
+#include "tools/nimbrel/UsageErrors.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -37,7 +24,7 @@ namespace {
 const char kDescription[] = "Finds and watches machine-vision cameras on IEEE 1394, USB and GigE.";
 
 const char kFooter[] =
-    R"(`nimbrel COMMAND --help` tells more about each command.
+    R"(`nimbrel help COMMAND` explains a command.
 
 Exit status:
   0  Done.
@@ -47,7 +34,7 @@ Exit status:
 Examples:
   nimbrel list                    what is attached
   nimbrel topology                how it is connected
-  nimbrel --demo topology         on the built-in simulated computer
+  nimbrel topology --demo         the same on the built-in simulated computer
   nimbrel list --interface lo     on loopback, where simulated cameras live
   nimbrel watch --json            what happens, for a program to read
   nimbrel doctor                  why a camera does not show
@@ -55,17 +42,30 @@ Examples:
 
 const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";
 
-// "nimbrel rig check" once the subcommands are known.
-std::string ProgramName(const CLI::App& app) {
-    const auto chosen = app.get_subcommands();
-    return app.get_name() + (chosen.empty() ? "" : " " + ProgramName(*chosen.front()));
+// The user's own words, as a shell takes them, run by root.
+std::string AgainAsRoot(int argc, const char* const* argv) {
+    std::string line = "sudo nimbrel";
+    for (int i = 1; i < argc; ++i) line += " " + QuoteForShell(argv[i]);
+    return line;
 }
 
-int Complain(const CLI::App& app, const std::string& text, ExitStatus status) {
-    const std::string name = ProgramName(app);
-    TraceLog::Write("exit status " + std::to_string(status) + ": " + text);
-    WriteError(name + ": " + text + "\n" + (status == kUsage ? "`" + name + " --help` tells what is possible.\n" : ""));
-    return status;
+// A line of the trace for each line of the text.
+void TraceLines(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) TraceLog::Write(line);
+}
+
+int ReportError(const CLI::App& app, const CommandError& error, const std::string& againAsRoot = "") {
+    const std::string name = CommandName(app);
+    std::string hint = error.GetHint();
+    if (const std::size_t at = hint.find(kAgainAsRoot); at != std::string::npos) {
+        hint.replace(at, sizeof kAgainAsRoot - 1, againAsRoot);
+    }
+    if (hint.empty() && error.GetStatus() == kUsage) hint = "Try `" + name + " --help`.";
+    TraceLines("exit status " + std::to_string(error.GetStatus()) + ": " + error.what());
+    TraceLines(error.GetDetails());
+    WriteError(name + ": " + error.what() + "\n" + (hint.empty() ? "" : hint + "\n"));
+    return error.GetStatus();
 }
 
 // What the library traces, for every command, before its name or after it.
@@ -80,7 +80,7 @@ void AddLogOptions(CLI::App& app, LogOptions& options) {
                              "Append what the library does to this file, with\ntime and thread: good for bug reports.",
                              [&options](const std::string& file) {
                                  if (options.file && *options.file != file) {
-                                     throw CommandError("--log: given twice, with different files", kUsage);
+                                     throw CommandError("--log: two different files are given", kUsage);
                                  }
                                  options.file = file;
                              });
@@ -96,9 +96,9 @@ void StartLog(const LogOptions& options, int argc, const char* const* argv) {
 }
 
 void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
-    app.set_version_flag("--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
+    app.set_version_flag("-V,--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
     app.set_help_flag("-h,--help", "Print this help and end.");
-    app.require_subcommand(0, 1);  // that one is there is checked below, or a misspelt one would go unnamed
+    app.require_subcommand(0, 1);  // a missing command is found below, where a misspelt one can be named
     app.footer(kFooter);
     app.get_formatter()->column_width(29);
     AddListCommand(app, context);
@@ -115,7 +115,8 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     AddRescanCommand(app, context);
     AddDoctorCommand(app, context);
     AddRigCommand(app, context);
-    AddSimulateCommand(app, [&context](std::function<int()> action) { context.SetAction(std::move(action)); });
+    AddSimulateCommand(app, context);
+    AddHelpCommand(app, context);
     // They may stand before the command as well. After the commands, which would inherit the group.
     app.option_defaults()->group(kBusOptions);
     context.AddBusOptions(app);
@@ -123,14 +124,13 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     AddLogOptions(app, log);
 }
 
-// An option in front of a command that does not have it would do nothing.
+// Refuses an option in front of a command that does not have it: it would be ignored.
 void CheckBusOptions(const CLI::App& app) {
-    const CLI::App* command = &app;
-    while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
+    const CLI::App& command = ChosenCommand(app);
     for (const CLI::Option* option : app.get_options()) {
         if (option->get_group() != kBusOptions || option->count() == 0) continue;
-        if (command->get_option_no_throw(option->get_name()) == nullptr) {
-            throw CommandError(option->get_name() + ": this command does not look at the buses", kUsage);
+        if (command.get_option_no_throw(option->get_name()) == nullptr) {
+            throw CommandError(option->get_name() + ": `" + CommandName(app) + "` does not look at the buses", kUsage);
         }
     }
 }
@@ -145,9 +145,9 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
         context.Print(app.version() + "\n");
         return kDone;
     } catch (const CLI::ParseError& error) {
-        return Complain(app, error.what(), kUsage);
+        throw CommandError(DescribeParseError(app, error), kUsage);
     }
-    if (!context.GetAction()) return Complain(app, "a command is needed", kUsage);
+    if (!context.GetAction()) throw CommandError("a command is missing", kUsage);
     CheckBusOptions(app);
     StartLog(log, argc, argv);
     return context.GetAction()();
@@ -155,9 +155,9 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
 
 }  // namespace
 
-int RunProgram(int argc, const char* const* argv) {
-    KeepStandardDescriptors();
-    Interrupts::Install();
+namespace {
+
+int RunCommandLine(int argc, const char* const* argv) {
     CLI::App app(kDescription, "nimbrel");
     try {
         UseLocaleOfUser();
@@ -168,10 +168,20 @@ int RunProgram(int argc, const char* const* argv) {
         TraceLog::Write("exit status " + std::to_string(status));
         return status;
     } catch (const CommandError& error) {
-        return Complain(app, error.what(), error.GetStatus());
+        return ReportError(app, error, AgainAsRoot(argc, argv));
     } catch (const std::exception& error) {
-        return Complain(app, error.what(), kFailed);
+        return ReportError(app, CommandError(error.what()));
     }
+}
+
+}  // namespace
+
+int RunProgram(int argc, const char* const* argv) {
+    KeepStandardDescriptors();
+    Interrupts::Install();
+    const int status = RunCommandLine(argc, argv);
+    if (status != 0 && status == Interrupts::GetExitStatus()) Interrupts::EndBySignal();
+    return status;
 }
 
 }  // namespace Nimbrel2::Tool

@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/TraceLog.h"
 
 namespace Nimbrel2::Tool {
@@ -20,7 +22,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// What is over sooner needs no line that flashes up.
+// Shorter waits show nothing, so that no line flashes up.
 constexpr milliseconds kFirstDraw{200};
 constexpr milliseconds kRedraw{100};
 
@@ -51,12 +53,12 @@ std::string Line(const std::string& text, unsigned int frame, Clock::duration go
 
 }  // namespace
 
-Progress::Progress(const std::string& text) : m_text(text) {
+Progress::Progress(const std::string& text, Remarks remarks) : m_text(text), m_remarks(std::move(remarks)) {
     if (!IsTerminal() || TraceLog::IsOnStandardError()) return;
     try {
         m_thread = std::thread([this] { Draw(); });
     } catch (const std::system_error&) {
-        // The work matters, not its progress.
+        // The command works without it.
     }
 }
 
@@ -71,13 +73,16 @@ Progress::~Progress() {
 }
 
 void Progress::Draw() {
+    UseLocaleOfUser();  // the locale belongs to a thread
     const Clock::time_point start = Clock::now();
     std::unique_lock lock(m_mutex);
     bool shown = false;
     milliseconds pause = kFirstDraw;
     for (unsigned int frame = 0; !m_changed.wait_for(lock, pause, [this] { return m_stop; }); ++frame) {
         Interrupts::SetProgressShown(true);
-        Put("\r" + Line(m_text, frame, Clock::now() - start).substr(0, RoomInLine()) + "\033[K");
+        const std::string remarks = m_remarks ? ForTerminal(m_remarks()) : std::string();
+        const std::string line = Line(m_text, frame, Clock::now() - start) + (remarks.empty() ? "" : ": " + remarks);
+        Put("\r" + CutToWidth(line, RoomInLine()) + "\033[K");
         shown = true;
         pause = kRedraw;
     }

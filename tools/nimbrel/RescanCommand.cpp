@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Has the bus master enumerate all buses again. Main thread only; no lock.
-#include "tools/nimbrel/RescanCommand.h"
-
+// Re-enumerates all buses. Main thread only; no lock.
 #include <chrono>
 #include <memory>
 #include <string>
 
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -17,16 +18,17 @@ namespace {
 constexpr std::chrono::milliseconds kPatience{10000};
 
 const char kFooter[] =
-    R"(Lists everything, as every command does, has it enumerated once more, and waits
-until that is over. Other programs are not touched. To see what the second look
-has found, use `nimbrel list`, which looks by itself.
+    R"(Enumerates all buses, then enumerates them again and waits until that is done: a
+test of the buses and their drivers. Other programs are not disturbed. To see
+what is attached, use `nimbrel list`, which searches by itself.
 
 Exit status:
   0  Done.
-  1  It failed, or a bus cannot be searched; standard error says why.
+  1  Failed, or a bus cannot be searched; standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: {"ok":true,"value":N}, with how many cameras there are.
+JSON: {"ok":true,"value":N,"searched":[...]}; N is the number of cameras,
+"searched" the buses: 1394, usb, gige.
 
 Examples:
   nimbrel rescan
@@ -38,7 +40,7 @@ public:
     explicit RescanCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        m_context.AddJsonOption(command, "Print one JSON document.");
+        m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddBusOptions(command);
     }
 
@@ -47,24 +49,26 @@ public:
         Rescan(*busMaster);
         if (!m_context.CheckBuses(*busMaster)) return kFailed;
         const std::size_t count = ListCameras(*busMaster).size();
-        m_context.Print(m_context.WantsJson()
-                            ? Dump({{"ok", true}, {"value", count}})
-                            : "Enumerated again: " + std::to_string(count) + (count == 1 ? " camera" : " cameras") +
-                                  " on " + m_context.DescribeBuses() + ".\n");
+        const Json json{{"ok", true}, {"value", count}, {"searched", m_context.SearchedAsJson()}};
+        m_context.Print(m_context.WantsJson() ? Dump(json)
+                                              : "Enumerated again: " + CountOf(count, "camera") + " on " +
+                                                    m_context.DescribeBuses() + ".\n");
+        m_context.NoteBusesWithoutDriver("rescan");
         return kDone;
     }
 
 private:
     static void Rescan(BusMaster& busMaster) {
         const Progress progress("Enumerating again");
-        WaitUntilQuiet(busMaster);  // a request that finds the worker busy, as it is after the start, is lost
-        Check(busMaster.RescanBus());
+        WaitUntilQuiet(busMaster);  // a request that finds the worker busy, as it is after the start, is ignored
+        Check(busMaster.RescanBus(), "the buses cannot be enumerated again");
         WaitUntilQuiet(busMaster);
     }
 
     static void WaitUntilQuiet(BusMaster& busMaster) {
         if (busMaster.WaitUntilQuiet(static_cast<unsigned int>(kPatience.count()))) return;
-        throw CommandError("the enumeration was not over after " + FormatSeconds(kPatience));
+        throw CommandError("the enumeration did not end within " + FormatSeconds(kPatience) + ": a bus driver hangs")
+            .WithHint("Search one bus at a time to find it: `nimbrel rescan --bus usb`.");
     }
 
     CommandContext& m_context;
@@ -75,7 +79,7 @@ private:
 void AddRescanCommand(CLI::App& app, CommandContext& context) {
     const auto rescan = std::make_shared<RescanCommand>(context);
     CLI::App* command =
-        context.AddCommand(app, "rescan", "Has all buses enumerated again.", [rescan] { return rescan->Run(); });
+        context.AddCommand(app, "rescan", "Re-enumerates all buses.", [rescan] { return rescan->Run(); });
     rescan->AddOptions(*command);
     command->footer(kFooter);
 }

@@ -1,38 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asks for a bus reset through one camera. Main thread only; no lock.
-#include "tools/nimbrel/ResetCommand.h"
-
+// Resets a bus through one of its cameras. Main thread only; no lock.
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 
 namespace Nimbrel2::Tool {
 namespace {
 
 const char kFooter[] =
-    R"(IEEE 1394: a bus reset, after which every node of that bus is enumerated anew.
-USB: the camera's port is reset. GigE has no such thing. Applications that use
-the cameras of that bus notice. The command asks and does not wait.
+    R"(On IEEE 1394 resets the bus, so that all its nodes are enumerated again; on USB
+resets the port of the camera. GigE has no bus reset. Applications that use
+cameras of that bus are disturbed. The command does not wait for the reset to
+complete.
 
 Exit status:
-  0  The reset has been asked for.
-  1  There is no such camera, or the bus refused; standard error says why.
+  0  The reset was requested.
+  1  No such camera, or the bus refused; standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
 JSON: {"ok":true}
 
 Examples:
   nimbrel reset 200705                            by serial number
-  nimbrel reset index:0 --bus 1394                the first one of IEEE 1394
+  nimbrel reset index:0 --bus 1394                the first camera on IEEE 1394
 )";
 
-std::string AskForReset(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
-    CheckFor(camera, busMaster.FireBusReset(&camera.guid));
-    return asJson ? Dump({{"ok", true}}) : "A reset was asked of " + camera.name + ".\n";
+std::string RequestReset(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
+    CheckFor(camera, busMaster.FireBusReset(&camera.guid), "cannot be reset");
+    return asJson ? Dump({{"ok", true}}) : "Reset requested: " + camera.GetNameWithBus() + ".\n";
 }
 
 }  // namespace
 
 void AddResetCommand(CLI::App& app, CommandContext& context) {
-    AddCameraCommand(app, context, "reset", "Asks for a reset of a camera's bus.", kFooter, AskForReset);
+    AddCameraCommand(app, context,
+                     {"reset", "Resets the bus or port of a camera.", kFooter, Scope::BusesWithReset, RequestReset});
 }
 
 }  // namespace Nimbrel2::Tool

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kStrict = 1;
 // RFC 5737: in documents only, so no computer has a route of its own for it.
-constexpr IPAddress kStranger{{198, 51, 100, 1}};
+constexpr IPAddress kUnknown{{198, 51, 100, 1}};
 
 class Socket {
 public:
@@ -48,7 +48,7 @@ std::optional<std::uint32_t> SourceTowards(const IPAddress& ip) {
 
 }  // namespace
 
-bool IsSwallowed(const Platform::InterfaceDiagnosis& interface, const IPAddress& from) {
+bool IsDropped(const Platform::InterfaceDiagnosis& interface, const IPAddress& from) {
     if (interface.GetRpFilter() == 0 || interface.interface.loopback) return false;
     const std::optional<std::uint32_t> source = SourceTowards(from);
     if (!source) return true;
@@ -58,11 +58,11 @@ bool IsSwallowed(const Platform::InterfaceDiagnosis& interface, const IPAddress&
                         [&source](const auto& address) { return address.address == *source; });
 }
 
-bool AreStrangersSwallowed(const Platform::InterfaceDiagnosis& interface) { return IsSwallowed(interface, kStranger); }
+bool AreUnknownDropped(const Platform::InterfaceDiagnosis& interface) { return IsDropped(interface, kUnknown); }
 
 bool MayListenToPackets() { return Socket(AF_PACKET, SOCK_DGRAM).Get() >= 0; }
 
-std::string CuresForSwallowing(const std::string& interfaceName, const std::string& from) {
+std::string CuresForFilter(const std::string& interfaceName, const std::string& from) {
     std::string key = interfaceName;  // a dot in the name of a VLAN is none between the words of a sysctl
     std::replace(key.begin(), key.end(), '.', '/');
     return "  sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + key +

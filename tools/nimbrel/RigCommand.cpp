@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // `nimbrel rig`: checks rig files and plays their timelines. Main thread only; no lock.
-#include "tools/nimbrel/RigCommand.h"
-
 #include <poll.h>
 
 #include <algorithm>
@@ -17,11 +15,12 @@
 
 #include "platform/rig/RigFile.h"
 #include "platform/rig/RigLoopback.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Text.h"
-#include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -32,27 +31,33 @@ using Platform::RigPlan;
 using Platform::RigStep;
 using std::chrono::milliseconds;
 
-// How long the system may take to act upon one step, and an awaited event may take to come, beyond what the rig's
-// faults take.
+// How long one step may take, and an awaited event may take to arrive, in addition to the delays of faults.
 constexpr milliseconds kPatience{10000};
 
-// 127.0.0.1 is left to others.
+// 127.0.0.1 is left to other programs.
 constexpr std::uint32_t kFirstLoopbackAddress = 0x7F000002;
 
 const char kBuiltIn[] = "the built-in rig";
 
 const char kFooter[] =
-    R"(A rig is a simulated computer in a JSON file: its buses, its cameras, and what
+    R"(A rig is a simulated computer in a JSON file: its buses, its cameras and what
 happens to them. Every command that looks at the buses takes --rig FILE.
 
+Exit status:
+  0  Done.
+  1  Failed: the file is not a rig, or a play ended otherwise than the file
+     says; standard error names the place in the file.
+  2  Wrong usage; standard error names the option and the value.
+A play that a signal ends has that signal's status (Ctrl-C: 130).
+
 Examples:
-  nimbrel rig demo >my.json            a rig to begin with
-  nimbrel rig check my.json            is it one? If not: where and why
-  nimbrel rig play my.json             let it happen, and print the events
-  nimbrel rig play --fast my.json      without waiting; for tests
-  nimbrel rig serve my.json            its GigE cameras on loopback sockets, for
-                                       `nimbrel list --interface lo` and others
-  nimbrel list --rig my.json           what is attached before anything happens
+  nimbrel rig demo >my.json            a rig to start from
+  nimbrel rig check my.json            check it; errors name the place
+  nimbrel rig play my.json             play its timeline and print the events
+  nimbrel rig play --fast my.json      the same without waiting, for tests
+  nimbrel rig serve my.json            put its GigE cameras on loopback sockets,
+                                       for `nimbrel list --interface lo`
+  nimbrel list --rig my.json           what is attached before the timeline
 )";
 
 RigPlan Load(const std::optional<std::string>& file) {
@@ -63,11 +68,7 @@ RigPlan Load(const std::optional<std::string>& file) {
     }
 }
 
-std::string Quantity(std::size_t count, const std::string& one, const std::string& many) {
-    return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
-// What is in the one and not in the other, both in ascending order, for people; empty when nothing is.
+// The elements of the first list that are missing in the second, both sorted, for people; empty if there are none.
 std::string Difference(const std::vector<std::uint32_t>& one, const std::vector<std::uint32_t>& other) {
     std::vector<std::uint32_t> difference;
     std::set_difference(one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(difference));
@@ -100,24 +101,30 @@ public:
           m_patience(fast ? kPatience : kPatience + DelayOfFaults(plan)) {}
 
     int Play() {
-        m_interrupt = Interrupts::Catch();
+        m_interrupt = Interrupts::Catch(Interrupts::End::BySignal);
         m_context.GetOutput().SetInterrupt(m_interrupt);
+        // A reader that has gone ends the play with 0, a signal with its own status.
+        return PlaySteps() ? static_cast<int>(kDone) : Interrupts::GetExitStatus();
+    }
+
+private:
+    // False when the play was cut short.
+    bool PlaySteps() {
         const Clock::time_point start = Clock::now();
         for (const RigStep& step : m_plan.timeline) {
-            if (step.at && !m_fast && !PrintUntil(start + *step.at)) return kDone;
-            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) return kDone;
+            if (step.at && !m_fast && !PrintUntil(start + *step.at)) return false;
+            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) return false;
             Announce(step);
             if (const std::optional<std::string> problem = Platform::Apply(m_rig, step.action)) {
                 Fail(step.actionPointer, *problem);
             }
-            if (m_fast && !Settle(step.actionPointer)) return kDone;
+            if (m_fast && !Settle(step.actionPointer)) return false;
         }
-        if (!Settle("/end")) return kDone;
+        if (!Settle("/end")) return false;
         CheckEnd();
-        return kDone;
+        return true;
     }
 
-private:
     [[noreturn]] void Fail(const std::string& pointer, const std::string& reason) const {
         throw CommandError(ForTerminal(m_file + ": " + pointer + ": " + reason));
     }
@@ -130,7 +137,7 @@ private:
         if (!m_context.WantsJson()) m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
     }
 
-    // What happened is over when every event has been delivered and the bus master has acted upon all of them.
+    // Waits until every event has been delivered and the bus master has handled all of them.
     bool Settle(const std::string& pointer) {
         const auto patience = static_cast<unsigned int>(m_patience.count());
         if (!Platform::WaitUntilEventsAreDelivered(m_patience) || !m_busMaster.WaitUntilQuiet(patience)) {
@@ -139,7 +146,7 @@ private:
         return PrintWaiting();
     }
 
-    // False when nobody reads any more, or a signal came.
+    // Prints the queued events. False when the reader is gone or a signal came.
     bool PrintWaiting() {
         while (const std::optional<BusEvent> event = m_events.Take()) {
             m_seen.push_back(*event);
@@ -153,7 +160,7 @@ private:
         return poll(waits.data(), waits.size(), wait) > 0 && waits[1].revents != 0;
     }
 
-    // Prints events until that time. False when it is time to end.
+    // Prints events until that time. False when the play is cut short.
     bool PrintUntil(Clock::time_point time) {
         while (PrintWaiting()) {
             const auto left = std::chrono::ceil<milliseconds>(time - Clock::now());
@@ -163,8 +170,8 @@ private:
         return false;
     }
 
-    // Takes the oldest event that fits and that no step before has taken; only that one, because callbacks run on
-    // threads of their own and overtake each other. So it does not matter whether time is waited for.
+    // Takes the oldest matching event that no earlier step has taken, and only that one: callbacks run on threads of
+    // their own and overtake each other. So fast plays and others find the same events.
     bool TakeSeen(const AwaitedEvent& awaited) {
         const auto found = std::find_if(m_seen.begin(), m_seen.end(), [&awaited](const BusEvent& event) {
             static constexpr BusCallbackType types[] = {BUS_RESET, ARRIVAL, REMOVAL};
@@ -179,14 +186,14 @@ private:
     bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
         if (m_fast) {
             if (!Settle(pointer)) return false;
-            if (!TakeSeen(awaited)) Fail(pointer, "everything has come to rest without this event");
+            if (!TakeSeen(awaited)) Fail(pointer, "this event did not happen");
             return true;
         }
         const Clock::time_point deadline = Clock::now() + m_patience;
         while (PrintWaiting()) {
             if (TakeSeen(awaited)) return true;
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) Fail(pointer, "the event did not come within " + Patience());
+            if (left.count() <= 0) Fail(pointer, "this event did not happen within " + Patience());
             if (IsInterrupted(static_cast<int>(left.count()))) return false;
         }
         return false;
@@ -198,13 +205,13 @@ private:
         std::sort(serials.begin(), serials.end());
         if (m_plan.finalSerialNumbers && serials != *m_plan.finalSerialNumbers) {
             const std::string missing = Difference(*m_plan.finalSerialNumbers, serials);
-            const std::string tooMany = Difference(serials, *m_plan.finalSerialNumbers);
-            Fail("/end/cameras", "the rig ends otherwise: " + (missing.empty() ? "" : "missing " + missing) +
-                                     (missing.empty() || tooMany.empty() ? "" : "; ") +
-                                     (tooMany.empty() ? "" : "too many " + tooMany));
+            const std::string extra = Difference(serials, *m_plan.finalSerialNumbers);
+            Fail("/end/cameras", "the final state differs: " + (missing.empty() ? "" : "missing " + missing) +
+                                     (missing.empty() || extra.empty() ? "" : "; ") +
+                                     (extra.empty() ? "" : "unexpected " + extra));
         }
         if (!m_context.WantsJson()) {
-            m_context.Print("-- the end: " + Quantity(serials.size(), "camera", "cameras") +
+            m_context.Print("-- end: " + CountOf(serials.size(), "camera") +
                             (m_plan.finalSerialNumbers ? ", as the file says\n" : "\n"));
         }
     }
@@ -227,16 +234,14 @@ public:
     explicit RigCommand(CommandContext& context) : m_context(context) {}
 
     void Declare(CLI::App& rig) {
-        AddFile(*m_context.AddCommand(rig, "check", "Tells whether a file is a rig, and if not, where and why.",
-                                      [this] { return Check(); }),
-                "The rig.")
+        AddFile(*m_context.AddCommand(rig, "check", "Checks a rig file.", [this] { return Check(); }), "Rig file.")
             ->required();
-        CLI::App* play = m_context.AddCommand(rig, "play", "Lets happen what the file says and prints the events.",
+        CLI::App* play = m_context.AddCommand(rig, "play", "Plays the timeline of a rig and prints the events.",
                                               [this] { return Play(); });
         AddFile(*play);
-        play->add_flag("--fast", m_fast, "Wait for no time, only for each step to be over.");
-        m_context.AddJsonOption(*play, "Print one JSON object a line, as watch does.");
-        AddFile(*m_context.AddCommand(rig, "serve", "Puts the rig's GigE cameras on loopback sockets until Ctrl-C.",
+        play->add_flag("--fast", m_fast, "Do not wait for times, only for each step to\ncomplete.");
+        m_context.AddJsonOption(*play, "Print one JSON object per line, as watch does.");
+        AddFile(*m_context.AddCommand(rig, "serve", "Puts the GigE cameras of a rig on loopback sockets.",
                                       [this] { return Serve(); }));
         m_context.AddCommand(rig, "schema", "Prints the JSON Schema of rig files.", [this] {
             m_context.Print(std::string(Platform::RigSchema()));
@@ -249,19 +254,21 @@ public:
     }
 
 private:
-    CLI::Option* AddFile(CLI::App& command, const char* description = "The rig; without it the built-in one.") {
-        return command.add_option_function<std::string>(
-            "FILE", [this](const std::string& file) { m_file = file; }, description);
+    CLI::Option* AddFile(CLI::App& command, const char* description = "Rig file. Default: the built-in rig.") {
+        return command
+            .add_option_function<std::string>(
+                "FILE", [this](const std::string& file) { m_file = file; }, description)
+            ->type_name("");
     }
 
     int Check() {
         const RigPlan plan = Load(m_file);
         const Platform::RigDescription& rig = plan.rig;
-        m_context.Print(ForTerminal(*m_file) + ": a rig with " +
-                        Quantity(rig.fireWire.size(), "FireWire bus", "FireWire buses") + ", " +
-                        Quantity(rig.usb.size(), "USB host", "USB hosts") + ", " +
-                        Quantity(rig.gigE.size(), "network interface", "network interfaces") + " and a timeline of " +
-                        Quantity(plan.timeline.size(), "step", "steps") + ".\n");
+        m_context.Print(
+            ForTerminal(*m_file) + ": a rig with " +
+            (rig.fireWire.size() == 1 ? "1 FireWire bus" : std::to_string(rig.fireWire.size()) + " FireWire buses") +
+            ", " + CountOf(rig.usb.size(), "USB host") + ", " + CountOf(rig.gigE.size(), "network interface") +
+            " and a timeline of " + CountOf(plan.timeline.size(), "step") + ".\n");
         return kDone;
     }
 
@@ -270,25 +277,39 @@ private:
         const auto rig = std::make_shared<Platform::Rig>(std::move(plan.rig));
         rig->SetFast(m_fast);
         m_context.UseRig(rig);
-        EventQueue events;  // outlives the bus master, which calls it back
-        const BusMasterSession busMaster = m_context.StartBusMaster();
-        events.Register(*busMaster);
-        return Player(m_context, m_file.value_or(kBuiltIn), plan, *rig, *busMaster, events, m_fast).Play();
+        int status = kDone;
+        {
+            EventQueue events;  // outlives the bus master, which calls it back
+            const BusMasterSession busMaster = m_context.StartBusMaster();
+            events.Register(*busMaster);
+            status = Player(m_context, m_file.value_or(kBuiltIn), plan, *rig, *busMaster, events, m_fast).Play();
+        }
+        if (status == kDone) WarnOfFaultsLeft(*rig);
+        return status;
+    }
+
+    // A fault that never happened makes a test that passes for the wrong reason.
+    void WarnOfFaultsLeft(const Platform::Rig& rig) const {
+        for (const Platform::RigFault& fault : rig.GetFaultsLeft()) {
+            WriteError(ForTerminal("nimbrel rig play: warning: " + m_file.value_or(kBuiltIn) + ": the fault of " +
+                                   fault.function + " did not happen: " + CountOf(fault.call, "more call") +
+                                   " needed") +
+                       "\n");
+        }
     }
 
     int Serve() {
-        const int interrupt = Interrupts::Catch();
+        const int interrupt = Interrupts::Catch(Interrupts::End::Orderly);
         const RigPlan plan = Load(m_file);
         Platform::Simulated::SimulatedGigENetwork network;
         std::vector<Platform::LoopbackCamera> cameras;
         const std::string problem = Platform::PutOnLoopback(plan.rig, kFirstLoopbackAddress, &network, &cameras);
         if (!problem.empty()) throw CommandError(ForTerminal(problem));
+        m_context.GetOutput().SetInterrupt(interrupt);
         for (const Platform::LoopbackCamera& camera : cameras) {
             m_context.Print(FormatIp(UnpackIPAddress(camera.options.address)) + "  " + ForTerminal(camera.name) + "\n");
         }
-        pollfd wait{interrupt, POLLIN, 0};
-        while (poll(&wait, 1, -1) <= 0) {
-        }
+        m_context.GetOutput().WaitForEnd(interrupt);
         return kDone;
     }
 
@@ -301,11 +322,11 @@ private:
 
 void AddRigCommand(CLI::App& app, CommandContext& context) {
     const auto command = std::make_shared<RigCommand>(context);
-    CLI::App* rig = app.add_subcommand("rig", "Checks and plays rigs: simulated computers.");
+    CLI::App* rig = app.add_subcommand("rig", "Checks and plays simulated computers.");
     rig->require_subcommand(1);
     rig->footer(kFooter);
     command->Declare(*rig);
-    rig->callback([command] {});  // keeps it for as long as the command line
+    rig->callback([command] {});  // keeps it alive as long as the command line
 }
 
 }  // namespace Nimbrel2::Tool

@@ -95,6 +95,10 @@ std::optional<std::uint32_t> ReadHostAddress(const std::string& text) {
 }
 
 std::optional<std::uint32_t> ReadSubnetMask(const std::string& text) {
+    const bool hasSlash = !text.empty() && text.front() == '/';
+    if (const auto length = ReadWhole(hasSlash ? text.substr(1) : text, 1, 32)) {
+        return static_cast<std::uint32_t>(~std::uint64_t{0} << (32 - *length));
+    }
     const auto mask = ReadAddress(text);
     if (!mask || *mask == 0 || std::countl_one(*mask) + std::countr_zero(*mask) != 32) return std::nullopt;
     return mask;
@@ -108,7 +112,7 @@ std::optional<std::uint64_t> ReadMac(const std::string& text) {
         const char* begin = text.data() + i;
         const auto [end, error] = std::from_chars(begin, begin + 2, octet, 16);
         if (error != std::errc() || end != begin + 2) return std::nullopt;
-        if (i + 2 < text.size() && text[i + 2] != ':') return std::nullopt;
+        if (i + 2 < text.size() && (text[i + 2] != text[2] || (text[2] != ':' && text[2] != '-'))) return std::nullopt;
         mac = mac << 8 | octet;
     }
     if (mac == 0 || (mac & kMulticastBit) != 0) return std::nullopt;
@@ -215,18 +219,18 @@ bool HaveRoom(const SimulatedCameraOptions& first, unsigned int count) {
 
 std::string FindProblem(const SimulateOptions& options, const SimulatedCameraOptions& first) {
     const std::string count = std::to_string(options.count);
-    if (options.exclusive && options.controlOwner.empty()) return "--exclusive: needs --ccp-owner";
+    if (options.exclusive && options.controlOwner.empty()) return "--exclusive requires --ccp-owner";
     if (!HaveRoom(first, options.count)) {
-        return "--count " + count + ": not that many host addresses from " + Platform::FormatIp(first.address) +
-               " on in a subnet of mask " + Platform::FormatIp(first.subnetMask);
+        return "--count " + count + ": the subnet with mask " + Platform::FormatIp(first.subnetMask) +
+               " has fewer host addresses from " + Platform::FormatIp(first.address) + " on";
     }
     if (first.mac + (options.count - 1) > kLargestMac || ((first.mac + (options.count - 1)) & kMulticastBit) != 0) {
-        return "--mac " + options.mac + ": not that many MAC addresses from here on (--count " + count + ")";
+        return "--mac " + options.mac + ": fewer MAC addresses from here on than --count " + count;
     }
     const auto serial = ReadNumber(first.serialNumber, UINT64_MAX - options.count);
     const bool countable = serial && std::to_string(*serial) == first.serialNumber;
     if (options.count > 1 && !countable) {
-        return "--serial " + first.serialNumber + ": several cameras need a plain number to count up from";
+        return "--serial " + first.serialNumber + ": several cameras need a number to count up from";
     }
     if (options.count > 1 && std::to_string(*serial + options.count - 1).size() > Platform::Gvcp::kSerialNumberBytes) {
         return "--serial " + first.serialNumber + ": the last of " + count + " has more than 16 digits";

@@ -16,11 +16,12 @@
 
 namespace Nimbrel2::Tool {
 
-/// Readers of option values. Each answers none for text that is no such thing, trailing characters included.
+/// Readers of option values. Each returns nothing for text that is not wholly such a value.
 std::optional<std::uint32_t> ReadAddress(const std::string& text);      ///< 192.168.77.50
-std::optional<std::uint32_t> ReadHostAddress(const std::string& text);  ///< the same, not 0.* and not a group's
-std::optional<std::uint32_t> ReadSubnetMask(const std::string& text);   ///< 255.255.255.0, without holes
-std::optional<std::uint64_t> ReadMac(const std::string& text);          ///< 02:00:5e:00:00:01, not a group address
+std::optional<std::uint32_t> ReadHostAddress(const std::string& text);  ///< the same, but neither 0.* nor multicast
+std::optional<std::uint32_t> ReadSubnetMask(const std::string& text);   ///< 255.255.255.0 without holes, /24 or 24
+/// 02:00:5e:00:00:01 or 02-00-5e-00-00-01, not a group address.
+std::optional<std::uint64_t> ReadMac(const std::string& text);
 std::optional<Platform::Simulated::Endpoint> ReadEndpoint(const std::string& text);  ///< 192.168.77.1:50000
 /// Milliseconds, one number or two joined by "-", up to a minute.
 std::optional<std::pair<std::chrono::milliseconds, std::chrono::milliseconds>> ReadDelay(const std::string& text);

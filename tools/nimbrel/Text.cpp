@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From bytes that anybody may have sent to characters that a terminal only shows. Main thread only; no lock.
+// Turns bytes of unknown origin into characters that a terminal only shows. Any thread; no lock.
 #include "tools/nimbrel/Text.h"
 
 #include <locale.h>
@@ -16,7 +16,7 @@ namespace {
 constexpr char32_t kInvalid = 0xFFFFFFFF;
 constexpr char32_t kReplacement = 0xFFFD;
 
-// Takes one character off the front; kInvalid takes one byte. Overlong forms and surrogates are no characters.
+// Removes one character from the front; kInvalid removes one byte. Overlong forms and surrogates are invalid.
 char32_t TakeCharacter(std::string_view* text) {
     const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>((*text)[i]); };
     const std::uint8_t first = byte(0);
@@ -49,12 +49,12 @@ char32_t TakeCharacter(std::string_view* text) {
     return value;
 }
 
-// Terminals that know bidirectional text would let these rearrange what stands beside them.
+// Terminals with bidirectional text would let these rearrange the text beside them.
 bool ChangesDirection(char32_t c) {
     return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
 }
 
-// The character in the encoding of the locale; empty when it has none or is not for showing.
+// The character in the encoding of the locale; empty when it has none or must not be shown.
 std::string Encode(char32_t c) {
     if (c == kInvalid || ChangesDirection(c) || wcwidth(static_cast<wchar_t>(c)) < 0) return {};
     char bytes[MB_LEN_MAX];
@@ -75,7 +75,7 @@ struct Glyph {
     std::size_t width;
 };
 
-// A text that ForTerminal has made, character by character.
+// A text from ForTerminal, character by character.
 std::vector<Glyph> Glyphs(const std::string& shown) {
     std::vector<Glyph> glyphs;
     mbstate_t state{};
@@ -103,7 +103,7 @@ std::string Trim(const std::string& text) {
 }  // namespace
 
 void UseLocaleOfUser() {
-    // Not setlocale: that would change it for the whole process. It lives as long as the thread, that is the program.
+    // Not setlocale, which would change it for the whole process. The locale object lives as long as the program.
     static const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
     if (locale != nullptr) uselocale(locale);
 }

@@ -10,18 +10,21 @@
 
 namespace Nimbrel2::Tool {
 
-/// A tree for people in the characters that this locale has, within so many columns as far as the tree's depth allows.
-std::string TopologyAsText(const Topology& topology, std::size_t width);
+/// A tree for people in the characters that this locale has. Where the tree is too deep for the width, the rest of a
+/// branch is drawn below the tree under a number.
+std::string TopologyAsText(const Topology& topology, std::size_t width, bool coloured);
 
 /// One JSON document, as Dump makes them.
-std::string TopologyAsJson(const TopologyView& computer);
+std::string TopologyAsJson(const Topology& topology);
 
 /// A graph in Graphviz's DOT language. Pure ASCII, whatever the texts hold.
-std::string TopologyAsDot(const TopologyView& computer);
+std::string TopologyAsDot(const Topology& topology);
 
-/// The same graph as a picture, laid out. Pure ASCII, whatever the texts hold.
-/// @throws CommandError when the layout fails.
-std::string TopologyAsSvg(const TopologyView& computer);
+/// A picture, laid out. Pure ASCII, whatever the texts hold.
+std::string TopologyAsSvg(const Topology& topology);
+
+/// The same picture in pixels, drawn with a font of this computer. @throws CommandError when it cannot be drawn.
+std::string TopologyAsPng(const Topology& topology);
 
 }  // namespace Nimbrel2::Tool
 

@@ -5,48 +5,62 @@
 #include <algorithm>
 #include <map>
 
+#include "tools/nimbrel/BusMaps.h"
+#include "tools/nimbrel/Capacity.h"
+#include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/Locations.h"
+
 namespace Nimbrel2::Tool {
 namespace {
 
 using Node = TopologyNode;
+using Kind = TopologyView::Kind;
 
 // What a host controller is called in the tree.
 constexpr int kUsbHostId = 63;
+// The tree of a host shows what is behind at most so many hubs.
+constexpr unsigned int kDeepestHubs = 4;
 
-struct ByNumbers {
-    bool operator()(const ZevoGuid& a, const ZevoGuid& b) const {
-        return std::lexicographical_compare(std::begin(a.value), std::end(a.value), std::begin(b.value),
-                                            std::end(b.value));
+Kind KindOf(Node::NodeType type) {
+    switch (type) {
+        case Node::NODE_COMPUTER:
+            return Kind::Computer;
+        case Node::NODE_BUS:
+            return Kind::Bus;
+        case Node::NODE_CAMERA:
+            return Kind::Camera;
+        case Node::NODE_DEVICE:
+            break;
     }
-};
+    return Kind::Device;
+}
 
 class ViewMaker {
 public:
-    explicit ViewMaker(BusMaster& busMaster) : m_busMaster(busMaster) {
-        for (const Camera& camera : ListCameras(busMaster)) m_cameras.emplace(camera.guid, Known{camera});
+    ViewMaker(BusMaster& busMaster, std::vector<Camera> cameras) : m_busMaster(busMaster) {
+        for (Camera& camera : cameras) m_cameras.push_back({std::move(camera), false});
     }
 
     TopologyView Make(const Node& node, const TopologyView* above = nullptr) {
         TopologyView view;
-        view.type = node.GetNodeType();
+        view.kind = KindOf(node.GetNodeType());
         view.interfaceType = node.GetInterfaceType();
         view.id = node.GetDeviceId();
         view.guid = node.GetGuid();
-        view.isFireWireRoot = IsPhy(view) && above != nullptr && above->type == Node::NODE_BUS;
+        view.isBusRoot = view.kind == Kind::Device && above != nullptr && above->kind == Kind::Bus;
         for (unsigned int i = 0; i < node.GetNumPorts(); ++i) view.ports.push_back(node.GetPortType(i));
-        view.isCamera = view.type == Node::NODE_CAMERA || !(view.guid == ZevoGuid{});
+        view.isCamera = view.kind == Kind::Camera || !(view.guid == ZevoGuid{});
         if (view.isCamera) AddCamera(&view);
         for (unsigned int i = 0; i < node.GetNumChildren(); ++i) view.children.push_back(Make(node.GetChild(i), &view));
-        NumberPorts(&view);
+        if (view.kind == Kind::Device && view.interfaceType == INTERFACE_IEEE1394) NumberPorts(&view);
         return view;
     }
 
-    std::vector<Camera> GetUnplaced() const {
-        std::vector<Camera> unplaced;
-        for (const auto& [guid, known] : m_cameras) {
-            if (!known.placed) unplaced.push_back(known.camera);
+    std::vector<UnplacedCamera> GetUnplaced() const {
+        std::vector<UnplacedCamera> unplaced;
+        for (const Known& known : m_cameras) {
+            if (!known.placed) unplaced.push_back({known.camera, ReasonFor(known.camera)});
         }
-        std::sort(unplaced.begin(), unplaced.end(), [](const Camera& a, const Camera& b) { return a.index < b.index; });
         return unplaced;
     }
 
@@ -56,29 +70,21 @@ private:
         bool placed = false;
     };
 
-    static bool IsPhy(const TopologyView& view) {
-        return view.type == Node::NODE_DEVICE && view.interfaceType == INTERFACE_IEEE1394;
-    }
-
+    // Cameras that share a guid are taken in the order of the list, which is that of the tree.
     void AddCamera(TopologyView* view) {
-        const auto found = m_cameras.find(view->guid);
-        if (found == m_cameras.end()) return;
-        found->second.placed = true;
-        view->camera = found->second.camera;
-        unsigned int speed = 0;
-        if (m_busMaster.GetLinkSpeed(view->guid, &speed) == ERROR_OK) view->speed = speed;
-    }
-
-    void NumberPorts(TopologyView* view) const {
-        if (view->type != Node::NODE_DEVICE) return;
-        if (!IsPhy(*view)) {
-            for (TopologyView& child : view->children) {
-                if (child.isCamera) child.portAbove = UsbPort(child.guid);
-            }
+        for (Known& known : m_cameras) {
+            if (known.placed || !(known.camera.guid == view->guid)) continue;
+            known.placed = true;
+            view->camera = known.camera;
+            view->speed = known.camera.speed;
             return;
         }
+    }
+
+    // Self-IDs tell the ports of a PHY in order, and children come in the order of the ports.
+    static void NumberPorts(TopologyView* view) {
         auto child = view->children.begin();
-        const std::size_t firstSocket = view->isFireWireRoot ? 1 : 0;
+        const std::size_t firstSocket = view->isBusRoot ? 1 : 0;
         for (std::size_t i = firstSocket; i < view->ports.size() && child != view->children.end(); ++i) {
             if (view->ports[i] != Node::PORT_TO_CHILD) continue;
             child->portAbove = static_cast<unsigned int>(i - firstSocket);
@@ -86,55 +92,93 @@ private:
         }
     }
 
-    // The tree of a USB host says what hangs on a hub, and not on which of its ports; the camera does.
-    std::optional<unsigned int> UsbPort(const ZevoGuid& guid) const {
+    std::string ReasonFor(const Camera& camera) const {
         unsigned int link = 0;
-        if (m_busMaster.GetUsbLinkInfo(guid, &link) != ERROR_OK) return std::nullopt;
-        const unsigned int port = link >> 8 & 0xFF;
-        return port == 0 ? std::nullopt : std::optional(port);
+        if (m_busMaster.GetUsbLinkInfo(camera.guid, &link) == ERROR_OK && (link & 0xFF) > kDeepestHubs) {
+            return "it is more than four hubs deep";
+        }
+        if (camera.interfaceType == INTERFACE_IEEE1394 && camera.location.empty()) {
+            return "it is virtual, or its bus does not tell where it is";
+        }
+        return "its bus does not tell where it is";
     }
 
     BusMaster& m_busMaster;
-    std::map<ZevoGuid, Known, ByNumbers> m_cameras;
+    std::vector<Known> m_cameras;
 };
 
-std::string BusName(InterfaceType type) {
-    switch (type) {
-        case INTERFACE_IEEE1394:
-            return "IEEE 1394";
-        case INTERFACE_USB_2:
-            return "USB 2";
-        case INTERFACE_USB_3:
-            return "USB 3";
-        case INTERFACE_GIGE:
-            return "GigE";
-        case INTERFACE_NONE:
-            break;
+// ---- Devices that stand at several places --------------------------------------------------------------------------
+
+using DevicePlaces = std::map<int, std::vector<TopologyView*>>;
+
+void CollectPlaces(TopologyView* view, DevicePlaces* places) {
+    (*places)[view->id].push_back(view);
+    for (TopologyView& child : view->children) CollectPlaces(&child, places);
+}
+
+void MarkPlaces(TopologyView* root) {
+    DevicePlaces places;
+    CollectPlaces(root, &places);
+    for (auto& [id, views] : places) {
+        for (TopologyView* view : views) view->places = static_cast<unsigned int>(views.size());
     }
-    return "Bus";
+}
+
+// ---- Network links -------------------------------------------------------------------------------------------------
+
+void AddLinks(TopologyView* bus, const std::vector<Platform::BusMap>& maps) {
+    for (TopologyView& view : bus->children) {
+        if (!view.camera) continue;
+        for (const Platform::BusMap& map : maps) {
+            const bool isThere = std::any_of(map.nodes.begin(), map.nodes.end(),
+                                             [&](const auto& node) { return IsNodeOf(map, node, *view.camera); });
+            if (!isThere || map.bus != HAL_INTERFACE_GIGE) continue;
+            view.link = NetworkLink{map.name, map.hasLink, map.linkSpeed};
+            break;
+        }
+    }
+}
+
+std::string NameOfDevice(const TopologyView& view) {
+    if (view.interfaceType != INTERFACE_IEEE1394) {
+        if (view.id == kUsbHostId) return "USB host" + (view.busName.empty() ? "" : " " + view.busName);
+        if (!view.name.empty()) return view.name;
+        return view.isHub || !view.children.empty() ? "Hub" : "Device";
+    }
+    const std::string phy = "PHY " + std::to_string(view.id);
+    const std::string name = view.isThisComputer ? "this computer" : view.name;
+    return (view.busName.empty() ? "" : view.busName + ": ") + (name.empty() ? phy : name + " (" + phy + ")");
 }
 
 }  // namespace
 
 std::string TopologyView::GetName() const {
     if (isCamera) {
-        if (!camera || (camera->vendor.empty() && camera->model.empty())) return "Camera";
-        return camera->vendor + (camera->vendor.empty() || camera->model.empty() ? "" : " ") + camera->model;
+        const std::string bus = busName.empty() ? "" : busName + ": ";
+        if (!camera || (camera->vendor.empty() && camera->model.empty())) return bus + "Camera";
+        return bus + camera->vendor + (camera->vendor.empty() || camera->model.empty() ? "" : " ") + camera->model;
     }
-    if (type == TopologyNode::NODE_COMPUTER) return "Computer";
-    if (type == TopologyNode::NODE_BUS) return BusName(interfaceType);
-    if (interfaceType == INTERFACE_IEEE1394) return "PHY " + std::to_string(id);
-    if (id == kUsbHostId) return "USB host";
-    return children.empty() ? "Device" : "Hub";
+    switch (kind) {
+        case Kind::Computer:
+            return "Computer";
+        case Kind::Bus:
+            return BusName(interfaceType);
+        case Kind::Interface:
+            return name;
+        case Kind::Camera:
+        case Kind::Device:
+            break;
+    }
+    return NameOfDevice(*this);
 }
 
 unsigned int TopologyView::CountSockets() const {
-    if (type != TopologyNode::NODE_DEVICE || interfaceType != INTERFACE_IEEE1394) return 0;
-    return static_cast<unsigned int>(ports.size()) - (isFireWireRoot && !ports.empty() ? 1 : 0);
+    if (kind != Kind::Device || interfaceType != INTERFACE_IEEE1394) return 0;
+    return static_cast<unsigned int>(ports.size()) - (isBusRoot && !ports.empty() ? 1 : 0);
 }
 
 unsigned int TopologyView::CountFreeSockets() const {
-    return static_cast<unsigned int>(std::count(ports.begin(), ports.end(), TopologyNode::PORT_NOT_CONNECTED));
+    return static_cast<unsigned int>(std::count(ports.begin(), ports.end(), Node::PORT_NOT_CONNECTED));
 }
 
 unsigned int TopologyView::CountCameras() const {
@@ -144,21 +188,67 @@ unsigned int TopologyView::CountCameras() const {
 }
 
 Topology ReadTopology(BusMaster& busMaster) {
-    ViewMaker maker(busMaster);
-    TopologyNode tree;
-    Check(busMaster.GetTopology(&tree));
+    std::vector<Camera> cameras = ListCameras(busMaster);
+    const std::vector<Platform::BusMap> maps = ReadBusMaps();
+    for (Camera& camera : cameras) {
+        unsigned int speed = 0;
+        if (busMaster.GetLinkSpeed(camera.guid, &speed) == ERROR_OK) camera.speed = speed;
+    }
+    AddLocations(maps, &cameras);
     Topology topology;
+    topology.cut = FindCutListings(cameras);
+    ViewMaker maker(busMaster, cameras);
+    TopologyNode tree;
+    Check(busMaster.GetTopology(&tree), "the topology cannot be read");
     topology.computer = maker.Make(tree);
+    for (TopologyView& bus : topology.computer.children) {
+        if (bus.interfaceType == INTERFACE_GIGE) AddLinks(&bus, maps);
+        const bool hasTrees = bus.interfaceType == INTERFACE_IEEE1394 || bus.interfaceType == INTERFACE_USB_3;
+        if (!hasTrees) continue;
+        for (TopologyView& root : bus.children) {
+            if (root.kind == Kind::Device) MarkPlaces(&root);
+        }
+        AddMaps(maps, &bus);
+    }
     topology.unplaced = maker.GetUnplaced();
     return topology;
 }
 
-std::string FormatSpeed(std::uint32_t megabits) {
-    if (megabits < 1000) return std::to_string(megabits) + " Mbit/s";
-    std::string text = std::to_string(megabits / 1000);
-    std::string decimals = std::to_string(1000 + megabits % 1000).substr(1);
-    decimals.erase(decimals.find_last_not_of('0') + 1);
-    return text + (decimals.empty() ? "" : "." + decimals) + " Gbit/s";
+TopologyView WithInterfaces(const TopologyView& computer) {
+    TopologyView drawn = computer;
+    for (TopologyView& bus : drawn.children) {
+        if (bus.interfaceType != INTERFACE_GIGE) continue;
+        std::vector<TopologyView> below;
+        for (TopologyView& camera : bus.children) {
+            if (!camera.link) {
+                below.push_back(std::move(camera));
+                continue;
+            }
+            auto interface = std::find_if(below.begin(), below.end(), [&camera](const TopologyView& view) {
+                return view.kind == Kind::Interface && view.link == camera.link;
+            });
+            if (interface == below.end()) {
+                TopologyView view;
+                view.kind = Kind::Interface;
+                view.interfaceType = INTERFACE_GIGE;
+                view.name = camera.link->name;
+                view.link = camera.link;
+                view.speed = camera.link->speed;
+                interface = below.insert(below.end(), std::move(view));
+            }
+            interface->children.push_back(std::move(camera));
+        }
+        bus.children = std::move(below);
+    }
+    return drawn;
+}
+
+const TopologyView* FindInTree(const TopologyView& view, const ZevoGuid& guid) {
+    if (view.isCamera && view.guid == guid) return &view;
+    for (const TopologyView& child : view.children) {
+        if (const TopologyView* found = FindInTree(child, guid)) return found;
+    }
+    return nullptr;
 }
 
 }  // namespace Nimbrel2::Tool

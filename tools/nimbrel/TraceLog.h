@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's trace, as -v and --log want it: a line each, with time and thread. Any thread; no lock.
+// The library's trace for -v and --log: one line per text, with time and thread. Any thread; no lock.
 #ifndef NIMBREL2_TOOLS_NIMBREL_TRACELOG_H
 #define NIMBREL2_TOOLS_NIMBREL_TRACELOG_H
 

@@ -1,30 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tells how a USB camera is connected. Main thread only; no lock.
-#include "tools/nimbrel/UsbLinkCommand.h"
-
+// Shows how a USB camera is connected. Main thread only; no lock.
 #include <string>
 
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/UsbStatus.h"
 
 namespace Nimbrel2::Tool {
 namespace {
 
 const char kFooter[] =
-    R"(Tells how fast the link is now, which port of its hub (or of the computer) the
-camera is plugged into, and how many hubs are between the camera and the
-computer. A camera that is slower than it can be hangs on a slow port or hub, or
-on a bad cable.
+    R"(Shows how fast the link is now, which port of its hub (or of the computer) the
+camera is plugged into, and how many hubs are between camera and computer. A
+camera that is slower than it should be has a slow port or hub above it, or a
+bad cable.
 
 Exit status:
   0  Done.
-  1  There is no such camera, it is no USB camera, or it does not tell; standard
+  1  No such camera, it is not on USB, or its link cannot be read; standard
      error says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: {"ok":true,"value","speed","port","hubs"}; "value" is the whole number:
-bits 31 to 16 the speed in units of 10 Mbit/s, 15 to 8 the port, 7 to 0 the
-hubs. "speed" says the same in words.
+JSON: {"ok":true,"value","speed","port","hubs"}; "speed" in Mbit/s; "value" is
+the raw number: bits 31 to 16 the speed in units of 10 Mbit/s, 15 to 8 the port,
+7 to 0 the hubs.
 
 Examples:
   nimbrel usb-link 21000101
@@ -33,13 +32,14 @@ Examples:
 
 std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool asJson) {
     unsigned int value = 0;
-    CheckFor(camera, busMaster.GetUsbLinkInfo(camera.guid, &value));
+    CheckFor(camera, busMaster.GetUsbLinkInfo(camera.guid, &value), "has a link that cannot be read");
     const UsbLink link = DecodeUsbLink(value);
-    const std::string speed = DescribeUsbSpeed(link.speed);
+    unsigned int speed = 0;  // exact, where the word above has units of 10 Mbit/s
+    if (busMaster.GetLinkSpeed(camera.guid, &speed) != ERROR_OK) speed = link.speed * 10;
     if (asJson) {
         return Dump({{"ok", true}, {"value", value}, {"speed", speed}, {"port", link.port}, {"hubs", link.hubs}});
     }
-    return "speed  " + speed + "\nport   " + std::to_string(link.port) +
+    return "speed  " + DescribeUsbSpeed(link.speed) + "\nport   " + std::to_string(link.port) +
            (link.hubs == 0 ? " of the computer" : " of its hub") + "\nhubs   " + std::to_string(link.hubs) +
            " above it\n";
 }
@@ -47,7 +47,8 @@ std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool a
 }  // namespace
 
 void AddUsbLinkCommand(CLI::App& app, CommandContext& context) {
-    AddCameraCommand(app, context, "usb-link", "Tells how a USB camera is connected.", kFooter, DescribeLink);
+    AddCameraCommand(app, context,
+                     {"usb-link", "Shows how a USB camera is connected.", kFooter, Scope::Usb, DescribeLink});
 }
 
 }  // namespace Nimbrel2::Tool

@@ -69,13 +69,10 @@ std::uint32_t ParseNumber(const std::string& option, const std::string& text, st
 
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text) {
     std::vector<std::uint32_t> serials;
-    for (std::size_t begin = 0; begin <= text.size();) {
-        const std::size_t end = std::min(text.find(',', begin), text.size());
-        const std::string word = text.substr(begin, end - begin);
+    for (const std::string& word : SplitAtCommas(text)) {
         const auto serial = WholeNumber<std::uint32_t>(word);
         if (!serial) throw Refusal(option, word, "a serial number, which is a number from 0 to 4294967295");
         if (std::find(serials.begin(), serials.end(), *serial) == serials.end()) serials.push_back(*serial);
-        begin = end + 1;
     }
     return serials;
 }
@@ -87,13 +84,22 @@ std::string FormatSeconds(milliseconds time) {
     return text + (decimals.empty() ? "" : "." + decimals) + " s";
 }
 
-std::string Enumerate(const std::vector<std::string>& words) {
-    std::string text;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (i != 0) text += i + 1 == words.size() ? " and " : ", ";
-        text += words[i];
+std::string FormatSpeed(std::uint32_t megabits) {
+    if (megabits < 1000) return std::to_string(megabits) + " Mbit/s";
+    std::string text = std::to_string(megabits / 1000);
+    std::string decimals = std::to_string(1000 + megabits % 1000).substr(1);
+    decimals.erase(decimals.find_last_not_of('0') + 1);
+    return text + (decimals.empty() ? "" : "." + decimals) + " Gbit/s";
+}
+
+std::vector<std::string> SplitAtCommas(const std::string& text) {
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find(',', begin), text.size());
+        words.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
     }
-    return text;
+    return words;
 }
 
 }  // namespace Nimbrel2::Tool

@@ -10,8 +10,8 @@
 
 namespace Nimbrel2::Tool {
 
-/// A decimal number of seconds within bounds, to the millisecond. "0.2" and "60" are some; signs, exponents, commas and
-/// blanks are not.
+/// A decimal number of seconds within bounds, to the millisecond, such as "0.2" or "60"; no signs, exponents, commas or
+/// blanks.
 /// @throws CommandError (wrong usage) that names the option and the value.
 std::chrono::milliseconds ParseSeconds(const std::string& option, const std::string& text,
                                        std::chrono::milliseconds smallest, std::chrono::milliseconds largest);
@@ -29,8 +29,11 @@ std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const s
 /// "0.2 s": without zeros at the end.
 std::string FormatSeconds(std::chrono::milliseconds time);
 
-/// "a", "a and b", "a, b and c".
-std::string Enumerate(const std::vector<std::string>& words);
+/// "480 Mbit/s", "5 Gbit/s", "2.5 Gbit/s".
+std::string FormatSpeed(std::uint32_t megabits);
+
+/// The words between the commas, empty ones included.
+std::vector<std::string> SplitAtCommas(const std::string& text);
 
 }  // namespace Nimbrel2::Tool
 

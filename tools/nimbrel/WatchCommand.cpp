@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// `nimbrel watch`: prints what the bus master calls back. The callbacks only queue; this thread, the main one, prints.
-// No lock.
-#include "tools/nimbrel/WatchCommand.h"
-
+// `nimbrel watch`: prints the events of the bus master. Its callbacks only queue; the main thread prints. No lock.
 #include <poll.h>
 #include <unistd.h>
 
@@ -14,11 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/UnseenFireWire.h"
 #include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -29,25 +28,27 @@ using std::chrono::milliseconds;
 constexpr milliseconds kLongestDuration = std::chrono::hours(24 * 365);
 
 const char kFooter[] =
-    R"(Prints a line for each event until Ctrl-C, SIGTERM, --count, --duration or a
-reader that goes away ends it. A line on standard error says from when on the
-buses are watched. Events of one instant come in no particular order.
+    R"(Prints one line per event. Ends after --count events, after --duration, on
+Ctrl-C, SIGTERM or SIGHUP, or when its reader goes away. A line on standard
+error says when watching begins. Events of the same instant come in no
+particular order.
 
 Exit status:
-  0  It watched, and was ended by one of these.
-  1  It failed; standard error says why.
+  0  Ended in one of these ways.
+  1  Failed; standard error says why.
   2  Wrong usage; standard error names the option and the value.
-  A signal that comes before the first discovery is over ends it at once
-  (Ctrl-C: status 130).
+  A signal during the first discovery ends it at once (Ctrl-C: status 130).
 
-JSON: {"event":"reset"|"arrival"|"removal","serial","generation","time"}, one
-object a line. "generation" counts how often that camera has come and gone since
-the start; "time" is UTC. Resets have serial 0 and generation 0.
+JSON: one object per line, {"event":"reset"|"arrival"|"removal","serial",
+"generation","time","guid","interface","vendor","model","ip"}. "generation"
+counts how often that camera has come or gone since the start; "time" is UTC.
+Resets have serial 0 and generation 0, and nothing after "time"; "ip" is on GigE
+only.
 
 Examples:
   nimbrel watch                                   until Ctrl-C
   nimbrel watch --bus gige --interface eth1 --json >>cameras.log
-  nimbrel watch --duration 60                     for a minute, then end
+  nimbrel watch --duration 60                     for a minute
   nimbrel watch --count 1                         until the next event
 )";
 
@@ -56,10 +57,10 @@ public:
     explicit WatchCommand(CommandContext& context) : m_context(context) {}
 
     void AddOptions(CLI::App& command) {
-        m_context.AddJsonOption(command, "Print one JSON object a line.");
-        CommandContext::AddValue(command, "--count", "N", "End after so many events.",
+        m_context.AddJsonOption(command, "Print one JSON object per line.");
+        CommandContext::AddValue(command, "--count", "N", "End after N events.",
                                  [this](const std::string& text) { m_count = ParseCount("--count", text); });
-        CommandContext::AddValue(command, "--duration", "SECONDS", "End so long after watching began.",
+        CommandContext::AddValue(command, "--duration", "SECONDS", "End after this time of watching.",
                                  [this](const std::string& text) {
                                      m_duration = ParseSeconds("--duration", text, milliseconds(0), kLongestDuration);
                                  });
@@ -69,14 +70,15 @@ public:
     int Run() {
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster = m_context.StartBusMaster();
-        m_interrupt = Interrupts::Catch();
+        m_interrupt = Interrupts::Catch(Interrupts::End::Orderly);
         m_context.GetOutput().SetInterrupt(m_interrupt);
         m_context.CheckBuses(*busMaster);
         events.Register(*busMaster);
         EventPrinter printer(m_context, *busMaster);
         const std::size_t present = printer.GetNumCameras();
-        WriteError("Watching " + m_context.DescribeBuses() + ": " + std::to_string(present) +
-                   (present == 1 ? " camera" : " cameras") + " now. Ctrl-C ends.\n");
+        m_context.NoteBusesWithoutDriver("watch");
+        WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") +
+                   " now. Ctrl-C ends.\n");
         WarnOfUnseenFireWire(Shown::Resets);
         if (m_duration) m_end = Clock::now() + *m_duration;
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
@@ -91,15 +93,15 @@ private:
             if (!printer.Print(*event) || ++m_printed == m_count) return false;
         }
         if (const std::uint64_t lost = events.TakeLost()) {
-            WriteError("nimbrel watch: " + std::to_string(lost) +
-                       " events were not printed: standard output was not read in time.\n");
+            WriteError("nimbrel watch: " + CountOf(lost, "event") +
+                       " lost: the reader of standard output is too slow.\n");
         }
         return true;
     }
 
-    // False when it is time to end: by a signal, by --duration, or because nobody reads any more.
+    // False when it is time to end: on a signal, after --duration, or because the reader is gone.
     bool WaitForEvent(EventQueue& events) const {
-        // No events asked for: an error or hang-up is always told.
+        // No events requested: errors and hang-ups are always reported.
         std::array<pollfd, 3> waits{{{events.GetFd(), POLLIN, 0}, {m_interrupt, POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
         int patience = -1;
         if (m_end) {
@@ -112,7 +114,7 @@ private:
     }
 
     CommandContext& m_context;
-    std::uint64_t m_count = 0;  // 0: without end
+    std::uint64_t m_count = 0;  // 0: unlimited
     std::optional<milliseconds> m_duration;
     std::optional<Clock::time_point> m_end;
     std::uint64_t m_printed = 0;
@@ -123,8 +125,8 @@ private:
 
 void AddWatchCommand(CLI::App& app, CommandContext& context) {
     const auto watch = std::make_shared<WatchCommand>(context);
-    CLI::App* command = context.AddCommand(app, "watch", "Prints what happens to the cameras, as it happens.",
-                                           [watch] { return watch->Run(); });
+    CLI::App* command =
+        context.AddCommand(app, "watch", "Prints arrivals, removals and bus resets.", [watch] { return watch->Run(); });
     watch->AddOptions(*command);
     command->footer(kFooter);
 }

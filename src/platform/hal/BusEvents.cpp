@@ -34,6 +34,11 @@ BusEvents::~BusEvents() {
     JoinThreads(EventDelivery::Clock::time_point::min());
 }
 
+void BusEvents::DeliverAtOnce() {
+    const LockGuard lock(m_mutex);
+    m_settles = false;
+}
+
 void BusEvents::Report(BusState state) noexcept { Take(std::move(state), false); }
 
 void BusEvents::ReportSettled(BusState state) noexcept { Take(std::move(state), true); }
@@ -43,6 +48,14 @@ void BusEvents::Take(BusState state, bool settled) {
     m_news.Report(std::move(state), [this, settled](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
         m_mutex.AssumeHeld();
         Add({event, first, second}, settled);
+    });
+}
+
+void BusEvents::ReportUnknown() noexcept {
+    const LockGuard lock(m_mutex);
+    m_news.ReportUnknown([this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
+        m_mutex.AssumeHeld();
+        Add({event, first, second}, false);
     });
 }
 
@@ -60,7 +73,12 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     Registrations fresh;
     const Handle handle = NextHandle();
     Registration& made = fresh[handle];
-    made.delivery = std::make_shared<EventDelivery>(m_bus, function, context);
+    bool settles = true;
+    {
+        const LockGuard lock(m_mutex);
+        settles = m_settles;
+    }
+    made.delivery = std::make_shared<EventDelivery>(m_bus, function, context, settles);
     try {
         made.thread = m_startThread(ThreadName(m_bus), [delivery = made.delivery] { delivery->Run(); });
     } catch (const std::system_error&) {
@@ -106,9 +124,20 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
                        [deadline](const auto& delivery) { return delivery->WaitUntilIdle(deadline); });
 }
 
-void BusEvents::Listed(Listing listing, BusState state) {
-    const LockGuard lock(m_mutex);
-    m_news.Listed(listing, std::move(state));
+BusEvents::ListingInProgress::ListingInProgress(BusEvents& events, Listing listing)
+    : m_events(events), m_listing(listing) {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.BeginListing(m_listing);
+}
+
+BusEvents::ListingInProgress::~ListingInProgress() {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.EndListing(m_listing);
+}
+
+void BusEvents::ListingInProgress::Succeeded(BusState state) {
+    const LockGuard lock(m_events.m_mutex);
+    m_events.m_news.Listed(m_listing, std::move(state));
 }
 
 void BusEvents::StopCallbacks() {

@@ -31,8 +31,12 @@ public:
     BusEvents(const BusEvents&) = delete;
     BusEvents& operator=(const BusEvents&) = delete;
 
+    /// Registrations from here on get bus resets at once, without waiting for a burst to end.
+    void DeliverAtOnce();
+
     void Report(BusState state) noexcept override;
     void ReportSettled(BusState state) noexcept override;
+    void ReportUnknown() noexcept override;
     void RaiseError() noexcept override;
 
     /// @return HAL_CLOSED after StopCallbacks, HAL_OUT_OF_MEMORY when no thread can be made.
@@ -43,8 +47,21 @@ public:
     /// Waits until everything raised so far has been called back. False when the deadline came first.
     [[nodiscard]] bool WaitUntilDelivered(EventDelivery::Clock::time_point deadline) const;
 
-    /// After each listing that succeeded.
-    void Listed(Listing listing, BusState state);
+    /// Stands around a listing, whatever becomes of it.
+    class ListingInProgress {
+    public:
+        ListingInProgress(BusEvents& events, Listing listing);
+        ~ListingInProgress();
+        ListingInProgress(const ListingInProgress&) = delete;
+        ListingInProgress& operator=(const ListingInProgress&) = delete;
+
+        /// It has succeeded: whoever registers from here on knows this state.
+        void Succeeded(BusState state);
+
+    private:
+        BusEvents& m_events;
+        const Listing m_listing;
+    };
 
     /// From here on no callback is begun and nothing registers.
     void StopCallbacks();
@@ -71,6 +88,7 @@ private:
 
     mutable Mutex m_mutex;
     bool m_stopped NIMBREL2_GUARDED_BY(m_mutex) = false;
+    bool m_settles NIMBREL2_GUARDED_BY(m_mutex) = true;
     BusNews m_news NIMBREL2_GUARDED_BY(m_mutex);
     Registrations m_registrations NIMBREL2_GUARDED_BY(m_mutex);
     /// Deregistered, with a thread that may still be in its last callback.

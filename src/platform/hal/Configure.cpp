@@ -73,12 +73,12 @@ void CheckSourcePorts(const std::optional<PortRange>& ports, std::string& reason
     } else if (const unsigned int count = ports->last - ports->first + 1u; count <= kSourcePortsBesideCameras) {
         AddProblem(reason, "sourcePorts: " + range + " has " + std::to_string(count) +
                                (count == 1 ? " port; " : " ports; ") + std::to_string(kSourcePortsBesideCameras) +
-                               " are needed, and one more for each camera of a network interface");
+                               " are needed for each network interface, and one more for each camera");
     }
 }
 
 /// The kernel's own rule for names of network interfaces.
-const char* WhatIsWrongWithName(const std::string& name) {
+const char* FaultOfName(const std::string& name) {
     if (name.empty()) return "is empty";
     if (name.size() > kLongestInterfaceName) return "is longer than 15 characters";
     if (name == "." || name == "..") return "is no interface name";
@@ -91,7 +91,7 @@ const char* WhatIsWrongWithName(const std::string& name) {
 
 void CheckNames(const std::vector<std::string>& names, std::string& reason) {
     for (auto name = names.begin(); name != names.end(); ++name) {
-        if (const char* wrong = WhatIsWrongWithName(*name)) {
+        if (const char* wrong = FaultOfName(*name)) {
             AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " " + wrong);
         } else if (std::find(names.begin(), name, *name) != name) {
             AddProblem(reason, "networkInterfaces: " + Quoted(*name) + " is named twice");

@@ -3,13 +3,48 @@
 // I/O; no lock of the glue is held.
 #include "platform/Diagnostics.h"
 
+#include "platform/BusMap.h"
 #include "platform/FireWireDiagnostics.h"
 #include "platform/base/CameraAddress.h"
+#include "platform/base/Texts.h"
 #include "platform/hal/Calls.h"
 
 namespace Nimbrel2::Platform {
-
 namespace {
+
+BusMapNode NodeOf(const GvcpDiscoveryRecord& record, std::size_t position) {
+    BusMapNode node;
+    node.id = static_cast<std::uint32_t>(position);
+    node.isCamera = true;
+    node.serialNumber = LeadingNumber(FieldText(record.serialNumber));
+    node.vendor = FieldText(record.manufacturerName);
+    node.model = FieldText(record.modelName);
+    node.name = FieldText(record.userDefinedName);
+    node.mac = static_cast<std::uint64_t>(record.macHigh) << 32 | record.macLow;
+    return node;
+}
+
+// One map per network interface, with the cameras that are listed through it.
+std::vector<BusMap> MapsOf(const GigEDiagnosis& diagnosis) {
+    std::vector<BusMap> maps;
+    for (const InterfaceDiagnosis& interface : diagnosis.interfaces) {
+        BusMap map;
+        map.bus = HAL_INTERFACE_GIGE;
+        map.name = interface.interface.name;
+        map.hasLink = interface.interface.up && interface.interface.running;
+        map.linkSpeed = interface.linkSpeed;
+        for (const CameraDiagnosis& camera : diagnosis.cameras) {
+            if (!camera.listed || camera.interface != interface.interface.index) continue;
+            map.nodes.push_back(NodeOf(camera.record, map.nodes.size()));
+        }
+        maps.push_back(std::move(map));
+    }
+    return maps;
+}
+
+void Append(std::vector<BusMap>* all, std::vector<BusMap> some) {
+    for (BusMap& map : some) all->push_back(std::move(map));
+}
 
 /// The glue hands the drivers empty containers.
 template <class Answer, class Work>
@@ -27,6 +62,24 @@ std::uint32_t DiagnoseFireWire(bool askNodes, FireWireDiagnosis* diagnosis) {
         *diagnosis = FireWireDiagnosis{};
         return session.FireWire().Diagnose(askNodes, diagnosis);
     });
+}
+
+std::uint32_t DescribeBuses(std::vector<BusMap>* maps) {
+    return InSession(__func__, maps != nullptr, [&](Session& session) -> std::uint32_t {
+        maps->clear();
+        std::vector<BusMap> fireWire;
+        if (session.FireWire().Describe(&fireWire) == HAL_OK) Append(maps, std::move(fireWire));
+        std::vector<BusMap> usb;
+        if (session.Usb().Describe(&usb) == HAL_OK) Append(maps, std::move(usb));
+        GigEDiagnosis diagnosis;
+        if (session.GigE().Diagnose(false, &diagnosis) == HAL_OK) Append(maps, MapsOf(diagnosis));
+        return HAL_OK;
+    });
+}
+
+std::uint32_t GetBusSupport(HALInterfaceType bus) {
+    const bool known = bus == HAL_INTERFACE_1394 || bus == HAL_INTERFACE_USB || bus == HAL_INTERFACE_GIGE;
+    return InSession(__func__, known, [bus](Session& session) { return session.GetSupport(bus); });
 }
 
 std::uint32_t DiagnoseGigE(bool askControl, GigEDiagnosis* diagnosis) {

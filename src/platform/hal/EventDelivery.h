@@ -17,7 +17,8 @@ class EventDelivery {
 public:
     using Clock = std::chrono::steady_clock;
 
-    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context);
+    /// @param settles  As for EventQueue.
+    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context, bool settles = true);
 
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();

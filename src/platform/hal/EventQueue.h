@@ -46,7 +46,8 @@ public:
         TimePoint until{};
     };
 
-    EventQueue();
+    /// @param settles  False: a reset is delivered at once, for buses in virtual time.
+    explicit EventQueue(bool settles = true);
 
     /// A bus reset merges into one that waits. Of other events at most kCapacity wait: one more that is equal to a
     /// waiting one merges into it, any other is dropped and becomes a bus reset, so that whoever listens looks at the
@@ -60,6 +61,8 @@ private:
     void AddReset(TimePoint now, bool settled);
     [[nodiscard]] bool IsWaiting(const BusEvent& event) const;
 
+    const std::chrono::milliseconds m_quiet;
+    const std::chrono::milliseconds m_longestBurst;
     bool m_resetWaits = false;
     bool m_settled = false;  ///< The newest reset says that its burst is over.
     TimePoint m_firstReset{};

@@ -11,7 +11,7 @@ using namespace Nimbrel2::Platform;
 
 namespace {
 
-/// Base registers are no matter of pages and ports; the upper eight are one page's and one port's.
+/// Base registers have no page or port; the upper eight belong to a page and a port.
 bool IsPhyRegister(std::uint32_t page, std::uint32_t port, std::uint32_t address) {
     if (address < 8) return page == 0 && port == 0;
     return address < 16 && page < 8 && port < 16;

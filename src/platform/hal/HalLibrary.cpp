@@ -10,8 +10,7 @@
 
 using namespace Nimbrel2::Platform;
 
-// ---- Library
-// ----------------------------------------------------------------------------------------------------------
+// ---- Library --------------------------------------------------------------------------------------------------------
 
 uint32_t HAL_InitLibrary(void) {
     return Guarded([]() -> std::uint32_t {
@@ -27,8 +26,7 @@ uint32_t HAL_CleanupLibrary(void) {
     return Guarded([] { return Process::Get().Stop(); });
 }
 
-// ---- Listings
-// ---------------------------------------------------------------------------------------------------------
+// ---- Listings -------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -50,10 +48,11 @@ std::uint32_t HandOut(Session& session, EntryKind kind, const Found<Device>& fou
 template <class Device, class List>
 std::uint32_t ListAndHandOut(Session& session, BusEvents& events, BusEvents::Listing kindOfListing, EntryKind kind,
                              void** entries, std::uint64_t* count, const List& list) {
+    BusEvents::ListingInProgress inProgress(events, kindOfListing);
     Listing<Device> listing;
     std::uint32_t status = list(&listing);
     if (status == HAL_OK) status = HandOut(session, kind, listing.devices, *count, entries, count);
-    if (status == HAL_OK) events.Listed(kindOfListing, std::move(listing.state));
+    if (status == HAL_OK) inProgress.Succeeded(std::move(listing.state));
     return status;
 }
 
@@ -113,8 +112,7 @@ uint32_t HAL_1394FreeDevice(void* entry) { return GiveBack(__func__, EntryKind::
 uint32_t HAL_UsbFreeCamera(void* entry) { return GiveBack(__func__, EntryKind::UsbCamera, entry); }
 uint32_t HAL_GigEFreeCamera(void* entry) { return GiveBack(__func__, EntryKind::GigECamera, entry); }
 
-// ---- Registration for bus events; never waits for a callback
-// ----------------------------------------------------------
+// ---- Registration for bus events; never waits for a callback --------------------------------------------------------
 
 namespace {
 

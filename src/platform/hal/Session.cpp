@@ -21,27 +21,31 @@ std::uint32_t Session::Start(const std::function<Drivers(const Options&, const B
                              const Options& options) {
     m_drivers = makeDrivers(options, {m_fireWireEvents, m_usbEvents, m_gigEEvents});
     if (const std::uint32_t status = Enter("HAL_InitLibrary"); status != HAL_OK) return status;
+    if (m_drivers.inVirtualTime) {
+        for (BusEvents* events : {&m_fireWireEvents, &m_usbEvents, &m_gigEEvents}) events->DeliverAtOnce();
+    }
 
-    // In the place of a driver that is missing or cannot start stands the base class, a bus that has nothing.
-    if (!m_drivers.fireWire) m_drivers.fireWire = std::make_unique<FireWireBus>();
-    if (!m_drivers.usb) m_drivers.usb = std::make_unique<UsbBus>();
-    if (!m_drivers.gigE) m_drivers.gigE = std::make_unique<GigEBus>();
+    const auto emptyFireWire = [](std::uint32_t) { return std::make_unique<FireWireBus>(); };
+    const auto emptyUsb = [](std::uint32_t) { return std::make_unique<UsbBus>(); };
+    const auto emptyGigE = [](std::uint32_t reason) { return std::make_unique<GigEBus>(reason); };
+    std::uint32_t status = StartDriver(HAL_INTERFACE_1394, options.fireWire, &m_drivers.fireWire, emptyFireWire);
+    if (status == HAL_OK) status = StartDriver(HAL_INTERFACE_USB, options.usb, &m_drivers.usb, emptyUsb);
+    if (status == HAL_OK) status = StartDriver(HAL_INTERFACE_GIGE, options.gigE, &m_drivers.gigE, emptyGigE);
+    return status;
+}
 
-    const std::uint32_t fireWire = m_drivers.fireWire->Start();
-    m_fireWireStarted = fireWire == HAL_OK;
-    if (fireWire == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_fireWireStarted) m_drivers.fireWire = std::make_unique<FireWireBus>();
-
-    const std::uint32_t usb = m_drivers.usb->Start();
-    m_usbStarted = usb == HAL_OK;
-    if (usb == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_usbStarted) m_drivers.usb = std::make_unique<UsbBus>();
-
-    const std::uint32_t gigE = m_drivers.gigE->Start();
-    m_gigEStarted = gigE == HAL_OK;
-    if (gigE == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
-    if (!m_gigEStarted) m_drivers.gigE = std::make_unique<GigEBus>(gigE);
-
+// In place of a driver that is missing or cannot start stands the base class, a bus that has nothing.
+template <class Bus, class MakeEmpty>
+std::uint32_t Session::StartDriver(HALInterfaceType bus, Driver choice, std::unique_ptr<Bus>* driver,
+                                   const MakeEmpty& makeEmpty) {
+    if (!*driver) {
+        m_support[bus] = choice == Driver::None ? HAL_NO_BUS : HAL_NOT_SUPPORTED;
+        *driver = makeEmpty(HAL_NO_BUS);
+        return HAL_OK;
+    }
+    m_support[bus] = (*driver)->Start();
+    if (m_support[bus] == HAL_OUT_OF_MEMORY) return HAL_OUT_OF_MEMORY;
+    if (!IsStarted(bus)) *driver = makeEmpty(m_support[bus]);
     return HAL_OK;
 }
 
@@ -60,9 +64,9 @@ void Session::Close() {
 }
 
 void Session::StopDrivers() {
-    if (std::exchange(m_fireWireStarted, false)) m_drivers.fireWire->Stop();
-    if (std::exchange(m_usbStarted, false)) m_drivers.usb->Stop();
-    if (std::exchange(m_gigEStarted, false)) m_drivers.gigE->Stop();
+    if (IsStarted(HAL_INTERFACE_1394)) m_drivers.fireWire->Stop();
+    if (IsStarted(HAL_INTERFACE_USB)) m_drivers.usb->Stop();
+    if (IsStarted(HAL_INTERFACE_GIGE)) m_drivers.gigE->Stop();
 }
 
 }  // namespace Nimbrel2::Platform

@@ -3,9 +3,11 @@
 #ifndef NIMBREL2_PLATFORM_HAL_SESSION_H
 #define NIMBREL2_PLATFORM_HAL_SESSION_H
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 #include "platform/Drivers.h"
 #include "platform/Platform.h"
@@ -49,8 +51,16 @@ public:
     UsbBus& Usb() { return *m_drivers.usb; }
     GigEBus& GigE() { return *m_drivers.gigE; }
 
+    /// As GetBusSupport in Diagnostics.h.
+    std::uint32_t GetSupport(HALInterfaceType bus) const { return m_support[bus]; }
+
 private:
+    /// @return HAL_OUT_OF_MEMORY when the whole start must fail, HAL_OK otherwise.
+    template <class Bus, class MakeEmpty>
+    std::uint32_t StartDriver(HALInterfaceType bus, Driver choice, std::unique_ptr<Bus>* driver,
+                              const MakeEmpty& makeEmpty);
     void StopDrivers();
+    bool IsStarted(HALInterfaceType bus) const { return m_support[bus] == HAL_OK; }
 
     // The sinks stand before the drivers that raise events into them, and so outlive them.
     BusEvents m_fireWireEvents;
@@ -60,9 +70,7 @@ private:
     EntryTable m_entries;
 
     // Written by Start and Close, which nothing overlaps.
-    bool m_fireWireStarted = false;
-    bool m_usbStarted = false;
-    bool m_gigEStarted = false;
+    std::array<std::uint32_t, 3> m_support{HAL_CLOSED, HAL_CLOSED, HAL_CLOSED};  ///< By HALInterfaceType.
     bool m_closed = false;
 };
 

@@ -30,8 +30,7 @@ public:
     std::uint32_t Generation() const { return m_generation; }
     bool Has(const std::string& name) const;
 
-    // ---- What happens to the bus. Each but the last ends in a bus reset that renumbers; false: nothing changed.
-    // ------
+    // ---- What happens to the bus. Each but the last ends in a bus reset that renumbers; false: nothing changed. -----
     bool Plug(const std::string& name);
     bool Unplug(const std::string& name);
     /// Takes the device's cables off and joins ownPort to a port of another PHY. A problem: the port is taken or

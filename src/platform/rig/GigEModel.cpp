@@ -22,6 +22,7 @@ constexpr Milliseconds TryTime{200};
 constexpr int Tries = 3;
 
 constexpr std::uint32_t Mtu = 1500;
+constexpr std::uint32_t LinkSpeed = 1000;  // Mbit/s
 
 // Interfaces are numbered from 1, as the kernel does.
 int NumberOf(std::size_t interface) { return static_cast<int>(interface) + 1; }
@@ -373,6 +374,7 @@ GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated
         InterfaceDiagnosis entry;
         entry.interface = InterfaceAt(i);
         entry.used = m_interfaces[i].up;
+        entry.linkSpeed = m_interfaces[i].up ? LinkSpeed : 0;
         entry.reason = m_interfaces[i].up ? "" : "down";
         entry.localPort = self;
         diagnosis.interfaces.push_back(entry);

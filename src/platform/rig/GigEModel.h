@@ -40,8 +40,7 @@ public:
     bool Has(const std::string& name) const;
     bool HasInterface(const std::string& name) const;
 
-    // ---- What happens to it. False: nothing changed.
-    // -----------------------------------------------------------------
+    // ---- What happens to it. False: nothing changed. ----------------------------------------------------------------
     bool Plug(const std::string& name);
     bool Unplug(const std::string& name);
     /// @pre Has(name). A problem: there is no such interface.
@@ -52,8 +51,7 @@ public:
     void Release(const std::string& name);
     void SetFaults(const std::string& name, const Simulated::Faults& faults);
 
-    // ---- What the computer sees
-    // ---------------------------------------------------------------------------------------
+    // ---- What the computer sees -------------------------------------------------------------------------------------
     /// Cameras that answer a broadcast on an interface that is up, in the order of MAC and address.
     std::vector<const Camera*> Heard() const;
     /// Those of them that can be used.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <set>
 #include <thread>
 
@@ -194,8 +195,13 @@ BusState Rig::GigEState() const {
     return state;
 }
 
-void Rig::Report(const Reports& reports, BusState state) {
-    if (reports.sink != nullptr) reports.sink->Report(std::move(state));
+void Rig::Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept {
+    if (reports.sink == nullptr) return;
+    try {
+        reports.sink->Report((this->*state)());
+    } catch (const std::bad_alloc&) {
+        reports.sink->ReportUnknown();
+    }
 }
 
 // A change of the cables is a bus reset.
@@ -205,7 +211,7 @@ bool Rig::ChangeFireWire(Change change) {
         return false;
     }
     ++m_fireWireReports.resets;
-    Report(m_fireWireReports, FireWireState());
+    Report(m_fireWireReports, &Rig::FireWireState);
     return true;
 }
 
@@ -215,7 +221,7 @@ bool Rig::ChangeUsb(Change change) {
         return false;
     }
     ++m_usbReports.resets;
-    Report(m_usbReports, UsbState());
+    Report(m_usbReports, &Rig::UsbState);
     return true;
 }
 
@@ -224,7 +230,7 @@ bool Rig::ChangeGigE(Change change) {
     if (!change(m_gigE)) {
         return false;
     }
-    Report(m_gigEReports, GigEState());
+    Report(m_gigEReports, &Rig::GigEState);
     return true;
 }
 
@@ -421,9 +427,9 @@ void Rig::AddFault(RigFault fault) {
     m_faults.push_back(std::move(fault));
 }
 
-std::size_t Rig::CountFaultsLeft() const {
+std::vector<RigFault> Rig::GetFaultsLeft() const {
     const LockGuard lock(m_mutex);
-    return m_faults.size();
+    return m_faults;
 }
 
 void Rig::SetFast(bool fast) {
@@ -431,22 +437,27 @@ void Rig::SetFast(bool fast) {
     m_fast = fast;
 }
 
+bool Rig::IsFast() const {
+    const LockGuard lock(m_mutex);
+    return m_fast;
+}
+
 void Rig::ConnectFireWire(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
     m_fireWireReports.sink = sink;
-    Report(m_fireWireReports, FireWireState());
+    Report(m_fireWireReports, &Rig::FireWireState);
 }
 
 void Rig::ConnectUsb(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
     m_usbReports.sink = sink;
-    Report(m_usbReports, UsbState());
+    Report(m_usbReports, &Rig::UsbState);
 }
 
 void Rig::ConnectGigE(BusEventSink* sink) {
     const LockGuard lock(m_mutex);
     m_gigEReports.sink = sink;
-    Report(m_gigEReports, GigEState());
+    Report(m_gigEReports, &Rig::GigEState);
 }
 
 void Rig::Wait(std::chrono::milliseconds time) {

@@ -25,7 +25,7 @@ struct RigDescription {
     std::vector<FireWireBusDescription> fireWire;
     std::vector<UsbHostDescription> usb;
     std::vector<NetworkInterfaceDescription> gigE;
-    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has gives way to the next free one.
+    /// Serial numbers of the virtual IEEE 1394 cameras; one that a real camera has is replaced by the next free number.
     std::vector<std::uint32_t> virtualCameras;
 };
 
@@ -52,8 +52,7 @@ public:
     /// @pre Validate found nothing.
     explicit Rig(RigDescription description);
 
-    // ---- What happens to the computer. An empty result: done; else why it cannot be.
-    // ---------------------------------
+    // ---- What happens to the computer. An empty result: done; else why it cannot be. --------------------------------
     std::optional<std::string> Plug(const std::string& device);
     std::optional<std::string> Unplug(const std::string& device);
     /// A FireWire device onto a port of another PHY, a USB device onto a port of a hub or host, a GigE camera onto a
@@ -72,14 +71,15 @@ public:
     /// A bus error on the FireWire bus or USB host of that name.
     std::optional<std::string> FailBus(const std::string& bus);
     void AddFault(RigFault fault);
-    /// Faults whose call has not come yet.
-    std::size_t CountFaultsLeft() const;
+    /// Faults whose call has not come yet; `call` counts from now.
+    std::vector<RigFault> GetFaultsLeft() const;
 
-    /// Virtual time: delays of faults are not waited for. Off at first.
+    /// Virtual time: nothing is waited for, delays of faults and bursts of resets included. Off at first; to be chosen
+    /// before the HAL starts.
     void SetFast(bool fast);
+    bool IsFast() const;
 
-    // ---- For the drivers
-    // ---------------------------------------------------------------------------------------------
+    // ---- For the drivers --------------------------------------------------------------------------------------------
     /// Where the state of a bus kind is reported from now on, beginning with how it is; null: nowhere.
     void ConnectFireWire(BusEventSink* sink);
     void ConnectUsb(BusEventSink* sink);
@@ -113,27 +113,31 @@ public:
     BusState ListFireWire(Function function) {
         const LockGuard lock(m_mutex);
         function(m_fireWire);
-        Report(m_fireWireReports, FireWireState());
+        Report(m_fireWireReports, &Rig::FireWireState);
         return FireWireState();
     }
     template <class Function>
     BusState ListUsb(Function function) {
         const LockGuard lock(m_mutex);
         function(m_usb);
-        Report(m_usbReports, UsbState());
+        Report(m_usbReports, &Rig::UsbState);
         return UsbState();
     }
     template <class Function>
     BusState ListGigE(Function function) {
         const LockGuard lock(m_mutex);
         function(m_gigE);
-        Report(m_gigEReports, GigEState());
+        Report(m_gigEReports, &Rig::GigEState);
         return GigEState();
     }
 
+    /// One map per bus or host, for BusMap.h.
+    std::vector<BusMap> DescribeFireWire() const;
+    std::vector<BusMap> DescribeUsb() const;
+
     /// Resets the card's FireWire bus on behalf of the node. HAL_GONE when it is not on it.
     std::uint32_t ResetBusOf(unsigned int card, std::uint64_t eui64);
-    /// Resets the USB host that the device hangs below.
+    /// Resets the USB host that the device is attached to.
     std::uint32_t ResetHostOf(const std::string& device);
 
     std::uint32_t ForceAddress(const GigEAddress& address, ForceIpResult* result);
@@ -155,7 +159,8 @@ private:
     BusState FireWireState() const NIMBREL2_REQUIRES(m_mutex);
     BusState UsbState() const NIMBREL2_REQUIRES(m_mutex);
     BusState GigEState() const NIMBREL2_REQUIRES(m_mutex);
-    static void Report(const Reports& reports, BusState state);
+    /// A change is told also when there is no memory to say which: a rig has no thread that could try again.
+    void Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept NIMBREL2_REQUIRES(m_mutex);
     template <class Change>
     bool ChangeFireWire(Change change) NIMBREL2_REQUIRES(m_mutex);
     template <class Change>

@@ -26,8 +26,7 @@ constexpr std::size_t MaxReasonBytes = 400;
 constexpr std::size_t MaxActionBytes = 200;
 constexpr std::size_t MaxSteps = 10000;
 
-// ---- Values
-// ----------------------------------------------------------------------------------------------------------
+// ---- Values ---------------------------------------------------------------------------------------------------------
 
 template <class Value, std::size_t Count>
 Value OneOf(const JsonValue& value, const std::array<std::pair<const char*, Value>, Count>& choices) {
@@ -169,8 +168,7 @@ void CheckForm(JsonObject& object, const char* rawKey, std::initializer_list<con
     }
 }
 
-// ---- Buses
-// -----------------------------------------------------------------------------------------------------------
+// ---- Buses ----------------------------------------------------------------------------------------------------------
 
 PhyDescription ReadPhy(JsonObject& object) {
     PhyDescription phy;
@@ -365,8 +363,7 @@ NetworkInterfaceDescription ReadNetworkInterface(const JsonValue& value) {
     return network;
 }
 
-// ---- The timeline
-// ----------------------------------------------------------------------------------------------------
+// ---- The timeline ---------------------------------------------------------------------------------------------------
 
 // What the timeline may name.
 struct Names {
@@ -620,8 +617,7 @@ void Rehearse(const RigPlan& plan) {
     }
 }
 
-// ---- The whole
-// -------------------------------------------------------------------------------------------------------
+// ---- The whole ------------------------------------------------------------------------------------------------------
 
 RigPlan ReadPlan(const JsonValue& root) {
     JsonObject object(root);

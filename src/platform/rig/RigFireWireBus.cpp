@@ -196,6 +196,14 @@ public:
         return HAL_OK;
     }
 
+    std::uint32_t Describe(std::vector<BusMap>* maps) override {
+        const std::uint32_t status = m_state->Check();
+        if (status == HAL_OK) {
+            *maps = m_state->rig->DescribeFireWire();
+        }
+        return status;
+    }
+
 private:
     // In the order of cards, then EUI-64.
     std::uint32_t List(PhyKind kind, Listing<FireWireDevice>* listing) {
@@ -237,6 +245,7 @@ std::function<Drivers(const Options& options, const BusEventSinks& sinks)> MakeR
         if (options.fireWire == Driver::Rig) drivers.fireWire = MakeRigFireWireBus(rig, sinks.fireWire);
         if (options.usb == Driver::Rig) drivers.usb = MakeRigUsbBus(rig, sinks.usb);
         if (options.gigE == Driver::Rig) drivers.gigE = MakeRigGigEBus(rig, sinks.gigE);
+        drivers.inVirtualTime = rig->IsFast();
         drivers.enter = [rig](const char* function) { return rig->Enter(function); };
         return drivers;
     };

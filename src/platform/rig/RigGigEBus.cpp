@@ -31,7 +31,7 @@ public:
         const auto read = [&](const Simulated::Endpoint& self, auto& camera) {
             return camera.registers->Read(self, address, &answer);
         };
-        const std::uint32_t status = Ask(read, listed ? InVain::NoTime : InVain::AllTries);
+        const std::uint32_t status = Ask(read, listed ? WhenUnanswered::NoTime : WhenUnanswered::AllTries);
         if (status == HAL_OK) {
             *value = answer;
         }
@@ -49,7 +49,7 @@ public:
         const auto write = [&](const Simulated::Endpoint& self, auto& camera) {
             return camera.registers->Write(self, address, value, std::chrono::steady_clock::now());
         };
-        return Ask(write, InVain::AllTries);
+        return Ask(write, WhenUnanswered::AllTries);
     }
 
     std::uint32_t IsInMonitorMode(bool* monitor) override {
@@ -90,13 +90,13 @@ private:
         });
     }
 
-    // How long a command takes that is never answered. The driver of a real network asks no camera in vain that has
-    // missed a round of its discovery, as one that loses all tries has: when the listing knows the answer, it gives it.
-    enum class InVain { AllTries, NoTime };
+    // How long an unanswered command takes. The driver of a real network does not ask a camera that has missed a round
+    // of its discovery, as one that loses all tries has: when the listing knows the answer, it gives it.
+    enum class WhenUnanswered { AllTries, NoTime };
 
     // One command over the wire: it takes the time that the camera takes, and only a camera on the subnet hears it.
     template <class Command>
-    std::uint32_t Ask(Command command, InVain inVain) const {
+    std::uint32_t Ask(Command command, WhenUnanswered whenUnanswered) const {
         GigEModel::Exchange exchange;
         const std::uint32_t status = OnCamera([&](GigEModel& model, GigEModel::Camera& camera) -> std::uint32_t {
             if (!model.CanBeTalkedTo(camera)) {
@@ -112,7 +112,7 @@ private:
             }
             return exchange.answered ? result : static_cast<std::uint32_t>(HAL_TIMED_OUT);
         });
-        if (exchange.answered || inVain == InVain::AllTries) {
+        if (exchange.answered || whenUnanswered == WhenUnanswered::AllTries) {
             m_state->rig->Wait(exchange.time);
         }
         return status;

@@ -14,7 +14,7 @@ constexpr std::uint32_t Usb2Version = 0x0200;  // bcdUSB
 constexpr std::uint32_t Usb3Version = 0x0320;
 constexpr unsigned int SuperSpeed = 5000;
 
-// A camera of a rig is known by its name there, whatever socket it hangs on.
+// A camera of a rig is known by its name there, whatever port it is on.
 class Device final : public UsbDevice {
 public:
     Device(std::shared_ptr<const RigDriverState> state, const UsbModel::Attached& attached)
@@ -131,6 +131,14 @@ public:
             }
         });
         return HAL_OK;
+    }
+
+    std::uint32_t Describe(std::vector<BusMap>* maps) override {
+        const std::uint32_t status = m_state->Check();
+        if (status == HAL_OK) {
+            *maps = m_state->rig->DescribeUsb();
+        }
+        return status;
     }
 
 private:

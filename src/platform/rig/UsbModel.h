@@ -15,7 +15,7 @@ namespace Nimbrel2::Platform {
 
 /// A host controller. A hub that can do SuperSpeed is two devices, one in each half of the tree; any other device is
 /// one, in the SuperSpeed half when it and everything above it can, else in the USB 2 half. A device gets a new address
-/// each time it is plugged in, 1 to 255 and round again. What hangs below an unplugged hub is gone with it.
+/// each time it is plugged in, 1 to 255 and round again. What is attached to an unplugged hub is gone too.
 /// @par Threads  None of its own, no lock: the rig that owns it guards it.
 class UsbModel {
 public:

@@ -49,7 +49,7 @@ public:
     std::optional<Endpoint> GetPrimaryApplication() const { return m_primary; }
     /// Gives control to somebody else, whose heartbeat never runs out.
     void HoldControl(const ControlOwner& owner);
-    /// Closes the control channel and what hangs on it.
+    /// Closes the control channel and all that depends on it.
     void ReleaseControl();
 
     // ---- IP configuration

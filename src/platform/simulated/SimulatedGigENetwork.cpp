@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "platform/base/Mutex.h"
+#include "platform/base/StartThread.h"
 #include "platform/base/Texts.h"
 #include "platform/simulated/CameraSocket.h"
 #include "platform/simulated/InterfaceAddresses.h"
@@ -161,7 +162,7 @@ SimulatedGigENetwork::Server::Server(Options options) : m_options(std::move(opti
     if (!m_wakeUp.IsOpen()) throw std::system_error(errno, std::generic_category(), "eventfd");
     const int error = Watch(m_wakeUp.Get(), Source::WakeUp, 0);
     if (error != 0) throw std::system_error(error, std::generic_category(), "epoll_ctl");
-    m_thread = std::thread([this] { Serve(); });
+    m_thread = StartThread("gige-simulated", [this]() noexcept { Serve(); });
 }
 
 SimulatedGigENetwork::Server::~Server() {

@@ -171,6 +171,20 @@ TEST_F(FireWireBusOfNodes, LacksWhatTakesTheControllersFileWhenThatLeaves) {
 
 class FireWireBusOfAUser : public FireWireDriver {};
 
+TEST_F(FireWireBusOfAUser, IsDescribedByTheNodesThatMayBeOpenedWithoutTheControllersFile) {
+    AddStandardBus();
+    m_computer.Deny("card");
+    m_computer.Deny("left");
+    const Testing::NoPermissionOverride user;
+    Start();
+    std::vector<BusMap> maps;
+    ASSERT_EQ(m_bus->Describe(&maps), HAL_OK);
+    ASSERT_THAT(maps, SizeIs(1));
+    ASSERT_THAT(maps[0].nodes, SizeIs(2));
+    EXPECT_EQ(maps[0].nodes[0].serialNumber, 0x00031002u);
+    EXPECT_EQ(maps[0].nodes[0].speed, 0u);
+}
+
 TEST_F(FireWireBusOfAUser, ShowsNoTreeAndNoPhyRegisterWithoutTheControllersFile) {
     AddStandardBus();
     m_computer.Deny("card");
@@ -217,6 +231,24 @@ TEST_F(FireWireBusOfNodes, IsDiagnosedWithItsTreeAndItsManagers) {
     EXPECT_FALSE(bus.nodes[3].camera);
     EXPECT_EQ(bus.resets, 0u);
     EXPECT_THAT(bus.portChanges, IsEmpty());
+}
+
+TEST_F(FireWireBusOfNodes, IsDescribedNodeByNode) {
+    std::vector<BusMap> maps;
+    ASSERT_EQ(m_bus->Describe(&maps), HAL_OK);
+    ASSERT_THAT(maps, SizeIs(1));
+    EXPECT_EQ(maps[0].bus, HAL_INTERFACE_1394);
+    EXPECT_EQ(maps[0].name, "fw0");
+    std::vector<std::string> texts;
+    for (const BusMapNode& node : maps[0].nodes) {
+        texts.push_back(std::to_string(node.id) + " " + std::to_string(node.speed) + (node.isHub ? " hub" : "") +
+                        (node.isThisComputer ? " computer" : "") + (node.isCamera ? " camera" : "") + " '" + node.name +
+                        "' " + std::to_string(node.serialNumber));
+    }
+    EXPECT_THAT(texts, ElementsAre("0 400 camera 'Acme Zoom 1394' 200705", "1 400 camera 'Acme Zoom 1394' 200706",
+                                   "2 400 hub '' 0", "3 400 'Disco' 0", "4 400 computer 'Linux Firewire' 0"));
+    EXPECT_EQ(maps[0].nodes[0].vendor, "Acme");
+    EXPECT_EQ(maps[0].nodes[0].model, "Zoom 1394");
 }
 
 TEST_F(FireWireBusOfNodes, IsDiagnosedWithTheSocketInWhichACableComesAndGoes) {

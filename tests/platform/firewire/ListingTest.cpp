@@ -397,6 +397,8 @@ TEST_F(FireWireDriver, AnswersClosedAfterItsEnd) {
     EXPECT_EQ(left->GetSelfIds(&packets, &key, &value), HAL_CLOSED);
     EXPECT_EQ(left->GetNodeSerialNumbers(&serialNumbers), HAL_CLOSED);
     EXPECT_EQ(bus->Diagnose(true, &diagnosis), HAL_CLOSED);
+    std::vector<BusMap> maps;
+    EXPECT_EQ(bus->Describe(&maps), HAL_CLOSED);
 }
 
 TEST_F(FireWireDriver, ReportsNothingAfterItsEnd) {

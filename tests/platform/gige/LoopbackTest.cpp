@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The GigE driver against independent cameras on loopback.
 #include "tests/platform/gige/GigEFixture.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2::Testing {
 namespace {
@@ -40,6 +41,14 @@ TEST_F(GigELoopback, WaitsForTheWindowOnceAndThenOnlyVerifies) {
     const auto second = Clock::now();
     EXPECT_THAT(ListNames(), ElementsAre("LO01@127.0.0.1"));
     EXPECT_LT(Since(second), m_window);
+}
+
+TEST_F(GigELoopback, MonitorsOnAThreadThatTakesNoSignalButThoseOfFaults) {
+    Start({"lo"});
+    EXPECT_THAT(List(), IsEmpty());  // The monitor has answered, so it runs.
+    const auto monitors = ListThreads("gige-monitor");
+    EXPECT_FALSE(monitors.empty());
+    EXPECT_THAT(WrongMasks(monitors), IsEmpty());
 }
 
 TEST_F(GigELoopback, ReadsAndWritesRegisters) {

@@ -414,6 +414,38 @@ TEST_F(GigESwitch, ShowsACameraHeardTwiceOnceAndKeepsItWhenOneCableIsPulled) {
     EXPECT_EQ(m_sink.GetCounts(), before);
 }
 
+// The kernel answers ARP for either address on either card, and sends by the first: what a camera answers arrives where
+// it was not asked.
+TEST_F(GigESwitch, ListsEachCameraOnceWithTheKernelsOwnArpSettings) {
+    NetworkNamespace wire;
+    PlugIn(m_host, "h0", "192.168.77.1/24");
+    PlugIn(m_host, "h1", "192.168.77.2/24");
+    PlugIn(wire, "c0", "192.168.77.101/24");
+    const auto cameras = MakeCameras(wire);
+    std::vector<std::string> names;
+    for (std::uint64_t i = 2; i < 10; ++i) {
+        ASSERT_TRUE(cameras->AddCamera(GigEWireTest::CameraOptions("192.168.77.10" + std::to_string(i), i)));
+        names.push_back(std::to_string(i) + "@192.168.77.10" + std::to_string(i));
+    }
+    m_window = 1s;
+    Start({});
+    EXPECT_EQ(ListNames(), names);
+    const auto before = m_sink.GetCounts();
+    EXPECT_EQ(DiscoverNames(), names);
+    const auto begin = Clock::now();
+    while (Since(begin) < 4s) {
+        EXPECT_EQ(ListNames(), names);
+        for (const auto& camera : List()) {
+            GvcpDiscoveryRecord record{};
+            std::uint32_t value = 0;
+            ASSERT_EQ(camera->GetRecord(&record), HAL_OK);
+            EXPECT_EQ(camera->ReadRegister(0xC, &value), HAL_OK);
+            EXPECT_EQ(value, record.macLow);
+        }
+    }
+    EXPECT_EQ(m_sink.GetCounts(), before) << "nobody comes and goes";
+}
+
 TEST_F(GigESwitch, WithTwoCamerasOnOneAddressListsOneAndDiscoversBoth) {
     NetworkNamespace first;
     NetworkNamespace second;

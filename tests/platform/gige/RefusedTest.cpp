@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // An operating system that refuses sockets, devices and file descriptors.
+#include <netinet/in.h>
+
 #include "tests/platform/gige/GigEFixture.h"
 #include "tests/platform/gige/Refusals.h"
 
@@ -49,9 +51,9 @@ TEST_F(GigERefused, UdpSocketsAreAPermissionProblem) {
     EXPECT_EQ(AutoForceIp(std::nullopt), HAL_PERMISSION);
 }
 
-TEST_F(GigERefused, BindingToADeviceIsAPermissionProblem) {
+TEST_F(GigERefused, BindingIsAPermissionProblem) {
     AddCamera("192.168.77.102", 2);
-    StartAfter([] { Refuse(__NR_setsockopt, 1, SOL_SOCKET, 2, SO_BINDTODEVICE); });
+    StartAfter([] { Refuse(__NR_bind, 2, sizeof(sockaddr_in)); });
     ASSERT_EQ(m_startStatus, HAL_OK);
     Platform::Listing<Platform::GigEDevice> cameras;
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_PERMISSION);

@@ -43,7 +43,7 @@ protected:
               const std::lock_guard lock(m_mutex);
               if (m_answer) m_answer(device, request);
           }) {
-        m_answer = [this](HostileDevice& device, const Request& request) { Behave(device, request); };
+        m_answer = [](HostileDevice& device, const Request& request) { Behave(device, request); };
         m_registers = std::make_unique<Registers>(
             m_timings,
             RegisterNeeds{[this](const CameraKey& key) { return Find(key); },

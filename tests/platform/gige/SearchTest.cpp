@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Searches: where they did not look, when they end, and which ports they use.
+#include <netinet/in.h>
+
 #include <algorithm>
 
 #include "tests/platform/gige/GigEFixture.h"
@@ -67,7 +69,7 @@ TEST_F(GigESearch, ThatLooksEverywhereHasNoProblem) {
 }
 
 TEST_F(GigESearch, NamesAnInterfaceWhoseSocketIsRefused) {
-    ASSERT_EQ(StartAfter([] { Refuse(__NR_setsockopt, 1, SOL_SOCKET, 2, SO_BINDTODEVICE); }), HAL_OK);
+    ASSERT_EQ(StartAfter([] { Refuse(__NR_bind, 2, sizeof(sockaddr_in)); }), HAL_OK);
     const auto problem = WaitForProblem(Kind::Socket);
     EXPECT_EQ(problem.interfaceName, "h0");
     EXPECT_NE(problem.interface, 0);
@@ -246,7 +248,7 @@ TEST_F(GigESourcePorts, AreThoseOfTheRangeAndNoOthers) {
             self.Answer(request, HostileDevice::ReadAck(request, request.Address() == 0x24 ? request.to : 0));
         }
     });
-    StartOn({40100, 40105});
+    StartOn({40100, 40109});  // four for each interface, and one for each camera
     ASSERT_TRUE(WaitForNames({"666@172.20.0.100", "2@192.168.77.102"}, 10s));
     std::vector<GvcpDiscoveryRecord> records;
     EXPECT_EQ(Discover(&records), HAL_OK);
@@ -255,11 +257,11 @@ TEST_F(GigESourcePorts, AreThoseOfTheRangeAndNoOthers) {
         std::uint32_t port = 0;
         EXPECT_EQ(camera->GetLocalPort(&port), HAL_OK);
         EXPECT_GE(port, 40100u);
-        EXPECT_LE(port, 40105u);
+        EXPECT_LE(port, 40109u);
     }
     std::vector<std::uint16_t> ports;
     for (const Request& request : device.GetRequests()) ports.push_back(request.fromPort);
-    EXPECT_THAT(ports, Each(::testing::AllOf(::testing::Ge(40100), ::testing::Le(40105))));
+    EXPECT_THAT(ports, Each(::testing::AllOf(::testing::Ge(40100), ::testing::Le(40109))));
     EXPECT_THAT(Report().problems, IsEmpty());
 }
 

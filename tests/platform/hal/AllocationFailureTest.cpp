@@ -68,6 +68,43 @@ TEST_F(HalAllocationFailure, InAListingHandsNothingOut) {
     }
 }
 
+TEST_F(HalAllocationFailure, InAListingThatFoundAChangeSwallowsItForNobody) {
+    EventListener listener;
+    void* registration = nullptr;
+    ASSERT_EQ(HAL_GigERegisterBusEvents(&registration, &EventListener::Callback, &listener), HAL_OK);
+    const Heard reset{HAL_BUS_RESET, HAL_INTERFACE_GIGE};
+    std::vector<Heard> expected;
+    unsigned change = 0;
+    const auto changeUnnoticed = [&] {
+        world->gigE.Arrive(++change, 0, Nimbrel2::Testing::ReportedBus::Notice::Unnoticed);
+        expected.push_back(reset);
+        expected.push_back({HAL_BUS_ARRIVAL, HAL_INTERFACE_GIGE, change});
+    };
+    // Whatever was told meanwhile, the next listing finds the rest; nothing is told twice.
+    const auto listAgain = [&] {
+        void* entries[3] = {};
+        std::uint64_t count = 3;
+        EXPECT_EQ(HAL_GigEGetCameras(entries, &count), HAL_OK);
+        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        EXPECT_EQ(listener.HeardSoFar(), expected) << change;
+        EventListener newcomer;
+        void* fresh = nullptr;
+        EXPECT_EQ(HAL_GigERegisterBusEvents(&fresh, &EventListener::Callback, &newcomer), HAL_OK);
+        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        EXPECT_EQ(HAL_GigEDeregisterBusEvents(fresh), HAL_OK);
+        EXPECT_TRUE(newcomer.HeardSoFar().empty()) << "what was listed is known";
+        changeUnnoticed();
+    };
+    world->gigECameras = 3;
+    changeUnnoticed();
+    void* entries[3] = {};
+    std::uint64_t count = 0;
+    EXPECT_GT(FailEachAllocation(
+                  "HAL_GigEGetCameras", [&] { return HAL_GigEGetCameras(entries, &(count = 3)); }, listAgain),
+              6u);
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+}
+
 TEST_F(HalAllocationFailure, InARegistrationLeavesNoThreadThatWouldCallBack) {
     EventListener listener;
     void* registration = nullptr;

@@ -54,6 +54,11 @@ protected:
         m_news.Report(State(resets, devices), m_events);
         return m_events.Take();
     }
+    void Listed(Kind kind, BusState state) {
+        m_news.BeginListing(kind);
+        m_news.Listed(kind, std::move(state));
+        m_news.EndListing(kind);
+    }
     std::vector<std::string> Unseen() {
         m_news.RaiseUnseen(m_events);
         return m_events.Take();
@@ -86,13 +91,13 @@ TEST_F(BusNewsTest, ADeviceThatCameBackBetweenTwoLooksLeftAndArrived) {
 
 TEST_F(BusNewsTest, WhatWasListedIsKnownToANewRegistration) {
     Report(0, {"a"});
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    Listed(Kind::Cameras, State(0, {"a"}));
     EXPECT_THAT(Unseen(), IsEmpty());
 }
 
 TEST_F(BusNewsTest, WhatChangedSinceTheListingIsNotKnownToANewRegistration) {
     Report(0, {"a"});
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    Listed(Kind::Cameras, State(0, {"a"}));
     Report(0, {"b"});
     EXPECT_THAT(Unseen(), ElementsAre("reset", "-a", "+b"));
     EXPECT_THAT(Unseen(), ElementsAre("reset", "-a", "+b")) << "each registration has its own listing behind it";
@@ -100,31 +105,31 @@ TEST_F(BusNewsTest, WhatChangedSinceTheListingIsNotKnownToANewRegistration) {
 
 TEST_F(BusNewsTest, AChangeThatWasUndoneIsNoNews) {
     Report(0, {"a"});
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    Listed(Kind::Cameras, State(0, {"a"}));
     Report(0, {});
     Report(0, {"a"});
     EXPECT_THAT(Unseen(), IsEmpty());
 }
 
 TEST_F(BusNewsTest, AChangeBetweenTheListingsOfCamerasAndDevicesIsUnseen) {
-    m_news.Listed(Kind::Cameras, State(0, {}));
+    Listed(Kind::Cameras, State(0, {}));
     Report(0, {"a"});
-    m_news.Listed(Kind::Devices, State(0, {"a"}));
+    Listed(Kind::Devices, State(0, {"a"}));
     EXPECT_THAT(Unseen(), ElementsAre("reset", "+a"));
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    Listed(Kind::Cameras, State(0, {"a"}));
     EXPECT_THAT(Unseen(), IsEmpty());
 }
 
 TEST_F(BusNewsTest, AListOfDevicesThatIsTooOldIsUnseenToo) {
-    m_news.Listed(Kind::Devices, State(0, {}));
+    Listed(Kind::Devices, State(0, {}));
     Report(0, {"a"});
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    Listed(Kind::Cameras, State(0, {"a"}));
     EXPECT_THAT(Unseen(), ElementsAre("reset", "+a"));
 }
 
 TEST_F(BusNewsTest, AKindThatWasNeverListedCannotBeOutOfDate) {
     Report(0, {"a"});
-    m_news.Listed(Kind::Devices, State(0, {"a"}));
+    Listed(Kind::Devices, State(0, {"a"}));
     EXPECT_THAT(Unseen(), IsEmpty());
 }
 
@@ -135,9 +140,72 @@ TEST_F(BusNewsTest, WhoeverNeverListedHearsWhatIsThere) {
 
 TEST_F(BusNewsTest, AListingThatWasOvertakenCostsAResetAndMissesNothing) {
     Report(0, {"a"});
-    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    m_news.BeginListing(Kind::Cameras);
+    Listed(Kind::Cameras, State(0, {"a"}));
     m_news.Listed(Kind::Cameras, State(0, {}));  // began first, ended last
+    m_news.EndListing(Kind::Cameras);
     EXPECT_THAT(Unseen(), ElementsAre("reset", "+a"));
+}
+
+TEST_F(BusNewsTest, OfTwoListingsAtOnceEitherMayBeBehindARegistration) {
+    m_news.BeginListing(Kind::Cameras);
+    m_news.BeginListing(Kind::Cameras);
+    m_news.Listed(Kind::Cameras, State(0, {}));
+    m_news.EndListing(Kind::Cameras);
+    Report(0, {"a"});
+    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    m_news.EndListing(Kind::Cameras);
+    EXPECT_THAT(Unseen(), ElementsAre("reset")) << "whoever holds the first list must list again";
+    Listed(Kind::Cameras, State(0, {"a"}));
+    EXPECT_THAT(Unseen(), IsEmpty());
+}
+
+TEST_F(BusNewsTest, TwoListingsAtOnceThatSawTheSameAreAsGoodAsOne) {
+    Report(0, {"a"});
+    for (int i = 0; i < 2; ++i) m_news.BeginListing(Kind::Cameras);
+    for (int i = 0; i < 2; ++i) {
+        m_news.Listed(Kind::Cameras, State(0, {"a"}));
+        m_news.EndListing(Kind::Cameras);
+    }
+    EXPECT_THAT(Unseen(), IsEmpty());
+}
+
+TEST_F(BusNewsTest, AListingThatFailedBesideAnotherChangesNothing) {
+    Report(0, {"a"});
+    m_news.BeginListing(Kind::Cameras);
+    m_news.BeginListing(Kind::Cameras);
+    m_news.EndListing(Kind::Cameras);
+    m_news.Listed(Kind::Cameras, State(0, {"a"}));
+    m_news.EndListing(Kind::Cameras);
+    EXPECT_THAT(Unseen(), IsEmpty());
+}
+
+TEST_F(BusNewsTest, WhatEitherListHasOrLacksIsToldOnce) {
+    Report(0, {"a", "b"});
+    Listed(Kind::Cameras, State(0, {"a", "b"}));
+    Report(0, {"a", "c"});
+    Listed(Kind::Devices, State(0, {"a", "c"}));
+    Report(0, {"d"});
+    EXPECT_THAT(Unseen(), ElementsAre("reset", "-a", "-b", "-c", "+d"));
+}
+
+TEST_F(BusNewsTest, AChangeThatNobodyHasMemoryForIsAReset) {
+    Report(0, {"a"});
+    Listed(Kind::Cameras, State(0, {"a"}));
+    m_news.ReportUnknown(m_events);
+    EXPECT_THAT(m_events.Take(), ElementsAre("reset"));
+    EXPECT_THAT(Unseen(), ElementsAre("reset")) << "also for whoever registers before it is known";
+    EXPECT_THAT(Report(0, {"b"}), ElementsAre("reset", "-a", "+b"));
+    Listed(Kind::Cameras, State(0, {"b"}));
+    EXPECT_THAT(Unseen(), IsEmpty());
+}
+
+TEST_F(BusNewsTest, AChangeThatNobodyHasMemoryForIsToldToWhoeverNeverListed) {
+    m_news.ReportUnknown(m_events);
+    m_events.Take();
+    EXPECT_THAT(Unseen(), ElementsAre("reset"));
+    EXPECT_THAT(Report(0, {}), IsEmpty());
+    EXPECT_THAT(Unseen(), IsEmpty());
 }
 
 }  // namespace

@@ -104,6 +104,14 @@ TEST_F(ConfigureTest, TakesEveryNameThatTheKernelTakes) {
     EXPECT_TRUE(Configure(options)) << Configure(options).reason;
 }
 
+TEST_F(ConfigureTest, TakesTheFewestSourcePortsAndTheLastOnes) {
+    Options options;
+    options.sourcePorts = PortRange{40000, 40004};
+    EXPECT_TRUE(Configure(options)) << Configure(options).reason;
+    options.sourcePorts = PortRange{65531, 65535};
+    EXPECT_TRUE(Configure(options)) << Configure(options).reason;
+}
+
 struct WrongOption {
     const char* name;
     void (*set)(Options&);
@@ -130,8 +138,42 @@ INSTANTIATE_TEST_SUITE_P(
                     "discoveryWindow: 9 ms is not within 10 ms to 30000 ms"},
         WrongOption{"WindowBelowZero", [](Options& o) { o.discoveryWindow = -1ms; },
                     "discoveryWindow: -1 ms is not within 10 ms to 30000 ms"},
-        WrongOption{"WindowAboveAMinute", [](Options& o) { o.discoveryWindow = 30001ms; },
+        WrongOption{"WindowAboveHalfAMinute", [](Options& o) { o.discoveryWindow = 30001ms; },
                     "discoveryWindow: 30001 ms is not within 10 ms to 30000 ms"},
+        WrongOption{"SearchForNobody", [](Options& o) { o.searchFor = GigECameraName{}; },
+                    "searchFor: either the address or the MAC names the camera, not neither"},
+        WrongOption{"SearchForTwoNames",
+                    [](Options& o) {
+                        o.searchFor = GigECameraName{1, 1};
+                    },
+                    "searchFor: either the address or the MAC names the camera, not both"},
+        WrongOption{"SearchForALongMac",
+                    [](Options& o) {
+                        o.searchFor = GigECameraName{0, 1ull << 48};
+                    },
+                    "searchFor: a MAC has 48 bits"},
+        WrongOption{"SourcePortsOfTheSystem",
+                    [](Options& o) {
+                        o.sourcePorts = PortRange{1023, 2000};
+                    },
+                    "sourcePorts: 1023-2000 begins below 1024"},
+        WrongOption{"SourcePortsBackwards",
+                    [](Options& o) {
+                        o.sourcePorts = PortRange{40001, 40000};
+                    },
+                    "sourcePorts: 40001-40000 ends before it begins"},
+        WrongOption{"OneSourcePort",
+                    [](Options& o) {
+                        o.sourcePorts = PortRange{40000, 40000};
+                    },
+                    "sourcePorts: 40000-40000 has 1 port; 4 are needed for each network interface, and one more for "
+                    "each camera"},
+        WrongOption{"SourcePortsForNoCamera",
+                    [](Options& o) {
+                        o.sourcePorts = PortRange{40000, 40003};
+                    },
+                    "sourcePorts: 40000-40003 has 4 ports; 4 are needed for each network interface, and one more for "
+                    "each camera"},
         WrongOption{"EmptyName", [](Options& o) { o.networkInterfaces = {""}; }, "networkInterfaces: \"\" is empty"},
         WrongOption{"SixteenLetters", [](Options& o) { o.networkInterfaces = {"sixteen--letters"}; },
                     "networkInterfaces: \"sixteen--letters\" is longer than 15 characters"},

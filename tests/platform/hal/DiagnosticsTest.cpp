@@ -115,7 +115,45 @@ TEST_F(Diagnostics, GiveNoCameraAnAddressThatNoneCanHave) {
     EXPECT_TRUE(world->TakeLog().empty());
 }
 
-TEST(DiagnosticsOutsideTheHal, AreClosed) { EXPECT_EQ(AskAll(false), All(HAL_CLOSED)); }
+class BusSupport : public HalFixture {
+protected:
+    void TearDown() override {
+        HalFixture::TearDown();
+        Configure({});
+    }
+
+    static std::vector<std::uint32_t> StartAnew(const DriverFactory& factory, const Options& options) {
+        EXPECT_EQ(HAL_CleanupLibrary(), HAL_OK);
+        EXPECT_EQ(Process::Get().SetDriverFactory(factory), HAL_OK);
+        EXPECT_TRUE(Configure(options));
+        EXPECT_EQ(HAL_InitLibrary(), HAL_OK);
+        return {GetBusSupport(HAL_INTERFACE_1394), GetBusSupport(HAL_INTERFACE_USB), GetBusSupport(HAL_INTERFACE_GIGE)};
+    }
+};
+
+TEST_F(BusSupport, IsFullWhereEachDriverHasStarted) {
+    EXPECT_EQ(StartAnew(FakeDrivers(world), {}), (std::vector<std::uint32_t>{HAL_OK, HAL_OK, HAL_OK}));
+    EXPECT_EQ(GetBusSupport(static_cast<HALInterfaceType>(3)), HAL_INVALID_ARGUMENT);
+}
+
+TEST_F(BusSupport, TellsADriverThatCannotStartFromAMissingOneAndOneThatNobodyWants) {
+    world->gigEStart = HAL_PERMISSION;
+    const auto gigEAlone = [this](const Options& options, const BusEventSinks& sinks) {
+        Drivers drivers = FakeDrivers(world)(options, sinks);
+        drivers.fireWire = nullptr;
+        drivers.usb = nullptr;
+        return drivers;
+    };
+    Options options;
+    options.usb = Driver::None;
+    EXPECT_EQ(StartAnew(gigEAlone, options),
+              (std::vector<std::uint32_t>{HAL_NOT_SUPPORTED, HAL_NO_BUS, HAL_PERMISSION}));
+}
+
+TEST(DiagnosticsOutsideTheHal, AreClosed) {
+    EXPECT_EQ(AskAll(false), All(HAL_CLOSED));
+    EXPECT_EQ(GetBusSupport(HAL_INTERFACE_1394), HAL_CLOSED);
+}
 
 TEST(DiagnosticsOfABusThatNobodyDrives, SayThatThereIsNone) {
     Options options;

@@ -289,7 +289,7 @@ public:
 protected:
     template <class FakeDevice, class Device>
     std::uint32_t List(const char* operation, int number, Listing<Device>* listing) {
-        listing->state = m_reported.GetState();
+        listing->state = m_reported.Look();
         return Append<FakeDevice>(operation, number, &listing->devices);
     }
     template <class FakeDevice, class Device>

@@ -2,19 +2,27 @@
 // Registration and delivery: order, coalescing, slow and hung callbacks, deregistration, unseen changes. Negative
 // claims are proved by a marker event behind what must not come.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <ostream>
+#include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "platform/Platform.h"
 #include "tests/platform/hal/EventListener.h"
 #include "tests/platform/hal/HalFixture.h"
+#include "tests/support/Gate.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2::Platform::Testing {
 namespace {
 
 using namespace std::chrono_literals;
 using SteadyClock = std::chrono::steady_clock;
+using Notice = Nimbrel2::Testing::ReportedBus::Notice;
 
 struct BusUnderTest {
     const char* name;
@@ -83,6 +91,16 @@ protected:
 INSTANTIATE_TEST_SUITE_P(, HalEvents, ::testing::ValuesIn(kBuses),
                          [](const auto& row) { return std::string(row.param.name); });
 
+TEST_P(HalEvents, AreDeliveredOnAThreadThatTakesNoSignalButThoseOfFaults) {
+    void* const registration = Register(listener);
+    HoldInError();
+    const auto threads = Nimbrel2::Testing::ListThreads("hal-events-");
+    EXPECT_FALSE(threads.empty());
+    EXPECT_EQ(Nimbrel2::Testing::WrongMasks(threads), std::vector<std::string>());
+    listener.Release();
+    EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
+}
+
 TEST_P(HalEvents, EventsComeInOrderWithTheirWordsFromTheirBus) {
     Register(listener);
     Wire().Arrive(1, 2);
@@ -113,6 +131,95 @@ TEST_P(HalEvents, AReportWithoutAChangeRaisesNothing) {
     RaiseMarker();
     ASSERT_TRUE(listener.WaitForBegun(1));
     EXPECT_EQ(listener.HeardSoFar(), std::vector<Heard>{Marker()});
+}
+
+TEST_P(HalEvents, AChangeThatAListingFindsIsRaisedOnceToEveryRegistration) {
+    EventListener second;
+    Register(listener);
+    Register(second);
+    Wire().Arrive(1, 2, Notice::Unnoticed);
+    for (int i = 0; i < 3; ++i) List(Bus().list);
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    for (EventListener* each : {&listener, &second}) {
+        EXPECT_EQ(each->HeardSoFar(), (std::vector<Heard>{Reset(), Event(HAL_BUS_ARRIVAL, 1, 2)}));
+    }
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
+}
+
+TEST_P(HalEvents, UnderChurnEachListingRaisesOneReset) {
+    Register(listener);
+    std::vector<Heard> expected;
+    for (unsigned i = 1; i <= 20; ++i) {
+        Wire().Arrive(i, 0, Notice::Unnoticed);
+        if (i > 1) Wire().Leave(i - 1, 0, Notice::Unnoticed);
+        List(Bus().list);
+        ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        expected.push_back(Reset());
+        if (i > 1) expected.push_back(Event(HAL_BUS_REMOVAL, i - 1));
+        expected.push_back(Event(HAL_BUS_ARRIVAL, i));
+    }
+    List(Bus().list);
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    EXPECT_EQ(listener.HeardSoFar(), expected);
+}
+
+/// What was heard of a device, in order: "+-+".
+std::string HistoryOf(unsigned device, const std::vector<Heard>& heard) {
+    std::string history;
+    for (const Heard& event : heard) {
+        if (event.first == device && event.event != HAL_BUS_RESET) {
+            history += event.event == HAL_BUS_ARRIVAL ? '+' : '-';
+        }
+    }
+    return history;
+}
+
+// Changes that the driver notices and changes that a listing finds, two threads that list all the time, registrations
+// before and in between: each hears every device come and go in turn, and last what is true.
+TEST_P(HalEvents, RegistrationsOfEveryAgeMissNothingAndHearNothingTwiceWhileOthersList) {
+    constexpr unsigned numDevices = 5;
+    std::vector<std::unique_ptr<EventListener>> listeners;
+    const auto registerOne = [&] { Register(*listeners.emplace_back(std::make_unique<EventListener>())); };
+    List(Bus().list);
+    registerOne();
+    std::atomic<bool> done{false};
+    std::vector<std::thread> listers;
+    for (int i = 0; i < 2; ++i) {
+        listers.emplace_back([&] {
+            while (!done) List(Bus().list);
+        });
+    }
+    std::vector<bool> present(numDevices, false);
+    for (unsigned i = 0; i < 300; ++i) {
+        const unsigned device = i * 7 % numDevices;
+        const Notice notice = i % 3 == 0 ? Notice::Unnoticed : Notice::AtOnce;
+        if (present[device]) {
+            Wire().Leave(device + 1, 0, notice);
+        } else {
+            Wire().Arrive(device + 1, 0, notice);
+        }
+        present[device] = !present[device];
+        if (i % 30 == 0) registerOne();
+    }
+    done = true;
+    for (std::thread& lister : listers) lister.join();
+    List(Bus().list);
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    for (std::size_t i = 0; i < listeners.size(); ++i) {
+        const std::vector<Heard> heard = listeners[i]->HeardSoFar();
+        for (unsigned device = 0; device < numDevices; ++device) {
+            const std::string history = HistoryOf(device + 1, heard);
+            EXPECT_EQ(history.find("++"), std::string::npos) << history;
+            EXPECT_EQ(history.find("--"), std::string::npos) << history;
+            if (!history.empty()) {
+                EXPECT_EQ(history.back(), present[device] ? '+' : '-') << history;
+            }
+            if (i == 0) {
+                EXPECT_EQ(history.substr(0, 1), "+") << "registered when nothing was there";
+            }
+        }
+    }
+    ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
 }
 
 TEST_P(HalEvents, EventsOfOtherBusesAreNotHeard) {
@@ -413,6 +520,29 @@ TEST_P(HalUnseenChange, AListingBySomebodyElseSwallowsNoNews) {
 TEST_P(HalUnseenChange, AChangeWhileAListingRunsIsUnseen) {
     world->duringListing = [this](const std::string&) { Wire().Reset(); };
     List(Bus().list);
+    world->duringListing = nullptr;
+    EXPECT_TRUE(RegisteringQueuesAReset());
+    List(Bus().list);
+    EXPECT_FALSE(RegisteringQueuesAReset());
+}
+
+// The listing that began first looked before the change and ends first; the other one looked after it.
+TEST_P(HalUnseenChange, AListingThatEndsLastDoesNotSpeakForAnotherThatRanMeanwhile) {
+    Nimbrel2::Testing::Gate otherHasLooked;
+    std::thread other;
+    std::atomic<int> number{0};
+    world->duringListing = [&](const std::string&) {
+        if (++number > 1) {
+            otherHasLooked.Pass();
+            return;
+        }
+        Wire().Arrive();
+        other = std::thread([&] { List(Bus().list); });
+        EXPECT_TRUE(otherHasLooked.WaitUntilReached());
+    };
+    List(Bus().list);
+    otherHasLooked.Open();
+    other.join();
     world->duringListing = nullptr;
     EXPECT_TRUE(RegisteringQueuesAReset());
     List(Bus().list);

@@ -487,7 +487,7 @@ TEST_F(RigStory, MakesEveryHalFunctionAnswerWhatAFaultSays) {
         if (function == "HAL_CleanupLibrary" || function == "HAL_InitLibrary") continue;
         m_rig->AddFault({function, 1, kOwnStatus, {}});
         EXPECT_EQ(call(), kOwnStatus) << function;
-        EXPECT_EQ(m_rig->CountFaultsLeft(), 0U) << function;
+        EXPECT_TRUE(m_rig->GetFaultsLeft().empty()) << function;
     }
     for (const char* function : {"HAL_CleanupLibrary", "HAL_InitLibrary"}) {
         m_rig->AddFault({function, 1, kOwnStatus, {}});

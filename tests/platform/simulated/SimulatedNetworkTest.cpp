@@ -13,6 +13,7 @@
 #include "platform/simulated/InterfaceAddresses.h"
 #include "platform/simulated/SimulatedGigENetwork.h"
 #include "tests/support/NetworkNamespace.h"
+#include "tests/support/ProcessThreads.h"
 
 namespace Nimbrel2::Platform::Simulated {
 namespace {
@@ -20,6 +21,7 @@ namespace {
 using Nimbrel2::Testing::NetworkNamespace;
 using std::chrono::seconds;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 constexpr std::uint32_t kLoopback = 0x7F000001;
@@ -80,6 +82,13 @@ TEST_F(SimulatedNetwork, AnswersFromEachCamerasOwnAddress) {
     Add(CameraNumber(2));
     EXPECT_EQ(Read(0x7F000101, Register::kDeviceMacAddressLow), 1u);
     EXPECT_EQ(Read(0x7F000102, Register::kDeviceMacAddressLow), 2u);
+}
+
+TEST_F(SimulatedNetwork, IsServedByAThreadThatTakesNoSignalButThoseOfFaults) {
+    Add(CameraNumber(1));
+    const auto threads = Nimbrel2::Testing::ListThreads("gige-simulated");
+    EXPECT_FALSE(threads.empty());
+    EXPECT_THAT(Nimbrel2::Testing::WrongMasks(threads), IsEmpty());
 }
 
 TEST_F(SimulatedNetwork, AnswersOneBroadcastWithAllOf128Cameras) {

@@ -60,13 +60,14 @@ TEST_F(SimulateCommand, EndsAfterItsDuration) {
 TEST_F(SimulateCommand, PrintsOneJsonObjectALine) {
     const ProgramResult result = Run({"--count", "2", "--base-address", "127.0.5.1", "--json", "--duration", "0.05"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
-    EXPECT_EQ(result.output,
-              R"({"serial":1,"serial_text":"1","mac":"02:00:7f:00:05:01","ip":"127.0.5.1","subnet":"255.0.0.0",)"
-              R"("gateway":"0.0.0.0","interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
-              "\n"
-              R"({"serial":2,"serial_text":"2","mac":"02:00:7f:00:05:02","ip":"127.0.5.2","subnet":"255.0.0.0",)"
-              R"("gateway":"0.0.0.0","interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
-              "\n");
+    EXPECT_EQ(
+        result.output,
+        R"({"serial":1,"serial_text":"1","mac":"02:00:7f:00:05:01","ip":"127.0.5.1","subnet":"255.0.0.0",)"
+        R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
+        "\n"
+        R"({"serial":2,"serial_text":"2","mac":"02:00:7f:00:05:02","ip":"127.0.5.2","subnet":"255.0.0.0",)"
+        R"("gateway":"0.0.0.0","network_interface":"lo","vendor":"Nimbrel","model":"Simulated GigE Camera","name":""})"
+        "\n");
 }
 
 TEST_F(SimulateCommand, IsListedByAnIndependentProgram) {
@@ -113,11 +114,25 @@ TEST_F(SimulateCommand, FailsWhenStandardOutputIsFull) {
     EXPECT_THAT(result.errors, HasSubstr("standard output cannot be written: No space left on device"));
 }
 
-TEST_F(SimulateCommand, GoesOnWhenNobodyReadsIt) {
-    const ProgramResult result = space.RunProgram(
-        {"sh", "-c", "(" SIMULATE_COMMAND " simulate gige --count 200 --duration 0.05; echo $? >&2) | head -1"});
-    EXPECT_THAT(result.output, HasSubstr("serial 1 "));
-    EXPECT_EQ(result.errors, "0\n");
+TEST_F(SimulateCommand, EndsQuietlyWhenItsReaderIsGone) {
+    for (const char* count : {"1", "200"}) {
+        const ProgramResult result = space.RunProgram(
+            {"sh", "-c",
+             std::string("(" SIMULATE_COMMAND " simulate gige --count ") + count + "; echo $? >&2) | head -1"});
+        EXPECT_THAT(result.output, HasSubstr("serial 1 "));
+        EXPECT_EQ(result.errors, "0\n");
+    }
+}
+
+TEST_F(SimulateCommand, KeepsIgnoringCtrlCInTheBackgroundOfAScript) {
+    const auto shell =
+        space.StartProgram({"sh", "-c", SIMULATE_COMMAND " simulate gige & echo pid $!; wait $!; echo status $?"});
+    ASSERT_TRUE(shell->WaitForOutput("127.0.0.2", seconds(20))) << shell->GetErrors();
+    ASSERT_TRUE(shell->WaitForOutput("pid ", seconds(20)));
+    const std::string output = shell->GetOutput();
+    const pid_t simulator = std::stoi(output.substr(output.find("pid ") + 4));
+    ASSERT_EQ(kill(simulator, SIGINT), 0);
+    EXPECT_FALSE(shell->WaitForOutput("status", milliseconds(300)));
 }
 
 struct UsageRow {
@@ -171,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
         UsageRow{"Seed", {"--seed", "x"}, "--seed", "x"}, UsageRow{"Duration", {"--duration", "0"}, "--duration", "0"},
         UsageRow{"DurationThatIsNoNumber", {"--duration", "nan"}, "--duration", "nan"},
         UsageRow{"SeveralWithOneSerial", {"--count", "2", "--serial", "A17"}, "--serial", "A17"},
-        UsageRow{"Unknown", {"--colour", "red"}, "--colour", "red"}),
+        UsageRow{"Unknown", {"--colour", "red"}, "unknown option --colour", "nimbrel simulate gige --help"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

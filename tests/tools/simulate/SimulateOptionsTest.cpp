@@ -19,6 +19,9 @@ TEST(SimulateValues, AreReadWhole) {
     EXPECT_EQ(ReadAddress("192.168.77.50"), 0xC0A84D32u);
     EXPECT_EQ(ReadHostAddress("223.255.255.254"), 0xDFFFFFFEu);
     EXPECT_EQ(ReadSubnetMask("255.255.240.0"), 0xFFFFF000u);
+    EXPECT_EQ(ReadSubnetMask("/24"), 0xFFFFFF00u);
+    EXPECT_EQ(ReadSubnetMask("9"), 0xFF800000u);
+    EXPECT_EQ(ReadMac("02-B0-5e-0a-0B-0c"), 0x02B05E0A0B0Cu);
     EXPECT_EQ(ReadMac("02:B0:5e:0a:0B:0c"), 0x02B05E0A0B0Cu);
     EXPECT_EQ(ReadEndpoint("192.168.77.1:50000"), (Platform::Simulated::Endpoint{0xC0A84D01, 50000}));
     EXPECT_EQ(ReadDecimal("2.5", 0, 100), 2.5);
@@ -35,11 +38,11 @@ TEST(SimulateValues, AreRefusedWhenTheyAreNone) {
     for (const char* text : {"", "0.0.0.0", "0.1.2.3", "224.0.0.1", "239.1.2.3", "255.255.255.255"}) {
         EXPECT_FALSE(ReadHostAddress(text)) << text;
     }
-    for (const char* text : {"", "0.0.0.0", "255.0.255.0", "0.0.0.255", "24"}) {
+    for (const char* text : {"", "0.0.0.0", "255.0.255.0", "0.0.0.255", "/0", "33", "/", "/8/"}) {
         EXPECT_FALSE(ReadSubnetMask(text)) << text;
     }
     for (const char* text :
-         {"", "02:00:00:00:00", "02:00:00:00:00:1", "02:00:00:00:00:1g", "02-00-00-00-00-01",
+         {"", "02:00:00:00:00", "02:00:00:00:00:1", "02:00:00:00:00:1g", "02:00-00:00:00:01",
           "02:00:00:00:00:01:", "+2:00:00:00:00:01", "00:00:00:00:00:00", "01:00:5e:00:00:01", "ff:ff:ff:ff:ff:ff"}) {
         EXPECT_FALSE(ReadMac(text)) << text;
     }
@@ -157,16 +160,17 @@ TEST_P(SimulationProblem, IsNamed) {
 INSTANTIATE_TEST_SUITE_P(
     Table, SimulationProblem,
     ::testing::Values(
-        ProblemRow{"TooManyForTheSubnet", Several(255, "192.168.77.1", "", "", ""), "--count 255: not that many"},
-        ProblemRow{"NetworkAddress", Several(1, "192.168.77.0", "", "", ""), "--count 1: not that many"},
-        ProblemRow{"BroadcastAddress", Several(1, "192.168.77.255", "", "", ""), "--count 1: not that many"},
+        ProblemRow{"TooManyForTheSubnet", Several(255, "192.168.77.1", "", "", ""),
+                   "--count 255: the subnet with mask 255.255.255.0 has fewer host addresses from 192.168.77.1 on"},
+        ProblemRow{"NetworkAddress", Several(1, "192.168.77.0", "", "", ""), "--count 1: the subnet with mask"},
+        ProblemRow{"BroadcastAddress", Several(1, "192.168.77.255", "", "", ""), "--count 1: the subnet with mask"},
         ProblemRow{"PastTheLastAddress", Several(3, "255.255.255.254", "128.0.0.0", "", ""),
-                   "--count 3: not that many"},
+                   "--count 3: the subnet with mask"},
         ProblemRow{"PastTheLastMac", Several(2, "", "", "fe:ff:ff:ff:ff:ff", ""), "--mac fe:ff:ff:ff:ff:ff"},
         ProblemRow{"SerialThatDoesNotCount", Several(2, "", "", "", "A17"), "--serial A17"},
         ProblemRow{"SerialWithZeros", Several(2, "", "", "", "007"), "--serial 007"},
         ProblemRow{"SerialPastItsField", Several(2, "", "", "", "9999999999999999"), "more than 16 digits"},
-        ProblemRow{"ExclusiveByNobody", ExclusiveByNobody(), "--exclusive: needs --ccp-owner"}),
+        ProblemRow{"ExclusiveByNobody", ExclusiveByNobody(), "--exclusive requires --ccp-owner"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(SimulationPlan, TakesAnySerialForOneCamera) {

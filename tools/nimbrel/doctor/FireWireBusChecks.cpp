@@ -7,7 +7,7 @@
 #include <set>
 
 #include "hal/HAL.h"
-#include "tools/nimbrel/Values.h"
+#include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/FireWireChecks.h"
 #include "tools/nimbrel/doctor/FireWireTexts.h"
 

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "hal/HAL.h"
-#include "tools/nimbrel/BusHealth.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/doctor/FireWireTexts.h"
 
@@ -88,8 +88,9 @@ const std::vector<Check<FireWireExamination>>& FireWireChecks() {
 
 Findings CheckFireWireDriver(const FireWireExamination& examined) {
     const std::string check = "1394.driver";
+    if (examined.status == HAL_NO_BUS) return {};  // nobody drives it, or a driver that tells nothing
     if (examined.status != HAL_OK) {
-        return {{check, false, "the IEEE 1394 driver cannot look: " + DescribeStatus(examined.status),
+        return {{check, false, "IEEE 1394 cannot be searched: " + DescribeStatus(examined.status),
                  "sudo nimbrel doctor --bus 1394"}};
     }
     Findings wrong;

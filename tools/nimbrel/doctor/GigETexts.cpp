@@ -8,6 +8,7 @@
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
 #include "tools/nimbrel/Text.h"
+#include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
@@ -23,6 +24,12 @@ std::string AddressText(const InterfaceAddress& address) {
 
 std::string SubnetText(const InterfaceAddress& address) {
     return SubnetOf(UnpackIPAddress(address.address), UnpackIPAddress(address.GetMask()));
+}
+
+bool IsElsewhere(const Platform::CameraDiagnosis& camera) {
+    using Platform::GigEUsability;
+    return camera.usability == GigEUsability::NoAddress || camera.usability == GigEUsability::InvalidAddress ||
+           camera.usability == GigEUsability::OtherSubnet;
 }
 
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record) {
@@ -44,6 +51,15 @@ const InterfaceDiagnosis* FindInterface(const GigEDiagnosis& diagnosis, int inde
 std::string InterfaceName(const GigEDiagnosis& diagnosis, int index) {
     const InterfaceDiagnosis* interface = FindInterface(diagnosis, index);
     return interface != nullptr ? interface->interface.name : "interface " + std::to_string(index);
+}
+
+bool IsOwnAddress(const GigEDiagnosis& diagnosis, std::uint32_t ip) {
+    for (const InterfaceDiagnosis& entry : diagnosis.interfaces) {
+        for (const InterfaceAddress& address : entry.interface.addresses) {
+            if (address.address == ip) return true;
+        }
+    }
+    return false;
 }
 
 std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
@@ -68,12 +84,31 @@ std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress
     for (const Platform::CameraDiagnosis& camera : diagnosis.cameras) {
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
     }
-    // From the top, where few hosts and no address server are.
+    // From the top, where fewer hosts and address servers are.
     const std::uint32_t first = subnet.address & subnet.GetMask();
     for (std::uint32_t ip = (first | ~subnet.GetMask()) - 1; ip > first && subnet.prefixLength < 31; --ip) {
         if (taken.count(ip) == 0) return ip;
     }
     return 0;
+}
+
+std::string Sudo(const std::vector<std::string>& words) {
+    std::string command = "sudo";
+    for (const std::string& word : words) command += " " + QuoteForShell(word);
+    return command;
+}
+
+std::string FilterSetting(const std::string& interface, int value) {
+    return "net/ipv4/conf/" + interface + "/rp_filter=" + std::to_string(value);
+}
+
+std::string ByHand(const std::string& text) { return "# " + text; }
+
+Findings OrOk(Findings wrong, const std::string& check, const std::vector<std::string>& measured) {
+    if (!wrong.empty() || measured.empty()) return wrong;
+    std::string evidence;
+    for (const std::string& text : measured) evidence += (evidence.empty() ? "" : "; ") + text;
+    return {{check, true, evidence, ""}};
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names and numbers in the findings on GigE. Pure.
+// Names, numbers and commands in the findings on GigE. Pure.
 #ifndef NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
 #define NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/Diagnostics.h"
+#include "tools/nimbrel/doctor/Finding.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
@@ -15,6 +17,9 @@ std::string IpText(std::uint32_t ip);
 std::string AddressText(const Platform::InterfaceAddress& address);
 /// "192.168.77.0/24"
 std::string SubnetText(const Platform::InterfaceAddress& address);
+
+/// Its address is none of the subnets of the interface that hears it, or none that a host can have.
+bool IsElsewhere(const Platform::CameraDiagnosis& camera);
 
 std::uint64_t MacOf(const GvcpDiscoveryRecord& record);
 /// "camera 31000001 (02:00:00:00:77:0a)". The serial text is the camera's own and may hold anything.
@@ -25,10 +30,26 @@ const Platform::InterfaceDiagnosis* FindInterface(const Platform::GigEDiagnosis&
 /// Its name, or its number when it has gone.
 std::string InterfaceName(const Platform::GigEDiagnosis& diagnosis, int index);
 
-/// An address with its prefix, "192.168.100.1/24": of a subnet that this computer has no other interface in.
+/// Whether one of this computer's interfaces has the address.
+bool IsOwnAddress(const Platform::GigEDiagnosis& diagnosis, std::uint32_t ip);
+
+/// An address with its prefix, "192.168.100.1/24": of a subnet that this computer has no interface in.
 std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis);
-/// An address of that subnet that nobody is known to have; 0 when there is none.
+/// An address of that subnet that no interface and no camera is known to have; 0 when there is none.
 std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
+
+// ---- Commands, for a POSIX shell
+// -----------------------------------------------------------------------------------------------
+
+/// The words, quoted where they must be, run by root.
+std::string Sudo(const std::vector<std::string>& words);
+/// "net/ipv4/conf/eth0/rp_filter=2". Slashes, for a name may have dots.
+std::string FilterSetting(const std::string& interface, int value);
+/// A command that only a person can carry out, as a comment of the shell.
+std::string ByHand(const std::string& text);
+
+/// One finding that is ok, made of what was measured, unless something is wrong.
+Findings OrOk(Findings wrong, const std::string& check, const std::vector<std::string>& measured);
 
 }  // namespace Nimbrel2::Tool::Doctor
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads /proc and the packet filter's rules. Any thread; no lock.
+// Reads /proc, /sys and the rules of the packet filters. Any thread; no lock.
 #include "tools/nimbrel/doctor/HostSettings.h"
 
 #include <fcntl.h>
@@ -12,10 +12,12 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <sstream>
+#include <system_error>
+#include <utility>
 
 #include "platform/base/Netstat.h"
 
@@ -30,7 +32,7 @@ std::string ReadAll(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// Reads until the writer is done. @return false when it takes too long or says too much.
+// Reads until the writer is done. @return false when it takes too long or prints too much.
 bool Collect(int fd, std::string* output) {
     const auto deadline = std::chrono::steady_clock::now() + kLongestRun;
     std::array<char, 4096> buffer;
@@ -47,7 +49,7 @@ bool Collect(int fd, std::string* output) {
     return false;
 }
 
-/// Standard output of a program that ends well; nothing otherwise. It sees no input and its errors go nowhere.
+/// Standard output of a program that ends with 0; nothing otherwise. It has no input, and its errors are dropped.
 std::optional<std::string> RunQuietly(const std::vector<const char*>& words) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return std::nullopt;
@@ -74,29 +76,38 @@ std::optional<std::string> RunQuietly(const std::vector<const char*>& words) {
     return output;
 }
 
-std::string TextOf(const nlohmann::json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+// Names of the interfaces that others are built upon: parents of VLANs and macvlans, members of bonds.
+std::set<std::string> ReadCarriers() {
+    std::set<std::string> carriers;
+    std::error_code ignored;
+    for (const auto& interface : std::filesystem::directory_iterator("/sys/class/net", ignored)) {
+        for (const auto& entry : std::filesystem::directory_iterator(interface.path(), ignored)) {
+            if (entry.path().filename().string().rfind("upper_", 0) == 0) carriers.insert(interface.path().filename());
+        }
+    }
+    return carriers;
+}
+
+RuleSet ReadRules() {
+    RuleSet rules;
+    const auto nft = RunQuietly({"/usr/sbin/nft", "-j", "list", "ruleset"});
+    if (nft) {
+        if (auto chains = ParseNftRules(*nft)) {
+            rules.known = true;
+            rules.chains = std::move(*chains);
+        }
+    }
+    for (const auto& [program, tool] : {std::pair("/usr/sbin/iptables-nft-save", RuleTool::Iptables),
+                                        std::pair("/usr/sbin/iptables-legacy-save", RuleTool::IptablesLegacy)}) {
+        const auto text = RunQuietly({program});
+        if (!text) continue;
+        rules.known = true;
+        for (Chain& chain : ParseIptablesRules(*text, tool)) rules.chains.push_back(std::move(chain));
+    }
+    return rules;
 }
 
 }  // namespace
-
-std::optional<std::vector<InputChain>> ParseRuleset(const std::string& json) {
-    const nlohmann::json document = nlohmann::json::parse(json, nullptr, false);
-    if (!document.is_object()) return std::nullopt;
-    const auto entries = document.find("nftables");
-    if (entries == document.end() || !entries->is_array()) return std::nullopt;
-    std::vector<InputChain> chains;
-    for (const nlohmann::json& entry : *entries) {
-        if (!entry.is_object()) continue;
-        const auto chain = entry.find("chain");
-        if (chain == entry.end() || !chain->is_object() || TextOf(*chain, "hook") != "input") continue;
-        const std::string family = TextOf(*chain, "family");
-        if (family != "inet" && family != "ip") continue;
-        chains.push_back({family, TextOf(*chain, "table"), TextOf(*chain, "name"), TextOf(*chain, "policy") == "drop"});
-    }
-    return chains;
-}
 
 std::optional<std::uint64_t> ParseFilteredPackets(const std::string& netstat) {
     return Platform::ParseNetstat(netstat, "IPReversePathFilter");
@@ -109,11 +120,8 @@ HostSettings ReadHostSettings() {
     std::istringstream largest(ReadAll("/proc/sys/net/core/rmem_max"));
     std::uint32_t octets = 0;
     if (largest >> octets) settings.largestReceiveBuffer = octets;
-    if (const auto rules = RunQuietly({"/usr/sbin/nft", "-j", "list", "ruleset"})) {
-        settings.inputChains = ParseRuleset(*rules);
-    }
-    settings.usesUfw = ReadAll("/etc/ufw/ufw.conf").find("\nENABLED=yes") != std::string::npos;
-    settings.usesFirewalld = access("/run/firewalld", F_OK) == 0;
+    settings.carriers = ReadCarriers();
+    settings.rules = ReadRules();
     return settings;
 }
 

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "hal/HAL.h"
-#include "tools/nimbrel/BusHealth.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/doctor/UsbTexts.h"
 
 namespace Nimbrel2::Tool::Doctor {

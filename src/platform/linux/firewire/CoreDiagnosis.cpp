@@ -9,6 +9,7 @@ namespace Nimbrel2::Platform::FireWire {
 namespace {
 
 constexpr std::uint64_t kStateClearOffset = 0xFFFFF0000000;
+constexpr std::uint32_t kSlowestPhy = 100;       // Mbit/s, doubled with each speed code
 constexpr std::uint32_t kCycleMaster = 1U << 8;  // cmstr: sends cycle starts when it is the root
 
 /// Nobody has the number 63.
@@ -18,6 +19,60 @@ std::optional<unsigned int> PhyIdOf(std::uint16_t nodeId) {
 }
 
 }  // namespace
+
+// The tree is the controller's own knowledge: reading it sends nothing over the bus.
+std::uint32_t FireWireCore::Describe(std::vector<BusMap>* maps) {
+    UniqueLock lock(m_mutex);
+    if (!m_running) return HAL_CLOSED;
+    std::vector<std::string> paths;
+    for (const auto& [path, card] : m_cards) paths.push_back(path);
+    for (const std::string& path : paths) {
+        WaitForSelfIds(lock, path);
+        if (!m_running) return HAL_CLOSED;
+        if (m_cards.count(path) != 0) maps->push_back(DescribeBus(path));
+    }
+    return HAL_OK;
+}
+
+BusMap FireWireCore::DescribeBus(const std::string& path) {
+    const Card& card = m_cards[path];
+    BusMap map;
+    map.bus = HAL_INTERFACE_1394;
+    const Node* local = FindLocal(path);
+    map.name = local != nullptr ? local->scanned.name : path.substr(path.rfind('/') + 1);
+    std::map<std::uint32_t, BusMapNode> nodes;
+    const bool isKnown = card.selfIds.state == State::Done && card.selfIds.status == HAL_OK &&
+                         card.selfIds.generation == card.ids.generation;
+    if (isKnown) {
+        for (const FireWirePhy& phy : card.phys) {
+            BusMapNode& entry = nodes[phy.phyId];
+            entry.speed = kSlowestPhy << phy.speed;
+            entry.isHub = !phy.linkActive;
+        }
+    }
+    for (const auto& [name, node] : m_nodes) {
+        const auto phyId = PhyIdOf(node.ids.node);
+        if (node.key.card != path || !IsPresent(node) || !node.IsOpen() || !phyId) continue;
+        BusMapNode& entry = nodes[*phyId];
+        entry.isHub = false;
+        entry.isThisComputer = node.scanned.isLocal;
+        entry.vendor = node.rom.GetVendor();
+        entry.model = node.rom.GetModel();
+        entry.name = entry.vendor + (entry.vendor.empty() || entry.model.empty() ? "" : " ") + entry.model;
+        entry.isCamera = node.FindCamera() != nullptr;
+        if (entry.isCamera) {
+            entry.serialNumber = static_cast<std::uint32_t>(node.key.eui64);
+        } else {
+            entry.vendor.clear();
+            entry.model.clear();
+        }
+    }
+    for (auto& [phyId, entry] : nodes) {
+        entry.id = phyId;
+        map.nodes.push_back(std::move(entry));
+    }
+    return map;
+}
 
 std::uint32_t FireWireCore::Diagnose(bool askNodes, FireWireDiagnosis* diagnosis) {
     diagnosis->idleControllers = FindIdleControllers();

@@ -38,6 +38,7 @@ std::uint32_t FireWireCore::Start() {
     {
         const LockGuard lock(m_mutex);
         Report();
+        AskMissingSelfIds();
     }
     // What a turn that runs out of memory leaves undone is still marked to be done.
     const std::uint32_t status = m_monitor.Start("1394-monitor", [this] { MonitorTurn(); });
@@ -201,25 +202,20 @@ TimePoint FireWireCore::GetSettleTime() const {
 // The burst is over: who is there now, and what follows from it.
 void FireWireCore::Settle() {
     RefreshCards();
-    std::vector<std::string> reset;
+    bool wasReset = false;
     for (auto& [path, card] : m_cards) {
-        if (card.resets == card.settledResets) continue;
+        wasReset = wasReset || card.resets != card.settledResets;
         card.settledResets = card.resets;
-        m_otherChange = true;
-        reset.push_back(path);
     }
+    m_otherChange = m_otherChange || wasReset;
     if (m_otherChange) ++m_resets;
     m_otherChange = false;
     Report();
     m_firstChange.reset();
-    if (reset.empty()) return;
     // Told first, read afterwards: whoever enumerates now waits for these readings, and nobody for those who answer
     // late.
-    ReadSerialNumbers();
-    for (const std::string& path : reset) {
-        Node* local = nullptr;
-        if (FindUsableLocal(path, &local) == HAL_OK) AskSelfIds(*local, m_cards[path]);
-    }
+    if (wasReset) ReadSerialNumbers();
+    AskMissingSelfIds();
 }
 
 void FireWireCore::Report() {

@@ -75,6 +75,15 @@ void FireWireCore::AskSerialNumber(Node& node) {
                          node.ids.generation, Clock::now(), HAL_OK, 0};
 }
 
+// Of each bus whose tree may be seen, and is not known as it is now.
+void FireWireCore::AskMissingSelfIds() {
+    for (auto& [path, card] : m_cards) {
+        const bool isOfNow = card.selfIds.generation == card.ids.generation && card.selfIds.state != State::None;
+        Node* local = nullptr;
+        if (!isOfNow && FindUsableLocal(path, &local) == HAL_OK) AskSelfIds(*local, card);
+    }
+}
+
 void FireWireCore::AskSelfIds(Node& local, Card& card) {
     const Request request{RequestKind::ReadBlock, kTopologyMapOffset, kTopologyMapBytes, 0};
     const int error = Ask(local, Purpose::SelfIds, request);

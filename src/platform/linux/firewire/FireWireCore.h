@@ -69,6 +69,7 @@ public:
     std::uint32_t Start() NIMBREL2_EXCLUDES(m_mutex);
     void Stop() NIMBREL2_EXCLUDES(m_mutex);
     std::uint32_t List(NodeKind kind, std::vector<ListedNode>* nodes, BusState* state) NIMBREL2_EXCLUDES(m_mutex);
+    std::uint32_t Describe(std::vector<BusMap>* maps) NIMBREL2_EXCLUDES(m_mutex);
     std::uint32_t Diagnose(bool askNodes, FireWireDiagnosis* diagnosis) NIMBREL2_EXCLUDES(m_mutex);
 
     // One node, found anew at each call.
@@ -214,6 +215,7 @@ private:
     bool IsFresh(const Node& node, TimePoint now) const NIMBREL2_REQUIRES(m_mutex);
     void ReadSerialNumbers() NIMBREL2_REQUIRES(m_mutex);
     void AskSerialNumber(Node& node) NIMBREL2_REQUIRES(m_mutex);
+    void AskMissingSelfIds() NIMBREL2_REQUIRES(m_mutex);
     void AskSelfIds(Node& local, Card& card) NIMBREL2_REQUIRES(m_mutex);
     int Ask(Node& node, Purpose purpose, const Request& request) NIMBREL2_REQUIRES(m_mutex);
     void FinishReading(const Answer& answer) NIMBREL2_REQUIRES(m_mutex);
@@ -231,6 +233,7 @@ private:
                          std::uint32_t address, std::optional<std::uint32_t>* value) NIMBREL2_REQUIRES(m_mutex);
 
     // CoreDiagnosis.cpp
+    BusMap DescribeBus(const std::string& path) NIMBREL2_REQUIRES(m_mutex);
     FireWireBusDiagnosis DiagnoseBus(const std::string& path, std::uint32_t selfIdStatus) NIMBREL2_REQUIRES(m_mutex);
     std::optional<NodeKey> FindRoot(const std::string& path) NIMBREL2_REQUIRES(m_mutex);
 

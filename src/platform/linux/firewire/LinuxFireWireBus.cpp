@@ -82,6 +82,7 @@ public:
     void Stop() override { m_core->Stop(); }
     std::uint32_t ListCameras(Listing<FireWireDevice>* cameras) override { return List(NodeKind::Camera, cameras); }
     std::uint32_t ListDevices(Listing<FireWireDevice>* devices) override { return List(NodeKind::Device, devices); }
+    std::uint32_t Describe(std::vector<BusMap>* maps) override { return m_core->Describe(maps); }
     std::uint32_t Diagnose(bool askNodes, FireWireDiagnosis* diagnosis) override {
         return m_core->Diagnose(askNodes, diagnosis);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way to one camera's registers: a connected socket of its own and what its last commands have taught. The socket
+// The way to one camera's registers: a socket of its own and what its last commands have taught. The socket
 // is made at the first command and kept, because whoever holds a camera's control is known to it by address and port.
 //
 // Whoever has a Command talks to the camera, alone: it sends, and it alone reads the socket. Any thread may begin one.

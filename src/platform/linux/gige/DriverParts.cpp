@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/base/CameraAddress.h"
 #include "platform/gvcp/GvcpConstants.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -56,6 +57,7 @@ DriverParts::DriverParts(const DriverOptions& given, BusEventSink& events)
                                 if (!interface) continue;
                                 SocketOptions socketOptions;
                                 socketOptions.preferredPort = request.preferredPort;
+                                socketOptions.localAddress = LocalAddressFor(interface->info, request.place.ip);
                                 socketOptions.peer = request.place.ip;
                                 std::string where;
                                 request.error = OpenSocket(interface->info, socketOptions, &request.socket, &where);

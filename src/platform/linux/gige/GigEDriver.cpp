@@ -2,11 +2,16 @@
 // Listings, device operations and diagnosis of the GigE driver. Any thread; no lock of its own.
 #include "platform/linux/gige/GigEDriver.h"
 
+#include <linux/ethtool.h>
+#include <linux/if.h>
 #include <linux/sock_diag.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
+#include <string>
 
 #include "platform/base/CameraAddress.h"
 #include "platform/gvcp/GvcpConstants.h"
@@ -26,6 +31,18 @@ void ReadSocketMemory(int fd, InterfaceDiagnosis* diagnosis) {
     if (::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, values.data(), &size) != 0) return;
     diagnosis->receiveBuffer = values[SK_MEMINFO_RCVBUF];
     diagnosis->receiveDrops = values[SK_MEMINFO_DROPS];
+}
+
+// Mbit/s; 0 when the interface does not tell, as one without a cable.
+std::uint32_t ReadLinkSpeed(int fd, const std::string& name) {
+    ethtool_cmd command{};
+    command.cmd = ETHTOOL_GSET;
+    ifreq request{};
+    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    request.ifr_data = reinterpret_cast<char*>(&command);
+    if (::ioctl(fd, SIOCETHTOOL, &request) != 0) return 0;
+    const std::uint32_t speed = ethtool_cmd_speed(&command);
+    return speed == static_cast<std::uint32_t>(SPEED_UNKNOWN) ? 0 : speed;
 }
 
 }  // namespace
@@ -177,7 +194,9 @@ std::uint32_t GigEDriver::Diagnose(bool askControl, GigEDiagnosis* diagnosis) {
                 return view.interface == entry.interface.index;
             }));
         const auto used = m_parts.interfaces.FindUsed(entry.interface.index);
-        if (used) ReadSocketMemory(used->search->GetFd(), &entry);
+        if (!used) continue;
+        ReadSocketMemory(used->search->GetFd(), &entry);
+        entry.linkSpeed = ReadLinkSpeed(used->search->GetFd(), entry.interface.name);
     }
     std::map<CameraKey, Readings> readings;
     if (askControl) {

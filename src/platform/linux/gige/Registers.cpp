@@ -208,8 +208,7 @@ std::uint32_t Registers::Exchange(const UdpSocket& socket, std::span<const std::
     std::array<std::uint8_t, kBufferBytes> buffer;
     for (int i = 0; i < m_timings.registerTries && !reply.IsAnswered(); ++i) {
         const int error = socket.SendToPeer(packet);
-        // What the camera's host says of an earlier packet is not for this one; it may only be starting.
-        if (error != 0 && error != EAGAIN && error != ENOBUFS && error != ECONNREFUSED) return StatusOfErrno(error);
+        if (error != 0 && error != EAGAIN && error != ENOBUFS) return StatusOfErrno(error);
         const TimePoint end = Clock::now() + m_timings.registerTry;
         // A camera that asks for less time than it has, or for none, is not given up the sooner for it.
         while (!reply.IsAnswered() && WaitReadable(socket.GetFd(), std::max(end, reply.GetPendingUntil()))) {
@@ -381,7 +380,7 @@ void Registers::Advance(Job& job, TimePoint now) {
 void Registers::Repeat(Job& job, TimePoint now) {
     const int error = job.command->socket->SendToPeer(job.packet.GetBytes());
     job.nextTry = now + m_timings.registerTry;
-    if (error == 0 || error == EAGAIN || error == ENOBUFS || error == ECONNREFUSED) return;
+    if (error == 0 || error == EAGAIN || error == ENOBUFS) return;
     job.readings.controlStatus = job.readings.valueStatus = StatusOfErrno(error);
     job.done = true;
 }

@@ -20,9 +20,11 @@ constexpr std::uint16_t kDiscardPort = 9;
 constexpr std::size_t kBatch = 16;
 // Longer than any packet, so that what does not fit is no packet.
 constexpr std::size_t kDatagramBytes = Gvcp::kMaxPacketBytes + 28;
-// Sends may find an error that an earlier one has left on the socket (the device went down, the camera's host has said
-// that nobody listens): the next one tells whether this packet can be sent.
+// Sends may find an error that an earlier one has left on the socket: the next one tells whether this packet can be
+// sent.
 constexpr int kSendTries = 2;
+// Datagrams of others that are dropped before whoever waits looks at its deadline again.
+constexpr int kMostStrangers = 64;
 
 sockaddr_in AddressOf(std::uint32_t ip, std::uint16_t port) {
     sockaddr_in address{};
@@ -59,26 +61,14 @@ int UdpSocket::Open(const NetworkInterface& interface, const SocketOptions& opti
     *where = "SO_BROADCAST";
     if (::setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) return errno;
 
-    // The name could have changed since it was read; the kernel then answers ENODEV and the next look finds the new
-    // one.
-    *where = "SO_BINDTODEVICE";
-    if (::setsockopt(fd.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.name.c_str(),
-                     static_cast<socklen_t>(interface.name.size())) != 0) {
-        return errno;
-    }
     // Smaller buffers only lose more of a flood.
     SetBuffer(fd.Get(), SO_RCVBUFFORCE, SO_RCVBUF, options.receiveBuffer);
     SetBuffer(fd.Get(), SO_SNDBUFFORCE, SO_SNDBUF, options.sendBuffer);
 
-    const std::shared_ptr<UdpSocket> opened(new UdpSocket(interface.index, std::move(fd)));
+    const std::shared_ptr<UdpSocket> opened(new UdpSocket(interface.index, options.peer.value_or(0), std::move(fd)));
     *where = "bind";
     int error = opened->Bind(interface, options);
     if (error != 0) return error;
-    if (options.peer) {
-        *where = "connect";
-        const sockaddr_in peer = AddressOf(*options.peer, Gvcp::kPort);
-        if (::connect(opened->GetFd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) return errno;
-    }
     *where = "getsockname";
     error = opened->ReadLocalEnd();
     if (error == 0) *socket = opened;
@@ -87,7 +77,7 @@ int UdpSocket::Open(const NetworkInterface& interface, const SocketOptions& opti
 
 int UdpSocket::Bind(const NetworkInterface& interface, const SocketOptions& options) {
     // On loopback a socket without an address would send from 0.0.0.0, where nobody can answer.
-    const std::uint32_t ip = interface.loopback ? INADDR_LOOPBACK : INADDR_ANY;
+    const std::uint32_t ip = interface.loopback ? INADDR_LOOPBACK : options.localAddress;
     if (options.preferredPort != 0 && BindTo(GetFd(), ip, options.preferredPort) == 0) return 0;
     if (!options.ports) return BindTo(GetFd(), ip, 0);
     int error = EADDRINUSE;
@@ -128,17 +118,16 @@ int UdpSocket::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, st
     message.msg_iovlen = 1;
 
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> control{};
-    if (from != 0) {
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = IPPROTO_IP;
-        header->cmsg_type = IP_PKTINFO;
-        header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-        in_pktinfo info{};
-        info.ipi_spec_dst.s_addr = htonl(from);
-        std::memcpy(CMSG_DATA(header), &info, sizeof info);
-    }
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_ifindex = m_interface;
+    info.ipi_spec_dst.s_addr = htonl(from);
+    std::memcpy(CMSG_DATA(header), &info, sizeof info);
     for (int i = 0; i < kSendTries; ++i) {
         ssize_t sent;
         do {
@@ -151,15 +140,7 @@ int UdpSocket::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, st
 }
 
 int UdpSocket::SendToPeer(std::span<const std::uint8_t> packet) const {
-    for (int i = 0; i < kSendTries; ++i) {
-        ssize_t sent;
-        do {
-            sent = ::send(m_socket.Get(), packet.data(), packet.size(), MSG_DONTWAIT);
-        } while (sent < 0 && errno == EINTR);
-        if (sent >= 0) return 0;
-        if (IsFull(errno)) break;
-    }
-    return errno;
+    return SendTo(packet, m_peer, Gvcp::kPort, m_localAddress);
 }
 
 std::size_t UdpSocket::Drain(std::size_t budget, DatagramHandler& handler) {
@@ -197,11 +178,14 @@ std::size_t UdpSocket::Drain(std::size_t budget, DatagramHandler& handler) {
 }
 
 std::size_t UdpSocket::ReceiveFromPeer(std::span<std::uint8_t> buffer) const {
-    // Errors that earlier packets have met come off one at a time; they say no more than silence does.
-    for (int i = 0; i < 4; ++i) {
-        const ssize_t size = ::recv(m_socket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (size >= 0) return static_cast<std::size_t>(size) <= buffer.size() ? static_cast<std::size_t>(size) : 0;
-        if (errno == EAGAIN) return 0;
+    for (int i = 0; i < kMostStrangers; ++i) {
+        sockaddr_in from{};
+        socklen_t fromSize = sizeof from;
+        const ssize_t size = ::recvfrom(m_socket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC,
+                                        reinterpret_cast<sockaddr*>(&from), &fromSize);
+        if (size < 0 && errno == EAGAIN) return 0;
+        if (size < 0 || ntohl(from.sin_addr.s_addr) != m_peer || ntohs(from.sin_port) != Gvcp::kPort) continue;
+        return static_cast<std::size_t>(size) <= buffer.size() ? static_cast<std::size_t>(size) : 0;
     }
     return 0;
 }

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// `nimbrel help`: the help of the program or of one command, as `--help` prints it. Main thread only; no lock.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/UsageErrors.h"
+
+namespace Nimbrel2::Tool {
+namespace {
+
+const char kFooter[] =
+    R"(Examples:
+  nimbrel help                 all commands
+  nimbrel help list            one command, like `nimbrel list --help`
+  nimbrel help rig play        a command of a command
+
+Exit status:
+  0  The help was printed.
+  2  There is no such command.
+)";
+
+std::string HelpOf(const CLI::App& app, const std::vector<std::string>& words) {
+    const CLI::App* command = &app;
+    std::string name = app.get_name();
+    for (const std::string& word : words) {
+        const auto below = command->get_subcommands([&word](const CLI::App* one) { return one->check_name(word); });
+        if (below.empty()) throw CommandError(UnknownCommand(*command, word), kUsage);
+        command = below.front();
+        name += " " + word;
+    }
+    // App::help() would explain the command that is running, this one.
+    return app.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
+}
+
+}  // namespace
+
+void AddHelpCommand(CLI::App& app, CommandContext& context) {
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App* command = context.AddCommand(app, "help", "Explains a command.", [&app, &context, words] {
+        context.Print(HelpOf(app, *words));
+        return static_cast<int>(kDone);
+    });
+    command->add_option("COMMAND", *words, "The command; without it: all of them.")->type_name("");
+    command->footer(kFooter);
+}
+
+}  // namespace Nimbrel2::Tool
