@@ -83,6 +83,16 @@ TEST_F(UsbTool, TopologyPlacesACameraBehindFourHubsAndNoneBehindFive) {
     EXPECT_THAT(tree.dump(), HasSubstr(list["cameras"][1].at("guid").get<std::string>()));
 }
 
+TEST_F(UsbTool, TopologyNamesTheControllerTheHubsAndThePorts) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Hub("2-1", 2, true));
+    bed.Add(Camera("2-1.2", 3, "4711"));
+    const ProgramResult result = Run({"--bus", "usb", "topology"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("USB host 0000:00:14.0"));
+    EXPECT_THAT(result.output, testing::ContainsRegex("port 1: .*\n.*port 2: .*4711 +5 Gbit/s"));
+}
+
 TEST_F(UsbTool, WatchTellsOfACameraThatIsPluggedIn) {
     bed.AddController(UsbTestbed::kPci, 1, 2);
     ChildProcess watch(CommandLine({"--bus", "usb", "watch"}));
@@ -133,7 +143,7 @@ TEST_F(UsbTool, DoctorFindsWhatIsWrong) {
     bed.SetAttribute("usb1", "1-0:1.0/usb1-port5/over_current_count", "2");
     bed.SetLink("2-4", "2-4:1.0/driver", "../../../../../../bus/usb/drivers/usbfs");
     const auto wrong = Wrong();
-    for (const char* check : {"usb.memory", "usb.suspend", "usb.authorization", "usb.serial", "usb.speed",
+    for (const char* check : {"usb.memory", "usb.suspend", "usb.authorization", "cameras.guid", "usb.speed",
                               "usb.over-current", "usb.claimed"}) {
         ASSERT_EQ(wrong.count(check), 1u) << check << " in " << Json(wrong).dump(2);
         EXPECT_NE(wrong.at(check).at("evidence"), "") << check;

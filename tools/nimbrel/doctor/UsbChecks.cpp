@@ -165,9 +165,8 @@ Findings CheckUsbClaims(const UsbExamination& examined) {
 
 const std::vector<Check<UsbExamination>>& UsbChecks() {
     static const std::vector<Check<UsbExamination>> checks{
-        CheckUsbDriver,  CheckUsbEvents, CheckUsbAuthorization, CheckUsbPermission,
-        CheckUsbClaims,  CheckUsbSpeed,  CheckUsbHubSpeed,      CheckUsbOverCurrent,
-        CheckUsbSuspend, CheckUsbMemory, CheckUsbSerialNumbers};
+        CheckUsbDriver, CheckUsbEvents,   CheckUsbAuthorization, CheckUsbPermission, CheckUsbClaims,
+        CheckUsbSpeed,  CheckUsbHubSpeed, CheckUsbOverCurrent,   CheckUsbSuspend,    CheckUsbMemory};
     return checks;
 }
 
