@@ -99,6 +99,16 @@ TEST_F(UsbTool, ListTellsWhereACameraIsAndWhatItCouldDo) {
     EXPECT_THAT(result.output, HasSubstr("at most        5 Gbit/s by the camera"));
 }
 
+TEST_F(UsbTool, TopologyNamesTheControllerTheHubsAndThePorts) {
+    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.Add(Hub("2-1", 2, true));
+    bed.Add(Camera("2-1.2", 3, "4711"));
+    const ProgramResult result = Run({"--bus", "usb", "topology"});
+    EXPECT_EQ(result.exitStatus, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("USB host 0000:00:14.0"));
+    EXPECT_THAT(result.output, testing::ContainsRegex("port 1: .*\n.*port 2: .*4711 +5 Gbit/s"));
+}
+
 TEST_F(UsbTool, WatchTellsOfACameraThatIsPluggedIn) {
     bed.AddController(UsbTestbed::kPci, 1, 2);
     ChildProcess watch(CommandLine({"--bus", "usb", "watch"}));
