@@ -70,7 +70,12 @@ protected:
     void Describe(const FireWireBusDescription& description) {
         examined.diagnosis = {};
         examined.diagnosis.driverLoaded = true;
-        examined.diagnosis.buses.push_back(FireWireModel(description, 0).Diagnose());
+        FireWireModel model(description, 0);
+        // The controller holds back from now on, so that it and not the hub becomes the root.
+        bool resetAsked = false;
+        EXPECT_EQ(model.WritePhy(1, 0, 0, 1, 0x80 | description.gapCount, &resetAsked), HAL_OK);
+        model.Reset("card");
+        examined.diagnosis.buses.push_back(model.Diagnose());
         Bus().watched = 5s;
     }
 
