@@ -9,16 +9,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "bench/CountedCallbacks.h"
 #include "busmaster/BusMaster.h"
 #include "hal/HAL.h"
 #include "platform/Platform.h"
@@ -32,7 +31,6 @@ using Testing::UsbTestbed;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kQuiet{10};
-constexpr std::chrono::seconds kPatience{20};
 constexpr char kDevices[] = "/sys/bus/usb/devices/";
 
 void Require(bool condition, const char* what) {
@@ -101,7 +99,7 @@ std::uint64_t ListWithLibusb(libusb_context* context) {
         std::uint8_t ports[7];
         const int depth = libusb_get_port_numbers(list[i], ports, sizeof ports);
         std::string name = std::to_string(libusb_get_bus_number(list[i]));
-        for (int p = 0; p < depth; ++p) name += (p == 0 ? "-" : ".") + std::to_string(ports[p]);
+        for (int p = 0; p < depth; ++p) name.append(1, p == 0 ? '-' : '.').append(std::to_string(ports[p]));
         benchmark::DoNotOptimize(libusb_get_device_speed(list[i]));
         for (const char* text : {"manufacturer", "product", "serial"}) {
             benchmark::DoNotOptimize(ReadAttribute(name, text));
@@ -178,28 +176,6 @@ void AddPlugTree(UsbTestbed& bed) {
     bed.Add(Testing::Camera("2-2", 20, "4711"));
 }
 
-class Arrivals {
-public:
-    static void OnEvent(void* data, unsigned int /*serialNumber*/) {
-        auto* const self = static_cast<Arrivals*>(data);
-        const std::lock_guard lock(self->m_mutex);
-        ++self->m_count;
-        self->m_last = Clock::now();
-        self->m_changed.notify_all();
-    }
-    Clock::time_point WaitFor(unsigned int count) {
-        std::unique_lock lock(m_mutex);
-        Require(m_changed.wait_for(lock, kPatience, [&] { return m_count >= count; }), "an event");
-        return m_last;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    unsigned int m_count = 0;
-    Clock::time_point m_last;
-};
-
 void UsbPlugToArrivalCallback(benchmark::State& state) {
     UsbTestbed bed;
     AddPlugTree(bed);
@@ -207,10 +183,10 @@ void UsbPlugToArrivalCallback(benchmark::State& state) {
     {
         BusMaster busMaster;
         Require(busMaster.Initialize() == ERROR_OK, "the bus master");
-        Arrivals arrivals, removals;
+        CountedCallbacks arrivals, removals;
         void* handle = nullptr;
-        busMaster.RegisterCallback(Arrivals::OnEvent, ARRIVAL, &arrivals, &handle);
-        busMaster.RegisterCallback(Arrivals::OnEvent, REMOVAL, &removals, &handle);
+        busMaster.RegisterCallback(CountedCallbacks::OnEvent, ARRIVAL, &arrivals, &handle);
+        busMaster.RegisterCallback(CountedCallbacks::OnEvent, REMOVAL, &removals, &handle);
         unsigned int plugs = 0;
         for (auto unused : state) {
             static_cast<void>(unused);

@@ -38,6 +38,10 @@ PAIRS = [
     ("the first listing of it, starting included / libusb's", "ListUsbTreeOf127First", "ListUsbTreeOf127FirstWithLibusb",
      None),
     ("a USB plug to the arrival callback / quiet and one scan", "UsbPlugToArrivalCallback", "BareUsbPlugToScan", 1.5),
+    ("listing an IEEE 1394 bus of 63 / a bare scan of sysfs", "ListFireWireBusOf63", "BareScanOfFireWireBusOf63", 1.5),
+    ("an IEEE 1394 register / an ioctl, a poll and a read", "ReadFireWireRegister", "BareFireWireRegister", 1.3),
+    ("an IEEE 1394 bus reset to the callback / 10 ms of quiet", "FireWireResetToCallback", "BareFireWireResetToQuiet",
+     1.5),
     ("starting on a rig of 512 cameras / the HAL alone", "StartRigOf512Cameras", "BareStartOf512Cameras", None),
 ]
 # (what, operation, most microseconds or None)

@@ -30,6 +30,7 @@ set(NIMBREL2_PUBLIC_HEADERS
     hal/HAL.h
     platform/BusMap.h
     platform/Diagnostics.h
+    platform/FireWireDiagnostics.h
     platform/Platform.h
     platform/SimulatedComputer.h
     topology/TopologyNode.h)
@@ -61,7 +62,8 @@ foreach(package nimbrel2 nimbrel2-simulation)
 endforeach()
 
 # Where udevd looks, below any prefix that it looks at; elsewhere `nimbrel doctor` says what to do with it.
-install(FILES packaging/udev/70-nimbrel2-usb3-vision.rules DESTINATION lib/udev/rules.d)
+install(FILES packaging/udev/70-nimbrel2-firewire.rules packaging/udev/70-nimbrel2-usb3-vision.rules
+        DESTINATION lib/udev/rules.d)
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})

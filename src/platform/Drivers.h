@@ -33,6 +33,7 @@
 #include "hal/HAL.h"
 #include "platform/BusMap.h"
 #include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 
 namespace Nimbrel2::Platform {
 
@@ -158,6 +159,8 @@ public:
                                              std::vector<std::shared_ptr<FireWireDevice>>* /*cameras*/) {
         return HAL_OK;
     }
+    /// As FireWireDiagnostics.h states it for DiagnoseFireWire.
+    virtual std::uint32_t Diagnose(bool /*askNodes*/, FireWireDiagnosis* /*diagnosis*/) { return HAL_NO_BUS; }
     /// One map per bus, in the order of the cards. No bus I/O.
     virtual std::uint32_t Describe(std::vector<BusMap>* /*maps*/) { return HAL_OK; }
 };

@@ -342,9 +342,9 @@ TEST_F(GigEAddresses, OfTwoCamerasThatShareOneAreToldApart) {
 
 TEST_F(GigEAddresses, OfASilentHostAreRefusedUnlessForced) {
     AddCamera("10.9.9.9", 9);
-    const Words words{"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.100"};
-    for (const bool asRoot : {true, false}) {
-        const ProgramResult refused = asRoot ? Run(words) : RunAsNobody(words);
+    const Words arguments{"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.100"};
+    for (const bool asNobody : {false, true}) {
+        const ProgramResult refused = asNobody ? RunAsNobody(arguments) : Run(arguments);
         EXPECT_EQ(refused.exitStatus, 1);
         EXPECT_THAT(refused.errors,
                     AllOf(HasSubstr("--ip: 192.168.77.100 is the address of the host "), HasSubstr("--force")));

@@ -11,6 +11,7 @@
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
+#include "tools/nimbrel/doctor/FireWireChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/UsbChecks.h"
 
@@ -23,7 +24,7 @@ using Doctor::Findings;
 const char kFooter[] =
     R"help(Changes nothing: each finding comes with the command that cures it. Root may see
 more (the rules of a firewall and what they drop). What could not be checked is
-said. IEEE 1394 has no checks yet.
+said. Buses of IEEE 1394 are watched for 5 s.
 
 Exit status:
   0  Nothing is wrong.
@@ -75,12 +76,14 @@ Findings Examine(CommandContext& context) {
     Findings findings;
     const auto filteredBefore = Doctor::ReadFilteredPackets();
     const BusMasterSession busMaster = context.StartBusMaster();
+    const bool isSimulated = context.GetRig() != nullptr;
     const Progress progress("Examining the buses");
     AddMissingDrivers(context, &findings);
+    if (context.UsesBus("1394")) Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
     if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
     AddFailedBuses(context, *busMaster, &findings);
     if (context.UsesBus("gige")) {
-        Run(Doctor::GigEChecks(), Doctor::ExamineGigE(context.GetRig() != nullptr, filteredBefore), &findings);
+        Run(Doctor::GigEChecks(), Doctor::ExamineGigE(isSimulated, filteredBefore), &findings);
     }
     std::vector<Camera> cameras = ListCameras(*busMaster);
     AddLocations(ReadBusMaps(), &cameras);

@@ -28,7 +28,8 @@ std::string LocationOf(const BusMap& map, const BusMapNode& node) {
     if (map.bus == HAL_INTERFACE_GIGE) return map.name;
     if (map.bus == HAL_INTERFACE_1394) return map.name + " PHY " + std::to_string(node.id);
     const std::string path = PortPath(map, node);
-    return map.name + (path.empty() ? "" : " port " + path);
+    // Ports of the two halves of a controller have the same numbers.
+    return map.name + (path.empty() ? "" : " port " + path) + (node.path.empty() ? "" : " (" + node.path + ")");
 }
 
 }  // namespace
@@ -66,6 +67,8 @@ void AddLocations(const std::vector<BusMap>& maps, std::vector<Camera>* cameras)
             taken.insert(&*node);
             camera.port = node->port;
             camera.location = LocationOf(map, *node);
+            camera.cameraSpeed = node->deviceSpeed;
+            camera.portSpeed = node->portSpeed;
             if (camera.speed == 0) camera.speed = node->speed;
             break;
         }
@@ -81,6 +84,8 @@ void AddLocations(BusMaster& busMaster, std::vector<Camera>* cameras) {
             if (other.index != camera.index || !(other.guid == camera.guid)) continue;
             camera.port = other.port;
             camera.location = other.location;
+            camera.cameraSpeed = other.cameraSpeed;
+            camera.portSpeed = other.portSpeed;
             if (camera.speed == 0) camera.speed = other.speed;
         }
     }

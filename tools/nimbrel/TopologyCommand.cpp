@@ -16,6 +16,7 @@
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/TopologyRenderings.h"
+#include "tools/nimbrel/UnseenFireWire.h"
 #include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
@@ -101,6 +102,7 @@ public:
         const Format format = ChooseFormat();
         const BusMasterSession busMaster = m_context.StartBusMaster();
         const bool healthy = m_context.CheckBuses(*busMaster);
+        WarnOfUnseenFireWire(Shown::Tree);
         Topology topology = ReadTopology(*busMaster);
         if (m_below) topology = Below(*busMaster, topology);
         const std::string text = Render(topology, format);

@@ -15,6 +15,7 @@
 #include "tools/nimbrel/EventPrinter.h"
 #include "tools/nimbrel/EventQueue.h"
 #include "tools/nimbrel/Interrupts.h"
+#include "tools/nimbrel/UnseenFireWire.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/Words.h"
 
@@ -80,6 +81,7 @@ public:
         m_context.NoteBusesWithoutDriver("watch");
         WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") +
                    " now. Ctrl-C ends.\n");
+        WarnOfUnseenFireWire(Shown::Resets);
         if (m_duration) m_end = Clock::now() + *m_duration;
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
         }

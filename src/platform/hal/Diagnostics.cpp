@@ -4,6 +4,7 @@
 #include "platform/Diagnostics.h"
 
 #include "platform/BusMap.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/base/CameraAddress.h"
 #include "platform/base/Texts.h"
 #include "platform/hal/Calls.h"
@@ -97,6 +98,13 @@ std::uint32_t Ask(const char* function, Answer* answer, const Work& work) {
 }
 
 }  // namespace
+
+std::uint32_t DiagnoseFireWire(bool askNodes, FireWireDiagnosis* diagnosis) {
+    return InSession(__func__, diagnosis != nullptr, [&](Session& session) {
+        *diagnosis = FireWireDiagnosis{};
+        return session.FireWire().Diagnose(askNodes, diagnosis);
+    });
+}
 
 std::uint32_t DescribeBuses(std::vector<BusMap>* maps) {
     return InSession(__func__, maps != nullptr, [&](Session& session) -> std::uint32_t {

@@ -2,6 +2,7 @@
 // Makes the driver of each bus. Runs on the thread that calls HAL_InitLibrary; takes no lock.
 #include "platform/hal/DriverFactory.h"
 
+#include "platform/linux/firewire/LinuxFireWireBus.h"
 #include "platform/linux/gige/LinuxGigEBus.h"
 #include "platform/linux/usb/LinuxUsbBus.h"
 
@@ -13,6 +14,7 @@ Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
     if (options.fireWire != Driver::Rig) drivers.fireWire = nullptr;
     if (options.usb != Driver::Rig) drivers.usb = nullptr;
     if (options.gigE != Driver::Rig) drivers.gigE = nullptr;
+    if (options.fireWire == Driver::Linux) drivers.fireWire = MakeLinuxFireWireBus(sinks.fireWire);
     if (options.usb == Driver::Linux) {
         drivers.usb = MakeLinuxUsbBus({options.usbCameraIds, options.trace}, sinks.usb);
     }

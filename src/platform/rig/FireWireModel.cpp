@@ -7,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "platform/base/SelfIds.h"
 #include "platform/rig/ConfigRom.h"
 
 namespace Nimbrel2::Platform {
@@ -438,6 +439,45 @@ const FireWireModel::Node* FireWireModel::FindNode(std::uint64_t eui64) const {
         return HasLink(node.phy->kind) && node.phy->eui64 == eui64;
     });
     return found == m_nodes.end() ? nullptr : &*found;
+}
+
+FireWireBusDiagnosis FireWireModel::Diagnose() const {
+    FireWireBusDiagnosis bus;
+    bus.path = m_description.name;
+    bus.card = m_card;
+    bus.seesResets = true;
+    if (auto phys = DecodeSelfIds(m_selfIds)) {
+        bus.phys = std::move(*phys);
+    } else {
+        bus.selfIdStatus = HAL_BAD_ANSWER;
+    }
+    for (const FireWirePhy& phy : bus.phys) {
+        bus.root = phy.phyId;
+        if (phy.contender && phy.linkActive) {
+            bus.busManager = bus.resourceManager = phy.phyId;
+        }
+        bus.hasCycleMaster = phy.linkActive;
+    }
+    for (const Node& node : m_nodes) {
+        if (!HasLink(node.phy->kind)) {
+            continue;
+        }
+        FireWireNode shown;
+        shown.name = node.phy->name;
+        shown.eui64 = node.phy->eui64;
+        shown.vendor = node.phy->vendor;
+        shown.model = node.phy->model;
+        shown.camera = node.phy->kind == PhyKind::Camera;
+        shown.local = node.phy->kind == PhyKind::Card;
+        shown.cycleMasterCapable = true;
+        shown.phyId = node.phyId;
+        if (shown.local) {
+            bus.local = node.phyId;
+        }
+        bus.nodes.push_back(std::move(shown));
+    }
+    std::sort(bus.nodes.begin(), bus.nodes.end(), [](const auto& a, const auto& b) { return a.eui64 < b.eui64; });
+    return bus;
 }
 
 std::size_t FireWireModel::IndexOfNode(std::uint64_t eui64) const {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hal/HAL.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/rig/RigDescription.h"
 
 namespace Nimbrel2::Platform {
@@ -49,6 +50,8 @@ public:
     /// Null when no node on the bus has that EUI-64.
     const Node* FindNode(std::uint64_t eui64) const;
     const std::vector<SelfIdPacket_t>& SelfIds() const { return m_selfIds; }
+    /// The contender with the highest phy id manages the bus; the root sends cycle starts if it has a link.
+    FireWireBusDiagnosis Diagnose() const;
 
     /// Statuses as for HAL_1394ReadRegister and the others. eui64 names the node, offset is the 48-bit one.
     std::uint32_t ReadQuadlet(std::uint64_t eui64, std::uint64_t offset, std::uint32_t* value) const;

@@ -181,6 +181,21 @@ public:
 
     std::uint32_t ListDevices(Listing<FireWireDevice>* devices) override { return List(PhyKind::Device, devices); }
 
+    // Everything may be opened, and nobody has watched.
+    std::uint32_t Diagnose(bool /*askNodes*/, FireWireDiagnosis* diagnosis) override {
+        const std::uint32_t status = m_state->Check();
+        if (status != HAL_OK) {
+            return status;
+        }
+        diagnosis->driverLoaded = true;
+        m_state->rig->WithFireWire([&](std::vector<FireWireModel>& buses) {
+            for (const FireWireModel& bus : buses) {
+                diagnosis->buses.push_back(bus.Diagnose());
+            }
+        });
+        return HAL_OK;
+    }
+
     std::uint32_t Describe(std::vector<BusMap>* maps) override {
         const std::uint32_t status = m_state->Check();
         if (status == HAL_OK) {

@@ -2,6 +2,7 @@
 // What the questions of Diagnostics.h hand to the driver and what they bring back.
 #include "platform/BusMap.h"
 #include "platform/Diagnostics.h"
+#include "platform/FireWireDiagnostics.h"
 #include "platform/Platform.h"
 #include "tests/platform/hal/HalFixture.h"
 
@@ -51,6 +52,18 @@ TEST_F(Diagnostics, BringWhatTheDriverKnows) {
               (std::vector<std::string>{"Diagnose 1", "Diagnose 0", "FindMutedCameras", "PlanAddresses",
                                         "PlanAddresses 42", "ApplyAddresses 1", "Discover 7 0", "GetSearchReport",
                                         "ForceAddress 9 c0a84d02 ffffff00 0", "FindAddressHolder c0a84d02"}));
+}
+
+TEST_F(Diagnostics, BringWhatTheFireWireDriverKnowsInPlaceOfWhatWasThere) {
+    world->fireWireDiagnosis.buses.resize(2);
+    world->fireWireDiagnosis.buses[1].path = "/devices/1";
+    FireWireDiagnosis diagnosis;
+    diagnosis.buses.resize(7);
+    ASSERT_EQ(DiagnoseFireWire(true, &diagnosis), HAL_OK);
+    ASSERT_EQ(diagnosis.buses.size(), 2u);
+    EXPECT_EQ(diagnosis.buses[1].path, "/devices/1");
+    ASSERT_EQ(DiagnoseFireWire(false, &diagnosis), HAL_OK);
+    EXPECT_EQ(world->TakeLog(), (std::vector<std::string>{"FireWire Diagnose 1", "FireWire Diagnose 0"}));
 }
 
 TEST_F(Diagnostics, BringWhatTheUsbDriverKnowsInPlaceOfWhatWasThere) {
@@ -105,6 +118,7 @@ TEST_F(Diagnostics, OfUsbAreAMapOfEachController) {
 /// Asks every question. @param null  Without room for an answer.
 std::vector<std::uint32_t> AskAll(bool null) {
     GigEDiagnosis diagnosis;
+    FireWireDiagnosis fireWire;
     GigESearchReport report;
     GigEDiscovery discovery;
     GigEHearing hearing;
@@ -113,18 +127,14 @@ std::vector<std::uint32_t> AskAll(bool null) {
     AddressHolder holder;
     UsbDiagnosis usb;
     const GigEAddress address{1, 0xC0A84D02, 0xFFFFFF00, 0};
-    return {DiagnoseGigE(true, null ? nullptr : &diagnosis),
-            GetGigESearchReport(null ? nullptr : &report),
-            DiscoverGigE(std::nullopt, null ? nullptr : &discovery),
-            FindMutedGigECameras(null ? nullptr : &hearing),
-            PlanGigEAddresses(1, null ? nullptr : &plans),
-            ApplyGigEAddresses(null ? nullptr : &plans),
-            ForceGigEAddress(address, null ? nullptr : &forced),
-            FindGigEAddressHolder(7, null ? nullptr : &holder),
-            DiagnoseUsb(null ? nullptr : &usb)};
+    return {DiagnoseGigE(true, null ? nullptr : &diagnosis),         GetGigESearchReport(null ? nullptr : &report),
+            DiscoverGigE(std::nullopt, null ? nullptr : &discovery), FindMutedGigECameras(null ? nullptr : &hearing),
+            PlanGigEAddresses(1, null ? nullptr : &plans),           ApplyGigEAddresses(null ? nullptr : &plans),
+            ForceGigEAddress(address, null ? nullptr : &forced),     FindGigEAddressHolder(7, null ? nullptr : &holder),
+            DiagnoseFireWire(true, null ? nullptr : &fireWire),      DiagnoseUsb(null ? nullptr : &usb)};
 }
 
-std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(9, status); }
+std::vector<std::uint32_t> All(std::uint32_t status) { return std::vector<std::uint32_t>(10, status); }
 
 TEST_F(Diagnostics, AnswerWhatTheDriverAnswersAndLetNothingBeThrown) {
     EXPECT_EQ(AskAll(true), All(HAL_INVALID_ARGUMENT));

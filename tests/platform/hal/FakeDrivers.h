@@ -39,6 +39,7 @@ struct FakeWorld {
     AddressHolder holder;
     GigESearchReport report;
     GigEDiagnosis diagnosis;
+    FireWireDiagnosis fireWireDiagnosis;
     UsbDiagnosis usbDiagnosis;
     GigEHearing hearing;
     std::vector<AddressPlan> plans;
@@ -324,6 +325,12 @@ public:
     }
     std::uint32_t ListDevices(Listing<FireWireDevice>* devices) override {
         return List<FakeFireWireDevice>("FireWire ListDevices", m_world->fireWireDevices, devices);
+    }
+    std::uint32_t Diagnose(bool askNodes, FireWireDiagnosis* diagnosis) override {
+        m_world->Log(Line("FireWire Diagnose %d", askNodes ? 1 : 0));
+        const std::uint32_t status = m_world->Answer();
+        if (status == HAL_OK) *diagnosis = m_world->fireWireDiagnosis;
+        return status;
     }
 };
 

@@ -4,14 +4,12 @@
 #define NIMBREL2_TOOLS_NIMBREL_DOCTOR_USBRULE_H
 
 #include <string>
-#include <vector>
+
+#include "tools/nimbrel/doctor/UdevRule.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
-struct UsbRule {
-    std::string installed;   ///< where this installation has the rule
-    bool isInForce = false;  ///< udevd has it among its rules
-};
+using UsbRule = UdevRule;
 
 /// Looks for the rule beside this program and where udevd looks.
 UsbRule FindUsbRule();
@@ -22,7 +20,7 @@ std::string UsbRuleName();
 /// The command that puts it in force. Pure.
 std::string CommandForUsbRule(const UsbRule& rule);
 
-/// What to tell whoever may not open a USB camera: one sentence with that command.
+/// What whoever may not open a USB camera can do: one sentence with a command.
 std::string HintForUsbPermission();
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+// The driver on emulated buses: what it reports, and shorthands. Tests run on their own thread; the sink is called on
+// the driver's.
+#ifndef NIMBREL2_TESTS_PLATFORM_FIREWIRE_FIREWIREFIXTURE_H
+#define NIMBREL2_TESTS_PLATFORM_FIREWIRE_FIREWIREFIXTURE_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/Drivers.h"
+#include "platform/linux/firewire/LinuxFireWireBus.h"
+#include "tests/support/EmulatedFireWire.h"
+#include "tests/support/FireWireBuses.h"
+
+namespace Nimbrel2::Platform::FireWire {
+
+/// Longer than anything takes on a busy machine.
+constexpr std::chrono::seconds kDeadline{20};
+
+constexpr char kFirstCard[] = "0000:06:01.0";
+constexpr char kSecondCard[] = "0000:07:01.0";
+constexpr std::uint64_t kIsoEnable = 0xFFFFF0F00614;
+constexpr std::uint64_t kSerialNumber = 0xFFFFF0000410;
+
+/// What the driver has reported.
+class RecordingSink final : public BusEventSink {
+public:
+    void Report(BusState state) noexcept override {
+        const std::lock_guard lock(m_mutex);
+        if (!m_states.empty() && m_states.back() == state) return;
+        m_states.push_back(std::move(state));
+        m_changed.notify_all();
+    }
+    void RaiseError() noexcept override { ADD_FAILURE() << "a bus error"; }
+
+    BusState GetLast() const {
+        const std::lock_guard lock(m_mutex);
+        return m_states.empty() ? BusState{} : m_states.back();
+    }
+    /// Different ones in a row.
+    std::size_t Count() const {
+        const std::lock_guard lock(m_mutex);
+        return m_states.size();
+    }
+    bool WaitUntil(const std::function<bool(const BusState&)>& condition) const {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, kDeadline, [&] { return !m_states.empty() && condition(m_states.back()); });
+    }
+    bool WaitForDevices(std::size_t number) const {
+        return WaitUntil([number](const BusState& state) { return state.devices.size() == number; });
+    }
+    bool WaitForResets(std::uint64_t number) const {
+        return WaitUntil([number](const BusState& state) { return state.resets >= number; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    std::vector<BusState> m_states;
+};
+
+using Devices = std::vector<std::shared_ptr<FireWireDevice>>;
+
+class FireWireDriver : public ::testing::Test {
+protected:
+    FireWireDriver() = default;
+    ~FireWireDriver() override { Stop(); }
+
+    void AddStandardBus();
+    void Start();
+    void Stop();
+
+    Devices ListCameras(BusState* state = nullptr);
+    Devices ListDevices(BusState* state = nullptr);
+    /// The camera with that serial number, null for none.
+    std::shared_ptr<FireWireDevice> FindCamera(std::uint32_t serialNumber);
+
+    static std::string Describe(FireWireDevice& device);
+    std::vector<std::string> DescribeAll(const Devices& devices);
+    static std::uint32_t SerialNumberOf(FireWireDevice& device);
+
+    Testing::EmulatedFireWire m_computer;
+    RecordingSink m_sink;
+    std::unique_ptr<FireWireBus> m_bus;
+};
+
+/// Waits for what nobody tells. @return false when it did not come about.
+bool WaitUntil(const std::function<bool()>& condition);
+
+}  // namespace Nimbrel2::Platform::FireWire
+
+#endif

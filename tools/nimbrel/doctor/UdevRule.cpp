@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+// Finds udev rules. Any thread; a few look-ups of files.
+#include "tools/nimbrel/doctor/UdevRule.h"
+
+#include <filesystem>
+#include <system_error>
+
+namespace Nimbrel2::Tool::Doctor {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kBelowPrefix[] = "lib/udev/rules.d";
+// Where udevd looks (udev(7)).
+constexpr const char* kRuleFolders[] = {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
+                                        "/usr/lib/udev/rules.d", "/lib/udev/rules.d"};
+
+bool Exists(const fs::path& path) {
+    std::error_code error;
+    return fs::exists(path, error);
+}
+
+}  // namespace
+
+UdevRule FindUdevRule(const std::string& name) {
+    UdevRule rule;
+    rule.installed = std::string(NIMBREL2_INSTALL_PREFIX) + "/" + kBelowPrefix + "/" + name;
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        // An installed tree may have been moved.
+        const fs::path beside = program.parent_path().parent_path() / kBelowPrefix / name;
+        if (Exists(beside)) rule.installed = beside.string();
+    }
+    for (const char* folder : kRuleFolders) rule.isInForce = rule.isInForce || Exists(fs::path(folder) / name);
+    return rule;
+}
+
+std::string CommandForUdevRule(const UdevRule& rule, const std::string& subsystem) {
+    return "sudo cp " + rule.installed +
+           " /etc/udev/rules.d/ && sudo udevadm control --reload && "
+           "sudo udevadm trigger --action=add --subsystem-match=" +
+           subsystem;
+}
+
+}  // namespace Nimbrel2::Tool::Doctor
