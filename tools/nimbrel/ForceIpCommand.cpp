@@ -70,6 +70,7 @@ public:
         if (m_mask && m_maskOfIp) throw CommandError("--mask and the mask of --ip cannot be combined", kUsage);
         if (m_maskOfIp) m_mask = m_maskOfIp;
         const BusMasterSession busMaster = m_context.OpenGigE();
+        Search();
         if (!m_mask) m_mask = FindMask();
         CheckConfiguration();
         CheckThatAddressIsFree();
@@ -87,16 +88,16 @@ private:
 
     // ---- Before ----------------------------------------------------------------------------------------------------
 
+    void Search() {
+        const Progress progress("Searching for " + FormatMac(*m_mac));
+        m_cameras = DiscoverGigE().cameras;
+    }
+
     // The mask of the network interface that hears the camera.
     IPAddress FindMask() const {
-        Platform::GigEDiscovery discovery;
-        {
-            const Progress progress("Searching for " + FormatMac(*m_mac));
-            discovery = DiscoverGigE(m_mac);
-        }
         Platform::GigEDiagnosis diagnosis;
         Platform::DiagnoseGigE(false, &diagnosis);
-        diagnosis.cameras = discovery.cameras;
+        diagnosis.cameras = m_cameras;
         const Platform::InterfaceAddress* heardIn = nullptr;
         const Platform::InterfaceAddress* elsewhere = nullptr;
         for (const auto& interface : diagnosis.interfaces) {
@@ -142,6 +143,15 @@ private:
     void CheckThatAddressIsFree() const {
         using Kind = Platform::AddressHolder::Kind;
         Platform::AddressHolder holder;
+        bool isItsOwn = false;  // and only mask or gateway change
+        for (const Platform::CameraDiagnosis& heard : m_cameras) {
+            if (heard.record.ipAddress != PackIPAddress(*m_ip)) continue;
+            const GigECamera camera = FromRecord(heard.record);
+            isItsOwn = isItsOwn || IsSame(camera.mac, *m_mac);
+            if (IsSame(camera.mac, *m_mac) || m_force) continue;
+            throw CommandError("--ip: " + FormatIp(*m_ip) + " is the address of " + NameOf(camera))
+                .WithHint("Choose another address, or give it all the same with --force.");
+        }
         {
             const Progress progress("Asking who has " + FormatIp(*m_ip));
             if (Platform::FindGigEAddressHolder(PackIPAddress(*m_ip), &holder) != HAL_OK) return;
@@ -150,7 +160,7 @@ private:
         const std::string on = holder.interfaceName.empty() ? "" : " on " + holder.interfaceName;
         if (holder.kind == Kind::ThisComputer) throw CommandError(taken + "this computer" + on);
         const bool isTaken = holder.kind == Kind::Camera || holder.kind == Kind::Host;
-        if (!isTaken || holder.mac == PackMac(*m_mac) || m_force) return;
+        if (!isTaken || holder.mac == PackMac(*m_mac) || isItsOwn || m_force) return;
         throw CommandError(taken + (holder.kind == Kind::Camera ? "the camera " : "the host ") +
                            (holder.mac == 0 ? std::string("that answers for it") : Platform::FormatMac(holder.mac)) +
                            on)
@@ -227,6 +237,7 @@ private:
     std::optional<IPAddress> m_mask;
     std::optional<IPAddress> m_maskOfIp;
     IPAddress m_gateway;
+    std::vector<Platform::CameraDiagnosis> m_cameras;  ///< That answered before.
     bool m_force = false;
     bool m_verified = false;
 };
