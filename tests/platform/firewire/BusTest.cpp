@@ -260,6 +260,7 @@ TEST_F(FireWireBusOfNodes, IsDiagnosedWithTheSocketInWhichACableComesAndGoes) {
         m_computer.Plug("right");
         ASSERT_EQ(ReadSelfIds(*m_left).status, HAL_OK);
     }
+    diagnosis = {};
     ASSERT_EQ(m_bus->Diagnose(true, &diagnosis), HAL_OK);
     ASSERT_THAT(diagnosis.buses, SizeIs(1));
     EXPECT_EQ(diagnosis.buses[0].resets, 6u);

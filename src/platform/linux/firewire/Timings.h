@@ -24,7 +24,7 @@ struct Timings {
     Milliseconds readingLifetime{1000};    ///< how long what was read from all cameras at once may be answered from
 
     int phyTries = 3;  ///< PHY packets are not acknowledged
-    Milliseconds phyAnswer{100};
+    Milliseconds phyAnswer{300};
 
     Milliseconds listing{3000};  ///< a listing ends after this, whatever keeps the monitor
     /// A file that was refused is tried again after this, then after twice that time, up to the last: udev sets the
