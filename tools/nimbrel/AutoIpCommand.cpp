@@ -30,7 +30,7 @@ that hears them. Each of the others gets a free address of that subnet: one that
 neither this computer nor another camera, a gateway or a host on that network
 uses. It keeps it until it is powered off. The command succeeds when all have
 answered at their new addresses. A camera that an application holds ignores it.
---dry-run prints the plan that the next run will apply, unless something changes.
+--dry-run prints the plan that the next run applies unless something changes.
 
 Exit status:
   0  Every camera has an address of its subnet. With --dry-run: or would have.

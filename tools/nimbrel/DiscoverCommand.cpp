@@ -21,8 +21,8 @@ namespace {
 const char kFooter[] =
     R"help(Shows every GigE camera that answers a broadcast, including those on a wrong
 subnet, which `nimbrel list` cannot show because they cannot be used. `nimbrel
-auto-ip` gives those an address. Where a reverse path filter of this computer may
-hide such a camera, a line on standard error says so.
+auto-ip` gives those an address. Where a reverse path filter of this computer
+may hide such a camera, a line on standard error says so.
 
 Exit status:
   0  Searched, even if nothing was found.

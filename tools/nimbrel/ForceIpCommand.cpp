@@ -59,7 +59,7 @@ public:
         CommandContext::AddValue(command, "--gateway", "ADDRESS", "Gateway. Default: 0.0.0.0, none.",
                                  [this](const std::string& text) { m_gateway = ParseIp("--gateway", text); });
         command.add_flag("--force", m_force,
-                         "Even if a camera or host has that address, or nobody\nthere can be asked.");
+                         "Even if a camera or host has that address, or\nnobody there can be asked.");
         m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
     }

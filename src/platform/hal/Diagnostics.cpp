@@ -42,53 +42,13 @@ std::vector<BusMap> MapsOf(const GigEDiagnosis& diagnosis) {
     return maps;
 }
 
-std::string NameOf(const UsbDeviceDiagnosis& device) {
-    return device.vendor + (device.vendor.empty() || device.model.empty() ? "" : " ") + device.model;
-}
-
-BusMapNode NodeOf(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& device) {
-    BusMapNode node;
-    node.id = device.deviceId;
-    for (const UsbDeviceDiagnosis& hub : diagnosis.devices) {
-        if (hub.name == device.hub) node.parent = hub.deviceId;
-    }
-    node.port = device.port;
-    node.speed = device.speed;
-    node.isHub = device.isHub;
-    node.isCamera = device.isCamera && device.isListed;
-    if (!node.isCamera) {
-        node.name = NameOf(device);
-        return node;
-    }
-    node.serialNumber = device.serialNumber;
-    node.vendor = device.vendor;
-    node.model = device.model;
-    return node;
-}
-
-// One map per controller. Its root hubs are the controller, and no nodes.
-std::vector<BusMap> MapsOf(const UsbDiagnosis& diagnosis) {
-    std::vector<BusMap> maps;
-    for (const UsbDeviceDiagnosis& device : diagnosis.devices) {
-        if (maps.empty() || maps.back().name != device.controller) {
-            BusMap map;
-            map.bus = HAL_INTERFACE_USB;
-            map.name = device.controller;
-            maps.push_back(std::move(map));
-        }
-        if (!device.hub.empty()) maps.back().nodes.push_back(NodeOf(diagnosis, device));
-    }
-    return maps;
-}
-
 void Append(std::vector<BusMap>* all, std::vector<BusMap> some) {
     for (BusMap& map : some) all->push_back(std::move(map));
 }
 
 /// The glue hands the drivers empty containers.
-/// @param function  The name of the function, or of the one of the HAL that it does the same as: a fault that a rig
-/// plans
-///                  for that one meets both.
+/// @param function  Its own name, or that of the function of the HAL that does the same: a fault that a rig plans for
+///                  that one meets both.
 template <class Answer, class Work>
 std::uint32_t Ask(const char* function, Answer* answer, const Work& work) {
     return InSession(function, answer != nullptr, [&](Session& session) {
@@ -112,9 +72,7 @@ std::uint32_t DescribeBuses(std::vector<BusMap>* maps) {
         std::vector<BusMap> fireWire;
         if (session.FireWire().Describe(&fireWire) == HAL_OK) Append(maps, std::move(fireWire));
         std::vector<BusMap> usb;
-        UsbDiagnosis usbDiagnosis;
-        if (session.Usb().Diagnose(&usbDiagnosis) == HAL_OK) usb = MapsOf(usbDiagnosis);
-        if (!usb.empty() || session.Usb().Describe(&usb) == HAL_OK) Append(maps, std::move(usb));
+        if (session.Usb().Describe(&usb) == HAL_OK) Append(maps, std::move(usb));
         GigEDiagnosis diagnosis;
         if (session.GigE().Diagnose(false, &diagnosis) == HAL_OK) Append(maps, MapsOf(diagnosis));
         return HAL_OK;
