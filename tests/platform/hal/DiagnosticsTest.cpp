@@ -77,44 +77,6 @@ TEST_F(Diagnostics, BringWhatTheUsbDriverKnowsInPlaceOfWhatWasThere) {
     EXPECT_EQ(world->TakeLog(), std::vector<std::string>{"USB Diagnose"});
 }
 
-TEST_F(Diagnostics, OfUsbAreAMapOfEachController) {
-    const auto add = [this](const char* name, const char* hub, const char* controller, std::uint32_t id) {
-        UsbDeviceDiagnosis device;
-        device.name = name;
-        device.hub = hub;
-        device.controller = controller;
-        device.deviceId = id;
-        device.speed = 5000;
-        device.vendor = "Acme";
-        world->usbDiagnosis.devices.push_back(device);
-        return &world->usbDiagnosis.devices.back();
-    };
-    add("usb2", "", "0000:00:14.0", 63);
-    UsbDeviceDiagnosis* hub = add("2-1", "usb2", "0000:00:14.0", 1);
-    hub->isHub = true;
-    hub->port = 1;
-    hub->model = "Seven";
-    UsbDeviceDiagnosis* camera = add("2-1.3", "2-1", "0000:00:14.0", 2);
-    camera->isCamera = camera->isListed = true;
-    camera->port = 3;
-    camera->serialNumber = 7;
-    add("usb4", "", "0000:01:00.0", 63);
-    std::vector<BusMap> maps;
-    ASSERT_EQ(DescribeBuses(&maps), HAL_OK);
-    std::erase_if(maps, [](const BusMap& map) { return map.bus != HAL_INTERFACE_USB; });
-    ASSERT_EQ(maps.size(), 2u);
-    EXPECT_EQ(maps[0].name, "0000:00:14.0");
-    ASSERT_EQ(maps[0].nodes.size(), 2u);
-    EXPECT_EQ(maps[0].nodes[0].name, "Acme Seven");
-    EXPECT_TRUE(maps[0].nodes[0].isHub);
-    EXPECT_EQ(maps[0].nodes[0].parent, 63u);
-    EXPECT_EQ(maps[0].nodes[1].parent, 1u);
-    EXPECT_EQ(maps[0].nodes[1].port, 3u);
-    EXPECT_EQ(maps[0].nodes[1].serialNumber, 7u);
-    EXPECT_EQ(maps[0].nodes[1].speed, 5000u);
-    EXPECT_TRUE(maps[1].nodes.empty());
-}
-
 /// Asks every question. @param null  Without room for an answer.
 std::vector<std::uint32_t> AskAll(bool null) {
     GigEDiagnosis diagnosis;
