@@ -167,7 +167,7 @@ public:
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
 
-    /// Waits until a camera is listed, or is not. @return whether it came about.
+    /// Waits until a camera is listed, or is not. @return true if in time.
     bool WaitFor(std::uint32_t mac, bool listed, Clock::time_point deadline) {
         std::unique_lock lock(m_mutex);
         return m_changed.wait_until(lock, deadline, [&] { return (m_listed.count(mac) != 0) == listed; });

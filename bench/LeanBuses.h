@@ -18,7 +18,7 @@ struct FireWireBus {
 const FireWireBus& FullFireWireBus();
 
 /// 127 devices: three root ports with a hub of six hubs and 35 cameras each, and a camera on a fourth. Hubs stand in
-/// front of what hangs on them.
+/// front of what is attached to them.
 struct UsbHost {
     std::vector<UsbSelfId> records;
     std::vector<std::uint32_t> cameras;  ///< Their device ids.

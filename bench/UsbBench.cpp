@@ -99,7 +99,7 @@ std::uint64_t ListWithLibusb(libusb_context* context) {
         std::uint8_t ports[7];
         const int depth = libusb_get_port_numbers(list[i], ports, sizeof ports);
         std::string name = std::to_string(libusb_get_bus_number(list[i]));
-        for (int p = 0; p < depth; ++p) name += (p == 0 ? "-" : ".") + std::to_string(ports[p]);
+        for (int p = 0; p < depth; ++p) name.append(1, p == 0 ? '-' : '.').append(std::to_string(ports[p]));
         benchmark::DoNotOptimize(libusb_get_device_speed(list[i]));
         for (const char* text : {"manufacturer", "product", "serial"}) {
             benchmark::DoNotOptimize(ReadAttribute(name, text));

@@ -21,10 +21,13 @@ struct BusMapNode {
     std::uint32_t id = 0;
     std::optional<std::uint32_t> parent;  ///< USB: id of the hub above, 63 for the host controller
     std::optional<std::uint32_t> port;    ///< USB: the port of the hub above, from 1
-    std::uint32_t speed = 0;      ///< Mbit/s; IEEE 1394: of the PHY (800 and more: 800), USB: of the link; 0: unknown
-    std::string name;             ///< what the device calls itself; empty when it does not
-    bool isThisComputer = false;  ///< IEEE 1394: the computer's own card
-    bool isHub = false;           ///< USB hub, IEEE 1394 repeater
+    std::uint32_t speed = 0;        ///< Mbit/s; IEEE 1394: of the PHY (800 and more: 800), USB: of the link; 0: unknown
+    std::uint32_t deviceSpeed = 0;  ///< USB: the most that the device can do; 0: unknown
+    std::uint32_t portSpeed = 0;    ///< USB: the most that its port can do; 0: unknown
+    std::string path;               ///< USB: the kernel's name of the place, "2-1.3"; empty when there is none
+    std::string name;               ///< what the device calls itself; empty when it does not
+    bool isThisComputer = false;    ///< IEEE 1394: the computer's own card
+    bool isHub = false;             ///< USB hub, IEEE 1394 repeater
 
     // Cameras only; nothing of it is unique.
     bool isCamera = false;

@@ -21,7 +21,9 @@ struct FireWirePort {
     FireWirePortStatus status = FireWirePortStatus::Absent;
     std::optional<unsigned int> neighbour;  ///< phy id of the PHY at the other end of the cable
 
-    bool operator==(const FireWirePort&) const = default;
+    bool operator==(const FireWirePort& other) const {
+        return status == other.status && neighbour == other.neighbour;
+    }
 };
 
 /// One PHY, as it tells itself after a bus reset (IEEE 1394a-2000 4.3.4.1).
@@ -35,7 +37,11 @@ struct FireWirePhy {
     bool initiatedReset = false;
     std::vector<FireWirePort> ports;  ///< by port number
 
-    bool operator==(const FireWirePhy&) const = default;
+    bool operator==(const FireWirePhy& other) const {
+        return phyId == other.phyId && linkActive == other.linkActive && gapCount == other.gapCount &&
+               speed == other.speed && contender == other.contender && powerClass == other.powerClass &&
+               initiatedReset == other.initiatedReset && ports == other.ports;
+    }
 };
 
 /// A node that the kernel knows. A PHY without an active link has none.

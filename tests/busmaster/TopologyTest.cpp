@@ -30,7 +30,7 @@ std::vector<SelfIdPacket_t> Bus(const Ports& phys) {
 // A tree as text, each guid replaced by "serial N".
 class TopologyFixture : public BusMasterFixture {
 protected:
-    // PHYs 0 and 1 hang on PHY 2, the card.
+    // PHYs 0 and 1 are attached to PHY 2, the card.
     ScriptedHal::DevicePointer AddFireWire(std::uint32_t serialNumber, std::uint64_t busKey = 7) {
         const auto camera = hal.AddFireWireCamera(serialNumber);
         camera->busKey = busKey;

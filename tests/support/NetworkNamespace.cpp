@@ -155,7 +155,7 @@ void NetworkNamespace::SetSystemControl(const std::string& name, const std::stri
 void SetMountPropagation(unsigned long propagation) {
     const OpenFile root("/", O_PATH | O_DIRECTORY);
     const OpenFile working(".", O_PATH | O_DIRECTORY);
-    // In a chroot "/" may be no mount point, but whoever enters a mount namespace, and be it its own, stands at its
+    // In a chroot "/" may not be a mount point, but a thread that enters a mount namespace, even its own, stands at its
     // root.
     Check(setns(OpenFile("/proc/thread-self/ns/mnt", O_RDONLY).fd, CLONE_NEWNS), "setns (needs CAP_SYS_CHROOT)");
     Check(mount("", "/", nullptr, propagation | MS_REC, nullptr), "mount propagation");

@@ -104,7 +104,7 @@ TEST(ForceIp, TakesTheMaskOfTheInterfaceThatHearsTheCamera) {
     const RigComputer rig(TwoStrangers("", "172.20.0.1/20"));
     EXPECT_EQ(rig.Run({"force-ip", "--mac", "02:00:00:00:09:01", "--ip", "172.20.3.3", "--json"}).output,
               R"({"ok":true,"mac":"02:00:00:00:09:01","ip":"172.20.3.3","subnet":"255.255.240.0",)"
-              R"("gateway":"0.0.0.0"})"
+              R"("gateway":"0.0.0.0","verified":true})"
               "\n");
 }
 
@@ -113,7 +113,7 @@ TEST(ForceIp, TakesMaskAndGatewayOfTheUser) {
                                      .Run({"force-ip", "--mac", "02:00:00:00:09:01", "--ip", "192.168.77.20", "--mask",
                                            "255.255.0.0", "--gateway", "192.168.77.254", "--json"});
     EXPECT_EQ(result.output, R"({"ok":true,"mac":"02:00:00:00:09:01","ip":"192.168.77.20","subnet":"255.255.0.0",)"
-                             R"("gateway":"192.168.77.254"})"
+                             R"("gateway":"192.168.77.254","verified":true})"
                              "\n");
 }
 
@@ -126,10 +126,25 @@ TEST(ForceIp, TakesMaskAndMacInEitherForm) {
     }
 }
 
-TEST(ForceIp, WarnsOfAnAddressThatCannotBeUsedFromHere) {
-    const ProgramResult result = OnWrongSubnet({"force-ip", "--mac", "02:00:00:00:09:09", "--ip", "172.16.0.9"});
-    EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_THAT(result.errors, HasSubstr("warning: no network interface is in a subnet with 172.16.0.9"));
+TEST(ForceIp, ToAnAddressOutsideAllSubnetsIsVerifiedByNobodyAndDoneOnlyWhenForced) {
+    Words words{"force-ip", "--mac", "02:00:00:00:09:09", "--ip", "172.16.0.9"};
+    const ProgramResult result = OnWrongSubnet(words);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors, HasSubstr("02:00:00:00:09:09 acknowledged 172.16.0.9/24, not verified: no network "
+                                         "interface is in a subnet with that address\nWith --force that is enough.\n"));
+    words.emplace_back("--force");
+    const ProgramResult forced = OnWrongSubnet(words);
+    EXPECT_EQ(forced.exitStatus, 0);
+    EXPECT_EQ(forced.output, "02:00:00:00:09:09 acknowledged 172.16.0.9/24, not verified.\n");
+    words.emplace_back("--json");
+    EXPECT_EQ(Json::parse(OnWrongSubnet(words).output)["verified"], false);
+}
+
+TEST(ForceIp, ToAnAddressThatACameraHasIsDoneOnlyWhenForced) {
+    const ProgramResult result =
+        OnWrongSubnet({"force-ip", "--mac", "02:00:00:00:09:09", "--ip", "192.168.77.10", "--force"});
+    EXPECT_THAT(result.errors, ::testing::Not(HasSubstr("--ip: 192.168.77.10 is the address")));
 }
 
 struct Refusal {
@@ -169,6 +184,31 @@ INSTANTIATE_TEST_SUITE_P(
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50", "--gateway", "none"},
                 2,
                 {"--gateway", "\"none\""}},
+        Refusal{"NetworkAddress",
+                {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.0"},
+                2,
+                {"\"192.168.77.0\" is the first or last address of 192.168.77.0/24"}},
+        Refusal{"LoopbackAddress",
+                {"--mac", "02:00:00:00:09:09", "--ip", "127.0.0.5"},
+                2,
+                {"--ip: \"127.0.0.5\" is not an address of a host"}},
+        Refusal{"MaskOfTwo",
+                {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50/31"},
+                2,
+                {"--mask: \"255.255.255.254\" leaves no room"}},
+        Refusal{"MaskOfOne",
+                {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50", "--mask", "255.255.255.255"},
+                2,
+                {"--mask: \"255.255.255.255\" leaves no room"}},
+        Refusal{"NoMaskAtAll", {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50", "--mask", "/0"}, 2, {"--mask"}},
+        Refusal{"GatewayThatIsTheCamera",
+                {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50", "--gateway", "192.168.77.50"},
+                2,
+                {"--gateway: \"192.168.77.50\" is not another address of 192.168.77.0/24"}},
+        Refusal{"GatewayOutsideTheSubnet",
+                {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.50", "--gateway", "192.168.78.1"},
+                2,
+                {"--gateway: \"192.168.78.1\" is not another address of 192.168.77.0/24"}},
         Refusal{"BroadcastAddress",
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.255"},
                 2,
@@ -176,7 +216,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"AddressOfAnotherCamera",
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.10"},
                 1,
-                {"192.168.77.10 is the address of camera 44000001 (02:00:00:00:09:01)"}},
+                {"192.168.77.10 is the address of camera 44000001 (02:00:00:00:09:01)", "--force"}},
         Refusal{"AddressOfThisComputer",
                 {"--mac", "02:00:00:00:09:09", "--ip", "192.168.77.1"},
                 1,
@@ -259,6 +299,17 @@ TEST(AutoIp, ServesOneCameraBySerialNumber) {
     ASSERT_EQ(json.size(), 1u);
     EXPECT_EQ(json[0]["serial"], 2);
     EXPECT_EQ(json[0]["result"], "changed");
+}
+
+TEST(AutoIp, RefusesASerialNumberOfTwoCamerasAndNamesBoth) {
+    std::string twins = TwoStrangers("");
+    twins.replace(twins.find(R"("serial": "2")"), 13, R"("serial": "1")");
+    const ProgramResult result = RigComputer(twins).Run({"auto-ip", "--serial", "1"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors,
+                HasSubstr("--serial: 2 cameras have the serial number 1: 02:00:00:00:09:01 at 10.9.9.1/8 and "
+                          "02:00:00:00:09:02 at 10.9.9.2/8\n`nimbrel force-ip --mac` gives one of them an address.\n"));
 }
 
 TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {

@@ -145,6 +145,9 @@ TEST_F(DoctorChecks, DriverTellsARefusedSocketAndARefusedBroadcast) {
     H0().reason = "socket refused: Too many open files";
     EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("h0: socket refused"));
     EXPECT_THAT(CheckInterfaces(examined), IsEmpty()) << "that is the cause";
+    EXPECT_THAT(ExpectWrong(CheckDriver).cure, HasSubstr("# too many files are open"));
+    H0().error = EADDRINUSE;
+    EXPECT_THAT(ExpectWrong(CheckDriver).cure, HasSubstr("--source-port"));
 }
 
 TEST_F(DoctorChecks, InterfaceThatIsDownIsWrongWhenNoOtherWorks) {

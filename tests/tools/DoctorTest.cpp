@@ -395,6 +395,19 @@ TEST_F(DoctorOnAWire, FindsAnMtuThatIsTooSmallForWhatACameraSendsAndItsCureHelps
     ExpectCured();
 }
 
+TEST_F(DoctorOnAWire, FindsACameraWhoseMaskLeavesThisComputerOutAndItsCureHelps) {
+    m_simulators.push_back(
+        m_wire.StartProgram({RealProgram(), "simulate", "gige", "--interface", "c0", "--address", "192.168.77.102",
+                             "--mask", "/30", "--mac", "02:00:00:00:00:02", "--serial", "2"}));
+    ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", kDeadline)) << m_simulators.back()->GetErrors();
+    const Json finding = OneWrong("gige.no-answer");
+    EXPECT_THAT(finding["evidence"].get<std::string>(),
+                HasSubstr("its subnet mask 255.255.255.252 leaves this computer out, and it has no gateway"));
+    EXPECT_EQ(finding["cure"], "nimbrel force-ip --mac 02:00:00:00:00:02 --ip 192.168.77.102/24");
+    EXPECT_EQ(AllWrong().size(), 1u) << "one cause";
+    ExpectCured();
+}
+
 TEST_F(DoctorOnAWire, FindsACameraThatDoesNotAnswerAtItsAddress) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
     for (const char* rule :

@@ -31,11 +31,11 @@ using ::testing::SizeIs;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
 
-/// This computer's controller, on it a disk and a hub with two cameras. Nothing is wrong with it.
+/// This computer's controller, on it a hub with two cameras. Nothing is wrong with it.
 FireWireBusDescription Description() {
     FireWireBusDescription bus;
     bus.name = "/devices/pci0000:00/0000:06:01.0";
-    bus.gapCount = 8;
+    bus.gapCount = 7;
     const auto add = [&bus](const char* name, PhyKind kind, unsigned int ports, std::uint64_t eui64) {
         PhyDescription phy;
         phy.name = name;
@@ -51,20 +51,18 @@ FireWireBusDescription Description() {
     };
     add("card", PhyKind::Card, 3, 1);
     add("hub", PhyKind::Repeater, 6, 0);
-    add("disk", PhyKind::Device, 1, 2);
     add("left", PhyKind::Camera, 1, 0x0011880000031001);
     add("right", PhyKind::Camera, 1, 0x0011880000031002);
     const auto cable = [&bus](const char* first, unsigned int port, const char* second) {
         bus.cables.push_back({{{{first, port}, {second, 0}}}});
     };
     cable("card", 1, "hub");
-    cable("card", 2, "disk");
     cable("hub", 1, "left");
     cable("hub", 2, "right");
     return bus;
 }
 
-// left 0, right 1, hub 2, disk 3, card 4.
+// left 0, right 1, hub 2, card 3.
 class FireWireChecksOf : public ::testing::Test {
 protected:
     FireWireChecksOf() { Describe(Description()); }
@@ -72,7 +70,12 @@ protected:
     void Describe(const FireWireBusDescription& description) {
         examined.diagnosis = {};
         examined.diagnosis.driverLoaded = true;
-        examined.diagnosis.buses.push_back(FireWireModel(description, 0).Diagnose());
+        FireWireModel model(description, 0);
+        // The controller holds back from now on, so that it and not the hub becomes the root.
+        bool resetAsked = false;
+        EXPECT_EQ(model.WritePhy(1, 0, 0, 1, 0x80 | description.gapCount, &resetAsked), HAL_OK);
+        model.Reset("card");
+        examined.diagnosis.buses.push_back(model.Diagnose());
         Bus().watched = 5s;
     }
 
@@ -105,11 +108,11 @@ TEST_F(FireWireChecksOf, AHealthyBusFindNothingWrongAndSayWhatTheyMeasured) {
             EXPECT_THAT(finding.check, StartsWith("1394."));
         }
     }
-    EXPECT_THAT(CheckFireWireDriver(examined), IsOneFine("bus 0 (0000:06:01.0) has 2 cameras and 1 other device"));
-    EXPECT_THAT(CheckFireWirePermission(examined), IsOneFine("4 files are open"));
+    EXPECT_THAT(CheckFireWireDriver(examined), IsOneFine("bus 0 (0000:06:01.0) has 2 cameras and 0 other devices"));
+    EXPECT_THAT(CheckFireWirePermission(examined), IsOneFine("3 files are open"));
     EXPECT_THAT(CheckFireWireAnswers(examined), IsOneFine("2 cameras answer"));
     EXPECT_THAT(CheckFireWireResets(examined), IsOneFine("0 bus resets in 5 s"));
-    EXPECT_THAT(CheckFireWireGapCount(examined), IsOneFine("the gap count is 8 for 3 hops"));
+    EXPECT_THAT(CheckFireWireGapCount(examined), IsOneFine("the gap count is 7 for 2 hops"));
     EXPECT_THAT(CheckFireWireManager(examined), IsOneFine("managed by this computer's controller"));
     EXPECT_THAT(CheckFireWireSpeed(examined), IsOneFine("camera 200705 (Acme Zoom) transmits at up to S400"));
     EXPECT_THAT(CheckFireWirePower(examined), IsEmpty()) << "nothing takes power";
@@ -167,7 +170,7 @@ TEST_F(FireWireChecksOf, AFileThatMayNotBeOpenedBringTheRuleAndTheGroup) {
 }
 
 TEST_F(FireWireChecksOf, AFileThatMayNotBeOpenedThoughTheRuleIsThereBringTheGroupAlone) {
-    Bus().nodes[2].error = EPERM;
+    Bus().nodes[1].error = EPERM;
     examined.rule.isInForce = true;
     const Findings findings = CheckFireWirePermission(examined);
     ASSERT_THAT(findings, IsOneWrong("camera 200705", "usermod -aG video \"$USER\""));
@@ -176,15 +179,15 @@ TEST_F(FireWireChecksOf, AFileThatMayNotBeOpenedThoughTheRuleIsThereBringTheGrou
 }
 
 TEST_F(FireWireChecksOf, AFileThatCannotBeOpenedForAnotherReasonSayWhichOne) {
-    Bus().nodes[2].error = EMFILE;
-    Bus().nodes[2].name = "fw3";
+    Bus().nodes[1].error = EMFILE;
+    Bus().nodes[1].name = "fw3";
     EXPECT_THAT(CheckFireWirePermission(examined), IsOneWrong("Too many open files", "ls -l /dev/fw3"));
 }
 
 // ---- The bus -------------------------------------------------------------------------------------------------------
 
 TEST_F(FireWireChecksOf, ACameraThatDoesNotAnswerNameIt) {
-    Bus().nodes[3].mute = true;
+    Bus().nodes[2].mute = true;
     EXPECT_THAT(CheckFireWireAnswers(examined), IsOneWrong("camera 200706", "nimbrel reset 200705"));
 }
 
@@ -202,7 +205,7 @@ TEST_F(FireWireChecksOf, ABusWithoutCycleMasterSayThatNoCameraCanTransmit) {
                 IsOneWrong("the root, this computer's controller, sends no cycle starts", "nimbrel reset"));
     Bus().hasCycleMaster.reset();
     EXPECT_THAT(CheckFireWireManager(examined), IsOneFine("managed by")) << "nobody could ask";
-    Phy(4).linkActive = false;
+    Phy(3).linkActive = false;
     EXPECT_THAT(CheckFireWireManager(examined), IsOneWrong("has no link to send cycle starts with", "nimbrel reset"));
 }
 
@@ -217,7 +220,7 @@ TEST_F(FireWireChecksOf, AShortBusWithAGapCountOf63SayWhatSuffices) {
     description.gapCount = 63;
     Describe(description);
     EXPECT_THAT(CheckFireWireGapCount(examined),
-                IsOneWrong("the gap count is 63 for 3 hops, where 8 suffices", "nimbrel reset 200705"));
+                IsOneWrong("the gap count is 63 for 2 hops, where 7 suffices", "nimbrel reset 200705"));
 }
 
 TEST_F(FireWireChecksOf, ABusOfBetaPhysMayHaveAGapCountOf63) {
@@ -231,7 +234,7 @@ TEST_F(FireWireChecksOf, ABusOfBetaPhysMayHaveAGapCountOf63) {
 TEST_F(FireWireChecksOf, ABusWhoseGapCountsDifferNameTwoPhysThatDo) {
     Phy(2).gapCount = 63;
     EXPECT_THAT(CheckFireWireGapCount(examined),
-                IsOneWrong("camera 200705 (Acme Zoom) has 8 and the hub that is PHY 2 has 63", "nimbrel reset 200705"));
+                IsOneWrong("camera 200705 (Acme Zoom) has 7 and the hub that is PHY 2 has 63", "nimbrel reset 200705"));
 }
 
 TEST_F(FireWireChecksOf, ACameraBehindASlowerHubNameTheHub) {
@@ -245,7 +248,7 @@ TEST_F(FireWireChecksOf, ACameraBehindASlowerHubNameTheHub) {
 }
 
 TEST_F(FireWireChecksOf, ACameraAboveTheControllersSpeedNameTheController) {
-    Phy(4).speed = 0;
+    Phy(3).speed = 0;
     const Findings findings = CheckFireWireSpeed(examined);
     ASSERT_THAT(findings, SizeIs(2));
     EXPECT_THAT(findings[0].evidence, HasSubstr("this computer's controller before it only S100"));
@@ -258,7 +261,7 @@ TEST_F(FireWireChecksOf, ASlowCameraBehindAFastHubFindNothing) {
 }
 
 TEST_F(FireWireChecksOf, ABusThatFeedsLessThanIsTakenCountTheWatts) {
-    Phy(4).powerClass = 1;  // provides 15 W
+    Phy(3).powerClass = 1;  // provides 15 W
     Phy(0).powerClass = 7;  // takes up to 10 W
     EXPECT_THAT(CheckFireWirePower(examined), IsOneFine("take up to 10 W from the bus, and others provide 15 W"));
     Phy(1).powerClass = 6;  // 6 W

@@ -61,14 +61,5 @@ TEST(GigEValues, AreWrittenWithTheirSubnet) {
     EXPECT_EQ(SubnetOf(Ip("192.168.77.50"), Ip("255.255.255.240")), "192.168.77.48/28");
 }
 
-TEST(GigEValues, TellTheEdgesOfASubnet) {
-    EXPECT_TRUE(IsSubnetEdge(Ip("192.168.77.0"), Ip("255.255.255.0")));
-    EXPECT_TRUE(IsSubnetEdge(Ip("192.168.77.255"), Ip("255.255.255.0")));
-    EXPECT_FALSE(IsSubnetEdge(Ip("192.168.77.1"), Ip("255.255.255.0")));
-    EXPECT_FALSE(IsSubnetEdge(Ip("192.168.77.255"), Ip("255.255.252.0"))) << "in the middle of a larger one";
-    EXPECT_FALSE(IsSubnetEdge(Ip("192.168.77.0"), Ip("255.255.255.254"))) << "one of two";
-    EXPECT_FALSE(IsSubnetEdge(Ip("192.168.77.0"), Ip("255.255.255.255")));
-}
-
 }  // namespace
 }  // namespace Nimbrel2::Tool::Testing

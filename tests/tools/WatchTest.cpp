@@ -124,7 +124,7 @@ TEST(Watch, EndsAfterSoManySeconds) {
 
 TEST(Watch, SaysWhichBusItCannotSee) {
     const ProgramResult result = ScriptedComputer({"fail gige 21"}).Run({"watch", "--duration", "0"});
-    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(
         result.errors,
         HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));

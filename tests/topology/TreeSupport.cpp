@@ -159,7 +159,7 @@ private:
     }
 
     void CheckBus(const TopologyNode& bus) {
-        Demand(bus.GetNodeType() == TopologyNode::NODE_BUS, "what hangs on the computer is no bus");
+        Demand(bus.GetNodeType() == TopologyNode::NODE_BUS, "a child of the computer is no bus");
         Demand(bus.GetInterfaceType() < INTERFACE_NONE, "a bus of no known kind");
         Demand(bus.GetDeviceId() == 0, "a bus has a device id");
         Demand(bus.GetGuid() == ZevoGuid{}, "a bus has a guid");
@@ -327,8 +327,8 @@ public:
         return UsbDevice{m_nextId++, port, {}};
     }
 
-    // Tier by tier, because what hangs on a port can only be told when no other device of the tier is on a port of that
-    // number.
+    // Tier by tier, because what is attached to a port can only be told when no other device of the tier is on a port
+    // of that number.
     void Populate(UsbDevice& onRootPort) {
         std::vector<UsbDevice*> tier{&onRootPort};
         for (unsigned int depth = 0; depth + 1 < UsbTierCount; ++depth) {

@@ -46,7 +46,7 @@ void AppendPhy(unsigned int phyId, const std::vector<unsigned int>& ports, std::
 /// The tree that the stream of the bus must become.
 TopologyNode ExpectedTree(const Phy& root);
 
-/// One device of a made-up USB tree, with what hangs on its ports.
+/// One device of a made-up USB tree, with what is attached to its ports.
 struct UsbDevice {
     std::uint32_t deviceId = 0;
     unsigned int port = 0;  ///< On the hub above, 1 to 15; the root port's number on a root port.
@@ -57,7 +57,7 @@ struct UsbDevice {
 /// something below them share a port number, so that the tree can be told from its routes.
 std::vector<UsbDevice> RandomUsbTree(std::mt19937& random);
 
-/// Its records, each hub before what hangs on it.
+/// Its records, each hub before what is attached to it.
 std::vector<UsbSelfId> UsbRecords(const std::vector<UsbDevice>& rootPorts);
 
 /// The tree that the records must become.

@@ -30,6 +30,7 @@ that hears them. Each of the others gets a free address of that subnet: one that
 neither this computer nor another camera, a gateway or a host on that network
 uses. It keeps it until it is powered off. The command succeeds when all have
 answered at their new addresses. A camera that an application holds ignores it.
+--dry-run prints the plan that the next run applies unless something changes.
 
 Exit status:
   0  Every camera has an address of its subnet. With --dry-run: or would have.
@@ -92,12 +93,10 @@ public:
     int Run() {
         const BusMasterSession busMaster = m_context.OpenGigE();
         Plan();
-        if (!m_dryRun && AnyOf(Result::WouldChange)) Change(*busMaster);
+        if (!m_dryRun && AnyOf(Result::WouldChange)) Change();
         m_context.Print(m_context.WantsJson() ? AsJson() : ForPeople());
         if (AnyOf(Result::Failed)) {
-            throw CommandError(NamesOfFailed())
-                .WithHint("`nimbrel doctor` finds out why.")
-                .WithDetails(m_error == ERROR_OK ? "" : m_error.Describe());
+            throw CommandError(NamesOfFailed()).WithHint("`nimbrel doctor` finds out why.");
         }
         return kDone;
     }
@@ -120,8 +119,7 @@ private:
 
     void Plan() {
         const Progress progress("Searching for GigE cameras on wrong subnets");
-        std::vector<AddressPlan> plans;
-        const std::uint32_t status = Platform::PlanGigEAddresses(m_serial, &plans);
+        const std::uint32_t status = Platform::PlanGigEAddresses(m_serial, &m_plans);
         if (status == HAL_GONE && m_serial) {
             throw CommandError("no GigE camera with the serial number " + std::to_string(*m_serial) + " answers")
                 .WithHint("`nimbrel discover` shows the cameras that answer.");
@@ -130,7 +128,19 @@ private:
             throw CommandError("GigE cannot be searched: " + DescribeStatus(status))
                 .WithHint(NextStep(status, INTERFACE_GIGE));
         }
-        for (const AddressPlan& plan : plans) m_outcomes.push_back(OutcomeOf(plan));
+        if (m_serial && m_plans.size() > 1) RefuseTwins();
+        for (const AddressPlan& plan : m_plans) m_outcomes.push_back(OutcomeOf(plan));
+    }
+
+    [[noreturn]] void RefuseTwins() const {
+        std::vector<std::string> names;
+        for (const AddressPlan& plan : m_plans) {
+            const GigECamera camera = FromRecord(plan.record);
+            names.push_back(FormatMac(camera.mac) + " at " + FormatSubnet(camera.ip, camera.subnet));
+        }
+        throw CommandError("--serial: " + std::to_string(m_plans.size()) + " cameras have the serial number " +
+                           std::to_string(*m_serial) + ": " + Enumerate(names))
+            .WithHint("`nimbrel force-ip --mac` gives one of them an address.");
     }
 
     static Outcome OutcomeOf(const AddressPlan& plan) {
@@ -142,13 +152,8 @@ private:
                                                       FormatSubnet(UnpackIPAddress(outcome.home->address),
                                                                    UnpackIPAddress(outcome.home->GetMask()))
                                                 : outcome.interface + ", which has no address";
-        if (plan.alreadyRight) {
-            const bool inside = outcome.home && outcome.home->Contains(plan.record.ipAddress);
-            outcome.reason = inside ? "it is in the subnet of " + subnet
-                                    : "it is not in the subnet of " + subnet + ", but has a route there";
-            return outcome;
-        }
-        outcome.reason = "it is not in the subnet of " + subnet;
+        outcome.reason = ReasonOf(plan, outcome.home, subnet);
+        if (plan.alreadyRight) return outcome;
         if (plan.status != HAL_OK) {
             outcome.result = Result::Failed;
             outcome.reason = WhyNot(plan.status, subnet);
@@ -160,6 +165,20 @@ private:
         return outcome;
     }
 
+    static std::string ReasonOf(const AddressPlan& plan, const std::optional<Platform::InterfaceAddress>& home,
+                                const std::string& subnet) {
+        const bool inside = home && home->Contains(plan.record.ipAddress);
+        switch (plan.usability) {
+            case Platform::GigEUsability::Usable:
+                return inside ? "it is in the subnet of " + subnet
+                              : "it is not in the subnet of " + subnet + ", but has a route there";
+            case Platform::GigEUsability::OtherSubnet:
+                return "it is not in the subnet of " + subnet;
+            default:
+                return Platform::DescribeUsability(plan.usability);
+        }
+    }
+
     static std::string WhyNot(std::uint32_t status, const std::string& subnet) {
         if (status == HAL_UNREACHABLE) return "no address for it: it is connected to " + subnet;
         if (status == HAL_NOT_SUPPORTED) return "it has no MAC by which it could be given an address";
@@ -169,41 +188,46 @@ private:
 
     // ---- Change -----------------------------------------------------------------------------------------------------
 
-    void Change(BusMaster& busMaster) {
+    void Change() {
         const Progress progress("Giving addresses");
-        const Error error = m_serial ? busMaster.ForceAllIPAddressesAutomatically(*m_serial)
-                                     : busMaster.ForceAllIPAddressesAutomatically();
-        // After an error one of them has kept its address, so those that still answer elsewhere are not waited for. A
-        // silent one may be restarting at its new address.
-        const std::vector<GigECamera> after = DiscoverUntil(busMaster, [&](const std::vector<GigECamera>& cameras) {
-            return std::all_of(m_outcomes.begin(), m_outcomes.end(), [&](const Outcome& outcome) {
-                const bool givenUp = error != ERROR_OK && FindByMac(cameras, outcome.before.mac) != nullptr;
-                return outcome.result != Result::WouldChange || givenUp || IsHome(outcome, cameras);
+        const std::uint32_t status = Platform::ApplyGigEAddresses(&m_plans);
+        const bool nothingTried =
+            status != HAL_OK && std::all_of(m_plans.begin(), m_plans.end(), [](const AddressPlan& plan) {
+                return plan.newIp == 0 || plan.status == HAL_OK;
             });
-        });
-        for (Outcome& outcome : m_outcomes) {
-            if (outcome.result == Result::WouldChange) Conclude(after, &outcome);
+        for (AddressPlan& plan : m_plans) {
+            if (nothingTried && plan.newIp != 0) plan.status = status;
         }
-        if (error != ERROR_OK) m_error = error;
+        // A camera without an acknowledge that still answers elsewhere has kept its address and is not waited for. A
+        // silent one may be restarting at its new address.
+        const std::vector<GigECamera> after = DiscoverUntil([&](const std::vector<GigECamera>& cameras) {
+            for (std::size_t i = 0; i < m_plans.size(); ++i) {
+                const GigECamera* camera = FindByMac(cameras, m_outcomes[i].before.mac);
+                const bool givenUp = m_plans[i].status != HAL_OK && camera != nullptr;
+                if (m_outcomes[i].result == Result::WouldChange && !givenUp && !HasMoved(m_outcomes[i], camera))
+                    return false;
+            }
+            return true;
+        });
+        for (std::size_t i = 0; i < m_plans.size(); ++i) {
+            if (m_outcomes[i].result == Result::WouldChange) Conclude(after, m_plans[i].status, &m_outcomes[i]);
+        }
     }
 
-    static bool IsHome(const Outcome& outcome, const std::vector<GigECamera>& cameras) {
-        const GigECamera* camera = FindByMac(cameras, outcome.before.mac);
-        return camera != nullptr && outcome.home && outcome.home->Contains(PackIPAddress(camera->ip));
+    static bool HasMoved(const Outcome& outcome, const GigECamera* camera) {
+        return camera != nullptr && PackIPAddress(camera->ip) == PackIPAddress(*outcome.newIp);
     }
 
-    // The driver chooses free addresses again, so the camera may have got another one than planned.
-    static void Conclude(const std::vector<GigECamera>& after, Outcome* outcome) {
+    static void Conclude(const std::vector<GigECamera>& after, std::uint32_t status, Outcome* outcome) {
         const GigECamera* camera = FindByMac(after, outcome->before.mac);
-        if (IsHome(*outcome, after)) {
+        if (HasMoved(*outcome, camera)) {
             outcome->result = Result::Changed;
-            outcome->newIp = camera->ip;
-            outcome->newMask = camera->subnet;
             return;
         }
         outcome->result = Result::Failed;
         outcome->newIp.reset();
-        outcome->reason = WhyNot(camera, outcome->before);
+        const bool isSent = status == HAL_OK || status == HAL_NO_ACKNOWLEDGE;
+        outcome->reason = isSent ? WhyNot(camera, outcome->before) : "it was not told: " + DescribeStatus(status);
     }
 
     static std::string WhyNot(const GigECamera* camera, const GigECamera& before) {
@@ -255,8 +279,8 @@ private:
     CommandContext& m_context;
     std::optional<std::uint32_t> m_serial;
     bool m_dryRun = false;
-    std::vector<Outcome> m_outcomes;
-    Error m_error;
+    std::vector<AddressPlan> m_plans;
+    std::vector<Outcome> m_outcomes;  ///< One for each plan.
 };
 
 }  // namespace

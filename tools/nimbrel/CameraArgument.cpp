@@ -262,6 +262,12 @@ void CameraArgument::AddTo(CLI::App& command) {
     command.add_option("CAMERA", parser, kForms)->required()->type_name("");
 }
 
+BusMasterSession CameraArgument::Start(CommandContext& context) const {
+    if (const auto* ip = std::get_if<IPAddress>(&m_choice)) context.SearchFor({PackIPAddress(*ip), 0});
+    if (const auto* mac = std::get_if<MACAddress>(&m_choice)) context.SearchFor({0, PackMac(*mac)});
+    return context.StartBusMaster();
+}
+
 FoundCamera CameraArgument::Find(const CommandContext& context, BusMaster& busMaster, const std::string& command,
                                  Scope scope) const {
     try {
@@ -279,7 +285,7 @@ void AddCameraCommand(CLI::App& app, CommandContext& context, CameraCommand comm
     const auto argument = std::make_shared<CameraArgument>();
     const auto shared = std::make_shared<const CameraCommand>(std::move(command));
     CLI::App* added = context.AddCommand(app, shared->name, shared->description, [&context, argument, shared] {
-        const BusMasterSession busMaster = context.StartBusMaster();
+        const BusMasterSession busMaster = argument->Start(context);
         FoundCamera camera = argument->Find(context, *busMaster, shared->name, shared->scope);
         context.Print(shared->operation(*busMaster, camera, context.WantsJson()));
         return static_cast<int>(kDone);

@@ -59,6 +59,9 @@ class CameraArgument {
 public:
     void AddTo(CLI::App& command);
 
+    /// Starts the bus master. When an address or a MAC names the camera, the search ends as soon as that has answered.
+    BusMasterSession Start(CommandContext& context) const;
+
     /// As FindCamera; when that fails, buses that cannot be searched are named on standard error first.
     /// @param command  "usb-link", for the message when the camera is on a bus that the command is not for.
     FoundCamera Find(const CommandContext& context, BusMaster& busMaster, const std::string& command,

@@ -34,6 +34,8 @@ struct Camera {
 
     // Not read by ListCameras.
     std::uint32_t speed = 0;           ///< Of its link, in Mbit/s; 0: unknown.
+    std::uint32_t cameraSpeed = 0;     ///< USB: the most that the camera can do; 0: unknown.
+    std::uint32_t portSpeed = 0;       ///< USB: the most that its port can do; 0: unknown.
     std::optional<unsigned int> port;  ///< Of the hub, host controller or PHY above.
     std::string location;              ///< "xhci0 port 1.2", "fw0 PHY 3", "eth0".
     std::optional<Platform::ControlState> control;

@@ -14,6 +14,7 @@
 #include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/NetworkInterfaces.h"
 #include "tools/nimbrel/Progress.h"
+#include "tools/nimbrel/SearchReport.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/Words.h"
@@ -68,6 +69,12 @@ void CheckExists(const std::vector<std::string>& interfaces) {
         throw CommandError("--interface: this computer has no network interface \"" + name + "\"; it has " +
                            (existing.empty() ? "none" : Enumerate(existing)));
     }
+}
+
+Platform::GigESearchReport ReadSearchReport() {
+    Platform::GigESearchReport report;
+    if (Platform::GetGigESearchReport(&report) != HAL_OK) return {};
+    return report;
 }
 
 // "2 heard: 192.168.77.10 Cairn G 2040, 192.168.77.11 Cairn G 2040"
@@ -163,6 +170,14 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
                  CheckGivenOnce("--discovery-window", m_discoveryWindow.has_value());
                  m_discoveryWindow = ParseSeconds("--discovery-window", text, kShortestWindow, kLongestWindow);
              });
+    AddValue(command, "--source-port", "FIRST-LAST",
+             "Send to GigE cameras from these UDP ports only, so\n"
+             "that a firewall rule can name them. Each network\n"
+             "interface needs 4, and 1 for each of its cameras.",
+             [this](const std::string& text) {
+                 CheckGivenOnce("--source-port", m_sourcePorts.has_value());
+                 m_sourcePorts = ParsePortRange("--source-port", text);
+             });
 }
 
 void CommandContext::AddRigOptions(CLI::App& command) {
@@ -229,6 +244,8 @@ Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) 
     options.usbCameraIds = m_usbIds;
     options.trace = [](const std::string& text) { Trace(text); };
     options.discoveryWindow = m_discoveryWindow.value_or(unlessGiven);
+    options.sourcePorts = m_sourcePorts;
+    options.searchFor = m_searchFor;
     return options;
 }
 
@@ -284,10 +301,22 @@ BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
 
 bool CommandContext::CheckBuses(BusMaster& busMaster) const {
     const auto failures = FindFailedBuses(busMaster, [this](const BusKind& bus) { return UsesBus(bus.name); });
+    const std::vector<std::string> problems =
+        UsesBus("gige") ? DescribeProblems(ReadSearchReport()) : std::vector<std::string>();
     for (const BusFailure& failure : failures) {
+        // The interfaces say more.
+        if (failure.bus.type == HAL_INTERFACE_GIGE && !problems.empty()) continue;
         WriteError("nimbrel: " + failure.Describe() + "\n");
     }
-    return failures.empty();
+    for (const std::string& line : problems) WriteError("nimbrel: " + line + "\n");
+    return failures.empty() && problems.empty();
+}
+
+void CommandContext::NoteFilters(const std::string& command) const {
+    if (!UsesBus("gige")) return;
+    for (const std::string& line : DescribeFilters(ReadSearchReport())) {
+        WriteError("nimbrel " + command + ": " + line + ".\n");
+    }
 }
 
 void CommandContext::NoteBusesWithoutDriver(const std::string& command) const {

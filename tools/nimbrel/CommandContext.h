@@ -43,8 +43,8 @@ public:
 
     /// `--json` and `--color`.
     void AddJsonOption(CLI::App& command, const std::string& description);
-    /// `--interface`, `--bus`, `--usb-id`, `--discovery-window`, `--virtual`, `--rig`, `--demo`: for commands that
-    /// start the bus master.
+    /// `--interface`, `--bus`, `--usb-id`, `--discovery-window`, `--source-port`, `--virtual`, `--rig`, `--demo`: for
+    /// commands that start the bus master.
     void AddBusOptions(CLI::App& command);
     /// The same without `--bus` and `--virtual`: for commands that are about GigE alone.
     void AddGigEOptions(CLI::App& command);
@@ -78,9 +78,16 @@ public:
     /// The same for GigE alone, listing nothing: for operations that need the network only. Takes no time.
     BusMasterSession OpenGigE();
 
-    /// Names on standard error the buses that cannot be searched; to the bus master they merely have no cameras.
-    /// @return true if all can. @throws CommandError.
+    /// Looks for this camera only: the first search for GigE cameras ends as soon as it has answered. Before the bus
+    /// master is started.
+    void SearchFor(const Platform::GigECameraName& camera) { m_searchFor = camera; }
+
+    /// Names on standard error the buses and network interfaces that are not searched; to the bus master they merely
+    /// have no cameras.
+    /// @return true if all are. @throws CommandError.
     bool CheckBuses(BusMaster& busMaster) const;
+    /// Names on standard error the reverse path filters that may have hidden GigE cameras from the searches so far.
+    void NoteFilters(const std::string& command) const;
 
     /// Runs everything on that rig from here on, whatever --rig and --demo say.
     void UseRig(std::shared_ptr<Platform::Rig> rig) { m_rig = std::move(rig); }
@@ -118,6 +125,8 @@ private:
     std::vector<std::string> m_buses;
     std::vector<Platform::UsbId> m_usbIds;
     std::optional<std::chrono::milliseconds> m_discoveryWindow;
+    std::optional<Platform::PortRange> m_sourcePorts;
+    std::optional<Platform::GigECameraName> m_searchFor;
     std::optional<std::string> m_rigFile;
     bool m_demo = false;
     std::shared_ptr<Platform::Rig> m_rig;

@@ -6,6 +6,7 @@
 
 #include "common/HalStatus.h"
 #include "hal/HAL.h"
+#include "tools/nimbrel/doctor/UsbRule.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -60,6 +61,7 @@ std::string DescribeCause(const Error& error) {
 std::string NextStep(std::uint32_t status, InterfaceType bus) {
     switch (status) {
         case HAL_PERMISSION:
+            if (bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3) return Doctor::HintForUsbPermission();
             return std::string("Try again as root: `") + kAgainAsRoot + "`.";
         case HAL_GONE:
         case HAL_BUS_CHANGED:

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "platform/Diagnostics.h"
+#include "platform/base/CameraAddress.h"
+#include "platform/base/Texts.h"
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/ErrorTexts.h"
@@ -20,20 +22,21 @@ namespace {
 const char kFooter[] =
     R"(The camera takes the address at once and keeps it until it is powered off. The
 request is a broadcast, so it needs no route to the camera and no privileges. A
-camera that an application holds ignores it. The command succeeds when the
-camera has answered at its new address.
+camera that an application holds ignores it. The command succeeds when that very
+camera has answered at its new address; --force accepts its acknowledge for an
+address outside all subnets of this computer. An address that somebody has is
+refused without --force.
 
 The default of --mask is the mask of the network interface that hears the
 camera, or else of the one in whose subnet the address is.
 
 Exit status:
   0  The camera answers at its new address.
-  1  No acknowledge, or the camera does not answer there, or another camera or
-     this computer has the address (other hosts are not checked); standard error
-     says why.
+  1  No acknowledge, or the camera does not answer there, or somebody has the
+     address; standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
-JSON: {"ok":true,"mac","ip","subnet","gateway"}
+JSON: {"ok":true,"mac","ip","subnet","gateway","verified"}
 
 Examples:
   nimbrel discover                                shows the MAC
@@ -55,6 +58,8 @@ public:
                                  [this](const std::string& text) { m_mask = ParseMask("--mask", text); });
         CommandContext::AddValue(command, "--gateway", "ADDRESS", "Gateway. Default: 0.0.0.0, none.",
                                  [this](const std::string& text) { m_gateway = ParseIp("--gateway", text); });
+        command.add_flag("--force", m_force,
+                         "Even if a camera or host has that address, or\nnobody there can be asked.");
         m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddGigEOptions(command);
     }
@@ -65,9 +70,11 @@ public:
         if (m_mask && m_maskOfIp) throw CommandError("--mask and the mask of --ip cannot be combined", kUsage);
         if (m_maskOfIp) m_mask = m_maskOfIp;
         const BusMasterSession busMaster = m_context.OpenGigE();
-        Prepare(*busMaster);
-        const std::vector<GigECamera> after = Force(*busMaster);
-        CheckThatItMoved(FindByMac(after, *m_mac));
+        Search();
+        if (!m_mask) m_mask = FindMask();
+        CheckConfiguration();
+        CheckThatAddressIsFree();
+        Force();
         PrintResult();
         return kDone;
     }
@@ -81,35 +88,16 @@ private:
 
     // ---- Before ----------------------------------------------------------------------------------------------------
 
-    // A discovery finds the interface that hears the camera: the driver sends there, and its mask is the default.
-    void Prepare(BusMaster& busMaster) {
-        std::vector<GigECamera> cameras;
-        {
-            const Progress progress("Searching for " + FormatMac(*m_mac));
-            cameras = DiscoverGigECameras(busMaster);
-        }
+    void Search() {
+        const Progress progress("Searching for " + FormatMac(*m_mac));
+        m_cameras = DiscoverGigE().cameras;
+    }
+
+    // The mask of the network interface that hears the camera.
+    IPAddress FindMask() const {
         Platform::GigEDiagnosis diagnosis;
         Platform::DiagnoseGigE(false, &diagnosis);
-        if (!m_mask) m_mask = FindMask(diagnosis);
-        if (IsSubnetEdge(*m_ip, *m_mask)) {
-            throw CommandError("--ip: \"" + FormatIp(*m_ip) + "\" is the first or last address of " +
-                                   SubnetOf(*m_ip, *m_mask) + ", which no camera can have",
-                               kUsage);
-        }
-        CheckThatAddressIsFree(cameras, diagnosis);
-        if (!IsOnAnySubnet(diagnosis)) {
-            WriteError("nimbrel force-ip: warning: no network interface is in a subnet with " + FormatIp(*m_ip) +
-                       ", so this computer cannot use the camera there.\n");
-        }
-    }
-
-    bool IsOnAnySubnet(const Platform::GigEDiagnosis& diagnosis) const {
-        return std::any_of(diagnosis.interfaces.begin(), diagnosis.interfaces.end(), [this](const auto& interface) {
-            return interface.used && interface.interface.FindSubnet(PackIPAddress(*m_ip)) != nullptr;
-        });
-    }
-
-    IPAddress FindMask(const Platform::GigEDiagnosis& diagnosis) const {
+        diagnosis.cameras = m_cameras;
         const Platform::InterfaceAddress* heardIn = nullptr;
         const Platform::InterfaceAddress* elsewhere = nullptr;
         for (const auto& interface : diagnosis.interfaces) {
@@ -135,67 +123,97 @@ private:
         return false;
     }
 
-    void CheckThatAddressIsFree(const std::vector<GigECamera>& cameras,
-                                const Platform::GigEDiagnosis& diagnosis) const {
-        const std::uint32_t ip = PackIPAddress(*m_ip);
-        for (const GigECamera& camera : cameras) {
-            if (PackIPAddress(camera.ip) != ip || IsSame(camera.mac, *m_mac)) continue;
-            throw CommandError("--ip: " + FormatIp(*m_ip) + " is the address of " + NameOf(camera));
+    // What no camera can have, the driver would refuse as well, but without the name of the option.
+    void CheckConfiguration() const {
+        const auto refuse = [](const char* option, const IPAddress& value, const std::string& why) {
+            return CommandError(std::string(option) + ": \"" + FormatIp(value) + "\" " + why, kUsage);
+        };
+        const std::uint32_t status =
+            Platform::CheckCameraAddress(PackIPAddress(*m_ip), PackIPAddress(*m_mask), PackIPAddress(m_gateway));
+        if (status == HAL_BAD_MASK) throw refuse("--mask", *m_mask, "leaves no room for a camera and this computer");
+        if (status == HAL_BAD_GATEWAY) {
+            throw refuse("--gateway", m_gateway, "is not another address of " + SubnetOf(*m_ip, *m_mask));
         }
-        for (const auto& interface : diagnosis.interfaces) {
-            for (const auto& address : interface.interface.addresses) {
-                if (address.address != ip) continue;
-                throw CommandError("--ip: " + FormatIp(*m_ip) + " is the address of this computer on " +
-                                   interface.interface.name);
-            }
+        if (status == HAL_OK) return;
+        if (!Platform::IsHostAddress(PackIPAddress(*m_ip))) throw refuse("--ip", *m_ip, "is not an address of a host");
+        throw refuse("--ip", *m_ip,
+                     "is the first or last address of " + SubnetOf(*m_ip, *m_mask) + ", which no camera can have");
+    }
+
+    void CheckThatAddressIsFree() const {
+        using Kind = Platform::AddressHolder::Kind;
+        Platform::AddressHolder holder;
+        bool isItsOwn = false;  // and only mask or gateway change
+        for (const Platform::CameraDiagnosis& heard : m_cameras) {
+            if (heard.record.ipAddress != PackIPAddress(*m_ip)) continue;
+            const GigECamera camera = FromRecord(heard.record);
+            isItsOwn = isItsOwn || IsSame(camera.mac, *m_mac);
+            if (IsSame(camera.mac, *m_mac) || m_force) continue;
+            throw CommandError("--ip: " + FormatIp(*m_ip) + " is the address of " + NameOf(camera))
+                .WithHint("Choose another address, or give it all the same with --force.");
         }
+        {
+            const Progress progress("Asking who has " + FormatIp(*m_ip));
+            if (Platform::FindGigEAddressHolder(PackIPAddress(*m_ip), &holder) != HAL_OK) return;
+        }
+        const std::string taken = "--ip: " + FormatIp(*m_ip) + " is the address of ";
+        const std::string on = holder.interfaceName.empty() ? "" : " on " + holder.interfaceName;
+        if (holder.kind == Kind::ThisComputer) throw CommandError(taken + "this computer" + on);
+        const bool isTaken = holder.kind == Kind::Camera || holder.kind == Kind::Host;
+        if (!isTaken || holder.mac == PackMac(*m_mac) || isItsOwn || m_force) return;
+        throw CommandError(taken + (holder.kind == Kind::Camera ? "the camera " : "the host ") +
+                           (holder.mac == 0 ? std::string("that answers for it") : Platform::FormatMac(holder.mac)) +
+                           on)
+            .WithHint("Choose another address, or give it all the same with --force.");
     }
 
     // ---- The address, and after ------------------------------------------------------------------------------------
 
-    bool HasMoved(const GigECamera& camera) const {
-        return PackIPAddress(camera.ip) == PackIPAddress(*m_ip) &&
-               PackIPAddress(camera.subnet) == PackIPAddress(*m_mask) &&
-               PackIPAddress(camera.gateway) == PackIPAddress(m_gateway);
-    }
-
-    std::vector<GigECamera> Force(BusMaster& busMaster) const {
+    void Force() {
         const Progress progress("Waiting for " + FormatMac(*m_mac) + " at " + FormatIp(*m_ip));
-        const Error error = busMaster.ForceIPAddressToCamera(*m_mac, *m_ip, *m_mask, m_gateway);
-        if (error != ERROR_OK && error != ERROR_TIMEOUT) {
-            throw Explain(error, FormatMac(*m_mac) + " cannot be given an address", INTERFACE_GIGE);
+        const Platform::GigEAddress address{PackMac(*m_mac), PackIPAddress(*m_ip), PackIPAddress(*m_mask),
+                                            PackIPAddress(m_gateway)};
+        Platform::ForceIpResult result;
+        const std::uint32_t status = Platform::ForceGigEAddress(address, &result);
+        m_verified = result.verified && result.record.subnetMask == address.mask &&
+                     result.record.defaultGateway == address.gateway;
+        if (m_verified) return;
+        if (status != HAL_OK && status != HAL_NO_ACKNOWLEDGE) {
+            throw CommandError(FormatMac(*m_mac) + " cannot be given an address: " + DescribeStatus(status))
+                .WithHint(NextStep(status, INTERFACE_GIGE));
         }
-        if (error == ERROR_OK) {
-            return DiscoverUntil(busMaster, [this](const std::vector<GigECamera>& cameras) {
-                const GigECamera* camera = FindByMac(cameras, *m_mac);
-                return camera != nullptr && HasMoved(*camera);
-            });
+        if (result.acknowledged && result.outOfReach) {
+            if (m_force) return;
+            throw CommandError(FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) +
+                               ", not verified: no network interface is in a subnet with that address")
+                .WithHint("With --force that is enough.");
         }
-        // The camera ignored the request, or its acknowledge was lost.
-        std::vector<GigECamera> cameras = DiscoverGigECameras(busMaster);
-        const GigECamera* camera = FindByMac(cameras, *m_mac);
-        if (camera != nullptr && HasMoved(*camera)) return cameras;
-        if (camera == nullptr) {
-            throw CommandError("no acknowledge, and no camera with the MAC " + FormatMac(*m_mac) +
-                               " answers a discovery")
-                .WithHint("Check its MAC, cable and power; `nimbrel discover` shows the cameras that answer.")
-                .WithDetails(error.Describe());
-        }
-        throw CommandError("no acknowledge: " + NameOf(*camera) + " stays at " +
-                           FormatSubnet(camera->ip, camera->subnet) + ", most likely because an application holds it")
-            .WithHint("`nimbrel control mac:" + FormatMac(*m_mac) + "` shows who holds it.")
-            .WithDetails(error.Describe());
+        ExplainFailure(result.acknowledged);
     }
 
-    void CheckThatItMoved(const GigECamera* camera) const {
-        if (camera != nullptr && HasMoved(*camera)) return;
-        const std::string acknowledged = FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
-        if (camera == nullptr) {
-            throw CommandError(acknowledged + "no longer answers")
+    [[noreturn]] void ExplainFailure(bool acknowledged) const {
+        std::optional<GigECamera> camera;
+        for (const Platform::CameraDiagnosis& heard : DiscoverGigE(m_mac).cameras) {
+            const GigECamera other = FromRecord(heard.record);
+            if (IsSame(other.mac, *m_mac)) camera = other;
+        }
+        if (acknowledged) {
+            const std::string text = FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
+            if (camera) {
+                throw CommandError(text + "answers at " + FormatSubnet(camera->ip, camera->subnet) + ", gateway " +
+                                   FormatIp(camera->gateway));
+            }
+            throw CommandError(text + "no longer answers")
                 .WithHint("It may still be starting: `nimbrel discover` shows whether it is back.");
         }
-        throw CommandError(acknowledged + "answers at " + FormatSubnet(camera->ip, camera->subnet) + ", gateway " +
-                           FormatIp(camera->gateway));
+        if (camera) {
+            throw CommandError("no acknowledge: " + NameOf(*camera) + " stays at " +
+                               FormatSubnet(camera->ip, camera->subnet) +
+                               ", most likely because an application holds it")
+                .WithHint("`nimbrel control mac:" + FormatMac(*m_mac) + "` shows who holds it.");
+        }
+        throw CommandError("no acknowledge, and no camera with the MAC " + FormatMac(*m_mac) + " answers a discovery")
+            .WithHint("Check its MAC, cable and power; `nimbrel discover` shows the cameras that answer.");
     }
 
     void PrintResult() {
@@ -204,7 +222,10 @@ private:
                                       {"mac", FormatMac(*m_mac)},
                                       {"ip", FormatIp(*m_ip)},
                                       {"subnet", FormatIp(*m_mask)},
-                                      {"gateway", FormatIp(m_gateway)}}));
+                                      {"gateway", FormatIp(m_gateway)},
+                                      {"verified", m_verified}}));
+        } else if (!m_verified) {
+            m_context.Print(FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", not verified.\n");
         } else {
             m_context.Print(FormatMac(*m_mac) + " now answers at " + FormatSubnet(*m_ip, *m_mask) + ".\n");
         }
@@ -216,6 +237,9 @@ private:
     std::optional<IPAddress> m_mask;
     std::optional<IPAddress> m_maskOfIp;
     IPAddress m_gateway;
+    std::vector<Platform::CameraDiagnosis> m_cameras;  ///< That answered before.
+    bool m_force = false;
+    bool m_verified = false;
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Discovers GigE cameras through the bus master. Main thread only; no lock.
+// Discovers GigE cameras. Main thread only; no lock.
 #include "tools/nimbrel/GigECameras.h"
 
 #include <charconv>
@@ -16,9 +16,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kVerifyLimit{5};
 constexpr std::chrono::milliseconds kShortestRound{100};
-// An array that is too small costs another discovery window, so the first one is large.
-constexpr unsigned int kFirstCapacity = 1024;
-constexpr unsigned int kMostTries = 4;
 
 std::string VersionText(std::uint32_t major, std::uint32_t minor) {
     return std::to_string(major) + "." + std::to_string(minor);
@@ -60,30 +57,22 @@ bool IsSame(const GigECamera& first, const GigECamera& second) {
            first.serialNumber == second.serialNumber;
 }
 
-std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster) {
-    std::vector<CameraInfo> infos;
-    unsigned int size = kFirstCapacity;
-    for (unsigned int attempt = 1;; ++attempt) {
-        infos.assign(size, {});
-        const Error error = busMaster.DiscoverGigECameras(infos.data(), &size);
-        if (error == ERROR_BUFFER_TOO_SMALL && attempt < kMostTries) {
-            size += kFirstCapacity;  // more may answer the next time
-            continue;
-        }
-        if (error != ERROR_OK) throw Explain(error, "GigE cannot be searched", INTERFACE_GIGE);
-        break;
-    }
-    std::vector<GigECamera> cameras;
-    for (unsigned int i = 0; i < size; ++i) cameras.push_back(FromInfo(infos.at(i)));
-    return cameras;
+Platform::GigEDiscovery DiscoverGigE(const std::optional<MACAddress>& until) {
+    std::optional<Platform::GigECameraName> name;
+    if (until) name = Platform::GigECameraName{0, PackMac(*until)};
+    Platform::GigEDiscovery discovery;
+    const std::uint32_t status = Platform::DiscoverGigE(name, &discovery);
+    if (status == HAL_OK) return discovery;
+    throw CommandError("GigE cannot be searched: " + DescribeStatus(status)).WithHint(NextStep(status, INTERFACE_GIGE));
 }
 
-std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
-                                      const std::function<bool(const std::vector<GigECamera>&)>& isEnough) {
+std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector<GigECamera>&)>& isEnough) {
     const Clock::time_point end = Clock::now() + kVerifyLimit;
     for (;;) {
         const Clock::time_point round = Clock::now();
-        std::vector<GigECamera> cameras = DiscoverGigECameras(busMaster);
+        std::vector<GigECamera> cameras;
+        for (const Platform::CameraDiagnosis& heard : DiscoverGigE().cameras)
+            cameras.push_back(FromRecord(heard.record));
         if (isEnough(cameras) || Clock::now() >= end) return cameras;
         std::this_thread::sleep_until(round + kShortestRound);  // a rig answers at once
     }

@@ -6,11 +6,12 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "busmaster/BusMaster.h"
 #include "hal/HAL.h"
+#include "platform/Diagnostics.h"
 #include "tools/nimbrel/Cameras.h"
 
 namespace Nimbrel2::Tool {
@@ -34,15 +35,15 @@ GigECamera FromInfo(const CameraInfo& info);
 /// Same MAC, address and serial number.
 bool IsSame(const GigECamera& first, const GigECamera& second);
 
-/// Every camera that answers a broadcast, on whatever subnet. Takes the discovery window.
-/// @throws CommandError with the bus master's error.
-std::vector<GigECamera> DiscoverGigECameras(BusMaster& busMaster);
+/// Every camera that answers a broadcast, on whatever subnet. Takes the discovery window, or ends as soon as the camera
+/// with that MAC has answered.
+/// @throws CommandError when GigE cannot be searched.
+Platform::GigEDiscovery DiscoverGigE(const std::optional<MACAddress>& until = std::nullopt);
 
 /// Discovers until the answers satisfy the condition, at least once and for at most five seconds: a camera that was
 /// just given an address may take some time to return.
 /// @return the answers to the last discovery.
-std::vector<GigECamera> DiscoverUntil(BusMaster& busMaster,
-                                      const std::function<bool(const std::vector<GigECamera>&)>& isEnough);
+std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector<GigECamera>&)>& isEnough);
 
 /// Null if none has that MAC.
 const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac);

@@ -67,10 +67,10 @@ std::string SubnetOf(const IPAddress& ip, const IPAddress& mask) {
     return FormatSubnet(UnpackIPAddress(PackIPAddress(ip) & PackIPAddress(mask)), mask);
 }
 
-bool IsSubnetEdge(const IPAddress& ip, const IPAddress& mask) {
-    const std::uint32_t hostBits = ~PackIPAddress(mask);
-    const std::uint32_t host = PackIPAddress(ip) & hostBits;
-    return hostBits > 1 && (host == 0 || host == hostBits);
+std::uint64_t PackMac(const MACAddress& mac) {
+    std::uint64_t packed = 0;
+    for (const std::uint8_t octet : mac.octets) packed = packed << 8 | octet;
+    return packed;
 }
 
 bool IsSame(const MACAddress& first, const MACAddress& second) {

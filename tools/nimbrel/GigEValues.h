@@ -3,6 +3,7 @@
 #ifndef NIMBREL2_TOOLS_NIMBREL_GIGEVALUES_H
 #define NIMBREL2_TOOLS_NIMBREL_GIGEVALUES_H
 
+#include <cstdint>
 #include <string>
 
 #include "common/IPAddress.h"
@@ -27,9 +28,8 @@ std::string FormatSubnet(const IPAddress& ip, const IPAddress& mask);
 /// 192.168.77.0/24, the subnet that the address is in.
 std::string SubnetOf(const IPAddress& ip, const IPAddress& mask);
 
-/// Whether the address is the first or the last one of its subnet, which no camera can have (in a subnet of two it
-/// can).
-bool IsSubnetEdge(const IPAddress& ip, const IPAddress& mask);
+/// Octet 0 in bits 47 to 40.
+std::uint64_t PackMac(const MACAddress& mac);
 
 bool IsSame(const MACAddress& first, const MACAddress& second);
 

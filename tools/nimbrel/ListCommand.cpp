@@ -114,7 +114,10 @@ public:
         }
         const Listed listed = Collect(*busMaster, std::move(cameras));
         m_context.Print(m_context.WantsJson() ? ListAsJson(listed, m_context) : ForPeople(listed));
-        if (m_wanted.empty()) m_context.NoteBusesWithoutDriver("list");
+        if (m_wanted.empty()) {
+            m_context.NoteFilters("list");
+            m_context.NoteBusesWithoutDriver("list");
+        }
         // With --wait the wanted cameras are there, so a failing bus without them does not matter.
         return healthy || !m_wanted.empty() ? kDone : kFailed;
     }

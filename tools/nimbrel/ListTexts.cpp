@@ -59,6 +59,14 @@ std::string DeviceTable(const std::vector<Device>& devices, bool coloured) {
     return table.Render(OutputWidth(), coloured);
 }
 
+// "5 Gbit/s by the camera, 480 Mbit/s by its port": as far as it is known.
+std::string MostSpeed(const Camera& camera) {
+    std::string text;
+    if (camera.cameraSpeed != 0) text = FormatSpeed(camera.cameraSpeed) + " by the camera";
+    if (camera.portSpeed != 0) text += (text.empty() ? "" : ", ") + FormatSpeed(camera.portSpeed) + " by its port";
+    return text;
+}
+
 // What follows the cameras in either form.
 std::string Remarks(const Listed& listed, bool coloured) {
     std::string text;
@@ -108,6 +116,7 @@ std::string ListAsParagraphs(const Listed& listed, bool coloured) {
         line("bus            ", BusName(camera.interfaceType));
         line("attached to    ", camera.location);
         if (camera.speed != 0) line("speed          ", FormatSpeed(camera.speed));
+        line("at most        ", MostSpeed(camera));
         if (camera.IsGigE()) {
             line("address        ", FormatIp(camera.ip));
             line("MAC            ", FormatMac(camera.mac));

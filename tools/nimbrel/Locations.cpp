@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tools/nimbrel/BusHealth.h"
+#include "tools/nimbrel/GigEValues.h"
 
 namespace Nimbrel2::Tool {
 namespace {
@@ -27,13 +28,8 @@ std::string LocationOf(const BusMap& map, const BusMapNode& node) {
     if (map.bus == HAL_INTERFACE_GIGE) return map.name;
     if (map.bus == HAL_INTERFACE_1394) return map.name + " PHY " + std::to_string(node.id);
     const std::string path = PortPath(map, node);
-    return map.name + (path.empty() ? "" : " port " + path);
-}
-
-std::uint64_t Packed(const MACAddress& mac) {
-    std::uint64_t packed = 0;
-    for (const std::uint8_t octet : mac.octets) packed = packed << 8 | octet;
-    return packed;
+    // Ports of the two halves of a controller have the same numbers.
+    return map.name + (path.empty() ? "" : " port " + path) + (node.path.empty() ? "" : " (" + node.path + ")");
 }
 
 }  // namespace
@@ -46,7 +42,7 @@ std::vector<BusMap> ReadBusMaps() {
 
 bool IsNodeOf(const BusMap& map, const BusMapNode& node, const Camera& camera) {
     if (!node.isCamera || !IsOn(map.bus, camera.interfaceType)) return false;
-    if (camera.IsGigE() && node.mac != Packed(camera.mac)) return false;
+    if (camera.IsGigE() && node.mac != PackMac(camera.mac)) return false;
     return node.serialNumber == camera.serialNumber && node.vendor == camera.vendor && node.model == camera.model;
 }
 
@@ -71,6 +67,8 @@ void AddLocations(const std::vector<BusMap>& maps, std::vector<Camera>* cameras)
             taken.insert(&*node);
             camera.port = node->port;
             camera.location = LocationOf(map, *node);
+            camera.cameraSpeed = node->deviceSpeed;
+            camera.portSpeed = node->portSpeed;
             if (camera.speed == 0) camera.speed = node->speed;
             break;
         }
@@ -86,6 +84,8 @@ void AddLocations(BusMaster& busMaster, std::vector<Camera>* cameras) {
             if (other.index != camera.index || !(other.guid == camera.guid)) continue;
             camera.port = other.port;
             camera.location = other.location;
+            camera.cameraSpeed = other.cameraSpeed;
+            camera.portSpeed = other.portSpeed;
             if (camera.speed == 0) camera.speed = other.speed;
         }
     }

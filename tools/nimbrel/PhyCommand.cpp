@@ -58,7 +58,7 @@ public:
 
     int Read() {
         CheckSelectors();
-        const BusMasterSession busMaster = m_context.StartBusMaster();
+        const BusMasterSession busMaster = m_camera.Start(m_context);
         const FoundCamera camera = m_camera.Find(m_context, *busMaster, "phy", Scope::IEEE1394);
         unsigned int value = 0;
         CheckFor(camera, busMaster->ReadPhyRegister(camera.guid, m_page, m_port, m_address, &value),
@@ -71,7 +71,7 @@ public:
 
     int Write() {
         CheckSelectors();
-        const BusMasterSession busMaster = m_context.StartBusMaster();
+        const BusMasterSession busMaster = m_camera.Start(m_context);
         const FoundCamera camera = m_camera.Find(m_context, *busMaster, "phy", Scope::IEEE1394);
         CheckFor(camera, busMaster->WritePhyRegister(camera.guid, m_page, m_port, m_address, m_value),
                  "has a PHY register that was not written");

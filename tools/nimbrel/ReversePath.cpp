@@ -3,7 +3,6 @@
 #include "tools/nimbrel/ReversePath.h"
 
 #include <arpa/inet.h>
-#include <linux/if_packet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -59,16 +58,5 @@ bool IsDropped(const Platform::InterfaceDiagnosis& interface, const IPAddress& f
 }
 
 bool AreUnknownDropped(const Platform::InterfaceDiagnosis& interface) { return IsDropped(interface, kUnknown); }
-
-bool MayListenToPackets() { return Socket(AF_PACKET, SOCK_DGRAM).Get() >= 0; }
-
-std::string CuresForFilter(const std::string& interfaceName, const std::string& from) {
-    std::string key = interfaceName;  // a dot in the name of a VLAN is none between the words of a sysctl
-    std::replace(key.begin(), key.end(), '.', '/');
-    return "  sysctl -w net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + key +
-           ".rp_filter=0\n"
-           "  ip route add " +
-           from + "/32 dev " + interfaceName + "\n";
-}
 
 }  // namespace Nimbrel2::Tool

@@ -4,8 +4,6 @@
 #ifndef NIMBREL2_TOOLS_NIMBREL_REVERSEPATH_H
 #define NIMBREL2_TOOLS_NIMBREL_REVERSEPATH_H
 
-#include <string>
-
 #include "common/IPAddress.h"
 #include "platform/Diagnostics.h"
 
@@ -17,12 +15,6 @@ bool IsDropped(const Platform::InterfaceDiagnosis& interface, const IPAddress& f
 
 /// The same for a camera with an unknown address.
 bool AreUnknownDropped(const Platform::InterfaceDiagnosis& interface);
-
-/// Whether this program receives what the filter drops.
-bool MayListenToPackets();
-
-/// The commands that let such answers pass, one per line. @param from  "10.9.9.9", or a placeholder.
-std::string CuresForFilter(const std::string& interfaceName, const std::string& from);
 
 }  // namespace Nimbrel2::Tool
 

@@ -111,6 +111,7 @@ public:
         } else {
             m_context.Print(text);
         }
+        m_context.NoteFilters("topology");
         m_context.NoteBusesWithoutDriver("topology");
         return healthy ? kDone : kFailed;
     }

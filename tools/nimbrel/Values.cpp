@@ -14,6 +14,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr std::uint16_t kFirstFreePort = 1024;  // those below are for administrators
+
 CommandError Refusal(const std::string& option, const std::string& text, const std::string& wanted) {
     return CommandError(option + ": \"" + text + "\" is not " + wanted, kUsage);
 }
@@ -65,6 +67,22 @@ std::uint32_t ParseNumber(const std::string& option, const std::string& text, st
         throw Refusal(option, text, "a number from " + std::to_string(smallest) + " to " + std::to_string(largest));
     }
     return *number;
+}
+
+Platform::PortRange ParsePortRange(const std::string& option, const std::string& text) {
+    const std::size_t dash = text.find('-');
+    const auto first = WholeNumber<std::uint16_t>(text.substr(0, dash));
+    const auto last = dash == std::string::npos ? std::nullopt : WholeNumber<std::uint16_t>(text.substr(dash + 1));
+    if (!first || !last || *first < kFirstFreePort || *last < *first) {
+        throw Refusal(option, text, "two UDP ports from 1024 to 65535, the lower one first, such as 50000-50063");
+    }
+    if (const unsigned int count = *last - *first + 1u; count <= Platform::kSourcePortsBesideCameras) {
+        throw CommandError(option + ": \"" + text + "\" has " + std::to_string(count) +
+                               (count == 1 ? " port" : " ports") + "; each network interface needs " +
+                               std::to_string(Platform::kSourcePortsBesideCameras) + ", and 1 for each of its cameras",
+                           kUsage);
+    }
+    return {*first, *last};
 }
 
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Platform.h"
+
 namespace Nimbrel2::Tool {
 
 /// A decimal number of seconds within bounds, to the millisecond, such as "0.2" or "60"; no signs, exponents, commas or
@@ -22,6 +24,9 @@ std::uint64_t ParseCount(const std::string& option, const std::string& text);
 /// A number within bounds, decimal, or hexadecimal after 0x. @throws CommandError as above.
 std::uint32_t ParseNumber(const std::string& option, const std::string& text, std::uint32_t smallest,
                           std::uint32_t largest);
+
+/// Two UDP ports from 1024 up, joined by "-". @throws CommandError as above.
+Platform::PortRange ParsePortRange(const std::string& option, const std::string& text);
 
 /// Serial numbers separated by commas, each once, in the order given. @throws CommandError as above.
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text);

@@ -35,7 +35,8 @@ particular order.
 
 Exit status:
   0  Ended in one of these ways.
-  1  Failed; standard error says why.
+  1  Failed, or a bus or network interface was not searched; standard error
+     says why.
   2  Wrong usage; standard error names the option and the value.
   A signal during the first discovery ends it at once (Ctrl-C: status 130).
 
@@ -72,10 +73,11 @@ public:
         const BusMasterSession busMaster = m_context.StartBusMaster();
         m_interrupt = Interrupts::Catch(Interrupts::End::Orderly);
         m_context.GetOutput().SetInterrupt(m_interrupt);
-        m_context.CheckBuses(*busMaster);
+        const bool healthy = m_context.CheckBuses(*busMaster);
         events.Register(*busMaster);
         EventPrinter printer(m_context, *busMaster);
         const std::size_t present = printer.GetNumCameras();
+        m_context.NoteFilters("watch");
         m_context.NoteBusesWithoutDriver("watch");
         WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") +
                    " now. Ctrl-C ends.\n");
@@ -83,7 +85,7 @@ public:
         if (m_duration) m_end = Clock::now() + *m_duration;
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
         }
-        return kDone;
+        return healthy ? kDone : kFailed;
     }
 
 private:

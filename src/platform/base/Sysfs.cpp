@@ -87,7 +87,8 @@ std::string SysfsDirectory::ReadLinkPath(const char* name) const {
     constexpr std::string_view kUp = "../";
     std::size_t start = 0;
     while (target.compare(start, kUp.size(), kUp) == 0) start += kUp.size();
-    return target.empty() ? target : "/" + target.substr(start);
+    if (!target.empty()) target.replace(0, start, 1, '/');
+    return target;
 }
 
 std::string SysfsDirectory::ReadLinkName(const char* name) const {
@@ -109,6 +110,7 @@ int SysfsDirectory::List(std::vector<std::string>* names) const {
     again.Release();
     while (true) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is our own
         const dirent* entry = ::readdir(stream.get());
         if (entry == nullptr) return errno;
         const std::string_view name = entry->d_name;

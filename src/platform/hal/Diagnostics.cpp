@@ -47,6 +47,8 @@ void Append(std::vector<BusMap>* all, std::vector<BusMap> some) {
 }
 
 /// The glue hands the drivers empty containers.
+/// @param function  Its own name, or that of the function of the HAL that does the same: a fault that a rig plans for
+///                  that one meets both.
 template <class Answer, class Work>
 std::uint32_t Ask(const char* function, Answer* answer, const Work& work) {
     return InSession(function, answer != nullptr, [&](Session& session) {
@@ -91,7 +93,7 @@ std::uint32_t GetGigESearchReport(GigESearchReport* report) {
 }
 
 std::uint32_t DiscoverGigE(const std::optional<GigECameraName>& until, GigEDiscovery* discovery) {
-    return Ask(__func__, discovery, [&](GigEBus& bus) { return bus.Discover(until, discovery); });
+    return Ask("HAL_GvcpDiscovery", discovery, [&](GigEBus& bus) { return bus.Discover(until, discovery); });
 }
 
 std::uint32_t FindMutedGigECameras(GigEHearing* hearing) {
@@ -103,12 +105,12 @@ std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber, std::
 }
 
 std::uint32_t ApplyGigEAddresses(std::vector<AddressPlan>* plans) {
-    return InSession(__func__, plans != nullptr,
+    return InSession("HAL_GvcpForceIpAuto", plans != nullptr,
                      [&](Session& session) { return session.GigE().ApplyAddresses(plans); });
 }
 
 std::uint32_t ForceGigEAddress(const GigEAddress& address, ForceIpResult* result) {
-    return Ask(__func__, result, [&](GigEBus& bus) {
+    return Ask("HAL_GvcpForceIp", result, [&](GigEBus& bus) {
         const std::uint32_t status = CheckCameraAddress(address.ip, address.mask, address.gateway);
         return status == HAL_OK ? bus.ForceAddress(address, result) : status;
     });

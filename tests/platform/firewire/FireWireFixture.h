@@ -33,8 +33,8 @@ constexpr std::uint64_t kSerialNumber = 0xFFFFF0000410;
 /// What the driver has reported.
 class RecordingSink final : public BusEventSink {
 public:
-    /// Takes no memory when it is reported to, as no sink may.
-    RecordingSink() { m_states.reserve(10000); }
+    /// Reports must take no memory.
+    RecordingSink() { m_states.reserve(4096); }
 
     void Report(BusState state) noexcept override {
         const std::lock_guard lock(m_mutex);

@@ -161,7 +161,6 @@ TEST_F(GigEAllocationFailure, InGivingAnAddressLeavesTheDriverAsItWas) {
     AddCamera("192.168.77.102", 2);
     Platform::GigE::DriverOptions options;
     options.timings.discoveryWindow = 50ms;
-    options.timings.forceIpTry = 50ms;
     DeviceCount sink;
     Platform::GigE::GigEDriver driver(options, sink);
     m_host.Run([&] { ASSERT_EQ(driver.Start(), HAL_OK); });
@@ -208,6 +207,7 @@ TEST_F(GigEAllocationFailure, OfASimulatedNetworkLosesADatagramAndNoMore) {
 
 TEST_F(GigEAllocationFailure, DoesNotEndTheMonitor) {
     IndependentCamera camera(m_host, "127.0.0.1", "LO01");
+    m_window = 2s;
     Start({"lo"});
     ASSERT_EQ(List().size(), 1u);
     const auto before = m_sink.GetCounts();

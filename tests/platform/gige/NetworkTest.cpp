@@ -101,6 +101,9 @@ TEST_F(GigENetwork, KeepsCamerasWhoseLinkIsBackInTimeAndHoldsListingsMeanwhile) 
     const auto deadline = Clock::now() + 10s;
     while (isUsed() && Clock::now() < deadline) std::this_thread::yield();
     ASSERT_FALSE(isUsed());
+    // The monitor is done with what it has noticed when it runs anything else.
+    Platform::GigEHearing hearing;
+    ASSERT_EQ(m_driver->GetHearing().FindMutedCameras(&hearing), HAL_OK);
     std::atomic<bool> listed{false};
     std::thread listing([&] {
         EXPECT_EQ(ListOfDriver(), HAL_OK);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the questions of Diagnostics.h hand to the driver and what they bring back.
+#include "platform/BusMap.h"
 #include "platform/Diagnostics.h"
 #include "platform/FireWireDiagnostics.h"
 #include "platform/Platform.h"

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "platform/linux/usb/Inspect.h"
+#include "platform/linux/usb/Map.h"
 #include "tests/platform/usb/UsbFixture.h"
 #include "tests/support/ChildProcess.h"
 
@@ -203,6 +204,39 @@ TEST_F(UsbDiagnoses, RaiseNothing) {
     bed.Add(Camera("2-1", 2, "A"));
     Diagnose();
     EXPECT_EQ(states.GetReports(), reports);
+}
+
+TEST_F(UsbDiagnoses, MapWhatIsAttachedToEachController) {
+    bed.AddRecording("superspeed-hub-chain.umockdev");
+    bed.AddController(UsbTestbed::kPci, 0, 3);
+    bed.Add(Camera("3-2", 2, "7"));
+    Start();
+    const std::vector<Platform::BusMap> maps = Platform::Usb::MapControllers(Diagnose());
+    ASSERT_THAT(maps, SizeIs(2));
+    EXPECT_EQ(maps[0].name, "0000:00:14.0");
+    ASSERT_THAT(maps[0].nodes, SizeIs(1));
+    const Platform::BusMapNode& alone = maps[0].nodes[0];
+    EXPECT_TRUE(alone.isCamera);
+    EXPECT_EQ(alone.serialNumber, 7u);
+    EXPECT_EQ(alone.parent, 63u);
+    EXPECT_EQ(alone.port, 2u);
+    EXPECT_EQ(alone.path, "3-2");
+    EXPECT_EQ(alone.deviceSpeed, 5000u);
+    EXPECT_EQ(alone.portSpeed, 5000u);
+    EXPECT_EQ(maps[1].bus, HAL_INTERFACE_USB);
+    EXPECT_EQ(maps[1].name, "vhci_hcd.0");
+    ASSERT_THAT(maps[1].nodes, SizeIs(10)) << "both halves, without their root hubs";
+    const Platform::BusMapNode& hub = maps[1].nodes[8];
+    EXPECT_TRUE(hub.isHub);
+    EXPECT_FALSE(hub.isCamera);
+    EXPECT_EQ(hub.name, "Example Vision Sim Hub");
+    EXPECT_EQ(hub.path, "2-1.2.3.4.5");
+    const Platform::BusMapNode& camera = maps[1].nodes[9];
+    EXPECT_EQ(camera.id, 283u);
+    EXPECT_EQ(camera.parent, hub.id);
+    EXPECT_EQ(camera.port, 6u);
+    EXPECT_EQ(camera.speed, 5000u);
+    EXPECT_EQ(camera.vendor, "Example Vision");
 }
 
 TEST(UsbPortName, IsTakenApart) {

@@ -64,7 +64,8 @@ TEST(UsbTree, OfEverythingThatTwoBusesCanHoldHasUniqueIdsAndNeverTheHosts) {
         }
     }
     std::set<std::uint32_t> ids;
-    for (const UsbSelfId& record : BuildTrees(devices).at(kFirst)) {
+    const auto trees = BuildTrees(devices);
+    for (const UsbSelfId& record : trees.at(kFirst)) {
         EXPECT_NE(record.deviceId, 63u);
         EXPECT_TRUE(ids.insert(record.deviceId).second);
     }

@@ -184,9 +184,9 @@ std::string UsbTestbed::PathOf(const std::string& name) const {
     std::string path = "/sys" + controller->second + "/usb" + std::to_string(bus);
     if (IsRootHub(name)) return path;
     for (std::size_t end = name.find('.'); end != std::string::npos; end = name.find('.', end + 1)) {
-        path += "/" + name.substr(0, end);
+        path.append("/").append(name, 0, end);
     }
-    return path + "/" + name;
+    return path.append("/").append(name);
 }
 
 }  // namespace Nimbrel2::Testing

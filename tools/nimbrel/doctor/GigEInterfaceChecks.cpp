@@ -44,6 +44,7 @@ std::string CureOfSocket(int error) {
     if (error == EMFILE || error == ENFILE)
         return ByHand("too many files are open: close programs, or raise `ulimit -n`");
     if (IsRefusal(error)) return Sudo({"nimbrel", "doctor", "--bus", "gige"});
+    if (error == EADDRINUSE) return ByHand("other programs have these ports: give --source-port another range");
     return ByHand("the kernel refuses a socket; `sudo dmesg | tail` may show why");
 }
 

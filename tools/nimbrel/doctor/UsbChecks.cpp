@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 
 #include "hal/HAL.h"
 #include "tools/nimbrel/ErrorTexts.h"
@@ -43,7 +43,7 @@ std::string CureOfPermission(const UsbExamination& examined, const UsbDeviceDiag
 
 std::string WhyItMayNot(const UsbExamination& examined, const UsbDeviceDiagnosis& camera) {
     std::string text = UsbCameraText(camera) + ": this user may not open " + camera.node + " (" +
-                       std::strerror(camera.nodeError) + ")";
+                       std::generic_category().message(camera.nodeError) + ")";
     if (camera.nodeError == ENOENT || !examined.diagnosis.isUdevRunning) return text;
     if (!camera.isVision || !examined.rule.isInForce) return text + "; no udev rule gives it to users";
     return text + "; " + UsbRuleName() + " gives it to users at this computer's screen and to the group " + kGroup;
@@ -72,7 +72,8 @@ Findings CheckUsbDriver(const UsbExamination& examined) {
                  "sudo nimbrel doctor --bus usb"}};
     }
     if (examined.diagnosis.error != 0) {
-        return {{check, false, std::string("sysfs cannot be read: ") + std::strerror(examined.diagnosis.error),
+        return {{check, false,
+                 std::string("sysfs cannot be read: ") + std::generic_category().message(examined.diagnosis.error),
                  "sudo nimbrel doctor --bus usb"}};
     }
     std::size_t cameras = 0;
@@ -89,8 +90,8 @@ Findings CheckUsbEvents(const UsbExamination& examined) {
     const std::string late = ": what is plugged in is noticed up to two seconds late";
     if (examined.diagnosis.ueventError != 0) {
         return {{check, false,
-                 std::string("the kernel's uevents cannot be heard (") + std::strerror(examined.diagnosis.ueventError) +
-                     ")" + late,
+                 std::string("the kernel's uevents cannot be heard (") +
+                     std::generic_category().message(examined.diagnosis.ueventError) + ")" + late,
                  "# let this program open sockets of the family AF_NETLINK"}};
     }
     return {{check, false, "the kernel sends no uevents into this user or network namespace" + late,
@@ -165,9 +166,8 @@ Findings CheckUsbClaims(const UsbExamination& examined) {
 
 const std::vector<Check<UsbExamination>>& UsbChecks() {
     static const std::vector<Check<UsbExamination>> checks{
-        CheckUsbDriver,  CheckUsbEvents, CheckUsbAuthorization, CheckUsbPermission,
-        CheckUsbClaims,  CheckUsbSpeed,  CheckUsbHubSpeed,      CheckUsbOverCurrent,
-        CheckUsbSuspend, CheckUsbMemory, CheckUsbSerialNumbers};
+        CheckUsbDriver, CheckUsbEvents,   CheckUsbAuthorization, CheckUsbPermission, CheckUsbClaims,
+        CheckUsbSpeed,  CheckUsbHubSpeed, CheckUsbOverCurrent,   CheckUsbSuspend,    CheckUsbMemory};
     return checks;
 }
 

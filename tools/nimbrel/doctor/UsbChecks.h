@@ -32,7 +32,6 @@ Findings CheckUsbHubSpeed(const UsbExamination& examined);
 Findings CheckUsbOverCurrent(const UsbExamination& examined);
 Findings CheckUsbSuspend(const UsbExamination& examined);
 Findings CheckUsbMemory(const UsbExamination& examined);
-Findings CheckUsbSerialNumbers(const UsbExamination& examined);
 
 /// In the order in which their findings are best cured.
 const std::vector<Check<UsbExamination>>& UsbChecks();

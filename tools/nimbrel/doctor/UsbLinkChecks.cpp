@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is wrong with links, ports, power and memory of USB cameras, and with their serial numbers. Pure.
+// What is wrong with links, ports, power and memory of USB cameras. Pure.
 #include <algorithm>
-#include <map>
 
 #include "tools/nimbrel/doctor/UsbChecks.h"
 #include "tools/nimbrel/doctor/UsbTexts.h"
@@ -193,29 +192,6 @@ Findings CheckUsbMemory(const UsbExamination& examined) {
              evidence + " for the transfers of all programs together; SuperSpeed cameras need " +
                  std::to_string(kStreamingMemory) + " and more to stream",
              WriteUsbAttribute("/sys/module/usbcore/parameters/usbfs_memory_mb", std::to_string(kGenerousMemory))}};
-}
-
-Findings CheckUsbSerialNumbers(const UsbExamination& examined) {
-    const std::string check = "usb.serial";
-    std::map<std::uint32_t, std::vector<const UsbDeviceDiagnosis*>> cameras;
-    for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (device.isListed) cameras[device.serialNumber].push_back(&device);
-    }
-    Findings findings;
-    for (const auto& [serial, same] : cameras) {
-        if (same.size() < 2) continue;
-        std::string who;
-        for (const UsbDeviceDiagnosis* device : same) who += (who.empty() ? "" : " and ") + UsbCameraText(*device);
-        const bool isSameText = same[0]->serial == same[1]->serial;
-        findings.push_back({check, false,
-                            who + (isSameText ? " have the serial text \"" + same[0]->serial + "\""
-                                              : " have texts of the same serial number"),
-                            "# use one of them at a time, or give one another serial number with its maker's program"});
-    }
-    if (findings.empty() && cameras.size() > 1) {
-        findings.push_back(Fine(check, std::to_string(cameras.size()) + " USB cameras have as many serial numbers"));
-    }
-    return findings;
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

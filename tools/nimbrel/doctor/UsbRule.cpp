@@ -17,8 +17,8 @@ std::string CommandForUsbRule(const UsbRule& rule) { return CommandForUdevRule(r
 
 std::string HintForUsbPermission() {
     const UsbRule rule = FindUsbRule();
-    if (rule.isInForce) return "this user may not open USB cameras: `nimbrel doctor --bus usb` says why";
-    return "this user may not open USB cameras: " + CommandForUsbRule(rule);
+    if (rule.isInForce) return "`nimbrel doctor --bus usb` finds out why.";
+    return "Let users open USB cameras: `" + CommandForUsbRule(rule) + "`.";
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

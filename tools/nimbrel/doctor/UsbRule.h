@@ -20,7 +20,7 @@ std::string UsbRuleName();
 /// The command that puts it in force. Pure.
 std::string CommandForUsbRule(const UsbRule& rule);
 
-/// What to tell whoever may not open a USB camera: one sentence with that command.
+/// What whoever may not open a USB camera can do: one sentence with a command.
 std::string HintForUsbPermission();
 
 }  // namespace Nimbrel2::Tool::Doctor

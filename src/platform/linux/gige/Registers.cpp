@@ -90,7 +90,9 @@ public:
         if (m_port != 0 && m_ip != 0) {
             control.ownerIp = m_ip;
             control.ownerPort = static_cast<std::uint16_t>(m_port);
-            ours = m_ip == channel.socket->GetLocalAddress() && m_port == channel.socket->GetLocalPort();
+            // On an interface without an address the kernel lends it another one's.
+            const std::uint32_t local = channel.socket->GetLocalAddress();
+            ours = (local == 0 || m_ip == local) && m_port == channel.socket->GetLocalPort();
         }
         const bool exclusive = (m_held & Gvcp::Ccp::kExclusiveAccess) != 0;
         control.state = ours ? ControlState::Ours : exclusive ? ControlState::Exclusive : ControlState::Controlled;

@@ -126,7 +126,7 @@ int UdpSocket::SendTo(std::span<const std::uint8_t> packet, std::uint32_t to, st
     header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
     info.ipi_ifindex = m_interface;
-    info.ipi_spec_dst.s_addr = htonl(from);
+    info.ipi_spec_dst.s_addr = htonl(from != 0 ? from : m_localAddress);
     std::memcpy(CMSG_DATA(header), &info, sizeof info);
     for (int i = 0; i < kSendTries; ++i) {
         ssize_t sent;

@@ -3,8 +3,8 @@
 // other threads are here too. m_mutex is held for each step and never while the monitor waits.
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
+#include <system_error>
 
 #include "platform/linux/usb/UsbCore.h"
 
@@ -35,7 +35,8 @@ std::uint32_t UsbCore::Start() {
         m_hearsUevents = m_ueventError == 0 && UeventsReachUs();
         if (!m_hearsUevents) {
             Trace(m_ueventError != 0
-                      ? std::string("USB: this computer's uevents cannot be heard (") + std::strerror(m_ueventError) +
+                      ? std::string("USB: this computer's uevents cannot be heard (") +
+                            std::generic_category().message(m_ueventError) +
                             "): the buses are looked at every two seconds"
                       : "USB: uevents do not reach this namespace: the buses are looked at every two seconds");
         }

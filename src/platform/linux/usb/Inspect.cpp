@@ -3,18 +3,16 @@
 // a camera.
 #include "platform/linux/usb/Inspect.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <climits>
-#include <memory>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "platform/base/FileDescriptor.h"
@@ -76,18 +74,12 @@ std::vector<UsbPortDiagnosis> InspectPorts(const SysfsDirectory& hub, const Devi
 
 // ---- Who has claimed a camera --------------------------------------------------------------------------------------
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-Directory OpenDirectory(const std::string& path) { return {::opendir(path.c_str()), ::closedir}; }
-
-bool HasOpen(const std::string& process, const std::string& node) {
-    const std::string folder = "/proc/" + process + "/fd";
-    const Directory files = OpenDirectory(folder);
-    if (!files) return false;  // not ours to see
-    while (const dirent* entry = ::readdir(files.get())) {
-        std::array<char, PATH_MAX> target;
-        const ssize_t size = ::readlink((folder + "/" + entry->d_name).c_str(), target.data(), target.size());
-        if (size > 0 && std::string_view(target.data(), static_cast<std::size_t>(size)) == node) return true;
+bool HasOpen(const std::filesystem::path& process, const std::string& node) {
+    std::error_code error;  // it has ended, or is not ours to see
+    for (std::filesystem::directory_iterator file(process / "fd", error), end; !error && file != end;
+         file.increment(error)) {
+        std::error_code hasClosed;
+        if (std::filesystem::read_symlink(*file, hasClosed) == node) return true;
     }
     return false;
 }
@@ -104,11 +96,13 @@ std::string CommandOf(const std::string& process) {
 
 // Another program than this one that has the node open, as far as this user may see it; 0 when there is none.
 std::uint32_t FindProgram(const std::string& node, std::string* command) {
-    const Directory processes = OpenDirectory("/proc");
-    while (const dirent* entry = processes ? ::readdir(processes.get()) : nullptr) {
-        const auto id = ParseNumber(entry->d_name);
-        if (!id || *id == static_cast<std::uint32_t>(::getpid()) || !HasOpen(entry->d_name, node)) continue;
-        *command = CommandOf(entry->d_name);
+    std::error_code error;
+    for (std::filesystem::directory_iterator process("/proc", error), end; !error && process != end;
+         process.increment(error)) {
+        const std::string name = process->path().filename().string();
+        const auto id = ParseNumber(name);
+        if (!id || *id == static_cast<std::uint32_t>(::getpid()) || !HasOpen(process->path(), node)) continue;
+        *command = CommandOf(name);
         return *id;
     }
     return 0;

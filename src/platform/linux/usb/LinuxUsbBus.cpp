@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/linux/usb/LinuxUsbDevice.h"
+#include "platform/linux/usb/Map.h"
 #include "platform/linux/usb/UsbCore.h"
 
 namespace Nimbrel2::Platform {
@@ -25,6 +26,13 @@ public:
         for (const Usb::DevicePointer& device : listed) {
             cameras->devices.push_back(std::make_shared<Usb::LinuxUsbDevice>(m_core, *device));
         }
+        return status;
+    }
+
+    std::uint32_t Describe(std::vector<BusMap>* maps) override {
+        UsbDiagnosis diagnosis;
+        const std::uint32_t status = m_core->Diagnose(&diagnosis);
+        if (status == HAL_OK) *maps = Usb::MapControllers(diagnosis);
         return status;
     }
 

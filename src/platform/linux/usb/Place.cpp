@@ -71,7 +71,10 @@ std::optional<DeviceName> ParseDeviceName(std::string_view name) {
 
 std::string PortPath(const std::vector<std::uint8_t>& ports) {
     std::string path;
-    for (const std::uint8_t port : ports) path += (path.empty() ? "" : ".") + std::to_string(port);
+    for (const std::uint8_t port : ports) {
+        if (!path.empty()) path += '.';
+        path += std::to_string(port);
+    }
     return path;
 }
 
