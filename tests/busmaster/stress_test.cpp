@@ -4,17 +4,7 @@
 #include <random>
 
 #include "tests/busmaster/BusMasterFixture.h"
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define NIMBREL2_TESTS_SANITIZED 1  // gcc says so
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define NIMBREL2_TESTS_SANITIZED 1  // and clang
-#endif
-#endif
-#ifndef NIMBREL2_TESTS_SANITIZED
-#define NIMBREL2_TESTS_SANITIZED 0
-#endif
+#include "tests/support/Sanitized.h"
 
 namespace Nimbrel2::Testing {
 namespace {

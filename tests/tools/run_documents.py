@@ -172,6 +172,8 @@ class Runner:
     def start(self, command):
         tools = pathlib.Path(self.folder, "bin")
         environment = {"PATH": f"{tools}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8", "HOME": self.folder, "TZ": "UTC", "COLUMNS": "100"}
+        # Sanitizers have their options there.
+        environment |= {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
         # sudo is not needed here and may not be there.
         return subprocess.Popen(["bash", "-c", 'sudo() { "$@"; }; ' + command], cwd=self.folder, env=environment, text=True,
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)

@@ -264,7 +264,8 @@ TEST_F(GigEHostile, LateAndDuplicateAnswersAreDropped) {
         }
         // First what is late, with another value, then the answer, twice. A repeat of this very request is not late.
         for (const Request& late : unanswered) {
-            if (late.header.requestId != request.header.requestId) device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
+            if (late.header.requestId != request.header.requestId)
+                device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
         }
         device.Answer(request, HostileDevice::ReadAck(request, request.Address()));
         device.Answer(request, HostileDevice::ReadAck(request, 0xBAD));

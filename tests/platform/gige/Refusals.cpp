@@ -48,8 +48,10 @@ void Refuse(int call, int argument, std::uint32_t value, int argument2, std::uin
 }
 
 NoMoreDescriptors::NoMoreDescriptors() {
-    // UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time: here a thread's.
+    // UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time: here a thread's and that
+    // of the texts of errors.
     Platform::StartThread("first", [] {}).join();
+    EXPECT_NE(std::system_category().message(EMFILE), "");
     getrlimit(RLIMIT_NOFILE, &m_before);
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(next);

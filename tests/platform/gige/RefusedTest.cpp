@@ -80,8 +80,12 @@ TEST_F(GigERefused, WithoutDescriptorsItDoesNotStart) {
     Platform::LinuxGigEOptions options;
     m_bus = Platform::MakeLinuxGigEBus(options, m_sink);
     Platform::Listing<Platform::GigEDevice> cameras;
-    // Also because UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time.
+    // Also because UndefinedBehaviorSanitizer needs descriptors to look at an object's type the first time, as it does
+    // in the start of another one.
     EXPECT_EQ(m_bus->ListCameras(&cameras), HAL_CLOSED);
+    const auto another = Platform::MakeLinuxGigEBus(options, m_sink);
+    m_host.Run([&] { EXPECT_EQ(another->Start(), HAL_OK); });
+    another->Stop();
     m_host.Run([&] {
         const NoMoreDescriptors none;
         EXPECT_EQ(m_bus->Start(), HAL_OUT_OF_MEMORY);
