@@ -100,6 +100,7 @@ std::size_t ReadAttribute(const std::string& path) {
 std::size_t ScanBare() {
     DIR* const folder = ::opendir(kDevices);
     std::size_t nodes = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = folder != nullptr ? ::readdir(folder) : nullptr) {
         const std::string name = entry->d_name;
         if (name[0] == '.' || name.find('.') != std::string::npos) continue;

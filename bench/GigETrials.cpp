@@ -273,6 +273,7 @@ std::optional<double> CpuTimeOf(const std::string& thread) {
     std::optional<double> time;
     DIR* tasks = opendir("/proc/self/task");
     if (tasks == nullptr) return time;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = readdir(tasks)) {
         const std::string path = std::string("/proc/self/task/") + entry->d_name;
         std::string name;

@@ -205,6 +205,7 @@ BENCHMARK(UsbPlugToArrivalCallback)->UseManualTime()->Unit(benchmark::kMicroseco
 std::size_t ScanOnce() {
     DIR* const folder = ::opendir(kDevices);
     std::size_t bytes = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = folder != nullptr ? ::readdir(folder) : nullptr) {
         if (entry->d_name[0] == '.') continue;
         for (const char* name : {"descriptors", "devnum", "speed", "bConfigurationValue", "authorized", "manufacturer",

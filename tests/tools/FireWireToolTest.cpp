@@ -34,7 +34,7 @@ protected:
 
     /// A program as users have it, with the emulated buses in front of the C library.
     Words CommandLine(const std::string& program, const Words& arguments) const {
-        const char* const options = std::getenv("ASAN_OPTIONS");
+        const char* const options = secure_getenv("ASAN_OPTIONS");
         Words words = m_asUser;
         words.push_back("env");
         const Words variables = m_computer.GetEnvironment();

@@ -28,7 +28,7 @@ class UsbTool : public testing::Test {
 public:
     /// The program as users have it, with the mocked devices in front of the C library.
     Words CommandLine(const Words& arguments, const Words& before = {}) const {
-        const char* const options = std::getenv("ASAN_OPTIONS");
+        const char* const options = secure_getenv("ASAN_OPTIONS");
         Words words = before;
         words.insert(words.end(),
                      {"env", "LD_PRELOAD=" NIMBREL2_MOCK_LIBRARY,

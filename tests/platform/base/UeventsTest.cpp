@@ -19,6 +19,7 @@
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -259,7 +260,7 @@ bool UeventsReachAProcessIn(int namespaces) {
     // The bare call: a process with a second thread, which a sanitizer may have made, enters no user namespace.
     const long child = ::syscall(SYS_clone, namespaces | SIGCHLD, 0, 0, 0, 0);
     if (child == 0) ::_exit(UeventsReachUs() ? 0 : 1);
-    EXPECT_GT(child, 0) << std::strerror(errno);
+    EXPECT_GT(child, 0) << std::generic_category().message(errno);
     int status = 0;
     EXPECT_EQ(::waitpid(static_cast<pid_t>(child), &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status)) << status;

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ostream>
+#include <system_error>
 
 #include "platform/gvcp/GvcpCodec.h"
 
@@ -193,7 +194,7 @@ std::uint32_t GigETest::StartAfter(const std::function<void()>& setUp) {
 void DropCapabilities() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     const __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::strerror(errno);
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0) << std::generic_category().message(errno);
 }
 
 void GigETest::Stop() {

@@ -95,21 +95,22 @@ Bytes With(Bytes bytes, std::size_t at, std::uint8_t value) {
 std::vector<WrongAnswer> WrongAnswers() {
     return {
         {"IdOneMore",
-         [](auto& device, auto& request, Bytes right) {
+         [](auto& device, auto& request, const Bytes& right) {
              device.Answer(request, With(right, 7, static_cast<std::uint8_t>(right[7] + 1)));
          }},
-        {"IdZero",
-         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(With(right, 6, 0), 7, 0)); }},
+        {"IdZero", [](auto& device, auto& request,
+                      const Bytes& right) { device.Answer(request, With(With(right, 6, 0), 7, 0)); }},
         {"PortOneMore",
-         [](auto& device, auto& request, Bytes right) { device.AnswerFrom(request, kDeviceIp, 3957, right); }},
+         [](auto& device, auto& request, const Bytes& right) { device.AnswerFrom(request, kDeviceIp, 3957, right); }},
         {"AcknowledgeOfAnotherCommand",
-         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 3, 0x87)); }},
+         [](auto& device, auto& request, const Bytes& right) { device.Answer(request, With(right, 3, 0x87)); }},
         {"UnknownAcknowledge",
-         [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 3, 0x77)); }},
-        {"Command", [](auto& device, auto& request, Bytes right) { device.Answer(request, With(right, 0, 0x42)); }},
-        {"TheRequestItself", [](auto& device, auto& request, Bytes) { device.Answer(request, request.bytes); }},
+         [](auto& device, auto& request, const Bytes& right) { device.Answer(request, With(right, 3, 0x77)); }},
+        {"Command",
+         [](auto& device, auto& request, const Bytes& right) { device.Answer(request, With(right, 0, 0x42)); }},
+        {"TheRequestItself", [](auto& device, auto& request, const Bytes&) { device.Answer(request, request.bytes); }},
         {"LengthOneMore",
-         [](auto& device, auto& request, Bytes right) {
+         [](auto& device, auto& request, const Bytes& right) {
              device.Answer(request, With(right, 5, static_cast<std::uint8_t>(right[5] + 1)));
          }},
         {"OneByteMore",
@@ -118,11 +119,11 @@ std::vector<WrongAnswer> WrongAnswers() {
              device.Answer(request, right);
          }},
         {"CutAtEveryByte",
-         [](auto& device, auto& request, Bytes right) {
+         [](auto& device, auto& request, const Bytes& right) {
              for (std::size_t size = 0; size < right.size(); ++size) device.Answer(request, {right.data(), size});
          }},
         {"CutAtEveryWordWithTheLengthRight",
-         [](auto& device, auto& request, Bytes right) {
+         [](auto& device, auto& request, const Bytes& right) {
              for (std::size_t size = 8; size < right.size(); size += 4) {
                  Bytes cut(right.begin(), right.begin() + static_cast<std::ptrdiff_t>(size));
                  cut[4] = 0;

@@ -120,7 +120,8 @@ void UsbTestbed::Add(const MockedDevice& device) {
     std::string text = "P: " + PathOf(device.name).substr(4) + "\n";
     text += "N: " + std::string(node) + "=" + Hex(device.descriptors) + "\n";
     text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DEVNAME=/dev/" + std::string(node) + "\n";
-    for (const auto& [name, value] : attributes) text += "A: " + name + "=" + value + "\\n\n";
+    for (const auto& [name, value] : attributes)
+        text.append("A: ").append(name).append("=").append(value).append("\\n\n");
     text += "H: descriptors=" + Hex(device.descriptors) + "\n";
     GError* error = nullptr;
     Check(umockdev_testbed_add_from_string(m_testbed, text.c_str(), &error) != 0, device.name.c_str(), error);

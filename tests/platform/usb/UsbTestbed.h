@@ -12,7 +12,7 @@
 
 #include "tests/platform/usb/SampleDescriptors.h"
 
-struct _UMockdevTestbed;
+struct _UMockdevTestbed;  // NOLINT(bugprone-reserved-identifier): the library calls it so
 
 namespace Nimbrel2::Testing {
 

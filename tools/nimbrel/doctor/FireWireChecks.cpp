@@ -7,9 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <system_error>
 #include <thread>
 
 #include "hal/HAL.h"
@@ -75,7 +76,12 @@ FireWireExamination ExamineFireWire(bool simulated) {
     examined.status = Platform::DiagnoseFireWire(true, &examined.diagnosis);
     if (simulated || examined.status != HAL_OK) return examined;
     examined.rule = FindUdevRule(kRule);
-    if (const passwd* entry = ::getpwuid(::getuid())) examined.user = entry->pw_name;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::array<char, 4096> texts{};
+    if (::getpwuid_r(::getuid(), &entry, texts.data(), texts.size(), &found) == 0 && found != nullptr) {
+        examined.user = found->pw_name;
+    }
     return examined;
 }
 
@@ -123,7 +129,7 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
             if (node.error == 0) continue;
             std::string text = "/dev/" + node.name + " of " + NodeText(node) + " cannot be opened";
             if (node.local) text += ", so nobody sees how the bus is connected, or a PHY register";
-            text += ": " + std::string(std::strerror(node.error));
+            text += ": " + std::generic_category().message(node.error);
             if (!IsPermission(node.error)) {
                 wrong.push_back({check, false, BusText(bus) + ": " + text, "ls -l /dev/" + node.name});
             } else {
