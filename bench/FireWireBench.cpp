@@ -247,27 +247,6 @@ void BareFireWireResetToQuiet(benchmark::State& state) {
 }
 BENCHMARK(BareFireWireResetToQuiet)->Unit(benchmark::kMicrosecond)->UseManualTime();
 
-// ---- A cycle beside mute cameras -----------------------------------------------------------------------------------
-
-void FireWireCycleBeside8MuteOf16(benchmark::State& state) {
-    EmulatedFireWire computer;
-    computer.AddBus(Testing::FireWireBusOfCameras(16), kController);
-    UseFireWireAlone();
-    BusMaster busMaster;
-    Require(busMaster.Initialize() == ERROR_OK, "the bus master");
-    for (unsigned int i = 0; i < 16; i += 2) computer.SetMute("camera" + std::to_string(i), true);
-    const auto begin = Clock::now();
-    busMaster.RescanBus();
-    Require(busMaster.WaitUntilQuiet(20000), "quiet");
-    state.counters["first_ms"] = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    for (auto unused : state) {
-        static_cast<void>(unused);
-        busMaster.RescanBus();
-        Require(busMaster.WaitUntilQuiet(20000), "quiet");
-    }
-}
-BENCHMARK(FireWireCycleBeside8MuteOf16)->Unit(benchmark::kMicrosecond)->UseRealTime();
-
 }  // namespace
 }  // namespace Nimbrel2
 
