@@ -29,6 +29,8 @@ def dump(library, path, work):
     subprocess.run(["abidw", "--headers-dir", work / "include", "--drop-private-types", "--exported-interfaces-only",
                     "--suppressions", suppressions, "--no-corpus-path", "--no-comp-dir-path", "--no-show-locs",
                     "--no-parameter-names", "--no-elf-needed", "--out-file", path, library], check=True)
+    # Where the sources lay when they were compiled says nothing of them.
+    path.write_text(re.sub(r"path='[^']*/(src/[^']*)'", r"path='\1'", path.read_text()))
     # Without debug information there would be symbols and no types, and little to compare.
     if "<class-decl" not in path.read_text():
         sys.exit(f"{library}: no types; was it built without debug information?")
