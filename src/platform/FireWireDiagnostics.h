@@ -21,9 +21,7 @@ struct FireWirePort {
     FireWirePortStatus status = FireWirePortStatus::Absent;
     std::optional<unsigned int> neighbour;  ///< phy id of the PHY at the other end of the cable
 
-    bool operator==(const FireWirePort& other) const {
-        return status == other.status && neighbour == other.neighbour;
-    }
+    bool operator==(const FireWirePort& other) const { return status == other.status && neighbour == other.neighbour; }
 };
 
 /// One PHY, as it tells itself after a bus reset (IEEE 1394a-2000 4.3.4.1).

@@ -44,8 +44,8 @@ struct PortRange {
     std::uint16_t last = 0;
 };
 
-/// Ports that GigE needs at once for each network interface, besides one for each camera: two for the monitor, one for a
-/// discovery or an address that is given meanwhile, and one to spare.
+/// Ports that GigE needs at once for each network interface, besides one for each camera: two for the monitor, one for
+/// a discovery or an address that is given meanwhile, and one to spare.
 inline constexpr unsigned int kSourcePortsBesideCameras = 4;
 
 struct Options {
@@ -64,8 +64,8 @@ struct Options {
     /// listening for the whole window. All others are still found, and raise events.
     std::optional<GigECameraName> searchFor;
 
-    /// The ports that GigE talks from, so that a firewall rule can name them. Nothing: any that the system gives. Needed
-    /// are kSourcePortsBesideCameras for each network interface, and one for each camera.
+    /// The ports that GigE talks from, so that a firewall rule can name them. Nothing: any that the system gives.
+    /// Needed are kSourcePortsBesideCameras for each network interface, and one for each camera.
     std::optional<PortRange> sourcePorts;
 
     /// USB cameras besides those of the USB3 Vision class.

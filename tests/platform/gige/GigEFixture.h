@@ -159,11 +159,11 @@ protected:
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(const std::string& ip, std::uint64_t mac);
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(
         const Platform::Simulated::SimulatedCameraOptions& options);
+
 public:
     static Platform::Simulated::SimulatedCameraOptions CameraOptions(const std::string& ip, std::uint64_t mac);
 
 protected:
-
     /// Waits until the driver lists exactly these, as "serial@ip".
     ::testing::AssertionResult WaitForNames(const std::vector<std::string>& names, std::chrono::milliseconds timeout);
 
