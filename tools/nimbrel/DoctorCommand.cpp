@@ -59,9 +59,11 @@ void AddMissingDrivers(const CommandContext& context, Findings* all) {
 }
 
 void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Findings* all) {
-    for (const BusFailure& failure :
-         FindFailedBuses(busMaster, [&](const BusKind& bus) { return context.UsesBus(bus.name); })) {
-        if (failure.bus.type == HAL_INTERFACE_GIGE) continue;  // its own checks name the cause
+    // The checks of GigE name the cause themselves.
+    const auto isAsked = [&context](const BusKind& bus) {
+        return bus.type != HAL_INTERFACE_GIGE && context.UsesBus(bus.name);
+    };
+    for (const BusFailure& failure : FindFailedBuses(busMaster, isAsked)) {
         const std::string check = std::string(failure.bus.name) + ".driver";
         const bool isNamed = std::any_of(all->begin(), all->end(), [&check](const Finding& finding) {
             return !finding.ok && finding.check == check;

@@ -17,6 +17,11 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+/// That all is well.
+Finding Fine(const std::string& check, const std::string& evidence);
+/// One finding that is ok, made of what was measured, unless something is wrong. None when nothing was measured.
+Findings OrOk(Findings wrong, const std::string& check, const std::vector<std::string>& measured);
+
 /// A check looks at what was diagnosed on its bus and says what it found: one finding that is ok, or one for each thing
 /// that is wrong. Nothing when there was nothing to look at. Pure.
 template <class Diagnosed>

@@ -105,7 +105,7 @@ Findings CheckFireWireManager(const FireWireExamination& examined) {
         if (bus.hasCycleMaster) evidence += "; " + PhyText(bus, *bus.root) + " sends the cycle starts";
         measured.push_back(evidence);
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWireGapCount(const FireWireExamination& examined) {
@@ -141,7 +141,7 @@ Findings CheckFireWireGapCount(const FireWireExamination& examined) {
                              ResetCommand(bus)});
         }
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWireSpeed(const FireWireExamination& examined) {
@@ -172,7 +172,7 @@ Findings CheckFireWireSpeed(const FireWireExamination& examined) {
                                                 ", to this computer's controller itself or a faster hub"});
         }
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWirePower(const FireWireExamination& examined) {
@@ -203,7 +203,7 @@ Findings CheckFireWirePower(const FireWireExamination& examined) {
             measured.push_back(evidence);
         }
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -116,7 +116,7 @@ Findings CheckFireWireDriver(const FireWireExamination& examined) {
                            Count(others, "other device", "other devices"));
     }
     if (measured.empty()) measured.emplace_back("this computer has no IEEE 1394 controller");
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWirePermission(const FireWireExamination& examined) {
@@ -147,7 +147,7 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
                                             : "; the udev rule " + std::string(kRule) + " is not there";
         wrong.push_back({check, false, evidence, PermissionCure(examined)});
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWireAnswers(const FireWireExamination& examined) {
@@ -169,7 +169,7 @@ Findings CheckFireWireAnswers(const FireWireExamination& examined) {
             measured.push_back(BusText(bus) + ": " + Count(answering, "camera answers", "cameras answer"));
         }
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 Findings CheckFireWireResets(const FireWireExamination& examined) {
@@ -194,7 +194,7 @@ Findings CheckFireWireResets(const FireWireExamination& examined) {
             wrong.push_back({check, false, evidence + ": each one interrupts all transmissions", cure});
         }
     }
-    return OkUnlessWrong(wrong, check, measured);
+    return OrOk(wrong, check, measured);
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -46,11 +46,4 @@ bool HasCamera(const FireWireBusDiagnosis& bus) {
     return std::any_of(bus.nodes.begin(), bus.nodes.end(), [](const FireWireNode& node) { return node.camera; });
 }
 
-Findings OkUnlessWrong(Findings wrong, const std::string& check, const std::vector<std::string>& measured) {
-    if (!wrong.empty() || measured.empty()) return wrong;
-    std::string evidence;
-    for (const std::string& text : measured) evidence += (evidence.empty() ? "" : "; ") + text;
-    return {{check, true, evidence, ""}};
-}
-
 }  // namespace Nimbrel2::Tool::Doctor

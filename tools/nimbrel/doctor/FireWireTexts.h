@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "platform/FireWireDiagnostics.h"
-#include "tools/nimbrel/doctor/Finding.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
@@ -25,9 +24,6 @@ std::string PhyText(const Platform::FireWireBusDiagnosis& bus, unsigned int phyI
 std::string ResetCommand(const Platform::FireWireBusDiagnosis& bus);
 
 bool HasCamera(const Platform::FireWireBusDiagnosis& bus);
-
-/// One finding that is ok, made of what was measured, when nothing is wrong. None when nothing was measured.
-Findings OkUnlessWrong(Findings wrong, const std::string& check, const std::vector<std::string>& measured);
 
 }  // namespace Nimbrel2::Tool::Doctor
 

@@ -104,11 +104,4 @@ std::string FilterSetting(const std::string& interface, int value) {
 
 std::string ByHand(const std::string& text) { return "# " + text; }
 
-Findings OrOk(Findings wrong, const std::string& check, const std::vector<std::string>& measured) {
-    if (!wrong.empty() || measured.empty()) return wrong;
-    std::string evidence;
-    for (const std::string& text : measured) evidence += (evidence.empty() ? "" : "; ") + text;
-    return {{check, true, evidence, ""}};
-}
-
 }  // namespace Nimbrel2::Tool::Doctor

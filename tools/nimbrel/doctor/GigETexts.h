@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "platform/Diagnostics.h"
-#include "tools/nimbrel/doctor/Finding.h"
 
 namespace Nimbrel2::Tool::Doctor {
 
@@ -47,9 +46,6 @@ std::string Sudo(const std::vector<std::string>& words);
 std::string FilterSetting(const std::string& interface, int value);
 /// A command that only a person can carry out, as a comment of the shell.
 std::string ByHand(const std::string& text);
-
-/// One finding that is ok, made of what was measured, unless something is wrong.
-Findings OrOk(Findings wrong, const std::string& check, const std::vector<std::string>& measured);
 
 }  // namespace Nimbrel2::Tool::Doctor
 

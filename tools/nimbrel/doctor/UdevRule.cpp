@@ -36,11 +36,12 @@ UdevRule FindUdevRule(const std::string& name) {
     return rule;
 }
 
+std::string CommandToReloadUdevRules(const std::string& subsystem) {
+    return "sudo udevadm control --reload && sudo udevadm trigger --action=add --subsystem-match=" + subsystem;
+}
+
 std::string CommandForUdevRule(const UdevRule& rule, const std::string& subsystem) {
-    return "sudo cp " + rule.installed +
-           " /etc/udev/rules.d/ && sudo udevadm control --reload && "
-           "sudo udevadm trigger --action=add --subsystem-match=" +
-           subsystem;
+    return "sudo cp " + rule.installed + " /etc/udev/rules.d/ && " + CommandToReloadUdevRules(subsystem);
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

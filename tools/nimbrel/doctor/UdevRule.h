@@ -17,7 +17,9 @@ struct UdevRule {
 /// @param name  "70-nimbrel2-firewire.rules"
 UdevRule FindUdevRule(const std::string& name);
 
-/// The command that puts it in force for the devices of that subsystem. Pure.
+/// The command after which udevd's rules are in force for the devices of that subsystem. Pure.
+std::string CommandToReloadUdevRules(const std::string& subsystem);
+/// The command that puts a rule in force. Pure.
 std::string CommandForUdevRule(const UdevRule& rule, const std::string& subsystem);
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -19,8 +19,6 @@ using Platform::UsbDeviceDiagnosis;
 constexpr char kProgramsDriver[] = "usbfs";
 constexpr char kGroup[] = "plugdev";
 
-Finding Fine(const std::string& check, const std::string& evidence) { return {check, true, evidence, ""}; }
-
 // A rule for a camera that no class tells.
 std::string CommandForIds(const UsbDeviceDiagnosis& camera) {
     char text[256];
@@ -28,8 +26,7 @@ std::string CommandForIds(const UsbDeviceDiagnosis& camera) {
                   "echo 'SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", MODE=\"0664\", "
                   "GROUP=\"%s\", TAG+=\"uaccess\"' | sudo tee /etc/udev/rules.d/70-nimbrel2-%04x-%04x.rules && ",
                   camera.vendorId, camera.productId, kGroup, camera.vendorId, camera.productId);
-    return text +
-           std::string("sudo udevadm control --reload && sudo udevadm trigger --action=add --subsystem-match=usb");
+    return text + CommandToReloadUdevRules("usb");
 }
 
 std::string CureOfPermission(const UsbExamination& examined, const UsbDeviceDiagnosis& camera) {

@@ -19,8 +19,6 @@ constexpr std::uint32_t kSuperSpeed = 5000;
 constexpr std::uint32_t kStreamingMemory = 128;
 constexpr std::uint32_t kGenerousMemory = 1000;
 
-Finding Fine(const std::string& check, const std::string& evidence) { return {check, true, evidence, ""}; }
-
 bool HasCameraBelow(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& hub) {
     return std::any_of(diagnosis.devices.begin(), diagnosis.devices.end(), [&](const UsbDeviceDiagnosis& device) {
         if (!device.isCamera) return false;
