@@ -27,8 +27,8 @@ constexpr HalListing kListings[] = {
     {HAL_INTERFACE_GIGE, HAL_GigEGetCameras, HAL_GigEFreeCamera},
 };
 
-// The first status of a bus that is not HAL_OK. found is set when a listing returned anything.
-std::uint32_t TryListing(HALInterfaceType bus, bool* found) {
+// The first status of a bus that is not HAL_OK.
+std::uint32_t TryListing(HALInterfaceType bus) {
     for (const HalListing& listing : kListings) {
         if (listing.bus != bus) continue;
         std::array<void*, 256> entries{};
@@ -36,16 +36,15 @@ std::uint32_t TryListing(HALInterfaceType bus, bool* found) {
         const std::uint32_t status = listing.list(entries.data(), &count);
         if (status != HAL_OK) return status;
         for (std::uint64_t i = 0; i < count; ++i) listing.free(entries[i]);
-        *found = *found || count != 0;
     }
     return HAL_OK;
 }
 
 // A bus whose driver did not start lists nothing and answers HAL_OK; support tells why.
-std::optional<BusFailure> TryBus(const BusKind& bus, bool* found) {
+std::optional<BusFailure> TryBus(const BusKind& bus) {
     std::uint32_t status = Platform::GetBusSupport(bus.type);
     if (status == HAL_NOT_SUPPORTED || status == HAL_NO_BUS) return std::nullopt;
-    if (status == HAL_OK) status = TryListing(bus.type, found);
+    if (status == HAL_OK) status = TryListing(bus.type);
     if (status == HAL_OK) return std::nullopt;
     return BusFailure{bus, status};
 }
@@ -99,15 +98,12 @@ std::string BusFailure::Describe() const {
 std::vector<BusFailure> FindFailedBuses(BusMaster& busMaster, const IsWanted& isWanted) {
     const std::vector<Camera> cameras = ListCameras(busMaster);
     std::vector<BusFailure> failures;
-    bool found = false;
     for (const BusKind& bus : BusKinds()) {
         const bool shows = std::any_of(cameras.begin(), cameras.end(),
                                        [&bus](const Camera& camera) { return IsOn(bus.type, camera.interfaceType); });
         if (shows || !isWanted(bus)) continue;
-        if (const auto failure = TryBus(bus, &found)) failures.push_back(*failure);
+        if (const auto failure = TryBus(bus)) failures.push_back(*failure);
     }
-    // A listing that returns a newcomer is the end of its news, and this one bypassed the bus master.
-    if (found) Check(busMaster.RescanBus(), "the buses cannot be searched again");
     return failures;
 }
 
@@ -117,10 +113,9 @@ CommandError ExplainStart(const Error& error, const IsWanted& isWanted) {
             .WithHint("Search one bus at a time to find it: `nimbrel list --bus usb`.")
             .WithDetails(error.Describe());
     }
-    bool found = false;
     for (const BusKind& bus : BusKinds()) {
         if (!isWanted(bus)) continue;
-        const auto failure = TryBus(bus, &found);
+        const auto failure = TryBus(bus);
         if (!failure) continue;
         const std::string others = OthersThan(bus, isWanted);
         return CommandError(failure->Describe())

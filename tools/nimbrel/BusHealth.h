@@ -41,7 +41,7 @@ struct BusFailure {
 };
 
 /// To the bus master a bus that cannot be listed is one without cameras. Asks the buses themselves, those on which it
-/// lists none. What that listing finds is listed by the bus master afterwards.
+/// lists none. What that listing finds is news to the bus master, like that of any other.
 /// @throws CommandError with the bus master's error.
 std::vector<BusFailure> FindFailedBuses(BusMaster& busMaster, const IsWanted& isWanted);
 
