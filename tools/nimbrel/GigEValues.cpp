@@ -52,11 +52,7 @@ MACAddress ParseMac(const std::string& option, const std::string& text) {
     return result;
 }
 
-std::string FormatMac(const MACAddress& mac) {
-    std::uint64_t packed = 0;
-    for (const std::uint8_t octet : mac.octets) packed = packed << 8 | octet;
-    return FormatMac(packed);
-}
+std::string FormatMac(const MACAddress& mac) { return FormatMac(PackMac(mac)); }
 
 std::string FormatSubnet(const IPAddress& ip, const IPAddress& mask) {
     const std::uint32_t packed = PackIPAddress(mask);
