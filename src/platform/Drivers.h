@@ -83,8 +83,8 @@ public:
     /// Never blocks, never takes memory and never calls back on this thread.
     virtual void Report(BusState state) noexcept = 0;
 
-    /// The same from a driver that has waited for the end of the burst itself (10 ms of quiet, 100 ms at most): users
-    /// hear of it at once.
+    /// The same when the burst is over, so that users hear of it at once: from a driver that has waited for its end (10
+    /// ms of quiet, 100 ms at most), or on whose bus no time passes.
     virtual void ReportSettled(BusState state) noexcept { Report(std::move(state)); }
 
     /// The bus has changed, and there is no memory to say how: every registration gets a bus reset, and the listing
@@ -294,8 +294,6 @@ struct Drivers {
     std::unique_ptr<GigEBus> gigE;
     /// At the head of each HAL function: what is not HAL_OK is the function's answer. May wait. Empty: nothing happens.
     std::function<std::uint32_t(const char* function)> enter;
-    /// Nothing on these buses takes time, so bus resets are delivered at once, not when a burst has ended.
-    bool inVirtualTime = false;
 };
 
 /// Where each driver reports. They outlive the drivers.

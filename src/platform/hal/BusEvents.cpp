@@ -34,11 +34,6 @@ BusEvents::~BusEvents() {
     JoinThreads(EventDelivery::Clock::time_point::min());
 }
 
-void BusEvents::DeliverAtOnce() {
-    const LockGuard lock(m_mutex);
-    m_settles = false;
-}
-
 void BusEvents::Report(BusState state) noexcept { Take(std::move(state), false); }
 
 void BusEvents::ReportSettled(BusState state) noexcept { Take(std::move(state), true); }
@@ -73,12 +68,7 @@ std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, v
     Registrations fresh;
     const Handle handle = NextHandle();
     Registration& made = fresh[handle];
-    bool settles = true;
-    {
-        const LockGuard lock(m_mutex);
-        settles = m_settles;
-    }
-    made.delivery = std::make_shared<EventDelivery>(m_bus, function, context, settles);
+    made.delivery = std::make_shared<EventDelivery>(m_bus, function, context);
     try {
         made.thread = m_startThread(ThreadName(m_bus), [delivery = made.delivery] { delivery->Run(); });
     } catch (const std::system_error&) {

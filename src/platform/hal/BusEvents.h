@@ -31,9 +31,6 @@ public:
     BusEvents(const BusEvents&) = delete;
     BusEvents& operator=(const BusEvents&) = delete;
 
-    /// Registrations from here on get bus resets at once, without waiting for a burst to end.
-    void DeliverAtOnce();
-
     void Report(BusState state) noexcept override;
     void ReportSettled(BusState state) noexcept override;
     void ReportUnknown() noexcept override;
@@ -88,7 +85,6 @@ private:
 
     mutable Mutex m_mutex;
     bool m_stopped NIMBREL2_GUARDED_BY(m_mutex) = false;
-    bool m_settles NIMBREL2_GUARDED_BY(m_mutex) = true;
     BusNews m_news NIMBREL2_GUARDED_BY(m_mutex);
     Registrations m_registrations NIMBREL2_GUARDED_BY(m_mutex);
     /// Deregistered, with a thread that may still be in its last callback.

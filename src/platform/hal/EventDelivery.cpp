@@ -5,8 +5,8 @@
 
 namespace Nimbrel2::Platform {
 
-EventDelivery::EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context, bool settles)
-    : m_bus(bus), m_function(function), m_context(context), m_queue(settles) {}
+EventDelivery::EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context)
+    : m_bus(bus), m_function(function), m_context(context) {}
 
 void EventDelivery::Run() {
     UniqueLock lock(m_mutex);

@@ -17,8 +17,7 @@ class EventDelivery {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param settles  As for EventQueue.
-    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context, bool settles = true);
+    EventDelivery(HALInterfaceType bus, HALBusEventFunction function, void* context);
 
     /// The thread's body: delivers until Stop. Calls back with no lock held.
     void Run();

@@ -6,10 +6,7 @@
 
 namespace Nimbrel2::Platform {
 
-EventQueue::EventQueue(bool settles)
-    : m_quiet(settles ? kQuiet : kQuiet.zero()),
-      m_longestBurst(settles ? kLongestBurst : kLongestBurst.zero()),
-      m_events(kCapacity) {}
+EventQueue::EventQueue() : m_events(kCapacity) {}
 
 void EventQueue::AddReset(TimePoint now, bool settled) {
     m_settled = settled;
@@ -36,7 +33,7 @@ void EventQueue::Add(const BusEvent& event, TimePoint now, bool settled) {
 
 EventQueue::Step EventQueue::Take(TimePoint now) {
     if (m_resetWaits) {
-        const TimePoint ripe = std::min(m_lastReset + m_quiet, m_firstReset + m_longestBurst);
+        const TimePoint ripe = std::min(m_lastReset + kQuiet, m_firstReset + kLongestBurst);
         if (now < ripe && !m_settled) return {Step::Kind::Settle, {}, ripe};
         m_resetWaits = false;
         return {Step::Kind::Deliver, {HAL_BUS_RESET, 0, 0}, {}};

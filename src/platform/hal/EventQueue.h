@@ -46,8 +46,7 @@ public:
         TimePoint until{};
     };
 
-    /// @param settles  False: a reset is delivered at once, for buses in virtual time.
-    explicit EventQueue(bool settles = true);
+    EventQueue();
 
     /// A bus reset merges into one that waits. Of other events at most kCapacity wait: one more that is equal to a
     /// waiting one merges into it, any other is dropped and becomes a bus reset, so that whoever listens looks at the
@@ -61,8 +60,6 @@ private:
     void AddReset(TimePoint now, bool settled);
     [[nodiscard]] bool IsWaiting(const BusEvent& event) const;
 
-    const std::chrono::milliseconds m_quiet;
-    const std::chrono::milliseconds m_longestBurst;
     bool m_resetWaits = false;
     bool m_settled = false;  ///< The newest reset says that its burst is over.
     TimePoint m_firstReset{};

@@ -21,9 +21,6 @@ std::uint32_t Session::Start(const std::function<Drivers(const Options&, const B
                              const Options& options) {
     m_drivers = makeDrivers(options, {m_fireWireEvents, m_usbEvents, m_gigEEvents});
     if (const std::uint32_t status = Enter("HAL_InitLibrary"); status != HAL_OK) return status;
-    if (m_drivers.inVirtualTime) {
-        for (BusEvents* events : {&m_fireWireEvents, &m_usbEvents, &m_gigEEvents}) events->DeliverAtOnce();
-    }
 
     const auto emptyFireWire = [](std::uint32_t) { return std::make_unique<FireWireBus>(); };
     const auto emptyUsb = [](std::uint32_t) { return std::make_unique<UsbBus>(); };

@@ -198,7 +198,11 @@ BusState Rig::GigEState() const {
 void Rig::Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept {
     if (reports.sink == nullptr) return;
     try {
-        reports.sink->Report((this->*state)());
+        if (m_fast) {
+            reports.sink->ReportSettled((this->*state)());
+        } else {
+            reports.sink->Report((this->*state)());
+        }
     } catch (const std::bad_alloc&) {
         reports.sink->ReportUnknown();
     }
@@ -435,11 +439,6 @@ std::vector<RigFault> Rig::GetFaultsLeft() const {
 void Rig::SetFast(bool fast) {
     const LockGuard lock(m_mutex);
     m_fast = fast;
-}
-
-bool Rig::IsFast() const {
-    const LockGuard lock(m_mutex);
-    return m_fast;
 }
 
 void Rig::ConnectFireWire(BusEventSink* sink) {

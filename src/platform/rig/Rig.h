@@ -77,7 +77,6 @@ public:
     /// Virtual time: nothing is waited for, delays of faults and bursts of resets included. Off at first; to be chosen
     /// before the HAL starts.
     void SetFast(bool fast);
-    bool IsFast() const;
 
     // ---- For the drivers --------------------------------------------------------------------------------------------
     /// Where the state of a bus kind is reported from now on, beginning with how it is; null: nowhere.

@@ -245,7 +245,6 @@ std::function<Drivers(const Options& options, const BusEventSinks& sinks)> MakeR
         if (options.fireWire == Driver::Rig) drivers.fireWire = MakeRigFireWireBus(rig, sinks.fireWire);
         if (options.usb == Driver::Rig) drivers.usb = MakeRigUsbBus(rig, sinks.usb);
         if (options.gigE == Driver::Rig) drivers.gigE = MakeRigGigEBus(rig, sinks.gigE);
-        drivers.inVirtualTime = rig->IsFast();
         drivers.enter = [rig](const char* function) { return rig->Enter(function); };
         return drivers;
     };

@@ -26,18 +26,7 @@ SelfIdReading ReadSelfIds(FireWireDevice& device) {
     return reading;
 }
 
-class FireWireBusOfNodes : public FireWireDriver {
-protected:
-    void SetUp() override {
-        AddStandardBus();
-        Start();
-        m_left = FindCamera(0x00031001);
-        m_right = FindCamera(0x00031002);
-        ASSERT_TRUE(m_left && m_right);
-    }
-    std::shared_ptr<FireWireDevice> m_left;
-    std::shared_ptr<FireWireDevice> m_right;
-};
+using FireWireBusOfNodes = FireWireDriverOfTwoCameras;
 
 TEST_F(FireWireBusOfNodes, TellsItsSelfIdsOnceAGenerationWhoeverAsks) {
     const SelfIdReading left = ReadSelfIds(*m_left);
@@ -156,6 +145,7 @@ TEST_F(FireWireBusOfNodes, WritesNoPhyRegister) {
 TEST_F(FireWireBusOfNodes, IsResetWhenAUserAsks) {
     EXPECT_EQ(m_left->FireBusReset(), HAL_OK);
     EXPECT_TRUE(m_sink.WaitForResets(1));
+    EXPECT_TRUE(m_sink.IsLastSettled()) << "nobody need wait for the end of the burst once more";
     EXPECT_EQ(m_computer.CountResets("left"), 1u);
     m_computer.Unplug("left");
     EXPECT_EQ(m_left->FireBusReset(), HAL_GONE);

@@ -36,17 +36,18 @@ public:
     /// Reports must take no memory.
     RecordingSink() { m_states.reserve(4096); }
 
-    void Report(BusState state) noexcept override {
-        const std::lock_guard lock(m_mutex);
-        if (!m_states.empty() && m_states.back() == state) return;
-        m_states.push_back(std::move(state));
-        m_changed.notify_all();
-    }
+    void Report(BusState state) noexcept override { Keep(std::move(state), false); }
+    void ReportSettled(BusState state) noexcept override { Keep(std::move(state), true); }
     void RaiseError() noexcept override { ADD_FAILURE() << "a bus error"; }
 
     BusState GetLast() const {
         const std::lock_guard lock(m_mutex);
         return m_states.empty() ? BusState{} : m_states.back();
+    }
+    /// Whether the last different one came as the end of a burst.
+    bool IsLastSettled() const {
+        const std::lock_guard lock(m_mutex);
+        return m_isLastSettled;
     }
     /// Different ones in a row.
     std::size_t Count() const {
@@ -65,6 +66,15 @@ public:
     }
 
 private:
+    void Keep(BusState state, bool settled) {
+        const std::lock_guard lock(m_mutex);
+        if (!m_states.empty() && m_states.back() == state) return;
+        m_states.push_back(std::move(state));
+        m_isLastSettled = settled;
+        m_changed.notify_all();
+    }
+
+    bool m_isLastSettled = false;
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<BusState> m_states;
@@ -93,6 +103,21 @@ protected:
     Testing::EmulatedFireWire m_computer;
     RecordingSink m_sink;
     std::unique_ptr<FireWireBus> m_bus;
+};
+
+/// On a started standard bus.
+class FireWireDriverOfTwoCameras : public FireWireDriver {
+protected:
+    void SetUp() override {
+        AddStandardBus();
+        Start();
+        m_left = FindCamera(0x00031001);
+        m_right = FindCamera(0x00031002);
+        ASSERT_TRUE(m_left && m_right);
+    }
+
+    std::shared_ptr<FireWireDevice> m_left;
+    std::shared_ptr<FireWireDevice> m_right;
 };
 
 /// Waits for what nobody tells. @return false when it did not come about.

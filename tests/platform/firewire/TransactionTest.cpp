@@ -16,16 +16,8 @@ using std::chrono::milliseconds;
 constexpr std::uint64_t kNoRegister = 0xFFFFE0000000;
 constexpr std::uint64_t kRomHeader = 0xFFFFF0000400;
 
-class FireWireTransactions : public FireWireDriver {
+class FireWireTransactions : public FireWireDriverOfTwoCameras {
 protected:
-    void SetUp() override {
-        AddStandardBus();
-        Start();
-        m_left = FindCamera(0x00031001);
-        m_right = FindCamera(0x00031002);
-        ASSERT_TRUE(m_left && m_right);
-    }
-
     static std::uint32_t Read(FireWireDevice& device, std::uint64_t offset = kIsoEnable) {
         std::uint32_t value = 0;
         return device.ReadQuadlet(offset, &value);
@@ -35,9 +27,6 @@ protected:
         EXPECT_EQ(device.ReadQuadlet(offset, &value), HAL_OK);
         return value;
     }
-
-    std::shared_ptr<FireWireDevice> m_left;
-    std::shared_ptr<FireWireDevice> m_right;
 };
 
 TEST_F(FireWireTransactions, ReadAndWriteRegistersInHostOrder) {

@@ -37,7 +37,7 @@ std::uint32_t FireWireCore::Start() {
     Look();
     {
         const LockGuard lock(m_mutex);
-        Report();
+        Report(false);
         AskMissingSelfIds();
     }
     // What a turn that runs out of memory leaves undone is still marked to be done.
@@ -99,7 +99,8 @@ TimePoint FireWireCore::DoWhatIsDue() {
     const bool isListing = looksWanted != m_looksDone;
     if (isListing) RefreshCards();
     // A look that nobody had an occasion for may have found a change too.
-    if (isSettled || isListing || (m_firstChange && now >= GetSettleTime())) Settle();
+    const bool burstIsOver = isSettled || (m_firstChange && now >= GetSettleTime());
+    if (burstIsOver || isListing) Settle(burstIsOver);
     if (isListing) {
         m_looksDone = looksWanted;
         m_lookStatus = status;
@@ -199,8 +200,8 @@ TimePoint FireWireCore::GetSettleTime() const {
     return std::min(m_lastChange + m_timings.quiet, *m_firstChange + m_timings.quietMax);
 }
 
-// The burst is over: who is there now, and what follows from it.
-void FireWireCore::Settle() {
+// Who is there now, and what follows from it. In the middle of a burst, where a listing looks, more is to come.
+void FireWireCore::Settle(bool burstIsOver) {
     RefreshCards();
     bool wasReset = false;
     for (auto& [path, card] : m_cards) {
@@ -210,7 +211,7 @@ void FireWireCore::Settle() {
     m_otherChange = m_otherChange || wasReset;
     if (m_otherChange) ++m_resets;
     m_otherChange = false;
-    Report();
+    Report(burstIsOver);
     m_firstChange.reset();
     // Told first, read afterwards: whoever enumerates now waits for these readings, and nobody for those who answer
     // late.
@@ -218,8 +219,13 @@ void FireWireCore::Settle() {
     AskMissingSelfIds();
 }
 
-void FireWireCore::Report() {
-    if (m_running) m_events.Report(GetState());
+void FireWireCore::Report(bool burstIsOver) {
+    if (!m_running) return;
+    if (burstIsOver) {
+        m_events.ReportSettled(GetState());
+    } else {
+        m_events.Report(GetState());
+    }
 }
 
 BusState FireWireCore::GetState() const {

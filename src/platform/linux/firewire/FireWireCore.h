@@ -170,8 +170,8 @@ private:
     void OnPhyPacket(const PhyPacketEvent& event) NIMBREL2_REQUIRES(m_mutex);
     void NoteChange(bool lookToo) NIMBREL2_REQUIRES(m_mutex);
     TimePoint GetSettleTime() const NIMBREL2_REQUIRES(m_mutex);
-    void Settle() NIMBREL2_REQUIRES(m_mutex);
-    void Report() NIMBREL2_REQUIRES(m_mutex);
+    void Settle(bool burstIsOver) NIMBREL2_REQUIRES(m_mutex);
+    void Report(bool burstIsOver) NIMBREL2_REQUIRES(m_mutex);
     BusState GetState() const NIMBREL2_REQUIRES(m_mutex);
 
     // CoreNodes.cpp
