@@ -211,7 +211,7 @@ TEST_F(UsbDiagnoses, MapWhatIsAttachedToEachController) {
     bed.AddController(UsbTestbed::kPci, 0, 3);
     bed.Add(Camera("3-2", 2, "7"));
     Start();
-    const std::vector<Platform::BusMap> maps = Platform::Usb::MapControllers(Diagnose());
+    const std::vector<Platform::BusMap> maps = Platform::Usb::MapControllers(Diagnose().devices);
     ASSERT_THAT(maps, SizeIs(2));
     EXPECT_EQ(maps[0].name, "0000:00:14.0");
     ASSERT_THAT(maps[0].nodes, SizeIs(1));

@@ -108,24 +108,6 @@ std::uint32_t FindProgram(const std::string& node, std::string* command) {
     return 0;
 }
 
-std::vector<UsbClaim> FindClaims(const DeviceRecord& camera, const std::string& node) {
-    std::vector<UsbClaim> claims;
-    const Configuration* configuration = camera.descriptors.FindConfiguration(camera.configuration);
-    if (configuration == nullptr) return claims;
-    for (const InterfaceDescriptor& interface : configuration->interfaces) {
-        UsbClaim claim;
-        claim.interface = interface.number;
-        claim.isControl = camera.protocol == Protocol::Vision
-                              ? interface.IsVisionControl()
-                              : interface.number == configuration->interfaces.front().number;
-        claim.driver = DriverOf(camera, interface.number);
-        if (claim.driver.empty()) continue;
-        if (claim.driver == kProgramsDriver) claim.process = FindProgram(node, &claim.command);
-        claims.push_back(std::move(claim));
-    }
-    return claims;
-}
-
 // ---- Speeds --------------------------------------------------------------------------------------------------------
 
 // A hub of version 2.10 is one half of a USB 3 hub.
@@ -194,7 +176,6 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
         diagnosis.model = device.texts.model;
         diagnosis.serial = device.texts.serial;
         diagnosis.serialNumber = device.serialNumber;
-        diagnosis.claims = FindClaims(device, diagnosis.node);
     } else {
         diagnosis.vendor = ReadText(directory, "manufacturer");
         diagnosis.model = ReadText(directory, "product");
@@ -206,6 +187,25 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
     std::from_chars(delay.data(), delay.data() + delay.size(), diagnosis.suspendDelay);
     if (diagnosis.isHub) diagnosis.ports = InspectPorts(directory, device);
     return diagnosis;
+}
+
+std::vector<UsbClaim> FindClaims(const DeviceRecord& camera) {
+    std::vector<UsbClaim> claims;
+    const Configuration* configuration = camera.descriptors.FindConfiguration(camera.configuration);
+    if (configuration == nullptr) return claims;
+    for (const InterfaceDescriptor& interface : configuration->interfaces) {
+        UsbClaim claim;
+        claim.interface = interface.number;
+        claim.isControl = camera.protocol == Protocol::Vision
+                              ? interface.IsVisionControl()
+                              : interface.number == configuration->interfaces.front().number;
+        claim.driver = DriverOf(camera, interface.number);
+        if (claim.driver.empty()) continue;
+        if (claim.driver == kProgramsDriver)
+            claim.process = FindProgram(NodePath(camera.bus, camera.number), &claim.command);
+        claims.push_back(std::move(claim));
+    }
+    return claims;
 }
 
 void RelatePorts(std::vector<UsbDeviceDiagnosis>* devices) {

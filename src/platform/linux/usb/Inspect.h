@@ -12,9 +12,12 @@
 
 namespace Nimbrel2::Platform::Usb {
 
-/// Everything that can be said of one device by itself: the speed of its port and what is plugged into the ports of a
-/// hub that does not list them are left out.
+/// What can be said of one device by itself: the speed of its port, what is plugged into the ports of a hub that does
+/// not list them, and who has claimed it are left out.
 UsbDeviceDiagnosis Inspect(const DeviceRecord& device);
+
+/// Who has claimed a camera. Where a program has, all processes that this user may see are looked at.
+std::vector<UsbClaim> FindClaims(const DeviceRecord& camera);
 
 /// Takes the kernel's name of a port, "2-1-port4" or "usb2-port1", apart. @return false when it is none.
 bool ParsePortName(std::string_view name, std::string* hub, std::uint8_t* port);

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "platform/linux/usb/LinuxUsbDevice.h"
-#include "platform/linux/usb/Map.h"
 #include "platform/linux/usb/UsbCore.h"
 
 namespace Nimbrel2::Platform {
@@ -29,13 +28,7 @@ public:
         return status;
     }
 
-    std::uint32_t Describe(std::vector<BusMap>* maps) override {
-        UsbDiagnosis diagnosis;
-        const std::uint32_t status = m_core->Diagnose(&diagnosis);
-        if (status == HAL_OK) *maps = Usb::MapControllers(diagnosis);
-        return status;
-    }
-
+    std::uint32_t Describe(std::vector<BusMap>* maps) override { return m_core->Describe(maps); }
     std::uint32_t Diagnose(UsbDiagnosis* diagnosis) override { return m_core->Diagnose(diagnosis); }
 
 private:

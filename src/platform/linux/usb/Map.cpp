@@ -37,11 +37,11 @@ BusMapNode NodeOf(const UsbDeviceDiagnosis& device, std::uint32_t parent) {
 
 }  // namespace
 
-std::vector<BusMap> MapControllers(const UsbDiagnosis& diagnosis) {
+std::vector<BusMap> MapControllers(const std::vector<UsbDeviceDiagnosis>& devices) {
     std::vector<BusMap> maps;
     std::map<std::string, std::uint32_t> ids;  // by name, of the devices before
     std::uint64_t key = 0;
-    for (const UsbDeviceDiagnosis& device : diagnosis.devices) {
+    for (const UsbDeviceDiagnosis& device : devices) {
         if (maps.empty() || device.hostKey != key) {
             key = device.hostKey;
             BusMap& map = maps.emplace_back();

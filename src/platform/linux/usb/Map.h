@@ -11,7 +11,8 @@
 namespace Nimbrel2::Platform::Usb {
 
 /// One map per host controller, with all that is attached to either half of it. Root hubs are the controller itself.
-std::vector<BusMap> MapControllers(const UsbDiagnosis& diagnosis);
+/// @param devices  As in UsbDiagnosis.
+std::vector<BusMap> MapControllers(const std::vector<UsbDeviceDiagnosis>& devices);
 
 }  // namespace Nimbrel2::Platform::Usb
 

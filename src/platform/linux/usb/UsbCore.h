@@ -79,6 +79,7 @@ public:
     /// @param cameras  One per camera, in the order of a listing.
     std::uint32_t ListCameras(std::vector<DevicePointer>* cameras, BusState* state) NIMBREL2_EXCLUDES(m_mutex);
     std::uint32_t Diagnose(UsbDiagnosis* diagnosis) NIMBREL2_EXCLUDES(m_mutex);
+    std::uint32_t Describe(std::vector<BusMap>* maps) NIMBREL2_EXCLUDES(m_mutex);
 
     // One camera, found anew at each call.
     /// As the last look at the buses has it.
