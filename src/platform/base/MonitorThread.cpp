@@ -23,6 +23,7 @@ std::uint32_t MonitorThread::Start(const char* name, std::function<void()> turn,
     m_stopping = false;
     try {
         m_thread = startThread(name, [this, turn = std::move(turn)] {
+            m_id = std::this_thread::get_id();
             while (!m_stopping) {
                 try {
                     turn();
@@ -30,6 +31,7 @@ std::uint32_t MonitorThread::Start(const char* name, std::function<void()> turn,
                     std::this_thread::sleep_for(kOutOfMemoryPause);
                 }
             }
+            m_id = std::thread::id();
         });
     } catch (const std::system_error&) {
         return HAL_OUT_OF_MEMORY;

@@ -37,10 +37,13 @@ public:
     Poller& GetPoller() { return m_poller; }
     void Wake() { m_poller.Wake(); }
     bool IsStopping() const { return m_stopping; }
+    /// Whether it is this thread that asks: a turn does.
+    bool IsCurrent() const { return std::this_thread::get_id() == m_id.load(); }
 
 private:
     Poller m_poller;
     std::thread m_thread;
+    std::atomic<std::thread::id> m_id;
     std::atomic<bool> m_stopping{false};
 };
 

@@ -11,12 +11,10 @@
 #include <map>
 #include <new>
 #include <set>
-#include <system_error>
 #include <variant>
 
 #include "platform/base/CameraAddress.h"
 #include "platform/base/Errno.h"
-#include "platform/base/StartThread.h"
 #include "platform/gvcp/GvcpCodec.h"
 
 namespace Nimbrel2::Platform::GigE {
@@ -52,54 +50,45 @@ Monitor::Monitor(const Timings& timings, RequestIds& ids, Interfaces& interfaces
       m_schedule(timings, ids) {}
 
 std::uint32_t Monitor::Start() {
-    int error = m_poller.Open();
-    if (error == 0) {
-        m_stop = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-        if (!m_stop.IsOpen()) error = errno;
-    }
-    if (error != 0) return StatusOfErrno(error);
+    if (const std::uint32_t status = m_thread.Open(); status != HAL_OK) return status;
+    m_stop = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_stop.IsOpen()) return StatusOfErrno(errno);
     Look();
     Apply();
     {
         const LockGuard lock(m_mutex);
         m_running = true;
     }
-    try {
-        m_thread = StartThread("gige-monitor", [this] { Loop(); });
-    } catch (const std::system_error&) {
+    const std::uint32_t status = m_thread.Start("gige-monitor", [this] { Turn(); });
+    if (status != HAL_OK) {
         const LockGuard lock(m_mutex);
         m_running = false;
-        return HAL_OUT_OF_MEMORY;
     }
-    return HAL_OK;
+    return status;
 }
 
 void Monitor::Stop() {
-    if (m_stopping.exchange(true) || !m_stop.IsOpen()) return;
+    if (!m_stop.IsOpen() || m_thread.IsStopping()) return;
     const std::uint64_t one = 1;
     while (::write(m_stop.Get(), &one, sizeof one) < 0 && errno == EINTR) {
     }
-    m_poller.Wake();
-    if (m_thread.joinable()) m_thread.join();
+    m_thread.Stop();
     RunTasks(false);
 }
 
-void Monitor::Loop() {
-    m_threadId = std::this_thread::get_id();
-    while (!m_stopping) {
-        try {
-            Turn();
-        } catch (const std::bad_alloc&) {
-            // What this turn has left undone the next ones do.
-            m_lookDue = true;
-            std::this_thread::sleep_for(kTickGrid);
-        }
+void Monitor::Turn() {
+    try {
+        DoTurn();
+    } catch (const std::bad_alloc&) {
+        // What this turn has left undone the next ones do.
+        m_lookDue = true;
+        throw;
     }
 }
 
-void Monitor::Turn() {
+void Monitor::DoTurn() {
     std::vector<std::uint64_t> ready;
-    m_poller.Wait(RunDueWork(), &ready);
+    m_thread.GetPoller().Wait(RunDueWork(), &ready);
     const auto isReady = [&](std::uint64_t token) {
         return std::find(ready.begin(), ready.end(), token) != ready.end();
     };
@@ -118,7 +107,7 @@ void Monitor::Turn() {
 // ---- What other threads want ---------------------------------------------------------------------------------------
 
 bool Monitor::Run(const std::function<void()>& function) {
-    if (std::this_thread::get_id() == m_threadId.load()) {
+    if (m_thread.IsCurrent()) {
         function();
         return true;
     }
@@ -128,7 +117,7 @@ bool Monitor::Run(const std::function<void()>& function) {
     if (!m_running) return false;
     (m_lastTask != nullptr ? m_lastTask->next : m_firstTask) = &task;
     m_lastTask = &task;
-    m_poller.Wake();
+    m_thread.Wake();
     m_taskEnded.Wait(lock, [&task] { return task.ended; });
     if (task.failure) std::rethrow_exception(task.failure);
     return task.ran;
@@ -161,7 +150,7 @@ void Monitor::RunTasks(bool running) {
 
 void Monitor::StartBursts() {
     m_burstsWanted = true;
-    m_poller.Wake();
+    m_thread.Wake();
 }
 
 void Monitor::SendProbes(const std::vector<Probe>& probes) {
@@ -187,7 +176,7 @@ void Monitor::SendProbes(const std::vector<Probe>& probes) {
 int Monitor::OpenSockets() {
     if (!m_changes.IsOpen()) {
         int error = m_changes.Open();
-        if (error == 0) error = m_poller.Add(m_changes.GetFd(), kChangesToken);
+        if (error == 0) error = m_thread.GetPoller().Add(m_changes.GetFd(), kChangesToken);
         if (error != 0) return error;
     }
     return m_routes.IsOpen() ? 0 : m_routes.Open();
@@ -226,7 +215,7 @@ void Monitor::FollowSockets(const std::vector<UsedInterface>& used) {
         const bool kept = std::any_of(used.begin(), used.end(), [&](const UsedInterface& interface) {
             return interface.Of(polled.port) == polled.socket;
         });
-        if (!kept) m_poller.Remove(polled.socket->GetFd());
+        if (!kept) m_thread.GetPoller().Remove(polled.socket->GetFd());
         return !kept;
     });
     for (const UsedInterface& interface : used) {
@@ -236,7 +225,7 @@ void Monitor::FollowSockets(const std::vector<UsedInterface>& used) {
                                            [&](const Polled& polled) { return polled.socket == socket; });
             if (known) continue;
             m_polled.reserve(m_polled.size() + 1);
-            if (m_poller.Add(socket->GetFd(), TokenOf(*socket)) == 0) {
+            if (m_thread.GetPoller().Add(socket->GetFd(), TokenOf(*socket)) == 0) {
                 m_polled.push_back({socket, port});
             } else {
                 m_retryRefused = Clock::now() + m_timings.refusedRetry;

@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/base/MonitorThread.h"
 #include "platform/base/Mutex.h"
-#include "platform/base/Poller.h"
 #include "platform/base/RouteSocket.h"
 #include "platform/linux/gige/BroadcastSchedule.h"
 #include "platform/linux/gige/Interfaces.h"
@@ -44,7 +44,7 @@ public:
     bool Run(const std::function<void()>& function);
 
     /// Something has become due sooner than the monitor knows. Any thread.
-    void Wake() { m_poller.Wake(); }
+    void Wake() { m_thread.Wake(); }
     /// Every interface is searched anew. Any thread.
     void StartBursts();
     /// Any thread.
@@ -66,8 +66,8 @@ private:
         Port port = Port::Search;
     };
 
-    void Loop();
     void Turn();
+    void DoTurn();
     void RunTasks(bool running);
     int OpenSockets();
     void Look();
@@ -84,11 +84,8 @@ private:
     RouteSocket& m_routes;
     const std::optional<GigECameraName> m_searchFor;
 
-    Poller m_poller;
+    MonitorThread m_thread;
     FileDescriptor m_stop;
-    std::thread m_thread;
-    std::atomic<std::thread::id> m_threadId;
-    std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_burstsWanted{false};
 
     // The monitor thread's own, and Start's before there is one.
