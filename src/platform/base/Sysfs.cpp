@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cstdlib>
 #include <memory>
 
 namespace Nimbrel2::Platform {
@@ -116,15 +115,6 @@ int SysfsDirectory::List(std::vector<std::string>* names) const {
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..") names->emplace_back(name);
     }
-}
-
-std::string ResolveSysfsPath(std::string_view path) {
-    const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(PathBelowRoot(path).c_str(), nullptr), std::free);
-    if (!resolved) return {};
-    const std::string_view whole = resolved.get();
-    const std::string_view root = kSysfsRoot;
-    if (whole.substr(0, root.size()) != root) return {};
-    return std::string(whole.substr(root.size()));
 }
 
 std::optional<std::uint32_t> ParseNumber(std::string_view text, int base) {

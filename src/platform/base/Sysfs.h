@@ -36,8 +36,9 @@ public:
     int ReadBytes(const char* name, std::vector<std::uint8_t>* bytes) const;
     /// The number that a whole attribute is; nothing when there is none, it is another thing or too large.
     std::optional<std::uint32_t> ReadNumber(const char* name, int base = 10) const;
-    /// Where a link of the kernel's leads, as ResolveSysfsPath says it, with one system call: such links go up to the
-    /// root and straight down to the device. Empty when there is no link.
+    /// Where a link of the kernel's leads, below the root and with a leading slash: "/devices/pci0000:00/..." for "2-1"
+    /// in "bus/usb/devices". One system call: such links go up to the root and straight down to the device. Empty when
+    /// there is no link.
     std::string ReadLinkPath(const char* name) const;
     /// The last name of what a link leads to, "usbfs" for "../../bus/usb/drivers/usbfs"; empty when there is no link.
     std::string ReadLinkName(const char* name) const;
@@ -49,10 +50,6 @@ public:
 private:
     FileDescriptor m_directory;
 };
-
-/// Where a path below the root really lies, below the root and with a leading slash: "/devices/pci0000:00/..." for
-/// "bus/usb/devices/2-1". Empty when it leads nowhere.
-std::string ResolveSysfsPath(std::string_view path);
 
 /// A whole text as a number; nothing when it is another thing or does not fit. Blanks around it do not count.
 std::optional<std::uint32_t> ParseNumber(std::string_view text, int base = 10);

@@ -87,12 +87,14 @@ TEST(SysfsDirectory, OfADeviceThatHasLeftIsNotTakenForItsSuccessor) {
     EXPECT_NE(after.GetInode(), inode);
 }
 
-TEST(ResolveSysfsPath, FollowsLinksToWhereADeviceReallyLies) {
+TEST(SysfsDirectory, FollowsLinksToWhereADeviceReallyLies) {
     NetworkNamespace network;
     network.Run([] {
-        EXPECT_EQ(ResolveSysfsPath("class/net/lo"), "/devices/virtual/net/lo");
-        EXPECT_EQ(ResolveSysfsPath("/class/net/lo/subsystem"), "/class/net");
-        EXPECT_EQ(ResolveSysfsPath("class/net/missing"), "");
+        SysfsDirectory interfaces;
+        ASSERT_EQ(interfaces.Open("class/net"), 0);
+        EXPECT_EQ(interfaces.ReadLinkPath("lo"), "/devices/virtual/net/lo");
+        EXPECT_EQ(interfaces.ReadLinkPath("lo/subsystem"), "/class/net");
+        EXPECT_EQ(interfaces.ReadLinkPath("missing"), "");
     });
 }
 

@@ -24,12 +24,7 @@ protected:
     GigEFlood() {
         m_host.Ip("addr flush dev h0");
         m_host.Ip("addr add 10.0.0.1/16 dev h0");
-        m_wire.Ip("addr flush dev c0");
-        m_wire.Ip("link add br0 type bridge");
-        m_wire.Ip("link set br0 up");
-        m_wire.Ip("link set c0 master br0");
-        Connect(m_wire, "c1", m_elsewhere, "e0");
-        m_wire.Ip("link set c1 master br0");
+        ConnectToo(m_elsewhere);
         m_elsewhere.Ip("addr add 10.0.200.1/16 dev e0");
         for (std::uint32_t i = 0; i < kNumCameras; ++i) {
             auto options = CameraOptions(Platform::FormatIp(CameraIp(i)), 1 + i);

@@ -297,6 +297,15 @@ void GigEWireTest::StartDriver() {
     StartDriver(timings);
 }
 
+void GigEWireTest::ConnectToo(NetworkNamespace& computer) {
+    m_wire.Ip("addr flush dev c0");
+    m_wire.Ip("link add br0 type bridge");
+    m_wire.Ip("link set br0 up");
+    m_wire.Ip("link set c0 master br0");
+    Connect(m_wire, "c1", computer, "e0");
+    m_wire.Ip("link set c1 master br0");
+}
+
 Platform::Simulated::SimulatedCameraOptions GigEWireTest::CameraOptions(const std::string& ip, std::uint64_t mac) {
     Platform::Simulated::SimulatedCameraOptions options;
     options.interfaceName = "c0";

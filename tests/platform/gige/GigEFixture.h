@@ -160,6 +160,9 @@ protected:
     Platform::Simulated::SimulatedGigENetwork::CameraId AddCamera(
         const Platform::Simulated::SimulatedCameraOptions& options);
 
+    /// Another computer on the wire, by its interface e0. The cameras' end is br0 from here on and has no address.
+    void ConnectToo(NetworkNamespace& computer);
+
 public:
     static Platform::Simulated::SimulatedCameraOptions CameraOptions(const std::string& ip, std::uint64_t mac);
 

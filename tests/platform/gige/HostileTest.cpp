@@ -20,12 +20,7 @@ constexpr std::uint64_t kDeviceMac = 0x0200000066AA;
 class GigEHostile : public GigEWireTest {
 protected:
     GigEHostile() {
-        m_wire.Ip("addr flush dev c0");
-        m_wire.Ip("link add br0 type bridge");
-        m_wire.Ip("link set br0 up");
-        m_wire.Ip("link set c0 master br0");
-        Connect(m_wire, "c1", m_elsewhere, "e0");
-        m_wire.Ip("link set c1 master br0");
+        ConnectToo(m_elsewhere);
         m_elsewhere.Ip("addr add 192.168.77.100/24 dev e0");
         auto options = CameraOptions("192.168.77.102", 2);
         options.interfaceName = "br0";

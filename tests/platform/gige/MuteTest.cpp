@@ -19,12 +19,7 @@ constexpr std::chrono::milliseconds kMuteWait{2000};
 class GigEMute : public GigEWireTest {
 protected:
     GigEMute() {
-        m_wire.Ip("addr flush dev c0");
-        m_wire.Ip("link add br0 type bridge");
-        m_wire.Ip("link set br0 up");
-        m_wire.Ip("link set c0 master br0");
-        Connect(m_wire, "c1", m_elsewhere, "e0");
-        m_wire.Ip("link set c1 master br0");
+        ConnectToo(m_elsewhere);
         for (std::uint32_t i = 0; i < kNumMute; ++i) {
             m_elsewhere.Ip("addr add " + Platform::FormatIp(MuteIp(i)) + "/24 dev e0");
         }

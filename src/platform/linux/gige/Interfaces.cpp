@@ -208,17 +208,6 @@ std::uint32_t Interfaces::GetStatus() const {
     return m_kernelError != 0 ? StatusOfErrno(m_kernelError) : std::uint32_t{HAL_NO_BUS};
 }
 
-std::uint32_t Interfaces::GetSendStatus() const {
-    const LockGuard lock(m_mutex);
-    int error = 0;
-    for (const auto& entry : m_interfaces) {
-        if (!entry.second.IsUsed()) continue;
-        if (entry.second.sendError == 0) return HAL_OK;
-        error = entry.second.sendError;
-    }
-    return StatusOfErrno(error);
-}
-
 void Interfaces::Diagnose(GigEDiagnosis* diagnosis) const {
     const LockGuard lock(m_mutex);
     diagnosis->error = m_kernelError;

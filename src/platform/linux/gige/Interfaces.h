@@ -73,8 +73,6 @@ public:
     bool HasRefusals() const;
     /// HAL_OK when one is used; else what a service answers.
     std::uint32_t GetStatus() const;
-    /// What a discovery answers when it has heard nobody: why no interface let a request out, or HAL_OK.
-    std::uint32_t GetSendStatus() const;
     void Diagnose(GigEDiagnosis* diagnosis) const;
     void AddProblems(GigESearchReport* report) const;
 
