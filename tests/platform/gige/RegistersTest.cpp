@@ -183,7 +183,7 @@ TEST_F(GigERegisters, NameThePortsThatAreMissing) {
 
 TEST_F(GigERegisters, OfAllCamerasAreReadAtOnce) {
     // None is answered before all have been asked.
-    Use([this, waiting = std::vector<Request>()](HostileDevice& device, const Request& request) mutable {
+    Use([waiting = std::vector<Request>()](HostileDevice& device, const Request& request) mutable {
         waiting.push_back(request);
         if (waiting.size() < 16) return;
         for (const Request& asked : waiting) Behave(device, asked);
