@@ -35,7 +35,7 @@ protected:
         return interface;
     }
 
-    void Update(std::vector<NetworkInterface> found) { m_interfaces.Update(found, m_now); }
+    void Update(const std::vector<NetworkInterface>& found) { m_interfaces.Update(found, m_now); }
 
     /// Nothing when the interface is neither used nor waited for.
     std::optional<Use> UseOf() const {

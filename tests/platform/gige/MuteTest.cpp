@@ -33,7 +33,7 @@ protected:
     static std::uint32_t MuteIp(std::uint32_t i) { return Ip("192.168.77.201") + i; }
 
     /// @param answer  What they say to a request for a register.
-    [[nodiscard]] HostileDevice MakeMute(std::function<void(HostileDevice&, const Request&)> answer) {
+    [[nodiscard]] HostileDevice MakeMute(const std::function<void(HostileDevice&, const Request&)>& answer) {
         return HostileDevice(m_elsewhere, MuteIp(0), [answer](HostileDevice& device, const Request& request) {
             if (request.Is(MessageId::ReadRegCmd)) answer(device, request);
             if (!request.Is(MessageId::DiscoveryCmd)) return;

@@ -27,7 +27,6 @@ using Platform::GigE::RegisterNeeds;
 using Platform::GigE::Registers;
 using Platform::GigE::SocketOptions;
 using Platform::GigE::UdpSocket;
-using Platform::Gvcp::MessageId;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Request = HostileDevice::Request;
