@@ -34,13 +34,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Testing::EmulatedFireWire;
 
-constexpr std::chrono::milliseconds kQuiet{10};
-constexpr char kController[] = "0000:06:01.0";
-constexpr char kDevices[] = "/sys/bus/firewire/devices";
-constexpr std::uint64_t kIsoEnable = 0xFFFFF0F00614;
+constexpr std::chrono::milliseconds Quiet{10};
+constexpr char Controller[] = "0000:06:01.0";
+constexpr char BenchDevices[] = "/sys/bus/firewire/devices";
+constexpr std::uint64_t IsoEnableRegister = 0xFFFFF0F00614;
 
 void Require(bool condition, const char* what) {
-    if (!condition) throw std::runtime_error(what);
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
 }
 
 void UseFireWireAlone() {
@@ -63,12 +65,14 @@ public:
 
 // ---- Listing -------------------------------------------------------------------------------------------------------
 
-constexpr unsigned int kNumCameras = 60;  // with the controller and two hubs a whole bus
+constexpr unsigned int NumCameras = 60;  // with the controller and two hubs a whole bus
 
 // The mocking library lets a program have fifty files of devices open.
 void AddWholeBus(EmulatedFireWire& computer) {
-    computer.AddBus(Testing::FireWireBusOfCameras(kNumCameras), kController);
-    for (unsigned int i = 40; i < kNumCameras; ++i) computer.Break("camera" + std::to_string(i));
+    computer.AddBus(Testing::FireWireBusOfCameras(NumCameras), Controller);
+    for (unsigned int i = 40; i < NumCameras; ++i) {
+        computer.Break("camera" + std::to_string(i));
+    }
 }
 
 // Cameras with numbers and texts, entries given back.
@@ -92,24 +96,32 @@ std::size_t ReadAttribute(const std::string& path) {
     char buffer[4096];
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const ssize_t size = fd >= 0 ? ::read(fd, buffer, sizeof buffer) : 0;
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) {
+        ::close(fd);
+    }
     return size > 0 ? static_cast<std::size_t>(size) : 0;
 }
 
 // The place, the configuration ROM and the kind of each node, each by its path.
 std::size_t ScanBare() {
-    DIR* const folder = ::opendir(kDevices);
+    DIR* const folder = ::opendir(BenchDevices);
     std::size_t nodes = 0;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = folder != nullptr ? ::readdir(folder) : nullptr) {
         const std::string name = entry->d_name;
-        if (name[0] == '.' || name.find('.') != std::string::npos) continue;
-        const std::string path = std::string(kDevices) + "/" + name;
+        if (name[0] == '.' || name.find('.') != std::string::npos) {
+            continue;
+        }
+        const std::string path = std::string(BenchDevices) + "/" + name;
         char link[PATH_MAX];
         benchmark::DoNotOptimize(::readlink(path.c_str(), link, sizeof link));
-        if (ReadAttribute(path + "/config_rom") != 0 && ReadAttribute(path + "/is_local") != 0) ++nodes;
+        if (ReadAttribute(path + "/config_rom") != 0 && ReadAttribute(path + "/is_local") != 0) {
+            ++nodes;
+        }
     }
-    if (folder != nullptr) ::closedir(folder);
+    if (folder != nullptr) {
+        ::closedir(folder);
+    }
     return nodes;
 }
 
@@ -119,7 +131,7 @@ void ListFireWireBusOf63(benchmark::State& state) {
     const RunningHal hal;
     for (auto unused : state) {
         static_cast<void>(unused);
-        Require(ListWithHal() == kNumCameras, "cameras");
+        Require(ListWithHal() == NumCameras, "cameras");
     }
 }
 BENCHMARK(ListFireWireBusOf63)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -129,7 +141,7 @@ void BareScanOfFireWireBusOf63(benchmark::State& state) {
     AddWholeBus(computer);
     for (auto unused : state) {
         static_cast<void>(unused);
-        Require(ScanBare() == kNumCameras + 1, "nodes");
+        Require(ScanBare() == NumCameras + 1, "nodes");
     }
 }
 BENCHMARK(BareScanOfFireWireBusOf63)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -138,7 +150,7 @@ BENCHMARK(BareScanOfFireWireBusOf63)->Unit(benchmark::kMicrosecond)->UseRealTime
 
 void ReadFireWireRegister(benchmark::State& state) {
     EmulatedFireWire computer;
-    computer.AddBus(Testing::StandardFireWireBus(), kController);
+    computer.AddBus(Testing::StandardFireWireBus(), Controller);
     const RunningHal hal;
     void* entries[2];
     std::uint64_t count = 2;
@@ -146,9 +158,11 @@ void ReadFireWireRegister(benchmark::State& state) {
     for (auto unused : state) {
         static_cast<void>(unused);
         std::uint32_t value = 0;
-        Require(HAL_1394ReadRegister(entries[0], kIsoEnable, 0xFFFFFFFF, &value) == HAL_OK, "a register");
+        Require(HAL_1394ReadRegister(entries[0], IsoEnableRegister, 0xFFFFFFFF, &value) == HAL_OK, "a register");
     }
-    for (void* entry : entries) HAL_1394FreeCamera(entry);
+    for (void* entry : entries) {
+        HAL_1394FreeCamera(entry);
+    }
 }
 BENCHMARK(ReadFireWireRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
@@ -198,11 +212,11 @@ private:
 
 void BareFireWireRegister(benchmark::State& state) {
     EmulatedFireWire computer;
-    computer.AddBus(Testing::StandardFireWireBus(), kController);
+    computer.AddBus(Testing::StandardFireWireBus(), Controller);
     BareNode node(computer.GetFileName("left"));
     for (auto unused : state) {
         static_cast<void>(unused);
-        benchmark::DoNotOptimize(node.ReadQuadlet(kIsoEnable));
+        benchmark::DoNotOptimize(node.ReadQuadlet(IsoEnableRegister));
     }
 }
 BENCHMARK(BareFireWireRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -211,7 +225,7 @@ BENCHMARK(BareFireWireRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void FireWireResetToCallback(benchmark::State& state) {
     EmulatedFireWire computer;
-    computer.AddBus(Testing::StandardFireWireBus(), kController);
+    computer.AddBus(Testing::StandardFireWireBus(), Controller);
     UseFireWireAlone();
     CountedCallbacks resets;
     BusMaster busMaster;
@@ -232,7 +246,7 @@ BENCHMARK(FireWireResetToCallback)->Unit(benchmark::kMicrosecond)->UseManualTime
 // Reads the controller's file until it has been quiet.
 void BareFireWireResetToQuiet(benchmark::State& state) {
     EmulatedFireWire computer;
-    computer.AddBus(Testing::StandardFireWireBus(), kController);
+    computer.AddBus(Testing::StandardFireWireBus(), Controller);
     BareNode node(computer.GetFileName("card"));
     for (auto unused : state) {
         static_cast<void>(unused);
@@ -241,7 +255,7 @@ void BareFireWireResetToQuiet(benchmark::State& state) {
         Require(node.Wait(-1), "poll");
         do {
             node.ReadEvent();
-        } while (node.Wait(static_cast<int>(kQuiet.count())));
+        } while (node.Wait(static_cast<int>(Quiet.count())));
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
     }
 }

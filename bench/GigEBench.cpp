@@ -25,7 +25,9 @@ void Reenumerate(benchmark::State& state) {
     Cameras::StartHal(std::chrono::milliseconds(200));
     Cameras::List();
     for ([[maybe_unused]] auto _ : state) {
-        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
+        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) {
+            state.SkipWithError("a camera is missing");
+        }
     }
 }
 BENCHMARK(Reenumerate)->Name("Reenumerate1")->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -37,7 +39,9 @@ void DiscoverFirst(benchmark::State& state) {
     const Cameras cameras(state.range(0));
     for ([[maybe_unused]] auto _ : state) {
         Cameras::StartHal(std::chrono::milliseconds(1000));
-        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) state.SkipWithError("a camera is missing");
+        if (Cameras::List() != static_cast<std::uint64_t>(state.range(0))) {
+            state.SkipWithError("a camera is missing");
+        }
         state.PauseTiming();
         HAL_CleanupLibrary();
         state.ResumeTiming();
@@ -52,7 +56,7 @@ public:
     explicit TalkativeCamera(std::uint32_t address) : m_socket(socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in own{};
         own.sin_family = AF_INET;
-        own.sin_port = htons(Gvcp::kPort);  // of any address: broadcasts come to such a socket
+        own.sin_port = htons(Gvcp::Port);  // of any address: broadcasts come to such a socket
         const timeval tick{0, 1000};
         if (setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof tick) != 0 ||
             bind(m_socket, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
@@ -83,7 +87,9 @@ private:
                 asker = from;
                 id = static_cast<std::uint16_t>(command[6] << 8 | command[7]);
             }
-            if (!id) continue;
+            if (!id) {
+                continue;
+            }
             const Gvcp::Packet answer = Gvcp::EncodeDiscoveryAck(*id, m_record);
             sendto(m_socket, answer.GetData(), answer.GetSize(), 0, reinterpret_cast<const sockaddr*>(&asker),
                    sizeof asker);
@@ -100,7 +106,9 @@ void DiscoverFirstUnderSteadyAnswers(benchmark::State& state) {
     const TalkativeCamera camera(INADDR_LOOPBACK);
     for ([[maybe_unused]] auto _ : state) {
         Cameras::StartHal(std::chrono::milliseconds(1000));
-        if (Cameras::List() != 1) state.SkipWithError("the camera is missing");
+        if (Cameras::List() != 1) {
+            state.SkipWithError("the camera is missing");
+        }
         state.PauseTiming();
         HAL_CleanupLibrary();
         state.ResumeTiming();
@@ -111,7 +119,9 @@ BENCHMARK(DiscoverFirstUnderSteadyAnswers)->Unit(benchmark::kMillisecond)->UseRe
 void DiscoverWithIndependentTool(benchmark::State& state) {
     const Cameras cameras(state.range(0));
     for ([[maybe_unused]] auto _ : state) {
-        if (Testing::RunProgram({"arv-tool-0.8"}).exitStatus != 0) state.SkipWithError("arv-tool-0.8 failed");
+        if (Testing::RunProgram({"arv-tool-0.8"}).exitStatus != 0) {
+            state.SkipWithError("arv-tool-0.8 failed");
+        }
     }
 }
 BENCHMARK(DiscoverWithIndependentTool)
@@ -146,7 +156,9 @@ void ReadRegister(benchmark::State& state) {
     Cameras::List(&entry);
     for ([[maybe_unused]] auto _ : state) {
         std::uint32_t value = 0;
-        if (HAL_GigEReadRegister(entry, CurrentIpAddress, &value) != HAL_OK) state.SkipWithError("no answer");
+        if (HAL_GigEReadRegister(entry, CurrentIpAddress, &value) != HAL_OK) {
+            state.SkipWithError("no answer");
+        }
     }
 }
 BENCHMARK(ReadRegister)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -156,9 +168,11 @@ void ReadRegisterOnBareSocket(benchmark::State& state) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in camera{};
     camera.sin_family = AF_INET;
-    camera.sin_port = htons(Gvcp::kPort);
+    camera.sin_port = htons(Gvcp::Port);
     camera.sin_addr.s_addr = htonl(FirstAddress);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) Give("connect");
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) {
+        Give("connect");
+    }
     std::uint8_t command[] = {0x42, 0x01, 0x00, 0x80, 0x00, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x24};
     std::uint8_t answer[2048];
     std::uint16_t id = 0;

@@ -32,9 +32,11 @@ int OpenSocket(std::uint32_t ip) {
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in own{};
     own.sin_family = AF_INET;
-    own.sin_port = htons(Gvcp::kPort);
+    own.sin_port = htons(Gvcp::Port);
     own.sin_addr.s_addr = htonl(ip);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) Give("a camera's socket");
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+        Give("a camera's socket");
+    }
     return fd;
 }
 
@@ -43,13 +45,19 @@ int OpenSocket(std::uint32_t ip) {
 void Give(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
 void EnterNetworkOfItsOwn() {
-    if (unshare(CLONE_NEWNET) != 0) Give("unshare (root is needed)");
+    if (unshare(CLONE_NEWNET) != 0) {
+        Give("unshare (root is needed)");
+    }
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     ifreq request{};
     std::strcpy(request.ifr_name, "lo");
-    if (ioctl(fd, SIOCGIFFLAGS, &request) != 0) Give("lo");
+    if (ioctl(fd, SIOCGIFFLAGS, &request) != 0) {
+        Give("lo");
+    }
     request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-    if (ioctl(fd, SIOCSIFFLAGS, &request) != 0) Give("lo up");
+    if (ioctl(fd, SIOCSIFFLAGS, &request) != 0) {
+        Give("lo up");
+    }
     close(fd);
 }
 
@@ -62,7 +70,9 @@ Cameras::Cameras(std::int64_t count) {
         options.mac = 0x020000000100 + static_cast<std::uint64_t>(i);
         options.serialNumber = std::to_string(1000 + i);
         const auto added = m_network.AddCamera(options);
-        if (!added) Give("a simulated camera");
+        if (!added) {
+            Give("a simulated camera");
+        }
         m_ids.push_back(added.id);
     }
 }
@@ -73,13 +83,17 @@ void Cameras::StartHal(std::chrono::milliseconds window) {
     Options options;
     options.networkInterfaces = {"lo"};
     options.discoveryWindow = window;
-    if (!Configure(options) || HAL_InitLibrary() != HAL_OK) Give("the HAL");
+    if (!Configure(options) || HAL_InitLibrary() != HAL_OK) {
+        Give("the HAL");
+    }
 }
 
 std::vector<void*> Cameras::ListEntries() {
     std::vector<void*> entries(MostListed);
     std::uint64_t count = entries.size();
-    if (HAL_GigEGetCameras(entries.data(), &count) != HAL_OK) count = 0;
+    if (HAL_GigEGetCameras(entries.data(), &count) != HAL_OK) {
+        count = 0;
+    }
     entries.resize(count);
     return entries;
 }
@@ -87,7 +101,9 @@ std::vector<void*> Cameras::ListEntries() {
 std::uint64_t Cameras::List(void** first) {
     const std::vector<void*> entries = ListEntries();
     const bool keep = first != nullptr && !entries.empty();
-    if (keep) *first = entries[0];
+    if (keep) {
+        *first = entries[0];
+    }
     std::for_each(entries.begin() + (keep ? 1 : 0), entries.end(), HAL_GigEFreeCamera);
     return entries.size();
 }
@@ -133,7 +149,9 @@ Simulated::CameraStatistics Cameras::GetStatistics() {
 
 MutableCameras::MutableCameras(std::uint32_t address, std::uint32_t count, bool mute)
     : m_address(address), m_mute(mute) {
-    for (std::uint32_t i = 0; i < count; ++i) m_sockets.push_back(OpenSocket(address + i));
+    for (std::uint32_t i = 0; i < count; ++i) {
+        m_sockets.push_back(OpenSocket(address + i));
+    }
     m_sockets.push_back(OpenSocket(INADDR_BROADCAST));
     m_thread = std::thread([this] { Serve(); });
 }
@@ -141,22 +159,32 @@ MutableCameras::MutableCameras(std::uint32_t address, std::uint32_t count, bool 
 MutableCameras::~MutableCameras() {
     m_stop = true;
     m_thread.join();
-    for (const int fd : m_sockets) close(fd);
+    for (const int fd : m_sockets) {
+        close(fd);
+    }
 }
 
 void MutableCameras::Serve() {
     std::vector<pollfd> polled;
-    for (const int fd : m_sockets) polled.push_back({fd, POLLIN, 0});
+    for (const int fd : m_sockets) {
+        polled.push_back({fd, POLLIN, 0});
+    }
     while (!m_stop) {
-        if (poll(polled.data(), polled.size(), 10) <= 0) continue;
+        if (poll(polled.data(), polled.size(), 10) <= 0) {
+            continue;
+        }
         for (std::size_t i = 0; i < polled.size(); ++i) {
-            if (polled[i].revents == 0) continue;
+            if (polled[i].revents == 0) {
+                continue;
+            }
             std::vector<std::uint8_t> command(2048);
             sockaddr_in from{};
             socklen_t fromSize = sizeof from;
             const ssize_t size = recvfrom(polled[i].fd, command.data(), command.size(), MSG_DONTWAIT,
                                           reinterpret_cast<sockaddr*>(&from), &fromSize);
-            if (size < 8) continue;
+            if (size < 8) {
+                continue;
+            }
             command.resize(static_cast<std::size_t>(size));
             const bool broadcast = i + 1 == polled.size();
             for (std::size_t k = broadcast ? 0 : i; k < (broadcast ? i : i + 1); ++k) {

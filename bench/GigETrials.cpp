@@ -37,7 +37,9 @@ double Milliseconds(Clock::duration time) { return std::chrono::duration<double,
 /// The value that this share of all values does not exceed.
 template <class Value>
 Value Quantile(std::vector<Value> values, double share) {
-    if (values.empty()) return {};
+    if (values.empty()) {
+        return {};
+    }
     const auto index = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(index), values.end());
     return values[index];
@@ -56,7 +58,9 @@ void MillionReads(benchmark::State& state) {
     Cameras cameras(NumReadCameras);
     Cameras::StartHal(200ms);
     const std::vector<void*> entries = Cameras::ListEntries();
-    if (entries.size() != NumReadCameras) return state.SkipWithError("a camera is missing");
+    if (entries.size() != NumReadCameras) {
+        return state.SkipWithError("a camera is missing");
+    }
     std::vector<float> times;
     times.reserve(NumReads);
     double failures = 0;
@@ -67,7 +71,9 @@ void MillionReads(benchmark::State& state) {
             const std::uint32_t status =
                 HAL_GigEReadRegister(entries[static_cast<std::size_t>(i) % NumReadCameras], 0x0C, &value);
             times.push_back(static_cast<float>(Microseconds(Clock::now() - start)));
-            if (status != HAL_OK) ++failures;
+            if (status != HAL_OK) {
+                ++failures;
+            }
         }
     }
     std::for_each(entries.begin(), entries.end(), HAL_GigEFreeCamera);
@@ -82,9 +88,11 @@ void MillionReadsOnBareSockets(benchmark::State& state) {
         sockets[i] = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in camera{};
         camera.sin_family = AF_INET;
-        camera.sin_port = htons(Gvcp::kPort);
+        camera.sin_port = htons(Gvcp::Port);
         camera.sin_addr.s_addr = htonl(FirstAddress + i);
-        if (connect(sockets[i], reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) Give("connect");
+        if (connect(sockets[i], reinterpret_cast<const sockaddr*>(&camera), sizeof camera) != 0) {
+            Give("connect");
+        }
     }
     std::vector<float> times;
     times.reserve(NumReads);
@@ -97,11 +105,15 @@ void MillionReadsOnBareSockets(benchmark::State& state) {
             const auto start = Clock::now();
             const auto command = Gvcp::EncodeReadRegCommand(static_cast<std::uint16_t>(i % 0xFFFF + 1), {&address, 1});
             const bool sent = send(fd, command.GetData(), command.GetSize(), 0) >= 0;
-            if (!sent || recv(fd, answer.data(), answer.size(), 0) != 12) ++failures;
+            if (!sent || recv(fd, answer.data(), answer.size(), 0) != 12) {
+                ++failures;
+            }
             times.push_back(static_cast<float>(Microseconds(Clock::now() - start)));
         }
     }
-    for (const int fd : sockets) close(fd);
+    for (const int fd : sockets) {
+        close(fd);
+    }
     CountReads(state, times, failures, static_cast<double>(cameras.GetStatistics().repeated));
 }
 BENCHMARK(MillionReadsOnBareSockets)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1)->Repetitions(1);
@@ -114,7 +126,9 @@ constexpr std::uint32_t FirstMuteAddress = FirstAddress + 128;
 
 double TimeEnumeration(benchmark::State& state) {
     const auto start = Clock::now();
-    if (Cameras::Enumerate().size() != NumOthers + NumMute) state.SkipWithError("a camera is missing");
+    if (Cameras::Enumerate().size() != NumOthers + NumMute) {
+        state.SkipWithError("a camera is missing");
+    }
     return Milliseconds(Clock::now() - start);
 }
 
@@ -135,7 +149,9 @@ void MuteAmong64(benchmark::State& state) {
         some.SetMute(true);
         state.counters["rescan_first_ms"] = TimeEnumeration(state);
         double longest = 0;
-        for (int i = 0; i < 100; ++i) longest = std::max(longest, TimeEnumeration(state));
+        for (int i = 0; i < 100; ++i) {
+            longest = std::max(longest, TimeEnumeration(state));
+        }
         state.counters["rescan_later_ms"] = longest;
     }
 }
@@ -152,7 +168,9 @@ constexpr auto LongestDelay = 10s;
 class Watcher {
 public:
     Watcher() {
-        if (HAL_GigERegisterBusEvents(&m_registration, &Watcher::OnEvent, this) != HAL_OK) Give("a registration");
+        if (HAL_GigERegisterBusEvents(&m_registration, &Watcher::OnEvent, this) != HAL_OK) {
+            Give("a registration");
+        }
         m_thread = std::thread([this] { Run(); });
     }
     ~Watcher() {
@@ -185,7 +203,9 @@ private:
     static void OnEvent(HALBusEvent event, void* context, HALInterfaceType, std::uint32_t, std::uint32_t,
                         std::uint32_t) {
         auto& watcher = *static_cast<Watcher*>(context);
-        if (event != HAL_BUS_RESET) return;
+        if (event != HAL_BUS_RESET) {
+            return;
+        }
         const std::lock_guard lock(watcher.m_mutex);
         watcher.m_reset = true;
         watcher.m_changed.notify_all();
@@ -201,7 +221,9 @@ private:
             const auto time = Clock::now() - start;
             lock.lock();
             m_listed = std::set<std::uint32_t>(macs.begin(), macs.end());
-            if (++m_cycles > 1) m_longest = std::max(m_longest, time);
+            if (++m_cycles > 1) {
+                m_longest = std::max(m_longest, time);
+            }
             m_changed.notify_all();
             m_changed.wait(lock, [this] { return m_stop || m_reset; });
         }
@@ -245,14 +267,18 @@ void Churn(benchmark::State& state) {
                             const auto start = Clock::now();
                             const bool told = watcher.WaitFor(mac, listed, start + LongestDelay);
                             const std::lock_guard lock(mutex);
-                            if (!told) ++untold;
+                            if (!told) {
+                                ++untold;
+                            }
                             (listed ? arrivals : removals)
                                 .push_back(static_cast<float>(Milliseconds(Clock::now() - start)));
                         }
                     }
                 });
             }
-            for (std::thread& group : groups) group.join();
+            for (std::thread& group : groups) {
+                group.join();
+            }
             state.counters["longest_cycle_ms"] = watcher.GetLongestCycle();
             state.counters["cycles"] = watcher.GetNumCycles();
         }
@@ -272,14 +298,18 @@ constexpr auto IdleTime = 10s;
 std::optional<double> CpuTimeOf(const std::string& thread) {
     std::optional<double> time;
     DIR* tasks = opendir("/proc/self/task");
-    if (tasks == nullptr) return time;
+    if (tasks == nullptr) {
+        return time;
+    }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = readdir(tasks)) {
         const std::string path = std::string("/proc/self/task/") + entry->d_name;
         std::string name;
         std::getline(std::ifstream(path + "/comm"), name);
         double ran = 0;
-        if (name == thread && std::ifstream(path + "/schedstat") >> ran) time = ran;
+        if (name == thread && std::ifstream(path + "/schedstat") >> ran) {
+            time = ran;
+        }
     }
     closedir(tasks);
     return time;
@@ -289,7 +319,9 @@ void Idle(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
         Cameras cameras(NumChurning);
         Cameras::StartHal(1000ms);
-        if (Cameras::List() != NumChurning) state.SkipWithError("a camera is missing");
+        if (Cameras::List() != NumChurning) {
+            state.SkipWithError("a camera is missing");
+        }
         std::this_thread::sleep_for(3s);  // until the window's requests are over
         const auto before = cameras.GetStatistics();
         const auto cpuBefore = CpuTimeOf("gige-monitor");

@@ -17,21 +17,23 @@
 namespace Nimbrel2::Bench {
 namespace {
 
-constexpr unsigned int kCameras = 512;
+constexpr unsigned int NumCameras = 512;
 
 bool UseRig(benchmark::State& state) {
     Platform::Options options;
     options.fireWire = options.usb = options.gigE = Platform::Driver::Rig;
     options.makeDrivers = Platform::MakeRigDrivers(std::make_shared<Platform::Rig>(Testing::RigOf512Cameras()));
     const Platform::ConfigureResult result = Platform::Configure(options);
-    if (!result) state.SkipWithError(result.reason.c_str());
+    if (!result) {
+        state.SkipWithError(result.reason.c_str());
+    }
     return static_cast<bool>(result);
 }
 
 std::unique_ptr<BusMaster> Start(benchmark::State& state) {
     auto busMaster = std::make_unique<BusMaster>();
     unsigned int count = 0;
-    if (busMaster->Initialize() != ERROR_OK || busMaster->GetNumOfCameras(&count) != ERROR_OK || count != kCameras) {
+    if (busMaster->Initialize() != ERROR_OK || busMaster->GetNumOfCameras(&count) != ERROR_OK || count != NumCameras) {
         state.SkipWithError("the bus master does not list the cameras");
     }
     return busMaster;
@@ -39,7 +41,9 @@ std::unique_ptr<BusMaster> Start(benchmark::State& state) {
 
 void StartRigOf512Cameras(benchmark::State& state) {
     for (auto _ : state) {
-        if (!UseRig(state)) return;
+        if (!UseRig(state)) {
+            return;
+        }
         std::unique_ptr<BusMaster> busMaster = Start(state);
         state.PauseTiming();
         busMaster.reset();
@@ -63,11 +67,17 @@ public:
             m_good = m_good && getConfigInfo(entry, &word[0], &word[1], &word[2], &word[3], &word[4], vendor.data(),
                                              model.data(), &vendorSize, &modelSize) == HAL_OK;
         };
-        for (void* entry : List(HAL_1394GetCameras)) describe(HAL_1394GetConfigInfo, entry);
-        for (void* entry : List(HAL_UsbGetCameras)) describe(HAL_UsbGetConfigInfo, entry);
-        for (void* entry : List(HAL_GigEGetCameras)) describe(HAL_GigEGetConfigInfo, entry);
+        for (void* entry : List(HAL_1394GetCameras)) {
+            describe(HAL_1394GetConfigInfo, entry);
+        }
+        for (void* entry : List(HAL_UsbGetCameras)) {
+            describe(HAL_UsbGetConfigInfo, entry);
+        }
+        for (void* entry : List(HAL_GigEGetCameras)) {
+            describe(HAL_GigEGetConfigInfo, entry);
+        }
     }
-    bool IsComplete() const { return m_good && m_count == kCameras; }
+    bool IsComplete() const { return m_good && m_count == NumCameras; }
 
 private:
     std::vector<void*> List(std::uint32_t (*list)(void**, std::uint64_t*)) {
@@ -85,20 +95,26 @@ private:
 
 void BareStartOf512Cameras(benchmark::State& state) {
     for (auto _ : state) {
-        if (!UseRig(state)) return;
+        if (!UseRig(state)) {
+            return;
+        }
         BareListing listing;
         HAL_InitLibrary();
         listing.List();
         state.PauseTiming();
         HAL_CleanupLibrary();
-        if (!listing.IsComplete()) state.SkipWithError("the HAL does not list the cameras");
+        if (!listing.IsComplete()) {
+            state.SkipWithError("the HAL does not list the cameras");
+        }
         state.ResumeTiming();
     }
 }
 BENCHMARK(BareStartOf512Cameras)->Unit(benchmark::kMillisecond);
 
 void GetTopologyOfRigOf512Cameras(benchmark::State& state) {
-    if (!UseRig(state)) return;
+    if (!UseRig(state)) {
+        return;
+    }
     const std::unique_ptr<BusMaster> busMaster = Start(state);
     for (auto _ : state) {
         TopologyNode tree;

@@ -30,11 +30,13 @@ namespace {
 using Testing::UsbTestbed;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kQuiet{10};
-constexpr char kDevices[] = "/sys/bus/usb/devices/";
+constexpr std::chrono::milliseconds Quiet{10};
+constexpr char BenchDevices[] = "/sys/bus/usb/devices/";
 
 void Require(bool condition, const char* what) {
-    if (!condition) throw std::runtime_error(what);
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
 }
 
 void UseUsbAlone() {
@@ -45,7 +47,7 @@ void UseUsbAlone() {
 
 // One bus with all the addresses that it has: the root hub, 14 hubs and 112 cameras.
 void Add127Devices(UsbTestbed& bed) {
-    bed.AddController(UsbTestbed::kPci, 0, 2, 15);
+    bed.AddController(UsbTestbed::Pci, 0, 2, 15);
     unsigned int number = 2;
     for (unsigned int hub = 1; hub <= 14; ++hub) {
         const std::string name = "2-" + std::to_string(hub);
@@ -57,11 +59,13 @@ void Add127Devices(UsbTestbed& bed) {
 }
 
 std::string ReadAttribute(const std::string& device, const char* name) {
-    const std::string path = kDevices + device + "/" + name;
+    const std::string path = BenchDevices + device + "/" + name;
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     char buffer[4096];
     const ssize_t size = fd >= 0 ? ::read(fd, buffer, sizeof buffer) : 0;
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) {
+        ::close(fd);
+    }
     return std::string(buffer, static_cast<std::size_t>(size > 0 ? size : 0));
 }
 
@@ -71,7 +75,9 @@ std::string ReadAttribute(const std::string& device, const char* name) {
 std::uint64_t ListWithHal() {
     void* entries[128];
     std::uint64_t count = 128;
-    if (HAL_UsbGetCameras(entries, &count) != HAL_OK) return 0;
+    if (HAL_UsbGetCameras(entries, &count) != HAL_OK) {
+        return 0;
+    }
     for (std::uint64_t i = 0; i < count; ++i) {
         std::uint32_t numbers[5];
         char vendor[128], model[128], serial[128];
@@ -94,18 +100,24 @@ std::uint64_t ListWithLibusb(libusb_context* context) {
     for (ssize_t i = 0; i < size; ++i) {
         libusb_device_descriptor descriptor{};
         libusb_get_device_descriptor(list[i], &descriptor);
-        if (descriptor.bDeviceClass != 0xEF) continue;
+        if (descriptor.bDeviceClass != 0xEF) {
+            continue;
+        }
         ++count;
         std::uint8_t ports[7];
         const int depth = libusb_get_port_numbers(list[i], ports, sizeof ports);
         std::string name = std::to_string(libusb_get_bus_number(list[i]));
-        for (int p = 0; p < depth; ++p) name.append(1, p == 0 ? '-' : '.').append(std::to_string(ports[p]));
+        for (int p = 0; p < depth; ++p) {
+            name.append(1, p == 0 ? '-' : '.').append(std::to_string(ports[p]));
+        }
         benchmark::DoNotOptimize(libusb_get_device_speed(list[i]));
         for (const char* text : {"manufacturer", "product", "serial"}) {
             benchmark::DoNotOptimize(ReadAttribute(name, text));
         }
     }
-    if (list != nullptr) libusb_free_device_list(list, 1);
+    if (list != nullptr) {
+        libusb_free_device_list(list, 1);
+    }
     return count;
 }
 
@@ -166,7 +178,7 @@ BENCHMARK(ListUsbTreeOf127FirstWithLibusb)->Unit(benchmark::kMicrosecond);
 // A controller with two hubs, eight cameras that stay, and one that is plugged in again and again: only its uevents
 // are sent, its directory stays.
 void AddPlugTree(UsbTestbed& bed) {
-    bed.AddController(UsbTestbed::kPci, 1, 2, 8);
+    bed.AddController(UsbTestbed::Pci, 1, 2, 8);
     bed.Add(Testing::Hub("1-1", 2, false));
     bed.Add(Testing::Hub("2-1", 2, true, 8));
     for (unsigned int port = 1; port <= 8; ++port) {
@@ -203,17 +215,21 @@ BENCHMARK(UsbPlugToArrivalCallback)->UseManualTime()->Unit(benchmark::kMicroseco
 
 // Names and attributes of every device, each by its path.
 std::size_t ScanOnce() {
-    DIR* const folder = ::opendir(kDevices);
+    DIR* const folder = ::opendir(BenchDevices);
     std::size_t bytes = 0;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this folder
     while (const dirent* entry = folder != nullptr ? ::readdir(folder) : nullptr) {
-        if (entry->d_name[0] == '.') continue;
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
         for (const char* name : {"descriptors", "devnum", "speed", "bConfigurationValue", "authorized", "manufacturer",
                                  "product", "serial"}) {
             bytes += ReadAttribute(entry->d_name, name).size();
         }
     }
-    if (folder != nullptr) ::closedir(folder);
+    if (folder != nullptr) {
+        ::closedir(folder);
+    }
     return bytes;
 }
 
@@ -232,7 +248,7 @@ void BareUsbPlugToScan(benchmark::State& state) {
         while (::poll(&poll, 1, timeout) > 0) {
             while (socket.Receive(&event) == Platform::UeventSocket::Receipt::Event) {
             }
-            timeout = static_cast<int>(kQuiet.count());
+            timeout = static_cast<int>(Quiet.count());
         }
         benchmark::DoNotOptimize(ScanOnce());
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());

@@ -10,7 +10,9 @@ int main() {
     BusMaster& busMaster = Singleton<BusMaster>::GetInstance();
     unsigned int cameras = 0;
     Error error = busMaster.Initialize();
-    if (error.GetType() == ERROR_OK) error = busMaster.GetNumOfCameras(&cameras);
+    if (error.GetType() == ERROR_OK) {
+        error = busMaster.GetNumOfCameras(&cameras);
+    }
     if (error.GetType() != ERROR_OK) {
         std::fprintf(stderr, "%s\n", error.Describe().c_str());
         return 1;

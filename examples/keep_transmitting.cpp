@@ -18,13 +18,23 @@ int main(int argc, char** argv) {
     boost::shared_ptr<Nimbrel2::HardwareInterface> kept;
     void* handle = nullptr;
     Nimbrel2::Error error = busMaster.Initialize();
-    if (error == Nimbrel2::ERROR_OK) error = busMaster.GetCameraFromSerialNumber(serial, &guid);
-    if (error == Nimbrel2::ERROR_OK) error = busMaster.KeepHwInterface(guid, &kept);
-    if (error == Nimbrel2::ERROR_OK) error = busMaster.RegisterCallback(OnReset, Nimbrel2::BUS_RESET, nullptr, &handle);
-    if (error != Nimbrel2::ERROR_OK) return std::fprintf(stderr, "%s\n", error.Describe().c_str()), 1;
+    if (error == Nimbrel2::ERROR_OK) {
+        error = busMaster.GetCameraFromSerialNumber(serial, &guid);
+    }
+    if (error == Nimbrel2::ERROR_OK) {
+        error = busMaster.KeepHwInterface(guid, &kept);
+    }
+    if (error == Nimbrel2::ERROR_OK) {
+        error = busMaster.RegisterCallback(OnReset, Nimbrel2::BUS_RESET, nullptr, &handle);
+    }
+    if (error != Nimbrel2::ERROR_OK) {
+        return std::fprintf(stderr, "%s\n", error.Describe().c_str()), 1;
+    }
     const auto camera = boost::dynamic_pointer_cast<Nimbrel2::IEEE1394Interface>(kept);
     std::uint32_t value = 0x80000000;
-    if (!camera || camera->WriteRegister(IsoEnable, 0xFFFFFFFF, value, 0) != HAL_OK) return 1;
+    if (!camera || camera->WriteRegister(IsoEnable, 0xFFFFFFFF, value, 0) != HAL_OK) {
+        return 1;
+    }
     camera->isoEnabled = true;  // From here on the bus master switches transmission on again after each bus reset.
     std::fputs("transmitting; waiting for a bus reset\n", stderr);
     resets.acquire();

@@ -9,8 +9,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint32_t ip = size >= 18 ? Gvcp::LoadU32(data + 14) : 0;
     const auto owner = GigE::ParseArpOwner({data, size}, ip);
     NIMBREL2_REQUIRE(!GigE::ParseArpOwner({data, size}, ip + 1));
-    if (!owner) return 0;
-    NIMBREL2_REQUIRE(size >= GigE::kArpBytes);
+    if (!owner) {
+        return 0;
+    }
+    NIMBREL2_REQUIRE(size >= GigE::ArpBytes);
     NIMBREL2_REQUIRE(*owner >> 48 == 0);
     return 0;
 }

@@ -15,10 +15,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                  std::uint32_t{data[4 * i + 2]} << 8 | data[4 * i + 3];
     }
     const auto info = ParseConfigRom(rom);
-    if (!info) return 0;
+    if (!info) {
+        return 0;
+    }
     NIMBREL2_REQUIRE(rom.size() >= 5 && info->eui64 == (std::uint64_t{rom[3]} << 32 | rom[4]));
     const auto isText = [](const std::string& text) {
-        return text.size() <= 4 * kMaxRomQuadlets && text.find('\0') == std::string::npos;
+        return text.size() <= 4 * MaxRomQuadlets && text.find('\0') == std::string::npos;
     };
     NIMBREL2_REQUIRE(info->units.size() <= 16 && isText(info->vendor) && isText(info->model));
     for (const RomUnit& unit : info->units) {
@@ -28,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     NIMBREL2_REQUIRE(camera == nullptr || camera->IsCamera());
     NIMBREL2_REQUIRE(isText(info->GetVendor()) && isText(info->GetModel()));
     // The same ROM says the same, and what is behind 256 quadlets says nothing.
-    rom.resize(kMaxRomQuadlets > rom.size() ? rom.size() : kMaxRomQuadlets);
+    rom.resize(MaxRomQuadlets > rom.size() ? rom.size() : MaxRomQuadlets);
     NIMBREL2_REQUIRE(ParseConfigRom(rom) == info);
     return 0;
 }

@@ -6,10 +6,12 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace Nimbrel2::Platform::Usb;
     const auto acknowledge = GenCp::DecodeAcknowledge({data, size});
-    if (!acknowledge) return 0;
-    NIMBREL2_REQUIRE(size >= GenCp::kHeaderBytes);
-    NIMBREL2_REQUIRE(acknowledge->payload.size() == size - GenCp::kHeaderBytes);
-    NIMBREL2_REQUIRE(acknowledge->payload.empty() || acknowledge->payload.data() == data + GenCp::kHeaderBytes);
+    if (!acknowledge) {
+        return 0;
+    }
+    NIMBREL2_REQUIRE(size >= GenCp::HeaderBytes);
+    NIMBREL2_REQUIRE(acknowledge->payload.size() == size - GenCp::HeaderBytes);
+    NIMBREL2_REQUIRE(acknowledge->payload.empty() || acknowledge->payload.data() == data + GenCp::HeaderBytes);
     NIMBREL2_REQUIRE(GenCp::DecodeQuadlet(*acknowledge).has_value() == (acknowledge->payload.size() == 4));
     NIMBREL2_REQUIRE(GenCp::DecodePending(*acknowledge).has_value() == (acknowledge->payload.size() == 4));
     GenCp::HasWrittenQuadlet(*acknowledge);

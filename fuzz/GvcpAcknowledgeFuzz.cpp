@@ -12,7 +12,9 @@ using namespace Nimbrel2::Platform::Gvcp;
 
 std::vector<std::uint32_t> ToVector(const WordView& words) {
     std::vector<std::uint32_t> copy;
-    for (std::size_t i = 0; i < words.GetCount(); ++i) copy.push_back(words[i]);
+    for (std::size_t i = 0; i < words.GetCount(); ++i) {
+        copy.push_back(words[i]);
+    }
     return copy;
 }
 
@@ -21,15 +23,21 @@ Packet EncodeAgain(const DecodedAcknowledge& decoded) {
     if (const auto* discovery = std::get_if<DiscoveryAcknowledge>(&decoded.body)) {
         return EncodeDiscoveryAck(id, discovery->record);
     }
-    if (std::holds_alternative<ForceIpAcknowledge>(decoded.body)) return EncodeForceIpAck(id);
+    if (std::holds_alternative<ForceIpAcknowledge>(decoded.body)) {
+        return EncodeForceIpAck(id);
+    }
     if (const auto* read = std::get_if<ReadRegAcknowledge>(&decoded.body)) {
         return EncodeReadRegAck(id, ToVector(read->values));
     }
-    if (const auto* write = std::get_if<WriteRegAcknowledge>(&decoded.body)) return EncodeWriteRegAck(id, write->index);
+    if (const auto* write = std::get_if<WriteRegAcknowledge>(&decoded.body)) {
+        return EncodeWriteRegAck(id, write->index);
+    }
     if (const auto* read = std::get_if<ReadMemAcknowledge>(&decoded.body)) {
         return EncodeReadMemAck(id, read->address, read->data);
     }
-    if (const auto* write = std::get_if<WriteMemAcknowledge>(&decoded.body)) return EncodeWriteMemAck(id, write->index);
+    if (const auto* write = std::get_if<WriteMemAcknowledge>(&decoded.body)) {
+        return EncodeWriteMemAck(id, write->index);
+    }
     if (const auto* pending = std::get_if<PendingAcknowledge>(&decoded.body)) {
         return EncodePendingAck(id, pending->timeToCompletion);
     }
@@ -44,10 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const DecodedAcknowledge decoded = DecodeAcknowledge(datagram);
     NIMBREL2_REQUIRE((decoded.error == DecodeError::None) == !std::holds_alternative<std::monostate>(decoded.body));
     NIMBREL2_REQUIRE(Describe(decoded.error) != nullptr);
-    if (decoded.error != DecodeError::None) return 0;
-    NIMBREL2_REQUIRE(data[0] != kCommandKey);
+    if (decoded.error != DecodeError::None) {
+        return 0;
+    }
+    NIMBREL2_REQUIRE(data[0] != CommandKey);
     NIMBREL2_REQUIRE(decoded.header.ackId != 0);
-    NIMBREL2_REQUIRE(size == kHeaderBytes + decoded.header.payloadBytes);
+    NIMBREL2_REQUIRE(size == HeaderBytes + decoded.header.payloadBytes);
     NIMBREL2_REQUIRE((decoded.header.status != Status::Success) ==
                      std::holds_alternative<ErrorAcknowledge>(decoded.body));
 
@@ -62,6 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool isWhole = std::holds_alternative<ErrorAcknowledge>(decoded.body) ||
                          std::holds_alternative<ReadRegAcknowledge>(decoded.body) ||
                          std::holds_alternative<ReadMemAcknowledge>(decoded.body);
-    if (isWhole) NIMBREL2_REQUIRE(std::equal(data, data + size, again.GetData(), again.GetData() + again.GetSize()));
+    if (isWhole) {
+        NIMBREL2_REQUIRE(std::equal(data, data + size, again.GetData(), again.GetData() + again.GetSize()));
+    }
     return 0;
 }

@@ -20,12 +20,16 @@ Packet EncodeAgain(const DecodedCommand& decoded) {
     }
     if (const auto* read = std::get_if<ReadRegCommand>(&decoded.body)) {
         std::vector<std::uint32_t> addresses;
-        for (std::size_t i = 0; i < read->addresses.GetCount(); ++i) addresses.push_back(read->addresses[i]);
+        for (std::size_t i = 0; i < read->addresses.GetCount(); ++i) {
+            addresses.push_back(read->addresses[i]);
+        }
         return EncodeReadRegCommand(header.requestId, addresses);
     }
     if (const auto* write = std::get_if<WriteRegCommand>(&decoded.body)) {
         std::vector<RegisterWrite> writes;
-        for (std::size_t i = 0; i < write->GetCount(); ++i) writes.push_back((*write)[i]);
+        for (std::size_t i = 0; i < write->GetCount(); ++i) {
+            writes.push_back((*write)[i]);
+        }
         return EncodeWriteRegCommand(header.requestId, writes);
     }
     if (const auto* write = std::get_if<WriteMemCommand>(&decoded.body)) {
@@ -42,16 +46,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const DecodedCommand decoded = DecodeCommand(datagram);
     NIMBREL2_REQUIRE((decoded.error == DecodeError::None) == !std::holds_alternative<std::monostate>(decoded.body));
     NIMBREL2_REQUIRE(Describe(decoded.error) != nullptr);
-    if (decoded.error != DecodeError::None) return 0;
+    if (decoded.error != DecodeError::None) {
+        return 0;
+    }
     NIMBREL2_REQUIRE(decoded.header.requestId != 0);
-    NIMBREL2_REQUIRE(size == kHeaderBytes + decoded.header.payloadBytes);
-    NIMBREL2_REQUIRE(size <= kMaxPacketBytes);
+    NIMBREL2_REQUIRE(size == HeaderBytes + decoded.header.payloadBytes);
+    NIMBREL2_REQUIRE(size <= MaxPacketBytes);
 
     const Packet again = EncodeAgain(decoded);
     const auto* readMemory = std::get_if<ReadMemCommand>(&decoded.body);
     if (readMemory != nullptr && again.IsEmpty()) {
         // The one body whose numbers are handed on though no encoder would make them.
-        NIMBREL2_REQUIRE(readMemory->count % 4 != 0 || readMemory->count == 0 || readMemory->count > kMaxMemoryBytes);
+        NIMBREL2_REQUIRE(readMemory->count % 4 != 0 || readMemory->count == 0 || readMemory->count > MaxMemoryBytes);
         return 0;
     }
     NIMBREL2_REQUIRE(again.GetSize() == size);
@@ -62,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     NIMBREL2_REQUIRE(second.body.index() == decoded.body.index());
     const bool hasReserved = readMemory != nullptr || std::holds_alternative<ForceIpCommand>(decoded.body);
     if (!hasReserved) {
-        NIMBREL2_REQUIRE(std::equal(data + kHeaderBytes, data + size, again.GetData() + kHeaderBytes));
+        NIMBREL2_REQUIRE(std::equal(data + HeaderBytes, data + size, again.GetData() + HeaderBytes));
     }
     return 0;
 }

@@ -9,7 +9,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace Nimbrel2::Platform::Gvcp;
-    std::array<std::uint8_t, kDiscoveryPayloadBytes> payload{};
+    std::array<std::uint8_t, DiscoveryPayloadBytes> payload{};
     std::copy_n(data, std::min(size, payload.size()), payload.begin());
     const GvcpDiscoveryRecord record = DecodeDiscoveryPayload(payload);
     const auto encoded = EncodeDiscoveryPayload(record);

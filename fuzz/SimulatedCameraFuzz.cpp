@@ -16,7 +16,7 @@ using Simulated::Arrival;
 using Simulated::Endpoint;
 using Simulated::SimulatedGigECamera;
 
-constexpr std::size_t kMostTurns = 64;
+constexpr std::size_t MostTurns = 64;
 
 struct Turn {
     Endpoint peer;
@@ -27,7 +27,9 @@ struct Turn {
 
 /// Takes one turn from the front of the input. @return false when there is none.
 bool TakeTurn(Gvcp::Bytes* input, Turn* turn) {
-    if (input->size() < 3) return false;
+    if (input->size() < 3) {
+        return false;
+    }
     const std::uint8_t circumstances = (*input)[0];
     turn->peer = {(circumstances & 0x01) != 0 ? 0xC0A84D01u : 0x0A000001u,
                   static_cast<std::uint16_t>((circumstances & 0x02) != 0 ? 50000 : 50001)};
@@ -45,7 +47,7 @@ void CheckAnswers(const Turn& turn, const std::vector<Answer>& answers, bool may
         const Gvcp::DecodedAcknowledge decoded = Gvcp::DecodeAcknowledge(answer.packet.GetBytes());
         NIMBREL2_REQUIRE(decoded.error == Gvcp::DecodeError::None ||
                          decoded.error == Gvcp::DecodeError::UnknownMessage);
-        NIMBREL2_REQUIRE(turn.datagram.size() >= Gvcp::kHeaderBytes);
+        NIMBREL2_REQUIRE(turn.datagram.size() >= Gvcp::HeaderBytes);
         NIMBREL2_REQUIRE(decoded.header.ackId == Gvcp::LoadU16(&turn.datagram[6]));
         NIMBREL2_REQUIRE(!answer.broadcast || turn.arrival == Arrival::Broadcast ||
                          decoded.header.id == Gvcp::MessageId::ForceIpAck);
@@ -56,9 +58,9 @@ void CheckRegisters(const SimulatedGigECamera& camera) {
     const auto& registers = camera.GetRegisters();
     NIMBREL2_REQUIRE(registers.GetControlPrivilege() <= 3);
     NIMBREL2_REQUIRE(registers.IsControlHeld() == registers.GetPrimaryApplication().has_value());
-    NIMBREL2_REQUIRE(registers.Peek(Gvcp::Register::kHeartbeatTimeout) >= 500);
-    NIMBREL2_REQUIRE((registers.Peek(Gvcp::Register::kCurrentIpConfiguration) & 4) != 0);
-    NIMBREL2_REQUIRE(registers.Peek(Gvcp::Register::kVersion) == 0x00020000);
+    NIMBREL2_REQUIRE(registers.Peek(Gvcp::Register::HeartbeatTimeout) >= 500);
+    NIMBREL2_REQUIRE((registers.Peek(Gvcp::Register::CurrentIpConfiguration) & 4) != 0);
+    NIMBREL2_REQUIRE(registers.Peek(Gvcp::Register::Version) == 0x00020000);
     NIMBREL2_REQUIRE(registers.GetMac() == 0x020000000909);
 }
 
@@ -80,13 +82,15 @@ Simulated::SimulatedCameraOptions MakeOptions(bool misbehaves) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0) return 0;
+    if (size == 0) {
+        return 0;
+    }
     const bool misbehaves = (data[0] & 1) != 0;
     SimulatedGigECamera camera(MakeOptions(misbehaves), data[0]);
     Gvcp::Bytes input(data + 1, size - 1);
     Simulated::TimePoint now{};
     Turn turn;
-    for (std::size_t i = 0; i < kMostTurns && TakeTurn(&input, &turn); ++i) {
+    for (std::size_t i = 0; i < MostTurns && TakeTurn(&input, &turn); ++i) {
         now += turn.pause;
         CheckAnswers(turn, camera.Receive(turn.datagram, turn.peer, turn.arrival, now), misbehaves);
         CheckRegisters(camera);

@@ -25,7 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             const bool connected =
                 port.status == FireWirePortStatus::ToParent || port.status == FireWirePortStatus::ToChild;
             NIMBREL2_REQUIRE(connected == port.neighbour.has_value());
-            if (!connected) continue;
+            if (!connected) {
+                continue;
+            }
             NIMBREL2_REQUIRE(*port.neighbour < phys->size());
             NIMBREL2_REQUIRE((*port.neighbour > i) == (port.status == FireWirePortStatus::ToParent));
             numCables += port.status == FireWirePortStatus::ToChild ? 1 : 0;

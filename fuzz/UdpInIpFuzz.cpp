@@ -5,7 +5,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto udp = Nimbrel2::Platform::GigE::ParseUdpInIp({data, size});
-    if (!udp) return 0;
+    if (!udp) {
+        return 0;
+    }
     NIMBREL2_REQUIRE(size >= 28);
     NIMBREL2_REQUIRE(udp->payload.data() >= data + 28);
     NIMBREL2_REQUIRE(udp->payload.data() + udp->payload.size() <= data + size);

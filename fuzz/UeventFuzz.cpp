@@ -5,7 +5,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto event = Nimbrel2::Platform::ParseUevent({data, size});
-    if (!event) return 0;
+    if (!event) {
+        return 0;
+    }
     const auto* begin = reinterpret_cast<const char*>(data);
     for (const std::string_view text : {event->action, event->devicePath, event->subsystem, event->properties}) {
         NIMBREL2_REQUIRE(!text.empty());

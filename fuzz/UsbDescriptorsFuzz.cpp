@@ -9,7 +9,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace Nimbrel2::Platform::Usb;
     const auto descriptors = ParseDescriptors({data, size});
     NIMBREL2_REQUIRE(!descriptors || size >= 18);
-    if (!descriptors) return 0;
+    if (!descriptors) {
+        return 0;
+    }
     std::size_t least = 18;
     for (const Configuration& configuration : descriptors->configurations) {
         least += 9 + 9 * configuration.interfaces.size();

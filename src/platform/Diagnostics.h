@@ -49,11 +49,15 @@ struct NetworkInterface {
     const InterfaceAddress* FindSubnet(std::uint32_t ip) const {
         const InterfaceAddress* best = nullptr;
         for (const InterfaceAddress& candidate : addresses) {
-            if (!candidate.Contains(ip)) continue;
+            if (!candidate.Contains(ip)) {
+                continue;
+            }
             const bool better =
                 best == nullptr || candidate.prefixLength > best->prefixLength ||
                 (candidate.prefixLength == best->prefixLength && best->secondary && !candidate.secondary);
-            if (better) best = &candidate;
+            if (better) {
+                best = &candidate;
+            }
         }
         return best;
     }

@@ -46,7 +46,7 @@ struct PortRange {
 
 /// Ports that GigE needs at once for each network interface, besides one for each camera: two for the monitor, one for
 /// a discovery or an address that is given meanwhile, and one to spare.
-inline constexpr unsigned int kSourcePortsBesideCameras = 4;
+inline constexpr unsigned int SourcePortsBesideCameras = 4;
 
 struct Options {
     Driver fireWire = Driver::Linux;
@@ -65,7 +65,7 @@ struct Options {
     std::optional<GigECameraName> searchFor;
 
     /// The ports that GigE talks from, so that a firewall rule can name them. Nothing: any that the system gives.
-    /// Needed are kSourcePortsBesideCameras for each network interface, and one for each camera.
+    /// Needed are SourcePortsBesideCameras for each network interface, and one for each camera.
     std::optional<PortRange> sourcePorts;
 
     /// USB cameras besides those of the USB3 Vision class.

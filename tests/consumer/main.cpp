@@ -11,6 +11,8 @@ int main() {
         R"({"usb": [{"name": "host", "devices": [{"name": "one", "parent": "host", "port": 1, "serial": "1"}]}]})",
         "own");
     computer.Perform(R"({"unplug": "one"})");
-    if (!Configure(computer.MakeOptions())) return 2;
+    if (!Configure(computer.MakeOptions())) {
+        return 2;
+    }
     return PrintCounts();
 }

@@ -36,6 +36,8 @@ extern "C" __attribute__((visibility("default"))) int UseBusMaster() {
         std::unique_lock<std::mutex> lock(g_mutex);
         g_changed.wait(lock, [] { return g_heard > 0; });
     }
-    if (busMaster.UnregisterCallback(handle) != ERROR_OK) return 2;
+    if (busMaster.UnregisterCallback(handle) != ERROR_OK) {
+        return 2;
+    }
     return busMaster.WaitUntilQuiet(20000) ? 0 : 3;
 }

@@ -12,7 +12,9 @@ static_assert(__cplusplus == 201703L, "the package made this program be compiled
 
 inline int PrintCounts() {
     const Nimbrel2::Version version = Nimbrel2::GetVersion();
-    if (version.major * 10000 + version.minor * 100 + version.patch != NIMBREL2_VERSION_NUMBER) return 3;
+    if (version.major * 10000 + version.minor * 100 + version.patch != NIMBREL2_VERSION_NUMBER) {
+        return 3;
+    }
     auto& busMaster = Nimbrel2::Singleton<Nimbrel2::BusMaster>::GetInstance();
     unsigned int cameras = 1;
     unsigned int devices = 1;

@@ -16,7 +16,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::vector<std::filesystem::path> files;
-    for (const auto& entry : std::filesystem::directory_iterator(argv[1])) files.push_back(entry.path());
+    for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
+        files.push_back(entry.path());
+    }
     std::sort(files.begin(), files.end());
     for (const auto& path : files) {
         std::ifstream file(path, std::ios::binary);

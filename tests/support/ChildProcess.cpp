@@ -25,11 +25,15 @@ struct Pipe {
     std::array<int, 2> ends{-1, -1};
 
     Pipe() {
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) ThrowErrno("pipe2");
+        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+            ThrowErrno("pipe2");
+        }
     }
     ~Pipe() {
         for (const int fd : ends) {
-            if (fd >= 0) close(fd);
+            if (fd >= 0) {
+                close(fd);
+            }
         }
     }
     Pipe(const Pipe&) = delete;
@@ -46,14 +50,18 @@ struct Pipe {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
     argv.push_back(nullptr);
 
     Pipe output;
     Pipe errors;
     Pipe failure;
     m_pid = fork();
-    if (m_pid < 0) ThrowErrno("fork");
+    if (m_pid < 0) {
+        ThrowErrno("fork");
+    }
     if (m_pid == 0) {
         // Only async-signal-safe calls from here on: other threads of the test may hold any lock.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -61,7 +69,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
         dup2(errors.ends[1], STDERR_FILENO);
         execvp(argv[0], argv.data());
         const int error = errno;
-        if (write(failure.ends[1], &error, sizeof(error)) < 0) _exit(126);
+        if (write(failure.ends[1], &error, sizeof(error)) < 0) {
+            _exit(126);
+        }
         _exit(127);
     }
     close(failure.ends[1]);
@@ -87,12 +97,16 @@ ChildProcess::~ChildProcess() {
         Reap(true);
     }
     for (const int fd : {m_pidFd, m_output.fd, m_errors.fd}) {
-        if (fd >= 0) close(fd);
+        if (fd >= 0) {
+            close(fd);
+        }
     }
 }
 
 void ChildProcess::Signal(int number) {
-    if (!m_ended) kill(m_pid, number);
+    if (!m_ended) {
+        kill(m_pid, number);
+    }
 }
 
 void ChildProcess::Read(Stream* stream) {
@@ -108,7 +122,9 @@ void ChildProcess::Read(Stream* stream) {
 
 void ChildProcess::Reap(bool wait) {
     int status = 0;
-    if (m_ended || waitpid(m_pid, &status, wait ? 0 : WNOHANG) != m_pid) return;
+    if (m_ended || waitpid(m_pid, &status, wait ? 0 : WNOHANG) != m_pid) {
+        return;
+    }
     m_ended = true;
     m_exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -116,11 +132,21 @@ void ChildProcess::Reap(bool wait) {
 bool ChildProcess::Pump(std::chrono::milliseconds timeout) {
     std::array<pollfd, 3> waits{
         {{m_output.fd, POLLIN, 0}, {m_errors.fd, POLLIN, 0}, {m_ended ? -1 : m_pidFd, POLLIN, 0}}};
-    if (waits[0].fd < 0 && waits[1].fd < 0 && waits[2].fd < 0) return false;
-    if (poll(waits.data(), waits.size(), static_cast<int>(timeout.count())) <= 0) return true;
-    if (waits[0].revents != 0) Read(&m_output);
-    if (waits[1].revents != 0) Read(&m_errors);
-    if (waits[2].revents != 0) Reap(false);
+    if (waits[0].fd < 0 && waits[1].fd < 0 && waits[2].fd < 0) {
+        return false;
+    }
+    if (poll(waits.data(), waits.size(), static_cast<int>(timeout.count())) <= 0) {
+        return true;
+    }
+    if (waits[0].revents != 0) {
+        Read(&m_output);
+    }
+    if (waits[1].revents != 0) {
+        Read(&m_errors);
+    }
+    if (waits[2].revents != 0) {
+        Reap(false);
+    }
     return true;
 }
 
@@ -128,7 +154,9 @@ bool ChildProcess::WaitUntil(const std::function<bool()>& condition, std::chrono
     const Clock::time_point deadline = Clock::now() + timeout;
     while (!condition()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 || !Pump(left)) return condition();
+        if (left.count() <= 0 || !Pump(left)) {
+            return condition();
+        }
     }
     return true;
 }

@@ -49,11 +49,11 @@ using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t kRomOffset = 0xFFFFF0000400;
-constexpr std::uint64_t kStateClearOffset = 0xFFFFF0000000;
-constexpr std::uint64_t kTopologyMapOffset = 0xFFFFF0001000;
-constexpr std::uint32_t kCycleMaster = 0x100;
-constexpr char kPciBridge[] = "/devices/pci0000:00/0000:00:1e.0/";
+constexpr std::uint64_t RomOffset = 0xFFFFF0000400;
+constexpr std::uint64_t StateClearOffset = 0xFFFFF0000000;
+constexpr std::uint64_t TopologyMapOffset = 0xFFFFF0001000;
+constexpr std::uint32_t CycleMaster = 0x100;
+constexpr char PciBridge[] = "/devices/pci0000:00/0000:00:1e.0/";
 
 [[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -81,14 +81,20 @@ Bytes InBusOrder(std::uint32_t quadlet) { return ToBytes(htobe32(quadlet)); }
 class Terminal {
 public:
     Terminal() : m_master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-        if (m_master < 0 || ::unlockpt(m_master) != 0) Fail("a terminal");
+        if (m_master < 0 || ::unlockpt(m_master) != 0) {
+            Fail("a terminal");
+        }
         char name[64];
-        if (::ptsname_r(m_master, name, sizeof name) != 0) Fail("the terminal's name");
+        if (::ptsname_r(m_master, name, sizeof name) != 0) {
+            Fail("the terminal's name");
+        }
         m_name = name;
         // By the descriptor, for the name would be looked for in the mocked /dev.
         m_slave = ::ioctl(m_master, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC);
         termios raw{};
-        if (m_slave < 0 || ::tcgetattr(m_slave, &raw) != 0) Fail("the terminal's other side");
+        if (m_slave < 0 || ::tcgetattr(m_slave, &raw) != 0) {
+            Fail("the terminal's other side");
+        }
         ::cfmakeraw(&raw);
         ::tcsetattr(m_slave, TCSANOW, &raw);
     }
@@ -101,14 +107,20 @@ public:
 
     const std::string& GetName() const { return m_name; }
     void Ring() const {
-        if (m_master >= 0 && ::write(m_master, "!", 1) != 1) Fail("a doorbell");
+        if (m_master >= 0 && ::write(m_master, "!", 1) != 1) {
+            Fail("a doorbell");
+        }
     }
     void Unring() const {
         char byte;
-        if (m_master >= 0 && ::read(m_slave, &byte, 1) != 1) Fail("a doorbell's end");
+        if (m_master >= 0 && ::read(m_slave, &byte, 1) != 1) {
+            Fail("a doorbell's end");
+        }
     }
     void HangUp() {
-        if (m_master >= 0) ::close(std::exchange(m_master, -1));
+        if (m_master >= 0) {
+            ::close(std::exchange(m_master, -1));
+        }
     }
 
 private:
@@ -202,11 +214,11 @@ public:
     void LoadDriver() { fs::create_directories(m_root / "sys/bus/firewire/devices"); }
 
     fs::path AddPciDevice(const std::string& pciName) {
-        const fs::path directory = m_root / ("sys" + (kPciBridge + pciName));
+        const fs::path directory = m_root / ("sys" + (PciBridge + pciName));
         fs::create_directories(directory);
         WriteFile(directory / "class", "0x0c0010\n");
         WriteFile(directory / "uevent", "PCI_CLASS=C0010\n");
-        fs::create_symlink("../../.." + (kPciBridge + pciName), m_root / "sys/bus/pci/devices" / pciName);
+        fs::create_symlink("../../.." + (PciBridge + pciName), m_root / "sys/bus/pci/devices" / pciName);
         return directory;
     }
 
@@ -214,40 +226,50 @@ public:
         LoadDriver();
         fs::create_symlink("../../../../bus/pci/drivers/firewire_ohci", AddPciDevice(pciName) / "driver");
         auto bus = std::make_unique<Bus>();
-        bus->path = kPciBridge + pciName;
+        bus->path = PciBridge + pciName;
         bus->card = m_numCards++;
         bus->description = description;
         bus->model = std::make_unique<FireWireModel>(description, bus->card);
         std::vector<const PhyDescription*> linked;
         for (const FireWireModel::Node& node : bus->model->Nodes()) {
-            if (node.phy->kind != PhyKind::Repeater) linked.push_back(node.phy);
+            if (node.phy->kind != PhyKind::Repeater) {
+                linked.push_back(node.phy);
+            }
         }
         // The controller itself comes first.
         std::stable_partition(linked.begin(), linked.end(),
                               [](const PhyDescription* phy) { return phy->kind == PhyKind::Card; });
         Bus& added = *bus;
         m_buses.push_back(std::move(bus));
-        for (const PhyDescription* phy : linked) Announce(added, *phy);
+        for (const PhyDescription* phy : linked) {
+            Announce(added, *phy);
+        }
     }
 
     void RemoveBus(const std::string& pciName) {
         const auto found = std::find_if(m_buses.begin(), m_buses.end(),
-                                        [&](const auto& bus) { return bus->path == kPciBridge + pciName; });
-        while (!(*found)->nodes.empty()) Forget(**found, (*found)->nodes.begin()->first);
+                                        [&](const auto& bus) { return bus->path == PciBridge + pciName; });
+        while (!(*found)->nodes.empty()) {
+            Forget(**found, (*found)->nodes.begin()->first);
+        }
         m_buses.erase(found);
         fs::remove(m_root / "sys/bus/pci/devices" / pciName);
-        fs::remove_all(m_root / ("sys" + (kPciBridge + pciName)));
+        fs::remove_all(m_root / ("sys" + (PciBridge + pciName)));
     }
 
     Bus& BusOf(const std::string& phy) const {
         for (const auto& bus : m_buses) {
-            if (bus->model->Has(phy)) return *bus;
+            if (bus->model->Has(phy)) {
+                return *bus;
+            }
         }
         throw std::invalid_argument("no PHY is called " + phy);
     }
     const PhyDescription& DescriptionOf(const std::string& phy) const {
         for (const PhyDescription& description : BusOf(phy).description.phys) {
-            if (description.name == phy) return description;
+            if (description.name == phy) {
+                return description;
+            }
         }
         throw std::invalid_argument("no PHY is called " + phy);
     }
@@ -262,9 +284,13 @@ public:
         ++bus.generation;
         ++bus.resets;
         for (auto& [phy, node] : bus.nodes) {
-            if (!Renumber(bus, node)) continue;
+            if (!Renumber(bus, node)) {
+                continue;
+            }
             for (const auto& client : node.clients) {
-                if (!client->wantsResets) continue;
+                if (!client->wantsResets) {
+                    continue;
+                }
                 const Bytes event = ToBytes(BusReset(bus, node, client->resetClosure));
                 if (m_behaviours[phy].holdsResets) {
                     node.held.emplace_back(client, event);
@@ -283,7 +309,9 @@ public:
             }
         }
         unsigned int minor = 0;
-        while (minors.count(minor) != 0) ++minor;
+        while (minors.count(minor) != 0) {
+            ++minor;
+        }
         Node& node = bus.nodes[phy.name];
         node.phy = phy.name;
         node.description = &phy;
@@ -293,12 +321,16 @@ public:
         MakeDirectory(bus, node);
         MakeFile(node);
         SendUevent(node.directory, "add");
-        if (HasUnit(node)) SendUevent(node.directory / (node.file + ".0"), "add");
+        if (HasUnit(node)) {
+            SendUevent(node.directory / (node.file + ".0"), "add");
+        }
     }
 
     void Forget(Bus& bus, const std::string& phy) {
         const auto found = bus.nodes.find(phy);
-        if (found == bus.nodes.end()) return;
+        if (found == bus.nodes.end()) {
+            return;
+        }
         const Node node = std::move(found->second);
         bus.nodes.erase(found);
         fs::remove(m_root / "dev" / node.file);
@@ -330,7 +362,9 @@ public:
         fs::create_symlink(terminal->GetName(), fresh);
         fs::rename(fresh, path);
         m_nextTerminals[node.file] = terminal;
-        if (!m_attached.insert(node.file).second) return;
+        if (!m_attached.insert(node.file).second) {
+            return;
+        }
         // Once for all nodes that will have this name: detaching would end the programs that have it open.
         if (!umockdev_testbed_attach_ioctl(m_testbed, ("/dev/" + node.file).c_str(), m_handler, nullptr)) {
             Fail("a handler for " + node.file);
@@ -360,7 +394,9 @@ public:
     }
 
     void Queue(Client& client, Bytes event) {
-        if (client.isDead) return;
+        if (client.isDead) {
+            return;
+        }
         client.events.push_back(std::move(event));
         client.terminal->Ring();
     }
@@ -384,7 +420,9 @@ private:
         fs::create_symlink("../../../../../bus/firewire", node.directory / "subsystem");
         const std::string link = "../../.." + bus.path + "/" + node.file;
         fs::create_symlink(link, m_root / "sys/bus/firewire/devices" / node.file);
-        if (!isCamera) return;
+        if (!isCamera) {
+            return;
+        }
         const fs::path unit = node.directory / (node.file + ".0");
         fs::create_directories(unit);
         WriteFile(unit / "specifier_id", "0x00a02d\n");
@@ -396,7 +434,9 @@ private:
     /// @return false when it is not on the bus.
     static bool Renumber(const Bus& bus, Node& node) {
         const FireWireModel::Node* onBus = bus.model->FindNode(node.description->eui64);
-        if (onBus == nullptr) return false;
+        if (onBus == nullptr) {
+            return false;
+        }
         node.nodeId = static_cast<std::uint16_t>(0xFFC0 | onBus->phyId);
         node.generation = bus.generation;
         return true;
@@ -404,7 +444,9 @@ private:
 
     static std::uint32_t LocalId(const Bus& bus) {
         for (const FireWireModel::Node& node : bus.model->Nodes()) {
-            if (node.phy->kind == PhyKind::Card) return 0xFFC0 | node.phyId;
+            if (node.phy->kind == PhyKind::Card) {
+                return 0xFFC0 | node.phyId;
+            }
         }
         return 0xFFFF;
     }
@@ -451,7 +493,9 @@ private:
             client->terminal = terminal->second;
             for (const auto& bus : state.m_buses) {
                 for (auto& [phy, node] : bus->nodes) {
-                    if (node.file != file) continue;
+                    if (node.file != file) {
+                        continue;
+                    }
                     client->phy = phy;
                     node.clients.push_back(client);
                     state.MakeFile(node);
@@ -465,7 +509,9 @@ private:
         auto& state = *static_cast<State*>(self);
         const std::lock_guard lock(state.m_mutex);
         const auto found = state.m_clients.find(handle);
-        if (found == state.m_clients.end()) return FALSE;
+        if (found == state.m_clients.end()) {
+            return FALSE;
+        }
         const int error = state.Ioctl(*found->second, handle);
         umockdev_ioctl_client_complete(handle, error == 0 ? 0 : -1, error);
         return TRUE;
@@ -475,7 +521,9 @@ private:
         auto& state = *static_cast<State*>(self);
         const std::lock_guard lock(state.m_mutex);
         const auto found = state.m_clients.find(handle);
-        if (found == state.m_clients.end()) return FALSE;
+        if (found == state.m_clients.end()) {
+            return FALSE;
+        }
         Client& client = *found->second;
         state.HappenNow(client, FileCall::Read);
         if (client.events.empty()) {
@@ -497,7 +545,9 @@ private:
     public:
         Memory(UMockdevIoctlData* from, std::size_t offset, std::size_t size)
             : m_data(umockdev_ioctl_data_resolve(from, offset, size, nullptr)) {
-            if (m_data == nullptr) throw std::runtime_error("memory of the program cannot be read");
+            if (m_data == nullptr) {
+                throw std::runtime_error("memory of the program cannot be read");
+            }
         }
         ~Memory() { umockdev_ioctl_data_unref(m_data); }
         Memory(const Memory&) = delete;
@@ -520,9 +570,13 @@ private:
     };
 
     void HappenNow(const Client& client, FileCall call) {
-        if (client.isDead) return;
+        if (client.isDead) {
+            return;
+        }
         const auto happens = m_behaviours[client.phy].inCall.extract(call);
-        if (!happens.empty()) happens.mapped()();
+        if (!happens.empty()) {
+            happens.mapped()();
+        }
     }
 
     int Ioctl(Client& client, UMockdevIoctlClient* handle) {
@@ -533,10 +587,16 @@ private:
             {FW_CDEV_IOC_RECEIVE_PHY_PACKETS, FileCall::ReceivePhyPackets},
             {FW_CDEV_IOC_SEND_PHY_PACKET, FileCall::SendPhyPacket}};
         const auto call = calls.find(umockdev_ioctl_client_get_request(handle));
-        if (call == calls.end()) return ENOTTY;
+        if (call == calls.end()) {
+            return ENOTTY;
+        }
         HappenNow(client, call->second);
-        if (client.isDead) return ENODEV;
-        if (m_behaviours[client.phy].broken) return EIO;
+        if (client.isDead) {
+            return ENODEV;
+        }
+        if (m_behaviours[client.phy].broken) {
+            return EIO;
+        }
         Bus& bus = BusOf(client.phy);
         Node& node = bus.nodes.at(client.phy);
         UMockdevIoctlData* const argument = umockdev_ioctl_client_get_arg(handle);
@@ -556,14 +616,18 @@ private:
                 return 0;
             }
             case FileCall::ReceivePhyPackets: {
-                if (node.description->kind != PhyKind::Card) return ENOSYS;
+                if (node.description->kind != PhyKind::Card) {
+                    return ENOSYS;
+                }
                 const Memory request(argument, 0, sizeof(fw_cdev_receive_phy_packets));
                 client.wantsPhyPackets = true;
                 client.phyClosure = request.Load<fw_cdev_receive_phy_packets>().closure;
                 return 0;
             }
             case FileCall::SendPhyPacket:
-                if (node.description->kind != PhyKind::Card) return ENOSYS;
+                if (node.description->kind != PhyKind::Card) {
+                    return ENOSYS;
+                }
                 return SendPhyPacket(bus, client, argument);
             case FileCall::Read:
                 break;
@@ -584,10 +648,10 @@ private:
             umockdev_ioctl_data_update(buffer.Get(), 0, reinterpret_cast<guint8*>(rom.data()), static_cast<int>(size));
         }
         if (request.bus_reset != 0) {
-            constexpr std::size_t kCopied = 36;
-            const Memory buffer(memory.Get(), offsetof(fw_cdev_get_info, bus_reset), kCopied);
-            Bytes event = ToBytes(BusReset(bus, node, client.resetClosure), kCopied);
-            umockdev_ioctl_data_update(buffer.Get(), 0, event.data(), kCopied);
+            constexpr std::size_t Copied = 36;
+            const Memory buffer(memory.Get(), offsetof(fw_cdev_get_info, bus_reset), Copied);
+            Bytes event = ToBytes(BusReset(bus, node, client.resetClosure), Copied);
+            umockdev_ioctl_data_update(buffer.Get(), 0, event.data(), Copied);
         }
         memory.Store(offsetof(fw_cdev_get_info, version), std::uint32_t{5});
         memory.Store(offsetof(fw_cdev_get_info, rom_length), static_cast<std::uint32_t>(romBytes));
@@ -596,19 +660,20 @@ private:
     }
 
     static Bytes Response(std::uint64_t closure, std::uint32_t rcode, const Bytes& payload) {
-        constexpr std::size_t kData = offsetof(fw_cdev_event_response, data);
+        constexpr std::size_t Data = offsetof(fw_cdev_event_response, data);
         fw_cdev_event_response head{};
         head.closure = closure;
         head.type = FW_CDEV_EVENT_RESPONSE;
         head.rcode = rcode;
         head.length = static_cast<std::uint32_t>(payload.size());
         Bytes event = ToBytes(head);
-        const std::size_t padding = event.size() - kData;
+        const std::size_t padding = event.size() - Data;
         event.resize(event.size() + payload.size());
-        std::copy(payload.begin(), payload.end(), event.begin() + kData);
+        std::copy(payload.begin(), payload.end(), event.begin() + Data);
         // A short payload is there twice, for programs that look behind the padding.
-        if (payload.size() <= padding)
+        if (payload.size() <= padding) {
             std::copy(payload.begin(), payload.end(), event.end() - static_cast<std::ptrdiff_t>(payload.size()));
+        }
         return event;
     }
 
@@ -619,8 +684,12 @@ private:
         if (!isWrite && request.tcode != TCODE_READ_QUADLET_REQUEST && request.tcode != TCODE_READ_BLOCK_REQUEST) {
             return EINVAL;
         }
-        if (request.length > 4096) return EIO;
-        if (isWrite && request.length < 4) return EINVAL;
+        if (request.length > 4096) {
+            return EIO;
+        }
+        if (isWrite && request.length < 4) {
+            return EINVAL;
+        }
         std::uint32_t value = 0;
         if (isWrite) {
             const Memory payload(memory.Get(), offsetof(fw_cdev_send_request, data), request.length);
@@ -634,7 +703,9 @@ private:
             Queue(client, event);
         } else {
             for (const auto& [handle, other] : m_clients) {
-                if (other.get() == &client) After(late, [this, other = other, event] { Queue(*other, event); });
+                if (other.get() == &client) {
+                    After(late, [this, other = other, event] { Queue(*other, event); });
+                }
             }
         }
         return 0;
@@ -643,12 +714,18 @@ private:
     /// The kernel sends to the number that the node has or had, whoever has it now.
     std::uint32_t Transact(Bus& bus, const Node& from, const fw_cdev_send_request& request, std::uint32_t value,
                            Bytes* payload, std::chrono::milliseconds* late) {
-        if (request.generation != bus.generation) return RCODE_GENERATION;
+        if (request.generation != bus.generation) {
+            return RCODE_GENERATION;
+        }
         const PhyDescription* target = nullptr;
         for (const FireWireModel::Node& node : bus.model->Nodes()) {
-            if (node.phyId == (from.nodeId & 0x3FU) && node.phy->kind != PhyKind::Repeater) target = node.phy;
+            if (node.phyId == (from.nodeId & 0x3FU) && node.phy->kind != PhyKind::Repeater) {
+                target = node.phy;
+            }
         }
-        if (target == nullptr) return RCODE_NO_ACK;
+        if (target == nullptr) {
+            return RCODE_NO_ACK;
+        }
         Behaviour& behaviour = m_behaviours[target->name];
         ++behaviour.requests[request.offset];
         if (behaviour.mute) {
@@ -662,23 +739,25 @@ private:
         const std::uint32_t rcode = request.tcode == TCODE_WRITE_QUADLET_REQUEST
                                         ? Write(bus, *target, request.offset, value)
                                         : Read(bus, *target, request, payload);
-        if (payload->size() > behaviour.cutAt) payload->resize(behaviour.cutAt);
+        if (payload->size() > behaviour.cutAt) {
+            payload->resize(behaviour.cutAt);
+        }
         return rcode;
     }
 
     std::uint32_t Read(const Bus& bus, const PhyDescription& phy, const fw_cdev_send_request& request,
                        Bytes* payload) const {
-        if (phy.kind == PhyKind::Card && request.offset == kTopologyMapOffset) {
+        if (phy.kind == PhyKind::Card && request.offset == TopologyMapOffset) {
             *payload = TopologyMap(bus);
             payload->resize(request.length);
             return RCODE_COMPLETE;
         }
         std::uint32_t value = 0;
         const std::vector<std::uint32_t> rom = RomOf(phy);
-        if (request.offset == kStateClearOffset) {
-            value = phy.kind == PhyKind::Card && bus.model->Nodes().back().phy->name == phy.name ? kCycleMaster : 0;
-        } else if (request.offset >= kRomOffset && request.offset < kRomOffset + 4 * rom.size()) {
-            value = rom[(request.offset - kRomOffset) / 4];
+        if (request.offset == StateClearOffset) {
+            value = phy.kind == PhyKind::Card && bus.model->Nodes().back().phy->name == phy.name ? CycleMaster : 0;
+        } else if (request.offset >= RomOffset && request.offset < RomOffset + 4 * rom.size()) {
+            value = rom[(request.offset - RomOffset) / 4];
         } else if (bus.model->ReadQuadlet(phy.eui64, request.offset, &value) != HAL_OK) {
             return RCODE_ADDRESS_ERROR;
         }
@@ -706,7 +785,9 @@ private:
             const Bytes quadlet = InBusOrder(head);
             map.insert(map.end(), quadlet.begin(), quadlet.end());
         }
-        for (const SelfIdPacket_t& packet : selfIds) map.insert(map.end(), packet.bytes, packet.bytes + 4);
+        for (const SelfIdPacket_t& packet : selfIds) {
+            map.insert(map.end(), packet.bytes, packet.bytes + 4);
+        }
         return map;
     }
 
@@ -734,21 +815,31 @@ private:
         const bool isCurrent = request.generation == bus.generation && request.data[1] == ~quadlet;
         Queue(client, PhyPacket(FW_CDEV_EVENT_PHY_PACKET_SENT, request.closure,
                                 isCurrent ? RCODE_COMPLETE : RCODE_GENERATION, {}));
-        if (!isCurrent) return 0;
+        if (!isCurrent) {
+            return 0;
+        }
         const std::uint32_t type = quadlet >> 18 & 0xF;
         const std::uint32_t phyId = quadlet >> 24 & 0x3F;
         const bool isPaged = type == 5;
-        if ((!isPaged && type != 1) || phyId >= bus.model->Nodes().size()) return 0;
+        if ((!isPaged && type != 1) || phyId >= bus.model->Nodes().size()) {
+            return 0;
+        }
         const PhyDescription& phy = *bus.model->Nodes()[phyId].phy;
-        if (m_behaviours[phy.name].phyMute) return 0;
+        if (m_behaviours[phy.name].phyMute) {
+            return 0;
+        }
         const std::uint32_t page = isPaged ? quadlet >> 15 & 7 : 0;
         const std::uint32_t port = isPaged ? quadlet >> 11 & 15 : 0;
         const std::uint32_t address = (quadlet >> 8 & 7) + (isPaged ? 8 : 0);
         std::uint32_t value = 0;
-        if (bus.model->ReadPhy(phy.eui64, page, port, address, &value) != HAL_OK) return 0;
+        if (bus.model->ReadPhy(phy.eui64, page, port, address, &value) != HAL_OK) {
+            return 0;
+        }
         const std::uint32_t reply = (quadlet & ~(0xFU << 18) & ~0xFFU) | (type + 2) << 18 | value;
         for (const auto& [handle, other] : m_clients) {
-            if (!other->wantsPhyPackets || &BusOf(other->phy) != &bus) continue;
+            if (!other->wantsPhyPackets || &BusOf(other->phy) != &bus) {
+                continue;
+            }
             Queue(*other,
                   PhyPacket(FW_CDEV_EVENT_PHY_PACKET_RECEIVED, other->phyClosure, RCODE_COMPLETE, {reply, ~reply}));
         }
@@ -807,7 +898,9 @@ void EmulatedFireWire::Plug(const std::string& phy) {
 void EmulatedFireWire::PlugUnannounced(const std::string& phy) {
     const auto lock = m_state->Lock();
     State::Bus& bus = m_state->BusOf(phy);
-    if (bus.model->Plug(phy)) m_state->BusWasReset(bus);
+    if (bus.model->Plug(phy)) {
+        m_state->BusWasReset(bus);
+    }
 }
 
 void EmulatedFireWire::Announce(const std::string& phy) {
@@ -821,7 +914,9 @@ void EmulatedFireWire::Announce(const std::string& phy) {
 void EmulatedFireWire::Unplug(const std::string& phy) {
     const auto lock = m_state->Lock();
     State::Bus& bus = m_state->BusOf(phy);
-    if (bus.model->Unplug(phy)) m_state->BusWasReset(bus);
+    if (bus.model->Unplug(phy)) {
+        m_state->BusWasReset(bus);
+    }
 }
 
 void EmulatedFireWire::Forget(const std::string& phy) {
@@ -862,8 +957,12 @@ void EmulatedFireWire::HoldResetEvents(const std::string& phy, bool hold) {
     const auto lock = m_state->Lock();
     m_state->m_behaviours[phy].holdsResets = hold;
     State::Node* node = m_state->FindNode(phy);
-    if (hold || node == nullptr) return;
-    for (auto& [client, event] : node->held) m_state->Queue(*client, event);
+    if (hold || node == nullptr) {
+        return;
+    }
+    for (auto& [client, event] : node->held) {
+        m_state->Queue(*client, event);
+    }
     node->held.clear();
 }
 
@@ -876,7 +975,9 @@ void EmulatedFireWire::VanishIn(const std::string& phy, FileCall call) {
     const auto lock = m_state->Lock();
     m_state->m_behaviours[phy].inCall[call] = [state = m_state.get(), phy] {
         State::Bus& bus = state->BusOf(phy);
-        if (bus.model->Unplug(phy)) state->BusWasReset(bus);
+        if (bus.model->Unplug(phy)) {
+            state->BusWasReset(bus);
+        }
         state->Forget(bus, phy);
     };
 }
@@ -893,7 +994,9 @@ void EmulatedFireWire::ResetIn(const std::string& phy, FileCall call) {
 void EmulatedFireWire::Deny(const std::string& phy) {
     const auto lock = m_state->Lock();
     m_state->m_behaviours[phy].denied = true;
-    if (const State::Node* node = m_state->FindNode(phy)) m_state->MakeFile(*node);
+    if (const State::Node* node = m_state->FindNode(phy)) {
+        m_state->MakeFile(*node);
+    }
 }
 
 void EmulatedFireWire::Break(const std::string& phy) {
@@ -904,12 +1007,16 @@ void EmulatedFireWire::Break(const std::string& phy) {
 void EmulatedFireWire::Allow(const std::string& phy) {
     const auto lock = m_state->Lock();
     m_state->m_behaviours[phy].denied = false;
-    if (const State::Node* node = m_state->FindNode(phy)) m_state->MakeFile(*node);
+    if (const State::Node* node = m_state->FindNode(phy)) {
+        m_state->MakeFile(*node);
+    }
 }
 
 void EmulatedFireWire::SendChangeUevent(const std::string& phy) {
     const auto lock = m_state->Lock();
-    if (const State::Node* node = m_state->FindNode(phy)) m_state->SendUevent(node->directory, "change");
+    if (const State::Node* node = m_state->FindNode(phy)) {
+        m_state->SendUevent(node->directory, "change");
+    }
 }
 
 std::uint32_t EmulatedFireWire::GetRegister(const std::string& phy, std::uint64_t offset) const {
@@ -933,7 +1040,9 @@ void EmulatedFireWire::ChangeRom(const std::string& phy, std::vector<std::uint32
     SetRom(phy, std::move(rom));
     const auto lock = m_state->Lock();
     const State::Node* node = m_state->FindNode(phy);
-    if (node == nullptr) return;
+    if (node == nullptr) {
+        return;
+    }
     m_state->WriteRom(*node);
     m_state->SendUevent(node->directory, "change");
 }
@@ -947,12 +1056,16 @@ unsigned int EmulatedFireWire::CountRequests(const std::string& phy, std::uint64
 unsigned int EmulatedFireWire::CountClients(const std::string& phy) const {
     const auto lock = m_state->Lock();
     const State::Node* node = m_state->FindNode(phy);
-    if (node == nullptr) return 0;
+    if (node == nullptr) {
+        return 0;
+    }
     unsigned int count = 0;
     for (const auto& client : node->clients) {
         for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
             std::error_code error;
-            if (fs::read_symlink(entry.path(), error) == client->terminal->GetName()) ++count;
+            if (fs::read_symlink(entry.path(), error) == client->terminal->GetName()) {
+                ++count;
+            }
         }
         --count;  // our own side of it
     }
@@ -974,7 +1087,9 @@ std::string EmulatedFireWire::GetFileName(const std::string& phy) const {
 unsigned int EmulatedFireWire::GetPhyId(const std::string& phy) const {
     const auto lock = m_state->Lock();
     for (const FireWireModel::Node& node : m_state->BusOf(phy).model->Nodes()) {
-        if (node.phy->name == phy) return node.phyId;
+        if (node.phy->name == phy) {
+            return node.phyId;
+        }
     }
     return 63;
 }
@@ -983,7 +1098,9 @@ namespace {
 
 void GetCapabilities(__user_cap_header_struct* header, __user_cap_data_struct (&data)[2]) {
     *header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    if (::syscall(SYS_capget, header, data) != 0) Fail("capabilities");
+    if (::syscall(SYS_capget, header, data) != 0) {
+        Fail("capabilities");
+    }
 }
 
 }  // namespace
@@ -992,16 +1109,22 @@ NoPermissionOverride::NoPermissionOverride() {
     __user_cap_header_struct header;
     __user_cap_data_struct data[2];
     GetCapabilities(&header, data);
-    for (int i = 0; i < 2; ++i) m_effective[i] = data[i].effective;
+    for (int i = 0; i < 2; ++i) {
+        m_effective[i] = data[i].effective;
+    }
     data[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
-    if (::syscall(SYS_capset, &header, data) != 0) Fail("capabilities");
+    if (::syscall(SYS_capset, &header, data) != 0) {
+        Fail("capabilities");
+    }
 }
 
 NoPermissionOverride::~NoPermissionOverride() {
     __user_cap_header_struct header;
     __user_cap_data_struct data[2];
     GetCapabilities(&header, data);
-    for (int i = 0; i < 2; ++i) data[i].effective = m_effective[i];
+    for (int i = 0; i < 2; ++i) {
+        data[i].effective = m_effective[i];
+    }
     ::syscall(SYS_capset, &header, data);
 }
 

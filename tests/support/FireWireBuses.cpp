@@ -18,7 +18,9 @@ PhyDescription Phy(const std::string& name, PhyKind kind, std::uint64_t eui64, u
     phy.eui64 = eui64;
     phy.ports = ports;
     phy.contender = kind == PhyKind::Card;
-    if (kind == PhyKind::Card) phy.vendor = "Linux Firewire";
+    if (kind == PhyKind::Card) {
+        phy.vendor = "Linux Firewire";
+    }
     return phy;
 }
 

@@ -20,7 +20,9 @@ namespace Nimbrel2::Testing {
 namespace {
 
 void Check(int result, const char* what) {
-    if (result != 0) throw std::system_error(errno, std::generic_category(), what);
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
 }
 
 struct OpenFile {
@@ -85,7 +87,9 @@ void NetworkNamespace::Serve() {
     m_changed.notify_all();
     while (m_ready) {
         m_changed.wait(lock, [this] { return m_exit || m_function != nullptr; });
-        if (m_exit) return;
+        if (m_exit) {
+            return;
+        }
         const std::function<void()>* function = m_function;
         lock.unlock();
         std::exception_ptr failure;
@@ -111,7 +115,9 @@ void NetworkNamespace::Run(const std::function<void()>& function) {
     m_function = &function;
     m_changed.notify_all();
     m_changed.wait(lock, [this] { return m_function == nullptr; });
-    if (m_failure) std::rethrow_exception(std::exchange(m_failure, nullptr));
+    if (m_failure) {
+        std::rethrow_exception(std::exchange(m_failure, nullptr));
+    }
 }
 
 std::thread NetworkNamespace::StartThread(std::function<void()> function) {
@@ -139,16 +145,22 @@ std::unique_ptr<ChildProcess> NetworkNamespace::StartProgram(const std::vector<s
 void NetworkNamespace::Ip(const std::string& words) {
     std::vector<std::string> arguments{"ip"};
     std::istringstream stream(words);
-    for (std::string word; stream >> word;) arguments.push_back(word);
+    for (std::string word; stream >> word;) {
+        arguments.push_back(word);
+    }
     const ProgramResult result = RunProgram(arguments);
-    if (result.exitStatus != 0) throw std::runtime_error("ip " + words + ": " + result.errors);
+    if (result.exitStatus != 0) {
+        throw std::runtime_error("ip " + words + ": " + result.errors);
+    }
 }
 
 void NetworkNamespace::SetSystemControl(const std::string& name, const std::string& value) {
     Run([&] {
         std::ofstream file("/proc/sys/" + name);
         file << value << std::flush;
-        if (!file) throw std::runtime_error("/proc/sys/" + name + " does not take " + value);
+        if (!file) {
+            throw std::runtime_error("/proc/sys/" + name + " does not take " + value);
+        }
     });
 }
 

@@ -34,8 +34,9 @@ ino_t NamespaceOfThisThread() {
 
 std::vector<std::string> Interfaces() {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net"))
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
         names.push_back(entry.path().filename());
+    }
     return names;
 }
 
@@ -101,7 +102,9 @@ TEST(NetworkNamespace, TakesSystemControlsOfItsOwn) {
 }
 
 void Check(bool succeeded, const char* what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+    if (!succeeded) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
 }
 
 /// A folder with this computer's programs, and nothing in sys. Removed with the object, which nothing may be mounted
@@ -110,20 +113,24 @@ class ProgramFolder {
 public:
     ProgramFolder() : m_path(std::filesystem::temp_directory_path() / "nimbrel2-chroot-XXXXXX") {
         Check(mkdtemp(m_path.data()) != nullptr, "mkdtemp");
-        for (const char* name : {"proc", "sys"}) std::filesystem::create_directory(m_path + "/" + name);
+        for (const char* name : {"proc", "sys"}) {
+            std::filesystem::create_directory(m_path + "/" + name);
+        }
         for (const char* name : {"bin", "etc", "lib", "lib64", "sbin", "usr"}) {
             const std::filesystem::path original = std::string("/") + name;
-            if (std::filesystem::is_symlink(original))
+            if (std::filesystem::is_symlink(original)) {
                 std::filesystem::copy_symlink(original, m_path + original.string());
-            else if (std::filesystem::is_directory(original))
+            } else if (std::filesystem::is_directory(original)) {
                 std::filesystem::create_directory(m_path + original.string());
+            }
         }
     }
     // Not remove_all: a mount that was left would take the programs with it.
     ~ProgramFolder() {
         std::error_code ignored;
-        for (const auto& entry : std::filesystem::directory_iterator(m_path, ignored))
+        for (const auto& entry : std::filesystem::directory_iterator(m_path, ignored)) {
             std::filesystem::remove(entry.path(), ignored);
+        }
         std::filesystem::remove(m_path, ignored);
     }
     ProgramFolder(const ProgramFolder&) = delete;
@@ -137,7 +144,9 @@ public:
         SetMountPropagation(MS_PRIVATE);
         for (const auto& entry : std::filesystem::directory_iterator(m_path)) {
             const std::string name = entry.path().filename();
-            if (entry.is_symlink() || name == "sys") continue;
+            if (entry.is_symlink() || name == "sys") {
+                continue;
+            }
             const bool proc = name == "proc";
             Check(mount(proc ? "proc" : ("/" + name).c_str(), entry.path().c_str(), "proc", proc ? 0 : MS_BIND | MS_REC,
                         nullptr) == 0,

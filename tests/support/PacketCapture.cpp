@@ -23,16 +23,20 @@
 namespace Nimbrel2::Testing {
 namespace {
 
-constexpr std::uint32_t kLargestFrame = 65536;
-constexpr std::uint32_t kEthernet = 1;
+constexpr std::uint32_t LargestFrame = 65536;
+constexpr std::uint32_t LinkTypeEthernet = 1;
 
 void Check(int result, const char* what) {
-    if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
 }
 
 /// The file has the byte order of the computer that writes it; its magic number tells which.
 void Write(std::ofstream& file, std::initializer_list<std::uint32_t> words) {
-    for (const std::uint32_t word : words) file.write(reinterpret_cast<const char*>(&word), sizeof(word));
+    for (const std::uint32_t word : words) {
+        file.write(reinterpret_cast<const char*>(&word), sizeof(word));
+    }
 }
 
 }  // namespace
@@ -59,15 +63,19 @@ PacketCapture::PacketCapture(const std::string& interfaceName) {
 PacketCapture::~PacketCapture() { close(m_socket); }
 
 void PacketCapture::Collect() {
-    std::vector<std::uint8_t> buffer(kLargestFrame);
+    std::vector<std::uint8_t> buffer(LargestFrame);
     for (;;) {
         sockaddr_ll from{};
         socklen_t fromSize = sizeof(from);
         const ssize_t size =
             recvfrom(m_socket, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &fromSize);
-        if (size < 0) return;
+        if (size < 0) {
+            return;
+        }
         // A loopback interface shows each frame going out and coming in.
-        if (m_loopback && from.sll_pkttype == PACKET_OUTGOING) continue;
+        if (m_loopback && from.sll_pkttype == PACKET_OUTGOING) {
+            continue;
+        }
         m_frames.emplace_back(buffer.begin(), buffer.begin() + size);
     }
 }
@@ -77,7 +85,7 @@ void PacketCapture::WriteTo(const std::string& path) const {
     const std::array<std::uint16_t, 2> versions{2, 4};
     Write(file, {0xA1B2C3D4});
     file.write(reinterpret_cast<const char*>(versions.data()), sizeof(versions));
-    Write(file, {0, 0, kLargestFrame, kEthernet});
+    Write(file, {0, 0, LargestFrame, LinkTypeEthernet});
     std::uint32_t time = 0;
     for (const auto& frame : m_frames) {
         const auto size = static_cast<std::uint32_t>(frame.size());
@@ -85,7 +93,9 @@ void PacketCapture::WriteTo(const std::string& path) const {
         file.write(reinterpret_cast<const char*>(frame.data()), size);
     }
     file.flush();
-    if (!file) throw std::system_error(errno, std::generic_category(), path);
+    if (!file) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
 }
 
 TemporaryFile::TemporaryFile() {

@@ -35,11 +35,19 @@ inline std::vector<ProcessThread> ListThreads() {
         std::ifstream status(folder.path() / "status");
         for (std::string line; std::getline(status, line);) {
             const std::string value = line.substr(line.find('\t') + 1);
-            if (line.rfind("Name:", 0) == 0) thread.name = value;
-            if (line.rfind("State:", 0) == 0) thread.state = value.front();
-            if (line.rfind("SigBlk:", 0) == 0) thread.blocked = std::stoull(value, nullptr, 16);
+            if (line.rfind("Name:", 0) == 0) {
+                thread.name = value;
+            }
+            if (line.rfind("State:", 0) == 0) {
+                thread.state = value.front();
+            }
+            if (line.rfind("SigBlk:", 0) == 0) {
+                thread.blocked = std::stoull(value, nullptr, 16);
+            }
         }
-        if (!thread.name.empty()) threads.push_back(thread);
+        if (!thread.name.empty()) {
+            threads.push_back(thread);
+        }
     }
     return threads;
 }
@@ -54,7 +62,9 @@ inline std::vector<ProcessThread> ListThreads(const std::string& prefix) {
 /// The sorted names of threads.
 inline std::vector<std::string> NamesOf(const std::vector<ProcessThread>& threads) {
     std::vector<std::string> names;
-    for (const ProcessThread& thread : threads) names.push_back(thread.name);
+    for (const ProcessThread& thread : threads) {
+        names.push_back(thread.name);
+    }
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -66,10 +76,14 @@ inline std::vector<std::string> WrongMasks(const std::vector<ProcessThread>& thr
     for (const ProcessThread& thread : threads) {
         for (int number = 1; number <= SIGRTMAX; ++number) {
             const bool isOfTheCLibrary = number > SIGSYS && number < SIGRTMIN;
-            if (number == SIGKILL || number == SIGSTOP || isOfTheCLibrary) continue;
+            if (number == SIGKILL || number == SIGSTOP || isOfTheCLibrary) {
+                continue;
+            }
             const bool isOpen = number == SIGSEGV || number == SIGBUS || number == SIGFPE || number == SIGILL ||
                                 number == SIGTRAP || number == SIGSYS || number == SIGABRT || number == SIGPROF;
-            if (thread.Blocks(number) == isOpen) wrong.push_back(thread.name + " and signal " + std::to_string(number));
+            if (thread.Blocks(number) == isOpen) {
+                wrong.push_back(thread.name + " and signal " + std::to_string(number));
+            }
         }
     }
     return wrong;
@@ -85,7 +99,9 @@ int InForkedProcess(Function function) {
         _exit(function());
     }
     int status = 0;
-    if (process < 0 || waitpid(process, &status, 0) != process) return -1;
+    if (process < 0 || waitpid(process, &status, 0) != process) {
+        return -1;
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

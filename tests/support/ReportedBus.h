@@ -18,7 +18,9 @@ public:
     void Connect(Platform::BusEventSink* sink) {
         const std::lock_guard lock(m_mutex);
         m_sink = sink;
-        if (m_sink != nullptr) m_sink->Report(m_state);
+        if (m_sink != nullptr) {
+            m_sink->Report(m_state);
+        }
     }
 
     void Reset() {
@@ -28,7 +30,9 @@ public:
     void ResetSettled() {
         const std::lock_guard lock(m_mutex);
         ++m_state.resets;
-        if (m_sink != nullptr) m_sink->ReportSettled(m_state);
+        if (m_sink != nullptr) {
+            m_sink->ReportSettled(m_state);
+        }
     }
     /// Unnoticed: the driver finds it when it looks the next time.
     enum class Notice { AtOnce, Unnoticed };
@@ -45,19 +49,25 @@ public:
             const auto found = std::find_if(state.devices.begin(), state.devices.end(), [&](const auto& device) {
                 return device.firstWord == first && device.secondWord == second;
             });
-            if (found != state.devices.end()) state.devices.erase(found);
+            if (found != state.devices.end()) {
+                state.devices.erase(found);
+            }
         };
         Change(leave, notice);
     }
     void Fail() {
         const std::lock_guard lock(m_mutex);
-        if (m_sink != nullptr) m_sink->RaiseError();
+        if (m_sink != nullptr) {
+            m_sink->RaiseError();
+        }
     }
 
     /// What a listing does: it reports what it finds.
     Platform::BusState Look() {
         const std::lock_guard lock(m_mutex);
-        if (m_sink != nullptr) m_sink->Report(m_state);
+        if (m_sink != nullptr) {
+            m_sink->Report(m_state);
+        }
         return m_state;
     }
 
@@ -66,7 +76,9 @@ private:
     void Change(const Function& change, Notice notice = Notice::AtOnce) {
         const std::lock_guard lock(m_mutex);
         change(m_state);
-        if (m_sink != nullptr && notice == Notice::AtOnce) m_sink->Report(m_state);
+        if (m_sink != nullptr && notice == Notice::AtOnce) {
+            m_sink->Report(m_state);
+        }
     }
 
     mutable std::mutex m_mutex;

@@ -28,7 +28,7 @@ std::string TwoStrangers(const std::string& timeline, const std::string& address
            timeline + "]}";
 }
 
-const char kTaken[] = R"({"take": {"camera": "b", "address": "10.9.9.200", "port": 50000}})";
+const char TestTaken[] = R"({"take": {"camera": "b", "address": "10.9.9.200", "port": 50000}})";
 
 std::string Fault(const std::string& function, unsigned int status) {
     return R"({"fault": {"function": ")" + function + R"(", "call": 1, "status": )" + std::to_string(status) + "}}";
@@ -164,7 +164,9 @@ TEST_P(ForceIpFails, WithTheReason) {
     const ProgramResult result = OnWrongSubnet(arguments);
     EXPECT_EQ(result.exitStatus, GetParam().exitStatus);
     EXPECT_THAT(result.output, IsEmpty());
-    for (const std::string& words : GetParam().said) EXPECT_THAT(result.errors, HasSubstr(words));
+    for (const std::string& words : GetParam().said) {
+        EXPECT_THAT(result.errors, HasSubstr(words));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -233,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(ForceIp, SaysThatACameraInUseStaysWhereItIs) {
     const ProgramResult result =
-        RigComputer(TwoStrangers(kTaken)).Run({"force-ip", "--mac", "02:00:00:00:09:02", "--ip", "192.168.77.20"});
+        RigComputer(TwoStrangers(TestTaken)).Run({"force-ip", "--mac", "02:00:00:00:09:02", "--ip", "192.168.77.20"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors,
@@ -313,7 +315,7 @@ TEST(AutoIp, RefusesASerialNumberOfTwoCamerasAndNamesBoth) {
 }
 
 TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
-    const ProgramResult result = RigComputer(TwoStrangers(kTaken)).Run({"auto-ip"});
+    const ProgramResult result = RigComputer(TwoStrangers(TestTaken)).Run({"auto-ip"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.output,
               "camera 1 (02:00:00:00:09:01): 10.9.9.1/8 became 192.168.77.198/24\n"
@@ -322,7 +324,7 @@ TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
               "    it stays at its old address, most likely because an application holds it\n");
     EXPECT_THAT(result.errors,
                 HasSubstr("nimbrel auto-ip: camera 2 (02:00:00:00:09:02) has no address of the right subnet\n"));
-    const Json json = Json::parse(RigComputer(TwoStrangers(kTaken)).Run({"auto-ip", "--json"}).output);
+    const Json json = Json::parse(RigComputer(TwoStrangers(TestTaken)).Run({"auto-ip", "--json"}).output);
     EXPECT_EQ(json["ok"], false);
     EXPECT_EQ(json["cameras"][0]["result"], "changed");
     EXPECT_EQ(json["cameras"][1]["result"], "failed");
@@ -330,7 +332,7 @@ TEST(AutoIp, ThatFailsForOneCameraServesTheOthersAndSaysSo) {
 }
 
 TEST(AutoIp, OfOneCameraInUseFailsWithTheTimeOut) {
-    const ProgramResult result = RigComputer(TwoStrangers(kTaken)).Run({"auto-ip", "--serial", "2"});
+    const ProgramResult result = RigComputer(TwoStrangers(TestTaken)).Run({"auto-ip", "--serial", "2"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.errors, HasSubstr("has no address of the right subnet"));
 }

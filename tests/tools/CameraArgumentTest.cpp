@@ -45,7 +45,7 @@ TEST_P(WrongCameraWord, IsWrongUsageAndNamed) {
         ParseCamera(GetParam().word);
         FAIL() << "was accepted";
     } catch (const CommandError& error) {
-        EXPECT_EQ(error.GetStatus(), kUsage);
+        EXPECT_EQ(error.GetStatus(), ExitUsage);
         EXPECT_THAT(error.what(), HasSubstr("CAMERA"));
         EXPECT_THAT(error.what(), HasSubstr(GetParam().said));
     }

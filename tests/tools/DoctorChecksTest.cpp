@@ -24,7 +24,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr std::uint32_t kHost = 0xC0A84D01;  // 192.168.77.1
+constexpr std::uint32_t TestHost = 0xC0A84D01;  // 192.168.77.1
 
 InterfaceDiagnosis Interface(int index, const std::string& name, std::uint32_t address) {
     InterfaceDiagnosis entry;
@@ -32,7 +32,9 @@ InterfaceDiagnosis Interface(int index, const std::string& name, std::uint32_t a
     entry.interface.name = name;
     entry.interface.up = entry.interface.running = entry.interface.broadcast = entry.used = true;
     entry.interface.mtu = 1500;
-    if (address != 0) entry.interface.addresses.push_back(InterfaceAddress{address, 24});
+    if (address != 0) {
+        entry.interface.addresses.push_back(InterfaceAddress{address, 24});
+    }
     entry.receiveBuffer = 425984;
     return entry;
 }
@@ -69,8 +71,8 @@ void Disable(CameraDiagnosis& camera, GigEUsability why) {
 class DoctorChecks : public ::testing::Test {
 protected:
     DoctorChecks() {
-        examined.diagnosis.interfaces.push_back(Interface(2, "h0", kHost));
-        examined.diagnosis.cameras.push_back(Camera(5, kHost + 4));
+        examined.diagnosis.interfaces.push_back(Interface(2, "h0", TestHost));
+        examined.diagnosis.cameras.push_back(Camera(5, TestHost + 4));
         Platform::InterfaceHearing hearing;
         hearing.interface = 2;
         hearing.heard = 1;
@@ -101,7 +103,9 @@ protected:
     Finding ExpectWrong(Check<GigEExamination> check) {
         const Findings findings = check(examined);
         EXPECT_THAT(findings, SizeIs(1));
-        if (findings.empty()) return {};
+        if (findings.empty()) {
+            return {};
+        }
         EXPECT_FALSE(findings[0].ok) << findings[0].evidence;
         EXPECT_NE(findings[0].evidence, "");
         EXPECT_NE(findings[0].cure, "");
@@ -112,12 +116,16 @@ protected:
 };
 
 TEST_F(DoctorChecks, FindNothingOnAHealthyComputer) {
-    for (const auto check : GigEChecks()) ExpectFine(check);
+    for (const auto check : GigEChecks()) {
+        ExpectFine(check);
+    }
 }
 
 TEST_F(DoctorChecks, StandEveryEmptyExamination) {
     examined = GigEExamination{};
-    for (const auto check : GigEChecks()) check(examined);
+    for (const auto check : GigEChecks()) {
+        check(examined);
+    }
     EXPECT_THAT(ExpectWrong(CheckInterfaces).evidence,
                 HasSubstr("no network interface of this computer can carry cameras"));
     examined.status = HAL_PERMISSION;
@@ -189,7 +197,7 @@ TEST_F(DoctorChecks, CommandsQuoteNamesForTheShell) {
 }
 
 TEST_F(DoctorChecks, SubnetOverlapIsWrongOnlyWhereTheFilterDropsWhatCamerasSend) {
-    examined.diagnosis.interfaces.push_back(Interface(3, "u0", kHost + 1));
+    examined.diagnosis.interfaces.push_back(Interface(3, "u0", TestHost + 1));
     ExpectFine(CheckSubnetOverlap);
     EXPECT_THAT(CheckSubnetOverlap(examined)[0].evidence,
                 HasSubstr("h0 192.168.77.1/24 and u0 192.168.77.2/24 are in one subnet"));
@@ -250,7 +258,7 @@ TEST_F(DoctorChecks, FirewallHasOneFindingForEachChainThatDropsWithARuleForThatC
                                   DroppingChain(RuleTool::Nft, "wall2", "early", "prerouting"),
                                   DroppingChain(RuleTool::IptablesLegacy, "filter", "OUTPUT", "output"),
                                   DroppingChain(RuleTool::Nft, "wall", "passing", "forward")};
-    Mute(9, kHost + 8, true).onWire = true;
+    Mute(9, TestHost + 8, true).onWire = true;
     const Findings findings = CheckFirewall(examined);
     ASSERT_THAT(findings, SizeIs(3)) << "two for what comes in, one for what goes out";
     const auto with = [&findings](const std::string& chain) {
@@ -271,7 +279,7 @@ TEST_F(DoctorChecks, FirewallHasOneFindingForEachChainThatDropsWithARuleForThatC
 
 TEST_F(DoctorChecks, FirewallWithoutKnownRulesIsWrongOnlyWhenACameraIsSilenced) {
     ExpectFine(CheckFirewall);
-    Mute(9, kHost + 8, true).answersDirectly = true;
+    Mute(9, TestHost + 8, true).answersDirectly = true;
     Finding finding = ExpectWrong(CheckFirewall);
     EXPECT_THAT(finding.evidence,
                 AllOf(HasSubstr("camera 9 (02:00:00:00:00:09) at 192.168.77.9 (answers when asked directly)"),
@@ -331,7 +339,9 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsCamerasWithoutAnAddressAndWithOneThatNoHo
     EXPECT_THAT(finding.evidence, HasSubstr("has the address 224.0.0.1, which no host can have, and is"));
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     for (const auto check : GigEChecks()) {
-        if (check == CheckForeignSubnet) continue;
+        if (check == CheckForeignSubnet) {
+            continue;
+        }
         EXPECT_THAT(check(examined), ::testing::Each(::testing::Field(&Finding::ok, true)));
     }
 }
@@ -346,7 +356,7 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsACameraThatAnotherInterfaceReaches) {
 }
 
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
-    examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, kHost + 4));
+    examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, TestHost + 4));
     Disable(examined.diagnosis.cameras[0], GigEUsability::AddressTaken);
     const Finding finding = ExpectWrong(CheckAddressConflict);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 4"), HasSubstr("camera 5"), HasSubstr("192.168.77.5")));
@@ -354,7 +364,7 @@ TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
 }
 
 TEST_F(DoctorChecks, AddressConflictKnowsThisComputersOwnAddress) {
-    First().record.ipAddress = kHost;
+    First().record.ipAddress = TestHost;
     EXPECT_THAT(ExpectWrong(CheckAddressConflict).evidence, HasSubstr("this computer"));
 }
 
@@ -379,7 +389,7 @@ TEST_F(DoctorChecks, NoAnswerIsTheFindingOfACameraThatNoOtherCheckExplains) {
 }
 
 TEST_F(DoctorChecks, ControlNamesWhoHoldsACameraAndIsWrongOnlyWhenThatIsNotThisComputer) {
-    First().control = {ControlState::Controlled, kHost + 50, 1234};
+    First().control = {ControlState::Controlled, TestHost + 50, 1234};
     Finding finding = ExpectWrong(CheckControl);
     EXPECT_THAT(finding.evidence,
                 AllOf(HasSubstr("camera 5"), HasSubstr("192.168.77.51, port 1234, which is another computer")));
@@ -387,7 +397,7 @@ TEST_F(DoctorChecks, ControlNamesWhoHoldsACameraAndIsWrongOnlyWhenThatIsNotThisC
     First().control = {ControlState::Exclusive, 0, 0};
     EXPECT_THAT(ExpectWrong(CheckControl).evidence,
                 HasSubstr("in use exclusively by an application that it does not name"));
-    First().control = {ControlState::Controlled, kHost, 1234};
+    First().control = {ControlState::Controlled, TestHost, 1234};
     ExpectFine(CheckControl);
     EXPECT_THAT(CheckControl(examined)[0].evidence, HasSubstr("in use by a program on this computer, UDP port 1234"));
     for (const ControlState state : {ControlState::Ours, ControlState::Free, ControlState::Unknown}) {

@@ -33,20 +33,20 @@ protected:
     void SimulateCamera(const std::string& address, const std::string& mac, const std::string& serial) {
         m_simulators.push_back(m_wire.StartProgram({RealProgram(), "simulate", "gige", "--interface", "c0", "--address",
                                                     address, "--mac", mac, "--serial", serial}));
-        ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", kDeadline)) << m_simulators.back()->GetErrors();
+        ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", TestDeadline)) << m_simulators.back()->GetErrors();
     }
 
     void StartIndependentCamera() {
         m_simulators.push_back(m_wire.StartProgram({"arv-fake-gv-camera-0.8", "-i", "192.168.77.100", "-s", "1001"}));
-        const auto list =
-            m_host.RunProgram({RealProgram(), "list", "--bus", "gige", "--wait", "1001", "--timeout", "20"}, kDeadline);
+        const auto list = m_host.RunProgram(
+            {RealProgram(), "list", "--bus", "gige", "--wait", "1001", "--timeout", "20"}, TestDeadline);
         ASSERT_EQ(list.exitStatus, 0) << list.errors;
     }
 
     ProgramResult Run(Words before, const Words& arguments) {
         before.insert(before.end(), {RealProgram(), "doctor", "--bus", "gige", "--discovery-window", "0.3"});
         before.insert(before.end(), arguments.begin(), arguments.end());
-        return m_host.RunProgram(before, kDeadline);
+        return m_host.RunProgram(before, TestDeadline);
     }
 
     /// The findings of a check. Whether any check of all is wrong must be the exit status.
@@ -58,7 +58,9 @@ protected:
         for (const Json& finding : json["findings"]) {
             anyWrong = anyWrong || !finding["ok"].get<bool>();
             EXPECT_EQ(finding["cure"].get<std::string>().empty(), finding["ok"].get<bool>());
-            if (finding["check"] == check) found.push_back(finding);
+            if (finding["check"] == check) {
+                found.push_back(finding);
+            }
         }
         EXPECT_EQ(result.exitStatus, anyWrong ? 1 : 0);
         EXPECT_THAT(result.errors, IsEmpty());
@@ -68,7 +70,9 @@ protected:
     Json OneWrong(const std::string& check, const Words& before = {}) {
         const std::vector<Json> found = Findings(check, before);
         EXPECT_EQ(found.size(), 1u) << check;
-        if (found.empty()) return {{"evidence", ""}, {"cure", ""}};
+        if (found.empty()) {
+            return {{"evidence", ""}, {"cure", ""}};
+        }
         EXPECT_FALSE(found[0]["ok"].get<bool>()) << found[0].dump();
         return found[0];
     }
@@ -83,7 +87,7 @@ protected:
     void Apply(const Json& finding) {
         const std::string cure = finding["cure"];
         const std::string shell = "sudo() { \"$@\"; }; nimbrel() { '" + RealProgram() + "' \"$@\"; }; " + cure;
-        const ProgramResult result = m_host.RunProgram({"bash", "-c", shell}, kDeadline);
+        const ProgramResult result = m_host.RunProgram({"bash", "-c", shell}, TestDeadline);
         EXPECT_EQ(result.exitStatus, 0) << cure << ": " << result.errors;
         EXPECT_NE(cure.front(), '#') << "that is no command";
     }
@@ -92,7 +96,9 @@ protected:
         const Json json = Json::parse(Run(before, {"--json"}).output);
         std::vector<Json> wrong;
         for (const Json& finding : json["findings"]) {
-            if (!finding["ok"].get<bool>()) wrong.push_back(finding);
+            if (!finding["ok"].get<bool>()) {
+                wrong.push_back(finding);
+            }
         }
         return wrong;
     }
@@ -101,7 +107,9 @@ protected:
     void ExpectCured(const Words& before = {}) {
         const std::vector<Json> wrong = AllWrong(before);
         EXPECT_FALSE(wrong.empty());
-        for (const Json& finding : wrong) Apply(finding);
+        for (const Json& finding : wrong) {
+            Apply(finding);
+        }
         const ProgramResult after = Run(before, {});
         EXPECT_EQ(after.exitStatus, 0) << after.output << Json(wrong).dump(2);
         EXPECT_THAT(after.output, HasSubstr("Nothing is wrong."));
@@ -178,15 +186,17 @@ TEST_F(DoctorOnAWire, FindsTwoCamerasOnOneAddressAndItsCureHelps) {
         cameras.push_back(
             network->StartProgram({RealProgram(), "simulate", "gige", "--interface", name, "--address", "192.168.77.55",
                                    "--mac", std::string("02:00:00:00:00:0") + mac, "--serial", mac}));
-        ASSERT_TRUE(cameras.back()->WaitForOutput("\n", kDeadline)) << cameras.back()->GetErrors();
+        ASSERT_TRUE(cameras.back()->WaitForOutput("\n", TestDeadline)) << cameras.back()->GetErrors();
     }
     // A bridge forwards nothing until its ports have come up.
     const auto bothAnswer = [this] {
         const Words discover{RealProgram(), "discover", "--discovery-window", "0.3", "--json"};
-        return Json::parse(m_host.RunProgram(discover, kDeadline).output)["cameras"].size() == 2;
+        return Json::parse(m_host.RunProgram(discover, TestDeadline).output)["cameras"].size() == 2;
     };
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (!bothAnswer()) ASSERT_LT(std::chrono::steady_clock::now(), end);
+    const auto end = std::chrono::steady_clock::now() + TestDeadline;
+    while (!bothAnswer()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    }
     const Json finding = OneWrong("gige.address-conflict");
     EXPECT_THAT(finding["evidence"].get<std::string>(),
                 AllOf(HasSubstr("02:00:00:00:00:01"), HasSubstr("02:00:00:00:00:02"), HasSubstr("192.168.77.55")));
@@ -219,7 +229,7 @@ TEST_F(DoctorOnAWire, AgreesWithDiscoverOnTheReversePathFilter) {
     EXPECT_THAT(Run(Nobody(), {}).output, HasSubstr("drops nothing"));
     Words discover = Nobody();
     discover.insert(discover.end(), {RealProgram(), "discover", "--discovery-window", "0.3"});
-    EXPECT_THAT(m_host.RunProgram(discover, kDeadline).errors, IsEmpty());
+    EXPECT_THAT(m_host.RunProgram(discover, TestDeadline).errors, IsEmpty());
 }
 
 // ---- Firewalls -----------------------------------------------------------------------------------------------------
@@ -238,48 +248,51 @@ class DoctorBehindAFirewall : public DoctorOnAWire, public ::testing::WithParamI
 TEST_P(DoctorBehindAFirewall, FindsEachChainThatDropsAndEachCureHelps) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
     for (const std::string& command : GetParam().commands) {
-        const ProgramResult result = m_host.RunProgram({"sh", "-c", command}, kDeadline);
+        const ProgramResult result = m_host.RunProgram({"sh", "-c", command}, TestDeadline);
         ASSERT_EQ(result.exitStatus, 0) << command << ": " << result.errors;
     }
     const std::vector<Json> wrong = AllWrong();
     EXPECT_EQ(wrong.size(), GetParam().numFindings) << Json(wrong).dump(2);
-    for (const Json& finding : wrong) EXPECT_EQ(finding["check"], "gige.firewall");
+    for (const Json& finding : wrong) {
+        EXPECT_EQ(finding["check"], "gige.firewall");
+    }
     EXPECT_THAT(Json(wrong).dump(), HasSubstr(GetParam().named));
     ExpectCured();
     const Json listed = Json::parse(
-        m_host.RunProgram({RealProgram(), "list", "--bus", "gige", "--discovery-window", "0.3", "--json"}, kDeadline)
+        m_host.RunProgram({RealProgram(), "list", "--bus", "gige", "--discovery-window", "0.3", "--json"}, TestDeadline)
             .output);
     EXPECT_EQ(listed["cameras"].size(), 1u) << "the camera can be used";
 }
 
-const char kTable[] = "nft add table inet wall";
-const char kEstablished[] = "nft add rule inet wall entry ct state established,related accept";
+const char TestTable[] = "nft add table inet wall";
+const char Established[] = "nft add rule inet wall entry ct state established,related accept";
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, DoctorBehindAFirewall,
     ::testing::Values(
         Firewall{"PolicyOfInput",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
-                  kEstablished},
+                 {TestTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+                  Established},
                  1,
                  "inet wall entry"},
         Firewall{"RuleOfInputInAChainOfItsOwn",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; }'",
-                  "nft add chain inet wall strangers", kEstablished,
+                 {TestTable, "nft add chain inet wall entry '{ type filter hook input priority 0; }'",
+                  "nft add chain inet wall strangers", Established,
                   "nft add rule inet wall entry iifname h0 jump strangers", "nft add rule inet wall strangers drop"},
                  1,
                  "of chain strangers"},
         Firewall{"TwoChainsOfInput",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
-                  kEstablished, "nft add table ip second",
+                 {TestTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+                  Established, "nft add table ip second",
                   "nft add chain ip second door '{ type filter hook input priority 10; policy drop; }'"},
                  2,
                  "ip second door"},
-        Firewall{"Prerouting",
-                 {kTable, "nft add chain inet wall entry '{ type filter hook prerouting priority -150; policy drop; }'",
-                  kEstablished},
-                 1,
-                 "inet wall entry"},
+        Firewall{
+            "Prerouting",
+            {TestTable, "nft add chain inet wall entry '{ type filter hook prerouting priority -150; policy drop; }'",
+             Established},
+            1,
+            "inet wall entry"},
         Firewall{"Ingress",
                  {"nft add table netdev edge",
                   "nft add chain netdev edge entry '{ type filter hook ingress device h0 priority 0; }'",
@@ -287,12 +300,12 @@ INSTANTIATE_TEST_SUITE_P(
                  1,
                  "netdev edge entry"},
         Firewall{"RuleOfOutputForItsPort",
-                 {kTable, "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
+                 {TestTable, "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
                   "nft add rule inet wall exit udp dport 3956 drop"},
                  1,
                  "inet wall exit"},
         Firewall{"RuleOfOutputForOneSubnet",
-                 {kTable, "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
+                 {TestTable, "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
                   "nft add rule inet wall exit ip daddr 192.168.77.0/24 reject"},
                  1,
                  "requests to single cameras"},
@@ -314,8 +327,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(DoctorOnAWire, FindsAFirewallWithoutReadingItsRules) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
     for (const char* rule :
-         {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
-          kEstablished}) {
+         {TestTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+          Established}) {
         ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
     }
     const Json finding = OneWrong("gige.firewall", Nobody());
@@ -330,8 +343,8 @@ TEST_F(DoctorOnAWire, FindsAFirewallWithoutReadingItsRules) {
 TEST_F(DoctorOnAWire, LeavesAFirewallAloneThatDropsNothingOfCameras) {
     SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
     for (const char* rule :
-         {kTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
-          "nft add rule inet wall entry udp sport 3956 accept", kEstablished,
+         {TestTable, "nft add chain inet wall entry '{ type filter hook input priority 0; policy drop; }'",
+          "nft add rule inet wall entry udp sport 3956 accept", Established,
           "iptables-legacy -A INPUT -p tcp --dport 22 -j DROP"}) {
         ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
     }
@@ -346,8 +359,10 @@ TEST_F(DoctorOnAWire, FindsAnInterfaceThatIsDownAndItsCureHelps) {
     EXPECT_THAT(finding["evidence"].get<std::string>(), HasSubstr("h0 is down"));
     Apply(finding);
     // The kernel takes a while to notice the link.
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    while (!Findings("gige.interface").at(0)["ok"].get<bool>() && std::chrono::steady_clock::now() < deadline) continue;
+    const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
+    while (!Findings("gige.interface").at(0)["ok"].get<bool>() && std::chrono::steady_clock::now() < deadline) {
+        continue;
+    }
     ExpectFine("gige.interface");
 }
 
@@ -374,13 +389,13 @@ while True:
     time.sleep(0.5)
     write(0xA00, 2)
 )"});
-    ASSERT_TRUE(holder->WaitForOutput("held", kDeadline)) << holder->GetErrors();
+    ASSERT_TRUE(holder->WaitForOutput("held", TestDeadline)) << holder->GetErrors();
     const Json finding = OneWrong("gige.control", Nobody());
     EXPECT_THAT(finding["evidence"].get<std::string>(),
                 AllOf(HasSubstr("camera 2"), HasSubstr("192.168.77.100, port 1234, which is another computer")));
     EXPECT_EQ(finding["cure"], "# end the program on 192.168.77.100 that uses UDP port 1234");
     holder.reset();
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
     while (!Findings("gige.control").at(0)["ok"].get<bool>()) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "its heartbeat runs out";
     }
@@ -399,7 +414,7 @@ TEST_F(DoctorOnAWire, FindsACameraWhoseMaskLeavesThisComputerOutAndItsCureHelps)
     m_simulators.push_back(
         m_wire.StartProgram({RealProgram(), "simulate", "gige", "--interface", "c0", "--address", "192.168.77.102",
                              "--mask", "/30", "--mac", "02:00:00:00:00:02", "--serial", "2"}));
-    ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", kDeadline)) << m_simulators.back()->GetErrors();
+    ASSERT_TRUE(m_simulators.back()->WaitForOutput("\n", TestDeadline)) << m_simulators.back()->GetErrors();
     const Json finding = OneWrong("gige.no-answer");
     EXPECT_THAT(finding["evidence"].get<std::string>(),
                 HasSubstr("its subnet mask 255.255.255.252 leaves this computer out, and it has no gateway"));
@@ -424,7 +439,7 @@ TEST(Doctor, SaysThatThereIsNoNetworkAtAll) {
     NetworkNamespace network;
     network.Ip("link set lo down");
     const ProgramResult result =
-        network.RunProgram({RealProgram(), "doctor", "--bus", "gige", "--discovery-window", "0.1"}, kDeadline);
+        network.RunProgram({RealProgram(), "doctor", "--bus", "gige", "--discovery-window", "0.1"}, TestDeadline);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, HasSubstr("no network interface of this computer can carry cameras (1 in all)"));
     EXPECT_THAT(result.output, HasSubstr("1 thing is wrong."));

@@ -87,14 +87,18 @@ protected:
 
 /// One finding that something is wrong, whose evidence and cure hold these texts.
 MATCHER_P2(IsOneWrong, evidence, cure, "") {
-    if (arg.size() != 1 || arg[0].ok) return false;
+    if (arg.size() != 1 || arg[0].ok) {
+        return false;
+    }
     *result_listener << arg[0].evidence << " | " << arg[0].cure;
     return arg[0].evidence.find(evidence) != std::string::npos && arg[0].cure.find(cure) != std::string::npos;
 }
 
 /// One finding that all is well, whose evidence holds that text.
 MATCHER_P(IsOneFine, evidence, "") {
-    if (arg.size() != 1 || !arg[0].ok || !arg[0].cure.empty()) return false;
+    if (arg.size() != 1 || !arg[0].ok || !arg[0].cure.empty()) {
+        return false;
+    }
     *result_listener << arg[0].evidence;
     return arg[0].evidence.find(evidence) != std::string::npos;
 }
@@ -148,7 +152,9 @@ TEST_F(FireWireChecksOf, ADriverThatCannotLookSayWhy) {
 TEST_F(FireWireChecksOf, ABusThatNobodyDrivesSayNothing) {
     examined.status = HAL_NO_BUS;
     examined.diagnosis = {};
-    for (const auto check : FireWireChecks()) EXPECT_THAT(check(examined), IsEmpty());
+    for (const auto check : FireWireChecks()) {
+        EXPECT_THAT(check(examined), IsEmpty());
+    }
 }
 
 // ---- Permission ----------------------------------------------------------------------------------------------------
@@ -210,7 +216,9 @@ TEST_F(FireWireChecksOf, ABusWithoutCycleMasterSayThatNoCameraCanTransmit) {
 }
 
 TEST_F(FireWireChecksOf, ABusWithoutCamerasLeaveItsManagersAlone) {
-    for (auto& node : Bus().nodes) node.camera = false;
+    for (auto& node : Bus().nodes) {
+        node.camera = false;
+    }
     Bus().busManager.reset();
     EXPECT_THAT(CheckFireWireManager(examined), IsEmpty());
 }

@@ -15,9 +15,9 @@ using Nimbrel2::Testing::ChildProcess;
 using Nimbrel2::Testing::FireWireBusOfCameras;
 using Nimbrel2::Testing::ProgramResult;
 using Nimbrel2::Testing::StandardFireWireBus;
-using Platform::FireWire::kFirstCard;
-using Platform::FireWire::kIsoEnable;
-using Platform::FireWire::kSecondCard;
+using Platform::FireWire::FirstCard;
+using Platform::FireWire::IsoEnableRegister;
+using Platform::FireWire::SecondCard;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -25,12 +25,12 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using Words = std::vector<std::string>;
 
-constexpr std::chrono::seconds kDeadline{60};
-constexpr std::uint32_t kIsoOn = 0x80000000;
+constexpr std::chrono::seconds TestDeadline{60};
+constexpr std::uint32_t IsoOn = 0x80000000;
 
 class FireWireTool : public ::testing::Test {
 protected:
-    void AddStandardBus() { m_computer.AddBus(StandardFireWireBus(), kFirstCard); }
+    void AddStandardBus() { m_computer.AddBus(StandardFireWireBus(), FirstCard); }
 
     /// A program as users have it, with the emulated buses in front of the C library.
     Words CommandLine(const std::string& program, const Words& arguments) const {
@@ -47,7 +47,7 @@ protected:
     }
     Words Nimbrel(const Words& arguments) const { return CommandLine(NIMBREL_PROGRAM, arguments); }
     ProgramResult Run(const Words& arguments) const {
-        return Nimbrel2::Testing::RunProgram(Nimbrel(arguments), kDeadline);
+        return Nimbrel2::Testing::RunProgram(Nimbrel(arguments), TestDeadline);
     }
     Json RunForJson(const Words& arguments) const {
         const ProgramResult result = Run(arguments);
@@ -61,7 +61,9 @@ protected:
         const Json all = Json::parse(result.output, nullptr, false);
         std::map<std::string, Json> wrong;
         for (const Json& finding : all.is_object() ? all.at("findings") : all) {
-            if (!finding.at("ok").get<bool>()) wrong[finding.at("check")] = finding;
+            if (!finding.at("ok").get<bool>()) {
+                wrong[finding.at("check")] = finding;
+            }
         }
         EXPECT_EQ(result.exitStatus, wrong.empty() ? 0 : 1);
         return wrong;
@@ -79,7 +81,9 @@ private:
 /// All nodes of a tree, parents first.
 void Flatten(const Json& node, std::vector<Json>* nodes) {
     nodes->push_back(node);
-    for (const Json& child : node.at("children")) Flatten(child, nodes);
+    for (const Json& child : node.at("children")) {
+        Flatten(child, nodes);
+    }
 }
 
 TEST_F(FireWireTool, ListsCamerasAndOtherNodes) {
@@ -97,13 +101,15 @@ TEST_F(FireWireTool, ListsCamerasAndOtherNodes) {
 TEST_F(FireWireTool, ListsNothingSilentlyOnAComputerWithoutFireWire) {
     const Json list = RunForJson({"--bus", "1394", "list", "--json"});
     EXPECT_THAT(list.at("cameras"), IsEmpty());
-    m_computer.AddIdleController(kFirstCard);
+    m_computer.AddIdleController(FirstCard);
     EXPECT_THAT(RunForJson({"--bus", "1394", "list", "--json"}).at("cameras"), IsEmpty());
 }
 
 TEST_F(FireWireTool, ListsCamerasThatMayNotBeOpened) {
     AddStandardBus();
-    for (const char* phy : {"card", "left", "right", "disk"}) m_computer.Deny(phy);
+    for (const char* phy : {"card", "left", "right", "disk"}) {
+        m_computer.Deny(phy);
+    }
     ActAsUser();
     EXPECT_THAT(RunForJson({"--bus", "1394", "list", "--json"}).at("cameras"), SizeIs(2));
 }
@@ -124,7 +130,9 @@ TEST_F(FireWireTool, TopologyShowsTheHubAndBothCamerasWithTheirSerialNumbers) {
     int hubs = 0;
     for (const Json& node : nodes) {
         const Json& children = node.at("children");
-        if (children.size() != 2 || node.at("ports").size() != 6) continue;
+        if (children.size() != 2 || node.at("ports").size() != 6) {
+            continue;
+        }
         ++hubs;
         EXPECT_EQ(node.at("type"), "device");
         EXPECT_TRUE(holds(children[0], list["cameras"][0])) << node.dump(2);
@@ -145,31 +153,33 @@ TEST_F(FireWireTool, TopologyNamesTheBusWhoseTreeItCannotSee) {
 TEST_F(FireWireTool, WatchTellsOfResetsDeparturesAndArrivals) {
     AddStandardBus();
     ChildProcess watch(Nimbrel({"--bus", "1394", "watch", "--json"}));
-    ASSERT_TRUE(watch.WaitForErrors("2 cameras now", kDeadline)) << watch.GetErrors();
+    ASSERT_TRUE(watch.WaitForErrors("2 cameras now", TestDeadline)) << watch.GetErrors();
     EXPECT_THAT(watch.GetErrors(), Not(HasSubstr("cannot be seen")));
     m_computer.Reset("left");
-    EXPECT_TRUE(watch.WaitForOutput("\"reset\"", kDeadline)) << watch.GetErrors();
+    EXPECT_TRUE(watch.WaitForOutput("\"reset\"", TestDeadline)) << watch.GetErrors();
     m_computer.Unplug("right");
-    EXPECT_TRUE(watch.WaitForOutput("\"removal\"", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("\"removal\"", TestDeadline)) << watch.GetOutput();
     m_computer.Forget("right");
     m_computer.Plug("right");
-    EXPECT_TRUE(watch.WaitForOutput("\"arrival\"", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("\"arrival\"", TestDeadline)) << watch.GetOutput();
     EXPECT_THAT(watch.GetOutput(), HasSubstr("200706"));
     EXPECT_THAT(watch.GetOutput(), Not(HasSubstr("200705")));
 }
 
 TEST_F(FireWireTool, WatchNamesTheBusWhoseResetsItCannotSee) {
     AddStandardBus();
-    m_computer.AddBus(FireWireBusOfCameras(1, "b."), kSecondCard);
-    for (const char* phy : {"card", "left", "right", "disk"}) m_computer.Deny(phy);
+    m_computer.AddBus(FireWireBusOfCameras(1, "b."), SecondCard);
+    for (const char* phy : {"card", "left", "right", "disk"}) {
+        m_computer.Deny(phy);
+    }
     ActAsUser();
     ChildProcess watch(Nimbrel({"--bus", "1394", "watch"}));
-    ASSERT_TRUE(watch.WaitForErrors("the bus of 0000:06:01.0: its resets cannot be seen", kDeadline))
+    ASSERT_TRUE(watch.WaitForErrors("the bus of 0000:06:01.0: its resets cannot be seen", TestDeadline))
         << watch.GetErrors();
-    EXPECT_THAT(watch.GetErrors(), Not(HasSubstr(kSecondCard)));
+    EXPECT_THAT(watch.GetErrors(), Not(HasSubstr(SecondCard)));
     m_computer.Unplug("left");
     m_computer.Forget("left");
-    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << "the kernel's own, two seconds late";
+    EXPECT_TRUE(watch.WaitForOutput("removal", TestDeadline)) << "the kernel's own, two seconds late";
 }
 
 TEST_F(FireWireTool, WatchNoticesDeparturesAndArrivalsWhereUeventsDoNotComeToo) {
@@ -178,12 +188,12 @@ TEST_F(FireWireTool, WatchNoticesDeparturesAndArrivalsWhereUeventsDoNotComeToo) 
     const Words watching = Nimbrel({"--bus", "1394", "watch"});
     words.insert(words.end(), watching.begin(), watching.end());
     ChildProcess watch(words);
-    ASSERT_TRUE(watch.WaitForErrors("2 cameras now", kDeadline)) << watch.GetErrors();
+    ASSERT_TRUE(watch.WaitForErrors("2 cameras now", TestDeadline)) << watch.GetErrors();
     m_computer.Unplug("right");
     m_computer.Forget("right");
-    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("removal", TestDeadline)) << watch.GetOutput();
     m_computer.Plug("right");
-    EXPECT_TRUE(watch.WaitForOutput("arrival", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("arrival", TestDeadline)) << watch.GetOutput();
 }
 
 TEST_F(FireWireTool, ResetResetsTheBus) {
@@ -216,14 +226,14 @@ TEST_F(FireWireTool, PhyReadSaysThatItTakesAPermission) {
 TEST_F(FireWireTool, DoctorFindsNothingWrongOnAHealthyBus) {
     Platform::FireWireBusDescription bus = StandardFireWireBus();
     bus.gapCount = 7;
-    m_computer.AddBus(bus, kFirstCard);
+    m_computer.AddBus(bus, FirstCard);
     const auto wrong = Wrong();
     EXPECT_THAT(wrong, IsEmpty()) << Json(wrong).dump(2);
 }
 
 TEST_F(FireWireTool, DoctorFindsAMissingModuleAFileThatMayNotBeOpenedAndALongGap) {
     AddStandardBus();
-    m_computer.AddIdleController(kSecondCard);
+    m_computer.AddIdleController(SecondCard);
     m_computer.Deny("right");
     ActAsUser();
     const auto wrong = Wrong();
@@ -240,12 +250,12 @@ TEST_F(FireWireTool, DoctorFindsABusThatResetsAgainAndAgainAndTheSocket) {
     ChildProcess doctor(Nimbrel({"--bus", "1394", "doctor", "--json"}));
     ASSERT_TRUE(Platform::FireWire::WaitUntil([&] { return m_computer.HasBeenOpened("card"); }));
     const auto hasFound = [&doctor] { return doctor.GetOutput().find("1394.resets") != std::string::npos; };
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    const auto end = std::chrono::steady_clock::now() + TestDeadline;
     for (bool plugged = true; !doctor.WaitUntil(hasFound, std::chrono::milliseconds(300)); plugged = !plugged) {
         ASSERT_LT(std::chrono::steady_clock::now(), end) << doctor.GetErrors();
         plugged ? m_computer.Unplug("right") : m_computer.Plug("right");
     }
-    EXPECT_EQ(doctor.WaitForExit(kDeadline), 1);
+    EXPECT_EQ(doctor.WaitForExit(TestDeadline), 1);
     EXPECT_THAT(doctor.GetOutput(), AllOf(HasSubstr("1394.resets"), HasSubstr("port 2 of the hub")))
         << doctor.GetErrors();
 }
@@ -255,14 +265,14 @@ TEST_F(FireWireTool, DoctorFindsABusThatResetsAgainAndAgainAndTheSocket) {
 TEST_F(FireWireTool, AnApplicationsCameraTransmitsAgainAfterABusReset) {
     AddStandardBus();
     ChildProcess application(CommandLine(NIMBREL_KEEP_TRANSMITTING, {"200706"}));
-    ASSERT_TRUE(application.WaitForErrors("waiting for a bus reset", kDeadline)) << application.GetErrors();
-    EXPECT_EQ(m_computer.GetRegister("right", kIsoEnable), kIsoOn);
-    m_computer.SetRegister("right", kIsoEnable, 0);  // as a reset does
+    ASSERT_TRUE(application.WaitForErrors("waiting for a bus reset", TestDeadline)) << application.GetErrors();
+    EXPECT_EQ(m_computer.GetRegister("right", IsoEnableRegister), IsoOn);
+    m_computer.SetRegister("right", IsoEnableRegister, 0);  // as a reset does
     m_computer.Reset("right");
-    EXPECT_EQ(application.WaitForExit(kDeadline), 0) << application.GetErrors();
+    EXPECT_EQ(application.WaitForExit(TestDeadline), 0) << application.GetErrors();
     EXPECT_THAT(application.GetOutput(), HasSubstr("transmitting again"));
-    EXPECT_EQ(m_computer.GetRegister("right", kIsoEnable), kIsoOn);
-    EXPECT_EQ(m_computer.GetRegister("left", kIsoEnable), 0u);
+    EXPECT_EQ(m_computer.GetRegister("right", IsoEnableRegister), IsoOn);
+    EXPECT_EQ(m_computer.GetRegister("left", IsoEnableRegister), 0u);
 }
 
 }  // namespace

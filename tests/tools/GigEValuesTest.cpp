@@ -18,7 +18,7 @@ std::string Refused(Parse parse, const std::string& text) {
     try {
         parse("--option", text);
     } catch (const CommandError& error) {
-        return error.GetStatus() == kUsage ? error.what() : "not as wrong usage";
+        return error.GetStatus() == ExitUsage ? error.what() : "not as wrong usage";
     }
     return "accepted";
 }

@@ -20,8 +20,8 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-const Words kOneOfEach{"1394 11 Mill Grinder", "usb 22 5000 Mill Planer", "usb 23 480 Mill Saw",
-                       "gige 44 10.1.2.3 Mill Drill\\sX", "device 0x00010203 7"};
+const Words TestOneOfEach{"1394 11 Mill Grinder", "usb 22 5000 Mill Planer", "usb 23 480 Mill Saw",
+                          "gige 44 10.1.2.3 Mill Drill\\sX", "device 0x00010203 7"};
 
 // No byte that a terminal acts upon.
 bool IsHarmless(const std::string& text) {
@@ -29,7 +29,7 @@ bool IsHarmless(const std::string& text) {
 }
 
 TEST(ListAsJson, HasAnObjectPerCameraWithItsMembersInOrder) {
-    const ProgramResult result = ScriptedComputer(kOneOfEach).Run({"list", "--json"});
+    const ProgramResult result = ScriptedComputer(TestOneOfEach).Run({"list", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.errors, IsEmpty());
     Json json = Json::parse(result.output);
@@ -79,7 +79,7 @@ TEST(ListAsJson, StaysValidAndHarmlessWhateverTheCameraSends) {
 }
 
 TEST(ListForPeople, IsAnAlignedTable) {
-    const ProgramResult result = ScriptedComputer(kOneOfEach).Run({"list"});
+    const ProgramResult result = ScriptedComputer(TestOneOfEach).Run({"list"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.errors, IsEmpty());
     const Words lines = Lines(result.output);
@@ -108,7 +108,9 @@ TEST(ListForPeople, FitsTheColumnsOfTheTerminalWithTheLongestTexts) {
                        "usb 4294967295 5000 " + longText + longText + " " + longText};
     for (const std::size_t columns : {80, 72}) {
         const ProgramResult result = ScriptedComputer(script).RunWith({"COLUMNS=" + std::to_string(columns)}, {"list"});
-        for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), columns) << line;
+        for (const std::string& line : Lines(result.output)) {
+            EXPECT_LE(line.size(), columns) << line;
+        }
         EXPECT_THAT(result.output, AllOf(HasSubstr("255.255.255.255"), HasSubstr("WWW...")));
     }
     const std::string narrow = ScriptedComputer(script).RunWith({"COLUMNS=40"}, {"list"}).output;
@@ -124,27 +126,29 @@ TEST(ListForPeople, CutsNothingInAPipe) {
 
 TEST(ListForPeople, HasTheColumnsThatAreWanted) {
     EXPECT_THAT(
-        Lines(ScriptedComputer(kOneOfEach).Run({"list", "--columns", "model,serial,mac,location,speed"}).output),
+        Lines(ScriptedComputer(TestOneOfEach).Run({"list", "--columns", "model,serial,mac,location,speed"}).output),
         ::testing::IsSupersetOf({"MODEL    SERIAL  MAC                LOCATION       SPEED",
                                  "Planer       22                                 5 Gbit/s",
                                  "Drill X      44  02:00:0a:01:02:03  eth0"}));
 }
 
 TEST(ListForPeople, HasColoursOnTerminalsUnlessToldOtherwise) {
-    const std::string plain = ScriptedComputer(kOneOfEach).Run({"list"}).output;
+    const std::string plain = ScriptedComputer(TestOneOfEach).Run({"list"}).output;
     EXPECT_THAT(plain, Not(HasSubstr("\x1b")));
-    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always"}).output,
+    EXPECT_THAT(ScriptedComputer(TestOneOfEach).Run({"list", "--color", "always"}).output,
                 AllOf(HasSubstr("\x1b[1mSERIAL\x1b[0m"), HasSubstr("\x1b[35mGigE\x1b[0m")));
-    EXPECT_THAT(ScriptedComputer(kOneOfEach).Run({"list", "--color", "always", "--json"}).output,
+    EXPECT_THAT(ScriptedComputer(TestOneOfEach).Run({"list", "--color", "always", "--json"}).output,
                 Not(HasSubstr("\x1b")));
 }
 
 TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
     const auto serials = [](Words filter) {
         filter.insert(filter.begin(), {"list", "--json"});
-        const Json json = Json::parse(ScriptedComputer(kOneOfEach).Run(filter).output);
+        const Json json = Json::parse(ScriptedComputer(TestOneOfEach).Run(filter).output);
         std::string text;
-        for (const Json& camera : json["cameras"]) text += " " + camera["serial_text"].get<std::string>();
+        for (const Json& camera : json["cameras"]) {
+            text += " " + camera["serial_text"].get<std::string>();
+        }
         return text;
     };
     EXPECT_EQ(serials({"--model", "dRILL"}), " 44");
@@ -152,16 +156,18 @@ TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
     EXPECT_EQ(serials({"--serial", "23", "--serial", "11"}), " 11 23");
     EXPECT_EQ(serials({"--vendor", "mill", "--model", "saw", "--model", "planer"}), " 22 23");
     EXPECT_EQ(serials({"--vendor", "nobody"}), "");
-    const ProgramResult none = ScriptedComputer(kOneOfEach).Run({"list", "--vendor", "nobody"});
+    const ProgramResult none = ScriptedComputer(TestOneOfEach).Run({"list", "--vendor", "nobody"});
     EXPECT_EQ(none.exitStatus, 0);
     EXPECT_EQ(none.output, "No camera that is attached fits.\n");
 }
 
 TEST(List, IsSortedByAnyColumnInEitherDirection) {
     const auto serials = [](const std::string& keys) {
-        const Json json = Json::parse(ScriptedComputer(kOneOfEach).Run({"list", "--json", "--sort", keys}).output);
+        const Json json = Json::parse(ScriptedComputer(TestOneOfEach).Run({"list", "--json", "--sort", keys}).output);
         std::string text;
-        for (const Json& camera : json["cameras"]) text += " " + camera["serial_text"].get<std::string>();
+        for (const Json& camera : json["cameras"]) {
+            text += " " + camera["serial_text"].get<std::string>();
+        }
         return text;
     };
     EXPECT_EQ(serials("-serial"), " 44 23 22 11");
@@ -238,15 +244,15 @@ TEST(List, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {
 TEST(List, FailsWhenStandardOutputIsFull) {
     const ScriptedComputer computer;
     const ProgramResult result =
-        Nimbrel2::Testing::RunProgram({"sh", "-c", computer.ShellCommandLine("list --json >/dev/full")}, kDeadline);
+        Nimbrel2::Testing::RunProgram({"sh", "-c", computer.ShellCommandLine("list --json >/dev/full")}, TestDeadline);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.errors, HasSubstr("standard output cannot be written"));
 }
 
 TEST(List, IsQuietWhenNobodyReadsIt) {
-    const ScriptedComputer computer(kOneOfEach);
+    const ScriptedComputer computer(TestOneOfEach);
     const ProgramResult result = Nimbrel2::Testing::RunProgram(
-        {"bash", "-c", computer.ShellCommandLine("list") + " | true; echo ${PIPESTATUS[0]}"}, kDeadline);
+        {"bash", "-c", computer.ShellCommandLine("list") + " | true; echo ${PIPESTATUS[0]}"}, TestDeadline);
     EXPECT_EQ(result.output, "0\n");
     EXPECT_THAT(result.errors, IsEmpty());
 }
@@ -256,10 +262,10 @@ class ListSignal : public ::testing::TestWithParam<int> {};
 TEST_P(ListSignal, EndsTheFirstDiscoveryAtOnce) {
     const ScriptedComputer computer({"hold gige"});
     const auto list = computer.Start({"list"});
-    ASSERT_TRUE(list->WaitForErrors("listing gige is held", kDeadline));
+    ASSERT_TRUE(list->WaitForErrors("listing gige is held", TestDeadline));
     milliseconds took{};
     EXPECT_EQ(EndBy(GetParam(), *list, &took), 128 + GetParam());
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
     EXPECT_THAT(list->GetOutput(), IsEmpty());
 }
 
@@ -269,7 +275,7 @@ INSTANTIATE_TEST_SUITE_P(Signals, ListSignal, ::testing::Values(SIGINT, SIGTERM,
 
 TEST(ListWait, EndsAtOnceWhenTheCamerasAreThere) {
     const ProgramResult result =
-        ScriptedComputer(kOneOfEach).Run({"list", "--wait", "44,11,44", "--timeout", "20", "--json"});
+        ScriptedComputer(TestOneOfEach).Run({"list", "--wait", "44,11,44", "--timeout", "20", "--json"});
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     EXPECT_EQ(Json::parse(result.output)["cameras"].size(), 4u) << "all that is there is listed";
 }
@@ -277,12 +283,12 @@ TEST(ListWait, EndsAtOnceWhenTheCamerasAreThere) {
 TEST(ListWait, EndsWhenTheLastOfTheNamedCamerasArrives) {
     ScriptedComputer computer({"usb 22 5000 V M", "hold gige"});
     const auto list = computer.Start({"list", "--wait", "22,44,45", "--json"});
-    ASSERT_TRUE(list->WaitForErrors("listing gige is held", kDeadline));
+    ASSERT_TRUE(list->WaitForErrors("listing gige is held", TestDeadline));
     computer.Do("release gige");
     computer.Do("gige 44 10.0.0.1 V M");
     EXPECT_FALSE(list->WaitForOutput("44", milliseconds(300))) << "45 is missing";
     computer.Do("gige 45 10.0.0.2 V M");
-    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 0);
     EXPECT_EQ(Json::parse(list->GetOutput())["cameras"].size(), 3u);
     EXPECT_EQ(list->GetErrors(), "listing gige is held\n") << "no progress in a pipe";
 }
@@ -311,10 +317,10 @@ TEST(ListWait, SearchesBrieflyUnlessToldOtherwise) {
 TEST(ListWait, EndsOnCtrlC) {
     ScriptedComputer computer({"tell options"});
     const auto list = computer.Start({"list", "--wait", "5"});
-    ASSERT_TRUE(list->WaitForErrors("options", kDeadline));
+    ASSERT_TRUE(list->WaitForErrors("options", TestDeadline));
     milliseconds took{};
     EXPECT_EQ(EndBy(SIGINT, *list, &took), 128 + SIGINT);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
 // Long enough for every camera to answer on a busy machine; they answer at once.
-const char kWindow[] = "0.4";
+const char Window[] = "0.4";
 
 /// The program where everybody may run it: what it was built in may be its owner's alone.
 class ProgramForEverybody {
@@ -51,7 +51,9 @@ public:
         std::filesystem::copy_file(NIMBREL_PROGRAM, m_folder + "/nimbrel");
         for (const auto& entry : std::filesystem::directory_iterator(NIMBREL_LIBRARY_FOLDER)) {
             const std::string name = entry.path().filename();
-            if (name.rfind("libnimbrel2.so", 0) != 0) continue;
+            if (name.rfind("libnimbrel2.so", 0) != 0) {
+                continue;
+            }
             std::filesystem::copy(entry.path(), m_folder + "/" + name, std::filesystem::copy_options::copy_symlinks);
         }
     }
@@ -83,7 +85,9 @@ private:
 /// The address in a FORCEIP_CMD: behind the header of 8 octets and 20 more.
 std::uint32_t ForcedAddress(const HostileDevice::Request& request) {
     std::uint32_t address = 0;
-    for (std::size_t i = 28; i < 32; ++i) address = address << 8 | request.bytes.at(i);
+    for (std::size_t i = 28; i < 32; ++i) {
+        address = address << 8 | request.bytes.at(i);
+    }
     return address;
 }
 
@@ -121,17 +125,19 @@ protected:
 
     static Words WithWindow(Words program, const Words& arguments) {
         program.insert(program.end(), arguments.begin(), arguments.end());
-        program.insert(program.end(), {"--discovery-window", kWindow});
+        program.insert(program.end(), {"--discovery-window", Window});
         return program;
     }
 
     ProgramResult Run(const Words& arguments) {
-        return m_host.RunProgram(WithWindow({RealProgram()}, arguments), kDeadline);
+        return m_host.RunProgram(WithWindow({RealProgram()}, arguments), TestDeadline);
     }
 
     ProgramResult RunAsNobody(const Words& arguments) {
-        if (!m_forEverybody) m_forEverybody = std::make_unique<ProgramForEverybody>();
-        return m_host.RunProgram(WithWindow(m_forEverybody->CommandLine(), arguments), kDeadline);
+        if (!m_forEverybody) {
+            m_forEverybody = std::make_unique<ProgramForEverybody>();
+        }
+        return m_host.RunProgram(WithWindow(m_forEverybody->CommandLine(), arguments), TestDeadline);
     }
 
     /// "serial@ip" of what a command printed.
@@ -196,7 +202,7 @@ TEST_F(GigEAddresses, AreShownWithoutAWarningWhereTheFilterIsOff) {
 
 TEST_F(GigEAddresses, CannotBeShownOnAClosedStandardOutput) {
     const std::string program = RealProgram() + " discover --discovery-window 0.1";
-    const ProgramResult result = m_host.RunProgram({"sh", "-c", program + " <&- >&-"}, kDeadline);
+    const ProgramResult result = m_host.RunProgram({"sh", "-c", program + " <&- >&-"}, TestDeadline);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.errors, "nimbrel discover: standard output cannot be written: Bad file descriptor\n");
 }
@@ -381,7 +387,9 @@ TEST_F(GigEAddresses, AreAskedFromTheSourcePortsOfTheUser) {
 }
 
 TEST_F(GigEAddresses, NeedAPortForEachCamera) {
-    for (unsigned int number = 2; number < 8; ++number) AddCamera("192.168.77.10" + std::to_string(number), number);
+    for (unsigned int number = 2; number < 8; ++number) {
+        AddCamera("192.168.77.10" + std::to_string(number), number);
+    }
     const ProgramResult result = Run({"list", "--interface", "h0", "--source-port", "50000-50004"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel: h0 is searched in part: "), HasSubstr("50000-50004"),
@@ -393,7 +401,7 @@ TEST_F(GigEAddresses, EndASearchAsSoonAsTheNamedCameraAnswers) {
     for (const char* camera : {"ip:192.168.77.102", "mac:02-00-00-00-00-02"}) {
         const auto start = std::chrono::steady_clock::now();
         const ProgramResult result = m_host.RunProgram(
-            {RealProgram(), "control", camera, "--bus", "gige", "--discovery-window", "30"}, kDeadline);
+            {RealProgram(), "control", camera, "--bus", "gige", "--discovery-window", "30"}, TestDeadline);
         EXPECT_EQ(result.exitStatus, 0) << result.errors;
         EXPECT_EQ(result.output, "Camera 2 is free: this computer may control it.\n");
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << "half of the window";
@@ -438,7 +446,9 @@ TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatOnlyAcknowledges) {
     m_wire.Ip("addr add 192.168.77.50/24 dev c0");
     const HostileDevice device(
         m_wire, Ip("192.168.77.50"), [](HostileDevice& self, const HostileDevice::Request& request) {
-            if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) return;
+            if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                return;
+            }
             self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
         });
     const ProgramResult result = Run({"force-ip", "--mac", "02:00:00:00:00:09", "--ip", "192.168.77.50", "--force"});
@@ -527,7 +537,7 @@ TEST_F(GigEAddresses, AreForcedByOneBroadcastThatAnIndependentDissectorUnderstan
     });
     const auto tshark = [&](Words arguments) {
         arguments.insert(arguments.begin(), {"tshark", "-r", file.GetPath()});
-        return Nimbrel2::Testing::RunProgram(arguments, kDeadline).output;
+        return Nimbrel2::Testing::RunProgram(arguments, TestDeadline).output;
     };
     EXPECT_THAT(tshark({"-Y", "gvcp && (_ws.malformed || _ws.expert.severity >= 0x600000)"}), IsEmpty());
     EXPECT_EQ(tshark({"-Y", "gvcp.cmd.command == 4", "-T", "fields", "-E", "separator=,", "-e", "ip.dst", "-e",
@@ -551,7 +561,7 @@ TEST_F(GigEAddresses, AreNotTouchedByADryRun) {
     const auto packets = [&](const std::string& filter) {
         Words words = tshark;
         words.push_back(filter);
-        return Nimbrel2::Testing::RunProgram(words, kDeadline).output;
+        return Nimbrel2::Testing::RunProgram(words, TestDeadline).output;
     };
     EXPECT_THAT(packets("gvcp.cmd.command == 2"), Not(IsEmpty())) << "it was looked for";
     EXPECT_THAT(packets("gvcp.cmd.command == 4"), IsEmpty());
@@ -564,15 +574,15 @@ protected:
     // Without the simulated cameras: the independent one listens at their port.
     ControlOfAnIndependentCamera() {
         m_cameras.reset();
-        m_camera.emplace(m_wire, kAddress, "7");
+        m_camera.emplace(m_wire, TestAddress, "7");
         m_camera->SetMac(0x020000007701);
         m_holder.emplace(m_wire);
-        EXPECT_TRUE(m_holder->Write(kAddress, 0x938, 60000)) << "a heartbeat time that no busy machine exceeds";
+        EXPECT_TRUE(m_holder->Write(TestAddress, 0x938, 60000)) << "a heartbeat time that no busy machine exceeds";
     }
 
-    void Take(std::uint32_t privilege) { EXPECT_TRUE(m_holder->Write(kAddress, 0xA00, privilege)); }
+    void Take(std::uint32_t privilege) { EXPECT_TRUE(m_holder->Write(TestAddress, 0xA00, privilege)); }
 
-    static constexpr char kAddress[] = "192.168.77.100";
+    static constexpr char TestAddress[] = "192.168.77.100";
     std::optional<IndependentCamera> m_camera;
     std::optional<RawGvcp> m_holder;
 };
@@ -597,8 +607,8 @@ TEST_F(ControlOfAnIndependentCamera, IsNotFreeWhenAnotherApplicationHoldsItExclu
 }
 
 TEST_F(ControlOfAnIndependentCamera, IsNotFreeAndTheHolderIsNamedWhenTheCameraTells) {
-    EXPECT_TRUE(m_holder->Write(kAddress, 0xA04, 55555));
-    EXPECT_TRUE(m_holder->Write(kAddress, 0xA14, Ip("192.168.77.99")));
+    EXPECT_TRUE(m_holder->Write(TestAddress, 0xA04, 55555));
+    EXPECT_TRUE(m_holder->Write(TestAddress, 0xA14, Ip("192.168.77.99")));
     Take(2);
     EXPECT_EQ(Run({"control", "7", "--json"}).output,
               R"({"available":false,"exclusive":false,"holder":{"ip":"192.168.77.99","port":55555}})"

@@ -23,9 +23,9 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::UnorderedElementsAre;
 
-const char kReady[] = "Ctrl-C ends.\n";
+const char TestReady[] = "Ctrl-C ends.\n";
 /// How long a camera that comes or goes may take to be told.
-constexpr milliseconds kNoticed{3000};
+constexpr milliseconds Noticed{3000};
 
 /// Four cameras, 1001 to 1004 on 127.0.0.1 to .4.
 class LoopbackCameras : public ::testing::Test {
@@ -34,7 +34,9 @@ protected:
         for (int number = 2; number <= 4; ++number) {
             m_network.Ip("addr add 127.0.0." + std::to_string(number) + "/8 dev lo");
         }
-        for (int number = 1; number <= 4; ++number) StartCamera(number);
+        for (int number = 1; number <= 4; ++number) {
+            StartCamera(number);
+        }
     }
 
     void StartCamera(int number) {
@@ -48,7 +50,7 @@ protected:
     ProgramResult Run(const Words& arguments) {
         Words words{RealProgram()};
         words.insert(words.end(), arguments.begin(), arguments.end());
-        return m_network.RunProgram(words, kDeadline);
+        return m_network.RunProgram(words, TestDeadline);
     }
 
     std::unique_ptr<ChildProcess> Start(const Words& arguments) {
@@ -96,38 +98,43 @@ TEST(ListWithoutCameras, NamesTheNetworkInterfacesThatWereSearchedAndNoOthers) {
     network.Ip("link set v0 up");
     network.Ip("link set v1 up");
     const Words list{RealProgram(), "list", "--bus", "gige"};
-    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: no network interface is up with a link"))
+    EXPECT_THAT(network.RunProgram(list, TestDeadline).output,
+                HasSubstr("GigE: no network interface is up with a link"))
         << "they have no IPv4 address";
     network.Ip("addr add 10.1.2.3/24 dev v0");
-    EXPECT_THAT(network.RunProgram(list, kDeadline).output, HasSubstr("GigE: searched v0.\n"));
+    EXPECT_THAT(network.RunProgram(list, TestDeadline).output, HasSubstr("GigE: searched v0.\n"));
 }
 
 TEST_F(LoopbackCameras, AreWatchedAsTheyComeAndGo) {
     ASSERT_EQ(Run({"list", "--interface", "lo", "--wait", "1001,1002,1003,1004", "--timeout", "20"}).exitStatus, 0);
     const auto watch = Start({"watch", "--interface", "lo", "--json"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     EXPECT_THAT(watch->GetErrors(), HasSubstr(": 4 cameras now."));
     const auto sees = [&](const std::string& kind, int serial) {
         return watch->WaitUntil(
             [&] {
                 for (const Json& event : ParseLines(watch->GetOutput())) {
-                    if (event["event"] == kind && event["serial"] == serial) return true;
+                    if (event["event"] == kind && event["serial"] == serial) {
+                        return true;
+                    }
                 }
                 return false;
             },
-            kNoticed);
+            Noticed);
     };
     KillCamera(3);
     EXPECT_TRUE(sees("removal", 1003)) << watch->GetOutput();
     StartCamera(3);
     EXPECT_TRUE(sees("arrival", 1003)) << watch->GetOutput();
     for (const Json& event : ParseLines(watch->GetOutput())) {
-        if (event["event"] == "reset") continue;
+        if (event["event"] == "reset") {
+            continue;
+        }
         EXPECT_EQ(event["serial"], 1003) << "nothing happened to the others";
     }
     milliseconds took{};
     EXPECT_EQ(EndBy(SIGINT, *watch, &took), 0);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
 }
 
 TEST_F(LoopbackCameras, AreWaitedForUntilTheyAnswer) {
@@ -136,8 +143,8 @@ TEST_F(LoopbackCameras, AreWaitedForUntilTheyAnswer) {
     EXPECT_FALSE(list->WaitForOutput("1002", milliseconds(700)));
     StartCamera(2);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, kNoticed);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, Noticed);
     EXPECT_THAT(list->GetOutput(), HasSubstr("127.0.0.2"));
 }
 
@@ -153,13 +160,13 @@ TEST_F(LoopbackCameras, LetCtrlCEndTheDiscoveryAtOnce) {
     const auto list = Start({"list", "--interface", "lo", "--discovery-window", "30"});
     // It is inside the discovery once it has a socket for it.
     const std::string socket = "pid=" + std::to_string(list->GetPid()) + ",";
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
     while (m_network.RunProgram({"ss", "-Huanp"}).output.find(socket) == std::string::npos) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);
     }
     milliseconds took{};
     EXPECT_EQ(EndBy(SIGINT, *list, &took), 128 + SIGINT);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
 }
 
 }  // namespace

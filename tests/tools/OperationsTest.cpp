@@ -129,7 +129,9 @@ TEST(Operation, TakesOptionsOfTheBusesBeforeTheCommandToo) {
 TEST(CameraArgument, MayBeAGuidInEitherCase) {
     std::string guid = GuidOf({"--demo"}, "cameras", 3);
     EXPECT_EQ(OnDemo({"usb-link", "guid:" + guid}).exitStatus, 0);
-    for (char& c : guid) c = static_cast<char>(std::toupper(c));
+    for (char& c : guid) {
+        c = static_cast<char>(std::toupper(c));
+    }
     EXPECT_EQ(OnDemo({"usb-link", "guid:" + guid}).exitStatus, 0);
 }
 
@@ -198,8 +200,9 @@ TEST(CameraArgument, FailsWhereNothingIsListed) {
 
 TEST(CameraArgument, OfManyCamerasIsNotAnsweredWithAllOfThem) {
     Words lines;
-    for (int i = 0; i < 9; ++i)
+    for (int i = 0; i < 9; ++i) {
         lines.push_back("gige 10" + std::to_string(i) + " 10.0.0." + std::to_string(i) + " V M");
+    }
     EXPECT_THAT(ScriptedComputer(lines).Run({"reset", "5"}).errors,
                 HasSubstr("; 9 cameras are listed, see `nimbrel list`"));
     EXPECT_THAT(ScriptedComputer(lines).Run({"control", "ip:10.0.0.77"}).errors,
@@ -225,7 +228,9 @@ TEST_P(FailsOnTheDemo, WithStatus1AndTheReason) {
     EXPECT_THAT(result.output, IsEmpty());
     const std::string command = arguments[0] == "phy" ? "phy " + arguments[1] : arguments[0];
     EXPECT_THAT(result.errors, StartsWith("nimbrel " + command + ": "));
-    for (const std::string& words : GetParam().said) EXPECT_THAT(result.errors, HasSubstr(words));
+    for (const std::string& words : GetParam().said) {
+        EXPECT_THAT(result.errors, HasSubstr(words));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -282,8 +287,9 @@ TEST_P(FailsInTheHal, WithCameraBusAndCauseInAUsersWords) {
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, HasSubstr(GetParam().said));
-    for (const char* ours : {"BusMaster.cpp", "rror 0x", "built", "(error"})
+    for (const char* ours : {"BusMaster.cpp", "rror 0x", "built", "(error"}) {
         EXPECT_THAT(result.errors, Not(HasSubstr(ours)));
+    }
 }
 
 TEST(Verbose, ShowsTheWholeChainOfAnErrorAndItsPlace) {
@@ -345,7 +351,9 @@ TEST(Control, OfACameraThatDoesNotAnswerFailsAndNamesTheDoctor) {
     ProgramResult result;
     for (unsigned int call = 1; call <= 10; ++call) {
         result = RigComputer(OneOfEach(Fault("HAL_GigEReadRegister", 7, call))).Run({"control", "33"});
-        if (result.errors.find("controls it") != std::string::npos) break;
+        if (result.errors.find("controls it") != std::string::npos) {
+            break;
+        }
     }
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, IsEmpty());

@@ -70,7 +70,9 @@ std::ostream& operator<<(std::ostream& out, Fate fate) {
 Fate FateOf(const RuleSet& rules, const Packet& packet) {
     const std::vector<Blocker> blockers = rules.FindBlockers(packet);
     EXPECT_LE(blockers.size(), 1u);
-    if (blockers.empty()) return Fate::Passes;
+    if (blockers.empty()) {
+        return Fate::Passes;
+    }
     return blockers[0].sure ? Fate::Dropped : Fate::Perhaps;
 }
 
@@ -83,7 +85,7 @@ struct RuleRow {
 
 std::ostream& operator<<(std::ostream& out, const RuleRow& row) { return out << row.name; }
 
-const char kDropAll[] = R"({"drop": null})";
+const char DropAll[] = R"({"drop": null})";
 
 class NftRule : public ::testing::TestWithParam<RuleRow> {};
 
@@ -95,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
     Rules, NftRule,
     ::testing::Values(
         RuleRow{"NoRule", "accept", "", Fate::Passes}, RuleRow{"PolicyDrop", "drop", "", Fate::Dropped},
-        RuleRow{"DropAll", "accept", kDropAll, Fate::Dropped},
+        RuleRow{"DropAll", "accept", DropAll, Fate::Dropped},
         RuleRow{"RejectAll", "accept", R"({"reject": {"type": "icmpx"}})", Fate::Dropped},
         RuleRow{
             "OfItsPort", "drop",
@@ -169,10 +171,14 @@ TEST(NftRules, AreFoundAtEachHookThatThePacketPasses) {
         {"chain": {"family": "inet", "table": "t", "name": "fwd", "hook": "forward", "policy": "drop"}},
         {"chain": {"family": "ip6", "table": "t", "name": "six", "hook": "input", "policy": "drop"}}]})");
     std::vector<std::string> names;
-    for (const Blocker& blocker : rules.FindBlockers(Answer())) names.push_back(blocker.chain->name);
+    for (const Blocker& blocker : rules.FindBlockers(Answer())) {
+        names.push_back(blocker.chain->name);
+    }
     EXPECT_THAT(names, ::testing::ElementsAre("mine", "pre", "in"));
     names.clear();
-    for (const Blocker& blocker : rules.FindBlockers(Request())) names.push_back(blocker.chain->name);
+    for (const Blocker& blocker : rules.FindBlockers(Request())) {
+        names.push_back(blocker.chain->name);
+    }
     EXPECT_THAT(names, ::testing::ElementsAre("out", "post"));
 }
 
@@ -187,7 +193,9 @@ TEST(NftRules, OfIptablesAreLeftToIptables) {
 }
 
 TEST(NftRules, ThatAreNoneAreRefusedAndOddOnesAreSkipped) {
-    for (const char* bad : {"", "7", "[]", "{", R"({"nftables": 3})"}) EXPECT_FALSE(ParseNftRules(bad)) << bad;
+    for (const char* bad : {"", "7", "[]", "{", R"({"nftables": 3})"}) {
+        EXPECT_FALSE(ParseNftRules(bad)) << bad;
+    }
     EXPECT_TRUE(ParseNftRules(
         R"({"nftables": [7, null, {"rule": {"family": "inet"}}, {"chain": "odd"}, {"rule": {"expr": 3}}]})"));
 }

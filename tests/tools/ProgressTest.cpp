@@ -44,28 +44,36 @@ public:
 
     /// Reads until the text has come. @return all that has come so far.
     std::string ReadUntil(const std::string& text) {
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
         while (m_text.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            if (!ReadSome(100) && m_closed) break;
+            if (!ReadSome(100) && m_closed) {
+                break;
+            }
         }
         return m_text;
     }
 
     /// Everything, once no program has the terminal open any more.
     std::string ReadToEnd() {
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (!m_closed && std::chrono::steady_clock::now() < deadline) ReadSome(100);
+        const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
+        while (!m_closed && std::chrono::steady_clock::now() < deadline) {
+            ReadSome(100);
+        }
         return m_text;
     }
 
 private:
     bool ReadSome(int patience) {
         pollfd wait{m_fd, POLLIN, 0};
-        if (poll(&wait, 1, patience) <= 0) return false;
+        if (poll(&wait, 1, patience) <= 0) {
+            return false;
+        }
         std::array<char, 4096> buffer;
         const ssize_t size = read(m_fd, buffer.data(), buffer.size());
         m_closed = size <= 0;
-        if (size > 0) m_text.append(buffer.data(), static_cast<std::size_t>(size));
+        if (size > 0) {
+            m_text.append(buffer.data(), static_cast<std::size_t>(size));
+        }
         return size > 0;
     }
 
@@ -90,7 +98,7 @@ TEST(Progress, IsShownOnATerminalAndWipedAfterwards) {
     EXPECT_THAT(terminal.ReadUntil("Discovering GigE cameras ... 0.3 s"),
                 HasSubstr("Discovering GigE cameras ... 0.3 s"));
     computer.Do("release gige");
-    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 0);
     EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
     EXPECT_EQ(Json::parse(list->GetOutput()).size(), 3u);
 }
@@ -104,7 +112,7 @@ TEST(Progress, ShowsWhatHasBeenHeardSoFar) {
     EXPECT_THAT(terminal.ReadUntil("10.0.0.2"), HasSubstr("2 heard: 10.0.0.1 Mill? Drill, 10.0.0.2 Mill Saw\033[K"));
     EXPECT_THAT(list->GetOutput(), IsEmpty()) << "the table comes once, whole";
     computer.Do("release gige");
-    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 0);
     EXPECT_THAT(list->GetOutput(), HasSubstr("2 cameras"));
 }
 
@@ -114,7 +122,7 @@ TEST(Progress, IsWipedWhenASignalEndsTheProgram) {
     const auto list = StartOn(terminal, computer, "list");
     terminal.ReadUntil("Discovering");
     list->Signal(SIGINT);
-    EXPECT_EQ(list->WaitForExit(kDeadline), 128 + SIGINT);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 128 + SIGINT);
     EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
 }
 
@@ -126,7 +134,7 @@ TEST(Progress, TellsWhoIsWaitedFor) {
     computer.Do("usb 2 480 V M");
     EXPECT_THAT(terminal.ReadUntil("Waiting for camera 3 ... "), HasSubstr("Waiting for camera 3 ... "));
     computer.Do("usb 3 480 V M");
-    EXPECT_EQ(list->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 0);
     EXPECT_THAT(terminal.ReadToEnd(), EndsWith("\r\033[K"));
 }
 
@@ -137,7 +145,7 @@ TEST(Progress, IsShownWhileACameraTakesItsAddress) {
             "timeline": [{"fault": {"function": "HAL_GvcpForceIp", "call": 1, "delayMs": 1500}}]})");
     Terminal terminal(80);
     const auto force = StartOn(terminal, rig, "force-ip --mac 02:00:00:00:09:01 --ip 192.168.77.20");
-    EXPECT_EQ(force->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(force->WaitForExit(TestDeadline), 0);
     EXPECT_THAT(terminal.ReadToEnd(), ::testing::AllOf(HasSubstr("Waiting for 02:00:00:00:09:01 at 192.168.77.20 ... "),
                                                        EndsWith("\r\033[K")));
 }
@@ -148,14 +156,14 @@ TEST(Progress, NeverWrapsInANarrowTerminal) {
     const auto list = StartOn(terminal, computer, "list");
     EXPECT_THAT(terminal.ReadUntil("| Discov..."), HasSubstr("\r| Discov...\033[K"));
     list->Signal(SIGINT);
-    EXPECT_EQ(list->WaitForExit(kDeadline), 128 + SIGINT);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 128 + SIGINT);
 }
 
 TEST(Progress, IsNotShownWhereItCannotBeWiped) {
     ScriptedComputer computer;
     Terminal terminal(80);
     const auto list = StartOn(terminal, computer, "list --wait 9 --timeout 0.6", "TERM=dumb");
-    EXPECT_EQ(list->WaitForExit(kDeadline), 1);
+    EXPECT_EQ(list->WaitForExit(TestDeadline), 1);
     EXPECT_THAT(terminal.ReadToEnd(), Not(HasSubstr("Waiting")));
 }
 

@@ -33,7 +33,7 @@ public:
     ProgramResult Run(Words words) const {
         words.insert(words.begin(), RealProgram());
         words.push_back(m_path);
-        return Nimbrel2::Testing::RunProgram(words, kDeadline);
+        return Nimbrel2::Testing::RunProgram(words, TestDeadline);
     }
 
 private:
@@ -49,13 +49,13 @@ std::string WithTimeline(const std::string& timeline, const std::string& end = "
            timeline + "]" + (end.empty() ? "" : ", \"end\": {\"cameras\": [" + end + "]}") + "}";
 }
 
-const Words kInBothModes[] = {{"rig", "play"}, {"rig", "play", "--fast"}};
+const Words InBothModes[] = {{"rig", "play"}, {"rig", "play", "--fast"}};
 
 TEST(RigPlay, FindsAnAwaitedEventThatCameBeforeTheStepsBetween) {
     const RigOnDisk rig(WithTimeline(R"({"unplug": "a"}, {"release": "b"},
         {"after": {"event": "removal", "serial": 5}, "plug": "a"})",
                                      "5, 6, 7"));
-    for (const Words& words : kInBothModes) {
+    for (const Words& words : InBothModes) {
         const ProgramResult result = rig.Run(words);
         EXPECT_EQ(result.exitStatus, 0) << result.errors;
         EXPECT_THAT(result.output, HasSubstr("3 cameras, as the file says"));
@@ -71,7 +71,7 @@ TEST(RigPlay, FindsEventsOfOneStepInAnyOrder) {
         {"after": {"event": "arrival", "serial": 6}, "unplug": "b"},
         {"after": {"event": "removal", "serial": 6}, "plug": "b"})",
                                      "7, 6, 5"));
-    for (const Words& words : kInBothModes) {
+    for (const Words& words : InBothModes) {
         const ProgramResult result = rig.Run(words);
         EXPECT_EQ(result.exitStatus, 0) << result.errors;
     }
@@ -87,7 +87,7 @@ TEST(RigPlay, FindsEachEventOnce) {
 
 TEST(RigPlay, EndsWithTheSerialNumbersThatAreMissingAndTooMany) {
     const RigOnDisk rig(WithTimeline("", "6, 8, 9, 7, 7"));
-    for (const Words& words : kInBothModes) {
+    for (const Words& words : InBothModes) {
         const ProgramResult result = rig.Run(words);
         EXPECT_EQ(result.exitStatus, 1);
         EXPECT_EQ(result.errors, "nimbrel rig play: " + rig.Path() +
@@ -107,9 +107,9 @@ TEST(RigPlay, WarnsOfAFaultThatNeverHappened) {
 }
 
 TEST(RigPlay, WaitsForNothingWhenItIsFast) {
-    constexpr int kSteps = 500;
+    constexpr int Steps = 500;
     std::string steps;
-    for (int i = 0; i < kSteps; ++i) {
+    for (int i = 0; i < Steps; ++i) {
         steps += std::string(i == 0 ? "" : ",") + R"({"at": )" + std::to_string(i) +
                  (i % 2 == 0 ? R"(, "unplug": "a"})" : R"(, "plug": "a"})");
     }
@@ -119,7 +119,7 @@ TEST(RigPlay, WaitsForNothingWhenItIsFast) {
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     // The steps are a second apart. With a sanitizer everything is ten times as slow.
     EXPECT_LT(std::chrono::steady_clock::now() - start,
-              std::chrono::milliseconds(10) * kSteps * (NIMBREL2_TESTS_SANITIZED ? 10 : 1))
+              std::chrono::milliseconds(10) * Steps * (NIMBREL2_TESTS_SANITIZED ? 10 : 1))
         << "as long as one pause of 10 ms per step";
 }
 
@@ -147,7 +147,7 @@ TEST(RigCheck, KeepsControlCharactersOfAFileFromTheTerminal) {
 }
 
 TEST(RigCheck, NeedsAFileAndSaysSo) {
-    const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "rig", "check", "--help"}, kDeadline);
+    const ProgramResult result = Nimbrel2::Testing::RunProgram({RealProgram(), "rig", "check", "--help"}, TestDeadline);
     EXPECT_THAT(result.output, AllOf(HasSubstr("REQUIRED"), Not(HasSubstr("built-in"))));
 }
 

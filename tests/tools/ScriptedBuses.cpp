@@ -259,7 +259,9 @@ void ScriptedBuses::Do(const std::string& line) {
     } else if (verb == "usb" || verb == "1394" || verb == "virtual") {
         camera.serialText = word();
         camera.serialNumber = static_cast<std::uint32_t>(std::stoul(camera.serialText));
-        if (verb == "usb") camera.number = number();
+        if (verb == "usb") {
+            camera.number = number();
+        }
         camera.vendor = word();
         camera.model = word();
         Attach(camera);
@@ -282,7 +284,9 @@ void ScriptedBuses::Do(const std::string& line) {
         const std::uint32_t status = number();
         const std::lock_guard lock(m_mutex);
         for (const CameraPointer& known : m_cameras) {
-            if (known->serialText != serialText) continue;
+            if (known->serialText != serialText) {
+                continue;
+            }
             known->staleListings = m_listings;
             known->staleStatus = status;
         }
@@ -323,7 +327,9 @@ void ScriptedBuses::Remove(const std::string& serialText) {
         const std::lock_guard lock(m_mutex);
         const auto found = std::find_if(m_cameras.begin(), m_cameras.end(),
                                         [&](const CameraPointer& camera) { return camera->serialText == serialText; });
-        if (found == m_cameras.end()) throw std::runtime_error("there is no camera " + serialText);
+        if (found == m_cameras.end()) {
+            throw std::runtime_error("there is no camera " + serialText);
+        }
         bus = BusOf((*found)->kind);
         m_cameras.erase(found);
     }
@@ -334,7 +340,9 @@ void ScriptedBuses::Remove(const std::string& serialText) {
 Platform::BusState ScriptedBuses::StateOf(const std::string& bus) const {
     Platform::BusState state{m_buses.at(bus).resets, {}};
     for (const CameraPointer& camera : m_cameras) {
-        if (BusOf(camera->kind) != bus || camera->kind == "virtual") continue;
+        if (BusOf(camera->kind) != bus || camera->kind == "virtual") {
+            continue;
+        }
         state.devices.push_back({std::to_string(reinterpret_cast<std::uintptr_t>(camera.get()))});
     }
     return state;
@@ -343,7 +351,9 @@ Platform::BusState ScriptedBuses::StateOf(const std::string& bus) const {
 void ScriptedBuses::Report(const std::string& bus) {
     const std::lock_guard lock(m_mutex);
     Platform::BusEventSink* sink = m_buses.at(bus).sink;
-    if (sink != nullptr) sink->Report(StateOf(bus));
+    if (sink != nullptr) {
+        sink->Report(StateOf(bus));
+    }
 }
 
 void ScriptedBuses::Start(const std::string& bus, Platform::BusEventSink* sink) {
@@ -359,10 +369,10 @@ void ScriptedBuses::Stop(const std::string& bus) {
 }
 
 Platform::GigEDiagnosis ScriptedBuses::Diagnose(bool askControl) {
-    constexpr int kInterface = 2;
+    constexpr int InterfaceIndex = 2;
     Platform::GigEDiagnosis diagnosis;
     Platform::InterfaceDiagnosis interface;
-    interface.interface.index = kInterface;
+    interface.interface.index = InterfaceIndex;
     interface.interface.name = "eth0";
     interface.interface.up = interface.interface.running = interface.interface.broadcast = true;
     interface.interface.addresses.push_back({0xC0A84D01, 24});
@@ -372,17 +382,23 @@ Platform::GigEDiagnosis ScriptedBuses::Diagnose(bool askControl) {
     const auto add = [&](const ScriptedCamera& camera, bool listed) {
         Platform::CameraDiagnosis entry;
         entry.record = RecordOf(camera);
-        entry.interface = kInterface;
+        entry.interface = InterfaceIndex;
         entry.reachable = entry.present = entry.listed = listed;
         entry.usability = listed ? Platform::GigEUsability::Usable : Platform::GigEUsability::OtherSubnet;
-        if (askControl && listed) entry.control.state = Platform::ControlState::Free;
+        if (askControl && listed) {
+            entry.control.state = Platform::ControlState::Free;
+        }
         diagnosis.cameras.push_back(entry);
     };
     const std::lock_guard lock(m_mutex);
     for (const CameraPointer& camera : m_cameras) {
-        if (camera->kind == "gige") add(*camera, true);
+        if (camera->kind == "gige") {
+            add(*camera, true);
+        }
     }
-    for (const CameraPointer& camera : m_heard) add(*camera, false);
+    for (const CameraPointer& camera : m_heard) {
+        add(*camera, false);
+    }
     return diagnosis;
 }
 
@@ -395,9 +411,13 @@ std::uint32_t ScriptedBuses::List(const std::string& bus, const std::string& kin
         m_changed.wait(lock, [&state] { return !state.held; });
     }
     ++m_listings;
-    if (state.status != HAL_OK) return state.status;
+    if (state.status != HAL_OK) {
+        return state.status;
+    }
     for (const CameraPointer& camera : m_cameras) {
-        if (camera->kind == kind) cameras->push_back(camera);
+        if (camera->kind == kind) {
+            cameras->push_back(camera);
+        }
     }
     *listed = StateOf(bus);
     return HAL_OK;
@@ -417,16 +437,24 @@ Platform::Drivers ScriptedBuses::MakeDrivers(const Platform::Options& options, c
     if (m_tellOptions) {
         std::string text = std::string("options: 1394=") + DriverName(options.fireWire) +
                            " usb=" + DriverName(options.usb) + " gige=" + DriverName(options.gigE) + " interfaces=";
-        for (const std::string& name : options.networkInterfaces) text += name + ",";
+        for (const std::string& name : options.networkInterfaces) {
+            text += name + ",";
+        }
         std::fprintf(stderr, "%s window=%lld\n", text.c_str(), static_cast<long long>(options.discoveryWindow.count()));
     }
     Platform::Drivers drivers;
     drivers.fireWire = std::make_unique<ScriptedFireWireBus>(*this, "1394", sinks.fireWire);
     drivers.usb = std::make_unique<ScriptedUsbBus>(*this, "usb", sinks.usb);
     drivers.gigE = std::make_unique<ScriptedGigEBus>(*this, "gige", sinks.gigE);
-    if (m_withoutDriver.count("1394") != 0) drivers.fireWire = nullptr;
-    if (m_withoutDriver.count("usb") != 0) drivers.usb = nullptr;
-    if (m_withoutDriver.count("gige") != 0) drivers.gigE = nullptr;
+    if (m_withoutDriver.count("1394") != 0) {
+        drivers.fireWire = nullptr;
+    }
+    if (m_withoutDriver.count("usb") != 0) {
+        drivers.usb = nullptr;
+    }
+    if (m_withoutDriver.count("gige") != 0) {
+        drivers.gigE = nullptr;
+    }
     return drivers;
 }
 

@@ -167,7 +167,9 @@ TEST(Words, OfWhichOneWasMeantAreFoundByLikeness) {
     EXPECT_EQ(NearestWord("dicsover", commands), "discover");
     EXPECT_EQ(NearestWord("wacth", commands), "watch");
     EXPECT_EQ(NearestWord("doktor", commands), "doctor");
-    for (const char* word : {"", "x", "grab", "unplug"}) EXPECT_EQ(NearestWord(word, commands), "") << word;
+    for (const char* word : {"", "x", "grab", "unplug"}) {
+        EXPECT_EQ(NearestWord(word, commands), "") << word;
+    }
     EXPECT_EQ(DidYouMean("lis", commands), "; did you mean list?");
     EXPECT_EQ(DidYouMean("grab", commands), "");
 }

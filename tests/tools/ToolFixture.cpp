@@ -23,13 +23,21 @@ namespace {
 std::string RealProgram() { return NIMBREL_PROGRAM; }
 
 ScriptedComputer::ScriptedComputer(const Words& lines) : m_folder("/tmp/nimbrel-test-XXXXXX") {
-    if (mkdtemp(m_folder.data()) == nullptr) ThrowErrno("mkdtemp");
+    if (mkdtemp(m_folder.data()) == nullptr) {
+        ThrowErrno("mkdtemp");
+    }
     m_script = m_folder + "/script";
-    if (mkfifo(m_script.c_str(), 0600) != 0) ThrowErrno("mkfifo");
+    if (mkfifo(m_script.c_str(), 0600) != 0) {
+        ThrowErrno("mkfifo");
+    }
     // For reading too: it must open before the program does, and survive it.
     m_fd = open(m_script.c_str(), O_RDWR | O_CLOEXEC);
-    if (m_fd < 0) ThrowErrno(m_script);
-    for (const std::string& line : lines) Do(line);
+    if (m_fd < 0) {
+        ThrowErrno(m_script);
+    }
+    for (const std::string& line : lines) {
+        Do(line);
+    }
     Do("start");
 }
 
@@ -41,7 +49,9 @@ ScriptedComputer::~ScriptedComputer() {
 
 void ScriptedComputer::Do(const std::string& line) {
     const std::string text = line + "\n";
-    if (write(m_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) ThrowErrno("write");
+    if (write(m_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        ThrowErrno("write");
+    }
 }
 
 Words ScriptedComputer::CommandLine(const Words& arguments) const {
@@ -59,7 +69,7 @@ std::unique_ptr<ChildProcess> ScriptedComputer::Start(const Words& arguments) co
 }
 
 ProgramResult ScriptedComputer::Run(const Words& arguments) const {
-    return Nimbrel2::Testing::RunProgram(CommandLine(arguments), kDeadline);
+    return Nimbrel2::Testing::RunProgram(CommandLine(arguments), TestDeadline);
 }
 
 ProgramResult ScriptedComputer::RunWith(const Words& environment, const Words& arguments) const {
@@ -67,24 +77,26 @@ ProgramResult ScriptedComputer::RunWith(const Words& environment, const Words& a
     words.insert(words.end(), environment.begin(), environment.end());
     const Words program = CommandLine(arguments);
     words.insert(words.end(), program.begin(), program.end());
-    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+    return Nimbrel2::Testing::RunProgram(words, TestDeadline);
 }
 
 ProgramResult RunReal(const Words& arguments) {
     Words words{RealProgram()};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+    return Nimbrel2::Testing::RunProgram(words, TestDeadline);
 }
 
 RigComputer::RigComputer(const std::string& json) {
     std::ofstream file(m_file.GetPath());
-    if (!(file << json << std::flush)) ThrowErrno(m_file.GetPath());
+    if (!(file << json << std::flush)) {
+        ThrowErrno(m_file.GetPath());
+    }
 }
 
 ProgramResult RigComputer::Run(const Words& arguments) const {
     Words words{NIMBREL_ON_RIG_PROGRAM, m_file.GetPath()};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+    return Nimbrel2::Testing::RunProgram(words, TestDeadline);
 }
 
 std::string RigComputer::ShellCommandLine(const std::string& arguments) const {
@@ -94,21 +106,25 @@ std::string RigComputer::ShellCommandLine(const std::string& arguments) const {
 int EndBy(int signal, ChildProcess& program, std::chrono::milliseconds* took) {
     const auto start = std::chrono::steady_clock::now();
     program.Signal(signal);
-    const int status = program.WaitForExit(kDeadline);
+    const int status = program.WaitForExit(TestDeadline);
     *took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     return status;
 }
 
 std::vector<Json> ParseLines(const std::string& text) {
     std::vector<Json> objects;
-    for (const std::string& line : Lines(text)) objects.push_back(Json::parse(line));
+    for (const std::string& line : Lines(text)) {
+        objects.push_back(Json::parse(line));
+    }
     return objects;
 }
 
 Words Lines(const std::string& text) {
     Words lines;
     std::istringstream stream(text.substr(0, text.find_last_of('\n') + 1));
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
     return lines;
 }
 

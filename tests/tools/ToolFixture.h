@@ -20,9 +20,9 @@ using Nimbrel2::Testing::ChildProcess;
 using Nimbrel2::Testing::ProgramResult;
 
 /// Longer than anything takes on a busy machine, and the end of a test that goes wrong.
-constexpr std::chrono::seconds kDeadline{30};
+constexpr std::chrono::seconds TestDeadline{30};
 /// What a user may wait for the end after Ctrl-C.
-constexpr std::chrono::milliseconds kPromptly{1000};
+constexpr std::chrono::milliseconds Promptly{1000};
 
 /// The program on the buses of this computer.
 std::string RealProgram();

@@ -29,12 +29,12 @@ using ::testing::IsSupersetOf;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-const char kNoGuid[] = "00000000-00000000-00000000-00000000";
+const char NoGuid[] = "00000000-00000000-00000000-00000000";
 
 ProgramResult RunReal(const Words& arguments, const std::string& locale = "C.UTF-8") {
     Words words{"env", "LC_ALL=" + locale, RealProgram()};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+    return Nimbrel2::Testing::RunProgram(words, TestDeadline);
 }
 
 std::string OutputOf(const Words& arguments) {
@@ -49,7 +49,9 @@ std::string RigFile(const std::string& name) { return std::string(NIMBREL_RIGS) 
 class TemporaryFolder {
 public:
     TemporaryFolder() {
-        if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error("mkdtemp");
+        if (mkdtemp(m_path.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp");
+        }
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -78,7 +80,9 @@ bool IsPlainAscii(const std::string& text) {
 std::vector<Json> NodesOf(const Json& node) {
     std::vector<Json> nodes{node};
     for (const Json& child : node["children"]) {
-        for (const Json& below : NodesOf(child)) nodes.push_back(below);
+        for (const Json& below : NodesOf(child)) {
+            nodes.push_back(below);
+        }
     }
     return nodes;
 }
@@ -87,13 +91,17 @@ std::vector<Json> NodesOf(const Json& node) {
 struct Graph {
     explicit Graph(const std::string& dot) {
         Agraph_t* graph = agmemread(dot.c_str());
-        if (graph == nullptr) throw std::runtime_error("no DOT: " + dot);
+        if (graph == nullptr) {
+            throw std::runtime_error("no DOT: " + dot);
+        }
         std::string name = "label";
         for (Agnode_t* node = agfstnode(graph); node != nullptr; node = agnxtnode(graph, node)) {
             nodes.emplace_back(agget(node, name.data()));
             for (Agedge_t* edge = agfstout(graph, node); edge != nullptr; edge = agnxtout(graph, edge)) {
                 const char* label = agget(edge, name.data());  // null when no edge has one
-                if (label != nullptr && *label != '\0') edgeLabels.emplace_back(label);
+                if (label != nullptr && *label != '\0') {
+                    edgeLabels.emplace_back(label);
+                }
             }
         }
         edges = static_cast<std::size_t>(agnedges(graph));
@@ -118,7 +126,7 @@ Words TextsOf(const std::string& svg) {
         "    texts = [ascii(text.text)[1:-1] for text in group.findall(svg + 'text')]\n"
         "    print('\\n'.join([group.get('class')] + texts))\n";
     const ProgramResult result =
-        Nimbrel2::Testing::RunProgram({"python3", "-c", script, folder.File("picture.svg")}, kDeadline);
+        Nimbrel2::Testing::RunProgram({"python3", "-c", script, folder.File("picture.svg")}, TestDeadline);
     EXPECT_EQ(result.exitStatus, 0) << result.errors << svg;
     return Lines(result.output);
 }
@@ -178,7 +186,9 @@ TEST(TopologyForPeople, FitsTheColumnsOfTheTerminalAndCutsNothingInAPipe) {
                        "gige 4294967295 255.255.255.255 " + longText + " " + longText};
     const ProgramResult narrow = ScriptedComputer(script).RunWith({"LC_ALL=C", "COLUMNS=80"}, {"topology"});
     EXPECT_THAT(narrow.output, AllOf(HasSubstr("255.255.255.255"), HasSubstr("20 Gbit/s"), HasSubstr("WWW...")));
-    for (const std::string& line : Lines(narrow.output)) EXPECT_LE(line.size(), 80u) << line;
+    for (const std::string& line : Lines(narrow.output)) {
+        EXPECT_LE(line.size(), 80u) << line;
+    }
     EXPECT_THAT(ScriptedComputer(script).Run({"topology"}).output, HasSubstr(longText + " " + longText));
 }
 
@@ -201,7 +211,7 @@ TEST(TopologyForPeople, LosesNoNameOnABusOf63PhysInAChain) {
     const std::string piped = rig.Run({"topology"}).output;
     EXPECT_THAT(Lines(piped), SizeIs(65));
     const ProgramResult narrow = Nimbrel2::Testing::RunProgram(
-        {"sh", "-c", "COLUMNS=80 LC_ALL=C.UTF-8 " + rig.ShellCommandLine("topology")}, kDeadline);
+        {"sh", "-c", "COLUMNS=80 LC_ALL=C.UTF-8 " + rig.ShellCommandLine("topology")}, TestDeadline);
     for (int i = 1; i <= 62; ++i) {
         const std::string name = "Acme Link " + std::to_string(i) + " ";
         EXPECT_THAT(piped, HasSubstr(name));
@@ -212,7 +222,7 @@ TEST(TopologyForPeople, LosesNoNameOnABusOf63PhysInAChain) {
 }
 
 // A camera behind five hubs, and one behind two.
-const char kDeepHubs[] = R"({"usb": [{"name": "xhci0", "devices": [
+const char DeepHubs[] = R"({"usb": [{"name": "xhci0", "devices": [
     {"name": "h1", "kind": "hub", "parent": "xhci0", "port": 2}, {"name": "h2", "kind": "hub", "parent": "h1", "port": 1},
     {"name": "h3", "kind": "hub", "parent": "h2", "port": 1}, {"name": "h4", "kind": "hub", "parent": "h3", "port": 1},
     {"name": "h5", "kind": "hub", "parent": "h4", "port": 1},
@@ -220,7 +230,7 @@ const char kDeepHubs[] = R"({"usb": [{"name": "xhci0", "devices": [
     {"name": "near", "parent": "h2", "port": 2, "serial": "78", "vendor": "V", "model": "Near"}]}]})";
 
 TEST(Topology, NamesACameraThatIsTooDeepForTheTreeInEachForm) {
-    const RigComputer rig(kDeepHubs);
+    const RigComputer rig(DeepHubs);
     const std::string reason = "it is more than four hubs deep";
     EXPECT_THAT(rig.Run({"topology"}).output,
                 HasSubstr("\nNot in the tree:\n  camera 77 V Deep, xhci0 port 2.1.1.1.1.3: " + reason + "\n"));
@@ -249,7 +259,7 @@ TEST(Topology, NamesCamerasOfWhichNoBusTellsWhereTheyAre) {
 }
 
 // Two hubs on port 3 of different hubs: the tree shows what is below either below both.
-const char kEqualPorts[] = R"({"usb": [{"name": "xhci0", "devices": [
+const char EqualPorts[] = R"({"usb": [{"name": "xhci0", "devices": [
     {"name": "a", "kind": "hub", "parent": "xhci0", "port": 1}, {"name": "a1", "kind": "hub", "parent": "a", "port": 1},
     {"name": "a2", "kind": "hub", "parent": "a", "port": 2}, {"name": "b1", "kind": "hub", "parent": "a1", "port": 3},
     {"name": "b2", "kind": "hub", "parent": "a2", "port": 3},
@@ -257,14 +267,16 @@ const char kEqualPorts[] = R"({"usb": [{"name": "xhci0", "devices": [
     {"name": "y", "parent": "b2", "port": 2, "serial": "2", "vendor": "V", "model": "Y"}]}]})";
 
 TEST(Topology, MarksADeviceThatStandsAtMoreThanOnePlace) {
-    const RigComputer rig(kEqualPorts);
+    const RigComputer rig(EqualPorts);
     const std::string text = rig.Run({"topology"}).output;
     EXPECT_THAT(text, AllOf(HasSubstr("shown at 2 places; this is the true one"),
                             HasSubstr("shown at 2 places; really at port 1.2.3.2"),
                             HasSubstr("shown at 2 places; really at port 1.1.3.1")));
     std::map<std::pair<int, bool>, int> places;
     for (const Json& node : NodesOf(Json::parse(rig.Run({"topology", "--json"}).output))) {
-        if (!node.contains("places")) continue;
+        if (!node.contains("places")) {
+            continue;
+        }
         EXPECT_EQ(node["places"], 2);
         ++places[{node["id"], node["true_place"]}];
     }
@@ -332,11 +344,13 @@ TEST(TopologyAsJson, HasTheSameSixMembersInEachNodeAndThenWhatIsKnownOfACamera) 
     EXPECT_EQ(json, Json::parse(OutputOf({"topology", "--demo", "--format", "json"})));
     for (const Json& node : NodesOf(json)) {
         Words members;
-        for (const auto& [name, value] : node.items()) members.push_back(name);
+        for (const auto& [name, value] : node.items()) {
+            members.push_back(name);
+        }
         ASSERT_GE(members.size(), 6u);
         EXPECT_THAT(Words(members.begin(), members.begin() + 6),
                     ElementsAre("type", "interface", "id", "guid", "ports", "children"));
-        EXPECT_EQ(node.contains("serial"), node["guid"] != kNoGuid) << node;
+        EXPECT_EQ(node.contains("serial"), node["guid"] != NoGuid) << node;
     }
     EXPECT_EQ(json["type"], "computer");
     EXPECT_EQ(json["interface"], "none");
@@ -381,7 +395,9 @@ TEST(TopologyAsJson, PlacesEachListedCameraOnceByItsGuid) {
     }
     std::map<std::string, std::uint32_t> placed;
     for (const Json& node : NodesOf(Json::parse(OutputOf({"topology", "--demo", "--json"})))) {
-        if (!node.contains("serial")) continue;
+        if (!node.contains("serial")) {
+            continue;
+        }
         EXPECT_TRUE(placed.emplace(node["guid"], node["serial"]).second) << node;
     }
     EXPECT_EQ(listed.size(), 7u);
@@ -392,7 +408,7 @@ TEST(TopologyAsJson, IsTheComputerAloneWhenNothingIsAttached) {
     const ProgramResult result = ScriptedComputer().Run({"topology", "--json"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(Json::parse(result.output).dump(), R"({"type":"computer","interface":"none","id":0,"guid":")" +
-                                                     std::string(kNoGuid) +
+                                                     std::string(NoGuid) +
                                                      R"(","ports":[],"children":[],"unplaced":[],"cut":[]})");
 }
 
@@ -444,7 +460,7 @@ std::string ProblemsOf(const std::string& svg) {
 std::string BigRig() {
     const TemporaryFolder folder;
     const ProgramResult result =
-        Nimbrel2::Testing::RunProgram({"/usr/bin/python3", NIMBREL_TESTS "/big_rig.py"}, kDeadline);
+        Nimbrel2::Testing::RunProgram({"/usr/bin/python3", NIMBREL_TESTS "/big_rig.py"}, TestDeadline);
     EXPECT_EQ(result.exitStatus, 0) << result.errors;
     return result.output;
 }
@@ -453,11 +469,13 @@ TEST(TopologyPicture, KeepsNamesInTheirBoxesAndLinesOffTheLabels) {
     for (const char* rig : {"production-line.json", "firewire-chain.json", "usb-hub-tree.json"}) {
         EXPECT_EQ(ProblemsOf(OutputOf({"topology", "--rig", RigFile(rig), "--format", "svg"})), "") << rig;
     }
-    EXPECT_EQ(ProblemsOf(RigComputer(kDeepHubs).Run({"topology", "--format", "svg"}).output), "");
-    EXPECT_EQ(ProblemsOf(RigComputer(kEqualPorts).Run({"topology", "--format", "svg"}).output), "");
+    EXPECT_EQ(ProblemsOf(RigComputer(DeepHubs).Run({"topology", "--format", "svg"}).output), "");
+    EXPECT_EQ(ProblemsOf(RigComputer(EqualPorts).Run({"topology", "--format", "svg"}).output), "");
     EXPECT_EQ(ProblemsOf(RigComputer(LongestChain()).Run({"topology", "--format", "svg"}).output), "");
     std::string widest;
-    for (int i = 0; i < 40; ++i) widest += i % 2 == 0 ? 'W' : '@';
+    for (int i = 0; i < 40; ++i) {
+        widest += i % 2 == 0 ? 'W' : '@';
+    }
     EXPECT_EQ(ProblemsOf(ScriptedComputer({"usb 1 480 " + widest + " M", "gige 2 10.0.0.1 \\xe6\\x97\\xa5\\xc3\\xa4 M"})
                              .Run({"topology", "--format", "svg"})
                              .output),
@@ -474,11 +492,13 @@ TEST(TopologyPicture, Of512CamerasShowsEachOnceAndCanBeLookedAt) {
     std::istringstream texts(result.output);
     for (std::string line; std::getline(texts, line);) {
         const std::size_t serial = line.find("serial ");
-        if (serial != std::string::npos)
+        if (serial != std::string::npos) {
             ++seen[line.substr(serial + 7, line.find_first_not_of("0123456789", serial + 7) - serial - 7)];
+        }
     }
-    for (const Json& camera : listed)
+    for (const Json& camera : listed) {
         EXPECT_EQ(seen[std::to_string(camera["serial"].get<unsigned int>())], 1) << camera;
+    }
 }
 
 TEST(TopologyAsPng, IsAPictureThatOthersRead) {
@@ -493,7 +513,7 @@ TEST(TopologyAsPng, IsAPictureThatOthersRead) {
              "picture = cairo.ImageSurface.create_from_png(sys.argv[1])\n"
              "print(len(set(bytes(picture.get_data()))) > 20, picture.get_width() > 800)\n",
              folder.File("picture.png")},
-            kDeadline);
+            TestDeadline);
         EXPECT_EQ(read.output, "True True\n") << read.errors;
     }
     const RigComputer big(BigRig());
@@ -519,7 +539,9 @@ TEST_P(TopologyOfRig, IsTheSameTreeInEachForm) {
     }
     std::set<std::string> interfaces;  // which the drawings have in addition
     for (const Json& node : nodes) {
-        if (node.contains("link")) interfaces.insert(node["link"]["name"]);
+        if (node.contains("link")) {
+            interfaces.insert(node["link"]["name"]);
+        }
     }
     const std::size_t drawn = nodes.size() + interfaces.size();
     EXPECT_THAT(Lines(in("text")), SizeIs(drawn));
@@ -541,7 +563,7 @@ INSTANTIATE_TEST_SUITE_P(Rigs, TopologyOfRig,
 
 // What each kind of reader acts upon: terminals, quotes of DOT and its escapes, markup and entities, bytes that are no
 // UTF-8, text from right to left; and texts of nothing.
-const Words kHostile{
+const Words Hostile{
     R"(gige 1 10.0.0.1 \x1b[2J\x07\x9b31m \xc2\x9b\x00\x7f\x0a\x0d\x09)",
     R"(gige 2 10.0.0.2 "];x->y;[label=" \x5c"\x5cN\x5cG\x5cn\x5c\x5c\x5c)",
     R"(gige 3 10.0.0.3 <script>alert(1)</script> &lt;B&gt;&amp;&#0;&\x5c')",
@@ -552,18 +574,18 @@ const Words kHostile{
 
 TEST(TopologyOfHostileTexts, SendsNothingThatATerminalActsUpon) {
     for (const char* format : {"text", "json", "dot", "svg"}) {
-        const ProgramResult result = ScriptedComputer(kHostile).RunWith({"LC_ALL=C"}, {"topology", "--format", format});
+        const ProgramResult result = ScriptedComputer(Hostile).RunWith({"LC_ALL=C"}, {"topology", "--format", format});
         EXPECT_EQ(result.exitStatus, 0) << result.errors;
         EXPECT_THAT(result.errors, IsEmpty());
         EXPECT_TRUE(IsPlainAscii(result.output)) << result.output;
     }
-    const std::string text = ScriptedComputer(kHostile).RunWith({"LC_ALL=C.UTF-8"}, {"topology"}).output;
+    const std::string text = ScriptedComputer(Hostile).RunWith({"LC_ALL=C.UTF-8"}, {"topology"}).output;
     EXPECT_THAT(Lines(text), SizeIs(10)) << "no text makes a line of its own";
     EXPECT_THAT(text, AllOf(HasSubstr("\u65e5\U0001f4f7"), Not(HasSubstr("\u202e")), Not(HasSubstr("\x1b"))));
 }
 
 TEST(TopologyOfHostileTexts, IsValidJsonWithTheTextsAsTheyWereSent) {
-    const Json json = Json::parse(ScriptedComputer(kHostile).Run({"topology", "--json"}).output);
+    const Json json = Json::parse(ScriptedComputer(Hostile).Run({"topology", "--json"}).output);
     const Json& cameras = json["children"][0]["children"];
     ASSERT_EQ(cameras.size(), 7u);
     EXPECT_EQ(cameras[1]["model"], R"(\"\N\G\n\\\)");
@@ -571,14 +593,14 @@ TEST(TopologyOfHostileTexts, IsValidJsonWithTheTextsAsTheyWereSent) {
 }
 
 TEST(TopologyOfHostileTexts, MakesNoNodeEdgeOrAttributeOfThem) {
-    const Graph graph(ScriptedComputer(kHostile).Run({"topology", "--format", "dot"}).output);
+    const Graph graph(ScriptedComputer(Hostile).Run({"topology", "--format", "dot"}).output);
     EXPECT_THAT(graph.nodes, SizeIs(10));
     EXPECT_EQ(graph.edges, 9u);
     EXPECT_THAT(graph.nodes, Contains("<script>alert(1)</script> &amp;lt;B&amp;gt;&amp;a...\\nserial 3\\n10.0.0.3"));
 }
 
 TEST(TopologyOfHostileTexts, ShowsThemInThePictureLetterByLetter) {
-    const Words texts = TextsOf(ScriptedComputer(kHostile).Run({"topology", "--format", "svg"}).output);
+    const Words texts = TextsOf(ScriptedComputer(Hostile).Run({"topology", "--format", "svg"}).output);
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "node camera"), 7);
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "edge"), 9);
     // As Python writes them: a backslash is two.

@@ -50,7 +50,9 @@ public:
         }
         std::istringstream stream(text);
         std::vector<std::string> lines;
-        for (std::string line; std::getline(stream, line);) lines.push_back(line);
+        for (std::string line; std::getline(stream, line);) {
+            lines.push_back(line);
+        }
         return lines;
     }
 
@@ -62,15 +64,17 @@ private:
 TEST(TraceLog, LeavesLinesOutThatNobodyReadsAndSaysHowMany) {
     const PipedStandardError standardError;
     TraceLog::ToStandardError();
-    constexpr std::size_t kLines = 2000;  // more than a pipe takes
-    for (std::size_t i = 0; i < kLines; ++i) Trace("A line of the trace that takes some room in a pipe.");
+    constexpr std::size_t NumLines = 2000;  // more than a pipe takes
+    for (std::size_t i = 0; i < NumLines; ++i) {
+        Trace("A line of the trace that takes some room in a pipe.");
+    }
     const std::vector<std::string> read = standardError.ReadLines();
     EXPECT_GT(read.size(), 10u);
-    EXPECT_LT(read.size(), kLines);
+    EXPECT_LT(read.size(), NumLines);
     Trace("The next.");
     const std::vector<std::string> after = standardError.ReadLines();
     ASSERT_EQ(after.size(), 2u);
-    EXPECT_THAT(after[0], HasSubstr("(" + std::to_string(kLines - read.size()) + " lines left out"));
+    EXPECT_THAT(after[0], HasSubstr("(" + std::to_string(NumLines - read.size()) + " lines left out"));
     EXPECT_THAT(after[1], EndsWith("  The next."));
 }
 
@@ -84,7 +88,9 @@ TEST(TraceLog, WritesALineForEachTextWhateverStandsInIt) {
     const std::vector<std::string> lines = standardError.ReadLines();
     ASSERT_EQ(lines.size(), 4u);
     const std::regex whole(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  \S.{14} [ \d]{6}  .*)");
-    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line.substr(0, 200), whole)) << line;
+    for (const std::string& line : lines) {
+        EXPECT_TRUE(std::regex_match(line.substr(0, 200), whole)) << line;
+    }
     EXPECT_THAT(lines[0], EndsWith("  ends itself"));
     EXPECT_THAT(lines[1], AllOf(EndsWith("  two?lines ?[2J?"), Not(HasSubstr("\x1b"))));
     EXPECT_LE(lines[3].size(), 4096u);

@@ -18,15 +18,17 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-const std::regex kLine(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  \S.{14} [ \d]{6}  .*)");
+const std::regex TestLine(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  \S.{14} [ \d]{6}  .*)");
 
 ProgramResult RunOnDemo(Words words) {
     words.insert(words.begin(), RealProgram());
-    return Nimbrel2::Testing::RunProgram(words, kDeadline);
+    return Nimbrel2::Testing::RunProgram(words, TestDeadline);
 }
 
 void ExpectTrace(const Words& lines) {
-    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, kLine)) << line;
+    for (const std::string& line : lines) {
+        EXPECT_TRUE(std::regex_match(line, TestLine)) << line;
+    }
     EXPECT_THAT(lines, Contains(AllOf(HasSubstr("  nimbrel "), EndsWith("  Creating BusMaster"))));
     EXPECT_THAT(lines, Contains(AllOf(HasSubstr("  nimbrel-worker "), EndsWith("  Starting BusMaster worker thread"))));
     EXPECT_THAT(lines.back(), EndsWith("  exit status 0"));
@@ -57,7 +59,9 @@ TEST(Verbose, PrintsTheTraceToStandardErrorAndLeavesTheResultAlone) {
         EXPECT_EQ(result.output, plain);
         ExpectTrace(Lines(result.errors));
         std::string asked;
-        for (const std::string& word : words) asked += " " + word;
+        for (const std::string& word : words) {
+            asked += " " + word;
+        }
         EXPECT_THAT(Lines(result.errors).front(), EndsWith("  nimbrel " NIMBREL2_VERSION ":" + asked));
     }
     EXPECT_THAT(RunOnDemo({"list", "--demo"}).errors, IsEmpty());

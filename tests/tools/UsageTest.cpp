@@ -33,7 +33,9 @@ TEST_P(Usage, IsRefusedWithTheOptionAndTheValueNamed) {
     EXPECT_EQ(result.exitStatus, 2);
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, StartsWith("nimbrel"));
-    for (const std::string& word : GetParam().named) EXPECT_THAT(result.errors, HasSubstr(word));
+    for (const std::string& word : GetParam().named) {
+        EXPECT_THAT(result.errors, HasSubstr(word));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -138,13 +140,17 @@ class Help : public ::testing::TestWithParam<const char*> {};
 TEST_P(Help, FitsEightyColumnsAndTellsExitStatusAndExamples) {
     Words words{RealProgram()};
     std::istringstream command(GetParam());
-    for (std::string word; command >> word;) words.push_back(word);
+    for (std::string word; command >> word;) {
+        words.push_back(word);
+    }
     words.emplace_back("--help");
     const ProgramResult result = Nimbrel2::Testing::RunProgram(words);
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(result.errors, IsEmpty());
     EXPECT_THAT(result.output, AllOf(HasSubstr("Exit status:"), HasSubstr("Examples:"), HasSubstr("--help")));
-    for (const std::string& line : Lines(result.output)) EXPECT_LE(line.size(), 80u) << line;
+    for (const std::string& line : Lines(result.output)) {
+        EXPECT_LE(line.size(), 80u) << line;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, Help,
@@ -238,7 +244,7 @@ TEST(Options, MayStandBeforeTheCommandAsWell) {
               ScriptedComputer(script).Run({"list", "--virtual"}).output);
     const auto run = [](Words words) {
         words.insert(words.begin(), RealProgram());
-        return Nimbrel2::Testing::RunProgram(words, kDeadline).output;
+        return Nimbrel2::Testing::RunProgram(words, TestDeadline).output;
     };
     EXPECT_THAT(run({"--demo", "list"}), AllOf(HasSubstr("31000001"), run({"list", "--demo"})));
     const std::string rig = NIMBREL_RIGS "/firewire-chain.json";

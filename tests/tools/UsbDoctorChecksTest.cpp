@@ -81,7 +81,9 @@ protected:
 
     UsbDeviceDiagnosis& Of(const std::string& name) {
         for (UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-            if (device.name == name) return device;
+            if (device.name == name) {
+                return device;
+            }
         }
         ADD_FAILURE() << name;
         return examined.diagnosis.devices.front();
@@ -94,7 +96,9 @@ protected:
     Finding ExpectWrong(Check<UsbExamination> check) {
         const Findings findings = check(examined);
         EXPECT_THAT(findings, SizeIs(1));
-        if (findings.empty()) return {};
+        if (findings.empty()) {
+            return {};
+        }
         EXPECT_FALSE(findings[0].ok) << findings[0].evidence;
         EXPECT_NE(findings[0].evidence, "");
         EXPECT_NE(findings[0].cure, "");
@@ -117,7 +121,9 @@ TEST_F(UsbDoctorChecks, FindNothingOnAHealthyComputer) {
 TEST_F(UsbDoctorChecks, AreSilentWhereNobodyDrivesTheBusAndSayWhyItCannotBeSearched) {
     examined = UsbExamination{};
     examined.status = HAL_NO_BUS;
-    for (const auto check : UsbChecks()) EXPECT_THAT(check(examined), IsEmpty());
+    for (const auto check : UsbChecks()) {
+        EXPECT_THAT(check(examined), IsEmpty());
+    }
     examined.status = HAL_PERMISSION;
     EXPECT_THAT(ExpectWrong(CheckUsbDriver).evidence, HasSubstr("permission"));
     examined.status = HAL_OK;
@@ -225,7 +231,9 @@ TEST_F(UsbDoctorChecks, AreNotLedAstrayByHubsInALoop) {
     Add(Camera("1-4", "1-9", 4, 480, 8));
     Add(Hub("1-9", "1-8", 1, 480)).deviceSpeed = 5000;
     Add(Hub("1-8", "1-9", 1, 480)).deviceSpeed = 5000;
-    for (const auto check : UsbChecks()) check(examined);
+    for (const auto check : UsbChecks()) {
+        check(examined);
+    }
     EXPECT_THAT(ExpectWrong(CheckUsbSpeed).evidence, HasSubstr("to blame"));
 }
 

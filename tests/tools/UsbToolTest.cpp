@@ -22,7 +22,7 @@ using Words = std::vector<std::string>;
 using testing::HasSubstr;
 using testing::SizeIs;
 
-constexpr std::chrono::seconds kDeadline{60};
+constexpr std::chrono::seconds TestDeadline{60};
 
 class UsbTool : public testing::Test {
 public:
@@ -39,7 +39,7 @@ public:
         return words;
     }
     ProgramResult Run(const Words& arguments, const Words& before = {}) const {
-        return Nimbrel2::Testing::RunProgram(CommandLine(arguments, before), kDeadline);
+        return Nimbrel2::Testing::RunProgram(CommandLine(arguments, before), TestDeadline);
     }
     Json RunForJson(const Words& arguments, const Words& before = {}) const {
         const ProgramResult result = Run(arguments, before);
@@ -51,7 +51,9 @@ public:
         const Json all = RunForJson({"--bus", "usb", "doctor", "--json"}, before);
         std::map<std::string, Json> wrong;
         for (const Json& finding : all.is_object() ? all.at("findings") : all) {
-            if (!finding.at("ok").get<bool>()) wrong[finding.at("check")] = finding;
+            if (!finding.at("ok").get<bool>()) {
+                wrong[finding.at("check")] = finding;
+            }
         }
         return wrong;
     }
@@ -89,7 +91,7 @@ TEST_F(UsbTool, TopologyPlacesACameraBehindFourHubsAndNoneBehindFive) {
 }
 
 TEST_F(UsbTool, ListTellsWhereACameraIsAndWhatItCouldDo) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Hub("1-3", 2, false));
     bed.Add(Camera("1-3.2", 3, "4711", false));
     const ProgramResult result = Run({"--bus", "usb", "list", "-l"});
@@ -100,7 +102,7 @@ TEST_F(UsbTool, ListTellsWhereACameraIsAndWhatItCouldDo) {
 }
 
 TEST_F(UsbTool, TopologyNamesTheControllerTheHubsAndThePorts) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Hub("2-1", 2, true));
     bed.Add(Camera("2-1.2", 3, "4711"));
     const ProgramResult result = Run({"--bus", "usb", "topology"});
@@ -110,18 +112,18 @@ TEST_F(UsbTool, TopologyNamesTheControllerTheHubsAndThePorts) {
 }
 
 TEST_F(UsbTool, WatchTellsOfACameraThatIsPluggedIn) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     ChildProcess watch(CommandLine({"--bus", "usb", "watch"}));
-    ASSERT_TRUE(watch.WaitForErrors("0 cameras now", kDeadline)) << watch.GetErrors();
+    ASSERT_TRUE(watch.WaitForErrors("0 cameras now", TestDeadline)) << watch.GetErrors();
     bed.Add(Camera("2-1", 2, "4711"));
-    EXPECT_TRUE(watch.WaitForOutput("4711", kDeadline)) << watch.GetOutput() << watch.GetErrors();
+    EXPECT_TRUE(watch.WaitForOutput("4711", TestDeadline)) << watch.GetOutput() << watch.GetErrors();
     EXPECT_THAT(watch.GetOutput(), HasSubstr("arrival"));
     bed.Remove("2-1");
-    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("removal", TestDeadline)) << watch.GetOutput();
 }
 
 TEST_F(UsbTool, UsbIdMakesACameraOfADeviceWithoutAClass) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     auto device = Camera("1-1", 2, "77", false);
     device.descriptors = Nimbrel2::Testing::VendorDescriptors(0xABCD, 0x0102);
     bed.Add(device);
@@ -137,7 +139,7 @@ TEST_F(UsbTool, UsbIdMakesACameraOfADeviceWithoutAClass) {
 }
 
 TEST_F(UsbTool, DoctorFindsNothingWrongOnAHealthyComputer) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Hub("2-1", 2, true));
     bed.Add(Camera("2-1.2", 3, "4711"));
     bed.SetFile("module/usbcore/parameters/usbfs_memory_mb", "1000");
@@ -146,7 +148,7 @@ TEST_F(UsbTool, DoctorFindsNothingWrongOnAHealthyComputer) {
 }
 
 TEST_F(UsbTool, DoctorFindsWhatIsWrong) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.SetFile("module/usbcore/parameters/usbfs_memory_mb", "16");
     auto camera = Camera("2-2", 3, "1");
     camera.attributes = {{"power/control", "auto"}};
@@ -171,7 +173,7 @@ TEST_F(UsbTool, DoctorFindsWhatIsWrong) {
 
 TEST_F(UsbTool, DoctorNamesTheRuleWhenANodeMayNotBeOpened) {
     using std::filesystem::perms;
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "1"));
     std::filesystem::permissions(bed.GetRoot(), perms(0755));
     std::filesystem::permissions(bed.RealPath("/dev/bus/usb/002/002"), perms(0600));
@@ -181,24 +183,24 @@ TEST_F(UsbTool, DoctorNamesTheRuleWhenANodeMayNotBeOpened) {
 }
 
 TEST_F(UsbTool, DoctorTellsThatUeventsDoNotComeIntoAnotherUserNamespace) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     const auto wrong = Wrong({"unshare", "--user", "--map-root-user", "--net"});
     ASSERT_EQ(wrong.count("usb.events"), 1u) << Json(wrong).dump(2);
     EXPECT_THAT(wrong.at("usb.events").at("evidence").get<std::string>(), HasSubstr("two seconds"));
 }
 
 TEST_F(UsbTool, WatchHearsInAnotherUserNamespaceToo) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "4711"));
     ChildProcess watch(CommandLine({"--bus", "usb", "watch"}, {"unshare", "--user", "--map-root-user", "--net"}));
-    ASSERT_TRUE(watch.WaitForErrors("1 camera now", kDeadline)) << watch.GetErrors();
+    ASSERT_TRUE(watch.WaitForErrors("1 camera now", TestDeadline)) << watch.GetErrors();
     bed.RemoveSilently("2-1");
-    EXPECT_TRUE(watch.WaitForOutput("removal", kDeadline)) << watch.GetOutput();
+    EXPECT_TRUE(watch.WaitForOutput("removal", TestDeadline)) << watch.GetOutput();
 }
 
 TEST_F(UsbTool, ResetOfACameraThatMayNotBeOpenedFailsAndSaysWhatToDo) {
     using std::filesystem::perms;
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "1"));
     std::filesystem::permissions(bed.GetRoot(), perms(0755));
     std::filesystem::permissions(bed.GetRoot() + "/ioctl/_default", perms(0777));

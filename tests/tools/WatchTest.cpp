@@ -25,24 +25,26 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-const char kReady[] = "Ctrl-C ends.\n";
+const char TestReady[] = "Ctrl-C ends.\n";
 
 std::vector<Json> EventsOf(const ChildProcess& watch, const std::string& kind) {
     std::vector<Json> events;
     for (const Json& event : ParseLines(watch.GetOutput())) {
-        if (event["event"] == kind) events.push_back(event);
+        if (event["event"] == kind) {
+            events.push_back(event);
+        }
     }
     return events;
 }
 
 bool WaitForEvents(ChildProcess& watch, const std::string& kind, std::size_t count) {
-    return watch.WaitUntil([&] { return EventsOf(watch, kind).size() >= count; }, kDeadline);
+    return watch.WaitUntil([&] { return EventsOf(watch, kind).size() >= count; }, TestDeadline);
 }
 
 TEST(WatchAsJson, PrintsAnObjectPerLineAsThingsHappen) {
     ScriptedComputer computer({"usb 22 5000 V M"});
     const auto watch = computer.Start({"watch", "--json"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     EXPECT_THAT(watch->GetErrors(), HasSubstr("Watching IEEE 1394, USB and GigE: 1 camera now."));
     computer.Do("gige 44 10.0.0.1 V M");
     ASSERT_TRUE(WaitForEvents(*watch, "arrival", 1)) << "nothing is kept in a buffer";
@@ -78,12 +80,12 @@ TEST(WatchAsJson, PrintsAnObjectPerLineAsThingsHappen) {
 TEST(WatchForPeople, CallsCamerasByTheirNamesAlsoWhenTheyHaveLeft) {
     ScriptedComputer computer({"usb 22 5000 Mill Planer"});
     const auto watch = computer.Start({"watch"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do(R"(gige 44 10.0.0.1 \x1b[2JMill Drill)");
-    ASSERT_TRUE(watch->WaitForOutput("arrival", kDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("arrival", TestDeadline));
     computer.Do("remove 22");
-    ASSERT_TRUE(watch->WaitForOutput("removal", kDeadline));
-    ASSERT_TRUE(watch->WaitForOutput("Planer, USB3\n", kDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("removal", TestDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("Planer, USB3\n", TestDeadline));
     const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
     const Words lines = Lines(watch->GetOutput());
     EXPECT_THAT(lines, Contains(MatchesRegex(time + "  bus reset")));
@@ -96,21 +98,21 @@ TEST(WatchForPeople, TellsCamerasOfOneSerialNumberApart) {
     // These serial texts begin with no digit, so that all their numbers are 0.
     ScriptedComputer computer({"gige A 10.0.0.1 V First", "gige B 10.0.0.2 V Second"});
     const auto watch = computer.Start({"watch"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do("remove B");
-    ASSERT_TRUE(watch->WaitForOutput("removal           0  V Second, GigE 10.0.0.2\n", kDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("removal           0  V Second, GigE 10.0.0.2\n", TestDeadline));
     computer.Do("gige C 10.0.0.3 V Third");
-    ASSERT_TRUE(watch->WaitForOutput("arrival           0  V Third, GigE 10.0.0.3\n", kDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("arrival           0  V Third, GigE 10.0.0.3\n", TestDeadline));
     computer.Do("remove A");
-    ASSERT_TRUE(watch->WaitForOutput("removal           0  V First, GigE 10.0.0.1\n", kDeadline));
+    ASSERT_TRUE(watch->WaitForOutput("removal           0  V First, GigE 10.0.0.1\n", TestDeadline));
 }
 
 TEST(Watch, EndsAfterSoManyEvents) {
     ScriptedComputer computer;
     const auto watch = computer.Start({"watch", "--json", "--count", "2"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do("usb 22 480 V M");  // three events, in any order: an arrival and the resets of two cycles
-    EXPECT_EQ(watch->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(watch->WaitForExit(TestDeadline), 0);
     EXPECT_EQ(Lines(watch->GetOutput()).size(), 2u);
 }
 
@@ -142,34 +144,34 @@ class WatchSignal : public ::testing::TestWithParam<int> {};
 TEST_P(WatchSignal, EndsItCleanlyWithinASecond) {
     ScriptedComputer computer;
     const auto watch = computer.Start({"watch", "--json"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do("usb 22 480 V M");
     ASSERT_TRUE(WaitForEvents(*watch, "arrival", 1));
     milliseconds took{};
     EXPECT_EQ(EndBy(GetParam(), *watch, &took), 0);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
     EXPECT_FALSE(ParseLines(watch->GetOutput()).empty());
 }
 
 TEST_P(WatchSignal, EndsTheFirstDiscoveryAtOnce) {
     const ScriptedComputer computer({"hold 1394"});
     const auto watch = computer.Start({"watch"});
-    ASSERT_TRUE(watch->WaitForErrors("listing 1394 is held", kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors("listing 1394 is held", TestDeadline));
     milliseconds took{};
     EXPECT_EQ(EndBy(GetParam(), *watch, &took), 128 + GetParam());
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
 }
 
 TEST_P(WatchSignal, EndsItWithinASecondWhileABusHangs) {
     ScriptedComputer computer;
     const auto watch = computer.Start({"watch"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do("hold usb");
     computer.Do("reset gige");
-    ASSERT_TRUE(watch->WaitForErrors("listing usb is held", kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors("listing usb is held", TestDeadline));
     milliseconds took{};
     EXPECT_EQ(EndBy(GetParam(), *watch, &took), 0);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, WatchSignal, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
@@ -179,21 +181,21 @@ TEST(Watch, KeepsRunningOnCtrlCInTheBackgroundOfAScript) {
     ScriptedComputer computer;
     ChildProcess shell(
         {"sh", "-c", computer.ShellCommandLine("watch --json") + R"( & echo $! >&2; wait $!; echo status $?)"});
-    ASSERT_TRUE(shell.WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(shell.WaitForErrors(TestReady, TestDeadline));
     const pid_t watch = std::stoi(shell.GetErrors());
     ASSERT_EQ(kill(watch, SIGINT), 0);
     computer.Do("usb 22 480 V M");
-    ASSERT_TRUE(shell.WaitForOutput("arrival", kDeadline)) << "the signal came before the camera";
+    ASSERT_TRUE(shell.WaitForOutput("arrival", TestDeadline)) << "the signal came before the camera";
     ASSERT_EQ(kill(watch, SIGTERM), 0);
-    ASSERT_TRUE(shell.WaitForOutput("status 0\n", kDeadline)) << shell.GetOutput();
+    ASSERT_TRUE(shell.WaitForOutput("status 0\n", TestDeadline)) << shell.GetOutput();
 }
 
 TEST(WatchForPeople, HasColoursWhenTheyAreWanted) {
     ScriptedComputer computer;
     const auto watch = computer.Start({"watch", "--color", "always", "--count", "1"});
-    ASSERT_TRUE(watch->WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch->WaitForErrors(TestReady, TestDeadline));
     computer.Do("reset usb");
-    EXPECT_EQ(watch->WaitForExit(kDeadline), 0);
+    EXPECT_EQ(watch->WaitForExit(TestDeadline), 0);
     EXPECT_THAT(watch->GetOutput(), HasSubstr("\x1b[2mbus reset\x1b[0m\n"));
 }
 
@@ -202,7 +204,7 @@ TEST(Watch, KeepsRunningWithoutItsTerminalUnderNohup) {
     Words words = computer.CommandLine({"watch", "--json"});
     words.insert(words.begin(), "nohup");
     ChildProcess watch(words);
-    ASSERT_TRUE(watch.WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch.WaitForErrors(TestReady, TestDeadline));
     watch.Signal(SIGHUP);
     computer.Do("usb 22 480 V M");
     EXPECT_TRUE(WaitForEvents(watch, "arrival", 1));
@@ -211,9 +213,9 @@ TEST(Watch, KeepsRunningWithoutItsTerminalUnderNohup) {
 TEST(Watch, EndsQuietlyWhenItsReaderIsContentWithTheFirstLine) {
     ScriptedComputer computer;
     ChildProcess shell({"bash", "-c", computer.ShellCommandLine("watch --json") + " | head -1; echo ${PIPESTATUS[0]}"});
-    ASSERT_TRUE(shell.WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(shell.WaitForErrors(TestReady, TestDeadline));
     computer.Do("usb 22 480 V M");
-    EXPECT_EQ(shell.WaitForExit(kDeadline), 0);
+    EXPECT_EQ(shell.WaitForExit(TestDeadline), 0);
     const Words lines = Lines(shell.GetOutput());
     ASSERT_EQ(lines.size(), 2u) << shell.GetOutput();
     EXPECT_EQ(lines[1], "0");
@@ -223,7 +225,7 @@ TEST(Watch, EndsQuietlyWhenItsReaderIsContentWithTheFirstLine) {
 TEST(Watch, EndsByItselfWhenItsReaderGoesAwayAndNothingHappens) {
     const ScriptedComputer computer;
     ChildProcess shell({"bash", "-c", computer.ShellCommandLine("watch") + " | sleep 0.2; echo ${PIPESTATUS[0]}"});
-    EXPECT_EQ(shell.WaitForExit(kDeadline), 0);
+    EXPECT_EQ(shell.WaitForExit(TestDeadline), 0);
     EXPECT_EQ(shell.GetOutput(), "0\n");
 }
 
@@ -234,13 +236,13 @@ TEST(Watch, EndsOnCtrlCWhileNobodyReadsItsOutput) {
     ASSERT_GE(fcntl(ends[1], F_SETPIPE_SZ, 4096), 4096) << "one page takes one event; the next one has to wait";
     const std::string output = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
     ChildProcess watch({"sh", "-c", "exec " + computer.ShellCommandLine("watch --json") + " >" + output});
-    ASSERT_TRUE(watch.WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch.WaitForErrors(TestReady, TestDeadline));
     computer.Do("remove 22");
     pollfd wait{ends[0], POLLIN, 0};
     ASSERT_EQ(poll(&wait, 1, 30000), 1);
     milliseconds took{};
     EXPECT_EQ(EndBy(SIGINT, watch, &took), 0);
-    EXPECT_LT(took, kPromptly);
+    EXPECT_LT(took, Promptly);
     close(ends[0]);
     close(ends[1]);
 }
@@ -248,9 +250,9 @@ TEST(Watch, EndsOnCtrlCWhileNobodyReadsItsOutput) {
 TEST(Watch, FailsWhenStandardOutputIsFull) {
     ScriptedComputer computer;
     ChildProcess watch({"sh", "-c", "exec " + computer.ShellCommandLine("watch") + " >/dev/full"});
-    ASSERT_TRUE(watch.WaitForErrors(kReady, kDeadline));
+    ASSERT_TRUE(watch.WaitForErrors(TestReady, TestDeadline));
     computer.Do("usb 22 480 V M");
-    EXPECT_EQ(watch.WaitForExit(kDeadline), 1);
+    EXPECT_EQ(watch.WaitForExit(TestDeadline), 1);
     EXPECT_THAT(watch.GetErrors(), HasSubstr("standard output cannot be written"));
 }
 

@@ -17,7 +17,9 @@ using namespace Nimbrel2;
 
 Platform::Options OnRig(Platform::Options options, const std::shared_ptr<Platform::Rig>& rig) {
     for (Platform::Driver* driver : {&options.fireWire, &options.usb, &options.gigE}) {
-        if (*driver == Platform::Driver::Linux) *driver = Platform::Driver::Rig;
+        if (*driver == Platform::Driver::Linux) {
+            *driver = Platform::Driver::Rig;
+        }
     }
     options.makeDrivers = Platform::MakeRigDrivers(rig);
     return options;
@@ -26,12 +28,16 @@ Platform::Options OnRig(Platform::Options options, const std::shared_ptr<Platfor
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return 98;
+    if (argc < 2) {
+        return 98;
+    }
     try {
         Platform::RigPlan plan = Platform::ReadRigFile(argv[1]);
         const auto rig = std::make_shared<Platform::Rig>(std::move(plan.rig));
         for (const Platform::RigStep& step : plan.timeline) {
-            if (Platform::Apply(*rig, step.action)) return 98;
+            if (Platform::Apply(*rig, step.action)) {
+                return 98;
+            }
         }
         Platform::Process::Get().SetDriverFactory([rig](const auto& options, const auto& sinks) {
             return Platform::MakeDrivers(OnRig(options, rig), sinks);

@@ -30,11 +30,15 @@ void Follow(std::ifstream& script, ScriptedBuses& buses) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return 98;
+    if (argc < 2) {
+        return 98;
+    }
     // Never destroyed: the thread below reads and writes them to the very end.
     auto& script = *new std::ifstream(argv[1]);
     auto& buses = *new ScriptedBuses;
-    if (!script) return 98;
+    if (!script) {
+        return 98;
+    }
     Follow(script, buses);
     if (Nimbrel2::Platform::Process::Get().SetDriverFactory(
             [&buses](const auto& options, const auto& sinks) { return buses.MakeDrivers(options, sinks); }) != HAL_OK) {

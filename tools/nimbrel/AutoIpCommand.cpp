@@ -24,7 +24,7 @@ namespace {
 
 using Platform::AddressPlan;
 
-const char kFooter[] =
+const char Footer[] =
     R"(Leaves cameras alone whose address is in the subnet of the network interface
 that hears them. Each of the others gets a free address of that subnet: one that
 neither this computer nor another camera, a gateway or a host on that network
@@ -93,19 +93,23 @@ public:
     int Run() {
         const BusMasterSession busMaster = m_context.OpenGigE();
         Plan();
-        if (!m_dryRun && AnyOf(Result::WouldChange)) Change();
+        if (!m_dryRun && AnyOf(Result::WouldChange)) {
+            Change();
+        }
         m_context.Print(m_context.WantsJson() ? AsJson() : ForPeople());
         if (AnyOf(Result::Failed)) {
             throw CommandError(NamesOfFailed()).WithHint("`nimbrel doctor` finds out why.");
         }
-        return kDone;
+        return ExitDone;
     }
 
 private:
     std::string NamesOfFailed() const {
         std::vector<std::string> names;
         for (const Outcome& outcome : m_outcomes) {
-            if (outcome.result == Result::Failed) names.push_back(Tool::NameOf(outcome.before));
+            if (outcome.result == Result::Failed) {
+                names.push_back(Tool::NameOf(outcome.before));
+            }
         }
         return Enumerate(names) + (names.size() == 1 ? " has" : " have") + " no address of the right subnet";
     }
@@ -128,8 +132,12 @@ private:
             throw CommandError("GigE cannot be searched: " + DescribeStatus(status))
                 .WithHint(NextStep(status, INTERFACE_GIGE));
         }
-        if (m_serial && m_plans.size() > 1) RefuseTwins();
-        for (const AddressPlan& plan : m_plans) m_outcomes.push_back(OutcomeOf(plan));
+        if (m_serial && m_plans.size() > 1) {
+            RefuseTwins();
+        }
+        for (const AddressPlan& plan : m_plans) {
+            m_outcomes.push_back(OutcomeOf(plan));
+        }
     }
 
     [[noreturn]] void RefuseTwins() const {
@@ -147,13 +155,17 @@ private:
         Outcome outcome;
         outcome.before = FromRecord(plan.record);
         outcome.interface = plan.interfaceName;
-        if (plan.interfaceAddress.address != 0) outcome.home = plan.interfaceAddress;
+        if (plan.interfaceAddress.address != 0) {
+            outcome.home = plan.interfaceAddress;
+        }
         const std::string subnet = outcome.home ? outcome.interface + ", " +
                                                       FormatSubnet(UnpackIPAddress(outcome.home->address),
                                                                    UnpackIPAddress(outcome.home->GetMask()))
                                                 : outcome.interface + ", which has no address";
         outcome.reason = ReasonOf(plan, outcome.home, subnet);
-        if (plan.alreadyRight) return outcome;
+        if (plan.alreadyRight) {
+            return outcome;
+        }
         if (plan.status != HAL_OK) {
             outcome.result = Result::Failed;
             outcome.reason = WhyNot(plan.status, subnet);
@@ -180,9 +192,15 @@ private:
     }
 
     static std::string WhyNot(std::uint32_t status, const std::string& subnet) {
-        if (status == HAL_UNREACHABLE) return "no address for it: it is connected to " + subnet;
-        if (status == HAL_NOT_SUPPORTED) return "it has no MAC by which it could be given an address";
-        if (status == HAL_FAILED) return "no address is free in the subnet of " + subnet;
+        if (status == HAL_UNREACHABLE) {
+            return "no address for it: it is connected to " + subnet;
+        }
+        if (status == HAL_NOT_SUPPORTED) {
+            return "it has no MAC by which it could be given an address";
+        }
+        if (status == HAL_FAILED) {
+            return "no address is free in the subnet of " + subnet;
+        }
         return "no address was found for it: " + DescribeStatus(status);
     }
 
@@ -196,7 +214,9 @@ private:
                 return plan.newIp == 0 || plan.status == HAL_OK;
             });
         for (AddressPlan& plan : m_plans) {
-            if (nothingTried && plan.newIp != 0) plan.status = status;
+            if (nothingTried && plan.newIp != 0) {
+                plan.status = status;
+            }
         }
         // A camera without an acknowledge that still answers elsewhere has kept its address and is not waited for. A
         // silent one may be restarting at its new address.
@@ -204,13 +224,16 @@ private:
             for (std::size_t i = 0; i < m_plans.size(); ++i) {
                 const GigECamera* camera = FindByMac(cameras, m_outcomes[i].before.mac);
                 const bool givenUp = m_plans[i].status != HAL_OK && camera != nullptr;
-                if (m_outcomes[i].result == Result::WouldChange && !givenUp && !HasMoved(m_outcomes[i], camera))
+                if (m_outcomes[i].result == Result::WouldChange && !givenUp && !HasMoved(m_outcomes[i], camera)) {
                     return false;
+                }
             }
             return true;
         });
         for (std::size_t i = 0; i < m_plans.size(); ++i) {
-            if (m_outcomes[i].result == Result::WouldChange) Conclude(after, m_plans[i].status, &m_outcomes[i]);
+            if (m_outcomes[i].result == Result::WouldChange) {
+                Conclude(after, m_plans[i].status, &m_outcomes[i]);
+            }
         }
     }
 
@@ -231,7 +254,9 @@ private:
     }
 
     static std::string WhyNot(const GigECamera* camera, const GigECamera& before) {
-        if (camera == nullptr) return "it no longer answers";
+        if (camera == nullptr) {
+            return "it no longer answers";
+        }
         if (PackIPAddress(camera->ip) == PackIPAddress(before.ip)) {
             return "it stays at its old address, most likely because an application holds it";
         }
@@ -262,7 +287,9 @@ private:
     }
 
     std::string ForPeople() {
-        if (m_outcomes.empty()) return "No GigE camera answered. `nimbrel doctor` finds out why.\n";
+        if (m_outcomes.empty()) {
+            return "No GigE camera answered. `nimbrel doctor` finds out why.\n";
+        }
         std::string text;
         for (const Outcome& outcome : m_outcomes) {
             text += Tool::NameOf(outcome.before) + ": " + FormatSubnet(outcome.before.ip, outcome.before.subnet);
@@ -290,7 +317,7 @@ void AddAutoIpCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command = context.AddCommand(app, "auto-ip", "Gives GigE cameras on wrong subnets an address.",
                                            [automatic] { return automatic->Run(); });
     automatic->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

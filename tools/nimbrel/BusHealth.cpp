@@ -20,7 +20,7 @@ struct HalListing {
     std::uint32_t (*free)(void* entry);
 };
 
-constexpr HalListing kListings[] = {
+constexpr HalListing HalListings[] = {
     {HAL_INTERFACE_1394, HAL_1394GetCameras, HAL_1394FreeCamera},
     {HAL_INTERFACE_1394, HAL_1394GetDevices, HAL_1394FreeDevice},
     {HAL_INTERFACE_USB, HAL_UsbGetCameras, HAL_UsbFreeCamera},
@@ -29,13 +29,19 @@ constexpr HalListing kListings[] = {
 
 // The first status of a bus that is not HAL_OK.
 std::uint32_t TryListing(HALInterfaceType bus) {
-    for (const HalListing& listing : kListings) {
-        if (listing.bus != bus) continue;
+    for (const HalListing& listing : HalListings) {
+        if (listing.bus != bus) {
+            continue;
+        }
         std::array<void*, 256> entries{};
         std::uint64_t count = entries.size();
         const std::uint32_t status = listing.list(entries.data(), &count);
-        if (status != HAL_OK) return status;
-        for (std::uint64_t i = 0; i < count; ++i) listing.free(entries[i]);
+        if (status != HAL_OK) {
+            return status;
+        }
+        for (std::uint64_t i = 0; i < count; ++i) {
+            listing.free(entries[i]);
+        }
     }
     return HAL_OK;
 }
@@ -43,9 +49,15 @@ std::uint32_t TryListing(HALInterfaceType bus) {
 // A bus whose driver did not start lists nothing and answers HAL_OK; support tells why.
 std::optional<BusFailure> TryBus(const BusKind& bus) {
     std::uint32_t status = Platform::GetBusSupport(bus.type);
-    if (status == HAL_NOT_SUPPORTED || status == HAL_NO_BUS) return std::nullopt;
-    if (status == HAL_OK) status = TryListing(bus.type);
-    if (status == HAL_OK) return std::nullopt;
+    if (status == HAL_NOT_SUPPORTED || status == HAL_NO_BUS) {
+        return std::nullopt;
+    }
+    if (status == HAL_OK) {
+        status = TryListing(bus.type);
+    }
+    if (status == HAL_OK) {
+        return std::nullopt;
+    }
     return BusFailure{bus, status};
 }
 
@@ -53,8 +65,9 @@ std::optional<BusFailure> TryBus(const BusKind& bus) {
 std::string OthersThan(const BusKind& failed, const IsWanted& isWanted) {
     std::string options;
     for (const BusKind& bus : BusKinds()) {
-        if (bus.type != failed.type && isWanted(bus))
+        if (bus.type != failed.type && isWanted(bus)) {
             options += std::string(options.empty() ? "" : " ") + "--bus " + bus.name;
+        }
     }
     return options;
 }
@@ -86,7 +99,9 @@ bool IsOn(HALInterfaceType bus, InterfaceType camera) {
 std::vector<BusKind> FindBusesWithoutDriver(const IsWanted& isWanted) {
     std::vector<BusKind> buses;
     for (const BusKind& bus : BusKinds()) {
-        if (isWanted(bus) && Platform::GetBusSupport(bus.type) == HAL_NOT_SUPPORTED) buses.push_back(bus);
+        if (isWanted(bus) && Platform::GetBusSupport(bus.type) == HAL_NOT_SUPPORTED) {
+            buses.push_back(bus);
+        }
     }
     return buses;
 }
@@ -101,8 +116,12 @@ std::vector<BusFailure> FindFailedBuses(BusMaster& busMaster, const IsWanted& is
     for (const BusKind& bus : BusKinds()) {
         const bool shows = std::any_of(cameras.begin(), cameras.end(),
                                        [&bus](const Camera& camera) { return IsOn(bus.type, camera.interfaceType); });
-        if (shows || !isWanted(bus)) continue;
-        if (const auto failure = TryBus(bus)) failures.push_back(*failure);
+        if (shows || !isWanted(bus)) {
+            continue;
+        }
+        if (const auto failure = TryBus(bus)) {
+            failures.push_back(*failure);
+        }
     }
     return failures;
 }
@@ -114,9 +133,13 @@ CommandError ExplainStart(const Error& error, const IsWanted& isWanted) {
             .WithDetails(error.Describe());
     }
     for (const BusKind& bus : BusKinds()) {
-        if (!isWanted(bus)) continue;
+        if (!isWanted(bus)) {
+            continue;
+        }
         const auto failure = TryBus(bus);
-        if (!failure) continue;
+        if (!failure) {
+            continue;
+        }
         const std::string others = OthersThan(bus, isWanted);
         return CommandError(failure->Describe())
             .WithHint(others.empty() ? NextStep(failure->status, INTERFACE_NONE)

@@ -23,10 +23,10 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr std::uint32_t kLargest = std::numeric_limits<std::uint32_t>::max();
-constexpr std::size_t kMostNamed = 8;
+constexpr std::uint32_t Largest = std::numeric_limits<std::uint32_t>::max();
+constexpr std::size_t MostNamed = 8;
 
-const char kForms[] = "serial:N, index:N, ip:A, mac:M or guid:G; a bare\nnumber is a serial number.";
+const char Forms[] = "serial:N, index:N, ip:A, mac:M or guid:G; a bare\nnumber is a serial number.";
 
 bool IsNumber(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -65,8 +65,12 @@ IsMeant HasIndex(std::uint32_t index) {
 
 // A CAMERA that means this camera and no other; its guid when there is none.
 std::string UniqueName(const Camera& camera, const Cameras& cameras) {
-    if (camera.IsGigE() && IsAlone(cameras, HasMac(camera.mac))) return "mac:" + FormatMac(camera.mac);
-    if (IsAlone(cameras, HasSerialNumber(camera.serialNumber))) return "serial:" + std::to_string(camera.serialNumber);
+    if (camera.IsGigE() && IsAlone(cameras, HasMac(camera.mac))) {
+        return "mac:" + FormatMac(camera.mac);
+    }
+    if (IsAlone(cameras, HasSerialNumber(camera.serialNumber))) {
+        return "serial:" + std::to_string(camera.serialNumber);
+    }
     return "guid:" + FormatGuid(camera.guid);
 }
 
@@ -76,7 +80,9 @@ std::string Lines(const Cameras& some, const Cameras& all) {
     for (const Camera& camera : some) {
         text += "\n  " + UniqueName(camera, all) + "  " + BusName(camera.interfaceType);
         const std::string location = DescribeLocation(camera);
-        if (!location.empty()) text += ", " + location;
+        if (!location.empty()) {
+            text += ", " + location;
+        }
         text += ", index " + std::to_string(camera.index);
     }
     return text;
@@ -99,8 +105,12 @@ FoundCamera Accept(BusMaster& busMaster, const Cameras& cameras, const Camera& c
 FoundCamera FindOne(BusMaster& busMaster, const Cameras& cameras, const IsMeant& isMeant, const std::string& what,
                     const std::string& ifNobody) {
     Cameras found = Matching(cameras, isMeant);
-    if (found.empty()) throw CommandError("no camera has " + what + ifNobody);
-    if (found.size() > 1 && !IsAlone(found, HasGuid(found.front().guid))) Accept(busMaster, cameras, found.front());
+    if (found.empty()) {
+        throw CommandError("no camera has " + what + ifNobody);
+    }
+    if (found.size() > 1 && !IsAlone(found, HasGuid(found.front().guid))) {
+        Accept(busMaster, cameras, found.front());
+    }
     if (found.size() > 1) {
         AddLocations(busMaster, &found);
         throw CommandError(CountOf(found.size(), "camera") + " have " + what + ":" + Lines(found, cameras))
@@ -112,17 +122,23 @@ FoundCamera FindOne(BusMaster& busMaster, const Cameras& cameras, const IsMeant&
 // ---- What the user may have meant instead --------------------------------------------------------------------------
 
 std::string OtherSerialNumbers(const Cameras& cameras) {
-    if (cameras.empty()) return "; no camera is listed";
-    if (cameras.size() > kMostNamed) {
+    if (cameras.empty()) {
+        return "; no camera is listed";
+    }
+    if (cameras.size() > MostNamed) {
         return "; " + std::to_string(cameras.size()) + " cameras are listed, see `nimbrel list`";
     }
     std::vector<std::string> serials;
-    for (const Camera& camera : cameras) serials.push_back(std::to_string(camera.serialNumber));
+    for (const Camera& camera : cameras) {
+        serials.push_back(std::to_string(camera.serialNumber));
+    }
     return serials.size() == 1 ? "; the only camera listed is " + serials[0] : "; listed are " + Enumerate(serials);
 }
 
 std::string OtherIndexes(const Cameras& cameras) {
-    if (cameras.empty()) return "; no camera is listed";
+    if (cameras.empty()) {
+        return "; no camera is listed";
+    }
     const std::string last = std::to_string(cameras.back().index);
     return last == "0" ? "; the only camera listed has 0" : "; they go from 0 to " + last;
 }
@@ -130,22 +146,30 @@ std::string OtherIndexes(const Cameras& cameras) {
 std::string OtherGigECameras(const Cameras& cameras, std::string (*format)(const Camera& camera)) {
     std::vector<std::string> words;
     for (const Camera& camera : cameras) {
-        if (camera.IsGigE()) words.push_back(format(camera));
+        if (camera.IsGigE()) {
+            words.push_back(format(camera));
+        }
     }
-    const char kDiscover[] = " (`nimbrel discover` also shows cameras on a wrong subnet)";
-    if (words.empty()) return std::string("; no GigE camera is listed") + kDiscover;
-    if (words.size() > kMostNamed) {
+    const char DiscoverHint[] = " (`nimbrel discover` also shows cameras on a wrong subnet)";
+    if (words.empty()) {
+        return std::string("; no GigE camera is listed") + DiscoverHint;
+    }
+    if (words.size() > MostNamed) {
         return "; " + std::to_string(words.size()) + " GigE cameras are listed, see `nimbrel list --bus gige`";
     }
-    return "; those listed have " + Enumerate(words) + kDiscover;
+    return "; those listed have " + Enumerate(words) + DiscoverHint;
 }
 
 FoundCamera FindByGuid(BusMaster& busMaster, const Cameras& cameras, const ZevoGuid& guid) {
     for (const Camera& camera : cameras) {
-        if (camera.guid == guid) return Accept(busMaster, cameras, camera);
+        if (camera.guid == guid) {
+            return Accept(busMaster, cameras, camera);
+        }
     }
     for (const Device& device : ListDevices(busMaster)) {
-        if (device.guid == guid) return {guid, device.interfaceType, "device " + FormatGuid(guid)};
+        if (device.guid == guid) {
+            return {guid, device.interfaceType, "device " + FormatGuid(guid)};
+        }
     }
     throw CommandError("no camera or device has the guid " + FormatGuid(guid) + OtherSerialNumbers(cameras))
         .WithHint(
@@ -162,7 +186,7 @@ struct ScopeText {
     bool (*fits)(InterfaceType type);
 };
 
-constexpr ScopeText kScopes[] = {
+constexpr ScopeText Scopes[] = {
     {Scope::IEEE1394, "IEEE 1394", "--bus 1394", [](InterfaceType type) { return type == INTERFACE_IEEE1394; }},
     {Scope::Usb, "USB", "--bus usb",
      [](InterfaceType type) { return type == INTERFACE_USB_2 || type == INTERFACE_USB_3; }},
@@ -172,8 +196,10 @@ constexpr ScopeText kScopes[] = {
 };
 
 void CheckScope(const FoundCamera& camera, const std::string& command, Scope scope) {
-    for (const ScopeText& text : kScopes) {
-        if (text.scope != scope || text.fits(camera.interfaceType)) continue;
+    for (const ScopeText& text : Scopes) {
+        if (text.scope != scope || text.fits(camera.interfaceType)) {
+            continue;
+        }
         throw CommandError(camera.name + " is on " + BusName(camera.interfaceType) + ", " + command + " is for " +
                            text.cameras + " cameras")
             .WithHint(std::string("`nimbrel list ") + text.options + "` shows those.");
@@ -181,14 +207,20 @@ void CheckScope(const FoundCamera& camera, const std::string& command, Scope sco
 }
 
 std::optional<ZevoGuid> ReadGuid(const std::string& text) {
-    constexpr std::size_t kGroup = 9;  // eight digits and what separates them
-    if (text.size() != 4 * kGroup - 1) return std::nullopt;
+    constexpr std::size_t Group = 9;  // eight digits and what separates them
+    if (text.size() != 4 * Group - 1) {
+        return std::nullopt;
+    }
     ZevoGuid guid;
     for (std::size_t i = 0; i < 4; ++i) {
-        const char* begin = text.data() + i * kGroup;
-        const auto [end, error] = std::from_chars(begin, begin + kGroup - 1, guid.value[i], 16);
-        if (error != std::errc() || end != begin + kGroup - 1) return std::nullopt;
-        if (i != 3 && *end != '-') return std::nullopt;
+        const char* begin = text.data() + i * Group;
+        const auto [end, error] = std::from_chars(begin, begin + Group - 1, guid.value[i], 16);
+        if (error != std::errc() || end != begin + Group - 1) {
+            return std::nullopt;
+        }
+        if (i != 3 && *end != '-') {
+            return std::nullopt;
+        }
     }
     return guid;
 }
@@ -200,7 +232,7 @@ ZevoGuid ParseGuid(const std::string& option, const std::string& text) {
     if (!guid) {
         throw CommandError(
             option + ": \"" + text + "\" is not a guid, which is four groups of eight hexadecimal digits joined by -",
-            kUsage);
+            ExitUsage);
     }
     return *guid;
 }
@@ -214,23 +246,35 @@ CameraChoice ParseCamera(const std::string& text) {
         if (!IsNumber(text)) {
             throw CommandError(
                 "CAMERA: \"" + text + "\" is neither a serial number nor serial:N, index:N, ip:A, mac:M or guid:G",
-                kUsage);
+                ExitUsage);
         }
-        return BySerial{ParseNumber("CAMERA", value, 0, kLargest)};
+        return BySerial{ParseNumber("CAMERA", value, 0, Largest)};
     }
-    if (kind == "serial") return BySerial{ParseNumber(option, value, 0, kLargest)};
-    if (kind == "index") return ByIndex{ParseNumber(option, value, 0, kLargest)};
-    if (kind == "ip") return ParseIp(option, value);
-    if (kind == "mac") return ParseMac(option, value);
-    if (kind == "guid") return ParseGuid(option, value);
+    if (kind == "serial") {
+        return BySerial{ParseNumber(option, value, 0, Largest)};
+    }
+    if (kind == "index") {
+        return ByIndex{ParseNumber(option, value, 0, Largest)};
+    }
+    if (kind == "ip") {
+        return ParseIp(option, value);
+    }
+    if (kind == "mac") {
+        return ParseMac(option, value);
+    }
+    if (kind == "guid") {
+        return ParseGuid(option, value);
+    }
     throw CommandError("CAMERA: \"" + text + "\" does not begin with serial:, index:, ip:, mac: or guid:" +
                            DidYouMean(kind, {"serial", "index", "ip", "mac", "guid"}),
-                       kUsage);
+                       ExitUsage);
 }
 
 FoundCamera FindCamera(BusMaster& busMaster, const CameraChoice& choice) {
     const Cameras cameras = ListCameras(busMaster);
-    if (const auto* guid = std::get_if<ZevoGuid>(&choice)) return FindByGuid(busMaster, cameras, *guid);
+    if (const auto* guid = std::get_if<ZevoGuid>(&choice)) {
+        return FindByGuid(busMaster, cameras, *guid);
+    }
     if (const auto* serial = std::get_if<BySerial>(&choice)) {
         return FindOne(busMaster, cameras, HasSerialNumber(serial->serialNumber),
                        "the serial number " + std::to_string(serial->serialNumber), OtherSerialNumbers(cameras));
@@ -251,7 +295,9 @@ FoundCamera FindCamera(BusMaster& busMaster, const CameraChoice& choice) {
 std::string FoundCamera::GetNameWithBus() const { return name + " (" + BusName(interfaceType) + ")"; }
 
 void CheckFor(const FoundCamera& camera, const Error& error, const std::string& what) {
-    if (error != ERROR_OK) throw Explain(error, camera.GetNameWithBus() + " " + what, camera.interfaceType);
+    if (error != ERROR_OK) {
+        throw Explain(error, camera.GetNameWithBus() + " " + what, camera.interfaceType);
+    }
 }
 
 void CameraArgument::AddTo(CLI::App& command) {
@@ -259,12 +305,16 @@ void CameraArgument::AddTo(CLI::App& command) {
         m_choice = ParseCamera(words.at(0));
         return true;
     };
-    command.add_option("CAMERA", parser, kForms)->required()->type_name("");
+    command.add_option("CAMERA", parser, Forms)->required()->type_name("");
 }
 
 BusMasterSession CameraArgument::Start(CommandContext& context) const {
-    if (const auto* ip = std::get_if<IPAddress>(&m_choice)) context.SearchFor({PackIPAddress(*ip), 0});
-    if (const auto* mac = std::get_if<MACAddress>(&m_choice)) context.SearchFor({0, PackMac(*mac)});
+    if (const auto* ip = std::get_if<IPAddress>(&m_choice)) {
+        context.SearchFor({PackIPAddress(*ip), 0});
+    }
+    if (const auto* mac = std::get_if<MACAddress>(&m_choice)) {
+        context.SearchFor({0, PackMac(*mac)});
+    }
     return context.StartBusMaster();
 }
 
@@ -288,7 +338,7 @@ void AddCameraCommand(CLI::App& app, CommandContext& context, CameraCommand comm
         const BusMasterSession busMaster = argument->Start(context);
         FoundCamera camera = argument->Find(context, *busMaster, shared->name, shared->scope);
         context.Print(shared->operation(*busMaster, camera, context.WantsJson()));
-        return static_cast<int>(kDone);
+        return static_cast<int>(ExitDone);
     });
     argument->AddTo(*added);
     context.AddJsonOption(*added, "Print JSON.");

@@ -18,7 +18,9 @@ namespace {
 
 template <class Value>
 int Compare(const Value& a, const Value& b) {
-    if (a < b) return -1;
+    if (a < b) {
+        return -1;
+    }
     return b < a ? 1 : 0;
 }
 
@@ -29,30 +31,34 @@ int CompareMember(const Camera& a, const Camera& b) {
 
 std::string ControlText(const Camera& camera) { return camera.control ? FormatControl(*camera.control) : ""; }
 
-constexpr Details kNothing{};
-constexpr Details kLocation{true, false, false};
-constexpr Details kSpeed{false, true, false};
-constexpr Details kControl{false, false, true};
+constexpr Details NoDetails{};
+constexpr Details Location{true, false, false};
+constexpr Details SpeedDetails{false, true, false};
+constexpr Details ControlDetails{false, false, true};
 
-constexpr auto kLeft = Table::Align::Left;
-constexpr auto kRight = Table::Align::Right;
-constexpr auto kFull = Table::Width::Full;
-constexpr auto kFlexible = Table::Width::Flexible;
+constexpr auto AlignLeft = Table::Align::Left;
+constexpr auto AlignRight = Table::Align::Right;
+constexpr auto FullWidth = Table::Width::Full;
+constexpr auto FlexibleWidth = Table::Width::Flexible;
 
 std::vector<std::string> NamesOfColumns() {
     std::vector<std::string> names;
-    for (const CameraColumn& column : CameraColumns()) names.emplace_back(column.name);
+    for (const CameraColumn& column : CameraColumns()) {
+        names.emplace_back(column.name);
+    }
     return names;
 }
 
 const CameraColumn& FindColumn(const std::string& option, const std::string& name) {
     for (const CameraColumn& column : CameraColumns()) {
-        if (name == column.name) return column;
+        if (name == column.name) {
+            return column;
+        }
     }
     const std::string meant = DidYouMean(name, NamesOfColumns());
     throw CommandError(option + ": \"" + name + "\" is not a column" +
                            (meant.empty() ? "; there are " + Enumerate(NamesOfColumns()) : meant),
-                       kUsage);
+                       ExitUsage);
 }
 
 char InLowerCase(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
@@ -69,13 +75,17 @@ bool IsInEitherCase(const std::string& a, const std::string& b) {
 
 void ReadControl(std::vector<Camera>* cameras) {
     Platform::GigEDiagnosis diagnosis;
-    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) return;
+    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) {
+        return;
+    }
     for (Camera& camera : *cameras) {
         for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
             const GigECamera other = FromRecord(heard.record);
             const bool same =
                 heard.listed && IsSame(other.mac, camera.mac) && PackIPAddress(other.ip) == PackIPAddress(camera.ip);
-            if (camera.IsGigE() && same) camera.control = heard.control.state;
+            if (camera.IsGigE() && same) {
+                camera.control = heard.control.state;
+            }
         }
     }
 }
@@ -84,41 +94,44 @@ void ReadControl(std::vector<Camera>* cameras) {
 
 const std::vector<CameraColumn>& CameraColumns() {
     static const std::vector<CameraColumn> columns{
-        {"index", "#", kRight, kFull, [](const Camera& c) { return std::to_string(c.index); },
-         CompareMember<&Camera::index>, kNothing},
-        {"serial", "SERIAL", kRight, kFull, [](const Camera& c) { return std::to_string(c.serialNumber); },
-         CompareMember<&Camera::serialNumber>, kNothing},
-        {"serial_text", "SERIAL TEXT", kLeft, kFlexible, [](const Camera& c) { return c.serialText; },
-         CompareMember<&Camera::serialText>, kNothing},
-        {"guid", "GUID", kLeft, kFull, [](const Camera& c) { return FormatGuid(c.guid); },
-         [](const Camera& a, const Camera& b) { return FormatGuid(a.guid).compare(FormatGuid(b.guid)); }, kNothing},
-        {"interface", "BUS", kLeft, kFull, [](const Camera& c) { return FormatInterface(c.interfaceType); },
-         CompareMember<&Camera::interfaceType>, kNothing},
-        {"ip", "ADDRESS", kLeft, kFull, [](const Camera& c) { return c.IsGigE() ? FormatIp(c.ip) : ""; },
-         [](const Camera& a, const Camera& b) { return Compare(PackIPAddress(a.ip), PackIPAddress(b.ip)); }, kNothing},
-        {"mac", "MAC", kLeft, kFull, [](const Camera& c) { return c.IsGigE() ? FormatMac(c.mac) : ""; },
-         [](const Camera& a, const Camera& b) { return FormatMac(a.mac).compare(FormatMac(b.mac)); }, kNothing},
-        {"vendor", "VENDOR", kLeft, kFlexible, [](const Camera& c) { return c.vendor; }, CompareMember<&Camera::vendor>,
-         kNothing},
-        {"model", "MODEL", kLeft, kFlexible, [](const Camera& c) { return c.model; }, CompareMember<&Camera::model>,
-         kNothing},
-        {"name", "NAME", kLeft, kFlexible, [](const Camera& c) { return c.name; }, CompareMember<&Camera::name>,
-         kNothing},
-        {"speed", "SPEED", kRight, kFull, [](const Camera& c) { return c.speed == 0 ? "" : FormatSpeed(c.speed); },
-         CompareMember<&Camera::speed>, kSpeed},
-        {"port", "PORT", kRight, kFull, [](const Camera& c) { return c.port ? std::to_string(*c.port) : ""; },
-         CompareMember<&Camera::port>, kLocation},
-        {"location", "LOCATION", kLeft, kFlexible, [](const Camera& c) { return c.location; },
-         CompareMember<&Camera::location>, kLocation},
-        {"control", "CONTROL", kLeft, kFull, ControlText,
-         [](const Camera& a, const Camera& b) { return ControlText(a).compare(ControlText(b)); }, kControl},
+        {"index", "#", AlignRight, FullWidth, [](const Camera& c) { return std::to_string(c.index); },
+         CompareMember<&Camera::index>, NoDetails},
+        {"serial", "SERIAL", AlignRight, FullWidth, [](const Camera& c) { return std::to_string(c.serialNumber); },
+         CompareMember<&Camera::serialNumber>, NoDetails},
+        {"serial_text", "SERIAL TEXT", AlignLeft, FlexibleWidth, [](const Camera& c) { return c.serialText; },
+         CompareMember<&Camera::serialText>, NoDetails},
+        {"guid", "GUID", AlignLeft, FullWidth, [](const Camera& c) { return FormatGuid(c.guid); },
+         [](const Camera& a, const Camera& b) { return FormatGuid(a.guid).compare(FormatGuid(b.guid)); }, NoDetails},
+        {"interface", "BUS", AlignLeft, FullWidth, [](const Camera& c) { return FormatInterface(c.interfaceType); },
+         CompareMember<&Camera::interfaceType>, NoDetails},
+        {"ip", "ADDRESS", AlignLeft, FullWidth, [](const Camera& c) { return c.IsGigE() ? FormatIp(c.ip) : ""; },
+         [](const Camera& a, const Camera& b) { return Compare(PackIPAddress(a.ip), PackIPAddress(b.ip)); }, NoDetails},
+        {"mac", "MAC", AlignLeft, FullWidth, [](const Camera& c) { return c.IsGigE() ? FormatMac(c.mac) : ""; },
+         [](const Camera& a, const Camera& b) { return FormatMac(a.mac).compare(FormatMac(b.mac)); }, NoDetails},
+        {"vendor", "VENDOR", AlignLeft, FlexibleWidth, [](const Camera& c) { return c.vendor; },
+         CompareMember<&Camera::vendor>, NoDetails},
+        {"model", "MODEL", AlignLeft, FlexibleWidth, [](const Camera& c) { return c.model; },
+         CompareMember<&Camera::model>, NoDetails},
+        {"name", "NAME", AlignLeft, FlexibleWidth, [](const Camera& c) { return c.name; }, CompareMember<&Camera::name>,
+         NoDetails},
+        {"speed", "SPEED", AlignRight, FullWidth,
+         [](const Camera& c) { return c.speed == 0 ? "" : FormatSpeed(c.speed); }, CompareMember<&Camera::speed>,
+         SpeedDetails},
+        {"port", "PORT", AlignRight, FullWidth, [](const Camera& c) { return c.port ? std::to_string(*c.port) : ""; },
+         CompareMember<&Camera::port>, Location},
+        {"location", "LOCATION", AlignLeft, FlexibleWidth, [](const Camera& c) { return c.location; },
+         CompareMember<&Camera::location>, Location},
+        {"control", "CONTROL", AlignLeft, FullWidth, ControlText,
+         [](const Camera& a, const Camera& b) { return ControlText(a).compare(ControlText(b)); }, ControlDetails},
     };
     return columns;
 }
 
 std::vector<const CameraColumn*> ParseColumns(const std::string& option, const std::string& text) {
     std::vector<const CameraColumn*> columns;
-    for (const std::string& name : SplitAtCommas(text)) columns.push_back(&FindColumn(option, name));
+    for (const std::string& name : SplitAtCommas(text)) {
+        columns.push_back(&FindColumn(option, name));
+    }
     return columns;
 }
 
@@ -135,7 +148,9 @@ void SortCameras(const std::vector<SortKey>& keys, std::vector<Camera>* cameras)
     std::stable_sort(cameras->begin(), cameras->end(), [&keys](const Camera& a, const Camera& b) {
         for (const SortKey& key : keys) {
             const int order = key.column->compare(a, b);
-            if (order != 0) return key.descending ? order > 0 : order < 0;
+            if (order != 0) {
+                return key.descending ? order > 0 : order < 0;
+            }
         }
         return false;
     });
@@ -159,10 +174,16 @@ Details operator|(const Details& a, const Details& b) {
 void ReadDetails(BusMaster& busMaster, const Details& wanted, std::vector<Camera>* cameras) {
     for (Camera& camera : *cameras) {
         unsigned int speed = 0;
-        if (wanted.speeds && busMaster.GetLinkSpeed(camera.guid, &speed) == ERROR_OK) camera.speed = speed;
+        if (wanted.speeds && busMaster.GetLinkSpeed(camera.guid, &speed) == ERROR_OK) {
+            camera.speed = speed;
+        }
     }
-    if (wanted.locations) AddLocations(busMaster, cameras);
-    if (wanted.control) ReadControl(cameras);
+    if (wanted.locations) {
+        AddLocations(busMaster, cameras);
+    }
+    if (wanted.control) {
+        ReadControl(cameras);
+    }
 }
 
 bool HasSerialText(const Camera& camera) {

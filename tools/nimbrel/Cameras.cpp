@@ -21,7 +21,9 @@ std::vector<ZevoGuid> ReadGuids(BusMaster& busMaster, Count count, FromIndex fro
     for (unsigned int index = 0; index < size; ++index) {
         ZevoGuid guid;
         const Error error = (busMaster.*fromIndex)(index, &guid);
-        if (error == ERROR_INVALID_PARAMETER) break;  // the list has become shorter
+        if (error == ERROR_INVALID_PARAMETER) {
+            break;  // the list has become shorter
+        }
         Check(error, "the cameras cannot be listed");
         guids.push_back(guid);
     }
@@ -31,11 +33,13 @@ std::vector<ZevoGuid> ReadGuids(BusMaster& busMaster, Count count, FromIndex fro
 // A list may change between two look-ups: two equal readings were true at one time. On a bus that never rests the last
 // reading must do.
 std::vector<ZevoGuid> ReadGuidsTwice(BusMaster& busMaster, Count count, FromIndex fromIndex) {
-    constexpr int kMostReadings = 10;
+    constexpr int MostReadings = 10;
     std::vector<ZevoGuid> guids = ReadGuids(busMaster, count, fromIndex);
-    for (int reading = 1; reading < kMostReadings; ++reading) {
+    for (int reading = 1; reading < MostReadings; ++reading) {
         std::vector<ZevoGuid> again = ReadGuids(busMaster, count, fromIndex);
-        if (again == guids) break;
+        if (again == guids) {
+            break;
+        }
         guids = std::move(again);
     }
     return guids;
@@ -43,7 +47,9 @@ std::vector<ZevoGuid> ReadGuidsTwice(BusMaster& busMaster, Count count, FromInde
 
 // What the bus master itself remembers of a camera that does not answer now. False when it is no longer listed.
 bool ReadWithoutDevice(BusMaster& busMaster, Camera* camera) {
-    if (busMaster.GetInterfaceTypeFromGuid(camera->guid, &camera->interfaceType) != ERROR_OK) return false;
+    if (busMaster.GetInterfaceTypeFromGuid(camera->guid, &camera->interfaceType) != ERROR_OK) {
+        return false;
+    }
     ZevoGuid guid;
     return busMaster.GetCameraSerialNumberFromIndex(camera->index, &camera->serialNumber) == ERROR_OK &&
            busMaster.GetCameraFromIndex(camera->index, &guid) == ERROR_OK && guid == camera->guid;
@@ -83,7 +89,9 @@ std::vector<Device> ListDevices(BusMaster& busMaster) {
     for (const ZevoGuid& guid :
          ReadGuidsTwice(busMaster, &BusMaster::GetNumOfDevices, &BusMaster::GetDeviceFromIndex)) {
         Device device{index++, guid, INTERFACE_IEEE1394};
-        if (busMaster.GetInterfaceTypeFromGuid(guid, &device.interfaceType) != ERROR_OK) continue;
+        if (busMaster.GetInterfaceTypeFromGuid(guid, &device.interfaceType) != ERROR_OK) {
+            continue;
+        }
         devices.push_back(device);
     }
     return devices;
@@ -141,15 +149,25 @@ Json ToJson(const Camera& camera) {
               {"interface", FormatInterface(camera.interfaceType)},
               {"vendor", camera.vendor},
               {"model", camera.model}};
-    if (!camera.name.empty()) json["name"] = camera.name;
-    if (camera.speed != 0) json["speed"] = camera.speed;
-    if (camera.port) json["port"] = *camera.port;
-    if (!camera.location.empty()) json["location"] = camera.location;
+    if (!camera.name.empty()) {
+        json["name"] = camera.name;
+    }
+    if (camera.speed != 0) {
+        json["speed"] = camera.speed;
+    }
+    if (camera.port) {
+        json["port"] = *camera.port;
+    }
+    if (!camera.location.empty()) {
+        json["location"] = camera.location;
+    }
     if (camera.IsGigE()) {
         json["ip"] = FormatIp(camera.ip);
         json["mac"] = FormatMac(camera.mac);
     }
-    if (camera.control) json["control"] = FormatControl(*camera.control);
+    if (camera.control) {
+        json["control"] = FormatControl(*camera.control);
+    }
     return json;
 }
 

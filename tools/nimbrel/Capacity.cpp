@@ -19,7 +19,9 @@ std::size_t CapacityOf(HALInterfaceType bus) { return bus == HAL_INTERFACE_1394 
 std::size_t CountAttached(HALInterfaceType bus) {
     if (bus == HAL_INTERFACE_GIGE) {
         Platform::GigEDiagnosis diagnosis;
-        if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK) return 0;
+        if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK) {
+            return 0;
+        }
         const auto heard = FindHeardCameras(diagnosis);
         return static_cast<std::size_t>(std::count_if(heard.begin(), heard.end(), [](const HeardCamera& camera) {
             return camera.usability == Usability::Usable;
@@ -27,8 +29,12 @@ std::size_t CountAttached(HALInterfaceType bus) {
     }
     std::size_t count = 0;
     for (const Platform::BusMap& map : ReadBusMaps()) {
-        if (map.bus != bus) continue;
-        for (const Platform::BusMapNode& node : map.nodes) count += node.isCamera ? 1 : 0;
+        if (map.bus != bus) {
+            continue;
+        }
+        for (const Platform::BusMapNode& node : map.nodes) {
+            count += node.isCamera ? 1 : 0;
+        }
     }
     return count;
 }
@@ -42,9 +48,13 @@ std::vector<std::string> FindCutListings(const std::vector<Camera>& listed) {
             static_cast<std::size_t>(std::count_if(listed.begin(), listed.end(), [&bus](const Camera& camera) {
                 return IsOn(bus.type, camera.interfaceType);
             }));
-        if (count < CapacityOf(bus.type)) continue;
+        if (count < CapacityOf(bus.type)) {
+            continue;
+        }
         const std::size_t attached = CountAttached(bus.type);
-        if (attached <= count) continue;
+        if (attached <= count) {
+            continue;
+        }
         sentences.push_back(std::to_string(count) + " of " + std::to_string(attached) + " " + bus.forPeople +
                             " cameras are listed, as many as there is room for.");
     }

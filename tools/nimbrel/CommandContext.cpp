@@ -24,27 +24,37 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kShortestWindow{10};
-constexpr milliseconds kLongestWindow{30000};
+constexpr milliseconds ShortestWindow{10};
+constexpr milliseconds LongestWindow{30000};
 
 void AddUnlessThere(std::vector<std::string>* words, const std::string& word) {
-    if (std::find(words->begin(), words->end(), word) == words->end()) words->push_back(word);
+    if (std::find(words->begin(), words->end(), word) == words->end()) {
+        words->push_back(word);
+    }
 }
 
 void CheckBusName(const std::string& name) {
     std::vector<std::string> names;
-    for (const BusKind& bus : BusKinds()) names.emplace_back(bus.name);
-    if (std::find(names.begin(), names.end(), name) != names.end()) return;
-    throw CommandError("--bus: \"" + name + "\" is not one of " + Enumerate(names, "or"), kUsage);
+    for (const BusKind& bus : BusKinds()) {
+        names.emplace_back(bus.name);
+    }
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+        return;
+    }
+    throw CommandError("--bus: \"" + name + "\" is not one of " + Enumerate(names, "or"), ExitUsage);
 }
 
 // Before the command and after it.
 void CheckGivenOnce(const std::string& option, bool given) {
-    if (given) throw CommandError(option + ": given twice, before the command and after it", kUsage);
+    if (given) {
+        throw CommandError(option + ": given twice, before the command and after it", ExitUsage);
+    }
 }
 
 Platform::Driver* DriverOf(Platform::Options* options, HALInterfaceType bus) {
-    if (bus == HAL_INTERFACE_1394) return &options->fireWire;
+    if (bus == HAL_INTERFACE_1394) {
+        return &options->fireWire;
+    }
     return bus == HAL_INTERFACE_USB ? &options->usb : &options->gigE;
 }
 
@@ -57,7 +67,7 @@ Platform::UsbId ParseUsbId(const std::string& text) {
         text.size() == 9 && text[4] == ':' && text.find_first_not_of("0123456789abcdefABCDEF:") == std::string::npos;
     if (!hasForm || std::sscanf(text.c_str(), "%4x:%4x%c", &vendor, &product, &behind) != 2) {
         throw CommandError("--usb-id: \"" + text + "\" is not two groups of four hexadecimal digits, like 1209:0001",
-                           kUsage);
+                           ExitUsage);
     }
     return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product)};
 }
@@ -65,7 +75,9 @@ Platform::UsbId ParseUsbId(const std::string& text) {
 void CheckExists(const std::vector<std::string>& interfaces) {
     const std::vector<std::string> existing = NetworkInterfaceNames();
     for (const std::string& name : interfaces) {
-        if (std::find(existing.begin(), existing.end(), name) != existing.end()) continue;
+        if (std::find(existing.begin(), existing.end(), name) != existing.end()) {
+            continue;
+        }
         throw CommandError("--interface: this computer has no network interface \"" + name + "\"; it has " +
                            (existing.empty() ? "none" : Enumerate(existing)));
     }
@@ -73,14 +85,18 @@ void CheckExists(const std::vector<std::string>& interfaces) {
 
 Platform::GigESearchReport ReadSearchReport() {
     Platform::GigESearchReport report;
-    if (Platform::GetGigESearchReport(&report) != HAL_OK) return {};
+    if (Platform::GetGigESearchReport(&report) != HAL_OK) {
+        return {};
+    }
     return report;
 }
 
 // "2 heard: 192.168.77.10 Cairn G 2040, 192.168.77.11 Cairn G 2040"
 std::string DescribeHeard() {
     Platform::GigEDiagnosis diagnosis;
-    if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK || diagnosis.cameras.empty()) return {};
+    if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK || diagnosis.cameras.empty()) {
+        return {};
+    }
     std::string text;
     const std::vector<HeardCamera> heard = FindHeardCameras(diagnosis);
     for (const HeardCamera& camera : heard) {
@@ -105,9 +121,11 @@ void CommandContext::AddValue(CLI::App& command, const std::string& name, const 
     const CLI::callback_t callback = [name, parser = std::move(parser), times](const CLI::results_t& values) {
         if (times == Times::Once && values.size() > 1) {
             throw CommandError(name + ": \"" + values[0] + "\" and \"" + values[1] + "\" given, but it takes one value",
-                               kUsage);
+                               ExitUsage);
         }
-        for (const std::string& value : values) parser(value);
+        for (const std::string& value : values) {
+            parser(value);
+        }
         return true;
     };
     command.add_option(name, callback, description)->type_name(placeholder)->take_all();
@@ -158,7 +176,9 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
         "cameras; repeatable. Default: all that are up but\n"
         "loopback, which must be named: --interface lo.",
         [this](const std::string& name) {
-            if (name.empty()) throw CommandError("--interface: \"\" is not the name of an interface", kUsage);
+            if (name.empty()) {
+                throw CommandError("--interface: \"\" is not the name of an interface", ExitUsage);
+            }
             AddUnlessThere(&m_interfaces, name);
         },
         Times::Repeatable);
@@ -168,7 +188,7 @@ void CommandContext::AddNetworkOptions(CLI::App& command) {
              "take. Most answer within 0.01.",
              [this](const std::string& text) {
                  CheckGivenOnce("--discovery-window", m_discoveryWindow.has_value());
-                 m_discoveryWindow = ParseSeconds("--discovery-window", text, kShortestWindow, kLongestWindow);
+                 m_discoveryWindow = ParseSeconds("--discovery-window", text, ShortestWindow, LongestWindow);
              });
     AddValue(command, "--source-port", "FIRST-LAST",
              "Send to GigE cameras from these UDP ports only, so\n"
@@ -198,7 +218,9 @@ bool CommandContext::UsesBus(const std::string& name) const {
 std::string CommandContext::DescribeBuses() const {
     std::vector<std::string> names;
     for (const BusKind& bus : BusKinds()) {
-        if (IsSearched(bus)) names.emplace_back(bus.forPeople);
+        if (IsSearched(bus)) {
+            names.emplace_back(bus.forPeople);
+        }
     }
     return names.empty() ? "no bus" : Enumerate(names);
 }
@@ -211,8 +233,12 @@ bool CommandContext::IsSearched(const BusKind& bus) const {
 
 std::string CommandContext::DescribeBusesWithoutDriver() const {
     std::vector<std::string> names;
-    for (const BusKind& bus : m_withoutDriver) names.emplace_back(bus.forPeople);
-    if (names.empty()) return {};
+    for (const BusKind& bus : m_withoutDriver) {
+        names.emplace_back(bus.forPeople);
+    }
+    if (names.empty()) {
+        return {};
+    }
     return "this build of nimbrel cannot search " + Enumerate(names, "or") + ": it has no driver for " +
            (names.size() == 1 ? "it" : "them");
 }
@@ -220,13 +246,17 @@ std::string CommandContext::DescribeBusesWithoutDriver() const {
 Json CommandContext::SearchedAsJson() const {
     Json searched = Json::array();
     for (const BusKind& bus : BusKinds()) {
-        if (IsSearched(bus)) searched.push_back(bus.name);
+        if (IsSearched(bus)) {
+            searched.push_back(bus.name);
+        }
     }
     return searched;
 }
 
 std::vector<std::string> CommandContext::GetNetworkInterfaces() const {
-    if (m_rig) return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
+    if (m_rig) {
+        return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
+    }
     return m_interfaces.empty() ? UsualNetworkInterfaceNames() : m_interfaces;
 }
 
@@ -250,12 +280,18 @@ Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) 
 }
 
 void CommandContext::LoadRig() {
-    if (m_rig || (!m_demo && !m_rigFile)) return;
-    if (m_demo && m_rigFile) throw CommandError("--rig and --demo cannot be combined", kUsage);
+    if (m_rig || (!m_demo && !m_rigFile)) {
+        return;
+    }
+    if (m_demo && m_rigFile) {
+        throw CommandError("--rig and --demo cannot be combined", ExitUsage);
+    }
     try {
         Platform::RigPlan plan =
             m_demo ? Platform::ParseRig(Platform::BuiltInRig(), "the built-in rig") : Platform::ReadRigFile(*m_rigFile);
-        if (!m_interfaces.empty()) Platform::KeepNetworkInterfaces(&plan.rig, m_interfaces);
+        if (!m_interfaces.empty()) {
+            Platform::KeepNetworkInterfaces(&plan.rig, m_interfaces);
+        }
         m_rig = std::make_shared<Platform::Rig>(std::move(plan.rig));
     } catch (const Platform::RigFileError& error) {
         throw CommandError(ForTerminal(error.what()));
@@ -266,7 +302,9 @@ void CommandContext::LoadRig() {
 
 BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     LoadRig();
-    if (!m_rig) CheckExists(m_interfaces);
+    if (!m_rig) {
+        CheckExists(m_interfaces);
+    }
     const Platform::Options options = MakePlatformOptions(unlessGiven);
     if (const Platform::ConfigureResult result = Platform::Configure(options); !result) {
         throw CommandError("the options cannot be used: " + result.reason);
@@ -276,7 +314,9 @@ BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     m_withoutDriver = FindBusesWithoutDriver([this](const BusKind& bus) { return UsesBus(bus.name); });
     const bool onlyThose =
         std::none_of(BusKinds().begin(), BusKinds().end(), [this](const BusKind& bus) { return IsSearched(bus); });
-    if (onlyThose) throw CommandError(DescribeBusesWithoutDriver());
+    if (onlyThose) {
+        throw CommandError(DescribeBusesWithoutDriver());
+    }
     return session;
 }
 
@@ -289,9 +329,13 @@ BusMasterSession CommandContext::StartBusMaster(milliseconds unlessGiven) {
     BusMasterSession session = MakeBusMaster(unlessGiven);
     const Progress progress =
         UsesBus("gige") ? Progress("Discovering GigE cameras", DescribeHeard) : Progress("Searching for cameras");
-    if (m_virtual) Check(session->EnableVirtualDeviceEnumeration(), "virtual cameras cannot be listed");
+    if (m_virtual) {
+        Check(session->EnableVirtualDeviceEnumeration(), "virtual cameras cannot be listed");
+    }
     const auto isWanted = [this](const BusKind& bus) { return UsesBus(bus.name); };
-    if (const Error error = session->Initialize(); error != ERROR_OK) throw ExplainStart(error, isWanted);
+    if (const Error error = session->Initialize(); error != ERROR_OK) {
+        throw ExplainStart(error, isWanted);
+    }
     if (!session->GetInitialized()) {
         throw CommandError("IEEE 1394 does not report its bus events, so cameras that come and go would be missed")
             .WithHint("Go on without it: `--bus usb --bus gige`.");
@@ -305,22 +349,30 @@ bool CommandContext::CheckBuses(BusMaster& busMaster) const {
         UsesBus("gige") ? DescribeProblems(ReadSearchReport()) : std::vector<std::string>();
     for (const BusFailure& failure : failures) {
         // The interfaces say more.
-        if (failure.bus.type == HAL_INTERFACE_GIGE && !problems.empty()) continue;
+        if (failure.bus.type == HAL_INTERFACE_GIGE && !problems.empty()) {
+            continue;
+        }
         WriteError("nimbrel: " + failure.Describe() + "\n");
     }
-    for (const std::string& line : problems) WriteError("nimbrel: " + line + "\n");
+    for (const std::string& line : problems) {
+        WriteError("nimbrel: " + line + "\n");
+    }
     return failures.empty() && problems.empty();
 }
 
 void CommandContext::NoteFilters(const std::string& command) const {
-    if (!UsesBus("gige")) return;
+    if (!UsesBus("gige")) {
+        return;
+    }
     for (const std::string& line : DescribeFilters(ReadSearchReport())) {
         WriteError("nimbrel " + command + ": " + line + ".\n");
     }
 }
 
 void CommandContext::NoteBusesWithoutDriver(const std::string& command) const {
-    if (!m_withoutDriver.empty()) WriteError("nimbrel " + command + ": " + DescribeBusesWithoutDriver() + ".\n");
+    if (!m_withoutDriver.empty()) {
+        WriteError("nimbrel " + command + ": " + DescribeBusesWithoutDriver() + ".\n");
+    }
 }
 
 }  // namespace Nimbrel2::Tool

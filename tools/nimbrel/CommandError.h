@@ -10,15 +10,15 @@
 namespace Nimbrel2::Tool {
 
 /// Exit status of the process; the help of each command lists them.
-enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2 };
+enum ExitStatus { ExitDone = 0, ExitFailed = 1, ExitUsage = 2 };
 
 /// Stands in a hint for the user's own command line, run again as root.
-inline constexpr char kAgainAsRoot[] = "{again-as-root}";
+inline constexpr char AgainAsRootMark[] = "{again-as-root}";
 
 /// Ends the command: the text goes to standard error, the status to the shell.
 class CommandError : public std::runtime_error {
 public:
-    explicit CommandError(const std::string& text, ExitStatus status = kFailed)
+    explicit CommandError(const std::string& text, ExitStatus status = ExitFailed)
         : std::runtime_error(text), m_status(status) {}
 
     /// @param hint  A sentence with the command to try next, on a line of its own; may be empty.

@@ -15,7 +15,7 @@ namespace {
 using Platform::ControlInfo;
 using Platform::ControlState;
 
-const char kFooter[] =
+const char Footer[] =
     R"(One application at a time may control a GigE camera; others may monitor it
 unless it is held exclusively. The command asks the camera and does not take
 control. A camera whose application has died is free again after its heartbeat
@@ -41,18 +41,26 @@ bool IsHeld(const ControlInfo& control) {
 
 ControlInfo ReadControl(BusMaster& busMaster, const FoundCamera& camera) {
     CameraInfo info;
-    if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) return {};
+    if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) {
+        return {};
+    }
     Platform::GigEDiagnosis diagnosis;
-    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) return {};
+    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) {
+        return {};
+    }
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-        if (heard.listed && IsSame(FromRecord(heard.record), FromInfo(info))) return heard.control;
+        if (heard.listed && IsSame(FromRecord(heard.record), FromInfo(info))) {
+            return heard.control;
+        }
     }
     return {};
 }
 
 Json ToJson(bool available, const ControlInfo& control) {
     Json json{{"available", available}};
-    if (!IsHeld(control)) return json;
+    if (!IsHeld(control)) {
+        return json;
+    }
     json["exclusive"] = control.state == ControlState::Exclusive;
     if (control.ownerIp != 0) {
         json["holder"] = Json{{"ip", FormatIp(UnpackIPAddress(control.ownerIp))}, {"port", control.ownerPort}};
@@ -61,7 +69,9 @@ Json ToJson(bool available, const ControlInfo& control) {
 }
 
 std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {
-    if (available) return AsSentence(camera.name) + " is free: this computer may control it.\n";
+    if (available) {
+        return AsSentence(camera.name) + " is free: this computer may control it.\n";
+    }
     const std::string holder = control.ownerIp == 0
                                    ? "another application, which it does not name"
                                    : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
@@ -74,13 +84,17 @@ std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJs
     bool available = false;
     const Error error = busMaster.QueryGigECameraCCPStatus(&camera.guid, &available);
     const std::string what = "did not say who controls it";
-    if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) CheckFor(camera, error, what);
+    if (error != ERROR_OK && error != ERROR_REGISTER_FAILED) {
+        CheckFor(camera, error, what);
+    }
     ControlInfo control;
     if (error != ERROR_OK || !available) {
         control = ReadControl(busMaster, camera);
         // A camera that is held exclusively refuses even these reads, and some do not report their holder. To the bus
         // master those are errors; to the user the answer is no.
-        if (!IsHeld(control)) CheckFor(camera, error, what);
+        if (!IsHeld(control)) {
+            CheckFor(camera, error, what);
+        }
         available = false;
     }
     return asJson ? Dump(ToJson(available, control)) : ForPeople(camera, available, control);
@@ -90,7 +104,7 @@ std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJs
 
 void AddControlCommand(CLI::App& app, CommandContext& context) {
     AddCameraCommand(app, context,
-                     {"control", "Shows who controls a GigE camera.", kFooter, Scope::GigE, DescribeControl});
+                     {"control", "Shows who controls a GigE camera.", Footer, Scope::GigE, DescribeControl});
 }
 
 }  // namespace Nimbrel2::Tool

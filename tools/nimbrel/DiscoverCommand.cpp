@@ -18,7 +18,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"help(Shows every GigE camera that answers a broadcast, including those on a wrong
 subnet, which `nimbrel list` cannot show because they cannot be used. `nimbrel
 auto-ip` gives those an address. Where a reverse path filter of this computer
@@ -62,10 +62,13 @@ public:
         const std::vector<HeardCamera> cameras = FindHeardCameras(diagnosis);
         m_context.Print(m_context.WantsJson() ? AsJson(cameras) : ForPeople(cameras, diagnosis));
         const std::vector<std::string> problems = DescribeProblems(discovery.report);
-        for (const std::string& line : problems) WriteError("nimbrel discover: " + line + ".\n");
-        for (const std::string& line : DescribeFilters(discovery.report))
+        for (const std::string& line : problems) {
             WriteError("nimbrel discover: " + line + ".\n");
-        return problems.empty() ? kDone : kFailed;
+        }
+        for (const std::string& line : DescribeFilters(discovery.report)) {
+            WriteError("nimbrel discover: " + line + ".\n");
+        }
+        return problems.empty() ? ExitDone : ExitFailed;
     }
 
 private:
@@ -84,7 +87,9 @@ private:
         if (cameras.empty()) {
             std::vector<std::string> names;
             for (const auto& interface : diagnosis.interfaces) {
-                if (interface.used) names.push_back(ForTerminal(interface.interface.name));
+                if (interface.used) {
+                    names.push_back(ForTerminal(interface.interface.name));
+                }
             }
             return "No GigE camera answered" + (names.empty() ? "" : " on " + Enumerate(names)) +
                    ". `nimbrel doctor` finds out why.\n";
@@ -132,7 +137,7 @@ void AddDiscoverCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command = context.AddCommand(app, "discover", "Finds GigE cameras, whatever their subnet.",
                                            [discover] { return discover->Run(); });
     discover->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

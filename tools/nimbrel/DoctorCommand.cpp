@@ -21,7 +21,7 @@ namespace {
 using Doctor::Finding;
 using Doctor::Findings;
 
-const char kFooter[] =
+const char Footer[] =
     R"help(Changes nothing: each finding comes with the command that cures it. Root may see
 more (the rules of a firewall and what they drop). What could not be checked is
 said. Buses of IEEE 1394 are watched for 5 s.
@@ -51,7 +51,9 @@ void Run(const std::vector<Doctor::Check<Diagnosed>>& checks, const Diagnosed& d
 // A build without a driver is no fault of the computer.
 void AddMissingDrivers(const CommandContext& context, Findings* all) {
     for (const BusKind& bus : BusKinds()) {
-        if (!context.UsesBus(bus.name) || context.IsSearched(bus)) continue;
+        if (!context.UsesBus(bus.name) || context.IsSearched(bus)) {
+            continue;
+        }
         all->push_back(
             {std::string(bus.name) + ".driver", true,
              std::string("this build of nimbrel has no driver for ") + bus.forPeople + ", so it is not searched", ""});
@@ -68,7 +70,9 @@ void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Finding
         const bool isNamed = std::any_of(all->begin(), all->end(), [&check](const Finding& finding) {
             return !finding.ok && finding.check == check;
         });
-        if (isNamed) continue;
+        if (isNamed) {
+            continue;
+        }
         all->push_back(
             {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
     }
@@ -81,8 +85,12 @@ Findings Examine(CommandContext& context) {
     const bool isSimulated = context.GetRig() != nullptr;
     const Progress progress("Examining the buses");
     AddMissingDrivers(context, &findings);
-    if (context.UsesBus("1394")) Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
-    if (context.UsesBus("usb")) Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+    if (context.UsesBus("1394")) {
+        Run(Doctor::FireWireChecks(), Doctor::ExamineFireWire(isSimulated), &findings);
+    }
+    if (context.UsesBus("usb")) {
+        Run(Doctor::UsbChecks(), Doctor::ExamineUsb(), &findings);
+    }
     AddFailedBuses(context, *busMaster, &findings);
     if (context.UsesBus("gige")) {
         Run(Doctor::GigEChecks(), Doctor::ExamineGigE(isSimulated, filteredBefore), &findings);
@@ -109,7 +117,9 @@ std::string ForPeople(const Findings& findings, std::size_t numWrong, bool colou
                             : Paint("WRONG", Colour::Red, coloured) + "  ") +
                 finding.check + "\n";
         text += "       " + ForTerminal(finding.evidence) + "\n";
-        if (!finding.cure.empty()) text += "       cure: " + ForTerminal(finding.cure) + "\n";
+        if (!finding.cure.empty()) {
+            text += "       cure: " + ForTerminal(finding.cure) + "\n";
+        }
     }
     text += findings.empty() ? "" : "\n";
     return text + (numWrong == 0 ? "Nothing is wrong.\n"
@@ -121,7 +131,7 @@ int RunDoctor(CommandContext& context) {
     const auto numWrong = static_cast<std::size_t>(
         std::count_if(findings.begin(), findings.end(), [](const Finding& finding) { return !finding.ok; }));
     context.Print(context.WantsJson() ? AsJson(findings) : ForPeople(findings, numWrong, context.UsesColour()));
-    return numWrong == 0 ? kDone : kFailed;
+    return numWrong == 0 ? ExitDone : ExitFailed;
 }
 
 }  // namespace
@@ -131,7 +141,7 @@ void AddDoctorCommand(CLI::App& app, CommandContext& context) {
                                            [&context] { return RunDoctor(context); });
     context.AddJsonOption(*command, "Print JSON.");
     context.AddBusOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

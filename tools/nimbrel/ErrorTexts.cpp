@@ -11,58 +11,92 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr std::uint32_t kNoStatus = 0xFFFFFFFF;
+constexpr std::uint32_t NoStatus = 0xFFFFFFFF;
 
 // "... Error 0x3", "... Error: 0x3." and "... Error: 3": always hexadecimal.
 std::optional<std::uint32_t> StatusAtEnd(std::string message) {
-    while (!message.empty() && message.back() == '.') message.pop_back();
+    while (!message.empty() && message.back() == '.') {
+        message.pop_back();
+    }
     const std::size_t at = message.rfind("Error");
-    if (at == std::string::npos) return std::nullopt;
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
     std::size_t begin = message.find_first_not_of(": ", at + 5);
-    if (begin == std::string::npos) return std::nullopt;
-    if (message.compare(begin, 2, "0x") == 0) begin += 2;
+    if (begin == std::string::npos) {
+        return std::nullopt;
+    }
+    if (message.compare(begin, 2, "0x") == 0) {
+        begin += 2;
+    }
     std::uint32_t status = 0;
     const char* last = message.data() + message.size();
     const auto [end, error] = std::from_chars(message.data() + begin, last, status, 16);
-    if (error != std::errc() || end != last) return std::nullopt;
+    if (error != std::errc() || end != last) {
+        return std::nullopt;
+    }
     return status;
 }
 
 }  // namespace
 
 std::string DescribeStatus(std::uint32_t status) {
-    if (status == HAL_FAILED) return "the driver gives no reason";
+    if (status == HAL_FAILED) {
+        return "the driver gives no reason";
+    }
     const std::string text = HalStatusText(status);
-    return text == HalStatusText(kNoStatus) ? "failed with status " + std::to_string(status) : text;
+    return text == HalStatusText(NoStatus) ? "failed with status " + std::to_string(status) : text;
 }
 
 std::optional<std::uint32_t> FindStatus(const Error& error) {
     for (const Error* cause = &error; cause != nullptr; cause = cause->GetCause()) {
-        if (const auto status = StatusAtEnd(cause->GetMessage())) return status;
+        if (const auto status = StatusAtEnd(cause->GetMessage())) {
+            return status;
+        }
     }
     return std::nullopt;
 }
 
 std::string DescribeCause(const Error& error) {
-    if (error == ERROR_MEMORY_ALLOCATION_FAILED) return "out of memory";
-    if (error == ERROR_TIMEOUT) return DescribeStatus(HAL_NO_ACKNOWLEDGE);
-    if (error == ERROR_NOT_FOUND) return DescribeStatus(HAL_GONE);
-    if (error == ERROR_NOT_IMPLEMENTED) return DescribeStatus(HAL_PHY_WRITE_NOT_IMPLEMENTED);
-    if (error == ERROR_REGISTER_FAILED) return "the camera does not answer";
-    if (const auto status = FindStatus(error)) return DescribeStatus(*status);
+    if (error == ERROR_MEMORY_ALLOCATION_FAILED) {
+        return "out of memory";
+    }
+    if (error == ERROR_TIMEOUT) {
+        return DescribeStatus(HAL_NO_ACKNOWLEDGE);
+    }
+    if (error == ERROR_NOT_FOUND) {
+        return DescribeStatus(HAL_GONE);
+    }
+    if (error == ERROR_NOT_IMPLEMENTED) {
+        return DescribeStatus(HAL_PHY_WRITE_NOT_IMPLEMENTED);
+    }
+    if (error == ERROR_REGISTER_FAILED) {
+        return "the camera does not answer";
+    }
+    if (const auto status = FindStatus(error)) {
+        return DescribeStatus(*status);
+    }
     const Error* first = &error;  // the messages below hold no status
-    while (first->GetCause() != nullptr) first = first->GetCause();
+    while (first->GetCause() != nullptr) {
+        first = first->GetCause();
+    }
     std::string message = first->GetMessage();
-    if (message == "Unable to read card register.") return "the hub does not answer";
-    while (!message.empty() && message.back() == '.') message.pop_back();
+    if (message == "Unable to read card register.") {
+        return "the hub does not answer";
+    }
+    while (!message.empty() && message.back() == '.') {
+        message.pop_back();
+    }
     return message.empty() ? "failed without a reason" : message;
 }
 
 std::string NextStep(std::uint32_t status, InterfaceType bus) {
     switch (status) {
         case HAL_PERMISSION:
-            if (bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3) return Doctor::HintForUsbPermission();
-            return std::string("Try again as root: `") + kAgainAsRoot + "`.";
+            if (bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3) {
+                return Doctor::HintForUsbPermission();
+            }
+            return std::string("Try again as root: `") + AgainAsRootMark + "`.";
         case HAL_GONE:
         case HAL_BUS_CHANGED:
             return "`nimbrel list` shows what is attached now.";
@@ -81,16 +115,24 @@ std::string NextStep(std::uint32_t status, InterfaceType bus) {
 
 CommandError Explain(const Error& error, const std::string& what, InterfaceType bus) {
     std::uint32_t status = FindStatus(error).value_or(HAL_OK);
-    if (error == ERROR_TIMEOUT) status = HAL_NO_ACKNOWLEDGE;
-    if (error == ERROR_NOT_FOUND) status = HAL_GONE;
-    if (error == ERROR_REGISTER_FAILED) status = HAL_TIMED_OUT;
+    if (error == ERROR_TIMEOUT) {
+        status = HAL_NO_ACKNOWLEDGE;
+    }
+    if (error == ERROR_NOT_FOUND) {
+        status = HAL_GONE;
+    }
+    if (error == ERROR_REGISTER_FAILED) {
+        status = HAL_TIMED_OUT;
+    }
     return CommandError(what + ": " + DescribeCause(error))
         .WithHint(NextStep(status, bus))
         .WithDetails(error.Describe());
 }
 
 void Check(const Error& error, const std::string& what) {
-    if (error != ERROR_OK) throw Explain(error, what);
+    if (error != ERROR_OK) {
+        throw Explain(error, what);
+    }
 }
 
 std::string BusName(InterfaceType type) {

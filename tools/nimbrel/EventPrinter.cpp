@@ -44,7 +44,9 @@ std::string FormatTime(std::chrono::system_clock::time_point time, const char* f
 
 std::string Name(const Camera& camera) {
     std::string name = ForTerminal(camera.vendor + " " + camera.model) + ", " + FormatInterface(camera.interfaceType);
-    if (camera.IsGigE()) name += " " + FormatIp(camera.ip);
+    if (camera.IsGigE()) {
+        name += " " + FormatIp(camera.ip);
+    }
     return name;
 }
 
@@ -58,13 +60,17 @@ std::string AsJson(const BusEvent& event, const std::optional<Camera>& camera) {
         json["interface"] = FormatInterface(camera->interfaceType);
         json["vendor"] = camera->vendor;
         json["model"] = camera->model;
-        if (camera->IsGigE()) json["ip"] = FormatIp(camera->ip);
+        if (camera->IsGigE()) {
+            json["ip"] = FormatIp(camera->ip);
+        }
     }
     return Dump(json);
 }
 
 Colour ColourOf(BusCallbackType type) {
-    if (type == BUS_RESET) return Colour::Dim;
+    if (type == BUS_RESET) {
+        return Colour::Dim;
+    }
     return type == ARRIVAL ? Colour::Green : Colour::Red;
 }
 
@@ -84,20 +90,28 @@ CameraMemory::Cameras::const_iterator CameraMemory::Find(const Cameras& cameras,
 
 std::optional<Camera> CameraMemory::Arrived(const Cameras& now, std::uint32_t serial) {
     const auto found = Find(now, serial, m_known);
-    if (found == now.end()) return std::nullopt;
+    if (found == now.end()) {
+        return std::nullopt;
+    }
     const bool isKnown =
         std::any_of(m_known.begin(), m_known.end(), [&](const Camera& camera) { return camera.guid == found->guid; });
-    if (!isKnown) m_known.push_back(*found);
+    if (!isKnown) {
+        m_known.push_back(*found);
+    }
     return *found;
 }
 
 std::optional<Camera> CameraMemory::Removed(const Cameras& now, std::uint32_t serial) {
     const auto found = Find(m_known, serial, now);
-    if (found == m_known.end()) return std::nullopt;
+    if (found == m_known.end()) {
+        return std::nullopt;
+    }
     const Camera camera = *found;
     const bool isBack =
         std::any_of(now.begin(), now.end(), [&](const Camera& other) { return other.guid == camera.guid; });
-    if (!isBack) m_known.erase(found);
+    if (!isBack) {
+        m_known.erase(found);
+    }
     return camera;
 }
 
@@ -110,7 +124,9 @@ bool EventPrinter::Print(const BusEvent& event) {
 std::string EventPrinter::ForPeople(const BusEvent& event, const std::optional<Camera>& camera) const {
     const bool coloured = m_context.UsesColour();
     const std::string time = FormatTime(event.time, "%Y-%m-%d %H:%M:%S", localtime_r);
-    if (event.type == BUS_RESET) return time + "  " + Paint("bus reset", ColourOf(event.type), coloured) + "\n";
+    if (event.type == BUS_RESET) {
+        return time + "  " + Paint("bus reset", ColourOf(event.type), coloured) + "\n";
+    }
     const std::string serial = std::to_string(event.serialNumber);
     const std::string padding(serial.size() < 10 ? 10 - serial.size() : 0, ' ');
     return time + "  " + Paint(EventName(event.type), ColourOf(event.type), coloured) + "  " + padding + serial +

@@ -15,7 +15,9 @@
 namespace Nimbrel2::Tool {
 
 EventQueue::EventQueue() : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    if (m_fd < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
 }
 
 EventQueue::~EventQueue() { close(m_fd); }
@@ -28,17 +30,19 @@ void EventQueue::OnEvent(void* queue, unsigned int serialNumber) {
 void EventQueue::Register(BusMaster& busMaster) {
     m_busMaster = &busMaster;
     void* handle = nullptr;  // taken back with the bus master
-    const char kWhat[] = "the buses cannot be watched";
-    Check(busMaster.RegisterCallback(&OnEvent<BUS_RESET>, BUS_RESET, this, &handle), kWhat);
-    Check(busMaster.RegisterCallback(&OnEvent<ARRIVAL>, ARRIVAL, this, &handle), kWhat);
-    Check(busMaster.RegisterCallback(&OnEvent<REMOVAL>, REMOVAL, this, &handle), kWhat);
+    const char Purpose[] = "the buses cannot be watched";
+    Check(busMaster.RegisterCallback(&OnEvent<BUS_RESET>, BUS_RESET, this, &handle), Purpose);
+    Check(busMaster.RegisterCallback(&OnEvent<ARRIVAL>, ARRIVAL, this, &handle), Purpose);
+    Check(busMaster.RegisterCallback(&OnEvent<REMOVAL>, REMOVAL, this, &handle), Purpose);
 }
 
 void EventQueue::Push(BusCallbackType type, unsigned int serialNumber) {
     BusEvent event{type, serialNumber, 0, std::chrono::system_clock::now()};
-    if (type != BUS_RESET) event.generation = m_busMaster->GetGeneration(serialNumber);
+    if (type != BUS_RESET) {
+        event.generation = m_busMaster->GetGeneration(serialNumber);
+    }
     const std::lock_guard lock(m_mutex);
-    if (m_events.size() >= kCapacity) {
+    if (m_events.size() >= Capacity) {
         ++m_lost;
         return;
     }
@@ -51,7 +55,9 @@ void EventQueue::Push(BusCallbackType type, unsigned int serialNumber) {
 
 std::optional<BusEvent> EventQueue::Take() {
     const std::lock_guard lock(m_mutex);
-    if (m_events.empty()) return std::nullopt;
+    if (m_events.empty()) {
+        return std::nullopt;
+    }
     const BusEvent event = m_events.front();
     m_events.pop_front();
     std::uint64_t count = 0;

@@ -25,7 +25,7 @@ struct BusEvent {
 class EventQueue {
 public:
     /// Limit of queued events, so that a reader that stalls cannot make the program grow without bound.
-    static constexpr std::size_t kCapacity = 65536;
+    static constexpr std::size_t Capacity = 65536;
 
     /// @throws std::system_error
     EventQueue();

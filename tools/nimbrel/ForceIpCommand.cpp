@@ -19,7 +19,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"(The camera takes the address at once and keeps it until it is powered off. The
 request is a broadcast, so it needs no route to the camera and no privileges. A
 camera that an application holds ignores it. The command succeeds when that very
@@ -65,25 +65,37 @@ public:
     }
 
     int Run() {
-        if (!m_mac) throw CommandError("--mac is missing: which camera", kUsage);
-        if (!m_ip) throw CommandError("--ip is missing: its new address", kUsage);
-        if (m_mask && m_maskOfIp) throw CommandError("--mask and the mask of --ip cannot be combined", kUsage);
-        if (m_maskOfIp) m_mask = m_maskOfIp;
+        if (!m_mac) {
+            throw CommandError("--mac is missing: which camera", ExitUsage);
+        }
+        if (!m_ip) {
+            throw CommandError("--ip is missing: its new address", ExitUsage);
+        }
+        if (m_mask && m_maskOfIp) {
+            throw CommandError("--mask and the mask of --ip cannot be combined", ExitUsage);
+        }
+        if (m_maskOfIp) {
+            m_mask = m_maskOfIp;
+        }
         const BusMasterSession busMaster = m_context.OpenGigE();
         Search();
-        if (!m_mask) m_mask = FindMask();
+        if (!m_mask) {
+            m_mask = FindMask();
+        }
         CheckConfiguration();
         CheckThatAddressIsFree();
         Force();
         PrintResult();
-        return kDone;
+        return ExitDone;
     }
 
 private:
     void ParseAddress(const std::string& text) {
         const std::size_t slash = text.find('/');
         m_ip = ParseCameraIp("--ip", text.substr(0, slash));
-        if (slash != std::string::npos) m_maskOfIp = ParseMask("--ip", text.substr(slash));
+        if (slash != std::string::npos) {
+            m_maskOfIp = ParseMask("--ip", text.substr(slash));
+        }
     }
 
     // ---- Before ----------------------------------------------------------------------------------------------------
@@ -101,16 +113,24 @@ private:
         const Platform::InterfaceAddress* heardIn = nullptr;
         const Platform::InterfaceAddress* elsewhere = nullptr;
         for (const auto& interface : diagnosis.interfaces) {
-            if (!interface.used || interface.interface.addresses.empty()) continue;
+            if (!interface.used || interface.interface.addresses.empty()) {
+                continue;
+            }
             const Platform::InterfaceAddress* subnet = interface.interface.FindSubnet(PackIPAddress(*m_ip));
-            if (elsewhere == nullptr) elsewhere = subnet;
-            if (!IsHeardOn(diagnosis, interface.interface.index)) continue;
+            if (elsewhere == nullptr) {
+                elsewhere = subnet;
+            }
+            if (!IsHeardOn(diagnosis, interface.interface.index)) {
+                continue;
+            }
             if (heardIn == nullptr || subnet != nullptr) {
                 heardIn = subnet != nullptr ? subnet : &interface.interface.addresses.front();
             }
         }
         const Platform::InterfaceAddress* found = heardIn != nullptr ? heardIn : elsewhere;
-        if (found != nullptr) return UnpackIPAddress(found->GetMask());
+        if (found != nullptr) {
+            return UnpackIPAddress(found->GetMask());
+        }
         throw CommandError("--mask is missing: " + FormatMac(*m_mac) +
                            " does not answer, and no network interface is in a subnet with " + FormatIp(*m_ip))
             .WithHint("`nimbrel discover` shows the cameras that answer.");
@@ -118,7 +138,9 @@ private:
 
     bool IsHeardOn(const Platform::GigEDiagnosis& diagnosis, int interface) const {
         for (const auto& camera : diagnosis.cameras) {
-            if (camera.interface == interface && IsSame(FromRecord(camera.record).mac, *m_mac)) return true;
+            if (camera.interface == interface && IsSame(FromRecord(camera.record).mac, *m_mac)) {
+                return true;
+            }
         }
         return false;
     }
@@ -126,16 +148,22 @@ private:
     // What no camera can have, the driver would refuse as well, but without the name of the option.
     void CheckConfiguration() const {
         const auto refuse = [](const char* option, const IPAddress& value, const std::string& why) {
-            return CommandError(std::string(option) + ": \"" + FormatIp(value) + "\" " + why, kUsage);
+            return CommandError(std::string(option) + ": \"" + FormatIp(value) + "\" " + why, ExitUsage);
         };
         const std::uint32_t status =
             Platform::CheckCameraAddress(PackIPAddress(*m_ip), PackIPAddress(*m_mask), PackIPAddress(m_gateway));
-        if (status == HAL_BAD_MASK) throw refuse("--mask", *m_mask, "leaves no room for a camera and this computer");
+        if (status == HAL_BAD_MASK) {
+            throw refuse("--mask", *m_mask, "leaves no room for a camera and this computer");
+        }
         if (status == HAL_BAD_GATEWAY) {
             throw refuse("--gateway", m_gateway, "is not another address of " + SubnetOf(*m_ip, *m_mask));
         }
-        if (status == HAL_OK) return;
-        if (!Platform::IsHostAddress(PackIPAddress(*m_ip))) throw refuse("--ip", *m_ip, "is not an address of a host");
+        if (status == HAL_OK) {
+            return;
+        }
+        if (!Platform::IsHostAddress(PackIPAddress(*m_ip))) {
+            throw refuse("--ip", *m_ip, "is not an address of a host");
+        }
         throw refuse("--ip", *m_ip,
                      "is the first or last address of " + SubnetOf(*m_ip, *m_mask) + ", which no camera can have");
     }
@@ -145,22 +173,32 @@ private:
         Platform::AddressHolder holder;
         bool isItsOwn = false;  // and only mask or gateway change
         for (const Platform::CameraDiagnosis& heard : m_cameras) {
-            if (heard.record.ipAddress != PackIPAddress(*m_ip)) continue;
+            if (heard.record.ipAddress != PackIPAddress(*m_ip)) {
+                continue;
+            }
             const GigECamera camera = FromRecord(heard.record);
             isItsOwn = isItsOwn || IsSame(camera.mac, *m_mac);
-            if (IsSame(camera.mac, *m_mac) || m_force) continue;
+            if (IsSame(camera.mac, *m_mac) || m_force) {
+                continue;
+            }
             throw CommandError("--ip: " + FormatIp(*m_ip) + " is the address of " + NameOf(camera))
                 .WithHint("Choose another address, or give it all the same with --force.");
         }
         {
             const Progress progress("Asking who has " + FormatIp(*m_ip));
-            if (Platform::FindGigEAddressHolder(PackIPAddress(*m_ip), &holder) != HAL_OK) return;
+            if (Platform::FindGigEAddressHolder(PackIPAddress(*m_ip), &holder) != HAL_OK) {
+                return;
+            }
         }
         const std::string taken = "--ip: " + FormatIp(*m_ip) + " is the address of ";
         const std::string on = holder.interfaceName.empty() ? "" : " on " + holder.interfaceName;
-        if (holder.kind == Kind::ThisComputer) throw CommandError(taken + "this computer" + on);
+        if (holder.kind == Kind::ThisComputer) {
+            throw CommandError(taken + "this computer" + on);
+        }
         const bool isTaken = holder.kind == Kind::Camera || holder.kind == Kind::Host;
-        if (!isTaken || holder.mac == PackMac(*m_mac) || isItsOwn || m_force) return;
+        if (!isTaken || holder.mac == PackMac(*m_mac) || isItsOwn || m_force) {
+            return;
+        }
         throw CommandError(taken + (holder.kind == Kind::Camera ? "the camera " : "the host ") +
                            (holder.mac == 0 ? std::string("that answers for it") : Platform::FormatMac(holder.mac)) +
                            on)
@@ -177,13 +215,17 @@ private:
         const std::uint32_t status = Platform::ForceGigEAddress(address, &result);
         m_verified = result.verified && result.record.subnetMask == address.mask &&
                      result.record.defaultGateway == address.gateway;
-        if (m_verified) return;
+        if (m_verified) {
+            return;
+        }
         if (status != HAL_OK && status != HAL_NO_ACKNOWLEDGE) {
             throw CommandError(FormatMac(*m_mac) + " cannot be given an address: " + DescribeStatus(status))
                 .WithHint(NextStep(status, INTERFACE_GIGE));
         }
         if (result.acknowledged && result.outOfReach) {
-            if (m_force) return;
+            if (m_force) {
+                return;
+            }
             throw CommandError(FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) +
                                ", not verified: no network interface is in a subnet with that address")
                 .WithHint("With --force that is enough.");
@@ -195,7 +237,9 @@ private:
         std::optional<GigECamera> camera;
         for (const Platform::CameraDiagnosis& heard : DiscoverGigE(m_mac).cameras) {
             const GigECamera other = FromRecord(heard.record);
-            if (IsSame(other.mac, *m_mac)) camera = other;
+            if (IsSame(other.mac, *m_mac)) {
+                camera = other;
+            }
         }
         if (acknowledged) {
             const std::string text = FormatMac(*m_mac) + " acknowledged " + FormatSubnet(*m_ip, *m_mask) + ", but ";
@@ -249,7 +293,7 @@ void AddForceIpCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command =
         context.AddCommand(app, "force-ip", "Gives a GigE camera an address.", [force] { return force->Run(); });
     force->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -14,8 +14,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kVerifyLimit{5};
-constexpr std::chrono::milliseconds kShortestRound{100};
+constexpr std::chrono::seconds VerifyLimit{5};
+constexpr std::chrono::milliseconds ShortestRound{100};
 
 std::string VersionText(std::uint32_t major, std::uint32_t minor) {
     return std::to_string(major) + "." + std::to_string(minor);
@@ -41,7 +41,9 @@ GigECamera FromRecord(const GvcpDiscoveryRecord& record) {
     std::from_chars(record.serialNumber, record.serialNumber + sizeof record.serialNumber, serialNumber);
     camera.serialNumber = static_cast<std::uint32_t>(serialNumber);
     const std::uint64_t mac = std::uint64_t{record.macHigh} << 32 | record.macLow;
-    for (int i = 0; i < 6; ++i) camera.mac.octets[i] = static_cast<std::uint8_t>(mac >> (40 - 8 * i) & 0xFF);
+    for (int i = 0; i < 6; ++i) {
+        camera.mac.octets[i] = static_cast<std::uint8_t>(mac >> (40 - 8 * i) & 0xFF);
+    }
     camera.ip = UnpackIPAddress(record.ipAddress);
     camera.subnet = UnpackIPAddress(record.subnetMask);
     camera.gateway = UnpackIPAddress(record.defaultGateway);
@@ -59,28 +61,37 @@ bool IsSame(const GigECamera& first, const GigECamera& second) {
 
 Platform::GigEDiscovery DiscoverGigE(const std::optional<MACAddress>& until) {
     std::optional<Platform::GigECameraName> name;
-    if (until) name = Platform::GigECameraName{0, PackMac(*until)};
+    if (until) {
+        name = Platform::GigECameraName{0, PackMac(*until)};
+    }
     Platform::GigEDiscovery discovery;
     const std::uint32_t status = Platform::DiscoverGigE(name, &discovery);
-    if (status == HAL_OK) return discovery;
+    if (status == HAL_OK) {
+        return discovery;
+    }
     throw CommandError("GigE cannot be searched: " + DescribeStatus(status)).WithHint(NextStep(status, INTERFACE_GIGE));
 }
 
 std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector<GigECamera>&)>& isEnough) {
-    const Clock::time_point end = Clock::now() + kVerifyLimit;
+    const Clock::time_point end = Clock::now() + VerifyLimit;
     for (;;) {
         const Clock::time_point round = Clock::now();
         std::vector<GigECamera> cameras;
-        for (const Platform::CameraDiagnosis& heard : DiscoverGigE().cameras)
+        for (const Platform::CameraDiagnosis& heard : DiscoverGigE().cameras) {
             cameras.push_back(FromRecord(heard.record));
-        if (isEnough(cameras) || Clock::now() >= end) return cameras;
-        std::this_thread::sleep_until(round + kShortestRound);  // a rig answers at once
+        }
+        if (isEnough(cameras) || Clock::now() >= end) {
+            return cameras;
+        }
+        std::this_thread::sleep_until(round + ShortestRound);  // a rig answers at once
     }
 }
 
 const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac) {
     for (const GigECamera& camera : cameras) {
-        if (IsSame(camera.mac, mac)) return &camera;
+        if (IsSame(camera.mac, mac)) {
+            return &camera;
+        }
     }
     return nullptr;
 }

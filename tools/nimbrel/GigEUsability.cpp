@@ -12,7 +12,9 @@ namespace {
 
 const Platform::InterfaceDiagnosis* FindInterface(const Platform::GigEDiagnosis& diagnosis, int index) {
     for (const auto& interface : diagnosis.interfaces) {
-        if (interface.interface.index == index) return &interface;
+        if (interface.interface.index == index) {
+            return &interface;
+        }
     }
     return nullptr;
 }
@@ -84,7 +86,9 @@ std::string CureForUnusable(const std::vector<HeardCamera>& cameras) {
         text = std::string("`nimbrel auto-ip` gives ") +
                (cured == 1 ? "that camera an address" : "such cameras addresses") + " of the right subnet.\n";
     }
-    if (unusable > cured) text += "`nimbrel doctor` explains " + std::string(cured == 0 ? "why" : "the others") + ".\n";
+    if (unusable > cured) {
+        text += "`nimbrel doctor` explains " + std::string(cured == 0 ? "why" : "the others") + ".\n";
+    }
     return text;
 }
 

@@ -15,7 +15,7 @@ namespace Nimbrel2::Tool {
 namespace {
 
 CommandError Refusal(const std::string& option, const std::string& text, const std::string& wanted) {
-    return CommandError(option + ": \"" + text + "\" is not " + wanted, kUsage);
+    return CommandError(option + ": \"" + text + "\" is not " + wanted, ExitUsage);
 }
 
 bool HasHoles(std::uint32_t mask) { return std::countl_one(mask) + std::countr_zero(mask) != 32; }
@@ -24,14 +24,16 @@ bool HasHoles(std::uint32_t mask) { return std::countl_one(mask) + std::countr_z
 
 IPAddress ParseIp(const std::string& option, const std::string& text) {
     const auto ip = ReadAddress(text);
-    if (!ip) throw Refusal(option, text, "an IP address, such as 192.168.77.50");
+    if (!ip) {
+        throw Refusal(option, text, "an IP address, such as 192.168.77.50");
+    }
     return UnpackIPAddress(*ip);
 }
 
 IPAddress ParseCameraIp(const std::string& option, const std::string& text) {
-    constexpr std::uint8_t kFirstMulticast = 224;
+    constexpr std::uint8_t FirstMulticast = 224;
     const IPAddress ip = ParseIp(option, text);
-    if (ip.octets[0] == 0 || ip.octets[0] >= kFirstMulticast) {
+    if (ip.octets[0] == 0 || ip.octets[0] >= FirstMulticast) {
         throw Refusal(option, text, "an address that a camera can have");
     }
     return ip;
@@ -39,16 +41,21 @@ IPAddress ParseCameraIp(const std::string& option, const std::string& text) {
 
 IPAddress ParseMask(const std::string& option, const std::string& text) {
     const auto mask = ReadSubnetMask(text);
-    if (!mask) throw Refusal(option, text, "a subnet mask, such as /24 or 255.255.255.0");
+    if (!mask) {
+        throw Refusal(option, text, "a subnet mask, such as /24 or 255.255.255.0");
+    }
     return UnpackIPAddress(*mask);
 }
 
 MACAddress ParseMac(const std::string& option, const std::string& text) {
     const auto mac = ReadMac(text);
-    if (!mac)
+    if (!mac) {
         throw Refusal(option, text, "the MAC address of a device, such as 02:00:5e:00:00:01 or 02-00-5e-00-00-01");
+    }
     MACAddress result;
-    for (int i = 0; i < 6; ++i) result.octets[i] = static_cast<std::uint8_t>(*mac >> (40 - 8 * i) & 0xFF);
+    for (int i = 0; i < 6; ++i) {
+        result.octets[i] = static_cast<std::uint8_t>(*mac >> (40 - 8 * i) & 0xFF);
+    }
     return result;
 }
 
@@ -65,7 +72,9 @@ std::string SubnetOf(const IPAddress& ip, const IPAddress& mask) {
 
 std::uint64_t PackMac(const MACAddress& mac) {
     std::uint64_t packed = 0;
-    for (const std::uint8_t octet : mac.octets) packed = packed << 8 | octet;
+    for (const std::uint8_t octet : mac.octets) {
+        packed = packed << 8 | octet;
+    }
     return packed;
 }
 

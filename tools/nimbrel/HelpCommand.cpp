@@ -11,7 +11,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"(Examples:
   nimbrel help                 all commands
   nimbrel help list            one command, like `nimbrel list --help`
@@ -27,7 +27,9 @@ std::string HelpOf(const CLI::App& app, const std::vector<std::string>& words) {
     std::string name = app.get_name();
     for (const std::string& word : words) {
         const auto below = command->get_subcommands([&word](const CLI::App* one) { return one->check_name(word); });
-        if (below.empty()) throw CommandError(UnknownCommand(*command, word), kUsage);
+        if (below.empty()) {
+            throw CommandError(UnknownCommand(*command, word), ExitUsage);
+        }
         command = below.front();
         name += " " + word;
     }
@@ -41,10 +43,10 @@ void AddHelpCommand(CLI::App& app, CommandContext& context) {
     const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App* command = context.AddCommand(app, "help", "Explains a command.", [&app, &context, words] {
         context.Print(HelpOf(app, *words));
-        return static_cast<int>(kDone);
+        return static_cast<int>(ExitDone);
     });
     command->add_option("COMMAND", *words, "The command; without it: all of them.")->type_name("");
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

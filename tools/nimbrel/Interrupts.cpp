@@ -15,8 +15,8 @@
 namespace Nimbrel2::Tool::Interrupts {
 namespace {
 
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr long kPatienceNanoseconds = 700'000'000;
+constexpr int EndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr long PatienceNanoseconds = 700'000'000;
 
 std::atomic<int> g_caughtFd{-1};
 std::atomic<int> g_caughtSignal{0};
@@ -28,8 +28,8 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 
 void DieBy(int number) {
     if (g_progressShown) {
-        constexpr char kWipe[] = "\r\033[K";
-        if (write(STDERR_FILENO, kWipe, sizeof kWipe - 1) < 0) {
+        constexpr char Wipe[] = "\r\033[K";
+        if (write(STDERR_FILENO, Wipe, sizeof Wipe - 1) < 0) {
             // Nothing to wipe on a terminal that is gone.
         }
     }
@@ -46,7 +46,7 @@ void OnSignal(int number) {
     } else {
         // Armed here, because the thread that reads the descriptor may be stuck.
         itimerspec patience{};
-        patience.it_value.tv_nsec = kPatienceNanoseconds;
+        patience.it_value.tv_nsec = PatienceNanoseconds;
         timer_settime(g_watchdog, 0, &patience, nullptr);
         const std::uint64_t one = 1;
         if (write(fd, &one, sizeof one) < 0) {
@@ -75,8 +75,10 @@ bool IsIgnored(int number) {
 void Install() {
     sigset_t handled;
     sigemptyset(&handled);
-    for (const int number : kEndingSignals) {
-        if (IsIgnored(number)) continue;
+    for (const int number : EndingSignals) {
+        if (IsIgnored(number)) {
+            continue;
+        }
         Handle(number, OnSignal);
         sigaddset(&handled, number);
     }
@@ -87,7 +89,9 @@ void Install() {
 
 int Catch(End end) {
     g_endsBySignal = end == End::BySignal;
-    if (g_caughtFd >= 0) return g_caughtFd;
+    if (g_caughtFd >= 0) {
+        return g_caughtFd;
+    }
     Handle(SIGALRM, OnWatchdog);
     sigevent expiry{};
     expiry.sigev_notify = SIGEV_SIGNAL;
@@ -96,7 +100,9 @@ int Catch(End end) {
         throw std::system_error(errno, std::generic_category(), "timer_create");
     }
     const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    if (fd < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
     g_caughtFd = fd;
     return fd;
 }

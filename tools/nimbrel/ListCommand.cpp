@@ -27,11 +27,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kLongestTimeout = std::chrono::hours(24 * 365);
+constexpr milliseconds LongestTimeout = std::chrono::hours(24 * 365);
 // A camera is listed when it answers, not when the window closes: the monitor keeps listening.
-constexpr milliseconds kWindowWhenWaiting{100};
+constexpr milliseconds WindowWhenWaiting{100};
 
-const char kFooter[] =
+const char Footer[] =
     R"help(Exit status:
   0  The list was printed, even if empty. With --wait: the cameras are attached.
   1  Failed, or a bus cannot be searched (the others are listed), or --timeout
@@ -85,7 +85,7 @@ public:
                                  "Wait for them at most this long, counted from the\n"
                                  "start of the program. Default: forever.",
                                  [this](const std::string& text) {
-                                     m_timeout = ParseSeconds("--timeout", text, milliseconds(0), kLongestTimeout);
+                                     m_timeout = ParseSeconds("--timeout", text, milliseconds(0), LongestTimeout);
                                  });
         m_context.AddBusOptions(command);
     }
@@ -98,12 +98,16 @@ public:
     }
 
     int Run() {
-        if (m_timeout && m_wanted.empty()) throw CommandError("--timeout requires --wait", kUsage);
-        if (m_long && !m_columns.empty()) throw CommandError("--long and --columns cannot be combined", kUsage);
+        if (m_timeout && m_wanted.empty()) {
+            throw CommandError("--timeout requires --wait", ExitUsage);
+        }
+        if (m_long && !m_columns.empty()) {
+            throw CommandError("--long and --columns cannot be combined", ExitUsage);
+        }
         const Clock::time_point start = Clock::now();
         EventQueue events;  // outlives the bus master, which calls it back
         const BusMasterSession busMaster =
-            m_wanted.empty() ? m_context.StartBusMaster() : m_context.StartBusMaster(kWindowWhenWaiting);
+            m_wanted.empty() ? m_context.StartBusMaster() : m_context.StartBusMaster(WindowWhenWaiting);
         const bool healthy = m_context.CheckBuses(*busMaster);
         std::vector<Camera> cameras;
         if (m_wanted.empty()) {
@@ -119,7 +123,7 @@ public:
             m_context.NoteBusesWithoutDriver("list");
         }
         // With --wait the wanted cameras are there, so a failing bus without them does not matter.
-        return healthy || !m_wanted.empty() ? kDone : kFailed;
+        return healthy || !m_wanted.empty() ? ExitDone : ExitFailed;
     }
 
 private:
@@ -130,14 +134,18 @@ private:
         for (const std::uint32_t serial : m_wanted) {
             const auto found = std::find_if(cameras.begin(), cameras.end(),
                                             [serial](const Camera& camera) { return camera.serialNumber == serial; });
-            if (found == cameras.end()) missing.push_back(serial);
+            if (found == cameras.end()) {
+                missing.push_back(serial);
+            }
         }
         return missing;
     }
 
     static std::string DescribeSerials(const std::vector<std::uint32_t>& serials) {
         std::vector<std::string> words;
-        for (const std::uint32_t serial : serials) words.push_back(std::to_string(serial));
+        for (const std::uint32_t serial : serials) {
+            words.push_back(std::to_string(serial));
+        }
         return (words.size() == 1 ? "camera " : "cameras ") + Enumerate(words);
     }
 
@@ -147,12 +155,16 @@ private:
         for (std::vector<std::uint32_t> before;; before = missing) {
             std::vector<Camera> cameras = ListCameras(busMaster);
             missing = MissingOf(cameras);
-            if (missing.empty()) return cameras;
+            if (missing.empty()) {
+                return cameras;
+            }
             if (!progress || missing != before) {
                 progress.reset();
                 progress = std::make_unique<Progress>("Waiting for " + DescribeSerials(missing));
             }
-            if (!WaitForEvent(events, start)) break;
+            if (!WaitForEvent(events, start)) {
+                break;
+            }
         }
         throw CommandError("after " + FormatSeconds(*m_timeout) + " still missing: " + DescribeSerials(missing))
             .WithHint("`nimbrel list` shows what is attached; `nimbrel doctor` finds out why a camera is not seen.");
@@ -162,12 +174,18 @@ private:
     bool WaitForEvent(EventQueue& events, Clock::time_point start) const {
         for (;;) {
             bool any = false;
-            while (events.Take()) any = true;
-            if (any) return true;
+            while (events.Take()) {
+                any = true;
+            }
+            if (any) {
+                return true;
+            }
             int patience = -1;
             if (m_timeout) {
                 const auto left = std::chrono::ceil<milliseconds>(start + *m_timeout - Clock::now());
-                if (left.count() <= 0) return false;
+                if (left.count() <= 0) {
+                    return false;
+                }
                 patience = static_cast<int>(std::min<milliseconds::rep>(left.count(), 1'000'000'000));
             }
             pollfd wait{events.GetFd(), POLLIN, 0};
@@ -179,9 +197,15 @@ private:
 
     Details WantedDetails() const {
         Details wanted;
-        if (m_context.WantsJson() || m_long) return {true, true, true};
-        for (const CameraColumn* column : m_columns) wanted = wanted | column->needs;
-        for (const SortKey& key : m_sortKeys) wanted = wanted | key.column->needs;
+        if (m_context.WantsJson() || m_long) {
+            return {true, true, true};
+        }
+        for (const CameraColumn* column : m_columns) {
+            wanted = wanted | column->needs;
+        }
+        for (const SortKey& key : m_sortKeys) {
+            wanted = wanted | key.column->needs;
+        }
         return wanted;
     }
 
@@ -195,14 +219,20 @@ private:
         ReadDetails(busMaster, WantedDetails(), &cameras);
         SortCameras(m_sortKeys, &cameras);
         listed.cameras = std::move(cameras);
-        if (m_filter.IsEmpty()) listed.devices = ListDevices(busMaster);
-        if (m_filter.IsEmpty() || !anyAtAll) listed.unusable = FindUnusable();
+        if (m_filter.IsEmpty()) {
+            listed.devices = ListDevices(busMaster);
+        }
+        if (m_filter.IsEmpty() || !anyAtAll) {
+            listed.unusable = FindUnusable();
+        }
         return listed;
     }
 
     // GigE cameras that answer broadcasts and are not listed.
     std::vector<HeardCamera> FindUnusable() const {
-        if (!m_context.UsesBus("gige") || Platform::DiagnoseGigE(false, &m_diagnosis) != HAL_OK) return {};
+        if (!m_context.UsesBus("gige") || Platform::DiagnoseGigE(false, &m_diagnosis) != HAL_OK) {
+            return {};
+        }
         std::vector<HeardCamera> heard = FindHeardCameras(m_diagnosis);
         heard.erase(std::remove_if(heard.begin(), heard.end(),
                                    [](const HeardCamera& camera) { return camera.usability == Usability::Usable; }),
@@ -213,9 +243,15 @@ private:
     std::string ForPeople(const Listed& listed) const {
         const bool coloured = m_context.UsesColour();
         std::string text = m_long ? ListAsParagraphs(listed, coloured) : ListAsTable(listed, m_columns, coloured);
-        if (!listed.cameras.empty()) return text;
-        if (!m_filter.IsEmpty()) return "No camera that is attached fits.\n" + text;
-        if (!listed.unusable.empty()) return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;
+        if (!listed.cameras.empty()) {
+            return text;
+        }
+        if (!m_filter.IsEmpty()) {
+            return "No camera that is attached fits.\n" + text;
+        }
+        if (!listed.unusable.empty()) {
+            return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;
+        }
         return NothingFound(m_context) + text;
     }
 
@@ -235,7 +271,7 @@ void AddListCommand(CLI::App& app, CommandContext& context) {
     const auto list = std::make_shared<ListCommand>(context);
     CLI::App* command = context.AddCommand(app, "list", "Lists the attached cameras.", [list] { return list->Run(); });
     list->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

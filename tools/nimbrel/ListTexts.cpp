@@ -24,9 +24,13 @@ std::vector<const CameraColumn*> UsualColumns(const std::vector<Camera>& cameras
     const bool anyText = std::any_of(cameras.begin(), cameras.end(), HasSerialText);
     const bool anyGigE = std::any_of(cameras.begin(), cameras.end(), [](const Camera& c) { return c.IsGigE(); });
     std::vector<const CameraColumn*> columns{&ColumnOf("index"), &ColumnOf("serial")};
-    if (anyText) columns.push_back(&ColumnOf("serial_text"));
+    if (anyText) {
+        columns.push_back(&ColumnOf("serial_text"));
+    }
     columns.push_back(&ColumnOf("interface"));
-    if (anyGigE) columns.push_back(&ColumnOf("ip"));
+    if (anyGigE) {
+        columns.push_back(&ColumnOf("ip"));
+    }
     columns.push_back(&ColumnOf("vendor"));
     columns.push_back(&ColumnOf("model"));
     return columns;
@@ -34,7 +38,9 @@ std::vector<const CameraColumn*> UsualColumns(const std::vector<Camera>& cameras
 
 Table CameraTable(const std::vector<Camera>& cameras, const std::vector<const CameraColumn*>& columns) {
     Table table;
-    for (const CameraColumn* column : columns) table.AddColumn(column->header, column->align, column->width);
+    for (const CameraColumn* column : columns) {
+        table.AddColumn(column->header, column->align, column->width);
+    }
     for (const Camera& camera : cameras) {
         std::vector<Cell> cells;
         for (const CameraColumn* column : columns) {
@@ -62,18 +68,27 @@ std::string DeviceTable(const std::vector<Device>& devices, bool coloured) {
 // "5 Gbit/s by the camera, 480 Mbit/s by its port": as far as it is known.
 std::string MostSpeed(const Camera& camera) {
     std::string text;
-    if (camera.cameraSpeed != 0) text = FormatSpeed(camera.cameraSpeed) + " by the camera";
-    if (camera.portSpeed != 0) text += (text.empty() ? "" : ", ") + FormatSpeed(camera.portSpeed) + " by its port";
+    if (camera.cameraSpeed != 0) {
+        text = FormatSpeed(camera.cameraSpeed) + " by the camera";
+    }
+    if (camera.portSpeed != 0) {
+        text += (text.empty() ? "" : ", ") + FormatSpeed(camera.portSpeed) + " by its port";
+    }
     return text;
 }
 
 // What follows the cameras in either form.
 std::string Remarks(const Listed& listed, bool coloured) {
     std::string text;
-    for (const std::string& sentence : listed.cut) text += "\n" + sentence + "\n";
-    if (!listed.devices.empty())
+    for (const std::string& sentence : listed.cut) {
+        text += "\n" + sentence + "\n";
+    }
+    if (!listed.devices.empty()) {
         text += "\nIEEE 1394 devices other than cameras:\n" + DeviceTable(listed.devices, coloured);
-    if (listed.unusable.empty()) return text;
+    }
+    if (listed.unusable.empty()) {
+        return text;
+    }
     text += "\nHeard on the network, but not usable:\n";
     for (const HeardCamera& heard : listed.unusable) {
         text += "  " + NameOf(heard.camera) + " at " + FormatSubnet(heard.camera.ip, heard.camera.subnet) +
@@ -87,18 +102,28 @@ std::string Remarks(const Listed& listed, bool coloured) {
 
 std::string ListAsJson(const Listed& listed, const CommandContext& context) {
     Json json{{"cameras", Json::array()}, {"devices", Json::array()}, {"searched", context.SearchedAsJson()}};
-    for (const Camera& camera : listed.cameras) json["cameras"].push_back(ToJson(camera));
-    for (const Device& device : listed.devices) json["devices"].push_back(ToJson(device));
+    for (const Camera& camera : listed.cameras) {
+        json["cameras"].push_back(ToJson(camera));
+    }
+    for (const Device& device : listed.devices) {
+        json["devices"].push_back(ToJson(device));
+    }
     return Dump(json, 2);
 }
 
 std::string ListAsTable(const Listed& listed, const std::vector<const CameraColumn*>& columns, bool coloured) {
-    if (listed.cameras.empty()) return Remarks(listed, coloured);
+    if (listed.cameras.empty()) {
+        return Remarks(listed, coloured);
+    }
     const Table table = CameraTable(listed.cameras, columns.empty() ? UsualColumns(listed.cameras) : columns);
     const std::size_t width = OutputWidth();
-    if (!table.Fits(width) && columns.empty()) return ListAsParagraphs(listed, coloured);
+    if (!table.Fits(width) && columns.empty()) {
+        return ListAsParagraphs(listed, coloured);
+    }
     std::string text = table.Render(width, coloured);
-    if (listed.cameras.size() > 1) text += "\n" + CountOf(listed.cameras.size(), "camera") + "\n";
+    if (listed.cameras.size() > 1) {
+        text += "\n" + CountOf(listed.cameras.size(), "camera") + "\n";
+    }
     return text + Remarks(listed, coloured);
 }
 
@@ -106,22 +131,30 @@ std::string ListAsParagraphs(const Listed& listed, bool coloured) {
     std::string text;
     for (const Camera& camera : listed.cameras) {
         const auto line = [&text](const char* name, const std::string& value) {
-            if (!value.empty()) text += "  " + std::string(name) + ForTerminal(value) + "\n";
+            if (!value.empty()) {
+                text += "  " + std::string(name) + ForTerminal(value) + "\n";
+            }
         };
         text += (text.empty() ? "" : "\n");
         text += Paint("Camera " + std::to_string(camera.index), Colour::Bold, coloured) + "\n";
         line("serial number  ", std::to_string(camera.serialNumber));
-        if (HasSerialText(camera)) line("serial text    ", camera.serialText);
+        if (HasSerialText(camera)) {
+            line("serial text    ", camera.serialText);
+        }
         line("guid           ", FormatGuid(camera.guid));
         line("bus            ", BusName(camera.interfaceType));
         line("attached to    ", camera.location);
-        if (camera.speed != 0) line("speed          ", FormatSpeed(camera.speed));
+        if (camera.speed != 0) {
+            line("speed          ", FormatSpeed(camera.speed));
+        }
         line("at most        ", MostSpeed(camera));
         if (camera.IsGigE()) {
             line("address        ", FormatIp(camera.ip));
             line("MAC            ", FormatMac(camera.mac));
         }
-        if (camera.control) line("control        ", FormatControl(*camera.control));
+        if (camera.control) {
+            line("control        ", FormatControl(*camera.control));
+        }
         line("vendor         ", camera.vendor);
         line("model          ", camera.model);
         line("name           ", camera.name);
@@ -132,16 +165,22 @@ std::string ListAsParagraphs(const Listed& listed, bool coloured) {
 std::string NothingFound(const CommandContext& context) {
     std::string text = "No cameras found on " + context.DescribeBuses() + ".\n\n";
     text += "Check that each camera has power and that its cable is plugged in at both ends.\n";
-    if (!context.UsesBus("gige")) return text;
+    if (!context.UsesBus("gige")) {
+        return text;
+    }
     const std::vector<std::string> interfaces = context.GetNetworkInterfaces();
-    if (interfaces.empty() && context.GetRig()) return text + "GigE: the rig has no network interface that is up.\n";
+    if (interfaces.empty() && context.GetRig()) {
+        return text + "GigE: the rig has no network interface that is up.\n";
+    }
     if (interfaces.empty()) {
         text +=
             "GigE: no network interface is up with a link and an IPv4 address (loopback must be\n"
             "named: `--interface lo`).\n";
     } else {
         std::vector<std::string> shown;
-        for (const std::string& name : interfaces) shown.push_back(ForTerminal(name));
+        for (const std::string& name : interfaces) {
+            shown.push_back(ForTerminal(name));
+        }
         text += "GigE: searched " + Enumerate(shown) + ".\n";
     }
     return text + "`nimbrel doctor` finds out what keeps cameras from being seen.\n";

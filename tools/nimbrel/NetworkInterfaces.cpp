@@ -15,12 +15,16 @@ namespace {
 
 std::vector<std::string> NamesOf(const std::function<bool(const ifaddrs& entry)>& wanted) {
     ifaddrs* first = nullptr;
-    if (getifaddrs(&first) != 0) return {};
+    if (getifaddrs(&first) != 0) {
+        return {};
+    }
     const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owned(first, freeifaddrs);
     std::vector<std::string> names;  // one entry an address in the list, one a name here
     for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
         const bool isKnown = std::find(names.begin(), names.end(), entry->ifa_name) != names.end();
-        if (!isKnown && wanted(*entry)) names.emplace_back(entry->ifa_name);
+        if (!isKnown && wanted(*entry)) {
+            names.emplace_back(entry->ifa_name);
+        }
     }
     return names;
 }

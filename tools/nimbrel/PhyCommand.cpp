@@ -14,13 +14,13 @@ namespace Nimbrel2::Tool {
 namespace {
 
 // IEEE 1394a-2000 5B.1: base registers 0 to 7, then eight of each page and port.
-constexpr std::uint32_t kFirstPaged = 8;
-constexpr std::uint32_t kLastAddress = 15;
-constexpr std::uint32_t kLastPage = 7;
-constexpr std::uint32_t kLastPort = 15;
-constexpr std::uint32_t kLargestValue = 0xFF;
+constexpr std::uint32_t FirstPaged = 8;
+constexpr std::uint32_t LastAddress = 15;
+constexpr std::uint32_t LastPage = 7;
+constexpr std::uint32_t LastPort = 15;
+constexpr std::uint32_t LargestValue = 0xFF;
 
-const char kFooter[] =
+const char Footer[] =
     R"(The registers are those of IEEE 1394a-2000, clause 5B.1. Numbers are decimal, or
 hexadecimal after 0x. Writing a register can bring a live bus down. Linux cannot
 write PHY registers; simulated computers can.
@@ -45,13 +45,15 @@ public:
 
     void AddOptions(CLI::App& command, bool writes) {
         m_camera.AddTo(command);
-        AddNumber(command, "PAGE", "0 to 7; 0 for base registers.", kLastPage, &m_page);
-        AddNumber(command, "PORT", "0 to 15; 0 for base registers.", kLastPort, &m_port);
+        AddNumber(command, "PAGE", "0 to 7; 0 for base registers.", LastPage, &m_page);
+        AddNumber(command, "PORT", "0 to 15; 0 for base registers.", LastPort, &m_port);
         AddNumber(command, "ADDRESS",
                   "0 to 7: a base register; 8 to 15: a register of\n"
                   "that page and port.",
-                  kLastAddress, &m_address);
-        if (writes) AddNumber(command, "VALUE", "0 to 255.", kLargestValue, &m_value);
+                  LastAddress, &m_address);
+        if (writes) {
+            AddNumber(command, "VALUE", "0 to 255.", LargestValue, &m_value);
+        }
         m_context.AddJsonOption(command, "Print JSON.");
         m_context.AddBusOptions(command);
     }
@@ -66,7 +68,7 @@ public:
         char text[16];
         std::snprintf(text, sizeof text, "0x%02x\n", value);
         m_context.Print(m_context.WantsJson() ? Dump({{"ok", true}, {"value", value}}) : text);
-        return kDone;
+        return ExitDone;
     }
 
     int Write() {
@@ -80,7 +82,7 @@ public:
         m_context.Print(m_context.WantsJson()
                             ? Dump({{"ok", true}, {"value", m_value}})
                             : "Wrote " + std::string(text) + " to " + camera.GetNameWithBus() + ".\n");
-        return kDone;
+        return ExitDone;
     }
 
 private:
@@ -94,11 +96,13 @@ private:
     }
 
     void CheckSelectors() const {
-        if (m_address >= kFirstPaged || (m_page == 0 && m_port == 0)) return;
+        if (m_address >= FirstPaged || (m_page == 0 && m_port == 0)) {
+            return;
+        }
         throw CommandError("ADDRESS: \"" + std::to_string(m_address) +
                                "\" is a base register, which has no page or port; write 0 and 0 in place of page " +
                                std::to_string(m_page) + " and port " + std::to_string(m_port),
-                           kUsage);
+                           ExitUsage);
     }
 
     CommandContext& m_context;
@@ -114,17 +118,17 @@ private:
 void AddPhyCommand(CLI::App& app, CommandContext& context) {
     CLI::App* phy = app.add_subcommand("phy", "Reads and writes PHY registers of IEEE 1394 nodes.");
     phy->require_subcommand(1);
-    phy->footer(kFooter);
+    phy->footer(Footer);
     const auto read = std::make_shared<PhyCommand>(context);
     CLI::App* reading =
         context.AddCommand(*phy, "read", "Prints one PHY register, in hexadecimal.", [read] { return read->Read(); });
     read->AddOptions(*reading, false);
-    reading->footer(kFooter);
+    reading->footer(Footer);
     const auto write = std::make_shared<PhyCommand>(context);
     CLI::App* writing =
         context.AddCommand(*phy, "write", "Writes one PHY register.", [write] { return write->Write(); });
     write->AddOptions(*writing, true);
-    writing->footer(kFooter);
+    writing->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -16,22 +16,22 @@ namespace {
 using Kind = TopologyView::Kind;
 using Line = std::u32string;
 
-constexpr double kNameSize = 12;
-constexpr double kTextSize = 11;
-constexpr double kCableSize = 10;
-constexpr double kLineHeight = 14;
-constexpr double kPadding = 9;
-constexpr double kCellGap = 16;
-constexpr double kRowGap = 12;
-constexpr double kSpine = 14;     // from a box to where its cables part
-constexpr double kCableEnd = 14;  // from where they part to the nearest box
-constexpr double kBlockGap = 40;
-constexpr double kMargin = 16;
-constexpr double kRatio = 1.6;  // of a picture that is good to look at
+constexpr double NameSize = 12;
+constexpr double TextSize = 11;
+constexpr double CableSize = 10;
+constexpr double LineHeight = 14;
+constexpr double Padding = 9;
+constexpr double CellGap = 16;
+constexpr double RowGap = 12;
+constexpr double Spine = 14;        // from a box to where its cables part
+constexpr double CableEndGap = 14;  // from where they part to the nearest box
+constexpr double BlockGap = 40;
+constexpr double Margin = 16;
+constexpr double Ratio = 1.6;  // of a picture that is good to look at
 
-constexpr std::size_t kDeepest = 8;  // levels of one block
-constexpr double kTallWithoutGathering = 1400;
-constexpr std::size_t kManyEqual = 9;
+constexpr std::size_t Deepest = 8;  // levels of one block
+constexpr double TallWithoutGathering = 1400;
+constexpr std::size_t ManyEqual = 9;
 
 // How much siblings without anything below them are gathered.
 enum class Gathering { None, Many, Equal };
@@ -56,12 +56,14 @@ struct Shape {
     PicturePoint corner;
 };
 
-double NameWidth(const Line& line) { return WidthOf(line, kNameSize, true); }
-double TextWidth(const Line& line) { return WidthOf(line, kTextSize, false); }
+double NameWidth(const Line& line) { return WidthOf(line, NameSize, true); }
+double TextWidth(const Line& line) { return WidthOf(line, TextSize, false); }
 
 double CellWidth(const Shape& shape) {
     double widest = 0;
-    for (const Line& cell : shape.cells) widest = std::max(widest, TextWidth(cell));
+    for (const Line& cell : shape.cells) {
+        widest = std::max(widest, TextWidth(cell));
+    }
     return widest;
 }
 
@@ -90,25 +92,33 @@ void Paint(const TopologyView& view, Shape* shape) {
 
 std::vector<Line> ToLines(const std::vector<std::string>& texts) {
     std::vector<Line> lines;
-    for (const std::string& text : texts) lines.push_back(ForPicture(text));
+    for (const std::string& text : texts) {
+        lines.push_back(ForPicture(text));
+    }
     return lines;
 }
 
 // One line for one of many: its port and what the others do not share.
 Line CellOf(const TopologyView& view, bool withName) {
     std::vector<std::string> label = LabelOf(view);
-    if (!withName) label.erase(label.begin());
+    if (!withName) {
+        label.erase(label.begin());
+    }
     std::vector<std::string> words;
-    if (view.portAbove) words.push_back("port " + std::to_string(*view.portAbove));
+    if (view.portAbove) {
+        words.push_back("port " + std::to_string(*view.portAbove));
+    }
     words.insert(words.end(), label.begin(), label.end());
     Line cell;
-    for (const std::string& word : words) cell += (cell.empty() ? U"" : U"  ") + ForPicture(word);
+    for (const std::string& word : words) {
+        cell += (cell.empty() ? U"" : U"  ") + ForPicture(word);
+    }
     return cell;
 }
 
 void ChooseColumns(Shape* shape) {
-    const double cell = CellWidth(*shape) + kCellGap;
-    const double ideal = std::sqrt(kRatio * static_cast<double>(shape->cells.size()) * kLineHeight / cell);
+    const double cell = CellWidth(*shape) + CellGap;
+    const double ideal = std::sqrt(Ratio * static_cast<double>(shape->cells.size()) * LineHeight / cell);
     shape->columns = std::clamp<std::size_t>(static_cast<std::size_t>(std::lround(ideal)), 1, shape->cells.size());
 }
 
@@ -127,7 +137,9 @@ Shape GatheredShape(const std::vector<const TopologyView*>& views, bool equal) {
     } else {
         shape.lines.push_back(ToCharacters(CountOf(views.size(), first.isCamera ? "camera" : "device")));
     }
-    for (const TopologyView* view : views) shape.cells.push_back(CellOf(*view, !equal));
+    for (const TopologyView* view : views) {
+        shape.cells.push_back(CellOf(*view, !equal));
+    }
     ChooseColumns(&shape);
     return shape;
 }
@@ -170,7 +182,7 @@ private:
     Shape Build(const TopologyView& view, std::size_t depth) {
         Shape shape = ShapeOf(view);
         const bool isBranchOfBus = view.isBusRoot || view.kind == Kind::Interface;
-        const bool goesOn = !view.children.empty() && (depth >= kDeepest || (m_apart && isBranchOfBus));
+        const bool goesOn = !view.children.empty() && (depth >= Deepest || (m_apart && isBranchOfBus));
         if (goesOn) {
             m_blocks.push_back({&view, m_blocks.size() + 1});
             shape.lines.push_back(ForPicture("continued at " + std::to_string(m_blocks.size())));
@@ -206,19 +218,27 @@ private:
     // The groups below a node, by their first member; the other members have an empty group.
     std::map<const TopologyView*, std::vector<const TopologyView*>> Gather(const TopologyView& view) const {
         std::map<const TopologyView*, std::vector<const TopologyView*>> groups;
-        if (m_gathering == Gathering::None) return groups;
-        const std::size_t least = m_gathering == Gathering::Equal ? 2 : kManyEqual;
+        if (m_gathering == Gathering::None) {
+            return groups;
+        }
+        const std::size_t least = m_gathering == Gathering::Equal ? 2 : ManyEqual;
         std::vector<const TopologyView*> left;
         for (const TopologyView& child : view.children) {
-            if (child.children.empty() && !child.Gathers()) left.push_back(&child);
+            if (child.children.empty() && !child.Gathers()) {
+                left.push_back(&child);
+            }
         }
         std::vector<const TopologyView*> odd;
         while (!left.empty()) {
             std::vector<const TopologyView*> equal;
             std::vector<const TopologyView*> others;
-            for (const TopologyView* child : left) (AreEqual(*child, *left[0]) ? equal : others).push_back(child);
+            for (const TopologyView* child : left) {
+                (AreEqual(*child, *left[0]) ? equal : others).push_back(child);
+            }
             if (equal.size() >= least) {
-                for (const TopologyView* child : equal) groups[child];
+                for (const TopologyView* child : equal) {
+                    groups[child];
+                }
                 groups[equal.front()] = equal;
             } else {
                 odd.insert(odd.end(), equal.begin(), equal.end());
@@ -229,10 +249,16 @@ private:
         for (const bool cameras : {true, false}) {
             std::vector<const TopologyView*> mixed;
             for (const TopologyView* child : odd) {
-                if (child->isCamera == cameras) mixed.push_back(child);
+                if (child->isCamera == cameras) {
+                    mixed.push_back(child);
+                }
             }
-            if (mixed.size() < kManyEqual) continue;
-            for (const TopologyView* child : mixed) groups[child];
+            if (mixed.size() < ManyEqual) {
+                continue;
+            }
+            for (const TopologyView* child : mixed) {
+                groups[child];
+            }
             groups[mixed.front()] = mixed;
         }
         return groups;
@@ -245,7 +271,9 @@ private:
 
 std::vector<Shape> UnplacedShapes(const std::vector<UnplacedCamera>& unplaced) {
     std::map<std::string, std::vector<const UnplacedCamera*>> byReason;
-    for (const UnplacedCamera& camera : unplaced) byReason[camera.reason].push_back(&camera);
+    for (const UnplacedCamera& camera : unplaced) {
+        byReason[camera.reason].push_back(&camera);
+    }
     std::vector<Shape> shapes;
     for (const auto& [reason, cameras] : byReason) {
         Shape base;
@@ -253,11 +281,12 @@ std::vector<Shape> UnplacedShapes(const std::vector<UnplacedCamera>& unplaced) {
         base.bus = cameras.front()->camera.interfaceType;
         base.dashed = true;
         base.radius = 8;
-        if (cameras.size() >= kManyEqual) {
+        if (cameras.size() >= ManyEqual) {
             Shape shape = base;
             shape.lines = ToLines({CountOf(cameras.size(), "camera"), "not in the tree:", reason});
-            for (const UnplacedCamera* camera : cameras)
+            for (const UnplacedCamera* camera : cameras) {
                 shape.cells.push_back(ForPicture("serial " + std::to_string(camera->camera.serialNumber)));
+            }
             ChooseColumns(&shape);
             shapes.push_back(std::move(shape));
             continue;
@@ -276,27 +305,32 @@ std::vector<Shape> UnplacedShapes(const std::vector<UnplacedCamera>& unplaced) {
 
 void Measure(Shape* shape) {
     double widest = shape->lines.empty() ? 0 : NameWidth(shape->lines.front());
-    for (std::size_t i = 1; i < shape->lines.size(); ++i) widest = std::max(widest, TextWidth(shape->lines[i]));
+    for (std::size_t i = 1; i < shape->lines.size(); ++i) {
+        widest = std::max(widest, TextWidth(shape->lines[i]));
+    }
     std::size_t rows = shape->lines.size();
     if (!shape->cells.empty()) {
         const auto columns = static_cast<double>(shape->columns);
-        widest = std::max(widest, columns * CellWidth(*shape) + (columns - 1) * kCellGap);
+        widest = std::max(widest, columns * CellWidth(*shape) + (columns - 1) * CellGap);
         rows += (shape->cells.size() + shape->columns - 1) / shape->columns;
     }
-    shape->width = widest + 2 * kPadding;
-    shape->height = static_cast<double>(rows) * kLineHeight + 2 * kPadding - 2;
+    shape->width = widest + 2 * Padding;
+    shape->height = static_cast<double>(rows) * LineHeight + 2 * Padding - 2;
     shape->cableWidth = 0;
-    for (const Line& line : shape->cable)
-        shape->cableWidth = std::max(shape->cableWidth, WidthOf(line, kCableSize, false));
+    for (const Line& line : shape->cable) {
+        shape->cableWidth = std::max(shape->cableWidth, WidthOf(line, CableSize, false));
+    }
     double below = 0;
     double cable = 0;
     for (Shape& child : shape->children) {
         Measure(&child);
-        below += child.treeHeight + (below == 0 ? 0 : kRowGap);
+        below += child.treeHeight + (below == 0 ? 0 : RowGap);
         cable = std::max(cable, child.cableWidth);
     }
     // Cables of one node part at one place.
-    for (Shape& child : shape->children) child.cableWidth = cable;
+    for (Shape& child : shape->children) {
+        child.cableWidth = cable;
+    }
     shape->treeHeight = std::max(shape->height, below);
 }
 
@@ -306,7 +340,9 @@ void MeasureLevels(const Shape& shape, std::size_t level, std::vector<double>* b
     cables->resize(std::max(cables->size(), level + 1), 0);
     (*boxes)[level] = std::max((*boxes)[level], shape.width);
     (*cables)[level] = std::max((*cables)[level], shape.cableWidth);
-    for (const Shape& child : shape.children) MeasureLevels(child, level + 1, boxes, cables);
+    for (const Shape& child : shape.children) {
+        MeasureLevels(child, level + 1, boxes, cables);
+    }
 }
 
 void Place(Shape* shape, const std::vector<double>& starts, std::size_t level, double top) {
@@ -314,14 +350,18 @@ void Place(Shape* shape, const std::vector<double>& starts, std::size_t level, d
     double first = 0;
     double last = 0;
     double below = 0;
-    for (const Shape& child : shape->children) below += child.treeHeight + (below == 0 ? 0 : kRowGap);
+    for (const Shape& child : shape->children) {
+        below += child.treeHeight + (below == 0 ? 0 : RowGap);
+    }
     childTop += (shape->treeHeight - below) / 2;
     for (Shape& child : shape->children) {
         Place(&child, starts, level + 1, childTop);
         const double middle = child.corner.y + child.height / 2;
-        if (&child == &shape->children.front()) first = middle;
+        if (&child == &shape->children.front()) {
+            first = middle;
+        }
         last = middle;
-        childTop += child.treeHeight + kRowGap;
+        childTop += child.treeHeight + RowGap;
     }
     const double middle = shape->children.empty() ? top + shape->treeHeight / 2 : (first + last) / 2;
     const double lowest = top + shape->treeHeight - shape->height;
@@ -341,7 +381,7 @@ Size LayOutBlock(Shape* root) {
     MeasureLevels(*root, 0, &boxes, &cables);
     std::vector<double> starts{0};
     for (std::size_t level = 1; level < boxes.size(); ++level) {
-        starts.push_back(starts.back() + boxes[level - 1] + kSpine + cables[level] + kCableEnd);
+        starts.push_back(starts.back() + boxes[level - 1] + Spine + cables[level] + CableEndGap);
     }
     Place(root, starts, 0, 0);
     return {starts.back() + boxes.back(), root->treeHeight};
@@ -350,7 +390,9 @@ Size LayOutBlock(Shape* root) {
 void Move(Shape* shape, double x, double y) {
     shape->corner.x += x;
     shape->corner.y += y;
-    for (Shape& child : shape->children) Move(&child, x, y);
+    for (Shape& child : shape->children) {
+        Move(&child, x, y);
+    }
 }
 
 // In columns of about the height that gives the picture its ratio.
@@ -360,24 +402,24 @@ Size Pack(std::vector<Shape>* blocks) {
     double tallest = 0;
     for (Shape& block : *blocks) {
         sizes.push_back(LayOutBlock(&block));
-        area += (sizes.back().width + kBlockGap) * (sizes.back().height + kBlockGap);
+        area += (sizes.back().width + BlockGap) * (sizes.back().height + BlockGap);
         tallest = std::max(tallest, sizes.back().height);
     }
-    const double limit = std::max(tallest, std::sqrt(area / kRatio));
+    const double limit = std::max(tallest, std::sqrt(area / Ratio));
     Size used;
-    double x = kMargin;
-    double y = kMargin;
+    double x = Margin;
+    double y = Margin;
     double columnWidth = 0;
     for (std::size_t i = 0; i < blocks->size(); ++i) {
-        if (y > kMargin && y + sizes[i].height > limit + kMargin) {
-            x += columnWidth + kBlockGap;
-            y = kMargin;
+        if (y > Margin && y + sizes[i].height > limit + Margin) {
+            x += columnWidth + BlockGap;
+            y = Margin;
             columnWidth = 0;
         }
         Move(&(*blocks)[i], x, y);
         columnWidth = std::max(columnWidth, sizes[i].width);
         used = {std::max(used.width, x + columnWidth), std::max(used.height, y + sizes[i].height)};
-        y += sizes[i].height + kBlockGap;
+        y += sizes[i].height + BlockGap;
     }
     return used;
 }
@@ -400,20 +442,20 @@ PictureItem ItemOf(const Shape& shape) {
     box.stroke = paint.dark;
     box.fill = shape.solid ? paint.dark : shape.light ? paint.light : "#ffffff";
     item.box = box;
-    double y = shape.corner.y + kPadding + kLineHeight - 4;
-    const double x = shape.corner.x + kPadding;
-    const double room = shape.width - 2 * kPadding;
-    for (std::size_t i = 0; i < shape.lines.size(); ++i, y += kLineHeight) {
-        item.texts.push_back({{x, y}, room, i == 0 ? kNameSize : kTextSize, i == 0, InkOf(shape), shape.lines[i]});
+    double y = shape.corner.y + Padding + LineHeight - 4;
+    const double x = shape.corner.x + Padding;
+    const double room = shape.width - 2 * Padding;
+    for (std::size_t i = 0; i < shape.lines.size(); ++i, y += LineHeight) {
+        item.texts.push_back({{x, y}, room, i == 0 ? NameSize : TextSize, i == 0, InkOf(shape), shape.lines[i]});
     }
     const double cell = CellWidth(shape);
     const std::size_t rows = (shape.cells.size() + shape.columns - 1) / shape.columns;
     for (std::size_t i = 0; i < shape.cells.size(); ++i) {
         const auto column = static_cast<double>(i / rows);
         const auto row = static_cast<double>(i % rows);
-        item.texts.push_back({{x + column * (cell + kCellGap), y + row * kLineHeight},
+        item.texts.push_back({{x + column * (cell + CellGap), y + row * LineHeight},
                               cell,
-                              kTextSize,
+                              TextSize,
                               false,
                               InkOf(shape),
                               shape.cells[i]});
@@ -430,12 +472,12 @@ PictureItem CableTo(const Shape& child, const Shape& parent) {
     const double to = child.corner.y + child.height / 2;
     const double start = parent.corner.x + parent.width;
     const double end = child.corner.x;
-    const double spine = end - kCableEnd - child.cableWidth;
+    const double spine = end - CableEndGap - child.cableWidth;
     item.line = {{start, from}, {spine, from}, {spine, to}, {end, to}};
     double y = to - 4;
     for (const Line& line : child.cable) {
-        item.texts.push_back({{spine + kCableEnd / 2, y}, child.cableWidth, kCableSize, false, "#475569", line});
-        y = to + kCableSize + 1;
+        item.texts.push_back({{spine + CableEndGap / 2, y}, child.cableWidth, CableSize, false, "#475569", line});
+        y = to + CableSize + 1;
     }
     return item;
 }
@@ -480,21 +522,27 @@ Picture LayOut(const Topology& topology) {
                                            std::pair(Gathering::Equal, false), std::pair(Gathering::Equal, true)}) {
         blocks = Builder(gathering, apart).Build(drawn);
         Measure(&blocks.front());
-        if (blocks.front().treeHeight <= kTallWithoutGathering) break;
+        if (blocks.front().treeHeight <= TallWithoutGathering) {
+            break;
+        }
     }
-    for (Shape& shape : UnplacedShapes(topology.unplaced)) blocks.push_back(std::move(shape));
+    for (Shape& shape : UnplacedShapes(topology.unplaced)) {
+        blocks.push_back(std::move(shape));
+    }
     const Size size = Pack(&blocks);
     Picture picture;
-    picture.width = size.width + kMargin;
-    picture.height = size.height + kMargin;
-    for (const Shape& block : blocks) Emit(block, &picture);
+    picture.width = size.width + Margin;
+    picture.height = size.height + Margin;
+    for (const Shape& block : blocks) {
+        Emit(block, &picture);
+    }
     for (const std::string& sentence : topology.cut) {
         PictureItem remark;
         remark.kind = "remark";
         const Line line = ToCharacters(sentence);
-        remark.texts.push_back({{kMargin, picture.height}, TextWidth(line), kTextSize, false, "#b91c1c", line});
-        picture.width = std::max(picture.width, TextWidth(line) + 2 * kMargin);
-        picture.height += kLineHeight + kMargin;
+        remark.texts.push_back({{Margin, picture.height}, TextWidth(line), TextSize, false, "#b91c1c", line});
+        picture.width = std::max(picture.width, TextWidth(line) + 2 * Margin);
+        picture.height += LineHeight + Margin;
         picture.items.push_back(std::move(remark));
     }
     return picture;

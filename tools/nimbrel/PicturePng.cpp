@@ -12,8 +12,8 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr double kSharp = 2;        // pixels per pixel of a usual screen, for screens that have more
-constexpr double kLargest = 16000;  // pixels that every viewer takes
+constexpr double Sharp = 2;        // pixels per pixel of a usual screen, for screens that have more
+constexpr double Largest = 16000;  // pixels that every viewer takes
 
 using Surface = std::unique_ptr<cairo_surface_t, void (*)(cairo_surface_t*)>;
 using Context = std::unique_ptr<cairo_t, void (*)(cairo_t*)>;
@@ -81,7 +81,9 @@ void Draw(cairo_t* context, const PictureText& text) {
     cairo_text_extents_t extents;
     cairo_text_extents(context, utf8.c_str(), &extents);
     // A font that is wider than any we know gets smaller, so that the text stays in its box.
-    if (extents.x_advance > text.room) cairo_set_font_size(context, text.size * text.room / extents.x_advance);
+    if (extents.x_advance > text.room) {
+        cairo_set_font_size(context, text.size * text.room / extents.x_advance);
+    }
     SetColour(context, text.colour);
     cairo_move_to(context, text.start.x, text.start.y);
     cairo_show_text(context, utf8.c_str());
@@ -96,8 +98,12 @@ void Draw(cairo_t* context, const PictureItem& item) {
         cairo_set_line_width(context, 1.5);
         cairo_stroke(context);
     }
-    if (item.box) Draw(context, *item.box);
-    for (const PictureText& text : item.texts) Draw(context, text);
+    if (item.box) {
+        Draw(context, *item.box);
+    }
+    for (const PictureText& text : item.texts) {
+        Draw(context, text);
+    }
 }
 
 cairo_status_t Append(void* png, const unsigned char* data, unsigned int size) {
@@ -108,7 +114,7 @@ cairo_status_t Append(void* png, const unsigned char* data, unsigned int size) {
 }  // namespace
 
 std::string WritePng(const Picture& picture) {
-    const double scale = std::min(kSharp, kLargest / std::max(picture.width, picture.height));
+    const double scale = std::min(Sharp, Largest / std::max(picture.width, picture.height));
     const Surface surface(
         cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(std::ceil(picture.width * scale)),
                                    static_cast<int>(std::ceil(picture.height * scale))),
@@ -117,10 +123,14 @@ std::string WritePng(const Picture& picture) {
     cairo_scale(context.get(), scale, scale);
     SetColour(context.get(), "#ffffff");
     cairo_paint(context.get());
-    for (const PictureItem& item : picture.items) Draw(context.get(), item);
+    for (const PictureItem& item : picture.items) {
+        Draw(context.get(), item);
+    }
     std::string png;
     cairo_status_t status = cairo_status(context.get());
-    if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_write_to_png_stream(surface.get(), Append, &png);
+    if (status == CAIRO_STATUS_SUCCESS) {
+        status = cairo_surface_write_to_png_stream(surface.get(), Append, &png);
+    }
     if (status != CAIRO_STATUS_SUCCESS) {
         throw CommandError(std::string("the picture cannot be drawn: ") + cairo_status_to_string(status));
     }

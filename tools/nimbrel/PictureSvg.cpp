@@ -47,8 +47,9 @@ std::string Write(const PictureText& text) {
 
 std::string WriteLine(const std::vector<PicturePoint>& points, const char* colour) {
     std::string list;
-    for (const PicturePoint& point : points)
+    for (const PicturePoint& point : points) {
         list += (list.empty() ? "" : " ") + Number(point.x) + "," + Number(point.y);
+    }
     return "<polyline" + Attribute("points", list) + " fill=\"none\" stroke-width=\"1.5\"" +
            Attribute("stroke", colour) + "/>\n";
 }
@@ -65,9 +66,15 @@ std::string WriteSvg(const Picture& picture) {
                       Attribute("width", width) + Attribute("height", height) + " fill=\"#ffffff\"/>\n";
     for (const PictureItem& item : picture.items) {
         svg += "<g" + Attribute("class", item.kind) + ">\n";
-        if (!item.line.empty()) svg += WriteLine(item.line, item.lineColour);
-        if (item.box) svg += Write(*item.box);
-        for (const PictureText& text : item.texts) svg += Write(text);
+        if (!item.line.empty()) {
+            svg += WriteLine(item.line, item.lineColour);
+        }
+        if (item.box) {
+            svg += Write(*item.box);
+        }
+        for (const PictureText& text : item.texts) {
+            svg += Write(text);
+        }
         svg += "</g>\n";
     }
     return svg + "</g>\n</svg>\n";

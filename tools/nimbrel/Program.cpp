@@ -21,9 +21,9 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kDescription[] = "Finds and watches machine-vision cameras on IEEE 1394, USB and GigE.";
+const char DescriptionText[] = "Finds and watches machine-vision cameras on IEEE 1394, USB and GigE.";
 
-const char kFooter[] =
+const char Footer[] =
     R"(`nimbrel help COMMAND` explains a command.
 
 Exit status:
@@ -40,28 +40,34 @@ Examples:
   nimbrel doctor                  why a camera does not show
 )";
 
-const char kBusOptions[] = "Options of the commands that look at the buses, before or after the command";
+const char BusOptions[] = "Options of the commands that look at the buses, before or after the command";
 
 // The user's own words, as a shell takes them, run by root.
 std::string AgainAsRoot(int argc, const char* const* argv) {
     std::string line = "sudo nimbrel";
-    for (int i = 1; i < argc; ++i) line += " " + QuoteForShell(argv[i]);
+    for (int i = 1; i < argc; ++i) {
+        line += " " + QuoteForShell(argv[i]);
+    }
     return line;
 }
 
 // A line of the trace for each line of the text.
 void TraceLines(const std::string& text) {
     std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) TraceLog::Write(line);
+    for (std::string line; std::getline(lines, line);) {
+        TraceLog::Write(line);
+    }
 }
 
 int ReportError(const CLI::App& app, const CommandError& error, const std::string& againAsRoot = "") {
     const std::string name = CommandName(app);
     std::string hint = error.GetHint();
-    if (const std::size_t at = hint.find(kAgainAsRoot); at != std::string::npos) {
-        hint.replace(at, sizeof kAgainAsRoot - 1, againAsRoot);
+    if (const std::size_t at = hint.find(AgainAsRootMark); at != std::string::npos) {
+        hint.replace(at, sizeof AgainAsRootMark - 1, againAsRoot);
     }
-    if (hint.empty() && error.GetStatus() == kUsage) hint = "Try `" + name + " --help`.";
+    if (hint.empty() && error.GetStatus() == ExitUsage) {
+        hint = "Try `" + name + " --help`.";
+    }
     TraceLines("exit status " + std::to_string(error.GetStatus()) + ": " + error.what());
     TraceLines(error.GetDetails());
     WriteError(name + ": " + error.what() + "\n" + (hint.empty() ? "" : hint + "\n"));
@@ -80,18 +86,26 @@ void AddLogOptions(CLI::App& app, LogOptions& options) {
                              "Append what the library does to this file, with\ntime and thread: good for bug reports.",
                              [&options](const std::string& file) {
                                  if (options.file && *options.file != file) {
-                                     throw CommandError("--log: two different files are given", kUsage);
+                                     throw CommandError("--log: two different files are given", ExitUsage);
                                  }
                                  options.file = file;
                              });
-    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) AddLogOptions(*command, options);
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+        AddLogOptions(*command, options);
+    }
 }
 
 void StartLog(const LogOptions& options, int argc, const char* const* argv) {
-    if (options.verbose) TraceLog::ToStandardError();
-    if (options.file) TraceLog::ToFile(*options.file);
+    if (options.verbose) {
+        TraceLog::ToStandardError();
+    }
+    if (options.file) {
+        TraceLog::ToFile(*options.file);
+    }
     std::string line = "nimbrel " NIMBREL2_VERSION ":";
-    for (int i = 1; i < argc; ++i) line += std::string(" ") + argv[i];
+    for (int i = 1; i < argc; ++i) {
+        line += std::string(" ") + argv[i];
+    }
     TraceLog::Write(line);
 }
 
@@ -99,7 +113,7 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     app.set_version_flag("-V,--version", std::string("nimbrel ") + NIMBREL2_VERSION, "Print the version and end.");
     app.set_help_flag("-h,--help", "Print this help and end.");
     app.require_subcommand(0, 1);  // a missing command is found below, where a misspelt one can be named
-    app.footer(kFooter);
+    app.footer(Footer);
     app.get_formatter()->column_width(29);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
@@ -118,7 +132,7 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     AddSimulateCommand(app, context);
     AddHelpCommand(app, context);
     // They may stand before the command as well. After the commands, which would inherit the group.
-    app.option_defaults()->group(kBusOptions);
+    app.option_defaults()->group(BusOptions);
     context.AddBusOptions(app);
     app.option_defaults()->group("Options");
     AddLogOptions(app, log);
@@ -128,9 +142,12 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
 void CheckBusOptions(const CLI::App& app) {
     const CLI::App& command = ChosenCommand(app);
     for (const CLI::Option* option : app.get_options()) {
-        if (option->get_group() != kBusOptions || option->count() == 0) continue;
+        if (option->get_group() != BusOptions || option->count() == 0) {
+            continue;
+        }
         if (command.get_option_no_throw(option->get_name()) == nullptr) {
-            throw CommandError(option->get_name() + ": `" + CommandName(app) + "` does not look at the buses", kUsage);
+            throw CommandError(option->get_name() + ": `" + CommandName(app) + "` does not look at the buses",
+                               ExitUsage);
         }
     }
 }
@@ -140,14 +157,16 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
         context.Print(app.help());
-        return kDone;
+        return ExitDone;
     } catch (const CLI::CallForVersion&) {
         context.Print(app.version() + "\n");
-        return kDone;
+        return ExitDone;
     } catch (const CLI::ParseError& error) {
-        throw CommandError(DescribeParseError(app, error), kUsage);
+        throw CommandError(DescribeParseError(app, error), ExitUsage);
     }
-    if (!context.GetAction()) throw CommandError("a command is missing", kUsage);
+    if (!context.GetAction()) {
+        throw CommandError("a command is missing", ExitUsage);
+    }
     CheckBusOptions(app);
     StartLog(log, argc, argv);
     return context.GetAction()();
@@ -158,7 +177,7 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
 namespace {
 
 int RunCommandLine(int argc, const char* const* argv) {
-    CLI::App app(kDescription, "nimbrel");
+    CLI::App app(DescriptionText, "nimbrel");
     try {
         UseLocaleOfUser();
         CommandContext context;
@@ -180,7 +199,9 @@ int RunProgram(int argc, const char* const* argv) {
     KeepStandardDescriptors();
     Interrupts::Install();
     const int status = RunCommandLine(argc, argv);
-    if (status != 0 && status == Interrupts::GetExitStatus()) Interrupts::EndBySignal();
+    if (status != 0 && status == Interrupts::GetExitStatus()) {
+        Interrupts::EndBySignal();
+    }
     return status;
 }
 

@@ -23,8 +23,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Shorter waits show nothing, so that no line flashes up.
-constexpr milliseconds kFirstDraw{200};
-constexpr milliseconds kRedraw{100};
+constexpr milliseconds FirstDraw{200};
+constexpr milliseconds Redraw{100};
 
 bool IsTerminal() {
     const char* kind = secure_getenv("TERM");
@@ -34,7 +34,9 @@ bool IsTerminal() {
 // A line that wraps could not be wiped.
 std::size_t RoomInLine() {
     winsize size{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 79;
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return 79;
+    }
     return size.ws_col - 1u;
 }
 
@@ -54,7 +56,9 @@ std::string Line(const std::string& text, unsigned int frame, Clock::duration go
 }  // namespace
 
 Progress::Progress(const std::string& text, Remarks remarks) : m_text(text), m_remarks(std::move(remarks)) {
-    if (!IsTerminal() || TraceLog::IsOnStandardError()) return;
+    if (!IsTerminal() || TraceLog::IsOnStandardError()) {
+        return;
+    }
     try {
         m_thread = std::thread([this] { Draw(); });
     } catch (const std::system_error&) {
@@ -63,7 +67,9 @@ Progress::Progress(const std::string& text, Remarks remarks) : m_text(text), m_r
 }
 
 Progress::~Progress() {
-    if (!m_thread.joinable()) return;
+    if (!m_thread.joinable()) {
+        return;
+    }
     {
         const std::lock_guard lock(m_mutex);
         m_stop = true;
@@ -77,16 +83,18 @@ void Progress::Draw() {
     const Clock::time_point start = Clock::now();
     std::unique_lock lock(m_mutex);
     bool shown = false;
-    milliseconds pause = kFirstDraw;
+    milliseconds pause = FirstDraw;
     for (unsigned int frame = 0; !m_changed.wait_for(lock, pause, [this] { return m_stop; }); ++frame) {
         Interrupts::SetProgressShown(true);
         const std::string remarks = m_remarks ? ForTerminal(m_remarks()) : std::string();
         const std::string line = Line(m_text, frame, Clock::now() - start) + (remarks.empty() ? "" : ": " + remarks);
         Put("\r" + CutToWidth(line, RoomInLine()) + "\033[K");
         shown = true;
-        pause = kRedraw;
+        pause = Redraw;
     }
-    if (shown) Put("\r\033[K");
+    if (shown) {
+        Put("\r\033[K");
+    }
     Interrupts::SetProgressShown(false);
 }
 

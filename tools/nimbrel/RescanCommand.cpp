@@ -15,9 +15,9 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr std::chrono::milliseconds kPatience{10000};
+constexpr std::chrono::milliseconds Patience{10000};
 
-const char kFooter[] =
+const char Footer[] =
     R"(Enumerates all buses, then enumerates them again and waits until that is done: a
 test of the buses and their drivers. Other programs are not disturbed. To see
 what is attached, use `nimbrel list`, which searches by itself.
@@ -47,14 +47,16 @@ public:
     int Run() {
         const BusMasterSession busMaster = m_context.StartBusMaster();
         Rescan(*busMaster);
-        if (!m_context.CheckBuses(*busMaster)) return kFailed;
+        if (!m_context.CheckBuses(*busMaster)) {
+            return ExitFailed;
+        }
         const std::size_t count = ListCameras(*busMaster).size();
         const Json json{{"ok", true}, {"value", count}, {"searched", m_context.SearchedAsJson()}};
         m_context.Print(m_context.WantsJson() ? Dump(json)
                                               : "Enumerated again: " + CountOf(count, "camera") + " on " +
                                                     m_context.DescribeBuses() + ".\n");
         m_context.NoteBusesWithoutDriver("rescan");
-        return kDone;
+        return ExitDone;
     }
 
 private:
@@ -66,8 +68,10 @@ private:
     }
 
     static void WaitUntilQuiet(BusMaster& busMaster) {
-        if (busMaster.WaitUntilQuiet(static_cast<unsigned int>(kPatience.count()))) return;
-        throw CommandError("the enumeration did not end within " + FormatSeconds(kPatience) + ": a bus driver hangs")
+        if (busMaster.WaitUntilQuiet(static_cast<unsigned int>(Patience.count()))) {
+            return;
+        }
+        throw CommandError("the enumeration did not end within " + FormatSeconds(Patience) + ": a bus driver hangs")
             .WithHint("Search one bus at a time to find it: `nimbrel rescan --bus usb`.");
     }
 
@@ -81,7 +85,7 @@ void AddRescanCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command =
         context.AddCommand(app, "rescan", "Re-enumerates all buses.", [rescan] { return rescan->Run(); });
     rescan->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

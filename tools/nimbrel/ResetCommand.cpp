@@ -6,7 +6,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"(On IEEE 1394 resets the bus, so that all its nodes are enumerated again; on USB
 resets the port of the camera. GigE has no bus reset. Applications that use
 cameras of that bus are disturbed. The command does not wait for the reset to
@@ -33,7 +33,7 @@ std::string RequestReset(BusMaster& busMaster, FoundCamera& camera, bool asJson)
 
 void AddResetCommand(CLI::App& app, CommandContext& context) {
     AddCameraCommand(app, context,
-                     {"reset", "Resets the bus or port of a camera.", kFooter, Scope::BusesWithReset, RequestReset});
+                     {"reset", "Resets the bus or port of a camera.", Footer, Scope::BusesWithReset, RequestReset});
 }
 
 }  // namespace Nimbrel2::Tool

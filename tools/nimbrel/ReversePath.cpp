@@ -14,15 +14,17 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr int kStrict = 1;
+constexpr int Strict = 1;
 // RFC 5737: in documents only, so no computer has a route of its own for it.
-constexpr IPAddress kUnknown{{198, 51, 100, 1}};
+constexpr IPAddress UnknownAddress{{198, 51, 100, 1}};
 
 class Socket {
 public:
     Socket(int domain, int type) : m_fd(socket(domain, type | SOCK_CLOEXEC, 0)) {}
     ~Socket() {
-        if (m_fd >= 0) close(m_fd);
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
     }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
@@ -39,24 +41,34 @@ std::optional<std::uint32_t> SourceTowards(const IPAddress& ip) {
     address.sin_family = AF_INET;
     address.sin_port = htons(9);
     address.sin_addr.s_addr = htonl(PackIPAddress(ip));
-    if (connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return std::nullopt;
+    if (connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return std::nullopt;
+    }
     socklen_t size = sizeof address;
-    if (getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) return std::nullopt;
+    if (getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        return std::nullopt;
+    }
     return ntohl(address.sin_addr.s_addr);
 }
 
 }  // namespace
 
 bool IsDropped(const Platform::InterfaceDiagnosis& interface, const IPAddress& from) {
-    if (interface.GetRpFilter() == 0 || interface.interface.loopback) return false;
+    if (interface.GetRpFilter() == 0 || interface.interface.loopback) {
+        return false;
+    }
     const std::optional<std::uint32_t> source = SourceTowards(from);
-    if (!source) return true;
-    if (interface.GetRpFilter() != kStrict) return false;
+    if (!source) {
+        return true;
+    }
+    if (interface.GetRpFilter() != Strict) {
+        return false;
+    }
     const auto& addresses = interface.interface.addresses;
     return std::none_of(addresses.begin(), addresses.end(),
                         [&source](const auto& address) { return address.address == *source; });
 }
 
-bool AreUnknownDropped(const Platform::InterfaceDiagnosis& interface) { return IsDropped(interface, kUnknown); }
+bool AreUnknownDropped(const Platform::InterfaceDiagnosis& interface) { return IsDropped(interface, UnknownAddress); }
 
 }  // namespace Nimbrel2::Tool

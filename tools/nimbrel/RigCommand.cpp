@@ -32,14 +32,14 @@ using Platform::RigStep;
 using std::chrono::milliseconds;
 
 // How long one step may take, and an awaited event may take to arrive, in addition to the delays of faults.
-constexpr milliseconds kPatience{10000};
+constexpr milliseconds ShortestPatience{10000};
 
 // 127.0.0.1 is left to other programs.
-constexpr std::uint32_t kFirstLoopbackAddress = 0x7F000002;
+constexpr std::uint32_t FirstLoopbackAddress = 0x7F000002;
 
-const char kBuiltIn[] = "the built-in rig";
+const char BuiltInName[] = "the built-in rig";
 
-const char kFooter[] =
+const char Footer[] =
     R"(A rig is a simulated computer in a JSON file: its buses, its cameras and what
 happens to them. Every command that looks at the buses takes --rig FILE.
 
@@ -62,7 +62,7 @@ Examples:
 
 RigPlan Load(const std::optional<std::string>& file) {
     try {
-        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), kBuiltIn);
+        return file ? Platform::ReadRigFile(*file) : Platform::ParseRig(Platform::BuiltInRig(), BuiltInName);
     } catch (const Platform::RigFileError& error) {
         throw CommandError(ForTerminal(error.what()));
     }
@@ -73,14 +73,18 @@ std::string Difference(const std::vector<std::uint32_t>& one, const std::vector<
     std::vector<std::uint32_t> difference;
     std::set_difference(one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(difference));
     std::vector<std::string> words;
-    for (const std::uint32_t serial : difference) words.push_back(std::to_string(serial));
+    for (const std::uint32_t serial : difference) {
+        words.push_back(std::to_string(serial));
+    }
     return words.empty() ? "" : Enumerate(words);
 }
 
 milliseconds DelayOfFaults(const RigPlan& plan) {
     milliseconds sum{0};
     for (const RigStep& step : plan.timeline) {
-        if (const auto* const fault = std::get_if<Platform::RigFault>(&step.action)) sum += fault->delay;
+        if (const auto* const fault = std::get_if<Platform::RigFault>(&step.action)) {
+            sum += fault->delay;
+        }
     }
     return sum;
 }
@@ -98,13 +102,13 @@ public:
           m_events(events),
           m_printer(context, busMaster),
           m_fast(fast),
-          m_patience(fast ? kPatience : kPatience + DelayOfFaults(plan)) {}
+          m_patience(fast ? ShortestPatience : ShortestPatience + DelayOfFaults(plan)) {}
 
     int Play() {
         m_interrupt = Interrupts::Catch(Interrupts::End::BySignal);
         m_context.GetOutput().SetInterrupt(m_interrupt);
         // A reader that has gone ends the play with 0, a signal with its own status.
-        return PlaySteps() ? static_cast<int>(kDone) : Interrupts::GetExitStatus();
+        return PlaySteps() ? static_cast<int>(ExitDone) : Interrupts::GetExitStatus();
     }
 
 private:
@@ -112,15 +116,23 @@ private:
     bool PlaySteps() {
         const Clock::time_point start = Clock::now();
         for (const RigStep& step : m_plan.timeline) {
-            if (step.at && !m_fast && !PrintUntil(start + *step.at)) return false;
-            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) return false;
+            if (step.at && !m_fast && !PrintUntil(start + *step.at)) {
+                return false;
+            }
+            if (step.after && !WaitFor(*step.after, step.pointer + "/after")) {
+                return false;
+            }
             Announce(step);
             if (const std::optional<std::string> problem = Platform::Apply(m_rig, step.action)) {
                 Fail(step.actionPointer, *problem);
             }
-            if (m_fast && !Settle(step.actionPointer)) return false;
+            if (m_fast && !Settle(step.actionPointer)) {
+                return false;
+            }
         }
-        if (!Settle("/end")) return false;
+        if (!Settle("/end")) {
+            return false;
+        }
         CheckEnd();
         return true;
     }
@@ -134,7 +146,9 @@ private:
     }
 
     void Announce(const RigStep& step) {
-        if (!m_context.WantsJson()) m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
+        if (!m_context.WantsJson()) {
+            m_context.Print("-- " + ForTerminal(Platform::Describe(step.action)) + "\n");
+        }
     }
 
     // Waits until every event has been delivered and the bus master has handled all of them.
@@ -150,7 +164,9 @@ private:
     bool PrintWaiting() {
         while (const std::optional<BusEvent> event = m_events.Take()) {
             m_seen.push_back(*event);
-            if (!m_printer.Print(*event)) return false;
+            if (!m_printer.Print(*event)) {
+                return false;
+            }
         }
         return !IsInterrupted(0);
     }
@@ -164,8 +180,12 @@ private:
     bool PrintUntil(Clock::time_point time) {
         while (PrintWaiting()) {
             const auto left = std::chrono::ceil<milliseconds>(time - Clock::now());
-            if (left.count() <= 0) return true;
-            if (IsInterrupted(static_cast<int>(left.count()))) return false;
+            if (left.count() <= 0) {
+                return true;
+            }
+            if (IsInterrupted(static_cast<int>(left.count()))) {
+                return false;
+            }
         }
         return false;
     }
@@ -178,30 +198,44 @@ private:
             return event.type == types[static_cast<int>(awaited.kind)] &&
                    (!awaited.serialNumber || event.serialNumber == *awaited.serialNumber);
         });
-        if (found == m_seen.end()) return false;
+        if (found == m_seen.end()) {
+            return false;
+        }
         m_seen.erase(found);
         return true;
     }
 
     bool WaitFor(const AwaitedEvent& awaited, const std::string& pointer) {
         if (m_fast) {
-            if (!Settle(pointer)) return false;
-            if (!TakeSeen(awaited)) Fail(pointer, "this event did not happen");
+            if (!Settle(pointer)) {
+                return false;
+            }
+            if (!TakeSeen(awaited)) {
+                Fail(pointer, "this event did not happen");
+            }
             return true;
         }
         const Clock::time_point deadline = Clock::now() + m_patience;
         while (PrintWaiting()) {
-            if (TakeSeen(awaited)) return true;
+            if (TakeSeen(awaited)) {
+                return true;
+            }
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) Fail(pointer, "this event did not happen within " + Patience());
-            if (IsInterrupted(static_cast<int>(left.count()))) return false;
+            if (left.count() <= 0) {
+                Fail(pointer, "this event did not happen within " + Patience());
+            }
+            if (IsInterrupted(static_cast<int>(left.count()))) {
+                return false;
+            }
         }
         return false;
     }
 
     void CheckEnd() {
         std::vector<std::uint32_t> serials;
-        for (const Camera& camera : ListCameras(m_busMaster)) serials.push_back(camera.serialNumber);
+        for (const Camera& camera : ListCameras(m_busMaster)) {
+            serials.push_back(camera.serialNumber);
+        }
         std::sort(serials.begin(), serials.end());
         if (m_plan.finalSerialNumbers && serials != *m_plan.finalSerialNumbers) {
             const std::string missing = Difference(*m_plan.finalSerialNumbers, serials);
@@ -245,11 +279,11 @@ public:
                                       [this] { return Serve(); }));
         m_context.AddCommand(rig, "schema", "Prints the JSON Schema of rig files.", [this] {
             m_context.Print(std::string(Platform::RigSchema()));
-            return static_cast<int>(kDone);
+            return static_cast<int>(ExitDone);
         });
         m_context.AddCommand(rig, "demo", "Prints the built-in rig.", [this] {
             m_context.Print(std::string(Platform::BuiltInRig()));
-            return static_cast<int>(kDone);
+            return static_cast<int>(ExitDone);
         });
     }
 
@@ -269,7 +303,7 @@ private:
             (rig.fireWire.size() == 1 ? "1 FireWire bus" : std::to_string(rig.fireWire.size()) + " FireWire buses") +
             ", " + CountOf(rig.usb.size(), "USB host") + ", " + CountOf(rig.gigE.size(), "network interface") +
             " and a timeline of " + CountOf(plan.timeline.size(), "step") + ".\n");
-        return kDone;
+        return ExitDone;
     }
 
     int Play() {
@@ -277,21 +311,23 @@ private:
         const auto rig = std::make_shared<Platform::Rig>(std::move(plan.rig));
         rig->SetFast(m_fast);
         m_context.UseRig(rig);
-        int status = kDone;
+        int status = ExitDone;
         {
             EventQueue events;  // outlives the bus master, which calls it back
             const BusMasterSession busMaster = m_context.StartBusMaster();
             events.Register(*busMaster);
-            status = Player(m_context, m_file.value_or(kBuiltIn), plan, *rig, *busMaster, events, m_fast).Play();
+            status = Player(m_context, m_file.value_or(BuiltInName), plan, *rig, *busMaster, events, m_fast).Play();
         }
-        if (status == kDone) WarnOfFaultsLeft(*rig);
+        if (status == ExitDone) {
+            WarnOfFaultsLeft(*rig);
+        }
         return status;
     }
 
     // A fault that never happened makes a test that passes for the wrong reason.
     void WarnOfFaultsLeft(const Platform::Rig& rig) const {
         for (const Platform::RigFault& fault : rig.GetFaultsLeft()) {
-            WriteError(ForTerminal("nimbrel rig play: warning: " + m_file.value_or(kBuiltIn) + ": the fault of " +
+            WriteError(ForTerminal("nimbrel rig play: warning: " + m_file.value_or(BuiltInName) + ": the fault of " +
                                    fault.function + " did not happen: " + CountOf(fault.call, "more call") +
                                    " needed") +
                        "\n");
@@ -303,14 +339,16 @@ private:
         const RigPlan plan = Load(m_file);
         Platform::Simulated::SimulatedGigENetwork network;
         std::vector<Platform::LoopbackCamera> cameras;
-        const std::string problem = Platform::PutOnLoopback(plan.rig, kFirstLoopbackAddress, &network, &cameras);
-        if (!problem.empty()) throw CommandError(ForTerminal(problem));
+        const std::string problem = Platform::PutOnLoopback(plan.rig, FirstLoopbackAddress, &network, &cameras);
+        if (!problem.empty()) {
+            throw CommandError(ForTerminal(problem));
+        }
         m_context.GetOutput().SetInterrupt(interrupt);
         for (const Platform::LoopbackCamera& camera : cameras) {
             m_context.Print(FormatIp(UnpackIPAddress(camera.options.address)) + "  " + ForTerminal(camera.name) + "\n");
         }
         m_context.GetOutput().WaitForEnd(interrupt);
-        return kDone;
+        return ExitDone;
     }
 
     CommandContext& m_context;
@@ -324,7 +362,7 @@ void AddRigCommand(CLI::App& app, CommandContext& context) {
     const auto command = std::make_shared<RigCommand>(context);
     CLI::App* rig = app.add_subcommand("rig", "Checks and plays simulated computers.");
     rig->require_subcommand(1);
-    rig->footer(kFooter);
+    rig->footer(Footer);
     command->Declare(*rig);
     rig->callback([command] {});  // keeps it alive as long as the command line
 }

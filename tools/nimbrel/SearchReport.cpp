@@ -17,7 +17,9 @@ std::string WhatIsMissing(const GigESearchProblem& problem) {
 }
 
 std::string NextStepFor(GigESearchProblem::Kind kind) {
-    if (kind == GigESearchProblem::Kind::SourcePorts) return "give --source-port a wider range";
+    if (kind == GigESearchProblem::Kind::SourcePorts) {
+        return "give --source-port a wider range";
+    }
     return "`nimbrel doctor` finds out why";
 }
 
@@ -34,7 +36,9 @@ std::vector<std::string> DescribeProblems(const Platform::GigESearchReport& repo
 std::vector<std::string> DescribeFilters(const Platform::GigESearchReport& report) {
     std::vector<std::string> lines;
     for (const Platform::FilteredInterface& interface : report.filtered) {
-        if (!report.MayHideCameras(interface)) continue;
+        if (!report.MayHideCameras(interface)) {
+            continue;
+        }
         lines.push_back("cameras on other subnets may be hidden: the reverse path filter of " +
                         ForTerminal(interface.interfaceName) + " (rp_filter " + std::to_string(interface.rpFilter) +
                         ") drops their answers; `nimbrel doctor` explains");

@@ -23,10 +23,10 @@ using Platform::FormatIp;
 using Platform::Simulated::SimulatedCameraOptions;
 using Platform::Simulated::SimulatedGigENetwork;
 
-constexpr unsigned int kMostCameras = 4096;
-constexpr double kLongestDuration = 1e7;  // seconds, four months
+constexpr unsigned int MostCameras = 4096;
+constexpr double LongestDuration = 1e7;  // seconds, four months
 
-const char kFooter[] =
+const char Footer[] =
     R"(The cameras are discovered, read, written, controlled and given addresses like
 real ones; they do not stream images. They need no privileges on loopback, and
 root to add addresses to a network interface. The command ends on Ctrl-C,
@@ -85,7 +85,7 @@ void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
     command
         .add_option("--count", options.count, "Number of cameras (1); addresses, MACs and serial\nnumbers count up.")
         ->type_name("N")
-        ->check(Whole(1, kMostCameras, "a number from 1 to 4096"));
+        ->check(Whole(1, MostCameras, "a number from 1 to 4096"));
     CLI::Option* single = command.add_option("--address", options.address, "Address of the first camera (127.0.0.2).")
                               ->type_name("A")
                               ->check(address);
@@ -114,12 +114,12 @@ void AddText(CLI::App& command, const std::string& name, std::string& text, std:
 
 void AddTextOptions(CLI::App& command, SimulateOptions& options) {
     namespace Gvcp = Platform::Gvcp;
-    AddText(command, "--serial", options.serial, Gvcp::kSerialNumberBytes, "Serial number of the first camera (1).");
-    AddText(command, "--vendor", options.vendor, Gvcp::kManufacturerNameBytes, "Vendor name.");
-    AddText(command, "--model", options.model, Gvcp::kModelNameBytes, "Model name.");
-    AddText(command, "--name", options.name, Gvcp::kUserDefinedNameBytes, "User-defined name (none).");
-    AddText(command, "--version", options.version, Gvcp::kDeviceVersionBytes, "Device version.");
-    AddText(command, "--info", options.info, Gvcp::kManufacturerInfoBytes, "Manufacturer's information.");
+    AddText(command, "--serial", options.serial, Gvcp::SerialNumberBytes, "Serial number of the first camera (1).");
+    AddText(command, "--vendor", options.vendor, Gvcp::ManufacturerNameBytes, "Vendor name.");
+    AddText(command, "--model", options.model, Gvcp::ModelNameBytes, "Model name.");
+    AddText(command, "--name", options.name, Gvcp::UserDefinedNameBytes, "User-defined name (none).");
+    AddText(command, "--version", options.version, Gvcp::DeviceVersionBytes, "Device version.");
+    AddText(command, "--info", options.info, Gvcp::ManufacturerInfoBytes, "Manufacturer's information.");
 }
 
 void AddControlOptions(CLI::App& command, SimulateOptions& options) {
@@ -172,7 +172,7 @@ void AddFaultOptions(CLI::App& command, SimulateOptions& options) {
 void AddRunOptions(CLI::App& command, SimulateOptions& options) {
     command.add_option("--duration", options.duration, "End after this many seconds. Default: run until\nCtrl-C.")
         ->type_name("S")
-        ->check(Between(0.001, kLongestDuration, "seconds from 0.001 to 10000000"));
+        ->check(Between(0.001, LongestDuration, "seconds from 0.001 to 10000000"));
     command.add_flag("--json", options.json, "Print one JSON object per camera and line.");
 }
 
@@ -183,7 +183,9 @@ std::string Describe(const SimulatedCameraOptions& camera, const std::string& in
         std::string line = Padded(FormatIp(camera.address), 15) + "  " + FormatMac(camera.mac) + "  " +
                            Padded(interfaceName, 8) + "  serial " + camera.serialNumber + "  " + camera.vendor + " " +
                            camera.model;
-        if (!camera.userDefinedName.empty()) line += "  \"" + camera.userDefinedName + "\"";
+        if (!camera.userDefinedName.empty()) {
+            line += "  \"" + camera.userDefinedName + "\"";
+        }
         return ForTerminal(line) + "\n";
     }
     return Dump(Json{{"serial", Platform::LeadingNumber(camera.serialNumber)},
@@ -200,7 +202,9 @@ std::string Describe(const SimulatedCameraOptions& camera, const std::string& in
 
 int RunSimulation(CommandContext& context, const SimulateOptions& options) {
     const SimulationPlan plan = MakeSimulationPlan(options);
-    if (!plan.problem.empty()) throw CommandError(plan.problem, kUsage);
+    if (!plan.problem.empty()) {
+        throw CommandError(plan.problem, ExitUsage);
+    }
     const int interrupt = Interrupts::Catch(Interrupts::End::Orderly);
     context.GetOutput().SetInterrupt(interrupt);
     SimulatedGigENetwork::Options networkOptions;
@@ -211,16 +215,20 @@ int RunSimulation(CommandContext& context, const SimulateOptions& options) {
     SimulatedGigENetwork network(networkOptions);
     for (const SimulatedCameraOptions& camera : plan.cameras) {
         const auto added = network.AddCamera(camera);
-        if (!added) throw CommandError(added.reason);
+        if (!added) {
+            throw CommandError(added.reason);
+        }
         const std::string line = Describe(camera, Platform::Simulated::FindInterfaceOf(camera.address), options.json);
-        if (context.GetOutput().Write(line) != Output::Result::Written) return kDone;
+        if (context.GetOutput().Write(line) != Output::Result::Written) {
+            return ExitDone;
+        }
     }
     std::optional<std::chrono::milliseconds> time;
     if (options.duration != 0) {
         time = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(options.duration));
     }
     Output::WaitForEnd(interrupt, time);
-    return kDone;
+    return ExitDone;
 }
 
 }  // namespace
@@ -228,7 +236,7 @@ int RunSimulation(CommandContext& context, const SimulateOptions& options) {
 void AddSimulateCommand(CLI::App& app, CommandContext& context) {
     CLI::App* simulate = app.add_subcommand("simulate", "Simulates cameras on a network.");
     simulate->require_subcommand(1);
-    simulate->footer(kFooter);
+    simulate->footer(Footer);
     const auto options = std::make_shared<SimulateOptions>();
     CLI::App* gige = context.AddCommand(*simulate, "gige", "Simulates GigE cameras on a network interface.",
                                         [&context, options] { return RunSimulation(context, *options); });
@@ -238,7 +246,7 @@ void AddSimulateCommand(CLI::App& app, CommandContext& context) {
     AddTimeOptions(*gige, *options);
     AddFaultOptions(*gige, *options);
     AddRunOptions(*gige, *options);
-    gige->footer(kFooter);
+    gige->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -39,23 +39,35 @@ const char* CodeOf(Colour colour) {
 }  // namespace
 
 ColourChoice ParseColourChoice(const std::string& text) {
-    if (text == "auto") return ColourChoice::Auto;
-    if (text == "always") return ColourChoice::Always;
-    if (text == "never") return ColourChoice::Never;
-    throw CommandError("--color: \"" + text + "\" is not one of auto, always or never", kUsage);
+    if (text == "auto") {
+        return ColourChoice::Auto;
+    }
+    if (text == "always") {
+        return ColourChoice::Always;
+    }
+    if (text == "never") {
+        return ColourChoice::Never;
+    }
+    throw CommandError("--color: \"" + text + "\" is not one of auto, always or never", ExitUsage);
 }
 
 bool UsesColour(ColourChoice choice) {
-    if (choice != ColourChoice::Auto) return choice == ColourChoice::Always;
+    if (choice != ColourChoice::Auto) {
+        return choice == ColourChoice::Always;
+    }
     const char* noColor = secure_getenv("NO_COLOR");
-    if (noColor != nullptr && *noColor != '\0') return false;
+    if (noColor != nullptr && *noColor != '\0') {
+        return false;
+    }
     const char* kind = secure_getenv("TERM");
     return isatty(STDOUT_FILENO) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
 }
 
 std::string Paint(const std::string& text, Colour colour, bool enabled) {
     const char* code = CodeOf(colour);
-    if (!enabled || code == nullptr || text.empty()) return text;
+    if (!enabled || code == nullptr || text.empty()) {
+        return text;
+    }
     return std::string("\033[") + code + "m" + text + "\033[0m";
 }
 

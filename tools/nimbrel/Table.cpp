@@ -15,13 +15,15 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr std::size_t kSmallestColumn = 8;
-const std::string kGap = "  ";
+constexpr std::size_t SmallestColumn = 8;
+const std::string Gap = "  ";
 
 // A positive number in the environment; 0 when there is none.
 std::size_t ColumnsOfEnvironment() {
     const char* text = secure_getenv("COLUMNS");
-    if (text == nullptr) return 0;
+    if (text == nullptr) {
+        return 0;
+    }
     std::size_t columns = 0;
     const char* last = text + std::strlen(text);
     const auto [end, error] = std::from_chars(text, last, columns);
@@ -36,7 +38,9 @@ void Table::AddColumn(const std::string& header, Align align, Width width) {
 
 void Table::AddRow(const std::vector<Cell>& cells) {
     std::vector<Cell> shown;
-    for (const Cell& cell : cells) shown.emplace_back(ForTerminal(cell.text), cell.colour);
+    for (const Cell& cell : cells) {
+        shown.emplace_back(ForTerminal(cell.text), cell.colour);
+    }
     shown.resize(m_columns.size(), Cell(""));
     m_rows.push_back(std::move(shown));
 }
@@ -46,17 +50,23 @@ std::vector<std::size_t> Table::ColumnWidths(std::size_t width, std::size_t* tot
     *total = 0;
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         std::size_t widest = DisplayWidth(m_columns[i].header);
-        for (const auto& row : m_rows) widest = std::max(widest, DisplayWidth(row[i].text));
+        for (const auto& row : m_rows) {
+            widest = std::max(widest, DisplayWidth(row[i].text));
+        }
         widths.push_back(widest);
-        *total += widest + (i == 0 ? 0 : kGap.size());
+        *total += widest + (i == 0 ? 0 : Gap.size());
     }
     while (*total > width) {
         std::size_t* widest = nullptr;
         for (std::size_t i = 0; i < m_columns.size(); ++i) {
-            const bool canShrink = m_columns[i].width == Width::Flexible && widths[i] > kSmallestColumn;
-            if (canShrink && (widest == nullptr || widths[i] > *widest)) widest = &widths[i];
+            const bool canShrink = m_columns[i].width == Width::Flexible && widths[i] > SmallestColumn;
+            if (canShrink && (widest == nullptr || widths[i] > *widest)) {
+                widest = &widths[i];
+            }
         }
-        if (widest == nullptr) break;
+        if (widest == nullptr) {
+            break;
+        }
         --*widest;
         --*total;
     }
@@ -70,7 +80,9 @@ std::string Table::RenderLine(const std::vector<Cell>& cells, const std::vector<
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         const std::string cell = CutToWidth(cells[i].text, widths[i]);
         const std::string padding(widths[i] - DisplayWidth(cell), ' ');
-        if (i != 0) gap += kGap;
+        if (i != 0) {
+            gap += Gap;
+        }
         if (cell.empty()) {
             gap += padding;
             continue;
@@ -92,16 +104,24 @@ std::string Table::Render(std::size_t width, bool coloured) const {
     std::size_t total = 0;
     const std::vector<std::size_t> widths = ColumnWidths(width, &total);
     std::vector<Cell> headers;
-    for (const Column& column : m_columns) headers.emplace_back(column.header, Colour::Bold);
+    for (const Column& column : m_columns) {
+        headers.emplace_back(column.header, Colour::Bold);
+    }
     std::string text = RenderLine(headers, widths, coloured);
-    for (const auto& row : m_rows) text += RenderLine(row, widths, coloured);
+    for (const auto& row : m_rows) {
+        text += RenderLine(row, widths, coloured);
+    }
     return text;
 }
 
 std::size_t OutputWidth() {
-    if (const std::size_t columns = ColumnsOfEnvironment()) return columns;
+    if (const std::size_t columns = ColumnsOfEnvironment()) {
+        return columns;
+    }
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kUnlimited;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return Unlimited;
+    }
     return size.ws_col;
 }
 

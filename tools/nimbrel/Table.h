@@ -13,7 +13,7 @@
 namespace Nimbrel2::Tool {
 
 /// As many columns as a line may have when nothing limits it.
-inline constexpr std::size_t kUnlimited = static_cast<std::size_t>(-1);
+inline constexpr std::size_t Unlimited = static_cast<std::size_t>(-1);
 
 /// A text with its colour.
 struct Cell {
@@ -57,7 +57,7 @@ private:
     std::vector<std::vector<Cell>> m_rows;
 };
 
-/// Columns that standard output shows: COLUMNS of the environment, or those of its terminal; kUnlimited when it is a
+/// Columns that standard output shows: COLUMNS of the environment, or those of its terminal; Unlimited when it is a
 /// pipe or a file.
 std::size_t OutputWidth();
 

@@ -13,10 +13,10 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-constexpr char32_t kInvalid = 0xFFFFFFFF;
-constexpr char32_t kReplacement = 0xFFFD;
+constexpr char32_t Invalid = 0xFFFFFFFF;
+constexpr char32_t Replacement = 0xFFFD;
 
-// Removes one character from the front; kInvalid removes one byte. Overlong forms and surrogates are invalid.
+// Removes one character from the front; Invalid removes one byte. Overlong forms and surrogates are invalid.
 char32_t TakeCharacter(std::string_view* text) {
     const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>((*text)[i]); };
     const std::uint8_t first = byte(0);
@@ -36,16 +36,16 @@ char32_t TakeCharacter(std::string_view* text) {
         value = first & 0x1F;
         smallest = 0x80;
     } else if (first >= 0x80) {
-        value = kInvalid;
+        value = Invalid;
     }
-    for (std::size_t i = 1; i < length && value != kInvalid; ++i) {
+    for (std::size_t i = 1; i < length && value != Invalid; ++i) {
         const bool continues = i < text->size() && (byte(i) & 0xC0) == 0x80;
-        value = continues ? value << 6 | (byte(i) & 0x3F) : kInvalid;
+        value = continues ? value << 6 | (byte(i) & 0x3F) : Invalid;
     }
-    if (value != kInvalid && (value < smallest || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))) {
-        value = kInvalid;
+    if (value != Invalid && (value < smallest || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))) {
+        value = Invalid;
     }
-    text->remove_prefix(value == kInvalid ? 1 : length);
+    text->remove_prefix(value == Invalid ? 1 : length);
     return value;
 }
 
@@ -56,7 +56,9 @@ bool ChangesDirection(char32_t c) {
 
 // The character in the encoding of the locale; empty when it has none or must not be shown.
 std::string Encode(char32_t c) {
-    if (c == kInvalid || ChangesDirection(c) || wcwidth(static_cast<wchar_t>(c)) < 0) return {};
+    if (c == Invalid || ChangesDirection(c) || wcwidth(static_cast<wchar_t>(c)) < 0) {
+        return {};
+    }
     char bytes[MB_LEN_MAX];
     mbstate_t state{};
     // NOLINTNEXTLINE(concurrency-mt-unsafe): it is safe with a state of its own
@@ -66,7 +68,9 @@ std::string Encode(char32_t c) {
 
 std::string EncodeOrReplace(char32_t c) {
     std::string bytes = Encode(c);
-    if (bytes.empty()) bytes = Encode(kReplacement);
+    if (bytes.empty()) {
+        bytes = Encode(Replacement);
+    }
     return bytes.empty() ? "?" : bytes;
 }
 
@@ -105,7 +109,9 @@ std::string Trim(const std::string& text) {
 void UseLocaleOfUser() {
     // Not setlocale, which would change it for the whole process. The locale object lives as long as the program.
     static const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
-    if (locale != nullptr) uselocale(locale);
+    if (locale != nullptr) {
+        uselocale(locale);
+    }
 }
 
 std::string ForTerminal(const std::string& text, Lines lines) {
@@ -122,25 +128,31 @@ std::u32string ToCharacters(const std::string& text) {
     for (std::string_view left = text; !left.empty();) {
         const char32_t c = TakeCharacter(&left);
         const bool isControl = c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x2028 || c == 0x2029;
-        const bool isNone = c == kInvalid || (c & 0xFFFE) == 0xFFFE || (c >= 0xFDD0 && c <= 0xFDEF);
-        characters += isControl || isNone || ChangesDirection(c) ? kReplacement : c;
+        const bool isNone = c == Invalid || (c & 0xFFFE) == 0xFFFE || (c >= 0xFDD0 && c <= 0xFDEF);
+        characters += isControl || isNone || ChangesDirection(c) ? Replacement : c;
     }
     return characters;
 }
 
 std::size_t DisplayWidth(const std::string& shown) {
     std::size_t width = 0;
-    for (const Glyph& glyph : Glyphs(shown)) width += glyph.width;
+    for (const Glyph& glyph : Glyphs(shown)) {
+        width += glyph.width;
+    }
     return width;
 }
 
 std::string CutToWidth(const std::string& shown, std::size_t width) {
-    if (DisplayWidth(shown) <= width) return shown;
+    if (DisplayWidth(shown) <= width) {
+        return shown;
+    }
     const std::string dots(width < 3 ? width : 3, '.');
     std::string cut;
     std::size_t room = width - dots.size();
     for (const Glyph& glyph : Glyphs(shown)) {
-        if (glyph.width > room) break;
+        if (glyph.width > room) {
+            break;
+        }
         cut += glyph.bytes;
         room -= glyph.width;
     }

@@ -32,7 +32,9 @@ std::string CutToWidth(const std::string& shown, std::size_t width);
 template <std::size_t capacity>
 std::string FromField(const char (&field)[capacity]) {
     std::size_t length = 0;
-    while (length < capacity && field[length] != '\0') ++length;
+    while (length < capacity && field[length] != '\0') {
+        ++length;
+    }
     return std::string(field, length);
 }
 

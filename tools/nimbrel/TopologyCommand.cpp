@@ -22,7 +22,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"help(Exit status:
   0  The topology was printed, even if nothing is attached.
   1  Failed, or a bus cannot be searched (the others are shown); standard error
@@ -56,17 +56,19 @@ struct FormatName {
     Format format;
 };
 
-constexpr std::array<FormatName, 5> kFormats{
+constexpr std::array<FormatName, 5> Formats{
     {{"text", Format::Text}, {"json", Format::Json}, {"dot", Format::Dot}, {"svg", Format::Svg}, {"png", Format::Png}}};
 
 Format ParseFormat(const std::string& text) {
     std::vector<std::string> names;
-    for (const FormatName& known : kFormats) {
-        if (text == known.name) return known.format;
+    for (const FormatName& known : Formats) {
+        if (text == known.name) {
+            return known.format;
+        }
         names.emplace_back(known.name);
     }
     throw CommandError("--format: \"" + text + "\" is not one of " + Enumerate(names, "or") + DidYouMean(text, names),
-                       kUsage);
+                       ExitUsage);
 }
 
 void WriteFile(const std::string& file, const std::string& text) {
@@ -104,7 +106,9 @@ public:
         const bool healthy = m_context.CheckBuses(*busMaster);
         WarnOfUnseenFireWire(Shown::Tree);
         Topology topology = ReadTopology(*busMaster);
-        if (m_below) topology = Below(*busMaster, topology);
+        if (m_below) {
+            topology = Below(*busMaster, topology);
+        }
         const std::string text = Render(topology, format);
         if (m_file) {
             WriteFile(*m_file, text);
@@ -113,17 +117,17 @@ public:
         }
         m_context.NoteFilters("topology");
         m_context.NoteBusesWithoutDriver("topology");
-        return healthy ? kDone : kFailed;
+        return healthy ? ExitDone : ExitFailed;
     }
 
 private:
     Format ChooseFormat() const {
         const Format format = m_format.value_or(m_context.WantsJson() ? Format::Json : Format::Text);
         if (m_context.WantsJson() && format != Format::Json) {
-            throw CommandError("--json and --format cannot be combined", kUsage);
+            throw CommandError("--json and --format cannot be combined", ExitUsage);
         }
         if (format == Format::Png && !m_file && isatty(STDOUT_FILENO) == 1) {
-            throw CommandError("--format png is not text: write it to a file with --output", kUsage);
+            throw CommandError("--format png is not text: write it to a file with --output", ExitUsage);
         }
         return format;
     }
@@ -136,8 +140,9 @@ private:
             }
         }
         const TopologyView* view = FindInTree(topology.computer, camera.guid);
-        if (view == nullptr)
+        if (view == nullptr) {
             throw CommandError(camera.name + " has left meanwhile").WithHint(NextStep(HAL_GONE, camera.interfaceType));
+        }
         Topology below;
         below.computer = *view;
         return below;
@@ -176,7 +181,7 @@ void AddTopologyCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command = context.AddCommand(app, "topology", "Shows how the cameras are connected.",
                                            [topology] { return topology->Run(); });
     topology->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

@@ -15,7 +15,9 @@ using Kind = TopologyView::Kind;
 std::string Quote(const std::vector<std::string>& lines) {
     std::string quoted = "\"";
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        if (i != 0) quoted += "\\n";
+        if (i != 0) {
+            quoted += "\\n";
+        }
         for (const char32_t c : ForPicture(lines[i])) {
             if (c == U'\\' || c == U'"') {
                 quoted += std::string("\\") + static_cast<char>(c);
@@ -40,11 +42,21 @@ std::string LookOf(const TopologyView& view) {
     const std::string light = std::string("\"") + paint.light + "\"";
     const std::string colours = view.Gathers() ? "color=" + dark + " fillcolor=" + dark + " fontcolor=white"
                                                : "color=" + dark + " fontcolor=" + dark;
-    if (view.isCamera) return "class=camera style=\"rounded,filled\" penwidth=2 " + colours + " fillcolor=" + light;
-    if (view.kind == Kind::Computer) return "class=computer shape=box3d style=filled " + colours + " color=\"#94a3b8\"";
-    if (view.kind == Kind::Interface) return "class=interface style=filled " + colours;
-    if (view.kind == Kind::Bus) return "class=bus style=filled " + colours;
-    if (view.children.empty() && !view.isHub) return "class=device style=dashed " + colours;
+    if (view.isCamera) {
+        return "class=camera style=\"rounded,filled\" penwidth=2 " + colours + " fillcolor=" + light;
+    }
+    if (view.kind == Kind::Computer) {
+        return "class=computer shape=box3d style=filled " + colours + " color=\"#94a3b8\"";
+    }
+    if (view.kind == Kind::Interface) {
+        return "class=interface style=filled " + colours;
+    }
+    if (view.kind == Kind::Bus) {
+        return "class=bus style=filled " + colours;
+    }
+    if (view.children.empty() && !view.isHub) {
+        return "class=device style=dashed " + colours;
+    }
     return "class=hub shape=octagon margin=\"0.05,0.02\" style=filled fillcolor=white " + colours;
 }
 
@@ -59,7 +71,9 @@ public:
             m_text.append("    ").append(name).append(" -> ").append(childName);
             m_text.append(" [color=\"").append(PaintOf(child.interfaceType).dark).append("\"");
             const std::vector<std::string> label = CableLabelOf(child);
-            if (!label.empty()) m_text += " label=" + Quote(label);
+            if (!label.empty()) {
+                m_text += " label=" + Quote(label);
+            }
             m_text += "];\n";
         }
         return name;
@@ -95,8 +109,12 @@ private:
 std::string TopologyAsDot(const Topology& topology) {
     GraphWriter writer;
     writer.Add(WithInterfaces(topology.computer));
-    for (const UnplacedCamera& unplaced : topology.unplaced) writer.Add(unplaced);
-    for (const std::string& sentence : topology.cut) writer.Add(sentence);
+    for (const UnplacedCamera& unplaced : topology.unplaced) {
+        writer.Add(unplaced);
+    }
+    for (const std::string& sentence : topology.cut) {
+        writer.Add(sentence);
+    }
     return writer.Finish();
 }
 

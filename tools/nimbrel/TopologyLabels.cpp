@@ -10,7 +10,7 @@ namespace Nimbrel2::Tool {
 namespace {
 
 // Longer texts would make one node as wide as the rest of the picture.
-constexpr std::size_t kLongestLine = 40;
+constexpr std::size_t LongestLine = 40;
 
 }  // namespace
 
@@ -18,9 +18,13 @@ std::vector<std::string> LabelOf(const TopologyView& view) {
     std::vector<std::string> lines{view.GetName()};
     if (view.camera) {
         lines.push_back("serial " + std::to_string(view.camera->serialNumber));
-        if (view.camera->IsGigE()) lines.push_back(FormatIp(view.camera->ip));
+        if (view.camera->IsGigE()) {
+            lines.push_back(FormatIp(view.camera->ip));
+        }
         const bool standsAlone = view.kind == TopologyView::Kind::Camera && !view.camera->IsGigE();
-        if (standsAlone && !view.camera->location.empty()) lines.push_back(view.camera->location);
+        if (standsAlone && !view.camera->location.empty()) {
+            lines.push_back(view.camera->location);
+        }
     }
     if (view.kind == TopologyView::Kind::Interface && view.link) {
         lines.push_back((view.link->speed != 0 ? FormatSpeed(view.link->speed) + ", " : "") + DescribeLink(*view.link));
@@ -29,23 +33,34 @@ std::vector<std::string> LabelOf(const TopologyView& view) {
         lines.push_back(std::to_string(view.CountFreeSockets()) + " of " + CountOf(view.CountSockets(), "port") +
                         " free");
     }
-    for (const std::string& line : DescribePlaces(view)) lines.push_back(line);
-    if (view.Gathers()) lines.push_back(CountOf(view.CountCameras(), "camera"));
+    for (const std::string& line : DescribePlaces(view)) {
+        lines.push_back(line);
+    }
+    if (view.Gathers()) {
+        lines.push_back(CountOf(view.CountCameras(), "camera"));
+    }
     return lines;
 }
 
 std::vector<std::string> CableLabelOf(const TopologyView& view) {
     std::vector<std::string> lines;
-    if (view.portAbove) lines.push_back("port " + std::to_string(*view.portAbove));
-    if (view.speed != 0 && !view.Gathers() && !view.isBusRoot) lines.push_back(FormatSpeed(view.speed));
+    if (view.portAbove) {
+        lines.push_back("port " + std::to_string(*view.portAbove));
+    }
+    if (view.speed != 0 && !view.Gathers() && !view.isBusRoot) {
+        lines.push_back(FormatSpeed(view.speed));
+    }
     return lines;
 }
 
 std::vector<std::string> DescribePlaces(const TopologyView& view) {
-    if (view.places < 2) return {};
+    if (view.places < 2) {
+        return {};
+    }
     std::vector<std::string> lines{"shown at " + CountOf(view.places, "place")};
-    if (!view.truePath.empty())
+    if (!view.truePath.empty()) {
         lines.push_back(view.isTruePlace ? "this is the true one" : "really at port " + view.truePath);
+    }
     return lines;
 }
 
@@ -76,7 +91,7 @@ BusPaint PaintOf(InterfaceType type) {
 
 std::u32string ForPicture(const std::string& text) {
     const std::u32string characters = ToCharacters(text);
-    return characters.size() <= kLongestLine ? characters : characters.substr(0, kLongestLine - 3) + U"...";
+    return characters.size() <= LongestLine ? characters : characters.substr(0, LongestLine - 3) + U"...";
 }
 
 }  // namespace Nimbrel2::Tool

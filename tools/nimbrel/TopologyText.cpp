@@ -16,10 +16,10 @@ namespace Nimbrel2::Tool {
 namespace {
 
 // A name keeps this many columns, whatever the depth.
-constexpr std::size_t kShortestName = 24;
-constexpr std::size_t kBranchWidth = 3;
-constexpr std::size_t kLeastDepth = 4;
-const std::string kGap = "  ";
+constexpr std::size_t ShortestName = 24;
+constexpr std::size_t BranchWidth = 3;
+constexpr std::size_t LeastDepth = 4;
+const std::string Gap = "  ";
 
 // What the branches are drawn with, each three columns wide.
 struct Branches {
@@ -48,22 +48,30 @@ struct Line {
 
 std::string Join(const std::vector<std::string>& words) {
     std::string text;
-    for (const std::string& word : words) text += (text.empty() || word.empty() ? "" : "; ") + word;
+    for (const std::string& word : words) {
+        text += (text.empty() || word.empty() ? "" : "; ") + word;
+    }
     return text;
 }
 
 std::string Details(const TopologyView& view) {
     std::vector<std::string> words;
-    if (view.camera && view.camera->IsGigE()) words.push_back(FormatIp(view.camera->ip));
+    if (view.camera && view.camera->IsGigE()) {
+        words.push_back(FormatIp(view.camera->ip));
+    }
     if (view.camera && view.kind == TopologyView::Kind::Camera && !view.camera->IsGigE()) {
         words.push_back(view.camera->location);
     }
-    if (view.kind == TopologyView::Kind::Interface && view.link) words.push_back(DescribeLink(*view.link));
+    if (view.kind == TopologyView::Kind::Interface && view.link) {
+        words.push_back(DescribeLink(*view.link));
+    }
     const unsigned int sockets = view.CountSockets();
     if (sockets > 1) {  // one port is the one that leads to the node above
         words.push_back(std::to_string(sockets) + " ports, " + std::to_string(view.CountFreeSockets()) + " free");
     }
-    for (const std::string& word : DescribePlaces(view)) words.push_back(word);
+    for (const std::string& word : DescribePlaces(view)) {
+        words.push_back(word);
+    }
     return ForTerminal(Join(words));
 }
 
@@ -73,8 +81,12 @@ Line LineOf(const TopologyView& view) {
     line.colour = view.kind == TopologyView::Kind::Computer ? Colour::Bold
                   : view.isCamera || view.Gathers()         ? ColourOf(view.interfaceType)
                                                             : Colour::None;
-    if (view.camera) line.serial = std::to_string(view.camera->serialNumber);
-    if (view.speed != 0) line.speed = FormatSpeed(view.speed);
+    if (view.camera) {
+        line.serial = std::to_string(view.camera->serialNumber);
+    }
+    if (view.speed != 0) {
+        line.speed = FormatSpeed(view.speed);
+    }
     line.details = Details(view);
     return line;
 }
@@ -110,7 +122,9 @@ private:
         m_serialWidth = std::max(m_serialWidth, WidthOf(line.serial, "SERIAL"));
         m_speedWidth = std::max(m_speedWidth, WidthOf(line.speed, "SPEED"));
         m_detailsWidth = std::max(m_detailsWidth, DisplayWidth(line.details));
-        for (const TopologyView& child : view.children) Measure(child);
+        for (const TopologyView& child : view.children) {
+            Measure(child);
+        }
     }
 
     // An empty column has no header either.
@@ -119,14 +133,16 @@ private:
     }
 
     std::size_t RoomForTree() const {
-        const std::size_t taken = m_serialWidth + m_speedWidth + m_detailsWidth + 3 * kGap.size();
-        return m_width == kUnlimited ? kUnlimited : m_width - std::min(m_width, taken);
+        const std::size_t taken = m_serialWidth + m_speedWidth + m_detailsWidth + 3 * Gap.size();
+        return m_width == Unlimited ? Unlimited : m_width - std::min(m_width, taken);
     }
 
     std::size_t DeepestLevel() const {
         const std::size_t room = RoomForTree();
-        if (room == kUnlimited) return kUnlimited;
-        return std::max(kLeastDepth, (room - std::min(room, kShortestName)) / kBranchWidth);
+        if (room == Unlimited) {
+            return Unlimited;
+        }
+        return std::max(LeastDepth, (room - std::min(room, ShortestName)) / BranchWidth);
     }
 
     void Add(const TopologyView& view, const std::string& branches, const std::string& branchesBelow,
@@ -151,22 +167,23 @@ private:
         std::size_t tree = 0;
         for (Line& line : m_lines) {
             const std::size_t branches = DisplayWidth(line.branches);
-            if (room != kUnlimited)
-                line.name = CutToWidth(line.name, std::max(kShortestName, room - std::min(room, branches)));
+            if (room != Unlimited) {
+                line.name = CutToWidth(line.name, std::max(ShortestName, room - std::min(room, branches)));
+            }
             tree = std::max(tree, line.TreeWidth());
         }
         std::string text;
         for (const Line& line : m_lines) {
             std::string row = line.branches + Paint(line.name, line.colour, m_coloured);
-            std::string gap = std::string(tree - line.TreeWidth(), ' ') + kGap;
+            std::string gap = std::string(tree - line.TreeWidth(), ' ') + Gap;
             const auto add = [&row, &gap](const std::string& cell, std::size_t width, bool right) {
                 const std::string padding(width - std::min(width, DisplayWidth(cell)), ' ');
                 if (cell.empty()) {
-                    gap += padding + kGap;
+                    gap += padding + Gap;
                     return;
                 }
                 row += gap + (right ? padding : "") + cell;
-                gap = (right ? "" : padding) + kGap;
+                gap = (right ? "" : padding) + Gap;
             };
             add(line.serial, m_serialWidth, true);
             add(line.speed, m_speedWidth, true);
@@ -193,7 +210,9 @@ private:
 std::string TopologyAsText(const Topology& topology, std::size_t width, bool coloured) {
     const TopologyView drawn = WithInterfaces(topology.computer);
     std::string text = TreeWriter(width, coloured).Write(drawn);
-    if (!topology.unplaced.empty()) text += "\nNot in the tree:\n";
+    if (!topology.unplaced.empty()) {
+        text += "\nNot in the tree:\n";
+    }
     for (const UnplacedCamera& unplaced : topology.unplaced) {
         const Camera& camera = unplaced.camera;
         const std::string where = DescribeLocation(camera);
@@ -201,7 +220,9 @@ std::string TopologyAsText(const Topology& topology, std::size_t width, bool col
                 ForTerminal(camera.vendor + " " + camera.model) + (where.empty() ? "" : ", " + ForTerminal(where)) +
                 ": " + unplaced.reason + "\n";
     }
-    for (const std::string& sentence : topology.cut) text += "\n" + sentence + "\n";
+    for (const std::string& sentence : topology.cut) {
+        text += "\n" + sentence + "\n";
+    }
     return text;
 }
 

@@ -17,9 +17,9 @@ using Node = TopologyNode;
 using Kind = TopologyView::Kind;
 
 // What a host controller is called in the tree.
-constexpr int kUsbHostId = 63;
+constexpr int UsbHostId = 63;
 // The tree of a host shows what is behind at most so many hubs.
-constexpr unsigned int kDeepestHubs = 4;
+constexpr unsigned int DeepestHubs = 4;
 
 Kind KindOf(Node::NodeType type) {
     switch (type) {
@@ -38,7 +38,9 @@ Kind KindOf(Node::NodeType type) {
 class ViewMaker {
 public:
     ViewMaker(BusMaster& busMaster, std::vector<Camera> cameras) : m_busMaster(busMaster) {
-        for (Camera& camera : cameras) m_cameras.push_back({std::move(camera), false});
+        for (Camera& camera : cameras) {
+            m_cameras.push_back({std::move(camera), false});
+        }
     }
 
     TopologyView Make(const Node& node, const TopologyView* above = nullptr) {
@@ -48,18 +50,28 @@ public:
         view.id = node.GetDeviceId();
         view.guid = node.GetGuid();
         view.isBusRoot = view.kind == Kind::Device && above != nullptr && above->kind == Kind::Bus;
-        for (unsigned int i = 0; i < node.GetNumPorts(); ++i) view.ports.push_back(node.GetPortType(i));
+        for (unsigned int i = 0; i < node.GetNumPorts(); ++i) {
+            view.ports.push_back(node.GetPortType(i));
+        }
         view.isCamera = view.kind == Kind::Camera || !(view.guid == ZevoGuid{});
-        if (view.isCamera) AddCamera(&view);
-        for (unsigned int i = 0; i < node.GetNumChildren(); ++i) view.children.push_back(Make(node.GetChild(i), &view));
-        if (view.kind == Kind::Device && view.interfaceType == INTERFACE_IEEE1394) NumberPorts(&view);
+        if (view.isCamera) {
+            AddCamera(&view);
+        }
+        for (unsigned int i = 0; i < node.GetNumChildren(); ++i) {
+            view.children.push_back(Make(node.GetChild(i), &view));
+        }
+        if (view.kind == Kind::Device && view.interfaceType == INTERFACE_IEEE1394) {
+            NumberPorts(&view);
+        }
         return view;
     }
 
     std::vector<UnplacedCamera> GetUnplaced() const {
         std::vector<UnplacedCamera> unplaced;
         for (const Known& known : m_cameras) {
-            if (!known.placed) unplaced.push_back({known.camera, ReasonFor(known.camera)});
+            if (!known.placed) {
+                unplaced.push_back({known.camera, ReasonFor(known.camera)});
+            }
         }
         return unplaced;
     }
@@ -73,7 +85,9 @@ private:
     // Cameras that share a guid are taken in the order of the list, which is that of the tree.
     void AddCamera(TopologyView* view) {
         for (Known& known : m_cameras) {
-            if (known.placed || !(known.camera.guid == view->guid)) continue;
+            if (known.placed || !(known.camera.guid == view->guid)) {
+                continue;
+            }
             known.placed = true;
             view->camera = known.camera;
             view->speed = known.camera.speed;
@@ -86,7 +100,9 @@ private:
         auto child = view->children.begin();
         const std::size_t firstSocket = view->isBusRoot ? 1 : 0;
         for (std::size_t i = firstSocket; i < view->ports.size() && child != view->children.end(); ++i) {
-            if (view->ports[i] != Node::PORT_TO_CHILD) continue;
+            if (view->ports[i] != Node::PORT_TO_CHILD) {
+                continue;
+            }
             child->portAbove = static_cast<unsigned int>(i - firstSocket);
             ++child;
         }
@@ -94,7 +110,7 @@ private:
 
     std::string ReasonFor(const Camera& camera) const {
         unsigned int link = 0;
-        if (m_busMaster.GetUsbLinkInfo(camera.guid, &link) == ERROR_OK && (link & 0xFF) > kDeepestHubs) {
+        if (m_busMaster.GetUsbLinkInfo(camera.guid, &link) == ERROR_OK && (link & 0xFF) > DeepestHubs) {
             return "it is more than four hubs deep";
         }
         if (camera.interfaceType == INTERFACE_IEEE1394 && camera.location.empty()) {
@@ -113,14 +129,18 @@ using DevicePlaces = std::map<int, std::vector<TopologyView*>>;
 
 void CollectPlaces(TopologyView* view, DevicePlaces* places) {
     (*places)[view->id].push_back(view);
-    for (TopologyView& child : view->children) CollectPlaces(&child, places);
+    for (TopologyView& child : view->children) {
+        CollectPlaces(&child, places);
+    }
 }
 
 void MarkPlaces(TopologyView* root) {
     DevicePlaces places;
     CollectPlaces(root, &places);
     for (auto& [id, views] : places) {
-        for (TopologyView* view : views) view->places = static_cast<unsigned int>(views.size());
+        for (TopologyView* view : views) {
+            view->places = static_cast<unsigned int>(views.size());
+        }
     }
 }
 
@@ -128,11 +148,15 @@ void MarkPlaces(TopologyView* root) {
 
 void AddLinks(TopologyView* bus, const std::vector<Platform::BusMap>& maps) {
     for (TopologyView& view : bus->children) {
-        if (!view.camera) continue;
+        if (!view.camera) {
+            continue;
+        }
         for (const Platform::BusMap& map : maps) {
             const bool isThere = std::any_of(map.nodes.begin(), map.nodes.end(),
                                              [&](const auto& node) { return IsNodeOf(map, node, *view.camera); });
-            if (!isThere || map.bus != HAL_INTERFACE_GIGE) continue;
+            if (!isThere || map.bus != HAL_INTERFACE_GIGE) {
+                continue;
+            }
             view.link = NetworkLink{map.name, map.hasLink, map.linkSpeed};
             break;
         }
@@ -141,8 +165,12 @@ void AddLinks(TopologyView* bus, const std::vector<Platform::BusMap>& maps) {
 
 std::string NameOfDevice(const TopologyView& view) {
     if (view.interfaceType != INTERFACE_IEEE1394) {
-        if (view.id == kUsbHostId) return "USB host" + (view.busName.empty() ? "" : " " + view.busName);
-        if (!view.name.empty()) return view.name;
+        if (view.id == UsbHostId) {
+            return "USB host" + (view.busName.empty() ? "" : " " + view.busName);
+        }
+        if (!view.name.empty()) {
+            return view.name;
+        }
         return view.isHub || !view.children.empty() ? "Hub" : "Device";
     }
     const std::string phy = "PHY " + std::to_string(view.id);
@@ -155,7 +183,9 @@ std::string NameOfDevice(const TopologyView& view) {
 std::string TopologyView::GetName() const {
     if (isCamera) {
         const std::string bus = busName.empty() ? "" : busName + ": ";
-        if (!camera || (camera->vendor.empty() && camera->model.empty())) return bus + "Camera";
+        if (!camera || (camera->vendor.empty() && camera->model.empty())) {
+            return bus + "Camera";
+        }
         return bus + camera->vendor + (camera->vendor.empty() || camera->model.empty() ? "" : " ") + camera->model;
     }
     switch (kind) {
@@ -173,7 +203,9 @@ std::string TopologyView::GetName() const {
 }
 
 unsigned int TopologyView::CountSockets() const {
-    if (kind != Kind::Device || interfaceType != INTERFACE_IEEE1394) return 0;
+    if (kind != Kind::Device || interfaceType != INTERFACE_IEEE1394) {
+        return 0;
+    }
     return static_cast<unsigned int>(ports.size()) - (isBusRoot && !ports.empty() ? 1 : 0);
 }
 
@@ -183,7 +215,9 @@ unsigned int TopologyView::CountFreeSockets() const {
 
 unsigned int TopologyView::CountCameras() const {
     unsigned int count = isCamera ? 1 : 0;
-    for (const TopologyView& child : children) count += child.CountCameras();
+    for (const TopologyView& child : children) {
+        count += child.CountCameras();
+    }
     return count;
 }
 
@@ -192,7 +226,9 @@ Topology ReadTopology(BusMaster& busMaster) {
     const std::vector<Platform::BusMap> maps = ReadBusMaps();
     for (Camera& camera : cameras) {
         unsigned int speed = 0;
-        if (busMaster.GetLinkSpeed(camera.guid, &speed) == ERROR_OK) camera.speed = speed;
+        if (busMaster.GetLinkSpeed(camera.guid, &speed) == ERROR_OK) {
+            camera.speed = speed;
+        }
     }
     AddLocations(maps, &cameras);
     Topology topology;
@@ -202,11 +238,17 @@ Topology ReadTopology(BusMaster& busMaster) {
     Check(busMaster.GetTopology(&tree), "the topology cannot be read");
     topology.computer = maker.Make(tree);
     for (TopologyView& bus : topology.computer.children) {
-        if (bus.interfaceType == INTERFACE_GIGE) AddLinks(&bus, maps);
+        if (bus.interfaceType == INTERFACE_GIGE) {
+            AddLinks(&bus, maps);
+        }
         const bool hasTrees = bus.interfaceType == INTERFACE_IEEE1394 || bus.interfaceType == INTERFACE_USB_3;
-        if (!hasTrees) continue;
+        if (!hasTrees) {
+            continue;
+        }
         for (TopologyView& root : bus.children) {
-            if (root.kind == Kind::Device) MarkPlaces(&root);
+            if (root.kind == Kind::Device) {
+                MarkPlaces(&root);
+            }
         }
         AddMaps(maps, &bus);
     }
@@ -217,7 +259,9 @@ Topology ReadTopology(BusMaster& busMaster) {
 TopologyView WithInterfaces(const TopologyView& computer) {
     TopologyView drawn = computer;
     for (TopologyView& bus : drawn.children) {
-        if (bus.interfaceType != INTERFACE_GIGE) continue;
+        if (bus.interfaceType != INTERFACE_GIGE) {
+            continue;
+        }
         std::vector<TopologyView> below;
         for (TopologyView& camera : bus.children) {
             if (!camera.link) {
@@ -244,9 +288,13 @@ TopologyView WithInterfaces(const TopologyView& computer) {
 }
 
 const TopologyView* FindInTree(const TopologyView& view, const ZevoGuid& guid) {
-    if (view.isCamera && view.guid == guid) return &view;
+    if (view.isCamera && view.guid == guid) {
+        return &view;
+    }
     for (const TopologyView& child : view.children) {
-        if (const TopologyView* found = FindInTree(child, guid)) return found;
+        if (const TopologyView* found = FindInTree(child, guid)) {
+            return found;
+        }
     }
     return nullptr;
 }

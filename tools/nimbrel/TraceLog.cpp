@@ -25,7 +25,7 @@ namespace Nimbrel2::Tool::TraceLog {
 namespace {
 
 // What a pipe takes whole or not at all.
-constexpr std::size_t kLongestLine = PIPE_BUF;
+constexpr std::size_t LongestLine = PIPE_BUF;
 
 struct Target {
     std::atomic<int> fd{-1};
@@ -60,13 +60,15 @@ public:
     // False when the reader has no room for it now.
     bool WriteTo(int fd) {
         pollfd room{fd, POLLOUT, 0};
-        if (poll(&room, 1, 0) != 1 || (room.revents & POLLOUT) == 0) return false;
+        if (poll(&room, 1, 0) != 1 || (room.revents & POLLOUT) == 0) {
+            return false;
+        }
         m_text[m_length] = '\n';
         return write(fd, m_text, m_length + 1) >= 0;
     }
 
 private:
-    char m_text[kLongestLine];
+    char m_text[LongestLine];
     std::size_t m_length = 0;
 };
 
@@ -81,20 +83,26 @@ void Emit(Target& target, const char* text) {
     if (const unsigned int left = target.left.exchange(0); left != 0) {
         char said[64];
         std::snprintf(said, sizeof said, "(%u lines left out: nobody read them in time)", left);
-        if (!Say(fd, said)) target.left += left;
+        if (!Say(fd, said)) {
+            target.left += left;
+        }
     }
-    if (target.left != 0 || !Say(fd, text)) ++target.left;
+    if (target.left != 0 || !Say(fd, text)) {
+        ++target.left;
+    }
 }
 
 void OnTrace(const std::string& text) {
     const int savedErrno = errno;
     const std::string_view whole(text);
-    char line[kLongestLine];
+    char line[LongestLine];
     const std::size_t length = std::min(whole.find_last_not_of('\n') + 1, sizeof line - 1);
     std::copy_n(whole.data(), length, line);
     line[length] = '\0';
     for (Target* target : {&g_standardError, &g_file}) {
-        if (target->fd >= 0) Emit(*target, line);
+        if (target->fd >= 0) {
+            Emit(*target, line);
+        }
     }
     errno = savedErrno;
 }

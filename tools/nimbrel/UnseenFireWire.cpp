@@ -13,7 +13,9 @@ std::vector<std::string> DescribeUnseenFireWire(const Platform::FireWireDiagnosi
     std::vector<std::string> sentences;
     for (const Platform::FireWireBusDiagnosis& bus : diagnosis.buses) {
         const bool isSeen = shown == Shown::Resets ? bus.seesResets : bus.treeError == 0;
-        if (isSeen) continue;
+        if (isSeen) {
+            continue;
+        }
         sentences.push_back("IEEE 1394, " + Doctor::BusText(bus) +
                             (shown == Shown::Resets
                                  ? ": its resets cannot be seen, and departures only two seconds late"
@@ -25,7 +27,9 @@ std::vector<std::string> DescribeUnseenFireWire(const Platform::FireWireDiagnosi
 
 void WarnOfUnseenFireWire(Shown shown) {
     Platform::FireWireDiagnosis diagnosis;
-    if (Platform::DiagnoseFireWire(false, &diagnosis) != HAL_OK) return;
+    if (Platform::DiagnoseFireWire(false, &diagnosis) != HAL_OK) {
+        return;
+    }
     for (const std::string& sentence : DescribeUnseenFireWire(diagnosis, shown)) {
         WriteError("nimbrel: " + ForTerminal(sentence) + "\n");
     }

@@ -15,7 +15,9 @@ std::string Quoted(const std::string& word) { return "'" + word + "'"; }
 std::vector<std::string> OptionsOf(const CLI::App& command) {
     std::vector<std::string> names;
     for (const CLI::Option* option : command.get_options()) {
-        for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
     }
     return names;
 }
@@ -25,7 +27,9 @@ std::string UnknownOption(const CLI::App& command, const std::string& word) {
     const bool isTop = command.get_parent() == nullptr;
     const std::string text = "unknown option " + name;
     const std::string meant = DidYouMean(name, OptionsOf(command));
-    if (!meant.empty() || !isTop) return text + meant;
+    if (!meant.empty() || !isTop) {
+        return text + meant;
+    }
     for (const CLI::App* below : command.get_subcommands({})) {
         const std::vector<std::string> options = OptionsOf(*below);
         if (std::find(options.begin(), options.end(), name) != options.end()) {
@@ -39,7 +43,9 @@ std::string UnknownOption(const CLI::App& command, const std::string& word) {
 
 const CLI::App& ChosenCommand(const CLI::App& app) {
     const CLI::App* command = &app;
-    while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+    }
     return *command;
 }
 
@@ -50,7 +56,9 @@ std::string CommandName(const CLI::App& app) {
 
 std::vector<std::string> CommandsOf(const CLI::App& command) {
     std::vector<std::string> names;
-    for (const CLI::App* below : command.get_subcommands({})) names.push_back(below->get_name());
+    for (const CLI::App* below : command.get_subcommands({})) {
+        names.push_back(below->get_name());
+    }
     return names;
 }
 
@@ -71,11 +79,17 @@ std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error
         const std::vector<std::string> left = command->remaining();
         if (!left.empty() && (isUnexpected || hasCommands)) {
             const std::string& word = left.front();
-            if (word.size() > 1 && word.front() == '-') return UnknownOption(*command, word);
+            if (word.size() > 1 && word.front() == '-') {
+                return UnknownOption(*command, word);
+            }
             return hasCommands ? UnknownCommand(*command, word) : "unexpected word " + Quoted(word);
         }
-        if (!command->get_subcommands().empty()) continue;
-        if (hasCommands && isMissing) return "a command is missing: " + Enumerate(CommandsOf(*command), "or");
+        if (!command->get_subcommands().empty()) {
+            continue;
+        }
+        if (hasCommands && isMissing) {
+            return "a command is missing: " + Enumerate(CommandsOf(*command), "or");
+        }
         return error.what();
     }
 }

@@ -9,7 +9,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"(Shows how fast the link is now, which port of its hub (or of the computer) the
 camera is plugged into, and how many hubs are between camera and computer. A
 camera that is slower than it should be has a slow port or hub above it, or a
@@ -35,7 +35,9 @@ std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool a
     CheckFor(camera, busMaster.GetUsbLinkInfo(camera.guid, &value), "has a link that cannot be read");
     const UsbLink link = DecodeUsbLink(value);
     unsigned int speed = 0;  // exact, where the word above has units of 10 Mbit/s
-    if (busMaster.GetLinkSpeed(camera.guid, &speed) != ERROR_OK) speed = link.speed * 10;
+    if (busMaster.GetLinkSpeed(camera.guid, &speed) != ERROR_OK) {
+        speed = link.speed * 10;
+    }
     if (asJson) {
         return Dump({{"ok", true}, {"value", value}, {"speed", speed}, {"port", link.port}, {"hubs", link.hubs}});
     }
@@ -48,7 +50,7 @@ std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool a
 
 void AddUsbLinkCommand(CLI::App& app, CommandContext& context) {
     AddCameraCommand(app, context,
-                     {"usb-link", "Shows how a USB camera is connected.", kFooter, Scope::Usb, DescribeLink});
+                     {"usb-link", "Shows how a USB camera is connected.", Footer, Scope::Usb, DescribeLink});
 }
 
 }  // namespace Nimbrel2::Tool

@@ -11,7 +11,7 @@
 namespace Nimbrel2::Tool {
 namespace {
 
-const char kFooter[] =
+const char Footer[] =
     R"(Shows the status of the port as its hub reports it: wPortStatus and wPortChange,
 the changes that the kernel has not yet acknowledged. The bits are those of USB
 3.2, 10.16.2.6, for a USB 3 camera and of USB 2.0, 11.24.2.7, for a USB 2
@@ -44,7 +44,9 @@ std::string DescribePort(BusMaster& busMaster, const FoundCamera& camera, bool a
     const UsbPort port = DecodeUsbPort(value, camera.interfaceType == INTERFACE_USB_3);
     if (asJson) {
         Json json{{"ok", true}, {"value", value}, {"status", port.status}, {"change", port.changed}};
-        if (!port.linkState.empty()) json["link_state"] = port.linkState;
+        if (!port.linkState.empty()) {
+            json["link_state"] = port.linkState;
+        }
         return Dump(json);
     }
     return Line("status", value & 0xFFFF, Enumerate(port.status)) +
@@ -56,7 +58,7 @@ std::string DescribePort(BusMaster& busMaster, const FoundCamera& camera, bool a
 
 void AddUsbPortCommand(CLI::App& app, CommandContext& context) {
     AddCameraCommand(app, context,
-                     {"usb-port", "Shows the status of the port of a USB camera.", kFooter, Scope::Usb, DescribePort});
+                     {"usb-port", "Shows the status of the port of a USB camera.", Footer, Scope::Usb, DescribePort});
 }
 
 }  // namespace Nimbrel2::Tool

@@ -14,10 +14,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::uint16_t kFirstFreePort = 1024;  // those below are for administrators
+constexpr std::uint16_t FirstFreePort = 1024;  // those below are for administrators
 
 CommandError Refusal(const std::string& option, const std::string& text, const std::string& wanted) {
-    return CommandError(option + ": \"" + text + "\" is not " + wanted, kUsage);
+    return CommandError(option + ": \"" + text + "\" is not " + wanted, ExitUsage);
 }
 
 // Digits only: from_chars takes a minus sign for what it is, even before an unsigned number's digits.
@@ -25,17 +25,23 @@ template <class Number>
 std::optional<Number> WholeNumber(const std::string& text, int base = 10) {
     Number number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    if (error != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
     return number;
 }
 
 // Digits and a point only: no sign, no exponent, no infinity.
 std::optional<double> DecimalNumber(const std::string& text) {
     const bool hasDigits = text.find_first_of("0123456789") != std::string::npos;
-    if (!hasDigits || text.find_first_not_of("0123456789.") != std::string::npos) return std::nullopt;
+    if (!hasDigits || text.find_first_not_of("0123456789.") != std::string::npos) {
+        return std::nullopt;
+    }
     double number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    if (error != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
     return number;
 }
 
@@ -55,7 +61,9 @@ milliseconds ParseSeconds(const std::string& option, const std::string& text, mi
 
 std::uint64_t ParseCount(const std::string& option, const std::string& text) {
     const auto count = WholeNumber<std::uint64_t>(text);
-    if (!count || *count == 0) throw Refusal(option, text, "a whole number from 1 up");
+    if (!count || *count == 0) {
+        throw Refusal(option, text, "a whole number from 1 up");
+    }
     return *count;
 }
 
@@ -73,14 +81,14 @@ Platform::PortRange ParsePortRange(const std::string& option, const std::string&
     const std::size_t dash = text.find('-');
     const auto first = WholeNumber<std::uint16_t>(text.substr(0, dash));
     const auto last = dash == std::string::npos ? std::nullopt : WholeNumber<std::uint16_t>(text.substr(dash + 1));
-    if (!first || !last || *first < kFirstFreePort || *last < *first) {
+    if (!first || !last || *first < FirstFreePort || *last < *first) {
         throw Refusal(option, text, "two UDP ports from 1024 to 65535, the lower one first, such as 50000-50063");
     }
-    if (const unsigned int count = *last - *first + 1u; count <= Platform::kSourcePortsBesideCameras) {
+    if (const unsigned int count = *last - *first + 1u; count <= Platform::SourcePortsBesideCameras) {
         throw CommandError(option + ": \"" + text + "\" has " + std::to_string(count) +
                                (count == 1 ? " port" : " ports") + "; each network interface needs " +
-                               std::to_string(Platform::kSourcePortsBesideCameras) + ", and 1 for each of its cameras",
-                           kUsage);
+                               std::to_string(Platform::SourcePortsBesideCameras) + ", and 1 for each of its cameras",
+                           ExitUsage);
     }
     return {*first, *last};
 }
@@ -89,8 +97,12 @@ std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const s
     std::vector<std::uint32_t> serials;
     for (const std::string& word : SplitAtCommas(text)) {
         const auto serial = WholeNumber<std::uint32_t>(word);
-        if (!serial) throw Refusal(option, word, "a serial number, which is a number from 0 to 4294967295");
-        if (std::find(serials.begin(), serials.end(), *serial) == serials.end()) serials.push_back(*serial);
+        if (!serial) {
+            throw Refusal(option, word, "a serial number, which is a number from 0 to 4294967295");
+        }
+        if (std::find(serials.begin(), serials.end(), *serial) == serials.end()) {
+            serials.push_back(*serial);
+        }
     }
     return serials;
 }
@@ -103,7 +115,9 @@ std::string FormatSeconds(milliseconds time) {
 }
 
 std::string FormatSpeed(std::uint32_t megabits) {
-    if (megabits < 1000) return std::to_string(megabits) + " Mbit/s";
+    if (megabits < 1000) {
+        return std::to_string(megabits) + " Mbit/s";
+    }
     std::string text = std::to_string(megabits / 1000);
     std::string decimals = std::to_string(1000 + megabits % 1000).substr(1);
     decimals.erase(decimals.find_last_not_of('0') + 1);

@@ -25,9 +25,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kLongestDuration = std::chrono::hours(24 * 365);
+constexpr milliseconds LongestDuration = std::chrono::hours(24 * 365);
 
-const char kFooter[] =
+const char Footer[] =
     R"(Prints one line per event. Ends after --count events, after --duration, on
 Ctrl-C, SIGTERM or SIGHUP, or when its reader goes away. A line on standard
 error says when watching begins. Events of the same instant come in no
@@ -63,7 +63,7 @@ public:
                                  [this](const std::string& text) { m_count = ParseCount("--count", text); });
         CommandContext::AddValue(command, "--duration", "SECONDS", "End after this time of watching.",
                                  [this](const std::string& text) {
-                                     m_duration = ParseSeconds("--duration", text, milliseconds(0), kLongestDuration);
+                                     m_duration = ParseSeconds("--duration", text, milliseconds(0), LongestDuration);
                                  });
         m_context.AddBusOptions(command);
     }
@@ -82,17 +82,21 @@ public:
         WriteError("Watching " + m_context.DescribeBuses() + ": " + CountOf(present, "camera") +
                    " now. Ctrl-C ends.\n");
         WarnOfUnseenFireWire(Shown::Resets);
-        if (m_duration) m_end = Clock::now() + *m_duration;
+        if (m_duration) {
+            m_end = Clock::now() + *m_duration;
+        }
         while (PrintEvents(events, printer) && WaitForEvent(events)) {
         }
-        return healthy ? kDone : kFailed;
+        return healthy ? ExitDone : ExitFailed;
     }
 
 private:
     // False when it is time to end.
     bool PrintEvents(EventQueue& events, EventPrinter& printer) {
         while (const std::optional<BusEvent> event = events.Take()) {
-            if (!printer.Print(*event) || ++m_printed == m_count) return false;
+            if (!printer.Print(*event) || ++m_printed == m_count) {
+                return false;
+            }
         }
         if (const std::uint64_t lost = events.TakeLost()) {
             WriteError("nimbrel watch: " + CountOf(lost, "event") +
@@ -108,10 +112,14 @@ private:
         int patience = -1;
         if (m_end) {
             const auto left = std::chrono::ceil<milliseconds>(*m_end - Clock::now());
-            if (left.count() <= 0) return false;
+            if (left.count() <= 0) {
+                return false;
+            }
             patience = static_cast<int>(std::min<milliseconds::rep>(left.count(), 1'000'000'000));
         }
-        if (poll(waits.data(), waits.size(), patience) <= 0) return true;
+        if (poll(waits.data(), waits.size(), patience) <= 0) {
+            return true;
+        }
         return waits[1].revents == 0 && (waits[2].revents & (POLLERR | POLLHUP)) == 0;
     }
 
@@ -130,7 +138,7 @@ void AddWatchCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command =
         context.AddCommand(app, "watch", "Prints arrivals, removals and bus resets.", [watch] { return watch->Run(); });
     watch->AddOptions(*command);
-    command->footer(kFooter);
+    command->footer(Footer);
 }
 
 }  // namespace Nimbrel2::Tool

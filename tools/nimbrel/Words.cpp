@@ -20,7 +20,9 @@ std::size_t Distance(const std::string& a, const std::string& b) {
             const std::size_t replaced = last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
             row[j] = std::min({last[j] + 1, row[j - 1] + 1, replaced});
             const bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
-            if (swapped) row[j] = std::min(row[j], beforeLast[j - 2] + 1);
+            if (swapped) {
+                row[j] = std::min(row[j], beforeLast[j - 2] + 1);
+            }
         }
         beforeLast.swap(last);
         last.swap(row);
@@ -33,15 +35,18 @@ std::size_t Distance(const std::string& a, const std::string& b) {
 std::string Enumerate(const std::vector<std::string>& words, const std::string& conjunction) {
     std::string text;
     for (std::size_t i = 0; i < words.size(); ++i) {
-        if (i != 0) text += i + 1 == words.size() ? " " + conjunction + " " : ", ";
+        if (i != 0) {
+            text += i + 1 == words.size() ? " " + conjunction + " " : ", ";
+        }
         text += words[i];
     }
     return text;
 }
 
 std::string AsSentence(std::string text) {
-    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z')
+    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z') {
         text.front() = static_cast<char>(text.front() - 'a' + 'A');
+    }
     return text;
 }
 
@@ -50,13 +55,15 @@ std::string CountOf(std::size_t count, const std::string& one) {
 }
 
 std::string NearestWord(const std::string& word, const std::vector<std::string>& known) {
-    constexpr std::size_t kShortestPrefix = 3;
+    constexpr std::size_t ShortestPrefix = 3;
     std::string nearest;
     std::size_t smallest = std::max<std::size_t>(1, word.size() / 3) + 1;
     for (const std::string& candidate : known) {
-        const bool begins = word.size() >= kShortestPrefix && candidate.compare(0, word.size(), word) == 0;
+        const bool begins = word.size() >= ShortestPrefix && candidate.compare(0, word.size(), word) == 0;
         const std::size_t distance = begins ? 0 : Distance(word, candidate);
-        if (distance >= smallest || distance >= candidate.size()) continue;
+        if (distance >= smallest || distance >= candidate.size()) {
+            continue;
+        }
         smallest = distance;
         nearest = candidate;
     }
@@ -69,10 +76,14 @@ std::string DidYouMean(const std::string& word, const std::vector<std::string>& 
 }
 
 std::string QuoteForShell(const std::string& text) {
-    const char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%";
-    if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
+    const char PlainCharacters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%";
+    if (!text.empty() && text.find_first_not_of(PlainCharacters) == std::string::npos) {
+        return text;
+    }
     std::string quoted = "'";
-    for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    for (const char c : text) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
     return quoted + "'";
 }
 

@@ -28,7 +28,9 @@ public:
     /// Leaves it open, to whoever takes it.
     int Release() { return std::exchange(m_fd, -1); }
     void Close() {
-        if (m_fd >= 0) ::close(m_fd);
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
         m_fd = -1;
     }
 

@@ -14,7 +14,7 @@ namespace Nimbrel2::Platform {
 
 namespace {
 // Long enough for others to give memory back, short enough for nobody to notice.
-constexpr std::chrono::milliseconds kOutOfMemoryPause{5};
+constexpr std::chrono::milliseconds OutOfMemoryPause{5};
 }  // namespace
 
 std::uint32_t MonitorThread::Open() { return StatusOfErrno(m_poller.Open()); }
@@ -28,7 +28,7 @@ std::uint32_t MonitorThread::Start(const char* name, std::function<void()> turn,
                 try {
                     turn();
                 } catch (const std::bad_alloc&) {
-                    std::this_thread::sleep_for(kOutOfMemoryPause);
+                    std::this_thread::sleep_for(OutOfMemoryPause);
                 }
             }
             m_id = std::thread::id();
@@ -41,7 +41,9 @@ std::uint32_t MonitorThread::Start(const char* name, std::function<void()> turn,
 
 void MonitorThread::Stop() {
     m_stopping = true;
-    if (!m_thread.joinable()) return;
+    if (!m_thread.joinable()) {
+        return;
+    }
     m_poller.Wake();
     m_thread.join();
 }

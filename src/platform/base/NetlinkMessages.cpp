@@ -24,7 +24,9 @@ Bytes Skip(Bytes bytes, std::size_t length) { return bytes.subspan(std::min(Alig
 
 std::string PortKindOf(Bytes linkInfo) {
     while (const auto attribute = NextAttribute(linkInfo)) {
-        if (attribute->type == IFLA_INFO_SLAVE_KIND) return TextOf(attribute->payload);
+        if (attribute->type == IFLA_INFO_SLAVE_KIND) {
+            return TextOf(attribute->payload);
+        }
     }
     return "";
 }
@@ -33,7 +35,9 @@ std::string PortKindOf(Bytes linkInfo) {
 
 std::optional<Message> NextMessage(Bytes& buffer) {
     const auto header = Load<nlmsghdr>(buffer);
-    if (!header || header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > buffer.size()) return std::nullopt;
+    if (!header || header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > buffer.size()) {
+        return std::nullopt;
+    }
     Message message{header->nlmsg_type, header->nlmsg_flags, header->nlmsg_seq,
                     buffer.subspan(sizeof(nlmsghdr), header->nlmsg_len - sizeof(nlmsghdr))};
     buffer = Skip(buffer, header->nlmsg_len);
@@ -42,7 +46,9 @@ std::optional<Message> NextMessage(Bytes& buffer) {
 
 std::optional<Attribute> NextAttribute(Bytes& buffer) {
     const auto header = Load<rtattr>(buffer);
-    if (!header || header->rta_len < sizeof(rtattr) || header->rta_len > buffer.size()) return std::nullopt;
+    if (!header || header->rta_len < sizeof(rtattr) || header->rta_len > buffer.size()) {
+        return std::nullopt;
+    }
     Attribute attribute{static_cast<std::uint16_t>(header->rta_type & NLA_TYPE_MASK),
                         buffer.subspan(sizeof(rtattr), header->rta_len - sizeof(rtattr))};
     buffer = Skip(buffer, header->rta_len);
@@ -55,7 +61,9 @@ std::string TextOf(Bytes payload) {
 
 std::optional<NetworkInterface> ParseLink(Bytes payload) {
     const auto header = Load<ifinfomsg>(payload);
-    if (!header || header->ifi_index <= 0) return std::nullopt;
+    if (!header || header->ifi_index <= 0) {
+        return std::nullopt;
+    }
     NetworkInterface interface;
     interface.index = header->ifi_index;
     interface.up = (header->ifi_flags & IFF_UP) != 0;
@@ -65,17 +73,27 @@ std::optional<NetworkInterface> ParseLink(Bytes payload) {
     interface.broadcast = (header->ifi_flags & IFF_BROADCAST) != 0;
     Bytes attributes = Skip(payload, sizeof(ifinfomsg));
     while (const auto attribute = NextAttribute(attributes)) {
-        if (attribute->type == IFLA_IFNAME) interface.name = TextOf(attribute->payload);
-        if (attribute->type == IFLA_MTU) interface.mtu = Load<std::uint32_t>(attribute->payload).value_or(0);
-        if (attribute->type == IFLA_LINKINFO) interface.portOf = PortKindOf(attribute->payload);
+        if (attribute->type == IFLA_IFNAME) {
+            interface.name = TextOf(attribute->payload);
+        }
+        if (attribute->type == IFLA_MTU) {
+            interface.mtu = Load<std::uint32_t>(attribute->payload).value_or(0);
+        }
+        if (attribute->type == IFLA_LINKINFO) {
+            interface.portOf = PortKindOf(attribute->payload);
+        }
     }
-    if (interface.name.empty()) return std::nullopt;
+    if (interface.name.empty()) {
+        return std::nullopt;
+    }
     return interface;
 }
 
 std::optional<AddressMessage> ParseAddress(Bytes payload) {
     const auto header = Load<ifaddrmsg>(payload);
-    if (!header || header->ifa_family != AF_INET || header->ifa_prefixlen > 32) return std::nullopt;
+    if (!header || header->ifa_family != AF_INET || header->ifa_prefixlen > 32) {
+        return std::nullopt;
+    }
     AddressMessage message;
     message.interface = static_cast<int>(header->ifa_index);
     message.address.prefixLength = header->ifa_prefixlen;
@@ -85,33 +103,47 @@ std::optional<AddressMessage> ParseAddress(Bytes payload) {
     while (const auto attribute = NextAttribute(attributes)) {
         const auto address = Load<std::uint32_t>(attribute->payload);
         // IFA_LOCAL is the interface's own address; IFA_ADDRESS would be the peer's on a point-to-point link.
-        if (attribute->type != IFA_LOCAL || !address) continue;
+        if (attribute->type != IFA_LOCAL || !address) {
+            continue;
+        }
         message.address.address = ntohl(*address);
         found = true;
     }
-    if (!found) return std::nullopt;
+    if (!found) {
+        return std::nullopt;
+    }
     return message;
 }
 
 std::optional<RouteMessage> ParseRoute(Bytes payload) {
     const auto header = Load<rtmsg>(payload);
-    if (!header || header->rtm_family != AF_INET || header->rtm_type != RTN_UNICAST) return std::nullopt;
+    if (!header || header->rtm_family != AF_INET || header->rtm_type != RTN_UNICAST) {
+        return std::nullopt;
+    }
     RouteMessage message;
     message.prefixLength = header->rtm_dst_len;
     message.direct = true;
     Bytes attributes = Skip(payload, sizeof(rtmsg));
     while (const auto attribute = NextAttribute(attributes)) {
         const auto value = Load<std::uint32_t>(attribute->payload);
-        if (attribute->type == RTA_OIF) message.interface = static_cast<int>(value.value_or(0));
-        if (attribute->type == RTA_GATEWAY) message.gateway = ntohl(value.value_or(0));
-        if (attribute->type == RTA_GATEWAY || attribute->type == RTA_VIA) message.direct = false;
+        if (attribute->type == RTA_OIF) {
+            message.interface = static_cast<int>(value.value_or(0));
+        }
+        if (attribute->type == RTA_GATEWAY) {
+            message.gateway = ntohl(value.value_or(0));
+        }
+        if (attribute->type == RTA_GATEWAY || attribute->type == RTA_VIA) {
+            message.direct = false;
+        }
     }
     return message;
 }
 
 std::optional<NeighbourMessage> ParseNeighbour(Bytes payload) {
     const auto header = Load<ndmsg>(payload);
-    if (!header || header->ndm_family != AF_INET) return std::nullopt;
+    if (!header || header->ndm_family != AF_INET) {
+        return std::nullopt;
+    }
     NeighbourMessage message;
     message.interface = header->ndm_ifindex;
     constexpr std::uint16_t known = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT;
@@ -121,21 +153,29 @@ std::optional<NeighbourMessage> ParseNeighbour(Bytes payload) {
     while (const auto attribute = NextAttribute(attributes)) {
         if (attribute->type == NDA_LLADDR && attribute->payload.size() == 6) {
             message.mac = 0;  // the kernel sends one address; of several the last counts, as of every attribute
-            for (const std::uint8_t octet : attribute->payload) message.mac = message.mac << 8 | octet;
+            for (const std::uint8_t octet : attribute->payload) {
+                message.mac = message.mac << 8 | octet;
+            }
         }
         const auto value = Load<std::uint32_t>(attribute->payload);
-        if (attribute->type != NDA_DST || !value) continue;
+        if (attribute->type != NDA_DST || !value) {
+            continue;
+        }
         message.ip = ntohl(*value);
         found = true;
     }
-    if (!found) return std::nullopt;
+    if (!found) {
+        return std::nullopt;
+    }
     return message;
 }
 
 std::optional<std::uint32_t> ParseRpFilter(Bytes payload) {
     Bytes attributes = Skip(payload, sizeof(netconfmsg));
     while (const auto attribute = NextAttribute(attributes)) {
-        if (attribute->type == NETCONFA_RP_FILTER) return Load<std::uint32_t>(attribute->payload);
+        if (attribute->type == NETCONFA_RP_FILTER) {
+            return Load<std::uint32_t>(attribute->payload);
+        }
     }
     return std::nullopt;
 }

@@ -20,7 +20,9 @@ using Bytes = std::span<const std::uint8_t>;
 /// Reads a plain value from the start of bytes; nothing when they are too few.
 template <typename T>
 std::optional<T> Load(Bytes bytes) {
-    if (bytes.size() < sizeof(T)) return std::nullopt;
+    if (bytes.size() < sizeof(T)) {
+        return std::nullopt;
+    }
     T value;
     std::memcpy(&value, bytes.data(), sizeof value);
     return value;

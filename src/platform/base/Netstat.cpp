@@ -17,10 +17,14 @@ std::optional<std::uint64_t> ParseNetstat(const std::string& netstat, std::strin
         std::string nameWord;
         std::string valueWord;
         while (nameStream >> nameWord && valueStream >> valueWord) {
-            if (nameWord != name) continue;
+            if (nameWord != name) {
+                continue;
+            }
             std::istringstream number(valueWord);
             std::uint64_t count = 0;
-            if (number >> count) return count;
+            if (number >> count) {
+                return count;
+            }
         }
     }
     return std::nullopt;

@@ -14,8 +14,8 @@ namespace Nimbrel2::Platform {
 
 namespace {
 
-constexpr std::uint64_t kWakeToken = ~std::uint64_t{0};
-constexpr std::uint64_t kTimerToken = kWakeToken - 1;
+constexpr std::uint64_t WakeToken = ~std::uint64_t{0};
+constexpr std::uint64_t TimerToken = WakeToken - 1;
 
 int Control(int epoll, int operation, int fd, std::uint64_t token) {
     epoll_event event{};
@@ -44,13 +44,19 @@ itimerspec TimerFor(TimePoint deadline) {
 
 int Poller::Open() {
     m_epoll = FileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
-    if (!m_epoll.IsOpen()) return errno;
+    if (!m_epoll.IsOpen()) {
+        return errno;
+    }
     m_wake = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!m_wake.IsOpen()) return errno;
+    if (!m_wake.IsOpen()) {
+        return errno;
+    }
     m_timer = FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!m_timer.IsOpen()) return errno;
-    const int error = Add(m_wake.Get(), kWakeToken);
-    return error != 0 ? error : Add(m_timer.Get(), kTimerToken);
+    if (!m_timer.IsOpen()) {
+        return errno;
+    }
+    const int error = Add(m_wake.Get(), WakeToken);
+    return error != 0 ? error : Add(m_timer.Get(), TimerToken);
 }
 
 int Poller::Add(int fd, std::uint64_t token) { return Control(m_epoll.Get(), EPOLL_CTL_ADD, fd, token); }
@@ -72,9 +78,9 @@ void Poller::Wait(TimePoint deadline, std::vector<std::uint64_t>* tokens) {
     const int count = ::epoll_wait(m_epoll.Get(), events.data(), static_cast<int>(events.size()), -1);
     for (int i = 0; i < count; ++i) {
         const std::uint64_t token = events[static_cast<std::size_t>(i)].data.u64;
-        if (token == kWakeToken) {
+        if (token == WakeToken) {
             Drain(m_wake.Get());
-        } else if (token == kTimerToken) {
+        } else if (token == TimerToken) {
             Drain(m_timer.Get());
         } else {
             tokens->push_back(token);

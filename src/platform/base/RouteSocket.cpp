@@ -20,17 +20,21 @@ namespace Nimbrel2::Platform {
 namespace {
 
 // The kernel fills dumps with up to 32 KiB a datagram.
-constexpr std::size_t kBufferBytes = 65536;
+constexpr std::size_t BufferBytes = 65536;
 // A dump that changes while it is read is read again; on a computer that never settles the last one must do.
-constexpr int kDumpTries = 5;
+constexpr int DumpTries = 5;
 
 int OpenRouteSocket(std::uint32_t groups, int extraFlags, FileDescriptor* out) {
     FileDescriptor fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | extraFlags, NETLINK_ROUTE));
-    if (!fd.IsOpen()) return errno;
+    if (!fd.IsOpen()) {
+        return errno;
+    }
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     local.nl_groups = groups;
-    if (::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) return errno;
+    if (::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        return errno;
+    }
     *out = std::move(fd);
     return 0;
 }
@@ -53,14 +57,18 @@ std::uint32_t MaskOf(std::uint8_t prefixLength) { return InterfaceAddress{0, pre
 int RouteSocket::Open() {
     const LockGuard lock(m_mutex);
     const int error = OpenRouteSocket(0, 0, &m_socket);
-    if (error != 0) return error;
+    if (error != 0) {
+        return error;
+    }
     // The kernel answers before sendmsg returns; the time-out only bounds what cannot happen.
     const timeval limit{1, 0};
-    if (::setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) return errno;
+    if (::setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+        return errno;
+    }
     // Lets a dump be limited to one interface. Kernels before 4.20 do not know it and send everything.
     const int on = 1;
     ::setsockopt(m_socket.Get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on);
-    m_buffer.resize(kBufferBytes);
+    m_buffer.resize(BufferBytes);
     return 0;
 }
 
@@ -90,28 +98,44 @@ int RouteSocket::AskOnce(std::uint16_t type, std::uint16_t flags, std::span<cons
         socklen_t fromSize = sizeof from;
         const ssize_t size = ::recvfrom(m_socket.Get(), m_buffer.data(), m_buffer.size(), 0,
                                         reinterpret_cast<sockaddr*>(&from), &fromSize);
-        if (size < 0 && errno == EINTR) continue;
-        if (size < 0) return errno;
-        if (from.nl_pid != 0) continue;  // not from the kernel
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        if (size < 0) {
+            return errno;
+        }
+        if (from.nl_pid != 0) {
+            continue;  // not from the kernel
+        }
         Netlink::Bytes rest(m_buffer.data(), static_cast<std::size_t>(size));
         while (const auto message = Netlink::NextMessage(rest)) {
-            if (message->sequence != m_sequence) continue;  // of an earlier question that was given up
-            if ((message->flags & NLM_F_DUMP_INTR) != 0) *interrupted = true;
-            if (message->type == NLMSG_DONE) return 0;
+            if (message->sequence != m_sequence) {
+                continue;  // of an earlier question that was given up
+            }
+            if ((message->flags & NLM_F_DUMP_INTR) != 0) {
+                *interrupted = true;
+            }
+            if (message->type == NLMSG_DONE) {
+                return 0;
+            }
             if (message->type == NLMSG_ERROR) {
                 const auto error = Netlink::Load<nlmsgerr>(message->payload);
                 return error ? -error->error : EBADMSG;
             }
             handler(*message);
-            if ((message->flags & NLM_F_MULTI) == 0) return 0;
+            if ((message->flags & NLM_F_MULTI) == 0) {
+                return 0;
+            }
         }
     }
 }
 
 int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
     const LockGuard lock(m_mutex);
-    if (!m_socket.IsOpen()) return EBADF;
-    for (int i = 0; i < kDumpTries; ++i) {
+    if (!m_socket.IsOpen()) {
+        return EBADF;
+    }
+    for (int i = 0; i < DumpTries; ++i) {
         interfaces->clear();
         bool interrupted = false;
 
@@ -123,11 +147,17 @@ int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
         int error = AskOnce(
             RTM_GETLINK, NLM_F_DUMP, body,
             [&](const Netlink::Message& message) {
-                if (message.type != RTM_NEWLINK) return;
-                if (auto link = Netlink::ParseLink(message.payload)) interfaces->push_back(*link);
+                if (message.type != RTM_NEWLINK) {
+                    return;
+                }
+                if (auto link = Netlink::ParseLink(message.payload)) {
+                    interfaces->push_back(*link);
+                }
             },
             &interrupted);
-        if (error != 0) return error;
+        if (error != 0) {
+            return error;
+        }
         std::sort(interfaces->begin(), interfaces->end(),
                   [](const NetworkInterface& a, const NetworkInterface& b) { return a.index < b.index; });
 
@@ -138,16 +168,26 @@ int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
         error = AskOnce(
             RTM_GETADDR, NLM_F_DUMP, body,
             [&](const Netlink::Message& message) {
-                if (message.type != RTM_NEWADDR) return;
+                if (message.type != RTM_NEWADDR) {
+                    return;
+                }
                 const auto address = Netlink::ParseAddress(message.payload);
-                if (!address) return;
+                if (!address) {
+                    return;
+                }
                 for (NetworkInterface& interface : *interfaces) {
-                    if (interface.index == address->interface) interface.addresses.push_back(address->address);
+                    if (interface.index == address->interface) {
+                        interface.addresses.push_back(address->address);
+                    }
                 }
             },
             &interrupted);
-        if (error != 0) return error;
-        if (!interrupted) return 0;
+        if (error != 0) {
+            return error;
+        }
+        if (!interrupted) {
+            return 0;
+        }
     }
     return 0;
 }
@@ -155,7 +195,9 @@ int RouteSocket::ReadInterfaces(std::vector<NetworkInterface>* interfaces) {
 int RouteSocket::Ask(std::uint16_t type, std::uint16_t flags, std::span<const std::uint8_t> body,
                      const Handler& handler) {
     const LockGuard lock(m_mutex);
-    if (!m_socket.IsOpen()) return EBADF;
+    if (!m_socket.IsOpen()) {
+        return EBADF;
+    }
     bool interrupted = false;
     return AskOnce(type, flags, body, handler, &interrupted);
 }
@@ -187,7 +229,9 @@ int RouteSocket::FindRoute(std::uint32_t ip) {
     int interface = 0;
     const int error = Ask(RTM_GETROUTE, 0, body, [&](const Netlink::Message& message) {
         const auto route = Netlink::ParseRoute(message.payload);
-        if (route) interface = route->interface;
+        if (route) {
+            interface = route->interface;
+        }
     });
     return error == 0 ? interface : 0;
 }
@@ -200,7 +244,9 @@ int RouteSocket::ReadGateways(int interface, std::set<std::uint32_t>* gateways) 
     AppendAttribute(body, RTA_OIF, static_cast<std::uint32_t>(interface));
     return Ask(RTM_GETROUTE, NLM_F_DUMP, body, [&](const Netlink::Message& message) {
         const auto route = Netlink::ParseRoute(message.payload);
-        if (route && route->interface == interface && route->gateway != 0) gateways->insert(route->gateway);
+        if (route && route->interface == interface && route->gateway != 0) {
+            gateways->insert(route->gateway);
+        }
     });
 }
 
@@ -212,7 +258,9 @@ int RouteSocket::ReadNeighbours(int interface, std::map<std::uint32_t, std::uint
     AppendAttribute(body, NDA_IFINDEX, static_cast<std::uint32_t>(interface));
     return Ask(RTM_GETNEIGH, NLM_F_DUMP, body, [&](const Netlink::Message& message) {
         const auto neighbour = Netlink::ParseNeighbour(message.payload);
-        if (!neighbour || neighbour->interface != interface || !neighbour->answers) return;
+        if (!neighbour || neighbour->interface != interface || !neighbour->answers) {
+            return;
+        }
         (*neighbours)[neighbour->ip] = neighbour->mac;
     });
 }
@@ -227,7 +275,9 @@ int RouteSocket::ChangeAddress(Change change, int interface, std::uint32_t addre
     AppendAttribute(body, IFA_LOCAL, htonl(address));
     AppendAttribute(body, IFA_ADDRESS, htonl(address));
     const bool add = change == Change::Add;
-    if (add && prefixLength < 31) AppendAttribute(body, IFA_BROADCAST, htonl(address | ~MaskOf(prefixLength)));
+    if (add && prefixLength < 31) {
+        AppendAttribute(body, IFA_BROADCAST, htonl(address | ~MaskOf(prefixLength)));
+    }
     const int flags = NLM_F_ACK | (add ? NLM_F_CREATE | NLM_F_EXCL : 0);
     return Ask(add ? RTM_NEWADDR : RTM_DELADDR, static_cast<std::uint16_t>(flags), body,
                [](const Netlink::Message&) {});
@@ -257,12 +307,16 @@ bool ChangeSocket::Drain() {
     while (true) {
         // MSG_TRUNC: a notice's contents are of no interest. ENOBUFS says that notices were lost, which is one too.
         const ssize_t size = ::recv(m_socket.Get(), &byte, sizeof byte, MSG_TRUNC);
-        if (size < 0 && errno == EINTR) continue;
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
         if (size < 0 && errno == ENOBUFS) {
             any = true;
             continue;
         }
-        if (size < 0) return any;
+        if (size < 0) {
+            return any;
+        }
         any = true;
     }
 }

@@ -9,10 +9,10 @@
 namespace Nimbrel2::Platform {
 namespace {
 
-constexpr std::size_t kMaxPhys = 63;
-constexpr std::uint32_t kMaxExtendedPackets = 3;
-constexpr int kPortsInPacketZero = 3;
-constexpr int kPortsInExtendedPacket = 8;
+constexpr std::size_t MaxPhys = 63;
+constexpr std::uint32_t MaxExtendedPackets = 3;
+constexpr int PortsInPacketZero = 3;
+constexpr int PortsInExtendedPacket = 8;
 
 using Packets = std::span<const SelfIdPacket_t>;
 
@@ -38,7 +38,9 @@ void AddPorts(std::uint32_t quadlet, int shift, int count, std::vector<FireWireP
 std::optional<FireWirePhy> TakePhy(Packets& packets, unsigned int phyId) {
     const std::uint32_t zero = ToQuadlet(packets.front());
     packets = packets.subspan(1);
-    if (!IsSelfIdOf(zero, phyId) || IsExtended(zero)) return std::nullopt;
+    if (!IsSelfIdOf(zero, phyId) || IsExtended(zero)) {
+        return std::nullopt;
+    }
     FireWirePhy phy;
     phy.phyId = phyId;
     phy.linkActive = (zero >> 22 & 1) != 0;
@@ -47,18 +49,24 @@ std::optional<FireWirePhy> TakePhy(Packets& packets, unsigned int phyId) {
     phy.contender = (zero >> 11 & 1) != 0;
     phy.powerClass = zero >> 8 & 7;
     phy.initiatedReset = (zero >> 1 & 1) != 0;
-    AddPorts(zero, 6, kPortsInPacketZero, &phy.ports);
+    AddPorts(zero, 6, PortsInPacketZero, &phy.ports);
     bool more = HasMore(zero);
     for (std::uint32_t sequence = 0; more; ++sequence) {
-        if (packets.empty() || sequence == kMaxExtendedPackets) return std::nullopt;
+        if (packets.empty() || sequence == MaxExtendedPackets) {
+            return std::nullopt;
+        }
         const std::uint32_t quadlet = ToQuadlet(packets.front());
         packets = packets.subspan(1);
-        if (!IsSelfIdOf(quadlet, phyId) || !IsExtended(quadlet) || (quadlet >> 20 & 7) != sequence) return std::nullopt;
-        AddPorts(quadlet, 16, kPortsInExtendedPacket, &phy.ports);
+        if (!IsSelfIdOf(quadlet, phyId) || !IsExtended(quadlet) || (quadlet >> 20 & 7) != sequence) {
+            return std::nullopt;
+        }
+        AddPorts(quadlet, 16, PortsInExtendedPacket, &phy.ports);
         more = HasMore(quadlet);
     }
     const auto isAbsent = [](const FireWirePort& port) { return port.status == FireWirePortStatus::Absent; };
-    while (!phy.ports.empty() && isAbsent(phy.ports.back())) phy.ports.pop_back();
+    while (!phy.ports.empty() && isAbsent(phy.ports.back())) {
+        phy.ports.pop_back();
+    }
     return phy;
 }
 
@@ -80,12 +88,18 @@ bool Connect(std::vector<FireWirePhy>* phys) {
     std::vector<FireWirePhy*> orphans;
     for (FireWirePhy& phy : *phys) {
         const bool isRoot = &phy == &phys->back();
-        if (Count(phy, FireWirePortStatus::ToParent) != (isRoot ? 0 : 1)) return false;
+        if (Count(phy, FireWirePortStatus::ToParent) != (isRoot ? 0 : 1)) {
+            return false;
+        }
         const std::ptrdiff_t children = Count(phy, FireWirePortStatus::ToChild);
-        if (children > static_cast<std::ptrdiff_t>(orphans.size())) return false;
+        if (children > static_cast<std::ptrdiff_t>(orphans.size())) {
+            return false;
+        }
         auto child = orphans.end() - children;
         for (FireWirePort& port : phy.ports) {
-            if (port.status != FireWirePortStatus::ToChild) continue;
+            if (port.status != FireWirePortStatus::ToChild) {
+                continue;
+            }
             port.neighbour = (*child)->phyId;
             FindParentPort(**child)->neighbour = phy.phyId;
             ++child;
@@ -101,12 +115,18 @@ bool Connect(std::vector<FireWirePhy>* phys) {
 std::optional<std::vector<FireWirePhy>> DecodeSelfIds(std::span<const SelfIdPacket_t> packets) {
     std::vector<FireWirePhy> phys;
     while (!packets.empty()) {
-        if (phys.size() == kMaxPhys) return std::nullopt;
+        if (phys.size() == MaxPhys) {
+            return std::nullopt;
+        }
         const std::optional<FireWirePhy> phy = TakePhy(packets, static_cast<unsigned int>(phys.size()));
-        if (!phy) return std::nullopt;
+        if (!phy) {
+            return std::nullopt;
+        }
         phys.push_back(*phy);
     }
-    if (phys.empty() || !Connect(&phys)) return std::nullopt;
+    if (phys.empty() || !Connect(&phys)) {
+        return std::nullopt;
+    }
     return phys;
 }
 

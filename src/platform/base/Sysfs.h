@@ -13,7 +13,7 @@
 
 namespace Nimbrel2::Platform {
 
-inline constexpr char kSysfsRoot[] = "/sys";
+inline constexpr char SysfsRoot[] = "/sys";
 
 /// One directory, held open: all that is read from it is of one device, whatever takes that device's name meanwhile.
 /// Anything may vanish between two calls. A device that has left answers with ENOENT or ENODEV.

@@ -43,11 +43,11 @@ bool IsTrusted(const UeventSender& sender);
 class UeventSocket {
 public:
     /// Large enough for the events of a hundred devices that come at once.
-    static constexpr int kUsualBuffer = 8 << 20;
+    static constexpr int UsualBuffer = 8 << 20;
 
     /// @param bufferBytes  What the kernel keeps for us. As much as the system allows to this user when that is less.
     /// @return 0 or an errno.
-    int Open(int bufferBytes = kUsualBuffer);
+    int Open(int bufferBytes = UsualBuffer);
     bool IsOpen() const { return m_socket.IsOpen(); }
     /// For a Poller; -1 when it is not open.
     int GetFd() const { return m_socket.Get(); }

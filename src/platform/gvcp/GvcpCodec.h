@@ -25,9 +25,9 @@ class Packet {
 public:
     Packet() = default;
 
-    /// A packet of kHeaderBytes + payloadBytes zero bytes; empty when the payload is longer than kMaxPayloadBytes.
+    /// A packet of HeaderBytes + payloadBytes zero bytes; empty when the payload is longer than MaxPayloadBytes.
     explicit Packet(std::size_t payloadBytes)
-        : m_size(payloadBytes <= kMaxPayloadBytes ? kHeaderBytes + payloadBytes : 0) {}
+        : m_size(payloadBytes <= MaxPayloadBytes ? HeaderBytes + payloadBytes : 0) {}
 
     bool IsEmpty() const { return m_size == 0; }
     std::size_t GetSize() const { return m_size; }
@@ -38,7 +38,7 @@ public:
     void Truncate(std::size_t size) { m_size = std::min(m_size, size); }
 
 private:
-    std::array<std::uint8_t, kMaxPacketBytes> m_bytes{};
+    std::array<std::uint8_t, MaxPacketBytes> m_bytes{};
     std::size_t m_size = 0;
 };
 
@@ -66,8 +66,8 @@ struct CommandHeader {
     std::uint16_t payloadBytes = 0;
     std::uint16_t requestId = 0;
 
-    bool IsAcknowledgeRequired() const { return (flags & Flag::kAcknowledgeRequired) != 0; }
-    bool MayBroadcastAcknowledge() const { return (flags & Flag::kAllowBroadcastAcknowledge) != 0; }
+    bool IsAcknowledgeRequired() const { return (flags & Flag::AcknowledgeRequired) != 0; }
+    bool MayBroadcastAcknowledge() const { return (flags & Flag::AllowBroadcastAcknowledge) != 0; }
 };
 
 struct DiscoveryCommand {};
@@ -168,12 +168,12 @@ using Acknowledge =
 enum class DecodeError : std::uint8_t {
     None,
     TooShort,            ///< fewer bytes than a header
-    BadKey,              ///< a command must begin with kCommandKey
-    NotAnAcknowledge,    ///< begins with kCommandKey, so it is a command
+    BadKey,              ///< a command must begin with CommandKey
+    NotAnAcknowledge,    ///< begins with CommandKey, so it is a command
     ZeroRequestId,       ///< request ids begin at 1
     Truncated,           ///< the header promises more payload than came
     TrailingBytes,       ///< more came than the header promises
-    PayloadTooLong,      ///< above kMaxPayloadBytes
+    PayloadTooLong,      ///< above MaxPayloadBytes
     PayloadNotWords,     ///< not a multiple of four bytes
     UnknownMessage,      ///< an id that is no command (or acknowledge) this codec reads
     WrongPayloadLength,  ///< a length that this message cannot have
@@ -206,7 +206,7 @@ DecodedCommand DecodeCommand(Bytes datagram);
 DecodedAcknowledge DecodeAcknowledge(Bytes datagram);
 
 // ---- Encoding ------------------------------------------------------------------------------------------------------
-// Commands carry kAcknowledgeRequired unless they take flags. Each function answers an empty packet for what the
+// Commands carry AcknowledgeRequired unless they take flags. Each function answers an empty packet for what the
 // protocol cannot say: request id 0, no item, too many items, memory sizes that are no multiple of four.
 
 Packet EncodeDiscoveryCommand(std::uint16_t requestId, std::uint8_t flags);
@@ -239,10 +239,10 @@ MessageId AcknowledgeIdOf(MessageId command);
 HALStatus ToHalStatus(Status status);
 
 /// The DISCOVERY_ACK payload as a record. Texts are copied byte for byte, what follows their zero included.
-GvcpDiscoveryRecord DecodeDiscoveryPayload(std::span<const std::uint8_t, kDiscoveryPayloadBytes> payload);
+GvcpDiscoveryRecord DecodeDiscoveryPayload(std::span<const std::uint8_t, DiscoveryPayloadBytes> payload);
 
 /// A record as DISCOVERY_ACK payload; reserved fields are zero.
-std::array<std::uint8_t, kDiscoveryPayloadBytes> EncodeDiscoveryPayload(const GvcpDiscoveryRecord& record);
+std::array<std::uint8_t, DiscoveryPayloadBytes> EncodeDiscoveryPayload(const GvcpDiscoveryRecord& record);
 
 }  // namespace Nimbrel2::Platform::Gvcp
 

@@ -8,17 +8,29 @@ namespace {
 
 /// The checks that commands and acknowledges share; their headers have length and id in the same places.
 DecodeError CheckFrame(Bytes datagram, std::uint16_t payloadBytes, std::uint16_t requestId) {
-    if (requestId == 0) return DecodeError::ZeroRequestId;
-    const std::size_t received = datagram.size() - kHeaderBytes;
-    if (payloadBytes > received) return DecodeError::Truncated;
-    if (payloadBytes < received) return DecodeError::TrailingBytes;
-    if (payloadBytes > kMaxPayloadBytes) return DecodeError::PayloadTooLong;
-    if (payloadBytes % 4 != 0) return DecodeError::PayloadNotWords;
+    if (requestId == 0) {
+        return DecodeError::ZeroRequestId;
+    }
+    const std::size_t received = datagram.size() - HeaderBytes;
+    if (payloadBytes > received) {
+        return DecodeError::Truncated;
+    }
+    if (payloadBytes < received) {
+        return DecodeError::TrailingBytes;
+    }
+    if (payloadBytes > MaxPayloadBytes) {
+        return DecodeError::PayloadTooLong;
+    }
+    if (payloadBytes % 4 != 0) {
+        return DecodeError::PayloadNotWords;
+    }
     return DecodeError::None;
 }
 
 DecodeError DecodeForceIp(Bytes payload, Command* body) {
-    if (payload.size() != kForceIpPayloadBytes) return DecodeError::WrongPayloadLength;
+    if (payload.size() != ForceIpPayloadBytes) {
+        return DecodeError::WrongPayloadLength;
+    }
     ForceIpCommand command;
     command.macHigh = LoadU16(&payload[2]);
     command.macLow = LoadU32(&payload[4]);
@@ -32,25 +44,35 @@ DecodeError DecodeForceIp(Bytes payload, Command* body) {
 DecodeError DecodeCommandBody(MessageId id, Bytes payload, Command* body) {
     switch (id) {
         case MessageId::DiscoveryCmd:
-            if (!payload.empty()) return DecodeError::WrongPayloadLength;
+            if (!payload.empty()) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = DiscoveryCommand{};
             return DecodeError::None;
         case MessageId::ForceIpCmd:
             return DecodeForceIp(payload, body);
         case MessageId::ReadRegCmd:
-            if (payload.empty()) return DecodeError::WrongPayloadLength;
+            if (payload.empty()) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = ReadRegCommand{WordView(payload)};
             return DecodeError::None;
         case MessageId::WriteRegCmd:
-            if (payload.empty() || payload.size() % 8 != 0) return DecodeError::WrongPayloadLength;
+            if (payload.empty() || payload.size() % 8 != 0) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = WriteRegCommand(WordView(payload));
             return DecodeError::None;
         case MessageId::ReadMemCmd:
-            if (payload.size() != 8) return DecodeError::WrongPayloadLength;
+            if (payload.size() != 8) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = ReadMemCommand{LoadU32(&payload[0]), LoadU16(&payload[6])};
             return DecodeError::None;
         case MessageId::WriteMemCmd:
-            if (payload.size() < 8) return DecodeError::WrongPayloadLength;
+            if (payload.size() < 8) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = WriteMemCommand{LoadU32(&payload[0]), payload.subspan(4)};
             return DecodeError::None;
         default:
@@ -76,7 +98,9 @@ bool IsKnownAcknowledge(MessageId id) {
 /// One word: a reserved half that is not looked at, and the number.
 template <typename Body>
 DecodeError DecodeHalfWord(Bytes payload, Acknowledge* body) {
-    if (payload.size() != 4) return DecodeError::WrongPayloadLength;
+    if (payload.size() != 4) {
+        return DecodeError::WrongPayloadLength;
+    }
     *body = Body{LoadU16(&payload[2])};
     return DecodeError::None;
 }
@@ -84,21 +108,29 @@ DecodeError DecodeHalfWord(Bytes payload, Acknowledge* body) {
 DecodeError DecodeAcknowledgeBody(MessageId id, Bytes payload, Acknowledge* body) {
     switch (id) {
         case MessageId::DiscoveryAck:
-            if (payload.size() < kDiscoveryPayloadBytes) return DecodeError::WrongPayloadLength;
-            *body = DiscoveryAcknowledge{DecodeDiscoveryPayload(payload.first<kDiscoveryPayloadBytes>())};
+            if (payload.size() < DiscoveryPayloadBytes) {
+                return DecodeError::WrongPayloadLength;
+            }
+            *body = DiscoveryAcknowledge{DecodeDiscoveryPayload(payload.first<DiscoveryPayloadBytes>())};
             return DecodeError::None;
         case MessageId::ForceIpAck:
-            if (!payload.empty()) return DecodeError::WrongPayloadLength;
+            if (!payload.empty()) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = ForceIpAcknowledge{};
             return DecodeError::None;
         case MessageId::ReadRegAck:
-            if (payload.empty()) return DecodeError::WrongPayloadLength;
+            if (payload.empty()) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = ReadRegAcknowledge{WordView(payload)};
             return DecodeError::None;
         case MessageId::WriteRegAck:
             return DecodeHalfWord<WriteRegAcknowledge>(payload, body);
         case MessageId::ReadMemAck:
-            if (payload.size() < 8) return DecodeError::WrongPayloadLength;
+            if (payload.size() < 8) {
+                return DecodeError::WrongPayloadLength;
+            }
             *body = ReadMemAcknowledge{LoadU32(&payload[0]), payload.subspan(4)};
             return DecodeError::None;
         case MessageId::WriteMemAck:
@@ -114,7 +146,7 @@ DecodeError DecodeAcknowledgeBody(MessageId id, Bytes payload, Acknowledge* body
 
 DecodedCommand DecodeCommand(Bytes datagram) {
     DecodedCommand decoded;
-    if (datagram.size() < kHeaderBytes) {
+    if (datagram.size() < HeaderBytes) {
         decoded.error = DecodeError::TooShort;
         return decoded;
     }
@@ -122,20 +154,20 @@ DecodedCommand DecodeCommand(Bytes datagram) {
     decoded.header.id = static_cast<MessageId>(LoadU16(&datagram[2]));
     decoded.header.payloadBytes = LoadU16(&datagram[4]);
     decoded.header.requestId = LoadU16(&datagram[6]);
-    if (datagram[0] != kCommandKey) {
+    if (datagram[0] != CommandKey) {
         decoded.error = DecodeError::BadKey;
         return decoded;
     }
     decoded.error = CheckFrame(datagram, decoded.header.payloadBytes, decoded.header.requestId);
     if (decoded.error == DecodeError::None) {
-        decoded.error = DecodeCommandBody(decoded.header.id, datagram.subspan(kHeaderBytes), &decoded.body);
+        decoded.error = DecodeCommandBody(decoded.header.id, datagram.subspan(HeaderBytes), &decoded.body);
     }
     return decoded;
 }
 
 DecodedAcknowledge DecodeAcknowledge(Bytes datagram) {
     DecodedAcknowledge decoded;
-    if (datagram.size() < kHeaderBytes) {
+    if (datagram.size() < HeaderBytes) {
         decoded.error = DecodeError::TooShort;
         return decoded;
     }
@@ -143,14 +175,16 @@ DecodedAcknowledge DecodeAcknowledge(Bytes datagram) {
     decoded.header.id = static_cast<MessageId>(LoadU16(&datagram[2]));
     decoded.header.payloadBytes = LoadU16(&datagram[4]);
     decoded.header.ackId = LoadU16(&datagram[6]);
-    if (datagram[0] == kCommandKey) {
+    if (datagram[0] == CommandKey) {
         decoded.error = DecodeError::NotAnAcknowledge;
         return decoded;
     }
     decoded.error = CheckFrame(datagram, decoded.header.payloadBytes, decoded.header.ackId);
-    if (decoded.error != DecodeError::None) return decoded;
+    if (decoded.error != DecodeError::None) {
+        return decoded;
+    }
 
-    const Bytes payload = datagram.subspan(kHeaderBytes);
+    const Bytes payload = datagram.subspan(HeaderBytes);
     if (decoded.header.status == Status::Success) {
         decoded.error = DecodeAcknowledgeBody(decoded.header.id, payload, &decoded.body);
     } else if (IsKnownAcknowledge(decoded.header.id)) {

@@ -10,9 +10,9 @@ namespace {
 
 static_assert(sizeof(GvcpDiscoveryRecord) == 212, "the record crosses the HAL line: 212 bytes");
 
-constexpr std::size_t kSpecVersionMajor = 0;
-constexpr std::size_t kSpecVersionMinor = 2;
-constexpr std::size_t kMacHigh = Register::kDeviceMacAddressHigh + 2;
+constexpr std::size_t SpecVersionMajor = 0;
+constexpr std::size_t SpecVersionMinor = 2;
+constexpr std::size_t MacHigh = Register::DeviceMacAddressHigh + 2;
 
 template <std::size_t Size>
 void LoadText(const std::uint8_t* bytes, char (&text)[Size]) {
@@ -26,47 +26,47 @@ void StoreText(const char (&text)[Size], std::uint8_t* bytes) {
 
 }  // namespace
 
-GvcpDiscoveryRecord DecodeDiscoveryPayload(std::span<const std::uint8_t, kDiscoveryPayloadBytes> payload) {
+GvcpDiscoveryRecord DecodeDiscoveryPayload(std::span<const std::uint8_t, DiscoveryPayloadBytes> payload) {
     const std::uint8_t* bytes = payload.data();
     GvcpDiscoveryRecord record{};
-    record.versionMajor = LoadU16(bytes + kSpecVersionMajor);
-    record.versionMinor = LoadU16(bytes + kSpecVersionMinor);
-    record.deviceMode = LoadU32(bytes + Register::kDeviceMode);
-    record.macHigh = LoadU16(bytes + kMacHigh);
-    record.macLow = LoadU32(bytes + Register::kDeviceMacAddressLow);
-    record.ipConfigOptions = LoadU32(bytes + Register::kSupportedIpConfiguration);
-    record.ipConfigCurrent = LoadU32(bytes + Register::kCurrentIpConfiguration);
-    record.ipAddress = LoadU32(bytes + Register::kCurrentIpAddress);
-    record.subnetMask = LoadU32(bytes + Register::kCurrentSubnetMask);
-    record.defaultGateway = LoadU32(bytes + Register::kCurrentDefaultGateway);
-    LoadText(bytes + Register::kManufacturerName, record.manufacturerName);
-    LoadText(bytes + Register::kModelName, record.modelName);
-    LoadText(bytes + Register::kDeviceVersion, record.deviceVersion);
-    LoadText(bytes + Register::kManufacturerInfo, record.manufacturerInfo);
-    LoadText(bytes + Register::kSerialNumber, record.serialNumber);
-    LoadText(bytes + Register::kUserDefinedName, record.userDefinedName);
+    record.versionMajor = LoadU16(bytes + SpecVersionMajor);
+    record.versionMinor = LoadU16(bytes + SpecVersionMinor);
+    record.deviceMode = LoadU32(bytes + Register::DeviceMode);
+    record.macHigh = LoadU16(bytes + MacHigh);
+    record.macLow = LoadU32(bytes + Register::DeviceMacAddressLow);
+    record.ipConfigOptions = LoadU32(bytes + Register::SupportedIpConfiguration);
+    record.ipConfigCurrent = LoadU32(bytes + Register::CurrentIpConfiguration);
+    record.ipAddress = LoadU32(bytes + Register::CurrentIpAddress);
+    record.subnetMask = LoadU32(bytes + Register::CurrentSubnetMask);
+    record.defaultGateway = LoadU32(bytes + Register::CurrentDefaultGateway);
+    LoadText(bytes + Register::ManufacturerName, record.manufacturerName);
+    LoadText(bytes + Register::ModelName, record.modelName);
+    LoadText(bytes + Register::DeviceVersion, record.deviceVersion);
+    LoadText(bytes + Register::ManufacturerInfo, record.manufacturerInfo);
+    LoadText(bytes + Register::SerialNumber, record.serialNumber);
+    LoadText(bytes + Register::UserDefinedName, record.userDefinedName);
     return record;
 }
 
-std::array<std::uint8_t, kDiscoveryPayloadBytes> EncodeDiscoveryPayload(const GvcpDiscoveryRecord& record) {
-    std::array<std::uint8_t, kDiscoveryPayloadBytes> payload{};
+std::array<std::uint8_t, DiscoveryPayloadBytes> EncodeDiscoveryPayload(const GvcpDiscoveryRecord& record) {
+    std::array<std::uint8_t, DiscoveryPayloadBytes> payload{};
     std::uint8_t* bytes = payload.data();
-    StoreU16(bytes + kSpecVersionMajor, record.versionMajor);
-    StoreU16(bytes + kSpecVersionMinor, record.versionMinor);
-    StoreU32(bytes + Register::kDeviceMode, record.deviceMode);
-    StoreU16(bytes + kMacHigh, record.macHigh);
-    StoreU32(bytes + Register::kDeviceMacAddressLow, record.macLow);
-    StoreU32(bytes + Register::kSupportedIpConfiguration, record.ipConfigOptions);
-    StoreU32(bytes + Register::kCurrentIpConfiguration, record.ipConfigCurrent);
-    StoreU32(bytes + Register::kCurrentIpAddress, record.ipAddress);
-    StoreU32(bytes + Register::kCurrentSubnetMask, record.subnetMask);
-    StoreU32(bytes + Register::kCurrentDefaultGateway, record.defaultGateway);
-    StoreText(record.manufacturerName, bytes + Register::kManufacturerName);
-    StoreText(record.modelName, bytes + Register::kModelName);
-    StoreText(record.deviceVersion, bytes + Register::kDeviceVersion);
-    StoreText(record.manufacturerInfo, bytes + Register::kManufacturerInfo);
-    StoreText(record.serialNumber, bytes + Register::kSerialNumber);
-    StoreText(record.userDefinedName, bytes + Register::kUserDefinedName);
+    StoreU16(bytes + SpecVersionMajor, record.versionMajor);
+    StoreU16(bytes + SpecVersionMinor, record.versionMinor);
+    StoreU32(bytes + Register::DeviceMode, record.deviceMode);
+    StoreU16(bytes + MacHigh, record.macHigh);
+    StoreU32(bytes + Register::DeviceMacAddressLow, record.macLow);
+    StoreU32(bytes + Register::SupportedIpConfiguration, record.ipConfigOptions);
+    StoreU32(bytes + Register::CurrentIpConfiguration, record.ipConfigCurrent);
+    StoreU32(bytes + Register::CurrentIpAddress, record.ipAddress);
+    StoreU32(bytes + Register::CurrentSubnetMask, record.subnetMask);
+    StoreU32(bytes + Register::CurrentDefaultGateway, record.defaultGateway);
+    StoreText(record.manufacturerName, bytes + Register::ManufacturerName);
+    StoreText(record.modelName, bytes + Register::ModelName);
+    StoreText(record.deviceVersion, bytes + Register::DeviceVersion);
+    StoreText(record.manufacturerInfo, bytes + Register::ManufacturerInfo);
+    StoreText(record.serialNumber, bytes + Register::SerialNumber);
+    StoreText(record.userDefinedName, bytes + Register::UserDefinedName);
     return payload;
 }
 

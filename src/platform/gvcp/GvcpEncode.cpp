@@ -9,11 +9,15 @@ namespace Nimbrel2::Platform::Gvcp {
 namespace {
 
 Packet MakeCommand(MessageId id, std::uint8_t flags, std::uint16_t requestId, std::size_t payloadBytes) {
-    if (requestId == 0) return Packet();
+    if (requestId == 0) {
+        return Packet();
+    }
     Packet packet(payloadBytes);
-    if (packet.IsEmpty()) return packet;
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     std::uint8_t* bytes = packet.GetMutableData();
-    bytes[0] = kCommandKey;
+    bytes[0] = CommandKey;
     bytes[1] = flags;
     StoreU16(bytes + 2, static_cast<std::uint16_t>(id));
     StoreU16(bytes + 4, static_cast<std::uint16_t>(payloadBytes));
@@ -22,9 +26,13 @@ Packet MakeCommand(MessageId id, std::uint8_t flags, std::uint16_t requestId, st
 }
 
 Packet MakeAcknowledge(MessageId id, Status status, std::uint16_t ackId, std::size_t payloadBytes) {
-    if (ackId == 0) return Packet();
+    if (ackId == 0) {
+        return Packet();
+    }
     Packet packet(payloadBytes);
-    if (packet.IsEmpty()) return packet;
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     std::uint8_t* bytes = packet.GetMutableData();
     StoreU16(bytes, static_cast<std::uint16_t>(status));
     StoreU16(bytes + 2, static_cast<std::uint16_t>(id));
@@ -33,7 +41,7 @@ Packet MakeAcknowledge(MessageId id, Status status, std::uint16_t ackId, std::si
     return packet;
 }
 
-std::uint8_t* PayloadOf(Packet* packet) { return packet->GetMutableData() + kHeaderBytes; }
+std::uint8_t* PayloadOf(Packet* packet) { return packet->GetMutableData() + HeaderBytes; }
 
 void StoreWords(std::span<const std::uint32_t> words, std::uint8_t* bytes) {
     for (const std::uint32_t word : words) {
@@ -43,14 +51,18 @@ void StoreWords(std::span<const std::uint32_t> words, std::uint8_t* bytes) {
 }
 
 Packet WithHalfWord(Packet packet, std::uint16_t value) {
-    if (!packet.IsEmpty()) StoreU16(PayloadOf(&packet) + 2, value);
+    if (!packet.IsEmpty()) {
+        StoreU16(PayloadOf(&packet) + 2, value);
+    }
     return packet;
 }
 
-bool IsMemorySize(std::size_t bytes) { return bytes != 0 && bytes % 4 == 0 && bytes <= kMaxMemoryBytes; }
+bool IsMemorySize(std::size_t bytes) { return bytes != 0 && bytes % 4 == 0 && bytes <= MaxMemoryBytes; }
 
 Packet WithMemory(Packet packet, std::uint32_t address, Bytes data) {
-    if (packet.IsEmpty()) return packet;
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     StoreU32(PayloadOf(&packet), address);
     std::copy(data.begin(), data.end(), PayloadOf(&packet) + 4);
     return packet;
@@ -63,8 +75,10 @@ Packet EncodeDiscoveryCommand(std::uint16_t requestId, std::uint8_t flags) {
 }
 
 Packet EncodeForceIpCommand(std::uint16_t requestId, std::uint8_t flags, const ForceIpCommand& command) {
-    Packet packet = MakeCommand(MessageId::ForceIpCmd, flags, requestId, kForceIpPayloadBytes);
-    if (packet.IsEmpty()) return packet;
+    Packet packet = MakeCommand(MessageId::ForceIpCmd, flags, requestId, ForceIpPayloadBytes);
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     std::uint8_t* payload = PayloadOf(&packet);
     StoreU16(payload + 2, command.macHigh);
     StoreU32(payload + 4, command.macLow);
@@ -75,16 +89,24 @@ Packet EncodeForceIpCommand(std::uint16_t requestId, std::uint8_t flags, const F
 }
 
 Packet EncodeReadRegCommand(std::uint16_t requestId, std::span<const std::uint32_t> addresses) {
-    if (addresses.empty()) return Packet();
-    Packet packet = MakeCommand(MessageId::ReadRegCmd, Flag::kAcknowledgeRequired, requestId, addresses.size_bytes());
-    if (!packet.IsEmpty()) StoreWords(addresses, PayloadOf(&packet));
+    if (addresses.empty()) {
+        return Packet();
+    }
+    Packet packet = MakeCommand(MessageId::ReadRegCmd, Flag::AcknowledgeRequired, requestId, addresses.size_bytes());
+    if (!packet.IsEmpty()) {
+        StoreWords(addresses, PayloadOf(&packet));
+    }
     return packet;
 }
 
 Packet EncodeWriteRegCommand(std::uint16_t requestId, std::span<const RegisterWrite> writes) {
-    if (writes.empty()) return Packet();
-    Packet packet = MakeCommand(MessageId::WriteRegCmd, Flag::kAcknowledgeRequired, requestId, 8 * writes.size());
-    if (packet.IsEmpty()) return packet;
+    if (writes.empty()) {
+        return Packet();
+    }
+    Packet packet = MakeCommand(MessageId::WriteRegCmd, Flag::AcknowledgeRequired, requestId, 8 * writes.size());
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     std::uint8_t* payload = PayloadOf(&packet);
     for (const RegisterWrite& write : writes) {
         StoreU32(payload, write.address);
@@ -95,23 +117,31 @@ Packet EncodeWriteRegCommand(std::uint16_t requestId, std::span<const RegisterWr
 }
 
 Packet EncodeReadMemCommand(std::uint16_t requestId, std::uint32_t address, std::uint16_t count) {
-    if (!IsMemorySize(count)) return Packet();
-    Packet packet = MakeCommand(MessageId::ReadMemCmd, Flag::kAcknowledgeRequired, requestId, 8);
-    if (packet.IsEmpty()) return packet;
+    if (!IsMemorySize(count)) {
+        return Packet();
+    }
+    Packet packet = MakeCommand(MessageId::ReadMemCmd, Flag::AcknowledgeRequired, requestId, 8);
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     StoreU32(PayloadOf(&packet), address);
     StoreU16(PayloadOf(&packet) + 6, count);
     return packet;
 }
 
 Packet EncodeWriteMemCommand(std::uint16_t requestId, std::uint32_t address, Bytes data) {
-    if (!IsMemorySize(data.size())) return Packet();
-    return WithMemory(MakeCommand(MessageId::WriteMemCmd, Flag::kAcknowledgeRequired, requestId, 4 + data.size()),
+    if (!IsMemorySize(data.size())) {
+        return Packet();
+    }
+    return WithMemory(MakeCommand(MessageId::WriteMemCmd, Flag::AcknowledgeRequired, requestId, 4 + data.size()),
                       address, data);
 }
 
 Packet EncodeDiscoveryAck(std::uint16_t ackId, const GvcpDiscoveryRecord& record) {
-    Packet packet = MakeAcknowledge(MessageId::DiscoveryAck, Status::Success, ackId, kDiscoveryPayloadBytes);
-    if (packet.IsEmpty()) return packet;
+    Packet packet = MakeAcknowledge(MessageId::DiscoveryAck, Status::Success, ackId, DiscoveryPayloadBytes);
+    if (packet.IsEmpty()) {
+        return packet;
+    }
     const auto payload = EncodeDiscoveryPayload(record);
     std::copy(payload.begin(), payload.end(), PayloadOf(&packet));
     return packet;
@@ -122,9 +152,13 @@ Packet EncodeForceIpAck(std::uint16_t ackId) {
 }
 
 Packet EncodeReadRegAck(std::uint16_t ackId, std::span<const std::uint32_t> values) {
-    if (values.empty()) return Packet();
+    if (values.empty()) {
+        return Packet();
+    }
     Packet packet = MakeAcknowledge(MessageId::ReadRegAck, Status::Success, ackId, values.size_bytes());
-    if (!packet.IsEmpty()) StoreWords(values, PayloadOf(&packet));
+    if (!packet.IsEmpty()) {
+        StoreWords(values, PayloadOf(&packet));
+    }
     return packet;
 }
 
@@ -133,7 +167,9 @@ Packet EncodeWriteRegAck(std::uint16_t ackId, std::uint16_t index) {
 }
 
 Packet EncodeReadMemAck(std::uint16_t ackId, std::uint32_t address, Bytes data) {
-    if (!IsMemorySize(data.size())) return Packet();
+    if (!IsMemorySize(data.size())) {
+        return Packet();
+    }
     return WithMemory(MakeAcknowledge(MessageId::ReadMemAck, Status::Success, ackId, 4 + data.size()), address, data);
 }
 
@@ -147,7 +183,9 @@ Packet EncodePendingAck(std::uint16_t ackId, std::uint16_t timeToCompletion) {
 
 Packet EncodeErrorAck(MessageId id, std::uint16_t ackId, Status status, std::span<const std::uint32_t> words) {
     Packet packet = MakeAcknowledge(id, status, ackId, words.size_bytes());
-    if (!packet.IsEmpty()) StoreWords(words, PayloadOf(&packet));
+    if (!packet.IsEmpty()) {
+        StoreWords(words, PayloadOf(&packet));
+    }
     return packet;
 }
 

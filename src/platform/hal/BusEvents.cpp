@@ -60,7 +60,9 @@ void BusEvents::RaiseError() noexcept {
 }
 
 void BusEvents::Add(const BusEvent& event, bool settled) {
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Add(event, settled);
+    for (auto& [handle, registration] : m_registrations) {
+        registration.delivery->Add(event, settled);
+    }
 }
 
 std::uint32_t BusEvents::Register(HALBusEventFunction function, void* context, void** registration) {
@@ -96,7 +98,9 @@ std::uint32_t BusEvents::Deregister(void* registration) {
     {
         const LockGuard lock(m_mutex);
         const auto found = m_registrations.find(ToHandle(registration));
-        if (found == m_registrations.end()) return HAL_GONE;
+        if (found == m_registrations.end()) {
+            return HAL_GONE;
+        }
         found->second.delivery->Stop();
         m_ending.insert(m_registrations.extract(found));
     }
@@ -108,7 +112,9 @@ bool BusEvents::WaitUntilDelivered(EventDelivery::Clock::time_point deadline) co
     std::vector<std::shared_ptr<EventDelivery>> deliveries;
     {
         const LockGuard lock(m_mutex);
-        for (const auto& [handle, registration] : m_registrations) deliveries.push_back(registration.delivery);
+        for (const auto& [handle, registration] : m_registrations) {
+            deliveries.push_back(registration.delivery);
+        }
     }
     return std::all_of(deliveries.begin(), deliveries.end(),
                        [deadline](const auto& delivery) { return delivery->WaitUntilIdle(deadline); });
@@ -133,7 +139,9 @@ void BusEvents::ListingInProgress::Succeeded(BusState state) {
 void BusEvents::StopCallbacks() {
     const LockGuard lock(m_mutex);
     m_stopped = true;
-    for (auto& [handle, registration] : m_registrations) registration.delivery->Stop();
+    for (auto& [handle, registration] : m_registrations) {
+        registration.delivery->Stop();
+    }
     m_ending.merge(m_registrations);
 }
 
@@ -160,10 +168,14 @@ void BusEvents::Reap() {
         const LockGuard lock(m_mutex);
         for (auto next = m_ending.begin(); next != m_ending.end();) {
             const auto current = next++;
-            if (current->second.delivery->HasEnded()) ended.insert(m_ending.extract(current));
+            if (current->second.delivery->HasEnded()) {
+                ended.insert(m_ending.extract(current));
+            }
         }
     }
-    for (auto& [handle, registration] : ended) registration.thread.join();
+    for (auto& [handle, registration] : ended) {
+        registration.thread.join();
+    }
 }
 
 }  // namespace Nimbrel2::Platform

@@ -43,7 +43,9 @@ public:
     /// These two stand around each listing, whatever it answers.
     void BeginListing(Listing listing) {
         Shown& shown = m_shown[static_cast<std::size_t>(listing)];
-        if (shown.numRunning++ == 0) shown.isAnswered = false;
+        if (shown.numRunning++ == 0) {
+            shown.isAnswered = false;
+        }
     }
     void EndListing(Listing listing) { --m_shown[static_cast<std::size_t>(listing)].numRunning; }
 
@@ -67,7 +69,9 @@ public:
         const Shown& second = m_shown[1].state ? m_shown[1] : m_shown[0];
         if (!first.state) {
             // Nobody holds a list that could be wrong; whoever never lists hears what is there.
-            if (!RaiseChanges(BusState{}, m_now, raise) && m_isUnknown) raise(HAL_BUS_RESET, 0u, 0u);
+            if (!RaiseChanges(BusState{}, m_now, raise) && m_isUnknown) {
+                raise(HAL_BUS_RESET, 0u, 0u);
+            }
             return;
         }
         if (*first.state == m_now && *second.state == m_now && !first.isDisputed && !second.isDisputed &&
@@ -76,14 +80,20 @@ public:
         }
         raise(HAL_BUS_RESET, 0u, 0u);
         for (const PresentDevice& device : first.state->devices) {
-            if (!Has(m_now, device)) raise(HAL_BUS_REMOVAL, device.firstWord, device.secondWord);
+            if (!Has(m_now, device)) {
+                raise(HAL_BUS_REMOVAL, device.firstWord, device.secondWord);
+            }
         }
         for (const PresentDevice& device : second.state->devices) {
-            if (Has(m_now, device) || Has(*first.state, device)) continue;
+            if (Has(m_now, device) || Has(*first.state, device)) {
+                continue;
+            }
             raise(HAL_BUS_REMOVAL, device.firstWord, device.secondWord);
         }
         for (const PresentDevice& device : m_now.devices) {
-            if (Has(*first.state, device) && Has(*second.state, device)) continue;
+            if (Has(*first.state, device) && Has(*second.state, device)) {
+                continue;
+            }
             raise(HAL_BUS_ARRIVAL, device.firstWord, device.secondWord);
         }
     }
@@ -105,13 +115,19 @@ private:
     /// Both are sorted. @return whether there was any.
     template <class Raise>
     static bool RaiseChanges(const BusState& before, const BusState& after, const Raise& raise) {
-        if (before == after) return false;
+        if (before == after) {
+            return false;
+        }
         raise(HAL_BUS_RESET, 0u, 0u);
         for (const PresentDevice& device : before.devices) {
-            if (!Has(after, device)) raise(HAL_BUS_REMOVAL, device.firstWord, device.secondWord);
+            if (!Has(after, device)) {
+                raise(HAL_BUS_REMOVAL, device.firstWord, device.secondWord);
+            }
         }
         for (const PresentDevice& device : after.devices) {
-            if (!Has(before, device)) raise(HAL_BUS_ARRIVAL, device.firstWord, device.secondWord);
+            if (!Has(before, device)) {
+                raise(HAL_BUS_ARRIVAL, device.firstWord, device.secondWord);
+            }
         }
         return true;
     }

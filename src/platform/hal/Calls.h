@@ -31,8 +31,12 @@ template <class Work>
 std::uint32_t InSession(const char* function, bool argumentsAreGood, const Work& work) noexcept {
     return Guarded([&]() -> std::uint32_t {
         const std::shared_ptr<Session> session = Process::Get().CurrentSession();
-        if (!session) return HAL_CLOSED;
-        if (!argumentsAreGood) return HAL_INVALID_ARGUMENT;
+        if (!session) {
+            return HAL_CLOSED;
+        }
+        if (!argumentsAreGood) {
+            return HAL_INVALID_ARGUMENT;
+        }
         const std::uint32_t status = session->Enter(function);
         return status == HAL_OK ? work(*session) : status;
     });
@@ -52,7 +56,7 @@ std::uint32_t OnDevice(const char* function, const void* entry, bool argumentsAr
 // ---- Arguments that the register functions of IEEE 1394 and USB share ----
 
 /// The only selector: the device of the entry itself.
-inline constexpr std::uint32_t kDeviceOfEntry = 0xFFFFFFFF;
+inline constexpr std::uint32_t DeviceOfEntry = 0xFFFFFFFF;
 
 /// A quadlet of the 48-bit address space (IEEE 1212), given whole or by its low 32 bits.
 constexpr bool IsRegisterAddress(std::uint64_t address) { return address < std::uint64_t{1} << 48 && address % 4 == 0; }

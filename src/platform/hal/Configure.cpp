@@ -14,10 +14,10 @@
 namespace Nimbrel2::Platform {
 namespace {
 
-constexpr std::chrono::milliseconds kShortestWindow{10};
-constexpr std::chrono::milliseconds kLongestWindow{30000};
-constexpr std::uint16_t kFirstSourcePort = 1024;   // those below are for administrators
-constexpr std::size_t kLongestInterfaceName = 15;  // IFNAMSIZ without the terminating zero
+constexpr std::chrono::milliseconds ShortestWindow{10};
+constexpr std::chrono::milliseconds LongestWindow{30000};
+constexpr std::uint16_t FirstSourcePort = 1024;   // those below are for administrators
+constexpr std::size_t LongestInterfaceName = 15;  // IFNAMSIZ without the terminating zero
 
 template <class... Values>
 std::string Format(const char* format, Values... values) {
@@ -37,54 +37,78 @@ std::string Quoted(const std::string& text) {
 }
 
 void AddProblem(std::string& reason, const std::string& problem) {
-    if (!reason.empty()) reason += "; ";
+    if (!reason.empty()) {
+        reason += "; ";
+    }
     reason += problem;
 }
 
 void CheckDriver(const char* option, Driver driver, bool hasRig, std::string& reason) {
-    if (driver == Driver::Rig && !hasRig) AddProblem(reason, std::string(option) + ": there is no rig to drive it");
-    if (driver == Driver::None || driver == Driver::Linux || driver == Driver::Rig) return;
+    if (driver == Driver::Rig && !hasRig) {
+        AddProblem(reason, std::string(option) + ": there is no rig to drive it");
+    }
+    if (driver == Driver::None || driver == Driver::Linux || driver == Driver::Rig) {
+        return;
+    }
     AddProblem(reason, std::string(option) + ": there is no driver " + std::to_string(static_cast<int>(driver)));
 }
 
 void CheckWindow(std::chrono::milliseconds window, std::string& reason) {
-    if (window >= kShortestWindow && window <= kLongestWindow) return;
+    if (window >= ShortestWindow && window <= LongestWindow) {
+        return;
+    }
     AddProblem(reason, "discoveryWindow: " + std::to_string(window.count()) + " ms is not within " +
-                           std::to_string(kShortestWindow.count()) + " ms to " +
-                           std::to_string(kLongestWindow.count()) + " ms");
+                           std::to_string(ShortestWindow.count()) + " ms to " + std::to_string(LongestWindow.count()) +
+                           " ms");
 }
 
 void CheckCameraName(const std::optional<GigECameraName>& name, std::string& reason) {
-    if (!name) return;
+    if (!name) {
+        return;
+    }
     if ((name->ip == 0) == (name->mac == 0)) {
         AddProblem(reason, "searchFor: either the address or the MAC names the camera, not " +
                                std::string(name->ip == 0 ? "neither" : "both"));
     }
-    if (name->mac >> 48 != 0) AddProblem(reason, "searchFor: a MAC has 48 bits");
+    if (name->mac >> 48 != 0) {
+        AddProblem(reason, "searchFor: a MAC has 48 bits");
+    }
 }
 
 void CheckSourcePorts(const std::optional<PortRange>& ports, std::string& reason) {
-    if (!ports) return;
+    if (!ports) {
+        return;
+    }
     const std::string range = std::to_string(ports->first) + "-" + std::to_string(ports->last);
-    if (ports->first < kFirstSourcePort) {
-        AddProblem(reason, "sourcePorts: " + range + " begins below " + std::to_string(kFirstSourcePort));
+    if (ports->first < FirstSourcePort) {
+        AddProblem(reason, "sourcePorts: " + range + " begins below " + std::to_string(FirstSourcePort));
     } else if (ports->last < ports->first) {
         AddProblem(reason, "sourcePorts: " + range + " ends before it begins");
-    } else if (const unsigned int count = ports->last - ports->first + 1u; count <= kSourcePortsBesideCameras) {
+    } else if (const unsigned int count = ports->last - ports->first + 1u; count <= SourcePortsBesideCameras) {
         AddProblem(reason, "sourcePorts: " + range + " has " + std::to_string(count) +
-                               (count == 1 ? " port; " : " ports; ") + std::to_string(kSourcePortsBesideCameras) +
+                               (count == 1 ? " port; " : " ports; ") + std::to_string(SourcePortsBesideCameras) +
                                " are needed for each network interface, and one more for each camera");
     }
 }
 
 /// The kernel's own rule for names of network interfaces.
 const char* FaultOfName(const std::string& name) {
-    if (name.empty()) return "is empty";
-    if (name.size() > kLongestInterfaceName) return "is longer than 15 characters";
-    if (name == "." || name == "..") return "is no interface name";
+    if (name.empty()) {
+        return "is empty";
+    }
+    if (name.size() > LongestInterfaceName) {
+        return "is longer than 15 characters";
+    }
+    if (name == "." || name == "..") {
+        return "is no interface name";
+    }
     for (const char c : name) {
-        if (c == '/' || c == ':' || c == '\0') return "contains a character that no interface name has";
-        if (std::isspace(static_cast<unsigned char>(c)) != 0) return "contains white space";
+        if (c == '/' || c == ':' || c == '\0') {
+            return "contains a character that no interface name has";
+        }
+        if (std::isspace(static_cast<unsigned char>(c)) != 0) {
+            return "contains white space";
+        }
     }
     return nullptr;
 }
@@ -104,7 +128,9 @@ void CheckUsbIds(const std::vector<UsbId>& ids, std::string& reason) {
         const auto equal = [&id](const UsbId& other) {
             return other.vendor == id->vendor && other.product == id->product;
         };
-        if (std::find_if(ids.begin(), id, equal) == id) continue;
+        if (std::find_if(ids.begin(), id, equal) == id) {
+            continue;
+        }
         AddProblem(reason, "usbCameraIds: " + Format("%04x:%04x", id->vendor, id->product) + " is named twice");
     }
 }
@@ -127,8 +153,12 @@ std::string WhatIsWrong(const Options& options) {
 ConfigureResult Configure(const Options& options) {
     try {
         std::string reason = WhatIsWrong(options);
-        if (!reason.empty()) return {HAL_INVALID_ARGUMENT, std::move(reason)};
-        if (Process::Get().SetOptions(options) == HAL_BUSY) return {HAL_BUSY, "the HAL is running"};
+        if (!reason.empty()) {
+            return {HAL_INVALID_ARGUMENT, std::move(reason)};
+        }
+        if (Process::Get().SetOptions(options) == HAL_BUSY) {
+            return {HAL_BUSY, "the HAL is running"};
+        }
         return {};
     } catch (const std::bad_alloc&) {
         return {HAL_OUT_OF_MEMORY, {}};

@@ -34,7 +34,9 @@ std::vector<BusMap> MapsOf(const GigEDiagnosis& diagnosis) {
         map.hasLink = interface.interface.up && interface.interface.running;
         map.linkSpeed = interface.linkSpeed;
         for (const CameraDiagnosis& camera : diagnosis.cameras) {
-            if (!camera.listed || camera.interface != interface.interface.index) continue;
+            if (!camera.listed || camera.interface != interface.interface.index) {
+                continue;
+            }
             map.nodes.push_back(NodeOf(camera.record, map.nodes.size()));
         }
         maps.push_back(std::move(map));
@@ -43,7 +45,9 @@ std::vector<BusMap> MapsOf(const GigEDiagnosis& diagnosis) {
 }
 
 void Append(std::vector<BusMap>* all, std::vector<BusMap> some) {
-    for (BusMap& map : some) all->push_back(std::move(map));
+    for (BusMap& map : some) {
+        all->push_back(std::move(map));
+    }
 }
 
 /// The glue hands the drivers empty containers.
@@ -70,11 +74,17 @@ std::uint32_t DescribeBuses(std::vector<BusMap>* maps) {
     return InSession(__func__, maps != nullptr, [&](Session& session) -> std::uint32_t {
         maps->clear();
         std::vector<BusMap> fireWire;
-        if (session.FireWire().Describe(&fireWire) == HAL_OK) Append(maps, std::move(fireWire));
+        if (session.FireWire().Describe(&fireWire) == HAL_OK) {
+            Append(maps, std::move(fireWire));
+        }
         std::vector<BusMap> usb;
-        if (session.Usb().Describe(&usb) == HAL_OK) Append(maps, std::move(usb));
+        if (session.Usb().Describe(&usb) == HAL_OK) {
+            Append(maps, std::move(usb));
+        }
         GigEDiagnosis diagnosis;
-        if (session.GigE().Diagnose(false, &diagnosis) == HAL_OK) Append(maps, MapsOf(diagnosis));
+        if (session.GigE().Diagnose(false, &diagnosis) == HAL_OK) {
+            Append(maps, MapsOf(diagnosis));
+        }
         return HAL_OK;
     });
 }

@@ -10,11 +10,21 @@ namespace Nimbrel2::Platform {
 
 Drivers MakeDrivers(const Options& options, const BusEventSinks& sinks) {
     Drivers drivers;
-    if (options.makeDrivers) drivers = options.makeDrivers(options, sinks);
-    if (options.fireWire != Driver::Rig) drivers.fireWire = nullptr;
-    if (options.usb != Driver::Rig) drivers.usb = nullptr;
-    if (options.gigE != Driver::Rig) drivers.gigE = nullptr;
-    if (options.fireWire == Driver::Linux) drivers.fireWire = MakeLinuxFireWireBus(sinks.fireWire);
+    if (options.makeDrivers) {
+        drivers = options.makeDrivers(options, sinks);
+    }
+    if (options.fireWire != Driver::Rig) {
+        drivers.fireWire = nullptr;
+    }
+    if (options.usb != Driver::Rig) {
+        drivers.usb = nullptr;
+    }
+    if (options.gigE != Driver::Rig) {
+        drivers.gigE = nullptr;
+    }
+    if (options.fireWire == Driver::Linux) {
+        drivers.fireWire = MakeLinuxFireWireBus(sinks.fireWire);
+    }
     if (options.usb == Driver::Linux) {
         drivers.usb = MakeLinuxUsbBus({options.usbCameraIds, options.trace}, sinks.usb);
     }

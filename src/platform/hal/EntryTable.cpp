@@ -17,12 +17,18 @@ Handle NextHandle() {
 std::uint32_t EntryTable::Add(EntryKind kind, std::vector<Device> devices, void** entries) {
     Entries fresh;
     std::uint32_t position = 0;
-    for (Device& device : devices) fresh.emplace(NextHandle(), Entry{kind, position++, std::move(device)});
+    for (Device& device : devices) {
+        fresh.emplace(NextHandle(), Entry{kind, position++, std::move(device)});
+    }
 
     const LockGuard lock(m_mutex);
-    if (m_closed) return HAL_CLOSED;
+    if (m_closed) {
+        return HAL_CLOSED;
+    }
     // Handles grow, so the map's order is the listing's.
-    for (const auto& [handle, entry] : fresh) *entries++ = ToPointer(handle);
+    for (const auto& [handle, entry] : fresh) {
+        *entries++ = ToPointer(handle);
+    }
     m_entries.merge(fresh);
     return HAL_OK;
 }
@@ -30,9 +36,13 @@ std::uint32_t EntryTable::Add(EntryKind kind, std::vector<Device> devices, void*
 std::uint32_t EntryTable::Remove(EntryKind kind, const void* entry) {
     Entries::node_type removed;
     const LockGuard lock(m_mutex);
-    if (m_closed) return HAL_CLOSED;
+    if (m_closed) {
+        return HAL_CLOSED;
+    }
     const auto found = m_entries.find(ToHandle(entry));
-    if (found == m_entries.end() || found->second.kind != kind) return HAL_GONE;
+    if (found == m_entries.end() || found->second.kind != kind) {
+        return HAL_GONE;
+    }
     removed = m_entries.extract(found);
     return HAL_OK;
 }

@@ -47,11 +47,17 @@ public:
     template <class BusDevice>
     std::uint32_t Find(const void* entry, std::shared_ptr<BusDevice>* device, std::uint32_t* position) const {
         const LockGuard lock(m_mutex);
-        if (m_closed) return HAL_CLOSED;
+        if (m_closed) {
+            return HAL_CLOSED;
+        }
         const auto found = m_entries.find(ToHandle(entry));
-        if (found == m_entries.end()) return HAL_GONE;
+        if (found == m_entries.end()) {
+            return HAL_GONE;
+        }
         const auto* held = std::get_if<std::shared_ptr<BusDevice>>(&found->second.device);
-        if (held == nullptr) return HAL_GONE;
+        if (held == nullptr) {
+            return HAL_GONE;
+        }
         *device = *held;
         *position = found->second.position;
         return HAL_OK;

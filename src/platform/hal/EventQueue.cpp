@@ -6,7 +6,7 @@
 
 namespace Nimbrel2::Platform {
 
-EventQueue::EventQueue() : m_events(kCapacity) {}
+EventQueue::EventQueue() : m_events(Capacity) {}
 
 void EventQueue::AddReset(TimePoint now, bool settled) {
     m_settled = settled;
@@ -23,8 +23,8 @@ void EventQueue::AddReset(TimePoint now, bool settled) {
 void EventQueue::Add(const BusEvent& event, TimePoint now, bool settled) {
     if (event.event == HAL_BUS_RESET) {
         AddReset(now, settled);
-    } else if (m_count < kCapacity) {
-        m_events[(m_head + m_count) % kCapacity] = event;
+    } else if (m_count < Capacity) {
+        m_events[(m_head + m_count) % Capacity] = event;
         ++m_count;
     } else if (!IsWaiting(event)) {
         AddReset(now, false);
@@ -33,21 +33,27 @@ void EventQueue::Add(const BusEvent& event, TimePoint now, bool settled) {
 
 EventQueue::Step EventQueue::Take(TimePoint now) {
     if (m_resetWaits) {
-        const TimePoint ripe = std::min(m_lastReset + kQuiet, m_firstReset + kLongestBurst);
-        if (now < ripe && !m_settled) return {Step::Kind::Settle, {}, ripe};
+        const TimePoint ripe = std::min(m_lastReset + Quiet, m_firstReset + LongestBurst);
+        if (now < ripe && !m_settled) {
+            return {Step::Kind::Settle, {}, ripe};
+        }
         m_resetWaits = false;
         return {Step::Kind::Deliver, {HAL_BUS_RESET, 0, 0}, {}};
     }
-    if (m_count == 0) return {};
+    if (m_count == 0) {
+        return {};
+    }
     const BusEvent event = m_events[m_head];
-    m_head = (m_head + 1) % kCapacity;
+    m_head = (m_head + 1) % Capacity;
     --m_count;
     return {Step::Kind::Deliver, event, {}};
 }
 
 bool EventQueue::IsWaiting(const BusEvent& event) const {
     for (std::size_t i = 0; i < m_count; ++i) {
-        if (m_events[(m_head + i) % kCapacity] == event) return true;
+        if (m_events[(m_head + i) % Capacity] == event) {
+            return true;
+        }
     }
     return false;
 }

@@ -29,11 +29,11 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     /// A reset is delivered once the bus has been quiet for this long,
-    static constexpr std::chrono::milliseconds kQuiet{10};
+    static constexpr std::chrono::milliseconds Quiet{10};
     /// or this long after the first reset of the burst.
-    static constexpr std::chrono::milliseconds kLongestBurst{100};
+    static constexpr std::chrono::milliseconds LongestBurst{100};
     /// Events that may wait behind the reset.
-    static constexpr std::size_t kCapacity = 1024;
+    static constexpr std::size_t Capacity = 1024;
 
     struct Step {
         enum class Kind {
@@ -48,7 +48,7 @@ public:
 
     EventQueue();
 
-    /// A bus reset merges into one that waits. Of other events at most kCapacity wait: one more that is equal to a
+    /// A bus reset merges into one that waits. Of other events at most Capacity wait: one more that is equal to a
     /// waiting one merges into it, any other is dropped and becomes a bus reset, so that whoever listens looks at the
     /// whole bus again.
     /// @param settled  Of a reset: its burst is over, nothing more needs to be waited for.

@@ -13,7 +13,9 @@ namespace {
 
 /// Base registers have no page or port; the upper eight belong to a page and a port.
 bool IsPhyRegister(std::uint32_t page, std::uint32_t port, std::uint32_t address) {
-    if (address < 8) return page == 0 && port == 0;
+    if (address < 8) {
+        return page == 0 && port == 0;
+    }
     return address < 16 && page < 8 && port < 16;
 }
 
@@ -27,7 +29,9 @@ uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddre
     return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         ConfigInfo info;
         const std::uint32_t status = device.GetConfigInfo(&info);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         *first = info.numbers[0];
         *nodeAddress = info.numbers[1];
         *serialNumber = info.numbers[2];
@@ -55,14 +59,14 @@ uint32_t HAL_1394GetNode(void* entry, uint16_t* node, uint16_t* busNumber) {
 }
 
 uint32_t HAL_1394ReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value) {
-    const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && value;
+    const bool good = IsRegisterAddress(address) && selector == DeviceOfEntry && value;
     return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         return device.ReadQuadlet(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_1394WriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags) {
-    const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && flags == 0;
+    const bool good = IsRegisterAddress(address) && selector == DeviceOfEntry && flags == 0;
     return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         return device.WriteQuadlet(WholeRegisterAddress(address), value);
     });
@@ -93,10 +97,14 @@ uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* coun
     return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) -> std::uint32_t {
         std::vector<SelfIdPacket_t> found;
         const std::uint32_t status = device.GetSelfIds(&found, busKey, generation);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         const std::uint64_t capacity = *count;
         *count = found.size();
-        if (found.size() > capacity) return HAL_INVALID_ARGUMENT;
+        if (found.size() > capacity) {
+            return HAL_INVALID_ARGUMENT;
+        }
         std::copy(found.begin(), found.end(), packets);
         return HAL_OK;
     });
@@ -107,7 +115,9 @@ uint32_t HAL_1394GetNodeSerialNumbers(void* entry, uint32_t* serialNumbers, uint
     return OnDevice<FireWireDevice>(__func__, entry, good, [&](FireWireDevice& device, std::uint32_t) {
         std::vector<std::uint32_t> found;
         const std::uint32_t status = device.GetNodeSerialNumbers(&found);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         std::copy_n(found.begin(), std::min<std::uint64_t>(found.size(), count), serialNumbers);
         return status;
     });

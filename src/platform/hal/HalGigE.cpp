@@ -17,7 +17,9 @@ uint32_t HAL_GigEGetCameraIpAddress(void* entry, uint32_t* ipAddress) {
     return OnDevice<GigEDevice>(__func__, entry, ipAddress != nullptr, [&](GigEDevice& device, std::uint32_t) {
         GvcpDiscoveryRecord record{};
         const std::uint32_t status = device.GetRecord(&record);
-        if (status == HAL_OK) *ipAddress = record.ipAddress;
+        if (status == HAL_OK) {
+            *ipAddress = record.ipAddress;
+        }
         return status;
     });
 }
@@ -30,7 +32,9 @@ uint32_t HAL_GigEGetConfigInfo(void* entry, uint32_t* macHigh, uint32_t* macLow,
     return OnDevice<GigEDevice>(__func__, entry, good, [&](GigEDevice& device, std::uint32_t) {
         GvcpDiscoveryRecord record{};
         const std::uint32_t status = device.GetRecord(&record);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         *macHigh = record.macHigh;
         *macLow = record.macLow;
         *serialNumber = LeadingNumber(FieldText(record.serialNumber));
@@ -62,7 +66,9 @@ uint32_t HAL_GigEIsInMonitorMode(void* entry, uint32_t* monitor) {
     return OnDevice<GigEDevice>(__func__, entry, monitor != nullptr, [&](GigEDevice& device, std::uint32_t) {
         bool monitored = false;
         const std::uint32_t status = device.IsInMonitorMode(&monitored);
-        if (status == HAL_OK) *monitor = monitored ? 1 : 0;
+        if (status == HAL_OK) {
+            *monitor = monitored ? 1 : 0;
+        }
         return status;
     });
 }
@@ -82,10 +88,14 @@ uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count) {
     return InSession(__func__, good, [&](Session& session) -> std::uint32_t {
         GigEDiscovery discovery;
         const std::uint32_t status = session.GigE().Discover(std::nullopt, &discovery);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         const std::uint32_t capacity = *count;
         *count = static_cast<std::uint32_t>(discovery.cameras.size());
-        if (*count > capacity) return HAL_ARRAY_TOO_SMALL;
+        if (*count > capacity) {
+            return HAL_ARRAY_TOO_SMALL;
+        }
         std::transform(discovery.cameras.begin(), discovery.cameras.end(), records,
                        [](const CameraDiagnosis& camera) { return camera.record; });
         return HAL_OK;
@@ -95,7 +105,9 @@ uint32_t HAL_GvcpDiscovery(GvcpDiscoveryRecord* records, uint32_t* count) {
 uint32_t HAL_GvcpForceIp(uint32_t macHigh, uint32_t macLow, uint32_t ipAddress, uint32_t subnetMask, uint32_t gateway) {
     return InSession(__func__, macHigh <= 0xFFFF, [&](Session& session) {
         const std::uint32_t status = CheckCameraAddress(ipAddress, subnetMask, gateway);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         ForceIpResult result;
         return session.GigE().ForceAddress({std::uint64_t{macHigh} << 32 | macLow, ipAddress, subnetMask, gateway},
                                            &result);
@@ -107,8 +119,12 @@ namespace {
 std::uint32_t ForceIpAutomatically(Session& session, std::optional<std::uint32_t> serialNumber) {
     std::vector<AddressPlan> plans;
     const std::uint32_t status = session.GigE().PlanAddresses(serialNumber, &plans);
-    if (status != HAL_OK) return status;
-    if (serialNumber && plans.size() > 1) return HAL_AMBIGUOUS;
+    if (status != HAL_OK) {
+        return status;
+    }
+    if (serialNumber && plans.size() > 1) {
+        return HAL_AMBIGUOUS;
+    }
     return session.GigE().ApplyAddresses(&plans);
 }
 

@@ -40,7 +40,9 @@ std::uint32_t HandOut(Session& session, EntryKind kind, const Found<Device>& fou
     const auto number = static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(found.size(), capacity));
     std::vector<EntryTable::Device> devices(found.begin(), found.begin() + number);
     const std::uint32_t status = session.Entries().Add(kind, std::move(devices), entries);
-    if (status == HAL_OK) *count = static_cast<std::uint64_t>(number);
+    if (status == HAL_OK) {
+        *count = static_cast<std::uint64_t>(number);
+    }
     return status;
 }
 
@@ -51,8 +53,12 @@ std::uint32_t ListAndHandOut(Session& session, BusEvents& events, BusEvents::Lis
     BusEvents::ListingInProgress inProgress(events, kindOfListing);
     Listing<Device> listing;
     std::uint32_t status = list(&listing);
-    if (status == HAL_OK) status = HandOut(session, kind, listing.devices, *count, entries, count);
-    if (status == HAL_OK) inProgress.Succeeded(std::move(listing.state));
+    if (status == HAL_OK) {
+        status = HandOut(session, kind, listing.devices, *count, entries, count);
+    }
+    if (status == HAL_OK) {
+        inProgress.Succeeded(std::move(listing.state));
+    }
     return status;
 }
 
@@ -78,7 +84,9 @@ uint32_t HAL_1394GetVirtualCameras(void** entries, const uint64_t* serialNumbers
         const std::vector<std::uint64_t> taken(serialNumbers, serialNumbers + *count);
         Found<FireWireDevice> found;
         const std::uint32_t status = session.FireWire().ListVirtualCameras(taken, &found);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         return HandOut(session, EntryKind::FireWireCamera, found, capacity, entries, count);
     });
 }
@@ -121,7 +129,9 @@ using EventsOfBus = BusEvents& (Session::*)();
 std::uint32_t Register(const char* function, EventsOfBus events, void** registration, HALBusEventFunction callback,
                        void* context) {
     // Whatever happens, the caller is left with nothing that looks like a registration but is none.
-    if (registration != nullptr) *registration = nullptr;
+    if (registration != nullptr) {
+        *registration = nullptr;
+    }
     return InSession(function, registration != nullptr && callback != nullptr,
                      [&](Session& session) { return (session.*events)().Register(callback, context, registration); });
 }

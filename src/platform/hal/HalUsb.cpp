@@ -20,7 +20,9 @@ uint32_t HAL_UsbGetConfigInfo(void* entry, uint32_t* vidPid, uint32_t* busAndAdd
     return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         ConfigInfo info;
         const std::uint32_t status = device.GetConfigInfo(&info);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         *vidPid = info.numbers[0];
         *busAndAddress = info.numbers[1];
         *serialNumber = info.numbers[2];
@@ -36,7 +38,9 @@ uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* size) {
     return OnDevice<UsbDevice>(__func__, entry, text && size, [&](UsbDevice& device, std::uint32_t) {
         std::string serial;
         const std::uint32_t status = device.GetSerialText(&serial);
-        if (status == HAL_OK) CopyText(serial, text, size);
+        if (status == HAL_OK) {
+            CopyText(serial, text, size);
+        }
         return status;
     });
 }
@@ -47,14 +51,14 @@ uint32_t HAL_UsbGetSpeed(void* entry, uint32_t* speed) {
 }
 
 uint32_t HAL_UsbReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value) {
-    const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && value;
+    const bool good = IsRegisterAddress(address) && selector == DeviceOfEntry && value;
     return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         return device.ReadRegister(WholeRegisterAddress(address), value);
     });
 }
 
 uint32_t HAL_UsbWriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value, uint32_t flags) {
-    const bool good = IsRegisterAddress(address) && selector == kDeviceOfEntry && flags == 0;
+    const bool good = IsRegisterAddress(address) && selector == DeviceOfEntry && flags == 0;
     return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) {
         return device.WriteRegister(WholeRegisterAddress(address), value);
     });
@@ -81,10 +85,14 @@ uint32_t HAL_UsbGetSelfIds(void* entry, UsbSelfId* records, uint64_t* count, uin
     return OnDevice<UsbDevice>(__func__, entry, good, [&](UsbDevice& device, std::uint32_t) -> std::uint32_t {
         std::vector<UsbSelfId> found;
         const std::uint32_t status = device.GetTree(&found, deviceId, hostKey, generation);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         const std::uint64_t capacity = *count;
         *count = found.size();
-        if (found.size() > capacity) return HAL_INVALID_ARGUMENT;
+        if (found.size() > capacity) {
+            return HAL_INVALID_ARGUMENT;
+        }
         std::copy(found.begin(), found.end(), records);
         return HAL_OK;
     });

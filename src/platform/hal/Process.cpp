@@ -22,13 +22,17 @@ bool Process::IsForked() const {
 }
 
 std::uint32_t Process::Start() {
-    if (IsForked()) return HAL_CLOSED;
+    if (IsForked()) {
+        return HAL_CLOSED;
+    }
     Options options;
     DriverFactory makeDrivers;
     ThreadStarter startThread;
     {
         const LockGuard lock(m_mutex);
-        if (m_state != State::Closed) return HAL_BUSY;
+        if (m_state != State::Closed) {
+            return HAL_BUSY;
+        }
         options = m_options;
         makeDrivers = m_makeDrivers;
         startThread = m_startThread;
@@ -48,20 +52,28 @@ std::uint32_t Process::Start() {
         throw;
     }
     // A failed session ends before anybody may start the next.
-    if (status != HAL_OK) session.reset();
+    if (status != HAL_OK) {
+        session.reset();
+    }
     const LockGuard lock(m_mutex);
     m_state = session ? State::Running : State::Closed;
-    if (!session) m_owner = 0;
+    if (!session) {
+        m_owner = 0;
+    }
     m_session = std::move(session);
     return status;
 }
 
 std::uint32_t Process::Stop() {
-    if (IsForked()) return HAL_CLOSED;
+    if (IsForked()) {
+        return HAL_CLOSED;
+    }
     std::shared_ptr<Session> session;
     {
         const LockGuard lock(m_mutex);
-        if (m_state != State::Running) return HAL_CLOSED;
+        if (m_state != State::Running) {
+            return HAL_CLOSED;
+        }
         m_state = State::Closing;
         session = std::move(m_session);
     }
@@ -76,33 +88,51 @@ std::uint32_t Process::Stop() {
 }
 
 std::shared_ptr<Session> Process::CurrentSession() {
-    if (IsForked()) return nullptr;
+    if (IsForked()) {
+        return nullptr;
+    }
     const LockGuard lock(m_mutex);
     return m_session;
 }
 
 std::uint32_t Process::SetOptions(Options options) {
-    if (IsForked()) return HAL_BUSY;
+    if (IsForked()) {
+        return HAL_BUSY;
+    }
     const LockGuard lock(m_mutex);
-    if (m_state != State::Closed) return HAL_BUSY;
+    if (m_state != State::Closed) {
+        return HAL_BUSY;
+    }
     std::swap(m_options, options);
     return HAL_OK;
 }
 
 std::uint32_t Process::SetDriverFactory(DriverFactory factory) {
-    if (IsForked()) return HAL_BUSY;
-    if (!factory) factory = &MakeDrivers;
+    if (IsForked()) {
+        return HAL_BUSY;
+    }
+    if (!factory) {
+        factory = &MakeDrivers;
+    }
     const LockGuard lock(m_mutex);
-    if (m_state != State::Closed) return HAL_BUSY;
+    if (m_state != State::Closed) {
+        return HAL_BUSY;
+    }
     m_makeDrivers.swap(factory);
     return HAL_OK;
 }
 
 std::uint32_t Process::SetThreadStarter(ThreadStarter starter) {
-    if (IsForked()) return HAL_BUSY;
-    if (!starter) starter = &StartThread;
+    if (IsForked()) {
+        return HAL_BUSY;
+    }
+    if (!starter) {
+        starter = &StartThread;
+    }
     const LockGuard lock(m_mutex);
-    if (m_state != State::Closed) return HAL_BUSY;
+    if (m_state != State::Closed) {
+        return HAL_BUSY;
+    }
     m_startThread.swap(starter);
     return HAL_OK;
 }

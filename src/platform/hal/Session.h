@@ -22,7 +22,7 @@ namespace Nimbrel2::Platform {
 class Session {
 public:
     /// How long Close waits for event callbacks in flight, all buses together.
-    static constexpr std::chrono::seconds kCallbackGrace{1};
+    static constexpr std::chrono::seconds CallbackGrace{1};
 
     explicit Session(const ThreadStarter& startThread);
     ~Session();

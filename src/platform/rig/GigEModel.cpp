@@ -338,19 +338,19 @@ ControlInfo GigEModel::ControlOf(Camera& camera, const Simulated::Endpoint& self
     ControlInfo control;
     camera.registers->ExpireControl(now);
     std::uint32_t privilege = 0;
-    const Gvcp::Status status = camera.registers->Read(self, kControlChannelPrivilege, &privilege);
+    const Gvcp::Status status = camera.registers->Read(self, ControlChannelPrivilege, &privilege);
     camera.registers->Touch(self, now);
     if (status == Gvcp::Status::AccessDenied) {
         control.state = ControlState::Exclusive;
         return control;
     }
-    if ((privilege & (Gvcp::Ccp::kControlAccess | Gvcp::Ccp::kExclusiveAccess)) == 0) {
+    if ((privilege & (Gvcp::Ccp::ControlAccess | Gvcp::Ccp::ExclusiveAccess)) == 0) {
         control.state = ControlState::Free;
         return control;
     }
     std::uint32_t port = 0;
-    camera.registers->Read(self, kPrimaryApplicationIpAddress, &control.ownerIp);
-    camera.registers->Read(self, kPrimaryApplicationPort, &port);
+    camera.registers->Read(self, PrimaryApplicationIpAddress, &control.ownerIp);
+    camera.registers->Read(self, PrimaryApplicationPort, &port);
     control.ownerPort = static_cast<std::uint16_t>(port);
     const bool ours = camera.registers->GetPrimaryApplication() == self;
     control.state = ours ? ControlState::Ours : ControlState::Controlled;
@@ -385,7 +385,7 @@ GigEDiagnosis GigEModel::Diagnose(bool askControl, std::uint16_t self, Simulated
         if (askControl && entry.listed) {
             const Simulated::Endpoint peer{m_interfaces[camera.interface].address, self};
             entry.control = ControlOf(camera, peer, now);
-            camera.registers->Read(peer, Gvcp::Register::kStreamChannelPacketSize, &entry.packetSize);
+            camera.registers->Read(peer, Gvcp::Register::StreamChannelPacketSize, &entry.packetSize);
         }
         ++diagnosis.interfaces[camera.interface].heard;
         diagnosis.cameras.push_back(entry);

@@ -196,7 +196,9 @@ BusState Rig::GigEState() const {
 }
 
 void Rig::Report(const Reports& reports, BusState (Rig::*state)() const) const noexcept {
-    if (reports.sink == nullptr) return;
+    if (reports.sink == nullptr) {
+        return;
+    }
     try {
         if (m_fast) {
             reports.sink->ReportSettled((this->*state)());

@@ -242,9 +242,15 @@ std::unique_ptr<FireWireBus> MakeRigFireWireBus(std::shared_ptr<Rig> rig, BusEve
 std::function<Drivers(const Options& options, const BusEventSinks& sinks)> MakeRigDrivers(std::shared_ptr<Rig> rig) {
     return [rig = std::move(rig)](const Options& options, const BusEventSinks& sinks) {
         Drivers drivers;
-        if (options.fireWire == Driver::Rig) drivers.fireWire = MakeRigFireWireBus(rig, sinks.fireWire);
-        if (options.usb == Driver::Rig) drivers.usb = MakeRigUsbBus(rig, sinks.usb);
-        if (options.gigE == Driver::Rig) drivers.gigE = MakeRigGigEBus(rig, sinks.gigE);
+        if (options.fireWire == Driver::Rig) {
+            drivers.fireWire = MakeRigFireWireBus(rig, sinks.fireWire);
+        }
+        if (options.usb == Driver::Rig) {
+            drivers.usb = MakeRigUsbBus(rig, sinks.usb);
+        }
+        if (options.gigE == Driver::Rig) {
+            drivers.gigE = MakeRigGigEBus(rig, sinks.gigE);
+        }
         drivers.enter = [rig](const char* function) { return rig->Enter(function); };
         return drivers;
     };

@@ -8,7 +8,7 @@ namespace Nimbrel2::Platform {
 
 namespace {
 
-using Gvcp::Register::kCurrentIpAddress;
+using Gvcp::Register::CurrentIpAddress;
 
 constexpr std::uint16_t ApplicationPort = 49152;  // from which this computer talks to every camera of a rig
 
@@ -27,7 +27,7 @@ public:
 
     std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) override {
         std::uint32_t answer = 0;
-        const bool listed = address == kCurrentIpAddress;  // what every listing asks each camera for
+        const bool listed = address == CurrentIpAddress;  // what every listing asks each camera for
         const auto read = [&](const Simulated::Endpoint& self, auto& camera) {
             return camera.registers->Read(self, address, &answer);
         };
@@ -209,7 +209,9 @@ public:
         GigEDiagnosis diagnosis;
         const std::uint32_t status = Diagnose(false, &diagnosis);
         for (const InterfaceDiagnosis& diagnosed : diagnosis.interfaces) {
-            if (!diagnosed.used) continue;
+            if (!diagnosed.used) {
+                continue;
+            }
             InterfaceHearing entry;
             entry.interface = diagnosed.interface.index;
             entry.seesWire = true;

@@ -38,7 +38,9 @@ BusMapNode NodeOf(const FireWireModel::Node& node) {
 // The port that a record's device is plugged into: the last of its route, or the root port.
 std::uint32_t PortOf(const UsbSelfId& record) {
     std::uint32_t port = record.rootPortId & 0xFF;
-    for (std::uint64_t route = record.routeString; (route & 0xF) != 0; route >>= 4) port = route & 0xF;
+    for (std::uint64_t route = record.routeString; (route & 0xF) != 0; route >>= 4) {
+        port = route & 0xF;
+    }
     return port;
 }
 
@@ -54,9 +56,13 @@ BusMapNode NodeOf(const UsbSelfId& record) {
 // Names are those of the description, which a host that is given as records has for its cameras only.
 std::vector<BusMapNode> NodesOf(const UsbModel& host) {
     std::map<std::uint32_t, BusMapNode> nodes;
-    for (const UsbSelfId& record : host.Records()) nodes.emplace(record.deviceId, NodeOf(record));
+    for (const UsbSelfId& record : host.Records()) {
+        nodes.emplace(record.deviceId, NodeOf(record));
+    }
     for (const auto& [id, node] : nodes) {
-        if (const auto above = nodes.find(*node.parent); above != nodes.end()) above->second.isHub = true;
+        if (const auto above = nodes.find(*node.parent); above != nodes.end()) {
+            above->second.isHub = true;
+        }
     }
     for (const UsbModel::Attached& attached : host.Devices()) {
         BusMapNode& entry = nodes[attached.deviceId];
@@ -64,14 +70,18 @@ std::vector<BusMapNode> NodesOf(const UsbModel& host) {
         entry.speed = attached.speed;
         entry.isHub = entry.isHub || device.kind == UsbKind::Hub;
         entry.name = NameOf(device);
-        if (device.kind != UsbKind::Camera) continue;
+        if (device.kind != UsbKind::Camera) {
+            continue;
+        }
         entry.isCamera = true;
         entry.serialNumber = UsbSerialNumber(device.vendorId, device.productId, device.serial);
         entry.vendor = device.vendor;
         entry.model = device.model;
     }
     std::vector<BusMapNode> list;
-    for (auto& [id, node] : nodes) list.push_back(std::move(node));
+    for (auto& [id, node] : nodes) {
+        list.push_back(std::move(node));
+    }
     return list;
 }
 
@@ -84,7 +94,9 @@ std::vector<BusMap> Rig::DescribeFireWire() const {
         BusMap map;
         map.bus = HAL_INTERFACE_1394;
         map.name = m_fireWireNames[i];
-        for (const FireWireModel::Node& node : m_fireWire[i].Nodes()) map.nodes.push_back(NodeOf(node));
+        for (const FireWireModel::Node& node : m_fireWire[i].Nodes()) {
+            map.nodes.push_back(NodeOf(node));
+        }
         maps.push_back(std::move(map));
     }
     return maps;

@@ -44,7 +44,7 @@ public:
     /// Whether the peer may not even read.
     bool IsLockedFor(const Endpoint& peer) const;
     bool IsControlHeld() const { return GetControlPrivilege() != 0; }
-    std::uint32_t GetControlPrivilege() const { return Peek(Gvcp::Register::kControlChannelPrivilege); }
+    std::uint32_t GetControlPrivilege() const { return Peek(Gvcp::Register::ControlChannelPrivilege); }
     /// Who holds control, if anybody does.
     std::optional<Endpoint> GetPrimaryApplication() const { return m_primary; }
     /// Gives control to somebody else, whose heartbeat never runs out.
@@ -54,9 +54,9 @@ public:
 
     // ---- IP configuration
 
-    std::uint32_t GetAddress() const { return Peek(Gvcp::Register::kCurrentIpAddress); }
-    std::uint32_t GetSubnetMask() const { return Peek(Gvcp::Register::kCurrentSubnetMask); }
-    std::uint32_t GetGateway() const { return Peek(Gvcp::Register::kCurrentDefaultGateway); }
+    std::uint32_t GetAddress() const { return Peek(Gvcp::Register::CurrentIpAddress); }
+    std::uint32_t GetSubnetMask() const { return Peek(Gvcp::Register::CurrentSubnetMask); }
+    std::uint32_t GetGateway() const { return Peek(Gvcp::Register::CurrentDefaultGateway); }
     std::uint64_t GetMac() const { return m_mac; }
     void SetIpConfiguration(std::uint32_t address, std::uint32_t subnetMask, std::uint32_t gateway);
     /// The configuration of power-up: the persistent one when it is enabled, else the first one.

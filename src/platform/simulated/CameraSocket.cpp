@@ -26,7 +26,7 @@ int SetFlag(int socket, int option) {
 }
 
 int Bind(int socket, std::uint32_t address) {
-    const sockaddr_in name = MakeAddress(address, Gvcp::kPort);
+    const sockaddr_in name = MakeAddress(address, Gvcp::Port);
     return bind(socket, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0 ? 0 : errno;
 }
 
@@ -36,23 +36,35 @@ FileDescriptor OpenUdp() { return FileDescriptor(::socket(AF_INET, SOCK_DGRAM | 
 
 int OpenCameraSocket(std::uint32_t address, FileDescriptor* socket) {
     FileDescriptor opened = OpenUdp();
-    if (!opened.IsOpen()) return errno;
+    if (!opened.IsOpen()) {
+        return errno;
+    }
     int error = SetFlag(opened.Get(), SO_BROADCAST);
-    if (error == 0) error = Bind(opened.Get(), address);
-    if (error == 0) *socket = std::move(opened);
+    if (error == 0) {
+        error = Bind(opened.Get(), address);
+    }
+    if (error == 0) {
+        *socket = std::move(opened);
+    }
     return error;
 }
 
 int OpenBroadcastSocket(const std::string& interfaceName, FileDescriptor* socket) {
     FileDescriptor opened = OpenUdp();
-    if (!opened.IsOpen()) return errno;
+    if (!opened.IsOpen()) {
+        return errno;
+    }
     int error = SetFlag(opened.Get(), SO_REUSEADDR);
     if (error == 0 && setsockopt(opened.Get(), SOL_SOCKET, SO_BINDTODEVICE, interfaceName.c_str(),
                                  static_cast<socklen_t>(interfaceName.size() + 1)) != 0) {
         error = errno;
     }
-    if (error == 0) error = Bind(opened.Get(), INADDR_BROADCAST);
-    if (error == 0) *socket = std::move(opened);
+    if (error == 0) {
+        error = Bind(opened.Get(), INADDR_BROADCAST);
+    }
+    if (error == 0) {
+        *socket = std::move(opened);
+    }
     return error;
 }
 
@@ -63,7 +75,9 @@ bool ReceiveDatagram(int socket, std::span<std::uint8_t> buffer, std::size_t* si
     do {
         received = recvfrom(socket, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&name), &nameSize);
     } while (received < 0 && errno == EINTR);
-    if (received < 0) return false;
+    if (received < 0) {
+        return false;
+    }
     *size = static_cast<std::size_t>(received);
     *peer = {ntohl(name.sin_addr.s_addr), ntohs(name.sin_port)};
     return true;

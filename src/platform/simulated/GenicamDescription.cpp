@@ -7,7 +7,7 @@
 namespace Nimbrel2::Platform::Simulated {
 namespace {
 
-constexpr std::string_view kDescription = R"xml(<?xml version="1.0" encoding="utf-8"?>
+constexpr std::string_view DescriptionText = R"xml(<?xml version="1.0" encoding="utf-8"?>
 <RegisterDescription ModelName="SimulatedGigECamera" VendorName="Nimbrel" ToolTip="A simulated GigE Vision camera"
   StandardNameSpace="GEV" SchemaMajorVersion="1" SchemaMinorVersion="1" SchemaSubMinorVersion="0" MajorVersion="1"
   MinorVersion="0" SubMinorVersion="0" ProductGuid="6F0A4C52-1B7D-4E0B-9D5C-2A9E1D3C7B10"
@@ -80,7 +80,7 @@ std::string PadToWords(std::string_view text) {
 }  // namespace
 
 std::string_view GetGenicamDescription() {
-    static const std::string* const padded = new std::string(PadToWords(kDescription));
+    static const std::string* const padded = new std::string(PadToWords(DescriptionText));
     return *padded;
 }
 

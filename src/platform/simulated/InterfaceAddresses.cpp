@@ -20,9 +20,13 @@ namespace {
 int ChangeAddress(RouteSocket::Change change, const std::string& interfaceName, std::uint32_t address,
                   std::uint32_t subnetMask) {
     const unsigned int index = if_nametoindex(interfaceName.c_str());
-    if (index == 0) return errno;
+    if (index == 0) {
+        return errno;
+    }
     RouteSocket routes;
-    if (const int error = routes.Open(); error != 0) return error;
+    if (const int error = routes.Open(); error != 0) {
+        return error;
+    }
     return routes.ChangeAddress(change, static_cast<int>(index), address,
                                 static_cast<std::uint8_t>(std::countl_one(subnetMask)));
 }
@@ -31,12 +35,16 @@ int ChangeAddress(RouteSocket::Change change, const std::string& interfaceName, 
 int KeepOtherAddresses(const std::string& interfaceName) {
     const std::string path = "/proc/sys/net/ipv4/conf/" + interfaceName + "/promote_secondaries";
     const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!file.IsOpen()) return errno;
+    if (!file.IsOpen()) {
+        return errno;
+    }
     return write(file.Get(), "1", 1) == 1 ? 0 : errno;
 }
 
 bool HasAddress(const NetworkInterface& interface, std::uint32_t address) {
-    if (interface.loopback && interface.up && address >> 24 == 127) return true;
+    if (interface.loopback && interface.up && address >> 24 == 127) {
+        return true;
+    }
     return std::any_of(interface.addresses.begin(), interface.addresses.end(),
                        [address](const InterfaceAddress& own) { return own.address == address; });
 }
@@ -46,9 +54,13 @@ bool HasAddress(const NetworkInterface& interface, std::uint32_t address) {
 std::string FindInterfaceOf(std::uint32_t address) {
     RouteSocket routes;
     std::vector<NetworkInterface> interfaces;
-    if (routes.Open() != 0 || routes.ReadInterfaces(&interfaces) != 0) return {};
+    if (routes.Open() != 0 || routes.ReadInterfaces(&interfaces) != 0) {
+        return {};
+    }
     for (const NetworkInterface& interface : interfaces) {
-        if (HasAddress(interface, address)) return interface.name;
+        if (HasAddress(interface, address)) {
+            return interface.name;
+        }
     }
     return {};
 }
@@ -59,7 +71,9 @@ int AddInterfaceAddress(const std::string& interfaceName, std::uint32_t address,
 
 int RemoveInterfaceAddress(const std::string& interfaceName, std::uint32_t address, std::uint32_t subnetMask) {
     const int error = KeepOtherAddresses(interfaceName);
-    if (error != 0) return error;
+    if (error != 0) {
+        return error;
+    }
     return ChangeAddress(RouteSocket::Change::Remove, interfaceName, address, subnetMask);
 }
 

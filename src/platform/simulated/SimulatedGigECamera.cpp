@@ -18,7 +18,7 @@ using std::chrono::milliseconds;
 namespace {
 
 /// Peers whose last command is kept; one application is the rule, a flood of them must not grow the camera.
-constexpr std::size_t kMostPeers = 8;
+constexpr std::size_t MostPeers = 8;
 
 Packet Refuse(const Gvcp::CommandHeader& header, Status status, std::span<const std::uint32_t> words = {}) {
     return Gvcp::EncodeErrorAck(Gvcp::AcknowledgeIdOf(header.id), header.requestId, status, words);
@@ -38,11 +38,15 @@ bool Covers(std::uint32_t address, std::size_t size, std::uint32_t wanted) {
 bool Touches(const DecodedCommand& command, std::uint32_t address) {
     if (const auto* read = std::get_if<Gvcp::ReadRegCommand>(&command.body)) {
         for (std::size_t i = 0; i < read->addresses.GetCount(); ++i) {
-            if (read->addresses[i] == address) return true;
+            if (read->addresses[i] == address) {
+                return true;
+            }
         }
     } else if (const auto* write = std::get_if<Gvcp::WriteRegCommand>(&command.body)) {
         for (std::size_t i = 0; i < write->GetCount(); ++i) {
-            if ((*write)[i].address == address) return true;
+            if ((*write)[i].address == address) {
+                return true;
+            }
         }
     } else if (const auto* readMemory = std::get_if<Gvcp::ReadMemCommand>(&command.body)) {
         return Covers(readMemory->address, readMemory->count, address);
@@ -75,7 +79,9 @@ void SimulatedGigECamera::PowerCycle() {
 
 std::vector<Answer> SimulatedGigECamera::Receive(Bytes datagram, const Endpoint& peer, Arrival arrival, TimePoint now) {
     ++m_statistics.received;
-    if (m_faults.silent) return {};
+    if (m_faults.silent) {
+        return {};
+    }
     if (m_random.HappensInPercent(m_faults.lossPercent)) {
         ++m_statistics.lost;
         return {};
@@ -86,12 +92,20 @@ std::vector<Answer> SimulatedGigECamera::Receive(Bytes datagram, const Endpoint&
     const bool forAll =
         command.error == DecodeError::None && (std::holds_alternative<Gvcp::DiscoveryCommand>(command.body) ||
                                                std::holds_alternative<Gvcp::ForceIpCommand>(command.body));
-    if (arrival == Arrival::Broadcast && !forAll) return {};
-    if (command.error != DecodeError::None) return AnswerMalformed(command, peer);
+    if (arrival == Arrival::Broadcast && !forAll) {
+        return {};
+    }
+    if (command.error != DecodeError::None) {
+        return AnswerMalformed(command, peer);
+    }
 
     m_registers.Touch(peer, now);
-    if (std::holds_alternative<Gvcp::DiscoveryCommand>(command.body)) return AnswerDiscovery(command, peer, arrival);
-    if (std::holds_alternative<Gvcp::ForceIpCommand>(command.body)) return AnswerForceIp(command, peer);
+    if (std::holds_alternative<Gvcp::DiscoveryCommand>(command.body)) {
+        return AnswerDiscovery(command, peer, arrival);
+    }
+    if (std::holds_alternative<Gvcp::ForceIpCommand>(command.body)) {
+        return AnswerForceIp(command, peer);
+    }
     return AnswerRegisterCommand(datagram, command, peer, now);
 }
 
@@ -113,8 +127,12 @@ std::vector<Answer> SimulatedGigECamera::AnswerMalformed(const DecodedCommand& c
             return {};  // not even a header that could be answered
     }
     ++m_statistics.executed;
-    if (!command.header.IsAcknowledgeRequired()) return {};
-    if (m_registers.IsLockedFor(peer)) status = Status::AccessDenied;
+    if (!command.header.IsAcknowledgeRequired()) {
+        return {};
+    }
+    if (m_registers.IsLockedFor(peer)) {
+        status = Status::AccessDenied;
+    }
     return Send(Refuse(command.header, status), false, milliseconds(0), false);
 }
 
@@ -122,10 +140,14 @@ std::vector<Answer> SimulatedGigECamera::AnswerDiscovery(const DecodedCommand& c
                                                          Arrival arrival) {
     ++m_statistics.discovery;
     ++m_statistics.executed;
-    if (!command.header.IsAcknowledgeRequired()) return {};
+    if (!command.header.IsAcknowledgeRequired()) {
+        return {};
+    }
     // An asker on a foreign subnet could not be reached by unicast, and must have allowed the other way.
     const bool broadcast = arrival == Arrival::Broadcast && !IsInSubnet(peer.address);
-    if (broadcast && !command.header.MayBroadcastAcknowledge()) return {};
+    if (broadcast && !command.header.MayBroadcastAcknowledge()) {
+        return {};
+    }
 
     const milliseconds delay = arrival == Arrival::Broadcast
                                    ? m_random.Between(milliseconds(0), m_registers.GetDiscoveryDelay())
@@ -140,19 +162,25 @@ std::vector<Answer> SimulatedGigECamera::AnswerDiscovery(const DecodedCommand& c
 std::vector<Answer> SimulatedGigECamera::AnswerForceIp(const DecodedCommand& command, const Endpoint& peer) {
     const auto& force = std::get<Gvcp::ForceIpCommand>(command.body);
     const std::uint64_t mac = static_cast<std::uint64_t>(force.macHigh) << 32 | force.macLow;
-    if (mac != m_registers.GetMac() || m_registers.IsControlHeld()) return {};
+    if (mac != m_registers.GetMac() || m_registers.IsControlHeld()) {
+        return {};
+    }
     const Status fault = FindFault(command);
     if (fault == Status::Success && force.ipAddress == 0) {
         ++m_statistics.executed;
         m_registers.RestartIpConfiguration();
         return {};
     }
-    if (!IsHostAddress(force.ipAddress) || !IsContiguous(force.subnetMask)) return {};
+    if (!IsHostAddress(force.ipAddress) || !IsContiguous(force.subnetMask)) {
+        return {};
+    }
     ++m_statistics.executed;
     if (fault == Status::Success) {
         m_registers.SetIpConfiguration(force.ipAddress, force.subnetMask, force.gateway);
     }
-    if (!command.header.IsAcknowledgeRequired()) return {};
+    if (!command.header.IsAcknowledgeRequired()) {
+        return {};
+    }
     const bool broadcast = command.header.MayBroadcastAcknowledge() && !IsInSubnet(peer.address);
     const Packet packet =
         fault == Status::Success ? Gvcp::EncodeForceIpAck(command.header.requestId) : Refuse(command.header, fault);
@@ -171,7 +199,9 @@ std::vector<Answer> SimulatedGigECamera::AnswerRegisterCommand(Bytes datagram, c
         answer = fault == Status::Success ? Execute(command, peer, now) : Refuse(command.header, fault);
         Remember(peer, datagram, answer);
     }
-    if (!command.header.IsAcknowledgeRequired()) return {};
+    if (!command.header.IsAcknowledgeRequired()) {
+        return {};
+    }
     return Send(answer, false, milliseconds(0), true);
 }
 
@@ -179,7 +209,9 @@ std::vector<Answer> SimulatedGigECamera::AnswerRegisterCommand(Bytes datagram, c
 
 const SimulatedGigECamera::LastCommand* SimulatedGigECamera::FindLast(const Endpoint& peer, Bytes datagram) const {
     for (const LastCommand& last : m_lastCommands) {
-        if (last.peer != peer) continue;
+        if (last.peer != peer) {
+            continue;
+        }
         return std::equal(datagram.begin(), datagram.end(), last.command.begin(), last.command.end()) ? &last : nullptr;
     }
     return nullptr;
@@ -187,7 +219,9 @@ const SimulatedGigECamera::LastCommand* SimulatedGigECamera::FindLast(const Endp
 
 void SimulatedGigECamera::Remember(const Endpoint& peer, Bytes datagram, const Packet& answer) {
     std::erase_if(m_lastCommands, [&](const LastCommand& last) { return last.peer == peer; });
-    if (m_lastCommands.size() == kMostPeers) m_lastCommands.pop_back();
+    if (m_lastCommands.size() == MostPeers) {
+        m_lastCommands.pop_back();
+    }
     m_lastCommands.push_front({peer, std::vector<std::uint8_t>(datagram.begin(), datagram.end()), answer});
 }
 
@@ -215,10 +249,12 @@ Packet SimulatedGigECamera::ReadRegisters(const Gvcp::CommandHeader& header, con
     if (count > 1 && !m_registers.HasConcatenation()) {
         return Refuse(header, m_registers.IsLockedFor(peer) ? Status::AccessDenied : Status::InvalidParameter);
     }
-    std::array<std::uint32_t, Gvcp::kMaxReadRegAddresses> values{};
+    std::array<std::uint32_t, Gvcp::MaxReadRegAddresses> values{};
     for (std::size_t i = 0; i < count; ++i) {
         const Status status = m_registers.Read(peer, body.addresses[i], &values[i]);
-        if (status != Status::Success) return Refuse(header, status, std::span(values).first(i));
+        if (status != Status::Success) {
+            return Refuse(header, status, std::span(values).first(i));
+        }
     }
     return Gvcp::EncodeReadRegAck(header.requestId, std::span(values).first(count));
 }
@@ -232,16 +268,20 @@ Packet SimulatedGigECamera::WriteRegisters(const Gvcp::CommandHeader& header, co
     for (std::uint32_t i = 0; i < count; ++i) {
         const Gvcp::RegisterWrite write = body[i];
         const Status status = m_registers.Write(peer, write.address, write.value, now);
-        if (status != Status::Success) return Refuse(header, status, std::span(&i, 1));
+        if (status != Status::Success) {
+            return Refuse(header, status, std::span(&i, 1));
+        }
     }
     return Gvcp::EncodeWriteRegAck(header.requestId, static_cast<std::uint16_t>(count));
 }
 
 Packet SimulatedGigECamera::ReadMemory(const Gvcp::CommandHeader& header, const Gvcp::ReadMemCommand& body,
                                        const Endpoint& peer) {
-    std::array<std::uint8_t, Gvcp::kMaxMemoryBytes> data;
+    std::array<std::uint8_t, Gvcp::MaxMemoryBytes> data;
     const Status status = m_registers.ReadMemory(peer, body.address, body.count, data.data());
-    if (status != Status::Success) return Refuse(header, status);
+    if (status != Status::Success) {
+        return Refuse(header, status);
+    }
     return Gvcp::EncodeReadMemAck(header.requestId, body.address, Bytes(data.data(), body.count));
 }
 
@@ -250,7 +290,9 @@ Packet SimulatedGigECamera::WriteMemory(const Gvcp::CommandHeader& header, const
     std::uint16_t written = 0;
     const Status status = m_registers.WriteMemory(peer, body.address, body.data, now, &written);
     const std::uint32_t index = written;
-    if (status != Status::Success) return Refuse(header, status, std::span(&index, 1));
+    if (status != Status::Success) {
+        return Refuse(header, status, std::span(&index, 1));
+    }
     return Gvcp::EncodeWriteMemAck(header.requestId, written);
 }
 
@@ -259,10 +301,16 @@ Packet SimulatedGigECamera::WriteMemory(const Gvcp::CommandHeader& header, const
 Status SimulatedGigECamera::FindFault(const DecodedCommand& command) {
     for (std::size_t i = 0; i < m_faults.errors.size(); ++i) {
         const ErrorRule& rule = m_faults.errors[i];
-        if (rule.command && *rule.command != command.header.id) continue;
-        if (rule.address && !Touches(command, *rule.address)) continue;
+        if (rule.command && *rule.command != command.header.id) {
+            continue;
+        }
+        if (rule.address && !Touches(command, *rule.address)) {
+            continue;
+        }
         const std::uint32_t match = ++m_ruleMatches[i];
-        if (match >= rule.first && (rule.count == 0 || match - rule.first < rule.count)) return rule.status;
+        if (match >= rule.first && (rule.count == 0 || match - rule.first < rule.count)) {
+            return rule.status;
+        }
     }
     return Status::Success;
 }
@@ -290,9 +338,13 @@ void SimulatedGigECamera::AddAnswer(Packet packet, bool broadcast, milliseconds 
         ++m_statistics.lost;
         return;
     }
-    if (m_faults.truncateTo) packet.Truncate(*m_faults.truncateTo);
+    if (m_faults.truncateTo) {
+        packet.Truncate(*m_faults.truncateTo);
+    }
     const int copies = m_random.HappensInPercent(m_faults.duplicatePercent) ? 2 : 1;
-    for (int i = 0; i < copies; ++i) answers->push_back({delay, broadcast, packet});
+    for (int i = 0; i < copies; ++i) {
+        answers->push_back({delay, broadcast, packet});
+    }
     m_statistics.answered += static_cast<std::uint64_t>(copies);
 }
 

@@ -33,13 +33,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t kLargestDatagram = 65536;
+constexpr std::size_t LargestDatagram = 65536;
 /// Datagrams taken from one socket before the others have their turn.
-constexpr int kDatagramsInTurn = 64;
+constexpr int DatagramsInTurn = 64;
 /// Answers that may wait at a time; more are lost. Keeps a flood of commands from growing the process.
-constexpr std::size_t kMostWaitingAnswers = 16384;
+constexpr std::size_t MostWaitingAnswers = 16384;
 /// How often WaitUntil looks without a packet: control may lapse, which nothing announces.
-constexpr milliseconds kLookAgain{5};
+constexpr milliseconds LookAgain{5};
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
 
@@ -155,13 +155,19 @@ private:
 
 // ---- The thread ----------------------------------------------------------------------------------------------------
 
-SimulatedGigENetwork::Server::Server(Options options) : m_options(std::move(options)), m_buffer(kLargestDatagram) {
+SimulatedGigENetwork::Server::Server(Options options) : m_options(std::move(options)), m_buffer(LargestDatagram) {
     m_epoll = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
-    if (!m_epoll.IsOpen()) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    if (!m_epoll.IsOpen()) {
+        throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    }
     m_wakeUp = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!m_wakeUp.IsOpen()) throw std::system_error(errno, std::generic_category(), "eventfd");
+    if (!m_wakeUp.IsOpen()) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
     const int error = Watch(m_wakeUp.Get(), Source::WakeUp, 0);
-    if (error != 0) throw std::system_error(error, std::generic_category(), "epoll_ctl");
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category(), "epoll_ctl");
+    }
     m_thread = StartThread("gige-simulated", [this]() noexcept { Serve(); });
 }
 
@@ -202,7 +208,9 @@ void SimulatedGigENetwork::Server::Serve() {
             m_changed.NotifyAll();
         }
         m_delivered = false;
-        if (m_exit) break;
+        if (m_exit) {
+            break;
+        }
     }
     for (auto& [id, camera] : m_cameras) {
         UnlessMemoryRunsOut([&leaving = camera] { LeaveAddress(leaving); });
@@ -210,7 +218,9 @@ void SimulatedGigENetwork::Server::Serve() {
 }
 
 int SimulatedGigENetwork::Server::GetWaitTime() const {
-    if (m_waitingAnswers.empty()) return -1;
+    if (m_waitingAnswers.empty()) {
+        return -1;
+    }
     const auto left = std::chrono::ceil<milliseconds>(m_waitingAnswers.top().due - Clock::now());
     return static_cast<int>(std::clamp<milliseconds::rep>(left.count(), 0, 60000));
 }
@@ -239,12 +249,14 @@ void SimulatedGigENetwork::Server::Run(const std::function<void()>& function) {
     m_tasks.push_back(&task);
     WakeUp();
     m_changed.Wait(lock, [&task] { return task.done; });
-    if (task.failure) std::rethrow_exception(task.failure);
+    if (task.failure) {
+        std::rethrow_exception(task.failure);
+    }
 }
 
 std::uint64_t SimulatedGigENetwork::Server::WaitForActivity(std::uint64_t seen, Clock::time_point deadline) {
     UniqueLock lock(m_mutex);
-    m_changed.WaitUntil(lock, std::min(deadline, Clock::now() + kLookAgain),
+    m_changed.WaitUntil(lock, std::min(deadline, Clock::now() + LookAgain),
                         [&]() NIMBREL2_REQUIRES(m_mutex) { return m_activity != seen; });
     return m_activity;
 }
@@ -270,23 +282,31 @@ void SimulatedGigENetwork::Server::HandleEvent(std::uint64_t tag) {
 
 void SimulatedGigENetwork::Server::DrainCamera(CameraId id) {
     Camera* camera = Find(id);
-    if (camera == nullptr) return;
+    if (camera == nullptr) {
+        return;
+    }
     std::size_t size = 0;
     Endpoint peer;
-    for (int i = 0; i < kDatagramsInTurn; ++i) {
+    for (int i = 0; i < DatagramsInTurn; ++i) {
         // The socket is looked up anew: a command may have moved the camera.
-        if (!camera->socket.IsOpen() || !ReceiveDatagram(camera->socket.Get(), m_buffer, &size, &peer)) return;
+        if (!camera->socket.IsOpen() || !ReceiveDatagram(camera->socket.Get(), m_buffer, &size, &peer)) {
+            return;
+        }
         Deliver(*camera, Gvcp::Bytes(m_buffer.data(), size), peer, Arrival::Unicast);
     }
 }
 
 void SimulatedGigENetwork::Server::DrainBroadcast(unsigned int interfaceIndex) {
     const auto found = m_broadcastSockets.find(interfaceIndex);
-    if (found == m_broadcastSockets.end()) return;
+    if (found == m_broadcastSockets.end()) {
+        return;
+    }
     std::size_t size = 0;
     Endpoint peer;
-    for (int i = 0; i < kDatagramsInTurn; ++i) {
-        if (!ReceiveDatagram(found->second.socket.Get(), m_buffer, &size, &peer)) return;
+    for (int i = 0; i < DatagramsInTurn; ++i) {
+        if (!ReceiveDatagram(found->second.socket.Get(), m_buffer, &size, &peer)) {
+            return;
+        }
         for (const CameraId id : found->second.cameras) {
             Deliver(*Find(id), Gvcp::Bytes(m_buffer.data(), size), peer, Arrival::Broadcast);
         }
@@ -302,14 +322,16 @@ void SimulatedGigENetwork::Server::Deliver(Camera& camera, Gvcp::Bytes datagram,
     for (const Answer& answer : answers) {
         if (answer.delay.count() == 0) {
             Send(camera, peer, answer);
-        } else if (m_waitingAnswers.size() < kMostWaitingAnswers) {
+        } else if (m_waitingAnswers.size() < MostWaitingAnswers) {
             m_waitingAnswers.push({now + answer.delay, ++m_answerOrder, camera.id, peer, answer});
         }
     }
 }
 
 void SimulatedGigENetwork::Server::Send(const Camera& camera, const Endpoint& peer, const Answer& answer) {
-    if (!camera.socket.IsOpen()) return;
+    if (!camera.socket.IsOpen()) {
+        return;
+    }
     if (answer.broadcast) {
         SendBroadcast(camera.socket.Get(), camera.interfaceIndex, camera.boundAddress, peer.port,
                       answer.packet.GetBytes());
@@ -323,7 +345,9 @@ void SimulatedGigENetwork::Server::SendDueAnswers() {
     while (!m_waitingAnswers.empty() && m_waitingAnswers.top().due <= now) {
         const WaitingAnswer& waiting = m_waitingAnswers.top();
         const Camera* camera = Find(waiting.camera);
-        if (camera != nullptr && !camera->model->GetFaults().silent) Send(*camera, waiting.peer, waiting.answer);
+        if (camera != nullptr && !camera->model->GetFaults().silent) {
+            Send(*camera, waiting.peer, waiting.answer);
+        }
         m_waitingAnswers.pop();
     }
 }
@@ -362,32 +386,44 @@ SimulatedGigENetwork::AddResult SimulatedGigENetwork::Server::Attach(Camera& cam
         return {0, EADDRNOTAVAIL, FormatIp(address) + ": no network interface has this address"};
     }
     camera.interfaceIndex = if_nametoindex(camera.interfaceName.c_str());
-    if (camera.interfaceIndex == 0) return {0, ENODEV, camera.interfaceName + ": no such network interface"};
+    if (camera.interfaceIndex == 0) {
+        return {0, ENODEV, camera.interfaceName + ": no such network interface"};
+    }
 
     int error = Open(camera, !interfaceName.empty());
-    if (error != 0) return {0, error, FormatIp(address) + ": " + ErrorText(error)};
+    if (error != 0) {
+        return {0, error, FormatIp(address) + ": " + ErrorText(error)};
+    }
     error = JoinBroadcasts(camera);
-    if (error != 0) return {0, error, camera.interfaceName + ": broadcasts cannot be heard: " + ErrorText(error)};
+    if (error != 0) {
+        return {0, error, camera.interfaceName + ": broadcasts cannot be heard: " + ErrorText(error)};
+    }
     return {};
 }
 
 void SimulatedGigENetwork::Server::Detach(CameraId id) {
     const auto found = m_cameras.find(id);
-    if (found == m_cameras.end()) return;
+    if (found == m_cameras.end()) {
+        return;
+    }
     LeaveBroadcasts(found->second);
     UnlessMemoryRunsOut([&] { LeaveAddress(found->second); });
     m_cameras.erase(found);
 }
 
 bool SimulatedGigENetwork::Server::RemoveCamera(CameraId id) {
-    if (Find(id) == nullptr) return false;
+    if (Find(id) == nullptr) {
+        return false;
+    }
     Detach(id);
     return true;
 }
 
 bool SimulatedGigENetwork::Server::Use(CameraId id, const std::function<void(SimulatedGigECamera&)>& function) {
     Camera* camera = Find(id);
-    if (camera == nullptr) return false;
+    if (camera == nullptr) {
+        return false;
+    }
     camera->model->GetRegisters().ExpireControl(Clock::now());
     function(*camera->model);
     FollowAddress(*camera);
@@ -408,16 +444,24 @@ int SimulatedGigENetwork::Server::Open(Camera& camera, bool mayAddAddress) {
     if (error == EADDRNOTAVAIL && mayAddAddress) {
         error = AddInterfaceAddress(camera.interfaceName, address, mask);
         camera.addressAdded = error == 0;
-        if (error == 0) error = OpenCameraSocket(address, &camera.socket);
+        if (error == 0) {
+            error = OpenCameraSocket(address, &camera.socket);
+        }
     }
-    if (error == 0) error = Watch(camera.socket.Get(), Source::Camera, camera.id);
-    if (error != 0) LeaveAddress(camera);
+    if (error == 0) {
+        error = Watch(camera.socket.Get(), Source::Camera, camera.id);
+    }
+    if (error != 0) {
+        LeaveAddress(camera);
+    }
     return error;
 }
 
 void SimulatedGigENetwork::Server::LeaveAddress(Camera& camera) {
     camera.socket.Close();
-    if (!camera.addressAdded) return;
+    if (!camera.addressAdded) {
+        return;
+    }
     // An address that cannot be taken away stays: better than losing others with it.
     (void)RemoveInterfaceAddress(camera.interfaceName, camera.boundAddress, camera.boundMask);
     camera.addressAdded = false;
@@ -427,7 +471,9 @@ void SimulatedGigENetwork::Server::FollowAddress(Camera& camera) {
     const bool sameMask = camera.model->GetRegisters().GetSubnetMask() == camera.boundMask;
     const bool same = camera.model->GetAddress() == camera.boundAddress && (sameMask || !camera.addressAdded);
     // A camera that could not have its address tries again: whoever stood in its way may be gone.
-    if (!same || !camera.problem.empty()) Move(camera);
+    if (!same || !camera.problem.empty()) {
+        Move(camera);
+    }
 }
 
 void SimulatedGigENetwork::Server::Move(Camera& camera) {
@@ -438,7 +484,9 @@ void SimulatedGigENetwork::Server::Move(Camera& camera) {
         return;
     }
     const std::string problem = FormatIp(camera.boundAddress) + " on " + camera.interfaceName + ": " + ErrorText(error);
-    if (problem != camera.problem && m_options.report) m_options.report(problem);
+    if (problem != camera.problem && m_options.report) {
+        m_options.report(problem);
+    }
     camera.problem = problem;
 }
 
@@ -446,7 +494,9 @@ int SimulatedGigENetwork::Server::JoinBroadcasts(const Camera& camera) {
     BroadcastSocket& broadcasts = m_broadcastSockets[camera.interfaceIndex];
     if (!broadcasts.socket.IsOpen()) {
         int error = OpenBroadcastSocket(camera.interfaceName, &broadcasts.socket);
-        if (error == 0) error = Watch(broadcasts.socket.Get(), Source::Broadcast, camera.interfaceIndex);
+        if (error == 0) {
+            error = Watch(broadcasts.socket.Get(), Source::Broadcast, camera.interfaceIndex);
+        }
         if (error != 0) {
             m_broadcastSockets.erase(camera.interfaceIndex);
             return error;
@@ -458,9 +508,13 @@ int SimulatedGigENetwork::Server::JoinBroadcasts(const Camera& camera) {
 
 void SimulatedGigENetwork::Server::LeaveBroadcasts(const Camera& camera) {
     const auto found = m_broadcastSockets.find(camera.interfaceIndex);
-    if (found == m_broadcastSockets.end()) return;
+    if (found == m_broadcastSockets.end()) {
+        return;
+    }
     std::erase(found->second.cameras, camera.id);
-    if (found->second.cameras.empty()) m_broadcastSockets.erase(found);
+    if (found->second.cameras.empty()) {
+        m_broadcastSockets.erase(found);
+    }
 }
 
 // ---- The other threads' side ---------------------------------------------------------------------------------------
@@ -494,8 +548,12 @@ bool SimulatedGigENetwork::WaitUntil(CameraId id, const std::function<bool(Simul
     for (;;) {
         const bool last = Clock::now() >= deadline;
         bool holds = false;
-        if (!Use(id, [&](SimulatedGigECamera& camera) { holds = condition(camera); })) return false;
-        if (holds || last) return holds;
+        if (!Use(id, [&](SimulatedGigECamera& camera) { holds = condition(camera); })) {
+            return false;
+        }
+        if (holds || last) {
+            return holds;
+        }
         seen = m_server->WaitForActivity(seen, deadline);
     }
 }

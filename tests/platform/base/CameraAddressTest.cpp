@@ -60,7 +60,9 @@ TEST(FreeAddress, IsFoundInTheLargestSubnetAsFastAsInASmallOne) {
     const InterfaceAddress everything{Ip(10, 0, 0, 1), 1, false};
     EXPECT_THAT(FindFreeAddresses(everything, {}, 12345, 8), SizeIs(8));
     const InterfaceAddress classA{Ip(10, 0, 0, 1), 8, false};
-    for (const std::uint32_t ip : FindFreeAddresses(classA, {}, 12345, 8)) EXPECT_TRUE(classA.Contains(ip));
+    for (const std::uint32_t ip : FindFreeAddresses(classA, {}, 12345, 8)) {
+        EXPECT_TRUE(classA.Contains(ip));
+    }
 }
 
 TEST(FreeAddress, GoesRoundTheEndOfTheSubnet) {

@@ -16,7 +16,7 @@ namespace {
 
 using Receipt = UeventSocket::Receipt;
 
-constexpr char kDevice[] =
+constexpr char TestDevice[] =
     "P: /devices/pci0000:00/0000:00:14.0/usb2/2-1\n"
     "E: DEVTYPE=usb_device\n"
     "E: SUBSYSTEM=usb\n"
@@ -25,7 +25,7 @@ constexpr char kDevice[] =
 
 TEST(MockedSysfs, IsReadLikeTheRealOne) {
     UMockdevTestbed* const testbed = umockdev_testbed_new();
-    ASSERT_TRUE(umockdev_testbed_add_from_string(testbed, kDevice, nullptr));
+    ASSERT_TRUE(umockdev_testbed_add_from_string(testbed, TestDevice, nullptr));
 
     SysfsDirectory devices;
     ASSERT_EQ(devices.Open("bus/usb/devices"), 0);
@@ -52,7 +52,7 @@ TEST(MockedUevents, AreHeardLikeTheRealOnes) {
     UMockdevTestbed* const testbed = umockdev_testbed_new();
     UeventSocket socket;
     ASSERT_EQ(socket.Open(), 0);
-    ASSERT_TRUE(umockdev_testbed_add_from_string(testbed, kDevice, nullptr));
+    ASSERT_TRUE(umockdev_testbed_add_from_string(testbed, TestDevice, nullptr));
     Uevent event;
     ASSERT_EQ(socket.Receive(&event), Receipt::Event);
     EXPECT_EQ(event.action, "add");

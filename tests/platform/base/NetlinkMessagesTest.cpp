@@ -190,10 +190,14 @@ TEST(NetlinkMessages, SurviveRandomBytes) {
     std::mt19937 random(77);
     for (int i = 0; i < 20000; ++i) {
         std::vector<std::uint8_t> bytes(random() % 120);
-        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random() % 3 == 0 ? random() : random() % 8);
+        for (auto& byte : bytes) {
+            byte = static_cast<std::uint8_t>(random() % 3 == 0 ? random() : random() % 8);
+        }
         Bytes rest(bytes);
         std::size_t messages = 0;
-        while (NextMessage(rest)) ++messages;
+        while (NextMessage(rest)) {
+            ++messages;
+        }
         EXPECT_LE(messages, bytes.size() / sizeof(nlmsghdr));
         const auto link = ParseLink(bytes);
         EXPECT_TRUE(!link || (link->index > 0 && !link->name.empty()));

@@ -14,20 +14,26 @@ using std::chrono::milliseconds;
 TEST(Random, IsTheSameForTheSameSeedOnEveryComputer) {
     Random first(42);
     Random second(42);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(first.Next(), second.Next());
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(first.Next(), second.Next());
+    }
     EXPECT_NE(Random(1).Next(), Random(2).Next());
 }
 
 TEST(Random, FromTheSystemIsDifferentEachTime) {
     std::set<std::uint64_t> seen;
-    for (int i = 0; i < 16; ++i) seen.insert(Random::FromSystem().Next());
+    for (int i = 0; i < 16; ++i) {
+        seen.insert(Random::FromSystem().Next());
+    }
     EXPECT_EQ(seen.size(), 16u);
 }
 
 TEST(Random, HappensAsOftenAsItSays) {
     Random random(7);
     int happened = 0;
-    for (int i = 0; i < 100000; ++i) happened += random.HappensInPercent(30) ? 1 : 0;
+    for (int i = 0; i < 100000; ++i) {
+        happened += random.HappensInPercent(30) ? 1 : 0;
+    }
     EXPECT_NEAR(happened, 30000, 1000);
     for (int i = 0; i < 100; ++i) {
         EXPECT_FALSE(random.HappensInPercent(0));

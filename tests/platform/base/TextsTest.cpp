@@ -76,7 +76,9 @@ TEST(LeadingNumber, ReadsTheDigitsAtTheStart) {
         {"4294967297", 1},                 // 2^32 + 1
         {"9999999999999999", 0x6FC0FFFF},  // 16 digits, all that a serial number field holds
     };
-    for (const auto& row : rows) EXPECT_EQ(LeadingNumber(row.text), row.number) << '"' << row.text << '"';
+    for (const auto& row : rows) {
+        EXPECT_EQ(LeadingNumber(row.text), row.number) << '"' << row.text << '"';
+    }
 }
 
 TEST(FormatMac, HasLowerCaseOctetsAndLeadingZeros) {

@@ -33,12 +33,12 @@ using namespace std::string_literals;
 using Testing::NetworkNamespace;
 using Receipt = UeventSocket::Receipt;
 
-constexpr int kMilliseconds = 10000;  // how long an event may take that is sent before it is waited for
+constexpr int EventLimit = 10000;  // how long an event may take that is sent before it is waited for
 
-const std::string kProperties =
+const std::string Properties =
     "ACTION=add\0DEVPATH=/devices/pci0000:00/0000:00:14.0/usb2/2-1\0SUBSYSTEM=usb\0MAJOR=189\0MINOR=129\0"
     "DEVNAME=bus/usb/002/002\0DEVTYPE=usb_device\0PRODUCT=2676/ba02/100\0SEQNUM=4711\0"s;
-const std::string kKernelForm = "add@/devices/pci0000:00/0000:00:14.0/usb2/2-1\0"s + kProperties;
+const std::string KernelForm = "add@/devices/pci0000:00/0000:00:14.0/usb2/2-1\0"s + Properties;
 
 template <class Word>
 void Append(std::string* text, Word word) {
@@ -80,7 +80,9 @@ TEST_P(BothForms, CutAtAnyByteTellNothingThatIsNotThere) {
     for (std::size_t size = 0; size < whole.size(); ++size) {
         const auto bytes = Bytes(whole.substr(0, size));
         const auto event = ParseUevent(bytes);
-        if (!event) continue;
+        if (!event) {
+            continue;
+        }
         EXPECT_EQ(event->devicePath, "/devices/pci0000:00/0000:00:14.0/usb2/2-1") << size;
         EXPECT_EQ(event->subsystem, "usb") << size;
         EXPECT_TRUE(event->Find("DEVTYPE").empty() || event->Find("DEVTYPE") == "usb_device") << size;
@@ -88,7 +90,7 @@ TEST_P(BothForms, CutAtAnyByteTellNothingThatIsNotThere) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Uevent, BothForms,
-                         testing::Values(std::pair{"kernel", kKernelForm}, std::pair{"udev", UdevForm(kProperties)}),
+                         testing::Values(std::pair{"kernel", KernelForm}, std::pair{"udev", UdevForm(Properties)}),
                          [](const auto& instance) { return instance.param.first; });
 
 struct BadMessage {
@@ -102,15 +104,15 @@ struct NoUevent : testing::TestWithParam<BadMessage> {};
 TEST_P(NoUevent, IsNotTakenForOne) { EXPECT_FALSE(ParseUevent(Bytes(GetParam().bytes))); }
 
 INSTANTIATE_TEST_SUITE_P(Message, NoUevent,
-                         testing::Values(BadMessage{"Empty", ""}, BadMessage{"NoHeader", kProperties},
+                         testing::Values(BadMessage{"Empty", ""}, BadMessage{"NoHeader", Properties},
                                          BadMessage{"NoZeroByte", "add@/devices/usb2"},
                                          BadMessage{"NoAction", "add@/devices/x\0DEVPATH=/devices/x\0SUBSYSTEM=usb\0"s},
                                          BadMessage{"NoPath", "add@/devices/x\0ACTION=add\0SUBSYSTEM=usb\0"s},
                                          BadMessage{"NoSubsystem", "add@/devices/x\0ACTION=add\0DEVPATH=/devices/x\0"s},
-                                         BadMessage{"WrongMagic", UdevForm(kProperties, 0xFEEDCAFF)},
-                                         BadMessage{"PropertiesBehindTheEnd", UdevForm(kProperties, 0xFEEDCAFE, 41)},
+                                         BadMessage{"WrongMagic", UdevForm(Properties, 0xFEEDCAFF)},
+                                         BadMessage{"PropertiesBehindTheEnd", UdevForm(Properties, 0xFEEDCAFE, 41)},
                                          BadMessage{"PropertiesFarBehindTheEnd",
-                                                    UdevForm(kProperties, 0xFEEDCAFE, 0xFFFFFFFF)},
+                                                    UdevForm(Properties, 0xFEEDCAFE, 0xFFFFFFFF)},
                                          BadMessage{"HeaderAlone", "libudev\0"s}),
                          [](const auto& instance) { return instance.param.name; });
 
@@ -133,9 +135,11 @@ TEST(UeventSender, IsTrustedWhenItIsTheKernelOrRoot) {
 /// Waits for the next event. Whatever else happens in the namespace is passed over.
 Receipt WaitFor(UeventSocket& socket, const std::string& action, Uevent* event) {
     pollfd poll{socket.GetFd(), POLLIN, 0};
-    while (::poll(&poll, 1, kMilliseconds) > 0) {
+    while (::poll(&poll, 1, EventLimit) > 0) {
         const Receipt receipt = socket.Receive(event);
-        if (receipt == Receipt::Lost || (receipt == Receipt::Event && event->action == action)) return receipt;
+        if (receipt == Receipt::Lost || (receipt == Receipt::Event && event->action == action)) {
+            return receipt;
+        }
     }
     return Receipt::Nothing;
 }
@@ -191,11 +195,15 @@ TEST(UeventSocketOnARealKernel, SaysThatEventsWereLostWhenItsBufferWasFull) {
     network.Run([] {
         UeventSocket socket;
         ASSERT_EQ(socket.Open(1), 0);  // the kernel makes it its least, some 2 KiB
-        for (int i = 0; i < 100; ++i) WriteUevent("add");
+        for (int i = 0; i < 100; ++i) {
+            WriteUevent("add");
+        }
         Uevent event;
         bool lost = false;
         Receipt receipt;
-        while ((receipt = socket.Receive(&event)) != Receipt::Nothing) lost = lost || receipt == Receipt::Lost;
+        while ((receipt = socket.Receive(&event)) != Receipt::Nothing) {
+            lost = lost || receipt == Receipt::Lost;
+        }
         EXPECT_TRUE(lost);
 
         WriteUevent("change");
@@ -208,10 +216,14 @@ TEST(UeventSocketOnARealKernel, KeepsAThousandEventsInItsUsualBuffer) {
     network.Run([] {
         UeventSocket socket;
         ASSERT_EQ(socket.Open(), 0);
-        for (int i = 0; i < 1000; ++i) WriteUevent("add");
+        for (int i = 0; i < 1000; ++i) {
+            WriteUevent("add");
+        }
         int heard = 0;
         Uevent event;
-        while (socket.Receive(&event) == Receipt::Event) heard += event.action == "add" ? 1 : 0;
+        while (socket.Receive(&event) == Receipt::Event) {
+            heard += event.action == "add" ? 1 : 0;
+        }
         EXPECT_EQ(heard, 1000);
     });
 }
@@ -230,7 +242,9 @@ TEST(UeventSocketOnARealKernel, HearsRootInUdevsFormAndNobodyElse) {
         ASSERT_EQ(error, 0);
         std::vector<std::string> actions;
         Uevent event;
-        while (socket.Receive(&event) != Receipt::Nothing) actions.emplace_back(event.action);
+        while (socket.Receive(&event) != Receipt::Nothing) {
+            actions.emplace_back(event.action);
+        }
         EXPECT_THAT(actions, testing::ElementsAre("true"));
     });
 }
@@ -259,7 +273,9 @@ TEST(UeventSocket, ThatIsNotOpenHearsNothing) {
 bool UeventsReachAProcessIn(int namespaces) {
     // The bare call: a process with a second thread, which a sanitizer may have made, enters no user namespace.
     const long child = ::syscall(SYS_clone, namespaces | SIGCHLD, 0, 0, 0, 0);
-    if (child == 0) ::_exit(UeventsReachUs() ? 0 : 1);
+    if (child == 0) {
+        ::_exit(UeventsReachUs() ? 0 : 1);
+    }
     EXPECT_GT(child, 0) << std::generic_category().message(errno);
     int status = 0;
     EXPECT_EQ(::waitpid(static_cast<pid_t>(child), &status, 0), child);

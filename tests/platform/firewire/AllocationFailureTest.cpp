@@ -38,9 +38,9 @@ TEST_F(FireWireAllocationFailure, OfAnOperationLeavesTheNextOneWhole) {
              return m_bus->ListDevices(&listing);
          }},
         {"GetConfigInfo", [&] { return left->GetConfigInfo(&info); }},
-        {"ReadQuadlet", [&] { return left->ReadQuadlet(kIsoEnable, &value); }},
-        {"WriteQuadlet", [&] { return left->WriteQuadlet(kIsoEnable, 1); }},
-        {"the serial number", [&] { return left->ReadQuadlet(kSerialNumber, &value); }},
+        {"ReadQuadlet", [&] { return left->ReadQuadlet(IsoEnableRegister, &value); }},
+        {"WriteQuadlet", [&] { return left->WriteQuadlet(IsoEnableRegister, 1); }},
+        {"the serial number", [&] { return left->ReadQuadlet(SerialNumberRegister, &value); }},
         {"ReadPhy", [&] { return left->ReadPhy(0, 0, 1, &value); }},
         {"GetSelfIds", [&] { return left->GetSelfIds(&packets, &key, &value); }},
         {"GetNodeSerialNumbers", [&] { return left->GetNodeSerialNumbers(&serialNumbers); }},

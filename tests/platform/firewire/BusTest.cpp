@@ -43,7 +43,7 @@ TEST_F(FireWireBusOfNodes, TellsItsSelfIdsOnceAGenerationWhoeverAsks) {
     EXPECT_EQ(right.status, HAL_OK);
     EXPECT_EQ(right.busKey, left.busKey);
     EXPECT_EQ(right.generation, left.generation);
-    EXPECT_EQ(m_computer.CountRequests("card", kTopologyMapOffset), 1u);
+    EXPECT_EQ(m_computer.CountRequests("card", TopologyMapOffset), 1u);
 }
 
 TEST_F(FireWireBusOfNodes, TellsOtherSelfIdsAndAnotherGenerationAfterAReset) {
@@ -55,7 +55,7 @@ TEST_F(FireWireBusOfNodes, TellsOtherSelfIdsAndAnotherGenerationAfterAReset) {
     EXPECT_EQ(after.busKey, before.busKey);
     EXPECT_LT(after.packets.size(), before.packets.size());
     EXPECT_EQ(ReadSelfIds(*m_right).status, HAL_GONE);
-    EXPECT_LE(m_computer.CountRequests("card", kTopologyMapOffset), 2u);
+    EXPECT_LE(m_computer.CountRequests("card", TopologyMapOffset), 2u);
 }
 
 TEST_F(FireWireBusOfNodes, ReadsItsSelfIdsAnewWhenTheBusIsResetMeanwhile) {
@@ -87,7 +87,7 @@ TEST_F(FireWireBusOfNodes, TellsTheSerialNumbersOfItsNodesByPhyId) {
 }
 
 TEST_F(FireWireBusOfNodes, HasAKeyOfItsOwn) {
-    m_computer.AddBus(Testing::FireWireBusOfCameras(1, "b."), kSecondCard);
+    m_computer.AddBus(Testing::FireWireBusOfCameras(1, "b."), SecondCard);
     ASSERT_TRUE(m_sink.WaitForDevices(4));
     const auto other = FindCamera(0x00040000);
     ASSERT_TRUE(other);
@@ -264,12 +264,12 @@ TEST_F(FireWireBusOfAUser, IsDiagnosedWithWhatMayNotBeOpened) {
     AddStandardBus();
     m_computer.Deny("card");
     m_computer.Deny("right");
-    m_computer.AddIdleController(kSecondCard);
+    m_computer.AddIdleController(SecondCard);
     const Testing::NoPermissionOverride user;
     Start();
     FireWireDiagnosis diagnosis;
     ASSERT_EQ(m_bus->Diagnose(true, &diagnosis), HAL_OK);
-    EXPECT_THAT(diagnosis.idleControllers, ElementsAre(kSecondCard));
+    EXPECT_THAT(diagnosis.idleControllers, ElementsAre(SecondCard));
     ASSERT_THAT(diagnosis.buses, SizeIs(1));
     const FireWireBusDiagnosis& bus = diagnosis.buses[0];
     EXPECT_TRUE(bus.seesResets);
@@ -285,12 +285,12 @@ TEST_F(FireWireBusOfAUser, IsDiagnosedWithWhatMayNotBeOpened) {
 }
 
 TEST_F(FireWireBusOfAUser, IsDiagnosedAsMissingWithoutTheKernelsDriver) {
-    m_computer.AddIdleController(kFirstCard);
+    m_computer.AddIdleController(FirstCard);
     Start();
     FireWireDiagnosis diagnosis;
     ASSERT_EQ(m_bus->Diagnose(true, &diagnosis), HAL_OK);
     EXPECT_FALSE(diagnosis.driverLoaded);
-    EXPECT_THAT(diagnosis.idleControllers, ElementsAre(kFirstCard));
+    EXPECT_THAT(diagnosis.idleControllers, ElementsAre(FirstCard));
     EXPECT_THAT(diagnosis.buses, IsEmpty());
 }
 

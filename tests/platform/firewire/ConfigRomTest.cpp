@@ -50,7 +50,9 @@ TEST(ConfigRom, TextsOfTheRootDirectoryServeACameraThatHasNoneOfItsOwn) {
     rom[9] = 0x8100000E;             // its text at 23
     rom[5] = 0x0005A5A5;
     rom.insert(rom.begin() + 10, 0xD1000001);
-    for (const std::size_t moved : {7u, 9u}) ++rom[moved];  // the leaves are one quadlet further away now
+    for (const std::size_t moved : {7u, 9u}) {
+        ++rom[moved];  // the leaves are one quadlet further away now
+    }
     const RomInfo info = Parse(rom);
     ASSERT_NE(info.FindCamera(), nullptr);
     EXPECT_EQ(info.GetVendor(), "Acme");
@@ -165,7 +167,7 @@ TEST(ConfigRom, ThatLeadsNowhereTellsNothingThere) {
 }
 
 TEST(ConfigRom, FullOfUnitsEnds) {
-    Quadlets rom(kMaxRomQuadlets + 40, 0xD1000001);
+    Quadlets rom(MaxRomQuadlets + 40, 0xD1000001);
     const Quadlets head = CameraRom();
     std::copy(head.begin(), head.begin() + 5, rom.begin());
     rom[5] = 0xFFFF0000;

@@ -21,7 +21,7 @@ std::vector<std::uint32_t> DiskRom() {
 
 void FireWireDriver::AddStandardBus() {
     m_computer.SetRom("disk", DiskRom());
-    m_computer.AddBus(Testing::StandardFireWireBus(), kFirstCard);
+    m_computer.AddBus(Testing::StandardFireWireBus(), FirstCard);
 }
 
 void FireWireDriver::Start() {
@@ -30,21 +30,27 @@ void FireWireDriver::Start() {
 }
 
 void FireWireDriver::Stop() {
-    if (m_bus) m_bus->Stop();
+    if (m_bus) {
+        m_bus->Stop();
+    }
     m_bus.reset();
 }
 
 Devices FireWireDriver::ListCameras(BusState* state) {
     Listing<FireWireDevice> listing;
     EXPECT_EQ(m_bus->ListCameras(&listing), HAL_OK);
-    if (state != nullptr) *state = listing.state;
+    if (state != nullptr) {
+        *state = listing.state;
+    }
     return listing.devices;
 }
 
 Devices FireWireDriver::ListDevices(BusState* state) {
     Listing<FireWireDevice> listing;
     EXPECT_EQ(m_bus->ListDevices(&listing), HAL_OK);
-    if (state != nullptr) *state = listing.state;
+    if (state != nullptr) {
+        *state = listing.state;
+    }
     return listing.devices;
 }
 
@@ -57,7 +63,9 @@ std::uint32_t FireWireDriver::SerialNumberOf(FireWireDevice& device) {
 
 std::shared_ptr<FireWireDevice> FireWireDriver::FindCamera(std::uint32_t serialNumber) {
     for (const auto& camera : ListCameras()) {
-        if (SerialNumberOf(*camera) == serialNumber) return camera;
+        if (SerialNumberOf(*camera) == serialNumber) {
+            return camera;
+        }
     }
     ADD_FAILURE() << "no camera has the serial number " << serialNumber;
     return nullptr;
@@ -65,10 +73,14 @@ std::shared_ptr<FireWireDevice> FireWireDriver::FindCamera(std::uint32_t serialN
 
 std::string FireWireDriver::Describe(FireWireDevice& device) {
     ConfigInfo info;
-    if (device.GetConfigInfo(&info) != HAL_OK) return "gone";
+    if (device.GetConfigInfo(&info) != HAL_OK) {
+        return "gone";
+    }
     std::uint16_t node = 0;
     std::uint16_t bus = 0;
-    if (device.GetNode(&node, &bus) != HAL_OK) return "gone";
+    if (device.GetNode(&node, &bus) != HAL_OK) {
+        return "gone";
+    }
     char text[256];
     std::snprintf(text, sizeof text, "%08x%08x %s/%s node %u (0x%04x) bus %u (%u) version 0x%06x", info.numbers[0],
                   info.numbers[2], info.vendor.c_str(), info.model.c_str(), node, info.numbers[1], bus, info.numbers[3],
@@ -78,14 +90,18 @@ std::string FireWireDriver::Describe(FireWireDevice& device) {
 
 std::vector<std::string> FireWireDriver::DescribeAll(const Devices& devices) {
     std::vector<std::string> texts;
-    for (const auto& device : devices) texts.push_back(Describe(*device));
+    for (const auto& device : devices) {
+        texts.push_back(Describe(*device));
+    }
     return texts;
 }
 
 bool WaitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // leaves the processor to the others
     }
     return true;

@@ -23,12 +23,12 @@
 namespace Nimbrel2::Platform::FireWire {
 
 /// Longer than anything takes on a busy machine.
-constexpr std::chrono::seconds kDeadline{20};
+constexpr std::chrono::seconds TestDeadline{20};
 
-constexpr char kFirstCard[] = "0000:06:01.0";
-constexpr char kSecondCard[] = "0000:07:01.0";
-constexpr std::uint64_t kIsoEnable = 0xFFFFF0F00614;
-constexpr std::uint64_t kSerialNumber = 0xFFFFF0000410;
+constexpr char FirstCard[] = "0000:06:01.0";
+constexpr char SecondCard[] = "0000:07:01.0";
+constexpr std::uint64_t IsoEnableRegister = 0xFFFFF0F00614;
+constexpr std::uint64_t SerialNumberRegister = 0xFFFFF0000410;
 
 /// What the driver has reported.
 class RecordingSink final : public BusEventSink {
@@ -56,7 +56,7 @@ public:
     }
     bool WaitUntil(const std::function<bool(const BusState&)>& condition) const {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kDeadline, [&] { return !m_states.empty() && condition(m_states.back()); });
+        return m_changed.wait_for(lock, TestDeadline, [&] { return !m_states.empty() && condition(m_states.back()); });
     }
     bool WaitForDevices(std::size_t number) const {
         return WaitUntil([number](const BusState& state) { return state.devices.size() == number; });
@@ -68,7 +68,9 @@ public:
 private:
     void Keep(BusState state, bool settled) {
         const std::lock_guard lock(m_mutex);
-        if (!m_states.empty() && m_states.back() == state) return;
+        if (!m_states.empty() && m_states.back() == state) {
+            return;
+        }
         m_states.push_back(std::move(state));
         m_isLastSettled = settled;
         m_changed.notify_all();

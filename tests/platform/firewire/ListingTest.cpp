@@ -9,12 +9,14 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr char kLeft[] = "0011880000031001 Acme/Zoom 1394 node 0 (0xffc0) bus 0 (0) version 0x000102";
-constexpr char kRight[] = "0011880000031002 Acme/Zoom 1394 node 1 (0xffc1) bus 0 (0) version 0x000102";
+constexpr char TestLeft[] = "0011880000031001 Acme/Zoom 1394 node 0 (0xffc0) bus 0 (0) version 0x000102";
+constexpr char TestRight[] = "0011880000031002 Acme/Zoom 1394 node 1 (0xffc1) bus 0 (0) version 0x000102";
 
 const PresentDevice* FindDevice(const BusState& state, std::uint64_t eui64) {
     for (const PresentDevice& device : state.devices) {
-        if (device.identity.ends_with("/" + std::to_string(eui64))) return &device;
+        if (device.identity.ends_with("/" + std::to_string(eui64))) {
+            return &device;
+        }
     }
     return nullptr;
 }
@@ -22,7 +24,7 @@ const PresentDevice* FindDevice(const BusState& state, std::uint64_t eui64) {
 TEST_F(FireWireDriver, ListsCamerasAndOtherNodesWithWhatTheirRomsTell) {
     AddStandardBus();
     Start();
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
     EXPECT_THAT(DescribeAll(ListDevices()),
                 ElementsAre("003094000000d15c Disco/ node 3 (0xffc3) bus 0 (0) version 0x010483"));
 }
@@ -41,7 +43,7 @@ TEST_F(FireWireDriver, FindsABusWhoseDriverIsLoadedLater) {
     EXPECT_THAT(ListCameras(), IsEmpty());
     AddStandardBus();
     EXPECT_TRUE(m_sink.WaitForDevices(3));
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
 }
 
 TEST_F(FireWireDriver, ReportsTheWordsOfDevicesAndNoneOfCameras) {
@@ -67,8 +69,8 @@ TEST_F(FireWireDriver, ListsAUnitOnTwoBusesOnEachInTheOrderOfTheControllers) {
     FireWireBusDescription first = Testing::FireWireBusOfCameras(2, "a.");
     first.phys[0].eui64 = 0x0011220000000011;
     first.phys[2].eui64 = 0x0011880000030000;
-    m_computer.AddBus(second, kSecondCard);
-    m_computer.AddBus(first, kFirstCard);
+    m_computer.AddBus(second, SecondCard);
+    m_computer.AddBus(first, FirstCard);
     Start();
     EXPECT_THAT(DescribeAll(ListCameras()),
                 ElementsAre("0011880000030000 Acme/Zoom 1394 node 1 (0xffc1) bus 1 (1) version 0x000102",
@@ -82,8 +84,10 @@ TEST_F(FireWireDriver, ListsTheWholeOfTheLargestBus) {
     FireWireBusDescription bus = Testing::FireWireBusOfCameras(60);
     ASSERT_EQ(bus.phys.size(), 63u) << "two hubs and the controller";
     // The mocking library lets a program have fifty files of devices open.
-    m_computer.AddBus(bus, kFirstCard);
-    for (int i = 40; i < 60; ++i) m_computer.Break("camera" + std::to_string(i));
+    m_computer.AddBus(bus, FirstCard);
+    for (int i = 40; i < 60; ++i) {
+        m_computer.Break("camera" + std::to_string(i));
+    }
     Start();
     EXPECT_THAT(ListCameras(), SizeIs(60));
 }
@@ -94,7 +98,7 @@ TEST_F(FireWireDriver, TakesAUnitOfAnotherKindOfTheTradeAssociationForADevice) {
                                0x0002A5A5, 0x1200A02D, 0x13010001});                        // AV/C
     AddStandardBus();
     Start();
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestRight));
     EXPECT_THAT(DescribeAll(ListDevices()),
                 ElementsAre("0011880000031001 / node 0 (0xffc0) bus 0 (0) version 0x010001",
                             "003094000000d15c Disco/ node 3 (0xffc3) bus 0 (0) version 0x010483"));
@@ -104,7 +108,7 @@ TEST_F(FireWireDriver, LeavesOutANodeWhoseRomTellsNoIdentity) {
     m_computer.SetRom("left", {0x0104A5A5, 0x00118800});
     AddStandardBus();
     Start();
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestRight));
     EXPECT_THAT(ListDevices(), SizeIs(1));
 }
 
@@ -115,7 +119,9 @@ TEST_F(FireWireDriver, OpensTheFileOfEachNodeOnceHoweverOftenItLists) {
         ListCameras();
         ListDevices();
     }
-    for (const char* phy : {"card", "left", "right", "disk"}) EXPECT_EQ(m_computer.CountClients(phy), 1u) << phy;
+    for (const char* phy : {"card", "left", "right", "disk"}) {
+        EXPECT_EQ(m_computer.CountClients(phy), 1u) << phy;
+    }
     Stop();
     for (const char* phy : {"card", "left", "right", "disk"}) {
         EXPECT_TRUE(WaitUntil([&] { return m_computer.CountClients(phy) == 0; })) << phy;
@@ -135,7 +141,7 @@ TEST_F(FireWireDriver, ReportsAnArrivalWhenTheKernelAnnouncesIt) {
     EXPECT_THAT(m_sink.GetLast().devices, SizeIs(2));
     m_computer.Announce("left");
     EXPECT_TRUE(m_sink.WaitForDevices(3));
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
 }
 
 TEST_F(FireWireDriver, ReportsADepartureAtOnceAndNotWhenTheKernelGivesUp) {
@@ -166,7 +172,7 @@ TEST_F(FireWireDriver, ListsNoNodeThatHasLeftThoughItsFileLivesOn) {
         EXPECT_THAT(state.devices, SizeIs(2));
         EXPECT_EQ(state, m_sink.GetLast()) << "a listing reports what it finds";
         m_computer.Plug("left");
-        EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+        EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
     }
 }
 
@@ -183,9 +189,9 @@ TEST_F(FireWireDriver, FindsACameraThatIsBackWithinTheKernelsGraceAsTheSameOne) 
     EXPECT_EQ(m_computer.GetFileName("left"), file);
     EXPECT_EQ(FindDevice(m_sink.GetLast(), 0x0011880000031001)->version,
               FindDevice(before, 0x0011880000031001)->version);
-    EXPECT_EQ(Describe(*left), kLeft);
+    EXPECT_EQ(Describe(*left), TestLeft);
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kSerialNumber, &value), HAL_OK);
+    EXPECT_EQ(left->ReadQuadlet(SerialNumberRegister, &value), HAL_OK);
     EXPECT_EQ(value, 0x00031001u);
 }
 
@@ -202,7 +208,7 @@ TEST_F(FireWireDriver, TakesACameraThatTheKernelHadGivenUpForAnotherVisit) {
         return device != nullptr && device->version != before;
     }));
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_OK) << "an entry finds its camera anew";
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_OK) << "an entry finds its camera anew";
 }
 
 TEST_F(FireWireDriver, TellsNodesApartThatHaveTheSameFileNameOneAfterTheOther) {
@@ -220,7 +226,7 @@ TEST_F(FireWireDriver, TellsNodesApartThatHaveTheSameFileNameOneAfterTheOther) {
                 ElementsAre("0011880000031002 Acme/Zoom 1394 node 0 (0xffc0) bus 0 (0) version 0x000102"));
     EXPECT_EQ(Describe(*left), "gone");
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kSerialNumber, &value), HAL_GONE);
+    EXPECT_EQ(left->ReadQuadlet(SerialNumberRegister, &value), HAL_GONE);
 }
 
 TEST_F(FireWireDriver, NoticesThatAHubLeavesWithAllThatIsBehindIt) {
@@ -231,7 +237,7 @@ TEST_F(FireWireDriver, NoticesThatAHubLeavesWithAllThatIsBehindIt) {
     EXPECT_THAT(ListCameras(), IsEmpty());
     m_computer.Plug("hub");
     EXPECT_TRUE(m_sink.WaitForDevices(3));
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
 }
 
 TEST_F(FireWireDriver, DoesNotMistakeANodeWhoseEventIsLateForOneThatHasLeft) {
@@ -241,10 +247,10 @@ TEST_F(FireWireDriver, DoesNotMistakeANodeWhoseEventIsLateForOneThatHasLeft) {
     m_computer.Reset("left");
     ASSERT_TRUE(m_sink.WaitForResets(1));
     EXPECT_THAT(m_sink.GetLast().devices, SizeIs(3));
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
     const std::size_t numReports = m_sink.Count();
     m_computer.HoldResetEvents("left", false);
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
     EXPECT_EQ(m_sink.Count(), numReports);
 }
 
@@ -254,7 +260,9 @@ TEST_F(FireWireDriver, ReportsEachResetAndABurstOfThemOnce) {
     const std::uint64_t before = m_sink.GetLast().resets;
     m_computer.Reset("left");
     ASSERT_TRUE(m_sink.WaitForResets(before + 1));
-    for (int i = 0; i < 20; ++i) m_computer.Reset("left");
+    for (int i = 0; i < 20; ++i) {
+        m_computer.Reset("left");
+    }
     ASSERT_TRUE(m_sink.WaitForResets(before + 2));
     ListCameras();
     // As many reports as the burst has taken tenths of a second, and by far no twenty.
@@ -264,10 +272,10 @@ TEST_F(FireWireDriver, ReportsEachResetAndABurstOfThemOnce) {
 TEST_F(FireWireDriver, NoticesThatAControllerIsTakenOut) {
     AddStandardBus();
     FireWireBusDescription other = Testing::FireWireBusOfCameras(1, "b.");
-    m_computer.AddBus(other, kSecondCard);
+    m_computer.AddBus(other, SecondCard);
     Start();
     ASSERT_THAT(ListCameras(), SizeIs(3));
-    m_computer.RemoveBus(kFirstCard);
+    m_computer.RemoveBus(FirstCard);
     EXPECT_TRUE(m_sink.WaitForDevices(1));
     EXPECT_THAT(DescribeAll(ListCameras()),
                 ElementsAre("0011880000040000 Acme/Zoom 1394 node 0 (0xffc0) bus 1 (1) version 0x000102"));
@@ -283,7 +291,7 @@ TEST_F(FireWireDriver, ListsTheTextsOfAChangedRom) {
     m_computer.ChangeRom("left", rom);
     EXPECT_TRUE(m_sink.WaitForResets(resets + 1)) << "users must enumerate anew";
     EXPECT_THAT(DescribeAll(ListCameras()),
-                ElementsAre("0011880000031001 New/ node 0 (0xffc0) bus 0 (0) version 0x000102", kRight));
+                ElementsAre("0011880000031001 New/ node 0 (0xffc0) bus 0 (0) version 0x000102", TestRight));
 }
 
 // ---- Permissions ---------------------------------------------------------------------------------------------------
@@ -293,13 +301,14 @@ TEST_F(FireWireDriver, ListsACameraThatMayNotBeOpenedWithoutItsNumbers) {
     m_computer.Deny("left");
     const Testing::NoPermissionOverride user;
     Start();
-    EXPECT_THAT(DescribeAll(ListCameras()),
-                ElementsAre("0011880000031001 Acme/Zoom 1394 node 65535 (0xffff) bus 0 (0) version 0x000102", kRight));
+    EXPECT_THAT(
+        DescribeAll(ListCameras()),
+        ElementsAre("0011880000031001 Acme/Zoom 1394 node 65535 (0xffff) bus 0 (0) version 0x000102", TestRight));
     const auto left = FindCamera(0x00031001);
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kSerialNumber, &value), HAL_PERMISSION);
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_PERMISSION);
-    EXPECT_EQ(left->WriteQuadlet(kIsoEnable, 1), HAL_PERMISSION);
+    EXPECT_EQ(left->ReadQuadlet(SerialNumberRegister, &value), HAL_PERMISSION);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_PERMISSION);
+    EXPECT_EQ(left->WriteQuadlet(IsoEnableRegister, 1), HAL_PERMISSION);
     EXPECT_EQ(left->ReadPhy(0, 0, 1, &value), HAL_PERMISSION);
     EXPECT_EQ(left->FireBusReset(), HAL_OK) << "any file of the bus will do";
 }
@@ -327,7 +336,7 @@ TEST_F(FireWireDriver, OpensAFileOnceItsPermissionsAllowItAndHasUsersEnumerateAn
     m_computer.Allow("left");
     m_computer.SendChangeUevent("left");
     EXPECT_TRUE(m_sink.WaitForResets(resets + 1));
-    EXPECT_EQ(Describe(*left), kLeft);
+    EXPECT_EQ(Describe(*left), TestLeft);
 }
 
 TEST_F(FireWireDriver, WaitsForThePermissionsThatUdevSetsAfterTheKernelHasToldOfANode) {
@@ -341,7 +350,7 @@ TEST_F(FireWireDriver, WaitsForThePermissionsThatUdevSetsAfterTheKernelHasToldOf
     ASSERT_TRUE(m_sink.WaitForDevices(3));
     const auto left = FindCamera(0x00031001);
     m_computer.Allow("left");
-    EXPECT_TRUE(WaitUntil([&] { return Describe(*left) == kLeft; }));
+    EXPECT_TRUE(WaitUntil([&] { return Describe(*left) == TestLeft; }));
 }
 
 TEST_F(FireWireDriver, NoticesDeparturesByOtherFilesWhenTheControllersOwnMayNotBeOpened) {
@@ -349,17 +358,19 @@ TEST_F(FireWireDriver, NoticesDeparturesByOtherFilesWhenTheControllersOwnMayNotB
     m_computer.Deny("card");
     const Testing::NoPermissionOverride user;
     Start();
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
     m_computer.Unplug("left");
     EXPECT_TRUE(m_sink.WaitForDevices(2));
     m_computer.Plug("left");
     EXPECT_TRUE(m_sink.WaitForDevices(3));
-    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(kLeft, kRight));
+    EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
 }
 
 TEST_F(FireWireDriver, ListsABusOfWhichNoFileMayBeOpened) {
     AddStandardBus();
-    for (const char* phy : {"card", "left", "right", "disk"}) m_computer.Deny(phy);
+    for (const char* phy : {"card", "left", "right", "disk"}) {
+        m_computer.Deny(phy);
+    }
     const Testing::NoPermissionOverride user;
     Start();
     EXPECT_THAT(DescribeAll(ListCameras()),
@@ -388,9 +399,9 @@ TEST_F(FireWireDriver, AnswersClosedAfterItsEnd) {
     EXPECT_EQ(left->GetConfigInfo(&info), HAL_CLOSED);
     EXPECT_EQ(left->GetEui64(&value, &value), HAL_CLOSED);
     EXPECT_EQ(left->GetNode(&number, &number), HAL_CLOSED);
-    EXPECT_EQ(left->ReadQuadlet(kSerialNumber, &value), HAL_CLOSED);
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_CLOSED);
-    EXPECT_EQ(left->WriteQuadlet(kIsoEnable, 0), HAL_CLOSED);
+    EXPECT_EQ(left->ReadQuadlet(SerialNumberRegister, &value), HAL_CLOSED);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_CLOSED);
+    EXPECT_EQ(left->WriteQuadlet(IsoEnableRegister, 0), HAL_CLOSED);
     EXPECT_EQ(left->ReadPhy(0, 0, 1, &value), HAL_CLOSED);
     EXPECT_EQ(left->WritePhy(0, 0, 1, 0), HAL_CLOSED);
     EXPECT_EQ(left->FireBusReset(), HAL_CLOSED);

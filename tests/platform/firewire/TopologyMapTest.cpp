@@ -22,7 +22,7 @@ std::vector<std::uint8_t> GoodMap() {
 
 TEST(TopologyMap, YieldsTheSelfIdStreamAsItWasReceived) {
     std::vector<std::uint8_t> map = GoodMap();
-    map.resize(kTopologyMapBytes);  // what is behind it counts for nothing
+    map.resize(TopologyMapBytes);  // what is behind it counts for nothing
     std::vector<SelfIdPacket_t> packets(1);
     ASSERT_EQ(ParseTopologyMap(map, &packets), HAL_OK);
     ASSERT_EQ(packets.size(), 2u);

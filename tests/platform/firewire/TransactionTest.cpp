@@ -13,16 +13,16 @@ using ::testing::SizeIs;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::uint64_t kNoRegister = 0xFFFFE0000000;
-constexpr std::uint64_t kRomHeader = 0xFFFFF0000400;
+constexpr std::uint64_t NoRegister = 0xFFFFE0000000;
+constexpr std::uint64_t RomHeader = 0xFFFFF0000400;
 
 class FireWireTransactions : public FireWireDriverOfTwoCameras {
 protected:
-    static std::uint32_t Read(FireWireDevice& device, std::uint64_t offset = kIsoEnable) {
+    static std::uint32_t Read(FireWireDevice& device, std::uint64_t offset = IsoEnableRegister) {
         std::uint32_t value = 0;
         return device.ReadQuadlet(offset, &value);
     }
-    static std::uint32_t Value(FireWireDevice& device, std::uint64_t offset = kIsoEnable) {
+    static std::uint32_t Value(FireWireDevice& device, std::uint64_t offset = IsoEnableRegister) {
         std::uint32_t value = 0;
         EXPECT_EQ(device.ReadQuadlet(offset, &value), HAL_OK);
         return value;
@@ -30,11 +30,11 @@ protected:
 };
 
 TEST_F(FireWireTransactions, ReadAndWriteRegistersInHostOrder) {
-    EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
-    EXPECT_EQ(Value(*m_left, kRomHeader) >> 24, 4u);
-    EXPECT_EQ(m_left->WriteQuadlet(kIsoEnable, 0x80000001), HAL_OK);
-    EXPECT_EQ(m_computer.GetRegister("left", kIsoEnable), 0x80000001u);
-    EXPECT_EQ(m_computer.GetRegister("right", kIsoEnable), 0u);
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
+    EXPECT_EQ(Value(*m_left, RomHeader) >> 24, 4u);
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 0x80000001), HAL_OK);
+    EXPECT_EQ(m_computer.GetRegister("left", IsoEnableRegister), 0x80000001u);
+    EXPECT_EQ(m_computer.GetRegister("right", IsoEnableRegister), 0u);
     EXPECT_EQ(Value(*m_left), 0x80000001u);
     EXPECT_EQ(Value(*m_right), 0u);
 }
@@ -42,13 +42,13 @@ TEST_F(FireWireTransactions, ReadAndWriteRegistersInHostOrder) {
 TEST_F(FireWireTransactions, ReadOtherNodesToo) {
     const Devices devices = ListDevices();
     ASSERT_THAT(devices, SizeIs(1));
-    EXPECT_EQ(Value(*devices[0], kSerialNumber), 0x0000D15Cu);
+    EXPECT_EQ(Value(*devices[0], SerialNumberRegister), 0x0000D15Cu);
 }
 
 TEST_F(FireWireTransactions, TellWhyANodeRefuses) {
-    EXPECT_EQ(Read(*m_left, kNoRegister), HAL_NO_SUCH_REGISTER);
-    EXPECT_EQ(m_left->WriteQuadlet(kNoRegister, 1), HAL_NO_SUCH_REGISTER);
-    EXPECT_EQ(m_left->WriteQuadlet(kRomHeader, 1), HAL_WRITE_PROTECTED);
+    EXPECT_EQ(Read(*m_left, NoRegister), HAL_NO_SUCH_REGISTER);
+    EXPECT_EQ(m_left->WriteQuadlet(NoRegister, 1), HAL_NO_SUCH_REGISTER);
+    EXPECT_EQ(m_left->WriteQuadlet(RomHeader, 1), HAL_WRITE_PROTECTED);
     m_computer.AnswerWith("left", RCODE_TYPE_ERROR, 1);
     EXPECT_EQ(Read(*m_left), HAL_REFUSED);
     m_computer.AnswerWith("left", RCODE_DATA_ERROR, 1);
@@ -61,25 +61,25 @@ TEST_F(FireWireTransactions, TellWhyANodeRefuses) {
 
 TEST_F(FireWireTransactions, AreRepeatedWhileANodeIsBusy) {
     for (const std::uint32_t rcode : {RCODE_BUSY, RCODE_CONFLICT_ERROR, RCODE_SEND_ERROR}) {
-        const unsigned int before = m_computer.CountRequests("left", kIsoEnable);
+        const unsigned int before = m_computer.CountRequests("left", IsoEnableRegister);
         m_computer.AnswerWith("left", rcode, 3);
         EXPECT_EQ(Read(*m_left), HAL_OK) << rcode;
-        EXPECT_EQ(m_computer.CountRequests("left", kIsoEnable), before + 4) << rcode;
+        EXPECT_EQ(m_computer.CountRequests("left", IsoEnableRegister), before + 4) << rcode;
     }
 }
 
 TEST_F(FireWireTransactions, EndWhenANodeStaysBusy) {
     m_computer.AnswerWith("left", RCODE_BUSY, 1000);
     EXPECT_EQ(Read(*m_left), HAL_BUSY);
-    EXPECT_EQ(m_computer.CountRequests("left", kIsoEnable), 11u) << "ten repetitions";
-    EXPECT_EQ(m_left->WriteQuadlet(kIsoEnable, 1), HAL_BUSY);
+    EXPECT_EQ(m_computer.CountRequests("left", IsoEnableRegister), 11u) << "ten repetitions";
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 1), HAL_BUSY);
     EXPECT_EQ(Read(*m_right), HAL_OK);
 }
 
 // ---- Generations ---------------------------------------------------------------------------------------------------
 
 TEST_F(FireWireTransactions, AreRepeatedWhenTheBusIsResetMeanwhile) {
-    m_computer.SetRegister("left", kIsoEnable, 42);
+    m_computer.SetRegister("left", IsoEnableRegister, 42);
     for (int i = 0; i < 10; ++i) {
         m_computer.ResetIn("left", Testing::FileCall::SendRequest);
         EXPECT_EQ(Value(*m_left), 42u);
@@ -89,37 +89,37 @@ TEST_F(FireWireTransactions, AreRepeatedWhenTheBusIsResetMeanwhile) {
 
 TEST_F(FireWireTransactions, UseTheGenerationOfAResetWhoseEventIsLate) {
     m_computer.HoldResetEvents("left", true);
-    m_computer.SetRegister("left", kIsoEnable, 42);
+    m_computer.SetRegister("left", IsoEnableRegister, 42);
     m_computer.Reset("left");
     EXPECT_EQ(Value(*m_left), 42u);
 }
 
 // The number of the camera that left belongs to its neighbour now.
 TEST_F(FireWireTransactions, OfACameraThatHasLeftNeverBringItsNeighboursData) {
-    m_computer.SetRegister("right", kIsoEnable, 2);
+    m_computer.SetRegister("right", IsoEnableRegister, 2);
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(m_computer.GetPhyId("left"), 0u);
         m_computer.Unplug("left");
         ASSERT_EQ(m_computer.GetPhyId("right"), 0u);
         // At once, whether or not the driver has heard of it.
         EXPECT_EQ(Read(*m_left), HAL_GONE);
-        EXPECT_EQ(Read(*m_left, kSerialNumber), HAL_GONE);
-        EXPECT_EQ(m_left->WriteQuadlet(kIsoEnable, 3), HAL_GONE);
-        EXPECT_EQ(m_computer.GetRegister("right", kIsoEnable), 2u);
+        EXPECT_EQ(Read(*m_left, SerialNumberRegister), HAL_GONE);
+        EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 3), HAL_GONE);
+        EXPECT_EQ(m_computer.GetRegister("right", IsoEnableRegister), 2u);
         EXPECT_EQ(Value(*m_right), 2u);
         m_computer.Plug("left");
-        m_computer.SetRegister("left", kIsoEnable, 1);
+        m_computer.SetRegister("left", IsoEnableRegister, 1);
         EXPECT_EQ(Value(*m_left), 1u);
-        EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
+        EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
     }
 }
 
 TEST_F(FireWireTransactions, OfACameraThatHasLeftAreNotSentToItsNeighbourEither) {
     m_computer.Unplug("left");
     ASSERT_TRUE(m_sink.WaitForDevices(2));
-    const unsigned int before = m_computer.CountRequests("right", kIsoEnable);
+    const unsigned int before = m_computer.CountRequests("right", IsoEnableRegister);
     EXPECT_EQ(Read(*m_left), HAL_GONE);
-    EXPECT_EQ(m_computer.CountRequests("right", kIsoEnable), before);
+    EXPECT_EQ(m_computer.CountRequests("right", IsoEnableRegister), before);
 }
 
 class FireWireTransactionsOfAUser : public FireWireDriver {};
@@ -131,27 +131,29 @@ TEST_F(FireWireTransactionsOfAUser, FindOutThatACameraHasLeftWithoutTheControlle
     Start();
     const auto left = FindCamera(0x00031001);
     const auto right = FindCamera(0x00031002);
-    m_computer.SetRegister("right", kIsoEnable, 2);
+    m_computer.SetRegister("right", IsoEnableRegister, 2);
     m_computer.Unplug("left");
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_GONE);
-    EXPECT_EQ(right->ReadQuadlet(kIsoEnable, &value), HAL_OK);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_GONE);
+    EXPECT_EQ(right->ReadQuadlet(IsoEnableRegister, &value), HAL_OK);
     EXPECT_EQ(value, 2u);
     m_computer.Plug("left");
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_OK);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_OK);
 }
 
 TEST_F(FireWireTransactionsOfAUser, FindOutThatTheOnlyCameraHasLeftWithoutAnyOtherFile) {
     AddStandardBus();
-    for (const char* phy : {"card", "right", "disk"}) m_computer.Deny(phy);
+    for (const char* phy : {"card", "right", "disk"}) {
+        m_computer.Deny(phy);
+    }
     const Testing::NoPermissionOverride user;
     Start();
     const auto left = FindCamera(0x00031001);
     m_computer.Unplug("left");
     std::uint32_t value = 0;
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_GONE);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_GONE);
     m_computer.Plug("left");
-    EXPECT_EQ(left->ReadQuadlet(kIsoEnable, &value), HAL_OK);
+    EXPECT_EQ(left->ReadQuadlet(IsoEnableRegister, &value), HAL_OK);
 }
 
 // ---- Time-outs -----------------------------------------------------------------------------------------------------
@@ -160,19 +162,19 @@ TEST_F(FireWireTransactions, OfAMuteNodeTimeOutAndThenAtOnceForASecond) {
     m_computer.SetMute("left", true, milliseconds(50));
     EXPECT_EQ(Read(*m_left), HAL_TIMED_OUT);
     const Clock::time_point timedOut = Clock::now();
-    const unsigned int asked = m_computer.CountRequests("left", kIsoEnable);
+    const unsigned int asked = m_computer.CountRequests("left", IsoEnableRegister);
     EXPECT_EQ(asked, 1u);
     for (int i = 0; i < 100; ++i) {
         EXPECT_EQ(Read(*m_left), HAL_TIMED_OUT);
-        EXPECT_EQ(m_left->WriteQuadlet(kIsoEnable, 1), HAL_TIMED_OUT);
+        EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 1), HAL_TIMED_OUT);
     }
     if (Clock::now() - timedOut < milliseconds(900)) {
-        EXPECT_EQ(m_computer.CountRequests("left", kIsoEnable), asked);
+        EXPECT_EQ(m_computer.CountRequests("left", IsoEnableRegister), asked);
     }
     EXPECT_EQ(Read(*m_right), HAL_OK);
     EXPECT_TRUE(WaitUntil([&] {
         Read(*m_left);
-        return m_computer.CountRequests("left", kIsoEnable) > asked;
+        return m_computer.CountRequests("left", IsoEnableRegister) > asked;
     })) << "it is asked again";
     EXPECT_GE(Clock::now() - timedOut, milliseconds(950));
 }
@@ -194,19 +196,19 @@ TEST_F(FireWireTransactions, OfAMuteNodeEndWithTheDriver) {
     m_computer.SetMute("left", true, std::chrono::hours(1));
     std::uint32_t status = HAL_OK;
     std::thread reader([&] { status = Read(*m_left); });
-    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", kIsoEnable) == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", IsoEnableRegister) == 1; }));
     m_bus->Stop();
     reader.join();
     EXPECT_EQ(status, HAL_CLOSED);
 }
 
 TEST_F(FireWireTransactions, AreRepeatedWhenAResetHasSwallowedTheAnswer) {
-    m_computer.SetRegister("left", kIsoEnable, 42);
+    m_computer.SetRegister("left", IsoEnableRegister, 42);
     m_computer.SetMute("left", true, milliseconds(200));
     std::uint32_t value = 0;
     std::uint32_t status = HAL_CLOSED;
-    std::thread reader([&] { status = m_left->ReadQuadlet(kIsoEnable, &value); });
-    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", kIsoEnable) == 1; }));
+    std::thread reader([&] { status = m_left->ReadQuadlet(IsoEnableRegister, &value); });
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", IsoEnableRegister) == 1; }));
     m_computer.SetMute("left", false);
     m_computer.Reset("left");
     reader.join();
@@ -219,7 +221,7 @@ TEST_F(FireWireTransactions, ThatWaitForACameraEndWhenItLeavesAndNotWhenTheKerne
     m_computer.SetMute("left", true, std::chrono::hours(1));
     std::uint32_t status = HAL_OK;
     std::thread reader([&] { status = Read(*m_left); });
-    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", kIsoEnable) == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", IsoEnableRegister) == 1; }));
     m_computer.Unplug("left");
     reader.join();
     EXPECT_EQ(status, HAL_GONE);
@@ -230,14 +232,14 @@ TEST_F(FireWireTransactions, ThatWaitForACameraEndWhenItLeavesAndNotWhenTheKerne
 
 TEST_F(FireWireTransactions, OfAMuteCameraAreTriedByTheDriverUntilItAnswersAndThenUsersEnumerateAnew) {
     m_computer.SetMute("left", true, milliseconds(10));
-    EXPECT_EQ(Read(*m_left, kSerialNumber), HAL_TIMED_OUT);
-    const unsigned int asked = m_computer.CountRequests("left", kSerialNumber);
-    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", kSerialNumber) > asked; }));
-    EXPECT_EQ(Read(*m_left, kSerialNumber), HAL_TIMED_OUT) << "a cycle of the bus master never waits for it";
+    EXPECT_EQ(Read(*m_left, SerialNumberRegister), HAL_TIMED_OUT);
+    const unsigned int asked = m_computer.CountRequests("left", SerialNumberRegister);
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", SerialNumberRegister) > asked; }));
+    EXPECT_EQ(Read(*m_left, SerialNumberRegister), HAL_TIMED_OUT) << "a cycle of the bus master never waits for it";
     const std::uint64_t resets = m_sink.GetLast().resets;
     m_computer.SetMute("left", false);
     EXPECT_TRUE(m_sink.WaitForResets(resets + 1));
-    EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
     EXPECT_EQ(Read(*m_left), HAL_OK);
 }
 
@@ -245,53 +247,58 @@ TEST_F(FireWireTransactions, OfAMuteCameraAreTriedByTheDriverUntilItAnswersAndTh
 
 TEST_F(FireWireTransactions, OfACycleAreOneForEachCamera) {
     const auto countRequests = [this] {
-        return m_computer.CountRequests("left", kSerialNumber) + m_computer.CountRequests("right", kSerialNumber);
+        return m_computer.CountRequests("left", SerialNumberRegister) +
+               m_computer.CountRequests("right", SerialNumberRegister);
     };
     m_computer.Reset("left");
     ASSERT_TRUE(m_sink.WaitForResets(1));
     EXPECT_TRUE(WaitUntil([&] { return countRequests() == 2; })) << "read before anybody asks";
-    EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
-    EXPECT_EQ(Value(*m_right, kSerialNumber), 0x00031002u);
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
+    EXPECT_EQ(Value(*m_right, SerialNumberRegister), 0x00031002u);
     EXPECT_EQ(countRequests(), 2u);
 }
 
 TEST_F(FireWireTransactions, OfACycleGoToTheCameraAgainAfterASecond) {
-    EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
-    EXPECT_TRUE(WaitUntil(
-        [&] { return Read(*m_left, kSerialNumber) == HAL_OK && m_computer.CountRequests("left", kSerialNumber) > 1; }));
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
+    EXPECT_TRUE(WaitUntil([&] {
+        return Read(*m_left, SerialNumberRegister) == HAL_OK &&
+               m_computer.CountRequests("left", SerialNumberRegister) > 1;
+    }));
 }
 
 TEST_F(FireWireTransactions, OfACycleAreTriedAgainForACameraThatIsBusy) {
     m_computer.AnswerWith("left", RCODE_BUSY, 3);
-    EXPECT_EQ(Value(*m_left, kSerialNumber), 0x00031001u);
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
 }
 
 class FireWireCycle : public FireWireDriver {
 protected:
-    static constexpr unsigned int kNumCameras = 16;
-    static constexpr unsigned int kNumMute = 8;
+    static constexpr unsigned int NumCameras = 16;
+    static constexpr unsigned int NumMuteCameras = 8;
     // The kernel waits two seconds for each mute camera. On a busy machine everything else takes its time too.
-    static constexpr milliseconds kWaitForOne{6000};
-    static constexpr milliseconds kNoWait{1900};
+    static constexpr milliseconds WaitForOne{6000};
+    static constexpr milliseconds NoWait{1900};
 
     void SetUp() override {
-        m_computer.AddBus(Testing::FireWireBusOfCameras(kNumCameras), kFirstCard);
+        m_computer.AddBus(Testing::FireWireBusOfCameras(NumCameras), FirstCard);
         Start();
         m_cameras = ListCameras();
-        ASSERT_THAT(m_cameras, SizeIs(kNumCameras));
-        for (unsigned int i = 0; i < kNumMute; ++i) m_computer.SetMute("camera" + std::to_string(2 * i), true);
+        ASSERT_THAT(m_cameras, SizeIs(NumCameras));
+        for (unsigned int i = 0; i < NumMuteCameras; ++i) {
+            m_computer.SetMute("camera" + std::to_string(2 * i), true);
+        }
     }
 
     /// What a cycle does on this bus, one camera after the other: it lists, and reads one register of each camera that
     /// it keeps. @return how long it took.
     milliseconds Cycle() {
         const Clock::time_point start = Clock::now();
-        EXPECT_THAT(ListCameras(), SizeIs(kNumCameras));
+        EXPECT_THAT(ListCameras(), SizeIs(NumCameras));
         ListDevices();
-        for (unsigned int i = 0; i < kNumCameras; ++i) {
+        for (unsigned int i = 0; i < NumCameras; ++i) {
             std::uint32_t value = 0;
-            const bool isMute = i % 2 == 0 && i / 2 < kNumMute;
-            EXPECT_EQ(m_cameras[i]->ReadQuadlet(kSerialNumber, &value), isMute ? HAL_TIMED_OUT : HAL_OK) << i;
+            const bool isMute = i % 2 == 0 && i / 2 < NumMuteCameras;
+            EXPECT_EQ(m_cameras[i]->ReadQuadlet(SerialNumberRegister, &value), isMute ? HAL_TIMED_OUT : HAL_OK) << i;
             if (!isMute) {
                 EXPECT_EQ(value, 0x00040000u + i);
             }
@@ -300,8 +307,8 @@ protected:
     }
     unsigned int CountRequestsToMute() const {
         unsigned int count = 0;
-        for (unsigned int i = 0; i < kNumMute; ++i) {
-            count += m_computer.CountRequests("camera" + std::to_string(2 * i), kSerialNumber);
+        for (unsigned int i = 0; i < NumMuteCameras; ++i) {
+            count += m_computer.CountRequests("camera" + std::to_string(2 * i), SerialNumberRegister);
         }
         return count;
     }
@@ -313,19 +320,19 @@ TEST_F(FireWireCycle, AfterAResetWaitsOnceForAllMuteCamerasAndThenForNone) {
     m_computer.Reset("camera0");
     ASSERT_TRUE(m_sink.WaitForResets(1));
     const milliseconds first = Cycle();
-    EXPECT_LE(first, kWaitForOne) << "the kernel's time-out of one camera; the goal on an idle computer is 3 s";
-    EXPECT_EQ(CountRequestsToMute(), kNumMute);
+    EXPECT_LE(first, WaitForOne) << "the kernel's time-out of one camera; the goal on an idle computer is 3 s";
+    EXPECT_EQ(CountRequestsToMute(), NumMuteCameras);
     const milliseconds second = Cycle();
     RecordProperty("first_ms", static_cast<int>(first.count()));
     RecordProperty("second_ms", static_cast<int>(second.count()));
-    EXPECT_LE(second, kNoWait) << "nobody is waited for; the goal on an idle computer is 50 ms";
+    EXPECT_LE(second, NoWait) << "nobody is waited for; the goal on an idle computer is 50 ms";
 }
 
 // The cycle may be that of another bus: nothing was read in advance.
 TEST_F(FireWireCycle, WithoutAResetWaitsOnceForAllMuteCamerasToo) {
-    EXPECT_LE(Cycle(), kWaitForOne);
-    EXPECT_EQ(CountRequestsToMute(), kNumMute);
-    EXPECT_LE(Cycle(), kNoWait);
+    EXPECT_LE(Cycle(), WaitForOne);
+    EXPECT_EQ(CountRequestsToMute(), NumMuteCameras);
+    EXPECT_LE(Cycle(), NoWait);
 }
 
 TEST_F(FireWireCycle, MuchLaterStillWaitsForNoCameraThatIsKnownToBeMute) {
@@ -333,27 +340,33 @@ TEST_F(FireWireCycle, MuchLaterStillWaitsForNoCameraThatIsKnownToBeMute) {
     const unsigned int asked = CountRequestsToMute();
     // The driver has tried again by itself, and waits for the kernel to give up.
     EXPECT_TRUE(WaitUntil([&] { return CountRequestsToMute() > asked; }));
-    EXPECT_LE(Cycle(), kNoWait);
+    EXPECT_LE(Cycle(), NoWait);
     m_computer.Reset("camera0");
     ASSERT_TRUE(m_sink.WaitForResets(1));
-    EXPECT_LE(Cycle(), kNoWait);
+    EXPECT_LE(Cycle(), NoWait);
 }
 
 TEST_F(FireWireTransactions, OnDifferentCamerasRunInParallel) {
-    constexpr int kRounds = 50;
+    constexpr int Rounds = 50;
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
     for (const auto& device : {m_left, m_left, m_right, m_right}) {
         threads.emplace_back([&failures, device] {
             const std::uint32_t own = SerialNumberOf(*device);
-            for (int i = 0; i < kRounds; ++i) {
+            for (int i = 0; i < Rounds; ++i) {
                 std::uint32_t value = 0;
-                if (device->ReadQuadlet(kSerialNumber, &value) != HAL_OK || value != own) ++failures;
-                if (device->ReadQuadlet(kIsoEnable, &value) != HAL_OK) ++failures;
+                if (device->ReadQuadlet(SerialNumberRegister, &value) != HAL_OK || value != own) {
+                    ++failures;
+                }
+                if (device->ReadQuadlet(IsoEnableRegister, &value) != HAL_OK) {
+                    ++failures;
+                }
             }
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     EXPECT_EQ(failures, 0);
 }
 
@@ -381,7 +394,7 @@ TEST_P(FireWireVanishing, IsAnsweredAsGoneAndMissedFromThenOn) {
     }
     EXPECT_TRUE(WaitUntil([&] { return Describe(*m_left) == "gone"; }));
     EXPECT_EQ(Read(*m_left), HAL_GONE);
-    EXPECT_EQ(m_left->WriteQuadlet(kIsoEnable, 1), HAL_GONE);
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 1), HAL_GONE);
     EXPECT_THAT(ListCameras(), SizeIs(1));
     EXPECT_EQ(Read(*m_right), HAL_OK);
     m_computer.Plug("left");

@@ -20,13 +20,13 @@ using ::testing::ElementsAre;
 using ::testing::SizeIs;
 using Request = HostileDevice::Request;
 
-constexpr std::uint64_t kMac = 0x020000000000;
+constexpr std::uint64_t CameraMac = 0x020000000000;
 
 class GigEAddresses : public GigEWireTest {
 protected:
     ForceIpResult Force(std::uint64_t mac, const std::string& ip, std::uint32_t expected = HAL_OK) {
         ForceIpResult result;
-        EXPECT_EQ(m_bus->ForceAddress({kMac + mac, Ip(ip), 0xFFFFFF00, 0}, &result), expected);
+        EXPECT_EQ(m_bus->ForceAddress({CameraMac + mac, Ip(ip), 0xFFFFFF00, 0}, &result), expected);
         return result;
     }
 
@@ -75,7 +75,9 @@ TEST_F(GigEAddresses, AreNotVerifiedByAnotherDeviceThatHasThem) {
 TEST_F(GigEAddresses, AreNotVerifiedByACameraThatAcknowledgesAndFallsSilent) {
     m_wire.Ip("addr add 192.168.77.150/24 dev c0");
     HostileDevice device(m_wire, Ip("192.168.77.150"), [](HostileDevice& self, const Request& request) {
-        if (!request.Is(MessageId::ForceIpCmd)) return;
+        if (!request.Is(MessageId::ForceIpCmd)) {
+            return;
+        }
         self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
     });
     Start({});
@@ -87,8 +89,10 @@ TEST_F(GigEAddresses, AreNotVerifiedByACameraThatAcknowledgesAndFallsSilent) {
 TEST_F(GigEAddresses, AreVerifiedEvenWhenTheAcknowledgeIsLost) {
     m_wire.Ip("addr add 192.168.77.150/24 dev c0");
     HostileDevice device(m_wire, Ip("192.168.77.150"), [](HostileDevice& self, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd)) return;
-        self.Answer(request, HostileDevice::DiscoveryAck(request, kMac + 9, Ip("192.168.77.150")));
+        if (!request.Is(MessageId::DiscoveryCmd)) {
+            return;
+        }
+        self.Answer(request, HostileDevice::DiscoveryAck(request, CameraMac + 9, Ip("192.168.77.150")));
     });
     Start({});
     ASSERT_EQ(List().size(), 1u);
@@ -105,7 +109,7 @@ TEST_F(GigEAddresses, OutsideEverySubnetAreAcknowledgedAndOutOfReach) {
     StartDriver(timings);
     ASSERT_EQ(m_listed.size(), 1u);
     ForceIpResult result;
-    EXPECT_EQ(m_driver->GetAddresses().Force({kMac + 2, Ip("172.20.0.5"), 0xFFFFFF00, 0}, &result), HAL_OK);
+    EXPECT_EQ(m_driver->GetAddresses().Force({CameraMac + 2, Ip("172.20.0.5"), 0xFFFFFF00, 0}, &result), HAL_OK);
     EXPECT_TRUE(result.acknowledged);
     EXPECT_FALSE(result.verified);
     EXPECT_TRUE(result.outOfReach);
@@ -135,8 +139,8 @@ TEST_F(GigEAddresses, AreFoundWithWhoeverHasThem) {
     EXPECT_EQ(FindHolder("192.168.77.1").interfaceName, "h0");
     const AddressHolder camera = FindHolder("192.168.77.102");
     EXPECT_EQ(camera.kind, AddressHolder::Kind::Camera);
-    EXPECT_EQ(camera.mac, kMac + 2);
-    EXPECT_EQ(FindHolder("10.9.9.9").mac, kMac + 9) << "of another subnet too";
+    EXPECT_EQ(camera.mac, CameraMac + 2);
+    EXPECT_EQ(FindHolder("10.9.9.9").mac, CameraMac + 9) << "of another subnet too";
     const AddressHolder host = FindHolder("192.168.77.100");
     EXPECT_EQ(host.kind, AddressHolder::Kind::Host);
     EXPECT_NE(host.mac, 0u);
@@ -198,8 +202,10 @@ TEST_F(GigEAddresses, OfACameraThatHasTheAddressOfThisComputerAreReplaced) {
     // Its answers to broadcasts cannot come from there; a switch that mirrors, or an address given to this computer
     // later, makes such a camera heard.
     HostileDevice device(m_wire, Ip("192.168.77.100"), [](HostileDevice& self, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd)) return;
-        self.Answer(request, HostileDevice::DiscoveryAck(request, kMac + 5, Ip("192.168.77.1")));
+        if (!request.Is(MessageId::DiscoveryCmd)) {
+            return;
+        }
+        self.Answer(request, HostileDevice::DiscoveryAck(request, CameraMac + 5, Ip("192.168.77.1")));
     });
     Start({});
     std::vector<AddressPlan> plans;
@@ -215,17 +221,23 @@ TEST_F(GigEAddresses, OfZeroAreSeenPlannedAndCured) {
     std::atomic<std::uint32_t> ip{0};
     HostileDevice device(m_wire, Ip("192.168.77.100"), [&](HostileDevice& self, const Request& request) {
         if (request.Is(MessageId::DiscoveryCmd)) {
-            if (ip != 0 && request.to != ip && request.to != 0xFFFFFFFF) return;
+            if (ip != 0 && request.to != ip && request.to != 0xFFFFFFFF) {
+                return;
+            }
             self.AnswerFrom(request, ip != 0 ? ip.load() : Ip("192.168.77.100"), 3956,
-                            HostileDevice::DiscoveryAck(request, kMac + 5, ip));
+                            HostileDevice::DiscoveryAck(request, CameraMac + 5, ip));
         } else if (request.Is(MessageId::ReadRegCmd)) {
             self.AnswerFrom(request, ip, 3956,
                             HostileDevice::ReadAck(request, request.Address() == 0x24 ? ip.load() : 0));
         } else if (request.Is(MessageId::ForceIpCmd)) {
             const auto command = Platform::Gvcp::DecodeCommand(request.bytes);
             const auto* force = std::get_if<Platform::Gvcp::ForceIpCommand>(&command.body);
-            if (force == nullptr || force->macLow != 5) return;
-            if (ip == 0) m_wire.Ip("addr add " + Platform::FormatIp(force->ipAddress) + "/24 dev c0");
+            if (force == nullptr || force->macLow != 5) {
+                return;
+            }
+            if (ip == 0) {
+                m_wire.Ip("addr add " + Platform::FormatIp(force->ipAddress) + "/24 dev c0");
+            }
             ip = force->ipAddress;
             self.AnswerFrom(request, ip, 3956,
                             HostileDevice::Bytes{0, 0, 0, 5, 0, 0, request.bytes[6], request.bytes[7]});

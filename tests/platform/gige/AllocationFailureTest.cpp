@@ -27,7 +27,9 @@ public:
     /// Waits without memory either.
     bool WaitFor(int count) const {
         const auto deadline = Clock::now() + 20s;
-        while (m_count != count && Clock::now() < deadline) std::this_thread::sleep_for(1ms);
+        while (m_count != count && Clock::now() < deadline) {
+            std::this_thread::sleep_for(1ms);
+        }
         return m_count == count;
     }
 
@@ -197,7 +199,9 @@ TEST_F(GigEAllocationFailure, OfASimulatedNetworkLosesADatagramAndNoMore) {
         const AllocationFailure failure(failing, AllocationFailure::Scope::AllThreads);
         const AllocationFailure::Pause here;
         const auto deadline = Clock::now() + 20s;
-        while (!failure.Happened() && Clock::now() < deadline) raw.WaitForAnswer("192.168.77.102", 20ms);
+        while (!failure.Happened() && Clock::now() < deadline) {
+            raw.WaitForAnswer("192.168.77.102", 20ms);
+        }
         ASSERT_TRUE(failure.Happened()) << "allocation " << failing;
         std::uint32_t value = 0;
         EXPECT_TRUE(raw.Read("192.168.77.102", 0xC, &value));
@@ -215,7 +219,9 @@ TEST_F(GigEAllocationFailure, DoesNotEndTheMonitor) {
     for (std::uint64_t failing = 1; failing <= 8; ++failing) {
         const AllocationFailure failure(failing, AllocationFailure::Scope::AllThreads);
         const auto deadline = Clock::now() + 20s;
-        while (!failure.Happened() && Clock::now() < deadline) std::this_thread::sleep_for(1ms);
+        while (!failure.Happened() && Clock::now() < deadline) {
+            std::this_thread::sleep_for(1ms);
+        }
         ASSERT_TRUE(failure.Happened()) << "allocation " << failing;
     }
     EXPECT_EQ(ListNames().size(), 1u);

@@ -11,10 +11,10 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr std::uint32_t kIp = 0xC0A84D32;  // 192.168.77.50
+constexpr std::uint32_t ProbedIp = 0xC0A84D32;  // 192.168.77.50
 
 TEST(ArpProbe, NamesNoSender) {
-    const auto packet = EncodeArpProbe(0x02005E000001, kIp);
+    const auto packet = EncodeArpProbe(0x02005E000001, ProbedIp);
     const Bytes expected{0,    1,    8,    0,    6,    4,    0,    1,              // a request, IPv4 over Ethernet
                          0x02, 0x00, 0x5E, 0x00, 0x00, 0x01, 0,    0,    0,    0,  // the asker, without its address
                          0,    0,    0,    0,    0,    0,    0xC0, 0xA8, 0x4D, 0x32};
@@ -26,12 +26,12 @@ Bytes Reply() {
             0xC0, 0xA8, 0x4D, 0x32, 0x02, 0, 0x5E, 0, 0,    1, 0, 0, 0,    0};
 }
 
-TEST(ArpProbe, TakesARepliesSenderForTheOwner) { EXPECT_EQ(ParseArpOwner(Reply(), kIp), 0x020000001234u); }
+TEST(ArpProbe, TakesARepliesSenderForTheOwner) { EXPECT_EQ(ParseArpOwner(Reply(), ProbedIp), 0x020000001234u); }
 
 TEST(ArpProbe, TakesWhoeverSpeaksForTheAddressForItsOwner) {
     Bytes request = Reply();
     request[7] = 1;
-    EXPECT_EQ(ParseArpOwner(request, kIp), 0x020000001234u) << "it asks for somebody, from that address";
+    EXPECT_EQ(ParseArpOwner(request, ProbedIp), 0x020000001234u) << "it asks for somebody, from that address";
 }
 
 struct BadPacket {
@@ -49,15 +49,15 @@ TEST(ArpProbe, IsNotAnsweredByAnythingElse) {
     for (const BadPacket& row : rows) {
         Bytes packet = Reply();
         packet[row.at] = row.value;
-        EXPECT_EQ(ParseArpOwner(packet, kIp), std::nullopt) << row.name;
+        EXPECT_EQ(ParseArpOwner(packet, ProbedIp), std::nullopt) << row.name;
     }
     const Bytes whole = Reply();
     for (std::size_t size = 0; size < whole.size(); ++size) {
-        EXPECT_EQ(ParseArpOwner({whole.data(), size}, kIp), std::nullopt) << size;
+        EXPECT_EQ(ParseArpOwner({whole.data(), size}, ProbedIp), std::nullopt) << size;
     }
     Bytes padded = whole;
     padded.resize(46);
-    EXPECT_EQ(ParseArpOwner(padded, kIp), 0x020000001234u) << "short frames are padded";
+    EXPECT_EQ(ParseArpOwner(padded, ProbedIp), 0x020000001234u) << "short frames are padded";
 }
 
 }  // namespace

@@ -17,8 +17,8 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr int kFirst = 2;
-constexpr int kSecond = 3;
+constexpr int TestFirst = 2;
+constexpr int Second = 3;
 
 GvcpDiscoveryRecord Record(std::uint64_t mac, std::uint32_t ip, const char* serial = "1") {
     GvcpDiscoveryRecord record{};
@@ -60,7 +60,9 @@ protected:
     /// Heard, asked and answered.
     void Add(int interface, const GvcpDiscoveryRecord& record) {
         for (const Probe& probe : Hear(interface, record)) {
-            if (probe.ip != record.ipAddress) continue;
+            if (probe.ip != record.ipAddress) {
+                continue;
+            }
             EXPECT_TRUE(Answer(probe, record));
         }
     }
@@ -73,14 +75,18 @@ protected:
             m_table.Tick(m_now, &probes);
             probes.insert(probes.end(), m_caused.begin(), m_caused.end());
             m_caused.clear();
-            for (const Probe& probe : probes) answer(probe);
+            for (const Probe& probe : probes) {
+                answer(probe);
+            }
         }
     }
 
     std::vector<std::uint32_t> ListedAddresses() const {
         std::vector<std::uint32_t> addresses;
         for (const auto& [key, camera] : m_table.GetCameras()) {
-            if (camera.listed != nullptr) addresses.push_back(camera.listed->ip);
+            if (camera.listed != nullptr) {
+                addresses.push_back(camera.listed->ip);
+            }
         }
         return addresses;
     }
@@ -98,10 +104,10 @@ protected:
 };
 
 TEST_F(CameraTableTest, ListsACameraOnceItHasAnsweredAtItsAddress) {
-    const auto probes = Hear(kFirst, Record(1, 101));
+    const auto probes = Hear(TestFirst, Record(1, 101));
     ASSERT_EQ(probes.size(), 1u);
     EXPECT_EQ(probes[0].ip, 101u);
-    EXPECT_EQ(probes[0].interface, kFirst);
+    EXPECT_EQ(probes[0].interface, TestFirst);
     EXPECT_EQ(probes[0].port, Port::Search);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
     EXPECT_TRUE(m_table.IsConfirming());
@@ -113,14 +119,14 @@ TEST_F(CameraTableTest, ListsACameraOnceItHasAnsweredAtItsAddress) {
 }
 
 TEST_F(CameraTableTest, TakesAnAnswerOnlyFromWhereItAsked) {
-    const Probe probe = Hear(kFirst, Record(1, 101)).at(0);
+    const Probe probe = Hear(TestFirst, Record(1, 101)).at(0);
     std::vector<Probe> probes;
     const auto heard = [&](int interface, std::uint32_t from, std::uint16_t id) {
         return m_table.HeardProbe(Port::Search, {interface, from, Record(1, 101)}, id, m_now, &probes);
     };
-    EXPECT_FALSE(heard(kSecond, 101, probe.id)) << "wrong interface";
-    EXPECT_FALSE(heard(kFirst, 102, probe.id)) << "wrong sender";
-    EXPECT_FALSE(heard(kFirst, 101, static_cast<std::uint16_t>(probe.id + 1))) << "wrong id";
+    EXPECT_FALSE(heard(Second, 101, probe.id)) << "wrong interface";
+    EXPECT_FALSE(heard(TestFirst, 102, probe.id)) << "wrong sender";
+    EXPECT_FALSE(heard(TestFirst, 101, static_cast<std::uint16_t>(probe.id + 1))) << "wrong id";
     EXPECT_FALSE(AnswerOn(Port::Verify, probe, Record(1, 101))) << "wrong port";
     EXPECT_THAT(ListedAddresses(), IsEmpty());
     EXPECT_TRUE(Answer(probe, Record(1, 101)));
@@ -129,7 +135,7 @@ TEST_F(CameraTableTest, TakesAnAnswerOnlyFromWhereItAsked) {
 }
 
 TEST_F(CameraTableTest, AsksPresentCamerasFromAPortThatNoBroadcastHasShown) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::vector<Probe> probes;
     m_table.ProbeAll(m_now, &probes);
     ASSERT_EQ(probes.size(), 1u);
@@ -139,7 +145,7 @@ TEST_F(CameraTableTest, AsksPresentCamerasFromAPortThatNoBroadcastHasShown) {
 }
 
 TEST_F(CameraTableTest, DropsACameraAfterTwoMissedRoundsAndNoSooner) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     Pass(m_timings.probePeriod + 2 * m_timings.probeRound - 10ms);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
     Pass(20ms);
@@ -148,18 +154,20 @@ TEST_F(CameraTableTest, DropsACameraAfterTwoMissedRoundsAndNoSooner) {
 }
 
 TEST_F(CameraTableTest, MissesACameraSoonThatDoesNotAnswerABroadcast) {
-    Add(kFirst, Record(1, 101));
-    m_table.Broadcasted(kFirst, m_now);
+    Add(TestFirst, Record(1, 101));
+    m_table.Broadcasted(TestFirst, m_now);
     Pass(m_timings.signWait + 2 * m_timings.probeRound + 10ms);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
 }
 
 TEST_F(CameraTableTest, KeepsACameraThatAnswersOneOfItsManyProbes) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     for (int answered = 0; answered < 12; ++answered) {
         int sent = 0;
         Pass(1700ms, [&](const Probe& probe) {
-            if (sent++ == answered) Answer(probe, Record(1, 101));
+            if (sent++ == answered) {
+                Answer(probe, Record(1, 101));
+            }
         });
         EXPECT_THAT(ListedAddresses(), ElementsAre(101)) << "answered number " << answered;
         Pass(1200ms, [&](const Probe& probe) { Answer(probe, Record(1, 101)); });
@@ -176,19 +184,21 @@ protected:
         for (const TimePoint end = m_now + 100 * m_timings.broadcastPeriod; m_now < end; m_now += 5ms) {
             if (m_now >= nextBroadcast) {
                 nextBroadcast = m_now + m_timings.broadcastPeriod;
-                m_table.Broadcasted(kFirst, m_now);
+                m_table.Broadcasted(TestFirst, m_now);
                 answerAt = m_now + delay();
                 ++packets;
             }
             if (m_now >= answerAt) {
                 answerAt = TimePoint::max();
-                Hear(kFirst, Record(1, 101));
+                Hear(TestFirst, Record(1, 101));
                 ++packets;
             }
             std::vector<Probe> probes;
             m_table.Tick(m_now, &probes);
             for (const Probe& probe : probes) {
-                if (Answer(probe, Record(1, 101))) packets += 2;
+                if (Answer(probe, Record(1, 101))) {
+                    packets += 2;
+                }
             }
         }
         EXPECT_THAT(ListedAddresses(), ElementsAre(101));
@@ -198,23 +208,23 @@ protected:
 };
 
 TEST_F(CameraTablePackets, AreFourASecondAtMostForACameraThatAnswersAtOnce) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     EXPECT_LE(Count([] { return 0ms; }) / m_seconds, 3.8);
 }
 
 TEST_F(CameraTablePackets, AreFourASecondAtMostForACameraThatTakesItsTime) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     Random random(5);
     EXPECT_LE(Count([&] { return random.Between(0ms, 1000ms); }) / m_seconds, 4.0);
 }
 
 TEST_F(CameraTablePackets, AreFourASecondAtMostForACameraThatAnswersNoBroadcast) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     EXPECT_LE(Count([] { return 1h; }) / m_seconds, 4.0);
 }
 
 TEST_F(CameraTableTest, RepeatsAProbeWithItsId) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::vector<std::uint16_t> ids;
     Pass(1500ms, [&](const Probe& probe) { ids.push_back(probe.id); });
     ASSERT_GE(ids.size(), 6u);
@@ -222,13 +232,17 @@ TEST_F(CameraTableTest, RepeatsAProbeWithItsId) {
 }
 
 TEST_F(CameraTableTest, DoesNotCountRefusedRequestsForASecondAndNoLonger) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::optional<TimePoint> first;
     const auto refuse = [&](const Probe& probe) {
-        if (!first) first = m_now;
+        if (!first) {
+            first = m_now;
+        }
         m_table.ProbeRefused(probe.id, m_now);
     };
-    while (!first) Pass(5ms, refuse);
+    while (!first) {
+        Pass(5ms, refuse);
+    }
     Pass(m_timings.refusedGrace - 10ms, refuse);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
     Pass(m_timings.probeRound + 20ms, refuse);
@@ -236,7 +250,7 @@ TEST_F(CameraTableTest, DoesNotCountRefusedRequestsForASecondAndNoLonger) {
 }
 
 TEST_F(CameraTableTest, StartsToCountAnewWhenTheNetworkTakesRequestsAgain) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     const auto refuse = [&](const Probe& probe) { m_table.ProbeRefused(probe.id, m_now); };
     Pass(m_timings.probePeriod + 800ms, refuse);
     Pass(400ms, [&](const Probe& probe) { Answer(probe, Record(1, 101)); });
@@ -245,14 +259,14 @@ TEST_F(CameraTableTest, StartsToCountAnewWhenTheNetworkTakesRequestsAgain) {
 }
 
 TEST_F(CameraTableTest, HoldsCamerasWhileTheirLinkMayComeBack) {
-    Add(kFirst, Record(1, 101));
-    m_table.PauseInterface(kFirst);
+    Add(TestFirst, Record(1, 101));
+    m_table.PauseInterface(TestFirst);
     EXPECT_TRUE(m_table.IsListedPaused());
     int sent = 0;
     Pass(5s, [&](const Probe&) { ++sent; });
     EXPECT_EQ(sent, 0);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
-    m_table.ResumeInterface(kFirst, m_now);
+    m_table.ResumeInterface(TestFirst, m_now);
     EXPECT_FALSE(m_table.IsListedPaused());
     m_table.TakeChanged();
     Pass(10ms, [&](const Probe& probe) { Answer(probe, Record(1, 101)), ++sent; });
@@ -261,15 +275,15 @@ TEST_F(CameraTableTest, HoldsCamerasWhileTheirLinkMayComeBack) {
 }
 
 TEST_F(CameraTableTest, MissesCamerasAfterTheirLinkIsBack) {
-    Add(kFirst, Record(1, 101));
-    m_table.PauseInterface(kFirst);
-    m_table.ResumeInterface(kFirst, m_now);
+    Add(TestFirst, Record(1, 101));
+    m_table.PauseInterface(TestFirst);
+    m_table.ResumeInterface(TestFirst, m_now);
     Pass(2 * m_timings.probeRound + 10ms);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
 }
 
 TEST_F(CameraTableTest, GivesACameraAWholeRoundAfterItWasStoppedItself) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     Pass(1110ms);
     m_now += 10s;
     std::vector<Probe> probes;
@@ -280,51 +294,57 @@ TEST_F(CameraTableTest, GivesACameraAWholeRoundAfterItWasStoppedItself) {
 }
 
 TEST_F(CameraTableTest, DropsWhatWasHeardOnAnInterfaceWithIt) {
-    Add(kFirst, Record(1, 101));
-    Add(kSecond, Record(2, 102));
-    m_table.DropInterface(kFirst);
+    Add(TestFirst, Record(1, 101));
+    Add(Second, Record(2, 102));
+    m_table.DropInterface(TestFirst);
     EXPECT_THAT(ListedAddresses(), ElementsAre(102));
 }
 
 TEST_F(CameraTableTest, ListsACameraHeardOnTwoInterfacesOnceAndKeepsItWhenOneGoes) {
-    Add(kFirst, Record(1, 101));
-    Add(kSecond, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
+    Add(Second, Record(1, 101));
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
-    EXPECT_EQ(m_table.Find(CameraKey{1, 0, {}})->listed->interface, kFirst);
+    EXPECT_EQ(m_table.Find(CameraKey{1, 0, {}})->listed->interface, TestFirst);
     m_table.TakeChanged();
-    m_table.DropInterface(kFirst);
+    m_table.DropInterface(TestFirst);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
-    EXPECT_EQ(m_table.Find(CameraKey{1, 0, {}})->listed->interface, kSecond);
+    EXPECT_EQ(m_table.Find(CameraKey{1, 0, {}})->listed->interface, Second);
 }
 
 TEST_F(CameraTableTest, FollowsACameraToANewAddress) {
-    Add(kFirst, Record(1, 101));
-    std::vector<Probe> probes = Hear(kFirst, Record(1, 102));
+    Add(TestFirst, Record(1, 101));
+    std::vector<Probe> probes = Hear(TestFirst, Record(1, 102));
     ASSERT_EQ(probes.size(), 2u) << "the new address and, at once, the old one";
     for (const Probe& probe : probes) {
-        if (probe.ip != 102) continue;
+        if (probe.ip != 102) {
+            continue;
+        }
         EXPECT_TRUE(Answer(probe, Record(1, 102)));
     }
     EXPECT_THAT(ListedAddresses(), ElementsAre(101)) << "until the old one has missed its rounds";
     Pass(650ms, [&](const Probe& probe) {
-        if (probe.ip == 102) Answer(probe, Record(1, 102));
+        if (probe.ip == 102) {
+            Answer(probe, Record(1, 102));
+        }
     });
     EXPECT_THAT(ListedAddresses(), ElementsAre(102));
     EXPECT_EQ(m_table.GetCameras().size(), 1u);
 }
 
 TEST_F(CameraTableTest, DoesNotLetAnotherClaimOfItsMacMoveACameraThatAnswers) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     for (int i = 0; i < 20; ++i) {
-        for (const Probe& probe : Hear(kFirst, Record(1, 102))) Answer(probe, Record(1, probe.ip));
+        for (const Probe& probe : Hear(TestFirst, Record(1, 102))) {
+            Answer(probe, Record(1, probe.ip));
+        }
         Pass(500ms, [&](const Probe& probe) { Answer(probe, Record(1, probe.ip)); });
         EXPECT_THAT(ListedAddresses(), ElementsAre(101));
     }
 }
 
 TEST_F(CameraTableTest, ListsOfTwoCamerasOnOneAddressTheOneThatAnswersThere) {
-    Add(kFirst, Record(1, 101));
-    const auto probes = Hear(kFirst, Record(2, 101));
+    Add(TestFirst, Record(1, 101));
+    const auto probes = Hear(TestFirst, Record(2, 101));
     ASSERT_EQ(probes.size(), 1u) << "the one that has the address is asked";
     EXPECT_EQ(probes[0].port, Port::Verify);
     EXPECT_TRUE(Answer(probes[0], Record(1, 101)));
@@ -336,15 +356,15 @@ TEST_F(CameraTableTest, ListsOfTwoCamerasOnOneAddressTheOneThatAnswersThere) {
 }
 
 TEST_F(CameraTableTest, GivesAnAddressToTheCameraThatTakesItOver) {
-    Add(kFirst, Record(1, 101));
-    Hear(kFirst, Record(2, 101));
+    Add(TestFirst, Record(1, 101));
+    Hear(TestFirst, Record(2, 101));
     Pass(2s, [&](const Probe& probe) { Answer(probe, Record(2, 101)); });
     EXPECT_EQ(m_table.Find(CameraKey{1, 0, {}}), nullptr);
     EXPECT_NE(ListedOf(2), nullptr);
 }
 
 TEST_F(CameraTableTest, BelievesAnotherIdentityAtAKnownAddressOnlyWhenTheKnownOneIsSilent) {
-    Add(kFirst, Record(1, 101, "A"));
+    Add(TestFirst, Record(1, 101, "A"));
     m_table.TakeChanged();
     for (int i = 0; i < 20; ++i) {
         std::vector<Probe> probes;
@@ -361,17 +381,23 @@ TEST_F(CameraTableTest, BelievesAnotherIdentityAtAKnownAddressOnlyWhenTheKnownOn
 }
 
 TEST_F(CameraTableTest, AsksAPresentCameraNowAndThenAboutWhatOthersClaim) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     int sent = 0;
     for (int i = 0; i < 200; ++i) {
-        for (const Probe& probe : Hear(kFirst, Record(1, static_cast<std::uint32_t>(1000 + i)))) {
-            if (probe.port == Port::Verify) ++sent, Answer(probe, Record(1, 101));
+        for (const Probe& probe : Hear(TestFirst, Record(1, static_cast<std::uint32_t>(1000 + i)))) {
+            if (probe.port == Port::Verify) {
+                ++sent, Answer(probe, Record(1, 101));
+            }
         }
-        for (const Probe& probe : Hear(kFirst, Record(static_cast<std::uint64_t>(1000 + i), 101))) {
-            if (probe.port == Port::Verify) ++sent, Answer(probe, Record(1, 101));
+        for (const Probe& probe : Hear(TestFirst, Record(static_cast<std::uint64_t>(1000 + i), 101))) {
+            if (probe.port == Port::Verify) {
+                ++sent, Answer(probe, Record(1, 101));
+            }
         }
         Pass(5ms, [&](const Probe& probe) {
-            if (probe.port == Port::Verify) Answer(probe, Record(1, 101));
+            if (probe.port == Port::Verify) {
+                Answer(probe, Record(1, 101));
+            }
         });
     }
     EXPECT_GE(sent, 2);
@@ -380,11 +406,11 @@ TEST_F(CameraTableTest, AsksAPresentCameraNowAndThenAboutWhatOthersClaim) {
 }
 
 TEST_F(CameraTableTest, TellsCamerasWithoutMacBySerialAndAddress) {
-    Add(kFirst, Record(0, 101, "A"));
-    Add(kFirst, Record(0, 102, "A"));
-    Add(kFirst, Record(0, 103, "B"));
+    Add(TestFirst, Record(0, 101, "A"));
+    Add(TestFirst, Record(0, 102, "A"));
+    Add(TestFirst, Record(0, 103, "B"));
     EXPECT_THAT(ListedAddresses(), ElementsAre(101, 102, 103));
-    Hear(kFirst, Record(0, 101, "C"));
+    Hear(TestFirst, Record(0, 101, "C"));
     Pass(2s, [&](const Probe& asked) {
         Answer(asked, Record(0, asked.ip, asked.ip == 101 ? "C" : asked.ip == 102 ? "A" : "B"));
     });
@@ -393,7 +419,7 @@ TEST_F(CameraTableTest, TellsCamerasWithoutMacBySerialAndAddress) {
 }
 
 TEST_F(CameraTableTest, NeitherAsksNorListsForeignCamerasAndForgetsThem) {
-    EXPECT_THAT(Hear(kFirst, Record(1, 101), GigEUsability::OtherSubnet), IsEmpty());
+    EXPECT_THAT(Hear(TestFirst, Record(1, 101), GigEUsability::OtherSubnet), IsEmpty());
     EXPECT_EQ(m_table.GetNumSightings(), 1u);
     int sent = 0;
     Pass(m_timings.sightingLifetime - 100ms, [&](const Probe&) { ++sent; });
@@ -404,22 +430,22 @@ TEST_F(CameraTableTest, NeitherAsksNorListsForeignCamerasAndForgetsThem) {
 }
 
 TEST_F(CameraTableTest, ReclassifiesWhenAnInterfaceChangesItsAddress) {
-    Add(kFirst, Record(1, 101));
-    Hear(kFirst, Record(2, 202), GigEUsability::OtherSubnet);
+    Add(TestFirst, Record(1, 101));
+    Hear(TestFirst, Record(2, 202), GigEUsability::OtherSubnet);
     m_table.Reclassify(
-        kFirst,
+        TestFirst,
         [](const GvcpDiscoveryRecord& record) {
             return record.ipAddress > 200 ? GigEUsability::Usable : GigEUsability::OtherSubnet;
         },
         m_now);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
-    const Probe probe = Hear(kFirst, Record(2, 202)).at(0);
+    const Probe probe = Hear(TestFirst, Record(2, 202)).at(0);
     EXPECT_TRUE(Answer(probe, Record(2, 202)));
     EXPECT_THAT(ListedAddresses(), ElementsAre(202));
 }
 
 TEST_F(CameraTableTest, UnlistsACameraWhoseNewMaskKeepsItFromAnswering) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::vector<Probe> probes;
     m_table.ProbeAll(m_now, &probes);
     EXPECT_TRUE(Answer(probes.at(0), Record(1, 101), GigEUsability::OutsideItsSubnet));
@@ -430,7 +456,7 @@ TEST_F(CameraTableTest, UnlistsACameraWhoseNewMaskKeepsItFromAnswering) {
 TEST_F(CameraTableTest, AsksLessAndLessOftenWhereNobodyAnswers) {
     int sent = 0;
     for (int second = 0; second < 30; ++second) {
-        sent += static_cast<int>(Hear(kFirst, Record(1, 101)).size());
+        sent += static_cast<int>(Hear(TestFirst, Record(1, 101)).size());
         Pass(1s, [&](const Probe&) { ++sent; });
     }
     EXPECT_THAT(ListedAddresses(), IsEmpty());
@@ -439,8 +465,8 @@ TEST_F(CameraTableTest, AsksLessAndLessOftenWhereNobodyAnswers) {
 }
 
 TEST_F(CameraTableTest, TakesTextsFromTheCameraItselfOnceItIsListed) {
-    Add(kFirst, Record(1, 101, "real"));
-    Hear(kFirst, Record(1, 101, "false"));
+    Add(TestFirst, Record(1, 101, "real"));
+    Hear(TestFirst, Record(1, 101, "false"));
     EXPECT_EQ(SerialTextOf(m_table.Find(CameraKey{1, 0, {}})->listed->record), "real");
     bool answered = false;
     Pass(1200ms, [&](const Probe& probe) { answered = Answer(probe, Record(1, 101, "new")); });
@@ -449,24 +475,28 @@ TEST_F(CameraTableTest, TakesTextsFromTheCameraItselfOnceItIsListed) {
 }
 
 TEST_F(CameraTableTest, LosesNoCameraAndNoMemoryToAFloodOfInventedOnes) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::size_t sent = 0;
     const auto answer = [&](const Probe& probe) {
         ++sent;
-        if (probe.ip <= 102) Answer(probe, Record(probe.ip - 100, probe.ip));
+        if (probe.ip <= 102) {
+            Answer(probe, Record(probe.ip - 100, probe.ip));
+        }
     };
     for (std::uint64_t i = 0; i < 60000; ++i) {
-        if (i % 100 == 0) Pass(5ms, answer);
-        sent += Hear(kFirst, Record(0x1000 + i, static_cast<std::uint32_t>(0x1000 + i % 500))).size();
-        ASSERT_LE(m_table.GetNumSightings(), CameraTable::kMaxSightings);
-        ASSERT_LE(m_table.GetNumConfirming(), CameraTable::kMaxConfirming);
+        if (i % 100 == 0) {
+            Pass(5ms, answer);
+        }
+        sent += Hear(TestFirst, Record(0x1000 + i, static_cast<std::uint32_t>(0x1000 + i % 500))).size();
+        ASSERT_LE(m_table.GetNumSightings(), CameraTable::MaxSightings);
+        ASSERT_LE(m_table.GetNumConfirming(), CameraTable::MaxConfirming);
     }
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
     // Three seconds: each of those that are asked at once takes six requests in 600 ms.
-    EXPECT_LE(sent, CameraTable::kMaxConfirming * 6 * 6) << "a flood is not answered by one";
+    EXPECT_LE(sent, CameraTable::MaxConfirming * 6 * 6) << "a flood is not answered by one";
     // One more that is real still gets in when the flood has ended.
-    Hear(kFirst, Record(2, 102));
-    m_table.KnowHosts(kFirst, {102});
+    Hear(TestFirst, Record(2, 102));
+    m_table.KnowHosts(TestFirst, {102});
     Pass(1s, answer);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101, 102));
     Pass(12s, answer);
@@ -480,17 +510,25 @@ TEST_F(CameraTableTest, FindsRealCamerasInAFloodByTheHostsThatThisComputerKnows)
         // 20,000 invented answers a second, and 16 cameras that answer now and then.
         for (int i = 0; i < 100; ++i) {
             ++invented;
-            Hear(kFirst, Record(0x10000 + invented, static_cast<std::uint32_t>(0x10000 + invented)));
+            Hear(TestFirst, Record(0x10000 + invented, static_cast<std::uint32_t>(0x10000 + invented)));
         }
         if (step % 25 == 0) {
-            for (std::uint64_t i = 1; i <= 16; ++i) Hear(kFirst, Record(i, static_cast<std::uint32_t>(100 + i)));
+            for (std::uint64_t i = 1; i <= 16; ++i) {
+                Hear(TestFirst, Record(i, static_cast<std::uint32_t>(100 + i)));
+            }
         }
         std::set<std::uint32_t> hosts;
-        for (std::uint32_t i = 1; i <= 16; ++i) hosts.insert(100 + i);
-        if (step % 10 == 0) m_table.KnowHosts(kFirst, hosts);
+        for (std::uint32_t i = 1; i <= 16; ++i) {
+            hosts.insert(100 + i);
+        }
+        if (step % 10 == 0) {
+            m_table.KnowHosts(TestFirst, hosts);
+        }
         Pass(5ms, [&](const Probe& probe) {
             ++sent;
-            if (probe.ip <= 116) Answer(probe, Record(probe.ip - 100, probe.ip));
+            if (probe.ip <= 116) {
+                Answer(probe, Record(probe.ip - 100, probe.ip));
+            }
         });
     }
     EXPECT_EQ(ListedAddresses().size(), 16u) << "after one second";
@@ -500,27 +538,27 @@ TEST_F(CameraTableTest, SharesItsQuestionsAmongTheSenders) {
     // One sender claims a thousand cameras, another one.
     for (std::uint32_t i = 0; i < 1000; ++i) {
         std::vector<Probe> probes;
-        m_table.HeardBroadcast({kFirst, 50, Record(0x1000 + i, 0x1000 + i)}, m_now, &probes);
+        m_table.HeardBroadcast({TestFirst, 50, Record(0x1000 + i, 0x1000 + i)}, m_now, &probes);
     }
-    Hear(kFirst, Record(2, 102));
+    Hear(TestFirst, Record(2, 102));
     bool asked = false;
     Pass(700ms, [&](const Probe& probe) { asked = asked || probe.ip == 102; });
     EXPECT_TRUE(asked) << "with the next that are asked";
 }
 
 TEST_F(CameraTableTest, TakesNoMoreThanItsCapacityOfPresentCameras) {
-    for (std::uint64_t i = 1; i <= CameraTable::kMaxSightings + 10; ++i) {
-        Add(kFirst, Record(i, static_cast<std::uint32_t>(i)));
+    for (std::uint64_t i = 1; i <= CameraTable::MaxSightings + 10; ++i) {
+        Add(TestFirst, Record(i, static_cast<std::uint32_t>(i)));
     }
-    EXPECT_EQ(ListedAddresses().size(), CameraTable::kMaxSightings);
-    EXPECT_EQ(m_table.GetNumSightings(), CameraTable::kMaxSightings);
+    EXPECT_EQ(ListedAddresses().size(), CameraTable::MaxSightings);
+    EXPECT_EQ(m_table.GetNumSightings(), CameraTable::MaxSightings);
 }
 
 TEST_F(CameraTableTest, ForgetsTheOldAddressOfACameraThatWasMoved) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     m_table.TakeChanged();
     std::vector<Probe> probes;
-    m_table.HasMoved(From(kFirst, Record(1, 102)), m_now, &probes);
+    m_table.HasMoved(From(TestFirst, Record(1, 102)), m_now, &probes);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
     ASSERT_EQ(probes.size(), 1u);
     EXPECT_TRUE(Answer(probes[0], Record(1, 102)));
@@ -529,17 +567,17 @@ TEST_F(CameraTableTest, ForgetsTheOldAddressOfACameraThatWasMoved) {
 }
 
 TEST_F(CameraTableTest, AsksACameraAnewThatWasGivenTheAddressItHas) {
-    Add(kFirst, Record(1, 101));
+    Add(TestFirst, Record(1, 101));
     std::vector<Probe> probes;
-    m_table.HasMoved(From(kFirst, Record(1, 101)), m_now, &probes);
+    m_table.HasMoved(From(TestFirst, Record(1, 101)), m_now, &probes);
     ASSERT_EQ(probes.size(), 1u);
     EXPECT_EQ(probes[0].port, Port::Verify);
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
 }
 
 TEST_F(CameraTableTest, VerifiesAllAtOnceAndWaitsForNobodyLong) {
-    Add(kFirst, Record(1, 101));
-    Add(kFirst, Record(2, 102));
+    Add(TestFirst, Record(1, 101));
+    Add(TestFirst, Record(2, 102));
     m_now += 100ms;
     std::vector<Probe> probes;
     m_table.ProbeAll(m_now, &probes);
@@ -555,7 +593,9 @@ TEST_F(CameraTableTest, VerifiesAllAtOnceAndWaitsForNobodyLong) {
     EXPECT_TRUE(Answer(probes[0].ip == 101 ? probes[0] : probes[1], Record(1, 101)));
     EXPECT_FALSE(m_table.IsVerifying(m_now)) << "also not by the next listing";
     Pass(600ms, [&](const Probe& probe) {
-        if (probe.ip == 101) Answer(probe, Record(1, 101));
+        if (probe.ip == 101) {
+            Answer(probe, Record(1, 101));
+        }
     });
     EXPECT_THAT(ListedAddresses(), ElementsAre(101));
 }
@@ -564,11 +604,15 @@ TEST_F(CameraTableTest, GivesBackEveryRequestId) {
     {
         CameraTable table(m_timings, m_ids);
         std::vector<Probe> probes;
-        for (std::uint32_t i = 1; i <= 100; ++i) table.HeardBroadcast(From(kFirst, Record(i, i)), m_now, &probes);
-        EXPECT_EQ(probes.size(), CameraTable::kMaxConfirming);
+        for (std::uint32_t i = 1; i <= 100; ++i) {
+            table.HeardBroadcast(From(TestFirst, Record(i, i)), m_now, &probes);
+        }
+        EXPECT_EQ(probes.size(), CameraTable::MaxConfirming);
     }
     std::set<std::uint16_t> ids;
-    for (int i = 0; i < 65535; ++i) ids.insert(m_ids.Take());
+    for (int i = 0; i < 65535; ++i) {
+        ids.insert(m_ids.Take());
+    }
     EXPECT_EQ(ids.size(), 65535u);
     EXPECT_EQ(ids.count(0), 0u);
     EXPECT_EQ(m_ids.Take(), 0) << "all are outstanding";
@@ -581,7 +625,9 @@ std::vector<std::string> Violations(const CameraTable& table) {
     std::vector<std::string> violations;
     std::size_t sightings = 0;
     for (const auto& [key, camera] : table.GetCameras()) {
-        if (camera.sightings.empty()) violations.push_back("a camera that was never heard");
+        if (camera.sightings.empty()) {
+            violations.push_back("a camera that was never heard");
+        }
         bool present = false;
         bool listedIsItsOwn = camera.listed == nullptr;
         for (const auto& sighting : camera.sightings) {
@@ -593,18 +639,34 @@ std::vector<std::string> Violations(const CameraTable& table) {
                 violations.push_back("two present sightings on one address, or none");
             }
             listedIsItsOwn = listedIsItsOwn || sighting.get() == camera.listed;
-            if (sighting->camera != &camera) violations.push_back("a sighting of another camera");
-            if (KeyOf(sighting->record) != key) violations.push_back("a record of another camera");
-            if (sighting->record.ipAddress != sighting->ip) violations.push_back("a record with another address");
+            if (sighting->camera != &camera) {
+                violations.push_back("a sighting of another camera");
+            }
+            if (KeyOf(sighting->record) != key) {
+                violations.push_back("a record of another camera");
+            }
+            if (sighting->record.ipAddress != sighting->ip) {
+                violations.push_back("a record with another address");
+            }
         }
-        if (!listedIsItsOwn) violations.push_back("listed by a sighting that is gone");
-        if (present != (camera.listed != nullptr)) violations.push_back("present but not listed, or listed but absent");
+        if (!listedIsItsOwn) {
+            violations.push_back("listed by a sighting that is gone");
+        }
+        if (present != (camera.listed != nullptr)) {
+            violations.push_back("present but not listed, or listed but absent");
+        }
     }
-    if (table.GetNumConfirming() > CameraTable::kMaxConfirming) violations.push_back("too many are asked at once");
+    if (table.GetNumConfirming() > CameraTable::MaxConfirming) {
+        violations.push_back("too many are asked at once");
+    }
     for (const auto& [place, sighting] : table.GetPresent()) {
-        if (sighting->state != CameraTable::State::Present) violations.push_back("an absent sighting holds a place");
+        if (sighting->state != CameraTable::State::Present) {
+            violations.push_back("an absent sighting holds a place");
+        }
     }
-    if (sightings != table.GetNumSightings()) violations.push_back("sightings are miscounted");
+    if (sightings != table.GetNumSightings()) {
+        violations.push_back("sightings are miscounted");
+    }
     return violations;
 }
 
@@ -640,7 +702,9 @@ TEST_F(CameraTableTest, HoldsTogetherUnderRandomEvents) {
                 m_table.ProbeAll(m_now, &probes);
                 break;
             case 4:
-                if (!outstanding.empty()) m_table.ProbeRefused(outstanding[pick(outstanding.size())].id, m_now);
+                if (!outstanding.empty()) {
+                    m_table.ProbeRefused(outstanding[pick(outstanding.size())].id, m_now);
+                }
                 break;
             case 5:
             case 6:
@@ -661,17 +725,23 @@ TEST_F(CameraTableTest, HoldsTogetherUnderRandomEvents) {
                 m_table.KnowHosts(interface, {100 + pick(5)});
                 break;
             default:
-                if (outstanding.empty()) break;
+                if (outstanding.empty()) {
+                    break;
+                }
                 const Probe& probe = outstanding[pick(outstanding.size())];
                 const GvcpDiscoveryRecord answer = Record(pick(6), pick(8) != 0 ? probe.ip : 100 + pick(5), "A");
                 m_table.HeardProbe(probe.port, {probe.interface, probe.ip, answer, usability}, probe.id, m_now,
                                    &probes);
         }
         outstanding.insert(outstanding.end(), probes.begin(), probes.end());
-        if (outstanding.size() > 64) outstanding.erase(outstanding.begin(), outstanding.end() - 64);
+        if (outstanding.size() > 64) {
+            outstanding.erase(outstanding.begin(), outstanding.end() - 64);
+        }
         ASSERT_THAT(Violations(m_table), IsEmpty()) << "step " << step;
     }
-    for (const int interface : {1, 2, 3}) m_table.ResumeInterface(interface, m_now);
+    for (const int interface : {1, 2, 3}) {
+        m_table.ResumeInterface(interface, m_now);
+    }
     Pass(15s);
     EXPECT_THAT(ListedAddresses(), IsEmpty());
     EXPECT_EQ(m_table.GetNumSightings(), 0u);

@@ -130,7 +130,9 @@ TEST_F(GigEControl, IsReadByListingsAndByNobodyElse) {
     const auto reads = [&] {
         std::vector<std::uint32_t> addresses;
         for (const auto& request : device.GetRequests()) {
-            if (request.Is(MessageId::ReadRegCmd)) addresses.push_back(request.Address());
+            if (request.Is(MessageId::ReadRegCmd)) {
+                addresses.push_back(request.Address());
+            }
         }
         return addresses;
     };
@@ -142,7 +144,9 @@ TEST_F(GigEControl, IsReadByListingsAndByNobodyElse) {
         });
     };
     const auto deadline = Clock::now() + 20s;
-    while (countProbes() < 6 && Clock::now() < deadline) device.WaitFor([](const auto&) { return false; }, 10ms);
+    while (countProbes() < 6 && Clock::now() < deadline) {
+        device.WaitFor([](const auto&) { return false; }, 10ms);
+    }
     EXPECT_GE(countProbes(), 6) << "several of the monitor's rounds";
     EXPECT_EQ(reads().size(), 2u);
 }

@@ -22,7 +22,9 @@ protected:
 
     static InterfaceDiagnosis Interface(const GigEDiagnosis& diagnosis, const std::string& name) {
         for (const InterfaceDiagnosis& entry : diagnosis.interfaces) {
-            if (entry.interface.name == name) return entry;
+            if (entry.interface.name == name) {
+                return entry;
+            }
         }
         ADD_FAILURE() << "no " << name;
         return {};
@@ -30,7 +32,9 @@ protected:
 
     static CameraDiagnosis Camera(const GigEDiagnosis& diagnosis, const std::string& name) {
         for (const CameraDiagnosis& entry : diagnosis.cameras) {
-            if (NameOf(entry.record) == name) return entry;
+            if (NameOf(entry.record) == name) {
+                return entry;
+            }
         }
         ADD_FAILURE() << "no " << name;
         return {};
@@ -45,7 +49,9 @@ TEST_F(GigEDiagnosisTest, NamesWhyAnInterfaceIsNotUsed) {
     // The kernel takes a while to notice that the other end is down.
     const auto noticed = Clock::now() + 5s;
     Start({});
-    while (Interface(Diagnose(), "alone").reason != "no link" && Clock::now() < noticed) std::this_thread::yield();
+    while (Interface(Diagnose(), "alone").reason != "no link" && Clock::now() < noticed) {
+        std::this_thread::yield();
+    }
     const GigEDiagnosis diagnosis = Diagnose();
     EXPECT_EQ(diagnosis.error, 0);
     EXPECT_EQ(Interface(diagnosis, "lo").reason, "loopback is used only when it is named");
@@ -55,7 +61,9 @@ TEST_F(GigEDiagnosisTest, NamesWhyAnInterfaceIsNotUsed) {
     m_wire.Ip("link set other up");
     m_wire.Ip("addr add 172.20.0.2/24 dev other");
     const auto deadline = Clock::now() + 5s;
-    while (Interface(Diagnose(), "alone").reason == "no link" && Clock::now() < deadline) std::this_thread::yield();
+    while (Interface(Diagnose(), "alone").reason == "no link" && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     EXPECT_EQ(Interface(Diagnose(), "alone").reason, "no IPv4 address");
     const InterfaceDiagnosis used = Interface(diagnosis, "h0");
     EXPECT_TRUE(used.used);

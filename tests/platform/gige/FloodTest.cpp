@@ -12,9 +12,9 @@ namespace {
 using Platform::Gvcp::MessageId;
 using Request = HostileDevice::Request;
 
-constexpr std::uint32_t kNumCameras = 16;
-constexpr std::uint64_t kPerSecond = 20000;
-constexpr std::uint64_t kAllForged = 30 * kPerSecond;
+constexpr std::uint32_t NumCameras = 16;
+constexpr std::uint64_t PerSecond = 20000;
+constexpr std::uint64_t AllForged = 30 * PerSecond;
 
 enum class User : std::uint8_t { Root, Nobody };
 
@@ -26,7 +26,7 @@ protected:
         m_host.Ip("addr add 10.0.0.1/16 dev h0");
         ConnectToo(m_elsewhere);
         m_elsewhere.Ip("addr add 10.0.200.1/16 dev e0");
-        for (std::uint32_t i = 0; i < kNumCameras; ++i) {
+        for (std::uint32_t i = 0; i < NumCameras; ++i) {
             auto options = CameraOptions(Platform::FormatIp(CameraIp(i)), 1 + i);
             options.interfaceName = "br0";
             options.subnetMask = 0xFFFF0000;
@@ -40,18 +40,24 @@ protected:
     static void Forge(HostileDevice& device, const Request& request, std::uint64_t i) {
         const std::uint64_t which = i / 5;
         const auto number = static_cast<std::uint32_t>(which);
-        const std::uint64_t camera = which % kNumCameras;
+        const std::uint64_t camera = which % NumCameras;
         const std::uint64_t realMac = 0x020000000001 + camera;
         const std::uint64_t inventedMac = 0x066600000000 + which;
         const std::uint32_t inventedIp = Ip("10.0.2.0") + number * 7919 % 50000;
         GvcpDiscoveryRecord record = HostileDevice::Record(inventedMac, inventedIp);
-        if (i % 5 == 1) record = HostileDevice::Record(inventedMac, Ip("172.16.0.1") + number % 50000);
-        if (i % 5 == 2) record = HostileDevice::Record(realMac, inventedIp);
+        if (i % 5 == 1) {
+            record = HostileDevice::Record(inventedMac, Ip("172.16.0.1") + number % 50000);
+        }
+        if (i % 5 == 2) {
+            record = HostileDevice::Record(realMac, inventedIp);
+        }
         if (i % 5 == 3) {
             record = HostileDevice::Record(realMac, CameraIp(camera));
             record.subnetMask = 0xFFFFFFFC;  // as if it could not be used
         }
-        if (i % 5 == 4) record = HostileDevice::Record(inventedMac, CameraIp(camera));
+        if (i % 5 == 4) {
+            record = HostileDevice::Record(inventedMac, CameraIp(camera));
+        }
         device.AnswerFrom(request, record.ipAddress, 3956,
                           Platform::Gvcp::EncodeDiscoveryAck(request.header.requestId, record).GetBytes());
     }
@@ -73,24 +79,30 @@ TEST_P(GigEFlood, OfForgedAnswersHidesNoCameraAndInventsNone) {
     std::atomic<std::uint64_t> sent{0};
     std::atomic<bool> begun{false};
     HostileDevice attacker(m_elsewhere, Ip("10.0.200.1"), [&](HostileDevice& device, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd) || request.to != 0xFFFFFFFF) return;
+        if (!request.Is(MessageId::DiscoveryCmd) || request.to != 0xFFFFFFFF) {
+            return;
+        }
         {
             const std::lock_guard lock(mutex);
             last = request;
         }
-        if (begun.exchange(true)) return;
+        if (begun.exchange(true)) {
+            return;
+        }
         device.InBackground([&] {
             const auto start = Clock::now();
-            while (!device.IsStopping() && sent < kAllForged) {
+            while (!device.IsStopping() && sent < AllForged) {
                 const std::uint64_t due =
-                    std::min(kAllForged, static_cast<std::uint64_t>(Since(start).count()) * kPerSecond / 1000);
+                    std::min(AllForged, static_cast<std::uint64_t>(Since(start).count()) * PerSecond / 1000);
                 Request now;
                 {
                     const std::lock_guard lock(mutex);
                     now = *last;
                 }
                 // Some at a time, so that what is answered stays the last broadcast.
-                for (int i = 0; i < 1000 && sent < due; ++i) Forge(device, now, sent++);
+                for (int i = 0; i < 1000 && sent < due; ++i) {
+                    Forge(device, now, sent++);
+                }
                 device.Pause(1ms);
             }
         });
@@ -98,12 +110,12 @@ TEST_P(GigEFlood, OfForgedAnswersHidesNoCameraAndInventsNone) {
     StartAs(GetParam());
     const auto first = Clock::now();
     const auto names = ListNames();
-    EXPECT_EQ(names.size(), kNumCameras) << "the first listing";
+    EXPECT_EQ(names.size(), NumCameras) << "the first listing";
     EXPECT_LT(Since(first), m_window + 3s);
     const auto before = m_sink.GetCounts();
     const auto cameras = List();
     int listings = 0;
-    while (sent < kAllForged) {
+    while (sent < AllForged) {
         const auto start = Clock::now();
         ASSERT_EQ(ListNames(), names);
         EXPECT_LT(Since(start), 3s);

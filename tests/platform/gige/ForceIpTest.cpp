@@ -93,14 +93,18 @@ TEST_F(GigEForceIp, IsRepeatedWhenItIsLost) {
     m_cameras.reset();
     m_wire.Ip("addr add 192.168.77.150/24 dev c0");
     HostileDevice device(m_wire, Ip("192.168.77.150"), [&](HostileDevice& self, const HostileDevice::Request& request) {
-        if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd) || ++requests < 3) return;
+        if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd) || ++requests < 3) {
+            return;
+        }
         self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
     });
     EXPECT_EQ(Force(2, "192.168.77.150"), HAL_OK);
     EXPECT_EQ(requests, 3);
     std::vector<std::uint16_t> ids;
     for (const auto& request : device.GetRequests()) {
-        if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) ids.push_back(request.header.requestId);
+        if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+            ids.push_back(request.header.requestId);
+        }
     }
     EXPECT_THAT(ids, ::testing::Each(ids.at(0)));
 }
@@ -108,7 +112,9 @@ TEST_F(GigEForceIp, IsRepeatedWhenItIsLost) {
 TEST_F(GigEForceIp, TakesNoAcknowledgeFromAnotherAddress) {
     m_wire.Ip("addr add 192.168.77.101/24 dev c0");
     HostileDevice device(m_wire, Ip("192.168.77.101"), [](HostileDevice& self, const HostileDevice::Request& request) {
-        if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) return;
+        if (!request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+            return;
+        }
         self.Answer(request, Platform::Gvcp::EncodeForceIpAck(request.header.requestId).GetBytes());
     });
     Start({});
@@ -118,7 +124,9 @@ TEST_F(GigEForceIp, TakesNoAcknowledgeFromAnotherAddress) {
 TEST_F(GigEForceIp, GivesEveryCameraOnAWrongSubnetAnAddressOfItsOwn) {
     const auto right = AddCamera("192.168.77.102", 2);
     std::vector<Platform::Simulated::SimulatedGigENetwork::CameraId> wrong;
-    for (std::uint64_t i = 0; i < 12; ++i) wrong.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
+    for (std::uint64_t i = 0; i < 12; ++i) {
+        wrong.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
+    }
     Start({});
     EXPECT_EQ(ListNames().size(), 1u);
     const auto start = Clock::now();
@@ -143,7 +151,9 @@ TEST_F(GigEForceIp, TakesNoAddressThatAHostAnswersFor) {
     m_host.Ip("addr add 192.168.77.1/28 dev h0");
     m_wire.Ip("addr flush dev c0");
     for (int i = 2; i <= 14; ++i) {
-        if (i != 11) m_wire.Ip("addr add 192.168.77." + std::to_string(i) + "/28 dev c0");
+        if (i != 11) {
+            m_wire.Ip("addr add 192.168.77." + std::to_string(i) + "/28 dev c0");
+        }
     }
     const auto id = AddCamera("10.9.9.9", 9);
     Start({});
@@ -160,7 +170,9 @@ TEST_F(GigEForceIp, TakesNoAddressThatItMayNotAskFor) {
     m_host.Ip("addr add 192.168.77.1/28 dev h0");
     m_wire.Ip("addr flush dev c0");
     for (int i = 2; i <= 14; ++i) {
-        if (i != 11) m_wire.Ip("addr add 192.168.77." + std::to_string(i) + "/28 dev c0");
+        if (i != 11) {
+            m_wire.Ip("addr add 192.168.77." + std::to_string(i) + "/28 dev c0");
+        }
     }
     const auto forbid = [this](const std::string& what) {
         const ProgramResult result = m_host.RunProgram(
@@ -198,11 +210,15 @@ TEST_F(GigEForceIp, FillsASubnetToTheLastAddress) {
     m_host.Ip("addr add 192.168.77.1/28 dev h0");
     m_wire.Ip("addr flush dev c0");
     std::vector<Platform::Simulated::SimulatedGigENetwork::CameraId> ids;
-    for (std::uint64_t i = 0; i < 13; ++i) ids.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
+    for (std::uint64_t i = 0; i < 13; ++i) {
+        ids.push_back(AddCamera("10.9.9." + std::to_string(10 + i), 100 + i));
+    }
     Start({});
     EXPECT_EQ(AutoForceIp(std::nullopt), HAL_OK);
     std::set<std::uint32_t> addresses;
-    for (const auto id : ids) addresses.insert(AddressOf(id));
+    for (const auto id : ids) {
+        addresses.insert(AddressOf(id));
+    }
     EXPECT_THAT(addresses, SizeIs(13));
     EXPECT_EQ(*addresses.begin(), Ip("192.168.77.2"));
     EXPECT_EQ(*addresses.rbegin(), Ip("192.168.77.14"));
@@ -227,7 +243,9 @@ TEST_F(GigEForceIp, GivesNoAddressTwiceWhereTwoInterfacesAreInOneSubnet) {
     m_host.Ip("addr add 192.168.77.2/29 dev h1");
     const auto cameras = MakeCameras(second);
     // Four addresses are left for four cameras: two of them, at least, want the same one first.
-    for (std::uint64_t i = 0; i < 2; ++i) AddCamera("10.9.9." + std::to_string(10 + i), 100 + i);
+    for (std::uint64_t i = 0; i < 2; ++i) {
+        AddCamera("10.9.9." + std::to_string(10 + i), 100 + i);
+    }
     for (std::uint64_t i = 2; i < 4; ++i) {
         cameras->AddCamera(CameraOptions("10.9.9." + std::to_string(10 + i), 100 + i));
     }

@@ -29,14 +29,18 @@ using Platform::Gvcp::Packet;
 void RecordingSink::Report(Platform::BusState state) noexcept {
     std::lock_guard lock(m_mutex);
     m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
-        if (m_listed) Count(event, first, second);
+        if (m_listed) {
+            Count(event, first, second);
+        }
     });
     m_changed.notify_all();
 }
 
 void RecordingSink::Listed(Platform::BusState state) {
     std::lock_guard lock(m_mutex);
-    if (m_listed) return;
+    if (m_listed) {
+        return;
+    }
     m_listed = true;
     m_news.Listed(Platform::BusNews::Listing::Cameras, std::move(state));
     m_news.RaiseUnseen(
@@ -47,9 +51,15 @@ void RecordingSink::Listed(Platform::BusState state) {
 void RecordingSink::Count(HALBusEvent event, std::uint32_t first, std::uint32_t second) {
     EXPECT_EQ(first, 0u);
     EXPECT_EQ(second, 0u);
-    if (event == HAL_BUS_RESET) ++m_counts.resets;
-    if (event == HAL_BUS_ARRIVAL) ++m_counts.arrivals;
-    if (event == HAL_BUS_REMOVAL) ++m_counts.removals;
+    if (event == HAL_BUS_RESET) {
+        ++m_counts.resets;
+    }
+    if (event == HAL_BUS_ARRIVAL) {
+        ++m_counts.arrivals;
+    }
+    if (event == HAL_BUS_REMOVAL) {
+        ++m_counts.removals;
+    }
 }
 
 RecordingSink::Counts RecordingSink::GetCounts() const {
@@ -99,17 +109,23 @@ bool RawGvcp::Ask(const std::string& ip, const Packet& packet, DecodedAcknowledg
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_addr.s_addr = inet_addr(ip.c_str());
-    to.sin_port = htons(Platform::Gvcp::kPort);
+    to.sin_port = htons(Platform::Gvcp::Port);
     sendto(m_socket, packet.GetData(), packet.GetSize(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     const auto deadline = Clock::now() + timeout;
     while (true) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd wait{m_socket, POLLIN, 0};
-        if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) return false;
+        if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) {
+            return false;
+        }
         const ssize_t size = recv(m_socket, m_buffer.data(), m_buffer.size(), MSG_DONTWAIT);
-        if (size < 0) continue;
+        if (size < 0) {
+            continue;
+        }
         *answer = Platform::Gvcp::DecodeAcknowledge({m_buffer.data(), static_cast<std::size_t>(size)});
-        if (answer->error == DecodeError::None && answer->header.ackId == m_id) return true;
+        if (answer->error == DecodeError::None && answer->header.ackId == m_id) {
+            return true;
+        }
     }
 }
 
@@ -117,7 +133,9 @@ bool RawGvcp::WaitForAnswer(const std::string& ip, std::chrono::milliseconds tim
     const auto deadline = Clock::now() + timeout;
     DecodedAcknowledge answer;
     while (Clock::now() < deadline) {
-        if (Ask(ip, Platform::Gvcp::EncodeDiscoveryCommand(++m_id, 1), &answer, 20ms)) return true;
+        if (Ask(ip, Platform::Gvcp::EncodeDiscoveryCommand(++m_id, 1), &answer, 20ms)) {
+            return true;
+        }
     }
     return false;
 }
@@ -130,9 +148,13 @@ bool RawGvcp::Write(const std::string& ip, std::uint32_t address, std::uint32_t 
 
 bool RawGvcp::Read(const std::string& ip, std::uint32_t address, std::uint32_t* value) {
     DecodedAcknowledge answer;
-    if (!Ask(ip, Platform::Gvcp::EncodeReadRegCommand(++m_id, {&address, 1}), &answer, 1s)) return false;
+    if (!Ask(ip, Platform::Gvcp::EncodeReadRegCommand(++m_id, {&address, 1}), &answer, 1s)) {
+        return false;
+    }
     const auto* read = std::get_if<Platform::Gvcp::ReadRegAcknowledge>(&answer.body);
-    if (read == nullptr) return false;
+    if (read == nullptr) {
+        return false;
+    }
     *value = read->values[0];
     return true;
 }
@@ -198,11 +220,15 @@ void DropCapabilities() {
 }
 
 void GigETest::Stop() {
-    if (m_bus) m_bus->Stop();
+    if (m_bus) {
+        m_bus->Stop();
+    }
 }
 
 void GigETest::AddLoopbackAddresses(int count) {
-    for (int i = 2; i <= count; ++i) m_host.Ip("addr add 127.0.0." + std::to_string(i) + "/8 dev lo");
+    for (int i = 2; i <= count; ++i) {
+        m_host.Ip("addr add 127.0.0." + std::to_string(i) + "/8 dev lo");
+    }
 }
 
 std::vector<std::shared_ptr<Platform::GigEDevice>> GigETest::List() {
@@ -224,7 +250,9 @@ std::vector<GvcpDiscoveryRecord> GigETest::ListRecords() {
 
 std::vector<std::string> GigETest::ListNames() {
     std::vector<std::string> names;
-    for (const GvcpDiscoveryRecord& record : ListRecords()) names.push_back(NameOf(record));
+    for (const GvcpDiscoveryRecord& record : ListRecords()) {
+        names.push_back(NameOf(record));
+    }
     return names;
 }
 
@@ -233,7 +261,9 @@ std::vector<std::string> GigETest::DiscoverNames() {
     // Inside: it opens sockets of its own where a filter is in force.
     m_host.Run([&] { EXPECT_EQ(Discover(&records), HAL_OK); });
     std::vector<std::string> names;
-    for (const GvcpDiscoveryRecord& record : records) names.push_back(NameOf(record));
+    for (const GvcpDiscoveryRecord& record : records) {
+        names.push_back(NameOf(record));
+    }
     return names;
 }
 
@@ -241,7 +271,9 @@ std::uint32_t GigETest::Discover(std::vector<GvcpDiscoveryRecord>* records) {
     Platform::GigEDiscovery discovery;
     const std::uint32_t status = m_bus->Discover(std::nullopt, &discovery);
     records->clear();
-    for (const Platform::CameraDiagnosis& camera : discovery.cameras) records->push_back(camera.record);
+    for (const Platform::CameraDiagnosis& camera : discovery.cameras) {
+        records->push_back(camera.record);
+    }
     return status;
 }
 
@@ -272,7 +304,9 @@ GigEWireTest::GigEWireTest() {
 }
 
 GigEWireTest::~GigEWireTest() {
-    if (m_driver) m_driver->Stop();
+    if (m_driver) {
+        m_driver->Stop();
+    }
 }
 
 void GigEWireTest::StartDriver(Platform::GigE::Timings timings) {
@@ -287,7 +321,9 @@ std::uint32_t GigEWireTest::ListOfDriver() {
     Platform::BusState state;
     m_listed.clear();
     const std::uint32_t status = m_driver->ListCameras(&m_listed, &state);
-    if (status == HAL_OK) m_sink.Listed(std::move(state));
+    if (status == HAL_OK) {
+        m_sink.Listed(std::move(state));
+    }
     return status;
 }
 

@@ -18,7 +18,9 @@ protected:
     GigEHearing TestAs(User user) {
         Stop();
         EXPECT_EQ(StartAfter([user] {
-                      if (user == User::Ordinary) DropCapabilities();
+                      if (user == User::Ordinary) {
+                          DropCapabilities();
+                      }
                   }),
                   HAL_OK);
         return Test();

@@ -15,7 +15,7 @@
 
 namespace Nimbrel2::Testing {
 
-using Platform::Gvcp::kPort;
+using Platform::Gvcp::Port;
 
 namespace {
 
@@ -48,7 +48,7 @@ HostileDevice::HostileDevice(NetworkNamespace& network, std::uint32_t address,
     EXPECT_GE(m_raw, 0);
     const int on = 1;
     setsockopt(m_socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-    const sockaddr_in any = AddressOf(INADDR_ANY, kPort);
+    const sockaddr_in any = AddressOf(INADDR_ANY, Port);
     EXPECT_EQ(bind(m_socket, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0);
     m_thread = std::thread([this] { Serve(); });
 }
@@ -65,9 +65,13 @@ void HostileDevice::Stop() {
         m_stop = true;
         m_changed.notify_all();
     }
-    if (m_thread.joinable()) m_thread.join();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
     // Nobody adds to them any more.
-    for (std::thread& thread : m_background) thread.join();
+    for (std::thread& thread : m_background) {
+        thread.join();
+    }
     m_background.clear();
 }
 
@@ -85,7 +89,9 @@ void HostileDevice::Serve() {
     std::array<std::uint8_t, 2048> buffer;
     while (!m_stop) {
         pollfd wait{m_socket, POLLIN, 0};
-        if (poll(&wait, 1, 10) <= 0) continue;
+        if (poll(&wait, 1, 10) <= 0) {
+            continue;
+        }
         sockaddr_in from{};
         iovec data{buffer.data(), buffer.size()};
         alignas(cmsghdr) std::array<char, 256> control;
@@ -97,14 +103,18 @@ void HostileDevice::Serve() {
         message.msg_control = control.data();
         message.msg_controllen = control.size();
         const ssize_t size = recvmsg(m_socket, &message, MSG_DONTWAIT);
-        if (size < 8) continue;
+        if (size < 8) {
+            continue;
+        }
         Request request;
         request.bytes.assign(buffer.begin(), buffer.begin() + size);
         request.header = Platform::Gvcp::DecodeCommand(request.bytes).header;
         request.from = ntohl(from.sin_addr.s_addr);
         request.fromPort = ntohs(from.sin_port);
         for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level != IPPROTO_IP || header->cmsg_type != IP_PKTINFO) continue;
+            if (header->cmsg_level != IPPROTO_IP || header->cmsg_type != IP_PKTINFO) {
+                continue;
+            }
             in_pktinfo info;
             std::memcpy(&info, CMSG_DATA(header), sizeof info);
             request.to = ntohl(info.ipi_addr.s_addr);

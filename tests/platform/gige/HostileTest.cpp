@@ -13,8 +13,8 @@ using ::testing::ElementsAre;
 using Bytes = HostileDevice::Bytes;
 using Request = HostileDevice::Request;
 
-const std::uint32_t kDeviceIp = Ip("192.168.77.100");
-constexpr std::uint64_t kDeviceMac = 0x0200000066AA;
+const std::uint32_t DeviceIp = Ip("192.168.77.100");
+constexpr std::uint64_t DeviceMac = 0x0200000066AA;
 
 /// A simulated camera at 192.168.77.102 that behaves, and a device at 192.168.77.100 that does not.
 class GigEHostile : public GigEWireTest {
@@ -29,7 +29,7 @@ protected:
 
     /// For a variable of the test, so that the device ends before what its function refers to.
     [[nodiscard]] HostileDevice Attack(std::function<void(HostileDevice&, const Request&)> function) {
-        return HostileDevice(m_elsewhere, kDeviceIp, std::move(function));
+        return HostileDevice(m_elsewhere, DeviceIp, std::move(function));
     }
 
     NetworkNamespace m_elsewhere;
@@ -37,17 +37,25 @@ protected:
 
 /// Answers DISCOVERY as a camera does; true when it was one.
 bool BehaveInDiscovery(HostileDevice& device, const Request& request) {
-    if (!request.Is(MessageId::DiscoveryCmd)) return false;
-    device.Answer(request, HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+    if (!request.Is(MessageId::DiscoveryCmd)) {
+        return false;
+    }
+    device.Answer(request, HostileDevice::DiscoveryAck(request, DeviceMac, DeviceIp));
     return true;
 }
 
 /// Answers DISCOVERY, and what a listing reads; true when it was one of these.
 bool BehaveInListing(HostileDevice& device, const Request& request) {
-    if (BehaveInDiscovery(device, request)) return true;
-    if (!request.Is(MessageId::ReadRegCmd)) return false;
-    if (request.Address() != 0xA00 && request.Address() != 0x24) return false;
-    device.Answer(request, HostileDevice::ReadAck(request, request.Address() == 0x24 ? kDeviceIp : 0));
+    if (BehaveInDiscovery(device, request)) {
+        return true;
+    }
+    if (!request.Is(MessageId::ReadRegCmd)) {
+        return false;
+    }
+    if (request.Address() != 0xA00 && request.Address() != 0x24) {
+        return false;
+    }
+    device.Answer(request, HostileDevice::ReadAck(request, request.Address() == 0x24 ? DeviceIp : 0));
     return true;
 }
 
@@ -62,7 +70,9 @@ auto CountReads(const HostileDevice& device, std::uint32_t address) {
 /// The last broadcast that the device has heard, or else that request.
 Request LastBroadcast(const HostileDevice& device, Request last) {
     for (const Request& request : device.GetRequests()) {
-        if (request.Is(MessageId::DiscoveryCmd) && request.to == 0xFFFFFFFF) last = request;
+        if (request.Is(MessageId::DiscoveryCmd) && request.to == 0xFFFFFFFF) {
+            last = request;
+        }
     }
     return last;
 }
@@ -96,7 +106,7 @@ std::vector<WrongAnswer> WrongAnswers() {
         {"IdZero", [](auto& device, auto& request,
                       const Bytes& right) { device.Answer(request, With(With(right, 6, 0), 7, 0)); }},
         {"PortOneMore",
-         [](auto& device, auto& request, const Bytes& right) { device.AnswerFrom(request, kDeviceIp, 3957, right); }},
+         [](auto& device, auto& request, const Bytes& right) { device.AnswerFrom(request, DeviceIp, 3957, right); }},
         {"AcknowledgeOfAnotherCommand",
          [](auto& device, auto& request, const Bytes& right) { device.Answer(request, With(right, 3, 0x87)); }},
         {"UnknownAcknowledge",
@@ -115,7 +125,9 @@ std::vector<WrongAnswer> WrongAnswers() {
          }},
         {"CutAtEveryByte",
          [](auto& device, auto& request, const Bytes& right) {
-             for (std::size_t size = 0; size < right.size(); ++size) device.Answer(request, {right.data(), size});
+             for (std::size_t size = 0; size < right.size(); ++size) {
+                 device.Answer(request, {right.data(), size});
+             }
          }},
         {"CutAtEveryWordWithTheLengthRight",
          [](auto& device, auto& request, const Bytes& right) {
@@ -141,8 +153,10 @@ class GigEWrongAnswer : public GigEHostile, public ::testing::WithParamInterface
 
 TEST_P(GigEWrongAnswer, ToADiscoveryInventsNoCameraAndLosesNone) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd)) return;
-        GetParam().send(device, request, HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+        if (!request.Is(MessageId::DiscoveryCmd)) {
+            return;
+        }
+        GetParam().send(device, request, HostileDevice::DiscoveryAck(request, DeviceMac, DeviceIp));
     });
     Start({});
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
@@ -152,7 +166,9 @@ TEST_P(GigEWrongAnswer, ToADiscoveryInventsNoCameraAndLosesNone) {
 
 TEST_P(GigEWrongAnswer, ToARegisterReadIsNotTakenForTheRightOne) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) return;
+        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) {
+            return;
+        }
         GetParam().send(device, request, HostileDevice::ReadAck(request, 0xBAD));
         device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
     });
@@ -166,7 +182,9 @@ TEST_P(GigEWrongAnswer, ToARegisterReadIsNotTakenForTheRightOne) {
 
 TEST_P(GigEWrongAnswer, AloneIsNoAnswerAndEndsInTime) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) return;
+        if (BehaveInDiscovery(device, request) || !request.Is(MessageId::ReadRegCmd)) {
+            return;
+        }
         GetParam().send(device, request, HostileDevice::ReadAck(request, 0xBAD));
     });
     Start({});
@@ -179,7 +197,7 @@ TEST_P(GigEWrongAnswer, AloneIsNoAnswerAndEndsInTime) {
     EXPECT_GE(Since(start), 590ms);
     EXPECT_LT(Since(start), 3s);
     EXPECT_EQ(cameras[1]->ReadRegister(0x24, &value), HAL_OK) << "the table knows the address";
-    EXPECT_EQ(value, kDeviceIp);
+    EXPECT_EQ(value, DeviceIp);
     EXPECT_EQ(ListNames().size(), 2u);
 }
 
@@ -188,21 +206,25 @@ INSTANTIATE_TEST_SUITE_P(Rows, GigEWrongAnswer, ::testing::ValuesIn(WrongAnswers
 
 TEST_F(GigEHostile, AnswersOfAnotherAddressAreNotTheCameras) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (request.Is(MessageId::DiscoveryCmd) && request.to == 0xFFFFFFFF) BehaveInDiscovery(device, request);
+        if (request.Is(MessageId::DiscoveryCmd) && request.to == 0xFFFFFFFF) {
+            BehaveInDiscovery(device, request);
+        }
         // Asked alone, it answers from elsewhere: then it is not what it says it is.
         if (request.Is(MessageId::DiscoveryCmd) && request.to != 0xFFFFFFFF) {
             device.AnswerFrom(request, Ip("192.168.77.55"), 3956,
-                              HostileDevice::DiscoveryAck(request, kDeviceMac, kDeviceIp));
+                              HostileDevice::DiscoveryAck(request, DeviceMac, DeviceIp));
         }
     });
     Start({});
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
-    EXPECT_TRUE(attacker.WaitFor([](const Request& request) { return request.to == kDeviceIp; }, 1s));
+    EXPECT_TRUE(attacker.WaitFor([](const Request& request) { return request.to == DeviceIp; }, 1s));
 }
 
 TEST_F(GigEHostile, RegisterAnswersOfAnotherAddressDoNotCount) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (BehaveInDiscovery(device, request)) return;
+        if (BehaveInDiscovery(device, request)) {
+            return;
+        }
         device.AnswerFrom(request, Ip("192.168.77.55"), 3956, HostileDevice::ReadAck(request, 0xBAD));
         device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
     });
@@ -219,19 +241,23 @@ TEST_F(GigEHostile, AddressesOfGroupsAreNeverAsked) {
                                             Ip("127.0.0.1"),      Ip("0.0.0.0"),      0xFFFFFFFF};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
         for (std::size_t i = 0; i < groups.size(); ++i) {
-            device.Answer(request, HostileDevice::DiscoveryAck(request, kDeviceMac + i, groups[i]));
+            device.Answer(request, HostileDevice::DiscoveryAck(request, DeviceMac + i, groups[i]));
         }
     });
     Start({});
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
     EXPECT_EQ(DiscoverNames().size(), 1 + groups.size()) << "seen is not reachable";
-    for (const Request& request : attacker.GetRequests()) EXPECT_EQ(request.to, 0xFFFFFFFF);
+    for (const Request& request : attacker.GetRequests()) {
+        EXPECT_EQ(request.to, 0xFFFFFFFF);
+    }
 }
 
 TEST_F(GigEHostile, RetriesKeepTheirId) {
     std::atomic<int> dropped{0};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request) || dropped++ < 2) return;
+        if (BehaveInListing(device, request) || dropped++ < 2) {
+            return;
+        }
         device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
     });
     Start({});
@@ -243,7 +269,9 @@ TEST_F(GigEHostile, RetriesKeepTheirId) {
     EXPECT_GE(Since(start), 395ms);
     std::vector<std::uint16_t> ids;
     for (const Request& request : attacker.GetRequests()) {
-        if (request.Is(MessageId::ReadRegCmd) && request.Address() == 0x934) ids.push_back(request.header.requestId);
+        if (request.Is(MessageId::ReadRegCmd) && request.Address() == 0x934) {
+            ids.push_back(request.header.requestId);
+        }
     }
     ASSERT_EQ(ids.size(), 3u);
     EXPECT_THAT(ids, ::testing::Each(ids[0]));
@@ -253,15 +281,18 @@ TEST_F(GigEHostile, RetriesKeepTheirId) {
 TEST_F(GigEHostile, LateAndDuplicateAnswersAreDropped) {
     std::vector<Request> unanswered;
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request)) return;
+        if (BehaveInListing(device, request)) {
+            return;
+        }
         if (request.Address() == 0x100) {
             unanswered.push_back(request);
             return;
         }
         // First what is late, with another value, then the answer, twice. A repeat of this very request is not late.
         for (const Request& late : unanswered) {
-            if (late.header.requestId != request.header.requestId)
+            if (late.header.requestId != request.header.requestId) {
                 device.Answer(request, HostileDevice::ReadAck(late, 0xBAD));
+            }
         }
         device.Answer(request, HostileDevice::ReadAck(request, request.Address()));
         device.Answer(request, HostileDevice::ReadAck(request, 0xBAD));
@@ -282,7 +313,9 @@ TEST_F(GigEHostile, LateAndDuplicateAnswersAreDropped) {
 TEST_F(GigEHostile, ACameraThatTimedOutIsLeftInPeace) {
     std::atomic<bool> silent{true};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request) || silent) return;
+        if (BehaveInListing(device, request) || silent) {
+            return;
+        }
         device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
     });
     Start({});
@@ -299,21 +332,29 @@ TEST_F(GigEHostile, ACameraThatTimedOutIsLeftInPeace) {
     while (Since(asked) < 1500ms) {
         const std::uint32_t status = cameras[1]->ReadRegister(0x934, &value);
         const auto reads = countReads();
-        if (Since(asked) >= 1600ms) break;  // this computer is too slow to tell
+        if (Since(asked) >= 1600ms) {
+            break;  // this computer is too slow to tell
+        }
         EXPECT_EQ(status, HAL_TIMED_OUT);
         EXPECT_EQ(reads, 3);
         std::this_thread::sleep_for(50ms);
     }
-    while (Since(timedOut) < 1050ms) std::this_thread::sleep_for(10ms);
+    while (Since(timedOut) < 1050ms) {
+        std::this_thread::sleep_for(10ms);
+    }
     EXPECT_EQ(cameras[1]->ReadRegister(0x934, &value), HAL_OK);
 }
 
 TEST_F(GigEHostile, PendingAcknowledgesAreHonouredUpToASecond) {
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request)) return;
+        if (BehaveInListing(device, request)) {
+            return;
+        }
         const auto pending = Platform::Gvcp::EncodePendingAck(request.header.requestId, 800);
         device.Answer(request, pending.GetBytes());
-        if (request.Address() != 0x934) return;
+        if (request.Address() != 0x934) {
+            return;
+        }
         device.InBackground([&device, request] {
             device.Pause(300ms);  // longer than one try
             device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
@@ -333,7 +374,9 @@ TEST_F(GigEHostile, PendingAcknowledgesAreHonouredUpToASecond) {
 
 TEST_F(GigEHostile, APendingAcknowledgeThatAsksForNoTimeTakesNone) {
     HostileDevice attacker = Attack([](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request)) return;
+        if (BehaveInListing(device, request)) {
+            return;
+        }
         device.Answer(request, Platform::Gvcp::EncodePendingAck(request.header.requestId, 0).GetBytes());
         device.Pause(20ms);
         device.Answer(request, HostileDevice::ReadAck(request, 0x600D));
@@ -349,7 +392,9 @@ TEST_F(GigEHostile, APendingAcknowledgeThatAsksForNoTimeTakesNone) {
 TEST_F(GigEHostile, EndlessPendingAcknowledgesEnd) {
     std::atomic<bool> begun{false};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (BehaveInListing(device, request) || begun.exchange(true)) return;
+        if (BehaveInListing(device, request) || begun.exchange(true)) {
+            return;
+        }
         device.InBackground([&device, request] {
             const auto pending = Platform::Gvcp::EncodePendingAck(request.header.requestId, 0xFFFF);
             while (!device.IsStopping()) {
@@ -371,7 +416,9 @@ TEST_F(GigEHostile, EndlessPendingAcknowledgesEnd) {
 TEST_F(GigEHostile, EverNewCamerasDoNotDrawTheFirstListingOut) {
     std::atomic<bool> begun{false};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd) || begun.exchange(true)) return;
+        if (!request.Is(MessageId::DiscoveryCmd) || begun.exchange(true)) {
+            return;
+        }
         device.InBackground([&device, request] {
             // Slowly enough that none of them is too much, and always one that has not been asked to the end.
             for (std::uint32_t i = 0; !device.IsStopping(); ++i) {
@@ -393,7 +440,9 @@ TEST_F(GigEHostile, FloodsLoseNoCameraAndHoldNothingUp) {
     std::atomic<bool> begun{false};
     std::atomic<std::uint64_t> sent{0};
     HostileDevice attacker = Attack([&](HostileDevice& device, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd) || begun.exchange(true)) return;
+        if (!request.Is(MessageId::DiscoveryCmd) || begun.exchange(true)) {
+            return;
+        }
         device.InBackground([&device, &sent, request] {
             Request now = request;
             for (std::uint64_t i = 0; !device.IsStopping(); ++i) {
@@ -401,8 +450,12 @@ TEST_F(GigEHostile, FloodsLoseNoCameraAndHoldNothingUp) {
                 const auto ip =
                     static_cast<std::uint32_t>(Ip("192.168.77.0") + 1 + i % 250 + (i % 3 == 0 ? 0x10000 : 0));
                 device.Answer(now, HostileDevice::DiscoveryAck(now, 0x066600000000 + i, ip));
-                if (i % 8 == 0) device.Answer(now, HostileDevice::ReadAck(now, static_cast<std::uint32_t>(i)));
-                if (i % 1000 == 0) now = LastBroadcast(device, now);
+                if (i % 8 == 0) {
+                    device.Answer(now, HostileDevice::ReadAck(now, static_cast<std::uint32_t>(i)));
+                }
+                if (i % 1000 == 0) {
+                    now = LastBroadcast(device, now);
+                }
                 ++sent;
             }
         });

@@ -16,16 +16,18 @@ using ::testing::SizeIs;
 using Use = InterfacePresence::Use;
 using Kind = GigESearchProblem::Kind;
 
-constexpr int kIndex = 2;
+constexpr int Index = 2;
 
 class InterfacesTest : public ::testing::Test {
 protected:
     static NetworkInterface Eth0(std::uint32_t address = 0xC0A84D01) {
         NetworkInterface interface;
-        interface.index = kIndex;
+        interface.index = Index;
         interface.name = "eth0";
         interface.up = interface.running = interface.broadcast = true;
-        if (address != 0) interface.addresses.push_back({address, 24, false});
+        if (address != 0) {
+            interface.addresses.push_back({address, 24, false});
+        }
         return interface;
     }
 
@@ -60,7 +62,9 @@ protected:
     int Open(std::shared_ptr<UdpSocket>* socket, std::string* where) {
         ++m_opened;
         *where = "socket";
-        if (m_refusal != 0) return m_refusal;
+        if (m_refusal != 0) {
+            return m_refusal;
+        }
         NetworkInterface loopback;
         loopback.index = 1;
         loopback.name = "lo";
@@ -95,7 +99,7 @@ TEST_F(InterfacesTest, HaveASocketForSearchesAndOneForPresentCameras) {
     Update({Eth0()});
     EXPECT_EQ(UseOf(), Use::Used);
     EXPECT_EQ(m_interfaces.GetStatus(), HAL_OK);
-    const auto used = m_interfaces.FindUsed(kIndex);
+    const auto used = m_interfaces.FindUsed(Index);
     ASSERT_TRUE(used);
     EXPECT_NE(used->Of(Port::Search)->GetLocalPort(), used->Of(Port::Verify)->GetLocalPort());
     EXPECT_THAT(Problems(), IsEmpty());
@@ -103,12 +107,12 @@ TEST_F(InterfacesTest, HaveASocketForSearchesAndOneForPresentCameras) {
     EXPECT_EQ(m_opened, 2) << "they are kept";
     Update({});
     EXPECT_EQ(UseOf(), std::nullopt);
-    EXPECT_FALSE(m_interfaces.FindUsed(kIndex));
+    EXPECT_FALSE(m_interfaces.FindUsed(Index));
 }
 
 TEST_F(InterfacesTest, WaitForALinkThatWasLostAMomentAgo) {
     Update({Eth0()});
-    const std::uint16_t port = m_interfaces.FindUsed(kIndex)->verify->GetLocalPort();
+    const std::uint16_t port = m_interfaces.FindUsed(Index)->verify->GetLocalPort();
     Update({WithoutLink()});
     EXPECT_EQ(UseOf(), Use::Waiting);
     m_now += m_timings.linkGrace - 1ms;
@@ -116,7 +120,7 @@ TEST_F(InterfacesTest, WaitForALinkThatWasLostAMomentAgo) {
     EXPECT_EQ(UseOf(), Use::Waiting);
     Update({Eth0()});
     EXPECT_EQ(UseOf(), Use::Used);
-    EXPECT_EQ(m_interfaces.FindUsed(kIndex)->verify->GetLocalPort(), port) << "with the sockets that it had";
+    EXPECT_EQ(m_interfaces.FindUsed(Index)->verify->GetLocalPort(), port) << "with the sockets that it had";
 }
 
 TEST_F(InterfacesTest, WaitForALostLinkForHalfASecond) {
@@ -150,7 +154,7 @@ TEST_F(InterfacesTest, TellWhenTheirAddressesHaveChanged) {
     EXPECT_EQ(Version(), first);
     Update({Eth0(0xC0A84E01)});
     EXPECT_NE(Version(), first);
-    EXPECT_EQ(m_interfaces.Judge(kIndex, CameraAt(0xC0A84D32)), GigEUsability::OtherSubnet);
+    EXPECT_EQ(m_interfaces.Judge(Index, CameraAt(0xC0A84D32)), GigEUsability::OtherSubnet);
 }
 
 TEST_F(InterfacesTest, AreNamedWhenTheirSocketIsRefused) {
@@ -175,24 +179,24 @@ TEST_F(InterfacesTest, AreNamedWhenTheirSocketIsRefused) {
 
 TEST_F(InterfacesTest, AreNamedWhenTheirBroadcastsAreRefused) {
     Update({Eth0()});
-    m_interfaces.Broadcasted(kIndex, EPERM);
+    m_interfaces.Broadcasted(Index, EPERM);
     ASSERT_THAT(Problems(), SizeIs(1));
     EXPECT_EQ(Problems()[0].kind, Kind::Broadcast);
     EXPECT_EQ(Problems()[0].reason, "broadcasts are refused: Operation not permitted");
-    m_interfaces.Broadcasted(kIndex, 0);
+    m_interfaces.Broadcasted(Index, 0);
     EXPECT_THAT(Problems(), IsEmpty());
 }
 
 TEST_F(InterfacesTest, AreNamedWhenRequestsAreRefusedForASecond) {
     Update({Eth0()});
-    m_interfaces.Probed(kIndex, ENOBUFS, Clock::now() - m_timings.refusedGrace + 10s);
+    m_interfaces.Probed(Index, ENOBUFS, Clock::now() - m_timings.refusedGrace + 10s);
     EXPECT_THAT(Problems(), IsEmpty()) << "not yet";
-    m_interfaces.Probed(kIndex, 0, Clock::now());
-    m_interfaces.Probed(kIndex, ENOBUFS, Clock::now() - m_timings.refusedGrace - 1ms);
+    m_interfaces.Probed(Index, 0, Clock::now());
+    m_interfaces.Probed(Index, ENOBUFS, Clock::now() - m_timings.refusedGrace - 1ms);
     ASSERT_THAT(Problems(), SizeIs(1));
     EXPECT_EQ(Problems()[0].kind, Kind::Request);
     EXPECT_EQ(Problems()[0].error, ENOBUFS);
-    m_interfaces.Probed(kIndex, 0, Clock::now());
+    m_interfaces.Probed(Index, 0, Clock::now());
     EXPECT_THAT(Problems(), IsEmpty());
 }
 
@@ -209,10 +213,12 @@ TEST_F(InterfacesTest, AskTheKernelForRoutesNowAndThen) {
     Update({Eth0()});
     GvcpDiscoveryRecord routed = CameraAt(m_routedIp);
     routed.defaultGateway = 0x0A090901;
-    EXPECT_EQ(m_interfaces.Judge(kIndex, routed), GigEUsability::Usable);
-    EXPECT_EQ(m_interfaces.Judge(kIndex, CameraAt(0xC0A84D32)), GigEUsability::Usable);
+    EXPECT_EQ(m_interfaces.Judge(Index, routed), GigEUsability::Usable);
+    EXPECT_EQ(m_interfaces.Judge(Index, CameraAt(0xC0A84D32)), GigEUsability::Usable);
     EXPECT_EQ(m_routeQuestions, 1) << "none about what is on the wire anyway";
-    for (int i = 0; i < 1000; ++i) m_interfaces.Judge(kIndex, routed);
+    for (int i = 0; i < 1000; ++i) {
+        m_interfaces.Judge(Index, routed);
+    }
     EXPECT_LE(m_routeQuestions, 2);
 }
 
@@ -220,18 +226,20 @@ TEST_F(InterfacesTest, AskTheKernelFewQuestionsHoweverManyAddressesAreInvented) 
     Update({Eth0()});
     GvcpDiscoveryRecord routed = CameraAt(m_routedIp);
     routed.defaultGateway = 0x0A090901;
-    ASSERT_EQ(m_interfaces.Judge(kIndex, routed), GigEUsability::Usable);
+    ASSERT_EQ(m_interfaces.Judge(Index, routed), GigEUsability::Usable);
     const TimePoint start = Clock::now();
-    for (std::uint32_t i = 0; i < 20000; ++i) m_interfaces.Judge(kIndex, CameraAt(0x0B000000 + i));
+    for (std::uint32_t i = 0; i < 20000; ++i) {
+        m_interfaces.Judge(Index, CameraAt(0x0B000000 + i));
+    }
     const auto seconds = 2 + std::chrono::ceil<std::chrono::seconds>(Clock::now() - start).count();
-    EXPECT_LE(m_routeQuestions, Interfaces::kMostRouteQuestions * seconds);
-    EXPECT_EQ(m_interfaces.Judge(kIndex, routed), GigEUsability::Usable) << "what is known of a route stays";
+    EXPECT_LE(m_routeQuestions, Interfaces::MostRouteQuestions * seconds);
+    EXPECT_EQ(m_interfaces.Judge(Index, routed), GigEUsability::Usable) << "what is known of a route stays";
 }
 
 TEST_F(InterfacesTest, JudgeNothingOnAnInterfaceThatIsGone) {
-    EXPECT_EQ(m_interfaces.Judge(kIndex, CameraAt(0xC0A84D32)), GigEUsability::OtherSubnet);
-    EXPECT_FALSE(m_interfaces.IsInReach(kIndex, 0xC0A84D32));
-    EXPECT_EQ(m_interfaces.GetName(kIndex), "");
+    EXPECT_EQ(m_interfaces.Judge(Index, CameraAt(0xC0A84D32)), GigEUsability::OtherSubnet);
+    EXPECT_FALSE(m_interfaces.IsInReach(Index, 0xC0A84D32));
+    EXPECT_EQ(m_interfaces.GetName(Index), "");
 }
 
 }  // namespace

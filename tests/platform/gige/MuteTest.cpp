@@ -11,19 +11,19 @@ using Platform::GigEUsability;
 using Platform::Gvcp::MessageId;
 using Request = HostileDevice::Request;
 
-constexpr std::uint32_t kNumCameras = 64;
-constexpr std::uint32_t kNumMute = 8;
-constexpr std::chrono::milliseconds kMuteWait{2000};
+constexpr std::uint32_t NumCameras = 64;
+constexpr std::uint32_t NumMuteCameras = 8;
+constexpr std::chrono::milliseconds MuteWait{2000};
 
 /// 56 simulated cameras at 192.168.77.10 and above, and at 192.168.77.201 to 208 a device that is eight cameras.
 class GigEMute : public GigEWireTest {
 protected:
     GigEMute() {
         ConnectToo(m_elsewhere);
-        for (std::uint32_t i = 0; i < kNumMute; ++i) {
+        for (std::uint32_t i = 0; i < NumMuteCameras; ++i) {
             m_elsewhere.Ip("addr add " + Platform::FormatIp(MuteIp(i)) + "/24 dev e0");
         }
-        for (std::uint32_t i = 0; i < kNumCameras - kNumMute; ++i) {
+        for (std::uint32_t i = 0; i < NumCameras - NumMuteCameras; ++i) {
             auto options = CameraOptions(Platform::FormatIp(Ip("192.168.77.10") + i), 1 + i);
             options.interfaceName = "br0";
             AddCamera(options);
@@ -35,11 +35,17 @@ protected:
     /// @param answer  What they say to a request for a register.
     [[nodiscard]] HostileDevice MakeMute(const std::function<void(HostileDevice&, const Request&)>& answer) {
         return HostileDevice(m_elsewhere, MuteIp(0), [answer](HostileDevice& device, const Request& request) {
-            if (request.Is(MessageId::ReadRegCmd)) answer(device, request);
-            if (!request.Is(MessageId::DiscoveryCmd)) return;
-            for (std::uint32_t i = 0; i < kNumMute; ++i) {
+            if (request.Is(MessageId::ReadRegCmd)) {
+                answer(device, request);
+            }
+            if (!request.Is(MessageId::DiscoveryCmd)) {
+                return;
+            }
+            for (std::uint32_t i = 0; i < NumMuteCameras; ++i) {
                 const std::uint32_t ip = MuteIp(i);
-                if (request.to != ip && request.to != 0xFFFFFFFF) continue;
+                if (request.to != ip && request.to != 0xFFFFFFFF) {
+                    continue;
+                }
                 device.AnswerFrom(request, ip, 3956, HostileDevice::DiscoveryAck(request, 0x066600000000 + i, ip));
             }
         });
@@ -49,7 +55,7 @@ protected:
         Platform::GigE::Timings timings;
         timings.discoveryWindow = m_window;
         timings.verifyWait = 1s;  // also on a loaded computer nobody is mute who is only slow
-        timings.muteWait = kMuteWait;
+        timings.muteWait = MuteWait;
         StartDriver(timings);
     }
 
@@ -57,7 +63,7 @@ protected:
     std::chrono::milliseconds Enumerate() {
         const auto start = Clock::now();
         EXPECT_EQ(ListOfDriver(), HAL_OK);
-        EXPECT_EQ(m_listed.size(), kNumCameras);
+        EXPECT_EQ(m_listed.size(), NumCameras);
         for (const Platform::GigE::ListedCamera& camera : m_listed) {
             const auto& readings = camera.readings;
             EXPECT_FALSE(readings.skipped) << "the enumeration would have to ask, and to wait";
@@ -76,10 +82,10 @@ protected:
         const auto start = Clock::now();
         StartPatiently();
         Enumerate();
-        EXPECT_LT(Since(start), kNumMute * kMuteWait) << "all are waited for at once";
-        EXPECT_EQ(CountMuteInDiagnosis(), kNumMute);
-        EXPECT_LT(Enumerate(), kMuteWait) << "and once";
-        EXPECT_LT(Enumerate(), kMuteWait);
+        EXPECT_LT(Since(start), NumMuteCameras * MuteWait) << "all are waited for at once";
+        EXPECT_EQ(CountMuteInDiagnosis(), NumMuteCameras);
+        EXPECT_LT(Enumerate(), MuteWait) << "and once";
+        EXPECT_LT(Enumerate(), MuteWait);
     }
 
     std::size_t CountMuteInDiagnosis() {
@@ -109,15 +115,19 @@ TEST_F(GigEMute, CamerasThatAskForTimeForEverAreTreatedAlike) {
 TEST_F(GigEMute, CamerasThatAnswerAgainAreNoLongerMute) {
     std::atomic<bool> answers{false};
     const HostileDevice mute = MakeMute([&](HostileDevice& device, const Request& request) {
-        if (!answers) return;
+        if (!answers) {
+            return;
+        }
         const std::uint32_t value = request.Address() == 0x24 ? request.to : 0;
         device.AnswerFrom(request, request.to, 3956, HostileDevice::ReadAck(request, value));
     });
     StartPatiently();
-    ASSERT_EQ(CountMuteInDiagnosis(), kNumMute);
+    ASSERT_EQ(CountMuteInDiagnosis(), NumMuteCameras);
     answers = true;
     const auto deadline = Clock::now() + 20s;
-    while (CountMuteInDiagnosis() > 0 && Clock::now() < deadline) EXPECT_EQ(ListOfDriver(), HAL_OK);
+    while (CountMuteInDiagnosis() > 0 && Clock::now() < deadline) {
+        EXPECT_EQ(ListOfDriver(), HAL_OK);
+    }
     EXPECT_EQ(CountMuteInDiagnosis(), 0u);
     EXPECT_EQ(ListOfDriver(), HAL_OK);
     for (const Platform::GigE::ListedCamera& camera : m_listed) {

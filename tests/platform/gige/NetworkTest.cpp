@@ -99,7 +99,9 @@ TEST_F(GigENetwork, KeepsCamerasWhoseLinkIsBackInTimeAndHoldsListingsMeanwhile) 
                            [](const auto& entry) { return entry.interface.name == "h0" && entry.used; });
     };
     const auto deadline = Clock::now() + 10s;
-    while (isUsed() && Clock::now() < deadline) std::this_thread::yield();
+    while (isUsed() && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     ASSERT_FALSE(isUsed());
     // The monitor is done with what it has noticed when it runs anything else.
     Platform::GigEHearing hearing;
@@ -473,7 +475,9 @@ TEST_F(GigESwitch, WithTwoCamerasOnOneAddressListsOneAndDiscoversBoth) {
     while (status != HAL_OK && Clock::now() < deadline) {
         const auto cameras = List();
         ASSERT_LE(cameras.size(), 1u);
-        if (cameras.empty()) continue;
+        if (cameras.empty()) {
+            continue;
+        }
         GvcpDiscoveryRecord record{};
         ASSERT_EQ(cameras[0]->GetRecord(&record), HAL_OK);
         std::uint32_t value = 0;

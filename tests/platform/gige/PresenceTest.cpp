@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using Use = InterfacePresence::Use;
 
-constexpr int kWire = 2;
+constexpr int TestWire = 2;
 
 class States final : public BusEventSink {
 public:
@@ -50,7 +50,9 @@ protected:
     ~PresenceTest() override { m_presence->Stop(); }
 
     void Make(std::optional<GigECameraName> searchFor) {
-        if (m_presence) m_presence->Stop();
+        if (m_presence) {
+            m_presence->Stop();
+        }
         m_presence = std::make_unique<Presence>(m_timings, m_ids, searchFor, m_states);
         m_presence->Start();
         Follow(Use::Used);
@@ -58,7 +60,7 @@ protected:
 
     void Follow(Use use, std::uint32_t version = 1) {
         m_presence->Follow(
-            {{kWire, use, version}}, [this](int, const GvcpDiscoveryRecord&) { return m_usability; }, Clock::now());
+            {{TestWire, use, version}}, [this](int, const GvcpDiscoveryRecord&) { return m_usability; }, Clock::now());
     }
 
     static GvcpDiscoveryRecord Record(std::uint64_t mac) {
@@ -68,7 +70,7 @@ protected:
         return record;
     }
 
-    static Answer From(std::uint64_t mac) { return {kWire, Record(mac).ipAddress, Record(mac)}; }
+    static Answer From(std::uint64_t mac) { return {TestWire, Record(mac).ipAddress, Record(mac)}; }
 
     void AnswerAll(const std::vector<Probe>& probes) {
         for (const Probe& probe : probes) {
@@ -97,7 +99,9 @@ protected:
         m_presence->TakeListed(&cameras, &state);
         EXPECT_EQ(state, m_states.Count() == 0 ? BusState{} : m_states.Last()) << "a listing returns what was reported";
         std::vector<std::uint32_t> addresses;
-        for (const SightingView& camera : cameras) addresses.push_back(camera.record.ipAddress);
+        for (const SightingView& camera : cameras) {
+            addresses.push_back(camera.record.ipAddress);
+        }
         return addresses;
     }
 
@@ -186,14 +190,14 @@ TEST_F(PresenceTest, EndsAFirstSearchWithItsWindowAndWithoutANetworkAtOnce) {
     m_presence->Follow({}, {}, Clock::now());
     m_presence->WaitForFirstSearch();
     Follow(Use::Used);
-    m_presence->Broadcasted(kWire, Clock::now() - 25h);
+    m_presence->Broadcasted(TestWire, Clock::now() - 25h);
     m_presence->WaitForFirstSearch();
 }
 
 TEST_F(PresenceTest, EndsAFirstSearchWhenTheCameraThatIsWantedAnswers) {
     for (const GigECameraName name : {GigECameraName{102, 0}, GigECameraName{0, 2}}) {
         Make(name);
-        m_presence->Broadcasted(kWire, Clock::now());
+        m_presence->Broadcasted(TestWire, Clock::now());
         Add(1);
         auto listing = InBackground([this] { m_presence->WaitForFirstSearch(); });
         EXPECT_EQ(listing.wait_for(50ms), std::future_status::timeout) << "another one is there";
@@ -204,7 +208,7 @@ TEST_F(PresenceTest, EndsAFirstSearchWhenTheCameraThatIsWantedAnswers) {
 }
 
 TEST_F(PresenceTest, WaitsForNoFirstSearchASecondTime) {
-    m_presence->Broadcasted(kWire, Clock::now());
+    m_presence->Broadcasted(TestWire, Clock::now());
     List();
     m_presence->WaitForFirstSearch();
 }
@@ -243,7 +247,7 @@ TEST_F(PresenceTest, WaitsUntilACameraHasAnsweredAtItsNewAddress) {
 }
 
 TEST_F(PresenceTest, EndsEveryWaitWhenItStops) {
-    m_presence->Broadcasted(kWire, Clock::now());
+    m_presence->Broadcasted(TestWire, Clock::now());
     auto first = InBackground([this] { m_presence->WaitForFirstSearch(); });
     auto second = InBackground([this] {
         m_presence->WaitUntilAnswered({GigECameraName{9, 0}}, TimePoint(), TimePoint::max());
@@ -265,7 +269,9 @@ TEST_F(PresenceTest, SaysOfEachSightingWhetherItCanBeUsed) {
     m_presence->HeardBroadcast(foreign, Clock::now(), &probes);
     m_presence->HeardBroadcast(From(4), Clock::now(), &probes);
     std::map<std::uint64_t, GigEUsability> usability;
-    for (const SightingView& view : m_presence->GetSightings()) usability[view.key.mac] = view.usability;
+    for (const SightingView& view : m_presence->GetSightings()) {
+        usability[view.key.mac] = view.usability;
+    }
     EXPECT_EQ(usability[1], GigEUsability::Usable);
     EXPECT_EQ(usability[2], GigEUsability::AddressTaken);
     EXPECT_EQ(usability[3], GigEUsability::OtherSubnet);

@@ -106,7 +106,9 @@ TEST_F(GigERefused, AnInterfaceWithoutASocketIsTriedAgain) {
         Platform::Listing<Platform::GigEDevice> cameras;
         const auto deadline = Clock::now() + 5s;
         std::uint32_t status = HAL_OK;
-        while (status == HAL_OK && Clock::now() < deadline) status = m_bus->ListCameras(&cameras);
+        while (status == HAL_OK && Clock::now() < deadline) {
+            status = m_bus->ListCameras(&cameras);
+        }
         EXPECT_EQ(status, HAL_OUT_OF_MEMORY);
     }
     ASSERT_TRUE(m_sink.WaitFor([](const auto& counts) { return counts.arrivals == 1; }, 5s));
@@ -131,7 +133,9 @@ TEST_F(GigERefused, LostNoticesOfTheKernelAreMadeUpFor) {
     EXPECT_FALSE(changes.Drain());
     // Far more notices than the socket holds: some are lost, and that something happened is not.
     std::string batch;
-    for (int i = 0; i < 1500; ++i) batch += "addr add 10.0.0.1/8 dev h0\naddr del 10.0.0.1/8 dev h0\n";
+    for (int i = 0; i < 1500; ++i) {
+        batch += "addr add 10.0.0.1/8 dev h0\naddr del 10.0.0.1/8 dev h0\n";
+    }
     m_host.RunProgram({"sh", "-c", "printf '" + batch + "' | ip -batch -"});
     EXPECT_TRUE(changes.Drain());
     EXPECT_FALSE(changes.Drain());

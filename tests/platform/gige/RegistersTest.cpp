@@ -31,7 +31,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Request = HostileDevice::Request;
 
-const ReadingPlan kListing{true, 0x24};
+const ReadingPlan TestListing{true, 0x24};
 
 /// Cameras 127.0.0.2, 127.0.0.3, ... that are one device.
 class GigERegisters : public ::testing::Test {
@@ -40,7 +40,9 @@ protected:
         : m_stop(eventfd(0, EFD_NONBLOCK)),
           m_device(m_network, Ip("127.0.0.1"), [this](HostileDevice& device, const Request& request) {
               const std::lock_guard lock(m_mutex);
-              if (m_answer) m_answer(device, request);
+              if (m_answer) {
+                  m_answer(device, request);
+              }
           }) {
         m_answer = [](HostileDevice& device, const Request& request) { Behave(device, request); };
         m_registers = std::make_unique<Registers>(
@@ -58,12 +60,16 @@ protected:
     }
     std::vector<CameraPlace> Places(std::uint64_t count) const {
         std::vector<CameraPlace> places;
-        for (std::uint64_t i = 0; i < count; ++i) places.push_back(Place(2 + i));
+        for (std::uint64_t i = 0; i < count; ++i) {
+            places.push_back(Place(2 + i));
+        }
         return places;
     }
 
     std::optional<CameraPlace> Find(const CameraKey& key) const {
-        if (key.mac < 2 || key.mac > 100) return std::nullopt;
+        if (key.mac < 2 || key.mac > 100) {
+            return std::nullopt;
+        }
         return Place(key.mac);
     }
 
@@ -136,7 +142,9 @@ TEST_F(GigERegisters, AreReadOverOneSocketThatIsKept) {
     }
     EXPECT_EQ(m_opened, 1);
     std::set<std::uint16_t> ports;
-    for (const Request& request : m_device.GetRequests()) ports.insert(request.fromPort);
+    for (const Request& request : m_device.GetRequests()) {
+        ports.insert(request.fromPort);
+    }
     EXPECT_EQ(ports.size(), 1u);
     std::uint32_t ip = 0;
     std::uint16_t port = 0;
@@ -172,11 +180,11 @@ TEST_F(GigERegisters, NameThePortsThatAreMissing) {
     m_refusal = EADDRINUSE;
     std::uint32_t value = 0;
     EXPECT_EQ(m_registers->Read(Key(2), 0x100, &value), HAL_OUT_OF_MEMORY);
-    EXPECT_EQ(m_registers->ReadAll(Places(3), kListing).at(Key(3)).controlStatus, HAL_OUT_OF_MEMORY);
+    EXPECT_EQ(m_registers->ReadAll(Places(3), TestListing).at(Key(3)).controlStatus, HAL_OUT_OF_MEMORY);
     EXPECT_THAT(m_registers->GetShortOfPorts(), ElementsAre(std::pair(1, 3u)));
     m_refusal = 0;
     EXPECT_EQ(m_registers->Read(Key(2), 0x100, &value), HAL_OK);
-    m_registers->ReadAll(Places(3), kListing);
+    m_registers->ReadAll(Places(3), TestListing);
     EXPECT_THAT(m_registers->GetShortOfPorts(), IsEmpty());
 }
 
@@ -184,11 +192,15 @@ TEST_F(GigERegisters, OfAllCamerasAreReadAtOnce) {
     // None is answered before all have been asked.
     Use([waiting = std::vector<Request>()](HostileDevice& device, const Request& request) mutable {
         waiting.push_back(request);
-        if (waiting.size() < 16) return;
-        for (const Request& asked : waiting) Behave(device, asked);
+        if (waiting.size() < 16) {
+            return;
+        }
+        for (const Request& asked : waiting) {
+            Behave(device, asked);
+        }
         waiting.clear();
     });
-    const auto readings = m_registers->ReadAll(Places(16), kListing);
+    const auto readings = m_registers->ReadAll(Places(16), TestListing);
     ASSERT_EQ(readings.size(), 16u);
     for (const auto& [key, reading] : readings) {
         EXPECT_FALSE(reading.skipped);
@@ -201,9 +213,11 @@ TEST_F(GigERegisters, OfAllCamerasAreReadAtOnce) {
 
 TEST_F(GigERegisters, OfAMuteCameraAreWaitedForOnceAndThenOnlyAsked) {
     Use([](HostileDevice& device, const Request& request) {
-        if (!IsFor(request, 3)) Behave(device, request);
+        if (!IsFor(request, 3)) {
+            Behave(device, request);
+        }
     });
-    const auto first = m_registers->ReadAll(Places(4), kListing);
+    const auto first = m_registers->ReadAll(Places(4), TestListing);
     EXPECT_EQ(first.at(Key(3)).controlStatus, HAL_TIMED_OUT);
     EXPECT_EQ(first.at(Key(4)).controlStatus, HAL_OK);
     EXPECT_TRUE(m_registers->IsMute(Key(3)));
@@ -213,23 +227,27 @@ TEST_F(GigERegisters, OfAMuteCameraAreWaitedForOnceAndThenOnlyAsked) {
     m_timings.muteWait = m_timings.verifyWait = m_timings.suspectAfter = 24h;
     const int asked = CountRequests(3);
     for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(m_registers->ReadAll(Places(4), kListing).at(Key(3)).controlStatus, HAL_TIMED_OUT);
+        EXPECT_EQ(m_registers->ReadAll(Places(4), TestListing).at(Key(3)).controlStatus, HAL_TIMED_OUT);
     }
     EXPECT_TRUE(m_device.WaitFor([&](const Request&) { return true; }, 1s));
     const auto deadline = Clock::now() + 10s;
-    while (CountRequests(3) < asked + 10 && Clock::now() < deadline) std::this_thread::yield();
+    while (CountRequests(3) < asked + 10 && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     EXPECT_EQ(CountRequests(3), asked + 10) << "it may have begun to answer";
 }
 
 TEST_F(GigERegisters, OfAMuteCameraAreReadAgainOnceItAnswers) {
     Use({});
-    m_registers->ReadAll(Places(1), kListing);
+    m_registers->ReadAll(Places(1), TestListing);
     ASSERT_TRUE(m_registers->IsMute(Key(2)));
     Use([](HostileDevice& device, const Request& request) { Behave(device, request); });
     const auto deadline = Clock::now() + 10s;
-    while (m_registers->IsMute(Key(2)) && Clock::now() < deadline) m_registers->ReadAll(Places(1), kListing);
+    while (m_registers->IsMute(Key(2)) && Clock::now() < deadline) {
+        m_registers->ReadAll(Places(1), TestListing);
+    }
     EXPECT_FALSE(m_registers->IsMute(Key(2)));
-    EXPECT_EQ(m_registers->ReadAll(Places(1), kListing).at(Key(2)).valueStatus, HAL_OK);
+    EXPECT_EQ(m_registers->ReadAll(Places(1), TestListing).at(Key(2)).valueStatus, HAL_OK);
 }
 
 TEST_F(GigERegisters, OfACameraThatIsPendingForEverAreTreatedAsThoseOfAMuteOne) {
@@ -237,23 +255,25 @@ TEST_F(GigERegisters, OfACameraThatIsPendingForEverAreTreatedAsThoseOfAMuteOne) 
         const auto pending = Platform::Gvcp::EncodePendingAck(request.header.requestId, 0xFFFF);
         Say(device, request, HostileDevice::Bytes(pending.GetData(), pending.GetData() + pending.GetSize()));
     });
-    EXPECT_EQ(m_registers->ReadAll(Places(1), kListing).at(Key(2)).controlStatus, HAL_TIMED_OUT);
+    EXPECT_EQ(m_registers->ReadAll(Places(1), TestListing).at(Key(2)).controlStatus, HAL_TIMED_OUT);
     EXPECT_TRUE(m_registers->IsMute(Key(2)));
     m_timings.muteWait = m_timings.verifyWait = m_timings.suspectAfter = 24h;
-    EXPECT_EQ(m_registers->ReadAll(Places(1), kListing).at(Key(2)).controlStatus, HAL_TIMED_OUT);
+    EXPECT_EQ(m_registers->ReadAll(Places(1), TestListing).at(Key(2)).controlStatus, HAL_TIMED_OUT);
 }
 
 TEST_F(GigERegisters, OfACameraThatIsAlwaysLateAreNotWaitedForEachTime) {
     // Each answer comes when the next listing has begun.
     Use([late = std::vector<Request>()](HostileDevice& device, const Request& request) mutable {
-        for (const Request& asked : late) Behave(device, asked);
+        for (const Request& asked : late) {
+            Behave(device, asked);
+        }
         late.assign(1, request);
     });
     m_timings.muteWait = 100ms;
     m_timings.registerTry = 24h;
     int waits = 0;
     for (int i = 0; i < 10; ++i) {
-        m_registers->ReadAll(Places(1), kListing);
+        m_registers->ReadAll(Places(1), TestListing);
         waits += m_registers->IsMute(Key(2)) ? 0 : 1;
     }
     EXPECT_TRUE(m_registers->IsMute(Key(2)));
@@ -262,11 +282,13 @@ TEST_F(GigERegisters, OfACameraThatIsAlwaysLateAreNotWaitedForEachTime) {
 
 TEST_F(GigERegisters, OfACameraThatIsNotThereAreNotWaitedFor) {
     Use([](HostileDevice& device, const Request& request) {
-        if (!IsFor(request, 3)) Behave(device, request);
+        if (!IsFor(request, 3)) {
+            Behave(device, request);
+        }
     });
     m_isThere = false;
     m_timings.muteWait = 24h;
-    const auto readings = m_registers->ReadAll(Places(2), kListing);
+    const auto readings = m_registers->ReadAll(Places(2), TestListing);
     EXPECT_EQ(readings.at(Key(2)).valueStatus, HAL_OK);
     EXPECT_EQ(readings.at(Key(3)).controlStatus, HAL_TIMED_OUT);
     EXPECT_FALSE(m_registers->IsMute(Key(3))) << "it is gone";
@@ -286,8 +308,10 @@ TEST_F(GigERegisters, OfACameraThatSomebodyTalksToAreNotWaitedFor) {
         std::uint32_t value = 0;
         return m_registers->Read(Key(2), 0x500, &value);
     });
-    while (!asked) std::this_thread::yield();
-    const auto readings = m_registers->ReadAll(Places(2), kListing);
+    while (!asked) {
+        std::this_thread::yield();
+    }
+    const auto readings = m_registers->ReadAll(Places(2), TestListing);
     EXPECT_TRUE(readings.at(Key(2)).skipped);
     EXPECT_EQ(readings.at(Key(3)).valueStatus, HAL_OK);
     // And Stop ends the one that waits.
@@ -300,10 +324,12 @@ TEST_F(GigERegisters, OfACameraThatSomebodyTalksToAreNotWaitedFor) {
 TEST_F(GigERegisters, AreFreeForOthersAsSoonAsTheyHaveBeenRead) {
     // The listing goes on waiting for camera 3; camera 2 can be talked to meanwhile.
     Use([](HostileDevice& device, const Request& request) {
-        if (!IsFor(request, 3)) Behave(device, request);
+        if (!IsFor(request, 3)) {
+            Behave(device, request);
+        }
     });
     m_timings.muteWait = 24h;
-    auto listing = std::async(std::launch::async, [this] { return m_registers->ReadAll(Places(2), kListing); });
+    auto listing = std::async(std::launch::async, [this] { return m_registers->ReadAll(Places(2), TestListing); });
     ASSERT_TRUE(
         m_device.WaitFor([](const Request& request) { return IsFor(request, 2) && request.Address() == 0x24; }, 10s));
     std::uint32_t value = 0;
@@ -326,16 +352,20 @@ TEST_F(GigERegisters, AreNotForcedByAnswersOfOthers) {
 }
 
 TEST_F(GigERegisters, OfManyCamerasAreReadByManyThreadsWithoutOneRetry) {
-    constexpr int kReads = 2000;
+    constexpr int Reads = 2000;
     std::vector<std::thread> threads;
     for (std::uint64_t number = 2; number < 10; ++number) {
         threads.emplace_back([this, number] {
             std::uint32_t value = 0;
-            for (int i = 0; i < kReads; ++i) EXPECT_EQ(m_registers->Read(Key(number), 0x100, &value), HAL_OK);
+            for (int i = 0; i < Reads; ++i) {
+                EXPECT_EQ(m_registers->Read(Key(number), 0x100, &value), HAL_OK);
+            }
         });
     }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(m_device.GetRequests().size(), 8u * kReads) << "each request was answered the first time";
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(m_device.GetRequests().size(), 8u * Reads) << "each request was answered the first time";
 }
 
 }  // namespace

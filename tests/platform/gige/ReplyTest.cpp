@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 using Gvcp::MessageId;
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr std::uint16_t kId = 0x1234;
-const TimePoint kNow = TimePoint() + 1h;
+constexpr std::uint16_t Id = 0x1234;
+const TimePoint Now = TimePoint() + 1h;
 
 Bytes BytesOf(const Gvcp::Packet& packet) { return Bytes(packet.GetData(), packet.GetData() + packet.GetSize()); }
 
@@ -23,9 +23,9 @@ Bytes ReadAck(std::uint16_t id, std::uint32_t value) { return BytesOf(Gvcp::Enco
 
 class ReplyTest : public ::testing::Test {
 protected:
-    void Take(const Bytes& bytes) { m_reply.Take(bytes, kNow); }
+    void Take(const Bytes& bytes) { m_reply.Take(bytes, Now); }
 
-    Reply m_reply{kId, MessageId::ReadRegAck, kNow + 1s};
+    Reply m_reply{Id, MessageId::ReadRegAck, Now + 1s};
 };
 
 TEST_F(ReplyTest, TimesOutWithoutAnything) {
@@ -35,21 +35,21 @@ TEST_F(ReplyTest, TimesOutWithoutAnything) {
 }
 
 TEST_F(ReplyTest, IsTheFirstAcknowledgeWithItsId) {
-    Take(ReadAck(kId + 1, 1));
+    Take(ReadAck(Id + 1, 1));
     Take(ReadAck(0, 2));
     EXPECT_FALSE(m_reply.IsAnswered());
-    Take(ReadAck(kId, 3));
+    Take(ReadAck(Id, 3));
     EXPECT_TRUE(m_reply.IsAnswered());
-    Take(ReadAck(kId, 4));
+    Take(ReadAck(Id, 4));
     EXPECT_EQ(m_reply.GetStatus(), HAL_OK);
     EXPECT_EQ(m_reply.GetValue(), 3u);
 }
 
 TEST_F(ReplyTest, IsNoAcknowledgeOfAnotherCommandAndNoCommand) {
-    Take(BytesOf(Gvcp::EncodeWriteRegAck(kId, 1)));
-    Take(BytesOf(Gvcp::EncodeForceIpAck(kId)));
+    Take(BytesOf(Gvcp::EncodeWriteRegAck(Id, 1)));
+    Take(BytesOf(Gvcp::EncodeForceIpAck(Id)));
     const std::uint32_t address = 0x24;
-    Take(BytesOf(Gvcp::EncodeReadRegCommand(kId, {&address, 1})));
+    Take(BytesOf(Gvcp::EncodeReadRegCommand(Id, {&address, 1})));
     Take({});
     Take(Bytes(7, 0));
     EXPECT_FALSE(m_reply.IsAnswered());
@@ -57,41 +57,41 @@ TEST_F(ReplyTest, IsNoAcknowledgeOfAnotherCommandAndNoCommand) {
 }
 
 TEST_F(ReplyTest, IsABadAnswerWhenAllThatCameCouldNotBeRead) {
-    Bytes cut = ReadAck(kId, 3);
+    Bytes cut = ReadAck(Id, 3);
     cut.pop_back();
     Take(cut);
     EXPECT_FALSE(m_reply.IsAnswered()) << "the right one may still come";
     EXPECT_EQ(m_reply.GetStatus(), HAL_BAD_ANSWER);
-    Take(ReadAck(kId, 3));
+    Take(ReadAck(Id, 3));
     EXPECT_EQ(m_reply.GetStatus(), HAL_OK);
 }
 
 TEST_F(ReplyTest, HasOneValueAndNotTwo) {
     const std::vector<std::uint32_t> values{1, 2};
-    Take(BytesOf(Gvcp::EncodeReadRegAck(kId, values)));
+    Take(BytesOf(Gvcp::EncodeReadRegAck(Id, values)));
     EXPECT_EQ(m_reply.GetStatus(), HAL_BAD_ANSWER);
 }
 
 TEST_F(ReplyTest, HasTheCamerasStatus) {
-    Take(BytesOf(Gvcp::EncodeErrorAck(MessageId::ReadRegAck, kId, Gvcp::Status::AccessDenied)));
+    Take(BytesOf(Gvcp::EncodeErrorAck(MessageId::ReadRegAck, Id, Gvcp::Status::AccessDenied)));
     EXPECT_TRUE(m_reply.IsAnswered());
     EXPECT_EQ(m_reply.GetStatus(), HAL_ACCESS_DENIED);
 }
 
 TEST_F(ReplyTest, WaitsAsLongAsTheCameraAsksForUpToItsLimit) {
-    Take(BytesOf(Gvcp::EncodePendingAck(kId + 1, 500)));
+    Take(BytesOf(Gvcp::EncodePendingAck(Id + 1, 500)));
     EXPECT_EQ(m_reply.GetPendingUntil(), TimePoint());
-    Take(BytesOf(Gvcp::EncodePendingAck(kId, 500)));
-    EXPECT_EQ(m_reply.GetPendingUntil(), kNow + 500ms);
-    Take(BytesOf(Gvcp::EncodePendingAck(kId, 60000)));
-    EXPECT_EQ(m_reply.GetPendingUntil(), kNow + 1s);
+    Take(BytesOf(Gvcp::EncodePendingAck(Id, 500)));
+    EXPECT_EQ(m_reply.GetPendingUntil(), Now + 500ms);
+    Take(BytesOf(Gvcp::EncodePendingAck(Id, 60000)));
+    EXPECT_EQ(m_reply.GetPendingUntil(), Now + 1s);
     EXPECT_FALSE(m_reply.IsAnswered());
     EXPECT_EQ(m_reply.GetStatus(), HAL_TIMED_OUT);
 }
 
 TEST(ReplyToAForceIp, IsItsAcknowledge) {
-    Reply reply(kId, MessageId::ForceIpAck, kNow);
-    reply.Take(BytesOf(Gvcp::EncodeForceIpAck(kId)), kNow);
+    Reply reply(Id, MessageId::ForceIpAck, Now);
+    reply.Take(BytesOf(Gvcp::EncodeForceIpAck(Id)), Now);
     EXPECT_EQ(reply.GetStatus(), HAL_OK);
 }
 

@@ -25,7 +25,7 @@ using ::testing::SizeIs;
 using Kind = GigESearchProblem::Kind;
 using Request = HostileDevice::Request;
 
-constexpr std::uint64_t kMac = 0x020000000000;
+constexpr std::uint64_t CameraMac = 0x020000000000;
 
 class GigESearch : public GigEWireTest {
 protected:
@@ -40,7 +40,9 @@ protected:
         const auto deadline = Clock::now() + 10s;
         while (Clock::now() < deadline) {
             for (const GigESearchProblem& problem : Report().problems) {
-                if (problem.kind == kind) return problem;
+                if (problem.kind == kind) {
+                    return problem;
+                }
             }
             std::this_thread::yield();
         }
@@ -153,10 +155,14 @@ TEST_F(GigESearch, NamesAFilterThatMayHideCamerasUntilTheInterfaceHasHeardSome) 
     m_cameras.reset();
     std::atomic<bool> another{false};
     HostileDevice device(m_wire, Ip("192.168.77.100"), [&](HostileDevice& self, const Request& request) {
-        if (!request.Is(MessageId::DiscoveryCmd)) return;
+        if (!request.Is(MessageId::DiscoveryCmd)) {
+            return;
+        }
         self.Answer(request, HostileDevice::DiscoveryAck(request, 1, Ip("192.168.77.100")));
         // One that answers without a question by ARP: the kernel drops what it sends, and counts it.
-        if (!another) return;
+        if (!another) {
+            return;
+        }
         self.AnswerFrom(request, Ip("10.9.9.9"), 3956, HostileDevice::DiscoveryAck(request, 9, Ip("10.9.9.9")));
     });
     ASSERT_TRUE(WaitForNames({"666@192.168.77.100"}, 10s));
@@ -166,7 +172,9 @@ TEST_F(GigESearch, NamesAFilterThatMayHideCamerasUntilTheInterfaceHasHeardSome) 
     EXPECT_FALSE(heard.MayHideCameras(heard.filtered[0])) << "one was, and nothing was dropped";
     another = true;
     const auto deadline = Clock::now() + 10s;
-    while (Report().filteredPackets == 0 && Clock::now() < deadline) std::this_thread::yield();
+    while (Report().filteredPackets == 0 && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     const GigESearchReport dropped = Report();
     ASSERT_THAT(dropped.filtered, SizeIs(1));
     EXPECT_TRUE(dropped.MayHideCameras(dropped.filtered[0]));
@@ -194,13 +202,13 @@ TEST_P(GigESearchFor, EndsWhenTheCameraAnswers) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, GigESearchFor,
-                         ::testing::Values(GigECameraName{Ip("192.168.77.103"), 0}, GigECameraName{0, kMac + 3}),
+                         ::testing::Values(GigECameraName{Ip("192.168.77.103"), 0}, GigECameraName{0, CameraMac + 3}),
                          [](const auto& name) { return std::string(name.param.ip != 0 ? "ByAddress" : "ByMac"); });
 
 TEST_F(GigESearch, ForACameraThatIsNotThereEndsWithItsWindow) {
     AddCamera("192.168.77.102", 2);
     Platform::LinuxGigEOptions options;
-    options.searchFor = GigECameraName{0, kMac + 3};
+    options.searchFor = GigECameraName{0, CameraMac + 3};
     StartWith(options);
     EXPECT_THAT(ListNames(), ElementsAre("2@192.168.77.102"));
     Platform::GigEDiscovery discovery;
@@ -260,13 +268,17 @@ TEST_F(GigESourcePorts, AreThoseOfTheRangeAndNoOthers) {
         EXPECT_LE(port, 40109u);
     }
     std::vector<std::uint16_t> ports;
-    for (const Request& request : device.GetRequests()) ports.push_back(request.fromPort);
+    for (const Request& request : device.GetRequests()) {
+        ports.push_back(request.fromPort);
+    }
     EXPECT_THAT(ports, Each(::testing::AllOf(::testing::Ge(40100), ::testing::Le(40109))));
     EXPECT_THAT(Report().problems, IsEmpty());
 }
 
 TEST_F(GigESourcePorts, ThatAreTooFewAreNamedWithTheNeed) {
-    for (std::uint64_t i = 2; i < 6; ++i) AddCamera("192.168.77.10" + std::to_string(i), i);
+    for (std::uint64_t i = 2; i < 6; ++i) {
+        AddCamera("192.168.77.10" + std::to_string(i), i);
+    }
     StartOn({40100, 40103});  // two for the monitor, and two cameras have none
     EXPECT_EQ(List().size(), 4u) << "they are there";
     const auto problem = WaitForProblem(Kind::SourcePorts);

@@ -37,7 +37,9 @@ TEST_F(GigEStress, ThreeDatagramsInTenLostLoseNoCamera) {
     Start({});
     // All of them, if not at once then with the next rounds.
     const auto deadline = Clock::now() + 10s;
-    while (ListNames().size() < 8) ASSERT_LT(Clock::now(), deadline);
+    while (ListNames().size() < 8) {
+        ASSERT_LT(Clock::now(), deadline);
+    }
     const auto before = m_sink.GetCounts();
     const auto begin = Clock::now();
     while (Since(begin) < 8s) {
@@ -94,15 +96,23 @@ TEST_F(GigEStress, ManyThreadsReadTheirOwnValues) {
         });
     }
     threads.emplace_back([&] {
-        while (!stop) EXPECT_EQ(ListNames().size(), 16u);
+        while (!stop) {
+            EXPECT_EQ(ListNames().size(), 16u);
+        }
     });
     threads.emplace_back([&] {
-        while (!stop) EXPECT_EQ(DiscoverNames().size(), 16u);
+        while (!stop) {
+            EXPECT_EQ(DiscoverNames().size(), 16u);
+        }
     });
     const auto begin = Clock::now();
-    while (Since(begin) < 3s) std::this_thread::sleep_for(10ms);  // the length of the trial
+    while (Since(begin) < 3s) {
+        std::this_thread::sleep_for(10ms);  // the length of the trial
+    }
     stop = true;
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     EXPECT_GT(reads, 500u);
     EXPECT_EQ(m_sink.GetCounts().removals, 0);
 }
@@ -132,10 +142,14 @@ TEST_F(GigEStress, StopEndsEverythingThatWaits) {
         ++waiting;
         EXPECT_EQ(AutoForceIp(std::nullopt), HAL_CLOSED);
     });
-    while (waiting < 4) std::this_thread::yield();
+    while (waiting < 4) {
+        std::this_thread::yield();
+    }
     const auto start = Clock::now();
     m_bus->Stop();
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     EXPECT_LT(Since(start), 1s);
 }
 

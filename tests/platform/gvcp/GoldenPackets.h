@@ -15,7 +15,9 @@ using ByteVector = std::vector<std::uint8_t>;
 
 inline ByteVector Join(std::initializer_list<ByteVector> parts) {
     ByteVector whole;
-    for (const ByteVector& part : parts) whole.insert(whole.end(), part.begin(), part.end());
+    for (const ByteVector& part : parts) {
+        whole.insert(whole.end(), part.begin(), part.end());
+    }
     return whole;
 }
 

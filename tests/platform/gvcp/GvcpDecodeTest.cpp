@@ -15,13 +15,15 @@ namespace {
 
 using namespace Testing;
 
-constexpr std::size_t kLargestDatagram = 65507;
+constexpr std::size_t LargestDatagram = 65507;
 
 /// The bytes in a heap block of exactly their size, so that the sanitizers see a read past the end.
 class Exact {
 public:
     explicit Exact(const ByteVector& bytes, std::size_t size) : m_bytes(new std::uint8_t[size]), m_size(size) {
-        if (size != 0) std::memcpy(m_bytes.get(), bytes.data(), size);
+        if (size != 0) {
+            std::memcpy(m_bytes.get(), bytes.data(), size);
+        }
     }
     explicit Exact(const ByteVector& bytes) : Exact(bytes, bytes.size()) {}
     operator Bytes() const { return Bytes(m_bytes.get(), m_size); }
@@ -35,7 +37,7 @@ ByteVector Command(std::uint16_t id, std::size_t payloadBytes) {
     ByteVector bytes{0x42, 0x01, 0, 0, 0, 0, 0x00, 0x07};
     StoreU16(&bytes[2], id);
     StoreU16(&bytes[4], static_cast<std::uint16_t>(payloadBytes));
-    bytes.resize(kHeaderBytes + payloadBytes);
+    bytes.resize(HeaderBytes + payloadBytes);
     return bytes;
 }
 
@@ -44,7 +46,7 @@ ByteVector Ack(std::uint16_t status, std::uint16_t id, std::size_t payloadBytes)
     StoreU16(&bytes[0], status);
     StoreU16(&bytes[2], id);
     StoreU16(&bytes[4], static_cast<std::uint16_t>(payloadBytes));
-    bytes.resize(kHeaderBytes + payloadBytes);
+    bytes.resize(HeaderBytes + payloadBytes);
     return bytes;
 }
 
@@ -82,10 +84,10 @@ TEST(GvcpDecodeCommand, ReadsSeveralAddressesOfOneReadReg) {
     ASSERT_EQ(decoded.error, DecodeError::None);
     const WordView addresses = std::get<ReadRegCommand>(decoded.body).addresses;
     ASSERT_EQ(addresses.GetCount(), 4u);
-    EXPECT_EQ(addresses[0], Register::kCurrentIpAddress);
-    EXPECT_EQ(addresses[1], Register::kControlChannelPrivilege);
-    EXPECT_EQ(addresses[2], Register::kPrimaryApplicationPort);
-    EXPECT_EQ(addresses[3], Register::kPrimaryApplicationIpAddress);
+    EXPECT_EQ(addresses[0], Register::CurrentIpAddress);
+    EXPECT_EQ(addresses[1], Register::ControlChannelPrivilege);
+    EXPECT_EQ(addresses[2], Register::PrimaryApplicationPort);
+    EXPECT_EQ(addresses[3], Register::PrimaryApplicationIpAddress);
     EXPECT_EQ(decoded.header.requestId, 0x1e);
     EXPECT_FALSE(decoded.header.MayBroadcastAcknowledge());
 }
@@ -96,15 +98,15 @@ TEST(GvcpDecodeCommand, ReadsWriteReg) {
     ASSERT_EQ(decoded.error, DecodeError::None);
     const auto& command = std::get<WriteRegCommand>(decoded.body);
     ASSERT_EQ(command.GetCount(), 1u);
-    EXPECT_EQ(command[0].address, Register::kControlChannelPrivilege);
-    EXPECT_EQ(command[0].value, Ccp::kControlAccess);
+    EXPECT_EQ(command[0].address, Register::ControlChannelPrivilege);
+    EXPECT_EQ(command[0].value, Ccp::ControlAccess);
 }
 
 TEST(GvcpDecodeCommand, ReadsReadMemAsSent) {
     const DecodedCommand decoded = DecodeCommand(Exact(With(Golden::ReadMemCmd(), 12, {0xff, 0xff, 0x00, 0x1f})));
     ASSERT_EQ(decoded.error, DecodeError::None);
     const auto& command = std::get<ReadMemCommand>(decoded.body);
-    EXPECT_EQ(command.address, Register::kManufacturerName);
+    EXPECT_EQ(command.address, Register::ManufacturerName);
     EXPECT_EQ(command.count, 31) << "whether 31 bytes may be read is the device's to say";
 }
 
@@ -113,7 +115,7 @@ TEST(GvcpDecodeCommand, ReadsWriteMem) {
     const DecodedCommand decoded = DecodeCommand(packet);
     ASSERT_EQ(decoded.error, DecodeError::None);
     const auto& command = std::get<WriteMemCommand>(decoded.body);
-    EXPECT_EQ(command.address, Register::kUserDefinedName);
+    EXPECT_EQ(command.address, Register::UserDefinedName);
     EXPECT_EQ(ByteVector(command.data.begin(), command.data.end()), Text("left one", 16));
 }
 
@@ -211,7 +213,7 @@ TEST(GvcpDecodeAcknowledge, ReadsEveryFieldOfDiscovery) {
 }
 
 TEST(GvcpDecodeAcknowledge, KeepsATextThatFillsItsField) {
-    const ByteVector packet = With(Golden::DiscoveryAck(), kHeaderBytes + 216,
+    const ByteVector packet = With(Golden::DiscoveryAck(), HeaderBytes + 216,
                                    {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'A', 'B', 'C', 'D', 'E', 'F'});
     const DecodedAcknowledge decoded = DecodeAcknowledge(Exact(packet));
     ASSERT_EQ(decoded.error, DecodeError::None);
@@ -337,14 +339,14 @@ std::vector<ByteVector> AllAcknowledges() {
 TEST(GvcpDecode, RefusesEveryPacketCutAtEveryByte) {
     for (const ByteVector& packet : AllCommands()) {
         for (std::size_t size = 0; size < packet.size(); ++size) {
-            const DecodeError expected = size < kHeaderBytes ? DecodeError::TooShort : DecodeError::Truncated;
+            const DecodeError expected = size < HeaderBytes ? DecodeError::TooShort : DecodeError::Truncated;
             EXPECT_EQ(DecodeCommand(Exact(packet, size)).error, expected) << "cut at " << size;
         }
         EXPECT_EQ(DecodeCommand(Exact(packet)).error, DecodeError::None);
     }
     for (const ByteVector& packet : AllAcknowledges()) {
         for (std::size_t size = 0; size < packet.size(); ++size) {
-            const DecodeError expected = size < kHeaderBytes ? DecodeError::TooShort : DecodeError::Truncated;
+            const DecodeError expected = size < HeaderBytes ? DecodeError::TooShort : DecodeError::Truncated;
             EXPECT_EQ(DecodeAcknowledge(Exact(packet, size)).error, expected) << "cut at " << size;
         }
         EXPECT_EQ(DecodeAcknowledge(Exact(packet)).error, DecodeError::None);
@@ -352,17 +354,17 @@ TEST(GvcpDecode, RefusesEveryPacketCutAtEveryByte) {
 }
 
 TEST(GvcpDecode, RefusesDatagramsAboveTheLargestPacketWhateverTheySay) {
-    for (const std::size_t size : {kMaxPacketBytes + 1, std::size_t{1500}, std::size_t{9000}, kLargestDatagram}) {
+    for (const std::size_t size : {MaxPacketBytes + 1, std::size_t{1500}, std::size_t{9000}, LargestDatagram}) {
         ByteVector command = Golden::ReadRegCmd();
         command.resize(size);
         EXPECT_EQ(DecodeCommand(Exact(command)).error, DecodeError::TrailingBytes);
-        StoreU16(&command[4], static_cast<std::uint16_t>(size - kHeaderBytes));
+        StoreU16(&command[4], static_cast<std::uint16_t>(size - HeaderBytes));
         EXPECT_EQ(DecodeCommand(Exact(command)).error, DecodeError::PayloadTooLong);
 
         ByteVector acknowledge = Golden::DiscoveryAck();
         acknowledge.resize(size);
         EXPECT_EQ(DecodeAcknowledge(Exact(acknowledge)).error, DecodeError::TrailingBytes);
-        StoreU16(&acknowledge[4], static_cast<std::uint16_t>(size - kHeaderBytes));
+        StoreU16(&acknowledge[4], static_cast<std::uint16_t>(size - HeaderBytes));
         EXPECT_EQ(DecodeAcknowledge(Exact(acknowledge)).error, DecodeError::PayloadTooLong);
     }
 }
@@ -370,7 +372,9 @@ TEST(GvcpDecode, RefusesDatagramsAboveTheLargestPacketWhateverTheySay) {
 TEST(GvcpDecode, SurvivesRandomChangesOfGoodPackets) {
     std::mt19937 random(20240607);
     std::vector<ByteVector> packets = AllCommands();
-    for (ByteVector& packet : AllAcknowledges()) packets.push_back(std::move(packet));
+    for (ByteVector& packet : AllAcknowledges()) {
+        packets.push_back(std::move(packet));
+    }
     for (int round = 0; round < 20000; ++round) {
         ByteVector packet = packets[random() % packets.size()];
         for (unsigned change = random() % 4; change != 0; --change) {

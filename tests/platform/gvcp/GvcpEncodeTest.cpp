@@ -38,10 +38,10 @@ GvcpDiscoveryRecord ExampleRecord() {
 }
 
 TEST(GvcpEncode, MakesTheGoldenCommands) {
-    const std::uint32_t one[] = {Register::kCurrentIpAddress};
-    const std::uint32_t four[] = {Register::kCurrentIpAddress, Register::kControlChannelPrivilege,
-                                  Register::kPrimaryApplicationPort, Register::kPrimaryApplicationIpAddress};
-    const RegisterWrite control[] = {{Register::kControlChannelPrivilege, Ccp::kControlAccess}};
+    const std::uint32_t one[] = {Register::CurrentIpAddress};
+    const std::uint32_t four[] = {Register::CurrentIpAddress, Register::ControlChannelPrivilege,
+                                  Register::PrimaryApplicationPort, Register::PrimaryApplicationIpAddress};
+    const RegisterWrite control[] = {{Register::ControlChannelPrivilege, Ccp::ControlAccess}};
     const ForceIpCommand force{0x0200, 0x00000909, 0xC0A84D32, 0xFFFFFF00, 0xC0A84DFE};
     EXPECT_EQ(ToVector(EncodeDiscoveryCommand(1, 0x11)), Golden::DiscoveryCmd());
     EXPECT_EQ(ToVector(EncodeReadRegCommand(0x0a, one)), Golden::ReadRegCmd());
@@ -85,19 +85,19 @@ TEST(GvcpEncode, MakesNothingForRequestIdZero) {
 }
 
 TEST(GvcpEncode, MakesNothingForNoItemsOrTooMany) {
-    const std::vector<std::uint32_t> words(kMaxReadRegAddresses + 1);
-    const std::vector<RegisterWrite> writes(kMaxWriteRegPairs + 1);
+    const std::vector<std::uint32_t> words(MaxReadRegAddresses + 1);
+    const std::vector<RegisterWrite> writes(MaxWriteRegPairs + 1);
     const std::span allWords(words);
     const std::span allWrites(writes);
     EXPECT_TRUE(EncodeReadRegCommand(1, {}).IsEmpty());
     EXPECT_TRUE(EncodeReadRegCommand(1, allWords).IsEmpty());
-    EXPECT_EQ(EncodeReadRegCommand(1, allWords.first(135)).GetSize(), kMaxPacketBytes);
+    EXPECT_EQ(EncodeReadRegCommand(1, allWords.first(135)).GetSize(), MaxPacketBytes);
     EXPECT_TRUE(EncodeReadRegAck(1, {}).IsEmpty());
     EXPECT_TRUE(EncodeReadRegAck(1, allWords).IsEmpty());
     EXPECT_TRUE(EncodeErrorAck(MessageId::ReadRegAck, 1, Status::Error, allWords).IsEmpty());
     EXPECT_TRUE(EncodeWriteRegCommand(1, {}).IsEmpty());
     EXPECT_TRUE(EncodeWriteRegCommand(1, allWrites).IsEmpty());
-    EXPECT_EQ(EncodeWriteRegCommand(1, allWrites.first(67)).GetSize(), kHeaderBytes + 536);
+    EXPECT_EQ(EncodeWriteRegCommand(1, allWrites.first(67)).GetSize(), HeaderBytes + 536);
 }
 
 TEST(GvcpEncode, MakesNothingForMemorySizesThatAreNone) {
@@ -108,24 +108,28 @@ TEST(GvcpEncode, MakesNothingForMemorySizesThatAreNone) {
         EXPECT_TRUE(EncodeReadMemAck(1, 0, Zeros(size)).IsEmpty()) << size;
     }
     for (const std::uint16_t size : std::initializer_list<std::uint16_t>{4, 32, 536}) {
-        EXPECT_EQ(EncodeReadMemCommand(1, 0, size).GetSize(), kHeaderBytes + 8) << size;
-        EXPECT_EQ(EncodeWriteMemCommand(1, 0, Zeros(size)).GetSize(), kHeaderBytes + 4 + size) << size;
-        EXPECT_EQ(EncodeReadMemAck(1, 0, Zeros(size)).GetSize(), kHeaderBytes + 4 + size) << size;
+        EXPECT_EQ(EncodeReadMemCommand(1, 0, size).GetSize(), HeaderBytes + 8) << size;
+        EXPECT_EQ(EncodeWriteMemCommand(1, 0, Zeros(size)).GetSize(), HeaderBytes + 4 + size) << size;
+        EXPECT_EQ(EncodeReadMemAck(1, 0, Zeros(size)).GetSize(), HeaderBytes + 4 + size) << size;
     }
 }
 
 TEST(GvcpEncode, IsReadBackByTheDecoder) {
-    std::vector<std::uint32_t> words(kMaxReadRegAddresses);
+    std::vector<std::uint32_t> words(MaxReadRegAddresses);
     std::iota(words.begin(), words.end(), 0xFFFFFF00u);
     const Packet read = EncodeReadRegCommand(0xFFFF, words);
     const DecodedCommand decodedRead = DecodeCommand(read.GetBytes());
     ASSERT_EQ(decodedRead.error, DecodeError::None);
     const WordView addresses = std::get<ReadRegCommand>(decodedRead.body).addresses;
     ASSERT_EQ(addresses.GetCount(), words.size());
-    for (std::size_t i = 0; i < words.size(); ++i) EXPECT_EQ(addresses[i], words[i]);
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        EXPECT_EQ(addresses[i], words[i]);
+    }
 
     std::vector<RegisterWrite> writes;
-    for (std::uint32_t i = 0; i < kMaxWriteRegPairs; ++i) writes.push_back({4 * i, ~i});
+    for (std::uint32_t i = 0; i < MaxWriteRegPairs; ++i) {
+        writes.push_back({4 * i, ~i});
+    }
     const Packet write = EncodeWriteRegCommand(1, writes);
     const DecodedCommand decodedWrite = DecodeCommand(write.GetBytes());
     ASSERT_EQ(decodedWrite.error, DecodeError::None);
@@ -144,8 +148,10 @@ TEST(GvcpEncode, IsReadBackByTheDecoder) {
 }
 
 TEST(GvcpDiscoveryPayload, SurvivesTheWayThereAndBack) {
-    std::array<std::uint8_t, kDiscoveryPayloadBytes> payload{};
-    for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i + 1);
+    std::array<std::uint8_t, DiscoveryPayloadBytes> payload{};
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<std::uint8_t>(i + 1);
+    }
     auto expected = payload;
     const auto clear = [&expected](std::size_t from, std::size_t count) {
         std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(from), count, std::uint8_t{0});

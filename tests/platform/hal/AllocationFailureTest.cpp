@@ -85,12 +85,12 @@ TEST_F(HalAllocationFailure, InAListingThatFoundAChangeSwallowsItForNobody) {
         void* entries[3] = {};
         std::uint64_t count = 3;
         EXPECT_EQ(HAL_GigEGetCameras(entries, &count), HAL_OK);
-        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
         EXPECT_EQ(listener.HeardSoFar(), expected) << change;
         EventListener newcomer;
         void* fresh = nullptr;
         EXPECT_EQ(HAL_GigERegisterBusEvents(&fresh, &EventListener::Callback, &newcomer), HAL_OK);
-        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
         EXPECT_EQ(HAL_GigEDeregisterBusEvents(fresh), HAL_OK);
         EXPECT_TRUE(newcomer.HeardSoFar().empty()) << "what was listed is known";
         changeUnnoticed();
@@ -176,7 +176,9 @@ TEST_F(HalAllocationFailure, InAnOperationOnAnEntryIsItsAnswer) {
         {"HAL_UsbGetSelfIds", [&] { return HAL_UsbGetSelfIds(usb, usbRecords, &(count = 3), &n[0], &key, &n[1]); }},
         {"HAL_GvcpDiscovery", [&] { return HAL_GvcpDiscovery(discovered, &(records = 3)); }},
     };
-    for (const auto& [name, call] : rows) EXPECT_GT(FailEachAllocation(name, call, [] {}), 0u) << name;
+    for (const auto& [name, call] : rows) {
+        EXPECT_GT(FailEachAllocation(name, call, [] {}), 0u) << name;
+    }
 }
 
 TEST_F(HalAllocationFailure, InConfigureChangesNothing) {

@@ -23,7 +23,9 @@ BusState State(std::uint64_t resets, const std::vector<std::string>& devices) {
     for (const std::string& device : devices) {
         const std::size_t slash = device.find('/');
         PresentDevice present{device.substr(0, slash)};
-        if (slash != std::string::npos) present.version = std::stoull(device.substr(slash + 1));
+        if (slash != std::string::npos) {
+            present.version = std::stoull(device.substr(slash + 1));
+        }
         present.firstWord = static_cast<std::uint32_t>(device[0]);
         state.devices.push_back(present);
     }
@@ -162,7 +164,9 @@ TEST_F(BusNewsTest, OfTwoListingsAtOnceEitherMayBeBehindARegistration) {
 
 TEST_F(BusNewsTest, TwoListingsAtOnceThatSawTheSameAreAsGoodAsOne) {
     Report(0, {"a"});
-    for (int i = 0; i < 2; ++i) m_news.BeginListing(Kind::Cameras);
+    for (int i = 0; i < 2; ++i) {
+        m_news.BeginListing(Kind::Cameras);
+    }
     for (int i = 0; i < 2; ++i) {
         m_news.Listed(Kind::Cameras, State(0, {"a"}));
         m_news.EndListing(Kind::Cameras);

@@ -35,7 +35,7 @@ inline std::ostream& operator<<(std::ostream& out, const Heard& heard) {
 class EventListener {
 public:
     /// Far beyond anything that is waited for; a wait that comes to it has failed.
-    static constexpr std::chrono::seconds kPatience{20};
+    static constexpr std::chrono::seconds Patience{20};
 
     static void Callback(HALBusEvent event, void* context, HALInterfaceType bus, unsigned first, unsigned second,
                          unsigned third) {
@@ -59,18 +59,18 @@ public:
     /// Waits until that many callbacks have begun.
     bool WaitForBegun(std::size_t number) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience, [&] { return m_heard.size() >= number; });
+        return m_changed.wait_for(lock, Patience, [&] { return m_heard.size() >= number; });
     }
     /// Waits until that many callbacks have returned.
     bool WaitForReturned(std::size_t number) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience, [&] { return m_returned >= number; });
+        return m_changed.wait_for(lock, Patience, [&] { return m_returned >= number; });
     }
 
     /// Waits until a callback with that event has begun.
     bool WaitForHeard(const Heard& heard) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience,
+        return m_changed.wait_for(lock, Patience,
                                   [&] { return std::find(m_heard.begin(), m_heard.end(), heard) != m_heard.end(); });
     }
 
@@ -100,7 +100,9 @@ private:
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return !m_held; });
         lock.unlock();
-        if (onEvent) onEvent(heard);
+        if (onEvent) {
+            onEvent(heard);
+        }
         lock.lock();
         --m_inside;
         ++m_returned;

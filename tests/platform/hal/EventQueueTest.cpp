@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using Kind = EventQueue::Step::Kind;
 
-constexpr BusEvent kReset{HAL_BUS_RESET, 0, 0};
+constexpr BusEvent TestReset{HAL_BUS_RESET, 0, 0};
 
 EventQueue::TimePoint At(std::chrono::microseconds sinceStart) { return EventQueue::TimePoint(1h) + sinceStart; }
 
@@ -52,65 +52,67 @@ TEST(EventQueue, DeliversEventsInOrderAtOnce) {
 
 TEST(EventQueue, DeliversAResetOnceTheBusHasBeenQuietForTenMilliseconds) {
     EventQueue queue;
-    queue.Add(kReset, At(0ms));
+    queue.Add(TestReset, At(0ms));
     const EventQueue::Step early = queue.Take(At(9999us));
     EXPECT_EQ(early.kind, Kind::Settle);
     EXPECT_EQ(early.until, At(10ms));
     const EventQueue::Step ripe = queue.Take(At(10ms));
     EXPECT_EQ(ripe.kind, Kind::Deliver);
-    EXPECT_EQ(ripe.event, kReset);
+    EXPECT_EQ(ripe.event, TestReset);
     EXPECT_EQ(queue.Take(At(10ms)).kind, Kind::Idle);
 }
 
 TEST(EventQueue, EachResetOfABurstStartsTheQuietTimeAnew) {
     EventQueue queue;
-    queue.Add(kReset, At(0ms));
-    queue.Add(kReset, At(9ms));
-    queue.Add(kReset, At(18ms));
+    queue.Add(TestReset, At(0ms));
+    queue.Add(TestReset, At(9ms));
+    queue.Add(TestReset, At(18ms));
     EXPECT_EQ(queue.Take(At(27ms)).until, At(28ms));
-    EXPECT_EQ(TakeAll(queue, At(28ms)), std::vector<BusEvent>{kReset});
+    EXPECT_EQ(TakeAll(queue, At(28ms)), std::vector<BusEvent>{TestReset});
 }
 
 TEST(EventQueue, DeliversTheResetOfAnEndlessBurstAfterAHundredMilliseconds) {
     EventQueue queue;
     for (int ms = 0; ms <= 99; ++ms) {
-        queue.Add(kReset, At(std::chrono::milliseconds(ms)));
+        queue.Add(TestReset, At(std::chrono::milliseconds(ms)));
         EXPECT_EQ(queue.Take(At(std::chrono::milliseconds(ms))).kind, Kind::Settle) << ms;
     }
     EXPECT_EQ(queue.Take(At(99ms)).until, At(100ms));
-    EXPECT_EQ(TakeAll(queue, At(100ms)), std::vector<BusEvent>{kReset});
+    EXPECT_EQ(TakeAll(queue, At(100ms)), std::vector<BusEvent>{TestReset});
 }
 
 TEST(EventQueue, AResetAfterADeliveredOneBeginsABurstOfItsOwn) {
     EventQueue queue;
-    for (int ms = 0; ms <= 100; ++ms) queue.Add(kReset, At(std::chrono::milliseconds(ms)));
-    ASSERT_EQ(TakeAll(queue, At(100ms)), std::vector<BusEvent>{kReset});
-    queue.Add(kReset, At(101ms));
+    for (int ms = 0; ms <= 100; ++ms) {
+        queue.Add(TestReset, At(std::chrono::milliseconds(ms)));
+    }
+    ASSERT_EQ(TakeAll(queue, At(100ms)), std::vector<BusEvent>{TestReset});
+    queue.Add(TestReset, At(101ms));
     EXPECT_EQ(queue.Take(At(105ms)).until, At(111ms));
 }
 
 TEST(EventQueue, AResetThatTwoThreadsTimedInTheOtherOrderDoesNotShortenTheQuiet) {
     EventQueue queue;
-    queue.Add(kReset, At(5ms));
-    queue.Add(kReset, At(4ms));
+    queue.Add(TestReset, At(5ms));
+    queue.Add(TestReset, At(4ms));
     EXPECT_EQ(queue.Take(At(5ms)).until, At(15ms));
 }
 
 TEST(EventQueue, DeliversAResetWhoseBurstIsOverAtOnce) {
     EventQueue queue;
-    queue.Add(kReset, At(0ms), true);
-    EXPECT_EQ(TakeAll(queue, At(0ms)), std::vector<BusEvent>{kReset});
-    queue.Add(kReset, At(1ms));
-    queue.Add(kReset, At(2ms), true);
-    EXPECT_EQ(TakeAll(queue, At(2ms)), std::vector<BusEvent>{kReset});
-    queue.Add(kReset, At(3ms));
+    queue.Add(TestReset, At(0ms), true);
+    EXPECT_EQ(TakeAll(queue, At(0ms)), std::vector<BusEvent>{TestReset});
+    queue.Add(TestReset, At(1ms));
+    queue.Add(TestReset, At(2ms), true);
+    EXPECT_EQ(TakeAll(queue, At(2ms)), std::vector<BusEvent>{TestReset});
+    queue.Add(TestReset, At(3ms));
     EXPECT_EQ(queue.Take(At(3ms)).kind, Kind::Settle);
 }
 
 TEST(EventQueue, SettlesAgainWhenAnotherBurstBeginsBeforeAResetHasLeft) {
     EventQueue queue;
-    queue.Add(kReset, At(0ms), true);
-    queue.Add(kReset, At(5ms));
+    queue.Add(TestReset, At(0ms), true);
+    queue.Add(TestReset, At(5ms));
     EXPECT_EQ(queue.Take(At(5ms)).until, At(15ms));
 }
 
@@ -119,15 +121,15 @@ TEST(EventQueue, AResetGoesAheadOfOlderEventsAndHoldsThemBackWhileItSettles) {
     const BusEvent arrival{HAL_BUS_ARRIVAL, 0, 0};
     const BusEvent removal{HAL_BUS_REMOVAL, 0, 0};
     queue.Add(arrival, At(0ms));
-    queue.Add(kReset, At(1ms));
+    queue.Add(TestReset, At(1ms));
     queue.Add(removal, At(2ms));
     EXPECT_EQ(queue.Take(At(3ms)).kind, Kind::Settle);
-    EXPECT_EQ(TakeAll(queue, At(11ms)), (std::vector<BusEvent>{kReset, arrival, removal}));
+    EXPECT_EQ(TakeAll(queue, At(11ms)), (std::vector<BusEvent>{TestReset, arrival, removal}));
 }
 
 TEST(EventQueue, EventsDoNotDisturbTheQuietOfAReset) {
     EventQueue queue;
-    queue.Add(kReset, At(0ms));
+    queue.Add(TestReset, At(0ms));
     queue.Add({HAL_BUS_ARRIVAL, 0, 0}, At(9ms));
     EXPECT_EQ(queue.Take(At(9ms)).until, At(10ms));
 }
@@ -137,8 +139,12 @@ TEST(EventQueue, KeepsOrderWhileTheRingComesRoundManyTimes) {
     std::uint32_t added = 0;
     std::uint32_t taken = 0;
     for (int round = 0; round < 50; ++round) {
-        for (int i = 0; i < 700; ++i) queue.Add({HAL_BUS_ARRIVAL, added++, 0}, At(0ms));
-        for (const BusEvent& event : TakeAll(queue, At(0ms))) EXPECT_EQ(event.first, taken++);
+        for (int i = 0; i < 700; ++i) {
+            queue.Add({HAL_BUS_ARRIVAL, added++, 0}, At(0ms));
+        }
+        for (const BusEvent& event : TakeAll(queue, At(0ms))) {
+            EXPECT_EQ(event.first, taken++);
+        }
     }
     EXPECT_EQ(taken, added);
 }
@@ -146,7 +152,7 @@ TEST(EventQueue, KeepsOrderWhileTheRingComesRoundManyTimes) {
 class FullEventQueue : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (std::uint32_t i = 0; i < EventQueue::kCapacity; ++i) {
+        for (std::uint32_t i = 0; i < EventQueue::Capacity; ++i) {
             m_expected.push_back({HAL_BUS_ARRIVAL, i, ~i});
             m_queue.Add(m_expected.back(), At(0ms));
         }
@@ -165,13 +171,13 @@ TEST_F(FullEventQueue, MergesAnEventIntoAnEqualOneThatWaits) {
 
 TEST_F(FullEventQueue, TurnsAnEventThatHasNoRoomIntoAReset) {
     m_queue.Add({HAL_BUS_REMOVAL, 0, ~0u}, At(0ms));
-    m_expected.insert(m_expected.begin(), kReset);
+    m_expected.insert(m_expected.begin(), TestReset);
     EXPECT_EQ(TakeAll(m_queue, At(10ms)), m_expected);
 }
 
 TEST_F(FullEventQueue, LosesNoReset) {
-    m_queue.Add(kReset, At(0ms));
-    m_expected.insert(m_expected.begin(), kReset);
+    m_queue.Add(TestReset, At(0ms));
+    m_expected.insert(m_expected.begin(), TestReset);
     EXPECT_EQ(TakeAll(m_queue, At(10ms)), m_expected);
 }
 

@@ -84,7 +84,9 @@ struct FakeWorld {
     }
 
     void Log(std::string line) {
-        if (!logging) return;
+        if (!logging) {
+            return;
+        }
         const std::lock_guard lock(m_logMutex);
         m_log.push_back(std::move(line));
     }
@@ -276,7 +278,9 @@ public:
     ~FakeBus() override { --m_world->livingBuses; }
 
     std::uint32_t Start() override {
-        if (m_startAnswer != HAL_OK) return m_startAnswer;
+        if (m_startAnswer != HAL_OK) {
+            return m_startAnswer;
+        }
         ++m_world->startedBuses;
         m_reported.Connect(&m_sink);
         return HAL_OK;
@@ -294,7 +298,9 @@ protected:
     }
     template <class FakeDevice, class Device>
     std::uint32_t Append(const char* operation, int number, std::vector<std::shared_ptr<Device>>* devices) {
-        if (m_world->duringListing) m_world->duringListing(operation);
+        if (m_world->duringListing) {
+            m_world->duringListing(operation);
+        }
         for (int i = 0; i < number; ++i) {
             devices->push_back(std::make_shared<FakeDevice>(m_world, static_cast<std::uint32_t>(i)));
         }
@@ -329,7 +335,9 @@ public:
     std::uint32_t Diagnose(bool askNodes, FireWireDiagnosis* diagnosis) override {
         m_world->Log(Line("FireWire Diagnose %d", askNodes ? 1 : 0));
         const std::uint32_t status = m_world->Answer();
-        if (status == HAL_OK) *diagnosis = m_world->fireWireDiagnosis;
+        if (status == HAL_OK) {
+            *diagnosis = m_world->fireWireDiagnosis;
+        }
         return status;
     }
 };
@@ -344,7 +352,9 @@ public:
     std::uint32_t Diagnose(UsbDiagnosis* diagnosis) override {
         m_world->Log("USB Diagnose");
         const std::uint32_t status = m_world->Answer();
-        if (status == HAL_OK) *diagnosis = m_world->usbDiagnosis;
+        if (status == HAL_OK) {
+            *diagnosis = m_world->usbDiagnosis;
+        }
         return status;
     }
 };
@@ -357,7 +367,9 @@ public:
         return List<FakeGigEDevice>("GigE ListCameras", m_world->gigECameras, cameras);
     }
     std::uint32_t Discover(const std::optional<GigECameraName>& until, GigEDiscovery* discovery) override {
-        if (until) m_world->Log(Line("Discover %x %llx", until->ip, static_cast<unsigned long long>(until->mac)));
+        if (until) {
+            m_world->Log(Line("Discover %x %llx", until->ip, static_cast<unsigned long long>(until->mac)));
+        }
         *discovery = m_world->discovered;
         return m_world->Answer();
     }

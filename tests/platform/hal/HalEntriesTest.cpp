@@ -16,7 +16,7 @@ protected:
         std::uint32_t (*giveBack)(void*);
         int FakeWorld::*number;
     };
-    static constexpr ListingUnderTest kListings[] = {
+    static constexpr ListingUnderTest TestListings[] = {
         {"1394 cameras", HAL_1394GetCameras, HAL_1394FreeCamera, &FakeWorld::fireWireCameras},
         {"1394 devices", HAL_1394GetDevices, HAL_1394FreeDevice, &FakeWorld::fireWireDevices},
         {"USB cameras", HAL_UsbGetCameras, HAL_UsbFreeCamera, &FakeWorld::usbCameras},
@@ -25,26 +25,32 @@ protected:
 };
 
 TEST_F(HalEntries, AnEmptyBusListsNothing) {
-    for (const auto& [name, list, giveBack, number] : kListings) EXPECT_TRUE(List(list).empty()) << name;
+    for (const auto& [name, list, giveBack, number] : TestListings) {
+        EXPECT_TRUE(List(list).empty()) << name;
+    }
 }
 
 TEST_F(HalEntries, AListingIsCutAtTheCapacityAndWritesNothingBehindIt) {
-    for (const auto& [name, list, giveBack, number] : kListings) {
+    for (const auto& [name, list, giveBack, number] : TestListings) {
         world.get()->*number = 5;
         for (std::uint64_t capacity = 0; capacity <= 7; ++capacity) {
             void* entries[8] = {};
             std::uint64_t count = capacity;
             EXPECT_EQ(list(entries, &count), HAL_OK) << name;
             EXPECT_EQ(count, std::min<std::uint64_t>(capacity, 5)) << name;
-            for (std::uint64_t i = 0; i < 8; ++i) EXPECT_EQ(entries[i] != nullptr, i < count) << name;
-            for (std::uint64_t i = 0; i < count; ++i) EXPECT_EQ(giveBack(entries[i]), HAL_OK) << name;
+            for (std::uint64_t i = 0; i < 8; ++i) {
+                EXPECT_EQ(entries[i] != nullptr, i < count) << name;
+            }
+            for (std::uint64_t i = 0; i < count; ++i) {
+                EXPECT_EQ(giveBack(entries[i]), HAL_OK) << name;
+            }
             EXPECT_EQ(world->livingDevices, 0) << name;
         }
     }
 }
 
 TEST_F(HalEntries, AFailedListingHandsNothingOut) {
-    for (const auto& [name, list, giveBack, number] : kListings) {
+    for (const auto& [name, list, giveBack, number] : TestListings) {
         world.get()->*number = 3;
         world->status = HAL_PERMISSION;
         void* entries[4] = {};
@@ -57,7 +63,7 @@ TEST_F(HalEntries, AFailedListingHandsNothingOut) {
 }
 
 TEST_F(HalEntries, AnEntryIsGivenBackOnce) {
-    for (const auto& [name, list, giveBack, number] : kListings) {
+    for (const auto& [name, list, giveBack, number] : TestListings) {
         world.get()->*number = 2;
         const std::vector<void*> entries = List(list);
         EXPECT_EQ(world->livingDevices, 2) << name;
@@ -71,11 +77,13 @@ TEST_F(HalEntries, AnEntryIsGivenBackOnce) {
 }
 
 TEST_F(HalEntries, OnlyTheFunctionOfItsKindTakesAnEntryBack) {
-    for (const auto& [name, list, giveBack, number] : kListings) {
+    for (const auto& [name, list, giveBack, number] : TestListings) {
         world.get()->*number = 1;
         void* const entry = List(list).at(0);
-        for (const ListingUnderTest& other : kListings) {
-            if (other.giveBack == giveBack) continue;
+        for (const ListingUnderTest& other : TestListings) {
+            if (other.giveBack == giveBack) {
+                continue;
+            }
             EXPECT_EQ(other.giveBack(entry), HAL_GONE) << other.name << " took one of " << name;
         }
         EXPECT_EQ(giveBack(entry), HAL_OK) << name;
@@ -86,7 +94,7 @@ TEST_F(HalEntries, AnEntryValueIsNeverUsedTwice) {
     std::set<void*> seen;
     for (int session = 0; session < 3; ++session) {
         for (int round = 0; round < 20; ++round) {
-            for (const auto& [name, list, giveBack, number] : kListings) {
+            for (const auto& [name, list, giveBack, number] : TestListings) {
                 world.get()->*number = 3;
                 for (void* const entry : List(list)) {
                     EXPECT_TRUE(seen.insert(entry).second) << name;
@@ -110,7 +118,7 @@ TEST_F(HalEntries, TwoEntriesOfOneDeviceLiveSideBySide) {
 }
 
 TEST_F(HalEntries, WhatWasNeverGivenBackIsFreedByTheCleanUp) {
-    for (const auto& [name, list, giveBack, number] : kListings) {
+    for (const auto& [name, list, giveBack, number] : TestListings) {
         world.get()->*number = 4;
         List(list);
     }
@@ -143,7 +151,9 @@ TEST_F(HalEntries, VirtualCamerasAreListedBesideTheSerialNumbersThatAreTaken) {
     EXPECT_EQ(count, 3u);
     EXPECT_EQ(world->TakeLog(), (std::vector<std::string>{"taken 2147483649", "taken 7"}));
     EXPECT_EQ(entries[3], nullptr);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(HAL_1394FreeCamera(entries[i]), HAL_OK);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(HAL_1394FreeCamera(entries[i]), HAL_OK);
+    }
 }
 
 TEST_F(HalEntries, VirtualCamerasAreCutAt256WhateverTheNumberOfSerials) {

@@ -35,7 +35,7 @@ struct BusUnderTest {
 
 std::ostream& operator<<(std::ostream& out, const BusUnderTest& bus) { return out << bus.name; }
 
-constexpr BusUnderTest kBuses[] = {
+constexpr BusUnderTest TestBuses[] = {
     {"FireWire", HAL_INTERFACE_1394, HAL_1394RegisterBusEvents, HAL_1394DeregisterBusEvents, &FakeWorld::fireWire,
      HAL_1394GetCameras},
     {"Usb", HAL_INTERFACE_USB, HAL_UsbRegisterBusEvents, HAL_UsbDeregisterBusEvents, &FakeWorld::usb,
@@ -88,7 +88,7 @@ protected:
     EventListener listener;
 };
 
-INSTANTIATE_TEST_SUITE_P(, HalEvents, ::testing::ValuesIn(kBuses),
+INSTANTIATE_TEST_SUITE_P(, HalEvents, ::testing::ValuesIn(TestBuses),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_P(HalEvents, AreDeliveredOnAThreadThatTakesNoSignalButThoseOfFaults) {
@@ -138,8 +138,10 @@ TEST_P(HalEvents, AChangeThatAListingFindsIsRaisedOnceToEveryRegistration) {
     Register(listener);
     Register(second);
     Wire().Arrive(1, 2, Notice::Unnoticed);
-    for (int i = 0; i < 3; ++i) List(Bus().list);
-    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    for (int i = 0; i < 3; ++i) {
+        List(Bus().list);
+    }
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
     for (EventListener* each : {&listener, &second}) {
         EXPECT_EQ(each->HeardSoFar(), (std::vector<Heard>{Reset(), Event(HAL_BUS_ARRIVAL, 1, 2)}));
     }
@@ -151,15 +153,19 @@ TEST_P(HalEvents, UnderChurnEachListingRaisesOneReset) {
     std::vector<Heard> expected;
     for (unsigned i = 1; i <= 20; ++i) {
         Wire().Arrive(i, 0, Notice::Unnoticed);
-        if (i > 1) Wire().Leave(i - 1, 0, Notice::Unnoticed);
+        if (i > 1) {
+            Wire().Leave(i - 1, 0, Notice::Unnoticed);
+        }
         List(Bus().list);
-        ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+        ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
         expected.push_back(Reset());
-        if (i > 1) expected.push_back(Event(HAL_BUS_REMOVAL, i - 1));
+        if (i > 1) {
+            expected.push_back(Event(HAL_BUS_REMOVAL, i - 1));
+        }
         expected.push_back(Event(HAL_BUS_ARRIVAL, i));
     }
     List(Bus().list);
-    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
     EXPECT_EQ(listener.HeardSoFar(), expected);
 }
 
@@ -186,7 +192,9 @@ TEST_P(HalEvents, RegistrationsOfEveryAgeMissNothingAndHearNothingTwiceWhileOthe
     std::vector<std::thread> listers;
     for (int i = 0; i < 2; ++i) {
         listers.emplace_back([&] {
-            while (!done) List(Bus().list);
+            while (!done) {
+                List(Bus().list);
+            }
         });
     }
     std::vector<bool> present(numDevices, false);
@@ -199,12 +207,16 @@ TEST_P(HalEvents, RegistrationsOfEveryAgeMissNothingAndHearNothingTwiceWhileOthe
             Wire().Arrive(device + 1, 0, notice);
         }
         present[device] = !present[device];
-        if (i % 30 == 0) registerOne();
+        if (i % 30 == 0) {
+            registerOne();
+        }
     }
     done = true;
-    for (std::thread& lister : listers) lister.join();
+    for (std::thread& lister : listers) {
+        lister.join();
+    }
     List(Bus().list);
-    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    ASSERT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
     for (std::size_t i = 0; i < listeners.size(); ++i) {
         const std::vector<Heard> heard = listeners[i]->HeardSoFar();
         for (unsigned device = 0; device < numDevices; ++device) {
@@ -224,8 +236,10 @@ TEST_P(HalEvents, RegistrationsOfEveryAgeMissNothingAndHearNothingTwiceWhileOthe
 
 TEST_P(HalEvents, EventsOfOtherBusesAreNotHeard) {
     Register(listener);
-    for (const BusUnderTest& other : kBuses) {
-        if (other.type == Bus().type) continue;
+    for (const BusUnderTest& other : TestBuses) {
+        if (other.type == Bus().type) {
+            continue;
+        }
         (world.get()->*other.bus).Arrive();
     }
     RaiseMarker();
@@ -264,8 +278,8 @@ TEST_P(HalEvents, AResetWaitsForTenQuietMilliseconds) {
 TEST_P(HalEvents, AResetWhoseBurstIsOverDoesNotWait) {
     Register(listener);
     // A busy computer may take longer each single time.
-    const SteadyClock::time_point deadline = SteadyClock::now() + EventListener::kPatience;
-    SteadyClock::duration shortest = EventListener::kPatience;
+    const SteadyClock::time_point deadline = SteadyClock::now() + EventListener::Patience;
+    SteadyClock::duration shortest = EventListener::Patience;
     for (std::size_t resets = 1; shortest >= 10ms && SteadyClock::now() < deadline; ++resets) {
         const SteadyClock::time_point begin = SteadyClock::now();
         Wire().ResetSettled();
@@ -277,8 +291,10 @@ TEST_P(HalEvents, AResetWhoseBurstIsOverDoesNotWait) {
 
 TEST_P(HalEvents, ABusThatNeverRestsIsHeardAllTheSame) {
     Register(listener);
-    const SteadyClock::time_point deadline = SteadyClock::now() + EventListener::kPatience;
-    while (listener.HeardSoFar().empty() && SteadyClock::now() < deadline) Wire().Reset();
+    const SteadyClock::time_point deadline = SteadyClock::now() + EventListener::Patience;
+    while (listener.HeardSoFar().empty() && SteadyClock::now() < deadline) {
+        Wire().Reset();
+    }
     // More may have come since: the last ones raised after the first callback are a burst of their own.
     ASSERT_FALSE(listener.HeardSoFar().empty());
     EXPECT_EQ(listener.HeardSoFar().front(), Reset());
@@ -289,7 +305,9 @@ TEST_P(HalEvents, EachRegistrationHasAThreadOfItsOwnThatCallsOneAtATime) {
     other.Hold();
     Register(listener);
     Register(other);
-    for (unsigned i = 0; i < 50; ++i) Wire().Fail();
+    for (unsigned i = 0; i < 50; ++i) {
+        Wire().Fail();
+    }
     // The other one hangs in its first callback and keeps nobody waiting: neither the sink nor the first listener.
     ASSERT_TRUE(other.WaitForBegun(1));
     ASSERT_TRUE(listener.WaitForReturned(50));
@@ -329,7 +347,9 @@ TEST_P(HalEvents, ACallbackMayCallEveryHalFunction) {
     Register(listener);
     Wire().Fail();
     ASSERT_TRUE(listener.WaitForReturned(1));
-    for (const std::uint32_t status : statuses) EXPECT_EQ(status, HAL_OK);
+    for (const std::uint32_t status : statuses) {
+        EXPECT_EQ(status, HAL_OK);
+    }
 }
 
 TEST_P(HalEvents, ACallbackThatThrowsIsCalledAgain) {
@@ -380,8 +400,10 @@ TEST_P(HalEvents, ARegistrationMayEndItselfInsideItsOwnCallback) {
 
 TEST_P(HalEvents, ARegistrationOfAnotherBusIsGone) {
     void* const registration = Register(listener);
-    for (const BusUnderTest& other : kBuses) {
-        if (other.type == Bus().type) continue;
+    for (const BusUnderTest& other : TestBuses) {
+        if (other.type == Bus().type) {
+            continue;
+        }
         EXPECT_EQ(other.deregisterEvents(registration), HAL_GONE);
     }
     EXPECT_EQ(Bus().deregisterEvents(registration), HAL_OK);
@@ -424,7 +446,7 @@ TEST_P(HalEvents, WaitingForDeliveryReturnsWhenTheLastCallbackHas) {
     Register(listener);
     Wire().Fail();
     Wire().Reset();
-    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
     EXPECT_EQ(listener.ReturnedSoFar(), 2u);
     EXPECT_TRUE(WaitUntilEventsAreDelivered(0ms));
 }
@@ -434,7 +456,7 @@ TEST_P(HalEvents, WaitingForDeliveryGivesUpOnACallbackThatHangs) {
     HoldInError();
     EXPECT_FALSE(WaitUntilEventsAreDelivered(20ms));
     listener.Release();
-    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::kPatience));
+    EXPECT_TRUE(WaitUntilEventsAreDelivered(EventListener::Patience));
 }
 
 TEST_P(HalEvents, NothingIsDeliveredWithoutASession) {
@@ -460,7 +482,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(, HalUnseenChange, ::testing::ValuesIn(kBuses),
+INSTANTIATE_TEST_SUITE_P(, HalUnseenChange, ::testing::ValuesIn(TestBuses),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_P(HalUnseenChange, NoneWithoutAChange) {
@@ -576,7 +598,7 @@ TEST_P(HalUnseenChange, IsForgottenWithTheSession) {
 }
 
 class HalUnseenFireWireChange : public HalUnseenChange {};
-INSTANTIATE_TEST_SUITE_P(, HalUnseenFireWireChange, ::testing::Values(kBuses[0]),
+INSTANTIATE_TEST_SUITE_P(, HalUnseenFireWireChange, ::testing::Values(TestBuses[0]),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_P(HalUnseenFireWireChange, AChangeBetweenTheListingsOfCamerasAndDevicesIsUnseen) {

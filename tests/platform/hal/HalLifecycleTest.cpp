@@ -28,7 +28,7 @@ public:
     }
     void WaitUntilOpen() {
         std::unique_lock lock(m_mutex);
-        EXPECT_TRUE(m_changed.wait_for(lock, EventListener::kPatience, [this] { return m_open; }));
+        EXPECT_TRUE(m_changed.wait_for(lock, EventListener::Patience, [this] { return m_open; }));
     }
 
 private:
@@ -57,7 +57,9 @@ TEST_F(HalLifecycle, StartAndCleanUpAlternateAThousandTimes) {
         ASSERT_EQ(HAL_GigERegisterBusEvents(&registration, &EventListener::Callback, &listener), HAL_OK) << i;
         EXPECT_EQ(List(HAL_1394GetCameras).size(), 2u);
         EXPECT_EQ(List(HAL_GigEGetCameras).size(), 2u);
-        if (i % 2 == 0) world->gigE.Arrive();
+        if (i % 2 == 0) {
+            world->gigE.Arrive();
+        }
         if (i % 3 == 0) {
             EXPECT_EQ(HAL_GigEDeregisterBusEvents(registration), HAL_OK) << i;
         }
@@ -211,7 +213,9 @@ TEST_F(HalLifecycle, TheCleanUpWaitsForACallbackInFlight) {
     listener.onEvent = [&](const Heard&) {
         begun.Open();
         // Long enough for the clean-up to get to its wait; were it not to wait, returned would still be false.
-        while (HAL_GvcpForceIpAuto() != HAL_CLOSED) std::this_thread::yield();
+        while (HAL_GvcpForceIpAuto() != HAL_CLOSED) {
+            std::this_thread::yield();
+        }
         returned = true;
     };
     void* registration = nullptr;
@@ -240,8 +244,8 @@ TEST_F(HalLifecycle, TheCleanUpLeavesHungCallbacksBehindAfterOneSecond) {
     const SteadyClock::time_point begin = SteadyClock::now();
     EXPECT_EQ(HAL_CleanupLibrary(), HAL_OK);
     const SteadyClock::duration taken = SteadyClock::now() - begin;
-    EXPECT_GE(taken, Session::kCallbackGrace);
-    EXPECT_LT(taken, Session::kCallbackGrace + 1s) << "the second is one for all buses together";
+    EXPECT_GE(taken, Session::CallbackGrace);
+    EXPECT_LT(taken, Session::CallbackGrace + 1s) << "the second is one for all buses together";
     EXPECT_EQ(world->livingBuses, 0);
 
     // The hung ones come back when everything of their session is gone, and into another session.
@@ -267,7 +271,7 @@ TEST_F(HalLifecycle, ACleanUpInsideACallbackDoesNotWaitForItself) {
     world->usb.Fail();
     ASSERT_TRUE(listener.WaitForReturned(1));
     EXPECT_EQ(status, HAL_OK);
-    EXPECT_LT(taken, Session::kCallbackGrace);
+    EXPECT_LT(taken, Session::CallbackGrace);
 }
 
 /// Every kind of call from several threads while sessions come and go: statuses stay among the expected ones, and
@@ -293,8 +297,12 @@ TEST_F(HalLifecycle, CallsOnAllThreadsSurviveSessionsThatComeAndGo) {
                 const std::uint32_t statuses[] = {HAL_1394ReadRegister(entries[i], 0, 0xFFFFFFFF, &value),
                                                   HAL_UsbGetSpeed(entries[i], &value),
                                                   HAL_GigEReadRegister(entries[i], 0, &value)};
-                for (const std::uint32_t status : statuses) expect(status);
-                if (i != 1) expect(giveBack(entries[i]));
+                for (const std::uint32_t status : statuses) {
+                    expect(status);
+                }
+                if (i != 1) {
+                    expect(giveBack(entries[i]));
+                }
             }
             ++calls;
         }
@@ -304,7 +312,9 @@ TEST_F(HalLifecycle, CallsOnAllThreadsSurviveSessionsThatComeAndGo) {
             void* registration = nullptr;
             const std::uint32_t status = HAL_GigERegisterBusEvents(&registration, &EventListener::Callback, &listener);
             expect(status);
-            if (status == HAL_OK && calls % 3 != 0) expect(HAL_GigEDeregisterBusEvents(registration));
+            if (status == HAL_OK && calls % 3 != 0) {
+                expect(HAL_GigEDeregisterBusEvents(registration));
+            }
             ++calls;
         }
     };
@@ -315,14 +325,18 @@ TEST_F(HalLifecycle, CallsOnAllThreadsSurviveSessionsThatComeAndGo) {
     for (int session = 0; session < 300; ++session) {
         const std::uint64_t before = calls;
         // Some sessions end at once, some in the middle of work.
-        while (session % 2 == 0 && calls < before + 3) std::this_thread::yield();
+        while (session % 2 == 0 && calls < before + 3) {
+            std::this_thread::yield();
+        }
         world->gigE.Reset();
         world->gigE.Arrive();
         ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK) << session;
         ASSERT_EQ(HAL_InitLibrary(), HAL_OK) << session;
     }
     stop = true;
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     EXPECT_EQ(world->livingDevices, 0);
     EXPECT_EQ(world->livingBuses, 0);

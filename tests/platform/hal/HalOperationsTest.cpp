@@ -11,7 +11,7 @@ namespace {
 
 using Log = std::vector<std::string>;
 
-constexpr std::uint32_t kSelector = 0xFFFFFFFF;
+constexpr std::uint32_t Selector = 0xFFFFFFFF;
 
 class HalOperations : public HalFixture {
 protected:
@@ -30,7 +30,9 @@ TEST_F(HalOperations, ConfigInfoBringsFiveNumbersAndTwoTextsOfA1394Camera) {
     ASSERT_EQ(HAL_1394GetConfigInfo(FireWireCamera(), &n[0], &n[1], &n[2], &n[3], &n[4], vendor, model, &vendorSize,
                                     &modelSize),
               HAL_OK);
-    for (std::uint32_t i = 0; i < 5; ++i) EXPECT_EQ(n[i], 11 + i);
+    for (std::uint32_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(n[i], 11 + i);
+    }
     EXPECT_STREQ(vendor, "Vendor");
     EXPECT_EQ(vendorSize, 6u);
     EXPECT_STREQ(model, "Mod");
@@ -46,7 +48,9 @@ TEST_F(HalOperations, ConfigInfoBringsFiveNumbersAndTwoTextsOfAUsbCamera) {
     ASSERT_EQ(
         HAL_UsbGetConfigInfo(UsbCamera(), &n[0], &n[1], &n[2], &n[3], &n[4], vendor, model, &vendorSize, &modelSize),
         HAL_OK);
-    for (std::uint32_t i = 0; i < 5; ++i) EXPECT_EQ(n[i], 11 + i);
+    for (std::uint32_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(n[i], 11 + i);
+    }
     EXPECT_STREQ(vendor, "Ven");
     EXPECT_EQ(vendorSize, 3u);
     EXPECT_STREQ(model, "Model");
@@ -114,12 +118,12 @@ TEST_F(HalOperations, ARegisterAddressIsWholeOrItsLow32Bits) {
     void* const usb = UsbCamera();
     for (const auto& [address, reached] : rows) {
         std::uint32_t value = 0;
-        EXPECT_EQ(HAL_1394ReadRegister(fireWire, address, kSelector, &value), HAL_OK);
+        EXPECT_EQ(HAL_1394ReadRegister(fireWire, address, Selector, &value), HAL_OK);
         EXPECT_EQ(value, 0xC0DE0000u);
-        EXPECT_EQ(HAL_1394WriteRegister(fireWire, address, kSelector, 0x1234, 0), HAL_OK);
-        EXPECT_EQ(HAL_UsbReadRegister(usb, address, kSelector, &value), HAL_OK);
+        EXPECT_EQ(HAL_1394WriteRegister(fireWire, address, Selector, 0x1234, 0), HAL_OK);
+        EXPECT_EQ(HAL_UsbReadRegister(usb, address, Selector, &value), HAL_OK);
         EXPECT_EQ(value, 0xDADA0000u);
-        EXPECT_EQ(HAL_UsbWriteRegister(usb, address, kSelector, 0x1234, 0), HAL_OK);
+        EXPECT_EQ(HAL_UsbWriteRegister(usb, address, Selector, 0x1234, 0), HAL_OK);
         const std::string at = reached;
         EXPECT_EQ(world->TakeLog(), (Log{"ReadQuadlet " + at, "WriteQuadlet " + at + " 1234", "ReadRegister " + at,
                                          "WriteRegister " + at + " 1234"}));
@@ -133,10 +137,10 @@ TEST_F(HalOperations, ARegisterAddressThatIsMisalignedOrTooLongIsInvalid) {
          {std::uint64_t{1}, std::uint64_t{2}, std::uint64_t{0xFFFFF0000411}, std::uint64_t{0x1000000000000},
           std::uint64_t{0xFFC0FFFFF0000410}, std::numeric_limits<std::uint64_t>::max()}) {
         std::uint32_t value = 0;
-        EXPECT_EQ(HAL_1394ReadRegister(fireWire, address, kSelector, &value), HAL_INVALID_ARGUMENT);
-        EXPECT_EQ(HAL_1394WriteRegister(fireWire, address, kSelector, 1, 0), HAL_INVALID_ARGUMENT);
-        EXPECT_EQ(HAL_UsbReadRegister(usb, address, kSelector, &value), HAL_INVALID_ARGUMENT);
-        EXPECT_EQ(HAL_UsbWriteRegister(usb, address, kSelector, 1, 0), HAL_INVALID_ARGUMENT);
+        EXPECT_EQ(HAL_1394ReadRegister(fireWire, address, Selector, &value), HAL_INVALID_ARGUMENT);
+        EXPECT_EQ(HAL_1394WriteRegister(fireWire, address, Selector, 1, 0), HAL_INVALID_ARGUMENT);
+        EXPECT_EQ(HAL_UsbReadRegister(usb, address, Selector, &value), HAL_INVALID_ARGUMENT);
+        EXPECT_EQ(HAL_UsbWriteRegister(usb, address, Selector, 1, 0), HAL_INVALID_ARGUMENT);
     }
     EXPECT_EQ(world->TakeLog(), Log{});
 }
@@ -151,8 +155,8 @@ TEST_F(HalOperations, OnlyTheDeviceOfTheEntryCanBeSelectedAndFlagsAreZero) {
         EXPECT_EQ(HAL_UsbReadRegister(usb, 0, selector, &value), HAL_INVALID_ARGUMENT);
         EXPECT_EQ(HAL_UsbWriteRegister(usb, 0, selector, 1, 0), HAL_INVALID_ARGUMENT);
     }
-    EXPECT_EQ(HAL_1394WriteRegister(fireWire, 0, kSelector, 1, 1), HAL_INVALID_ARGUMENT);
-    EXPECT_EQ(HAL_UsbWriteRegister(usb, 0, kSelector, 1, 1), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(HAL_1394WriteRegister(fireWire, 0, Selector, 1, 1), HAL_INVALID_ARGUMENT);
+    EXPECT_EQ(HAL_UsbWriteRegister(usb, 0, Selector, 1, 1), HAL_INVALID_ARGUMENT);
     EXPECT_EQ(world->TakeLog(), Log{});
 }
 
@@ -295,14 +299,18 @@ TEST_F(HalOperations, NodeSerialNumbersFillOnlyTheSlotsThatAreThere) {
 
 TEST_F(HalOperations, DiscoveryTellsTheNumberOfCamerasWhenTheyDoNotFit) {
     world->discovered.cameras.resize(3);
-    for (std::uint32_t i = 0; i < 3; ++i) world->discovered.cameras[i].record.ipAddress = 100 + i;
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        world->discovered.cameras[i].record.ipAddress = 100 + i;
+    }
     for (std::uint32_t capacity = 0; capacity <= 4; ++capacity) {
         GvcpDiscoveryRecord records[5] = {};
         std::uint32_t count = capacity;
         const bool fits = capacity >= 3;
         EXPECT_EQ(HAL_GvcpDiscovery(capacity == 0 ? nullptr : records, &count), fits ? HAL_OK : HAL_ARRAY_TOO_SMALL);
         EXPECT_EQ(count, 3u) << capacity;
-        for (std::uint32_t i = 0; i < 5; ++i) EXPECT_EQ(records[i].ipAddress, fits && i < 3 ? 100 + i : 0u);
+        for (std::uint32_t i = 0; i < 5; ++i) {
+            EXPECT_EQ(records[i].ipAddress, fits && i < 3 ? 100 + i : 0u);
+        }
     }
 }
 

@@ -11,7 +11,7 @@ namespace {
 
 enum class Bus { None, FireWire, Usb, GigE };
 
-constexpr int kNoNull = -1;
+constexpr int NoNull = -1;
 
 /// Calls one function with good arguments, but for the pointer numbered nullPointer.
 struct Row {
@@ -217,30 +217,32 @@ std::vector<Row> GiveBackRows() {
 
 std::vector<Row> Joined(std::initializer_list<std::vector<Row>> parts) {
     std::vector<Row> all;
-    for (const std::vector<Row>& part : parts) all.insert(all.end(), part.begin(), part.end());
+    for (const std::vector<Row>& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 
-constexpr std::uint32_t kStatuses[] = {HAL_FAILED,
-                                       HAL_INVALID_ARGUMENT,
-                                       HAL_PERMISSION,
-                                       HAL_GONE,
-                                       HAL_PHY_WRITE_NOT_IMPLEMENTED,
-                                       HAL_BUSY,
-                                       HAL_TIMED_OUT,
-                                       HAL_NO_BUS,
-                                       HAL_CLOSED,
-                                       HAL_OUT_OF_MEMORY,
-                                       HAL_NO_ACKNOWLEDGE,
-                                       HAL_NOT_SUPPORTED,
-                                       HAL_BAD_ANSWER,
-                                       HAL_BUS_CHANGED,
-                                       HAL_NO_SUCH_REGISTER,
-                                       HAL_WRITE_PROTECTED,
-                                       HAL_ACCESS_DENIED,
-                                       HAL_REFUSED,
-                                       HAL_NO_TREE,
-                                       HAL_UNREACHABLE};
+constexpr std::uint32_t TestStatuses[] = {HAL_FAILED,
+                                          HAL_INVALID_ARGUMENT,
+                                          HAL_PERMISSION,
+                                          HAL_GONE,
+                                          HAL_PHY_WRITE_NOT_IMPLEMENTED,
+                                          HAL_BUSY,
+                                          HAL_TIMED_OUT,
+                                          HAL_NO_BUS,
+                                          HAL_CLOSED,
+                                          HAL_OUT_OF_MEMORY,
+                                          HAL_NO_ACKNOWLEDGE,
+                                          HAL_NOT_SUPPORTED,
+                                          HAL_BAD_ANSWER,
+                                          HAL_BUS_CHANGED,
+                                          HAL_NO_SUCH_REGISTER,
+                                          HAL_WRITE_PROTECTED,
+                                          HAL_ACCESS_DENIED,
+                                          HAL_REFUSED,
+                                          HAL_NO_TREE,
+                                          HAL_UNREACHABLE};
 
 class HalStatus : public HalFixture {
 protected:
@@ -265,7 +267,7 @@ TEST_F(HalStatus, TheTableNamesEveryFunctionButTheTwoOfTheLibrary) {
 
 TEST_F(HalStatus, EveryFunctionSucceedsWithGoodArguments) {
     for (const Row& row : Joined({EntryRows(), BusRows(), GlueRows()})) {
-        EXPECT_EQ(row.call(EntryOf(row.bus), kNoNull), HAL_OK) << row.name;
+        EXPECT_EQ(row.call(EntryOf(row.bus), NoNull), HAL_OK) << row.name;
     }
 }
 
@@ -275,7 +277,7 @@ TEST_F(HalStatus, EveryFunctionAnswersClosedOutsideTheSessionWhateverTheArgument
     ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
     for (const Row& row : rows) {
         for (void* const entry : stale) {
-            for (int nullPointer = kNoNull; nullPointer < row.pointers; ++nullPointer) {
+            for (int nullPointer = NoNull; nullPointer < row.pointers; ++nullPointer) {
                 EXPECT_EQ(row.call(entry, nullPointer), HAL_CLOSED) << row.name << " without pointer " << nullPointer;
             }
         }
@@ -294,22 +296,24 @@ TEST_F(HalStatus, EveryNullPointerIsAnInvalidArgument) {
 
 TEST_F(HalStatus, ANullEntryOrRegistrationIsAnInvalidArgument) {
     for (const Row& row : Joined({EntryRows(), GiveBackRows()})) {
-        EXPECT_EQ(row.call(nullptr, kNoNull), HAL_INVALID_ARGUMENT) << row.name;
+        EXPECT_EQ(row.call(nullptr, NoNull), HAL_INVALID_ARGUMENT) << row.name;
     }
 }
 
 TEST_F(HalStatus, AnUnknownEntryOrRegistrationIsGone) {
     int somethingElse = 0;
     for (const Row& row : Joined({EntryRows(), GiveBackRows()})) {
-        EXPECT_EQ(row.call(&somethingElse, kNoNull), HAL_GONE) << row.name;
+        EXPECT_EQ(row.call(&somethingElse, NoNull), HAL_GONE) << row.name;
     }
 }
 
 TEST_F(HalStatus, AnEntryOfAnotherBusIsGone) {
     for (const Row& row : EntryRows()) {
         for (const Bus other : {Bus::FireWire, Bus::Usb, Bus::GigE}) {
-            if (other == row.bus) continue;
-            EXPECT_EQ(row.call(EntryOf(other), kNoNull), HAL_GONE) << row.name;
+            if (other == row.bus) {
+                continue;
+            }
+            EXPECT_EQ(row.call(EntryOf(other), NoNull), HAL_GONE) << row.name;
         }
     }
 }
@@ -321,7 +325,7 @@ TEST_F(HalStatus, AnEntryThatWasGivenBackIsGone) {
                               : row.bus == Bus::Usb    ? HAL_UsbFreeCamera
                                                        : HAL_GigEFreeCamera;
         ASSERT_EQ(giveBack(entry), HAL_OK);
-        EXPECT_EQ(row.call(entry, kNoNull), HAL_GONE) << row.name;
+        EXPECT_EQ(row.call(entry, NoNull), HAL_GONE) << row.name;
     }
 }
 
@@ -333,16 +337,18 @@ TEST_F(HalStatus, AnEntryOfAnEarlierSessionIsGone) {
     UsbCamera();
     GigECamera();
     for (const Row& row : Joined({EntryRows(), GiveBackRows()})) {
-        for (void* const entry : stale) EXPECT_EQ(row.call(entry, kNoNull), HAL_GONE) << row.name;
+        for (void* const entry : stale) {
+            EXPECT_EQ(row.call(entry, NoNull), HAL_GONE) << row.name;
+        }
     }
 }
 
 TEST_F(HalStatus, EveryStatusOfADriverIsPassedOn) {
     for (const Row& row : Joined({EntryRows(), BusRows()})) {
         void* const entry = EntryOf(row.bus);
-        for (const std::uint32_t status : kStatuses) {
+        for (const std::uint32_t status : TestStatuses) {
             world->status = status;
-            EXPECT_EQ(row.call(entry, kNoNull), status) << row.name;
+            EXPECT_EQ(row.call(entry, NoNull), status) << row.name;
         }
         world->status = HAL_OK;
     }
@@ -352,9 +358,9 @@ TEST_F(HalStatus, NothingThatADriverThrowsLeavesAFunction) {
     for (const Row& row : Joined({EntryRows(), BusRows()})) {
         void* const entry = EntryOf(row.bus);
         world->toThrow = Throw::BadAlloc;
-        EXPECT_EQ(row.call(entry, kNoNull), HAL_OUT_OF_MEMORY) << row.name;
+        EXPECT_EQ(row.call(entry, NoNull), HAL_OUT_OF_MEMORY) << row.name;
         world->toThrow = Throw::RuntimeError;
-        EXPECT_EQ(row.call(entry, kNoNull), HAL_FAILED) << row.name;
+        EXPECT_EQ(row.call(entry, NoNull), HAL_FAILED) << row.name;
         world->toThrow = Throw::Nothing;
     }
 }

@@ -41,7 +41,9 @@ FireWireBusDescription HubBus() {
 
 std::vector<std::string> NamesInOrder(const FireWireModel& bus) {
     std::vector<std::string> names;
-    for (const FireWireModel::Node& node : bus.Nodes()) names.push_back(node.phy->name);
+    for (const FireWireModel::Node& node : bus.Nodes()) {
+        names.push_back(node.phy->name);
+    }
     return names;
 }
 

@@ -13,7 +13,7 @@ namespace Nimbrel2::Platform {
 namespace {
 
 // Two cameras are right, two are foreign, one has an address that another one has, one network is down.
-const char kRig[] = R"({
+const char TestRig[] = R"({
   "gige": [
     {"name": "e0", "address": "192.168.77.1/29", "cameras": [
       {"name": "right", "mac": "02:00:00:00:00:01", "address": "192.168.77.2/29", "serial": "101"},
@@ -33,7 +33,7 @@ public:
 class RigDiagnosis : public ::testing::Test {
 protected:
     RigDiagnosis()
-        : m_rig(std::make_shared<Rig>(ParseRig(kRig, "diagnosis").rig)), m_bus(MakeRigGigEBus(m_rig, m_events)) {
+        : m_rig(std::make_shared<Rig>(ParseRig(TestRig, "diagnosis").rig)), m_bus(MakeRigGigEBus(m_rig, m_events)) {
         m_rig->SetFast(true);
         m_bus->Start();
     }

@@ -72,7 +72,9 @@ protected:
                                                                  .rig);
     std::vector<std::string> TakeEvents() {
         std::vector<std::string> events = m_fireWireEvents.Take();
-        for (std::string& event : m_usbEvents.Take()) events.push_back(std::move(event));
+        for (std::string& event : m_usbEvents.Take()) {
+            events.push_back(std::move(event));
+        }
         return events;
     }
 

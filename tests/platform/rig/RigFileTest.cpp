@@ -17,7 +17,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const char kGood[] = R"({
+const char Good[] = R"({
   "name": "good", "description": "all kinds",
   "firewire": [{"name": "fw0", "gapCount": 5,
     "phys": [{"name": "card", "kind": "card", "eui64": "0x01"}, {"name": "cam", "eui64": "11", "vendor": "V", "model": "M", "plugged": false}],
@@ -37,7 +37,7 @@ const char kGood[] = R"({
 })";
 
 TEST(RigFile, ReadsEveryKey) {
-    const RigPlan plan = ParseRig(kGood, "good.json");
+    const RigPlan plan = ParseRig(Good, "good.json");
     EXPECT_EQ(plan.name, "good");
     EXPECT_EQ(plan.rig.fireWire.at(0).gapCount, 5U);
     EXPECT_EQ(plan.rig.fireWire.at(0).phys.at(1).eui64, 0x11U);
@@ -59,7 +59,9 @@ TEST(RigFile, ReadsEveryKey) {
 }
 
 TEST(RigFile, DescribesEveryActionInWords) {
-    for (const RigStep& step : ParseRig(kGood, "good.json").timeline) EXPECT_FALSE(Describe(step.action).empty());
+    for (const RigStep& step : ParseRig(Good, "good.json").timeline) {
+        EXPECT_FALSE(Describe(step.action).empty());
+    }
 }
 
 TEST(RigFile, TellsWhatAFaultDoes) {
@@ -89,7 +91,7 @@ struct BadFile {
 class RigFileRefuses : public testing::TestWithParam<BadFile> {};
 
 TEST_P(RigFileRefuses, AndNamesFilePlaceAndReason) {
-    std::string text = kGood;
+    std::string text = Good;
     const std::size_t place = text.find(GetParam().from);
     ASSERT_NE(place, std::string::npos);
     text.replace(place, std::string(GetParam().from).size(), GetParam().to);
@@ -199,26 +201,33 @@ TEST(RigFile, RefusesAMillionNestedArraysWithoutFallingOver) {
 // Were it to look back at all of them at each, this would take many minutes.
 TEST(RigFile, ReadsTwoHundredThousandElementsInOneGo) {
     std::string text = R"({"firewire": [{"name": "f", "cables": [[])";
-    for (int i = 0; i < 200000; ++i) text += ",[]";
+    for (int i = 0; i < 200000; ++i) {
+        text += ",[]";
+    }
     EXPECT_THAT(ErrorOf(text + "]}]}"), StartsWith("bad.json: /firewire/0/cables/0: "));
 }
 
 TEST(RigFile, RefusesEveryTruncationOfAGoodFile) {
-    const std::string text = kGood;
-    for (std::size_t length = 0; length < text.size(); length += 7)
+    const std::string text = Good;
+    for (std::size_t length = 0; length < text.size(); length += 7) {
         EXPECT_NE(ErrorOf(text.substr(0, length)), "") << length;
+    }
 }
 
 TEST(RigFile, RefusesMoreVirtualCamerasThanAListingHolds) {
     std::string text = "[1";
-    for (int i = 0; i < 255; ++i) text += ",1";
+    for (int i = 0; i < 255; ++i) {
+        text += ",1";
+    }
     EXPECT_EQ(ErrorOf(R"({"virtualCameras": )" + text + "]}"), "");
     EXPECT_THAT(ErrorOf(R"({"virtualCameras": )" + text + ",1]}"), StartsWith("bad.json: /virtualCameras: "));
 }
 
 TEST(RigFile, RefusesAnEndlessTimeline) {
     std::string text = R"({"usb": [{"name": "x"}], "timeline": [{"busReset": "x"})";
-    for (int i = 1; i < 10000; ++i) text += R"(,{"busReset": "x"})";
+    for (int i = 1; i < 10000; ++i) {
+        text += R"(,{"busReset": "x"})";
+    }
     EXPECT_EQ(ErrorOf(text + "]}"), "");
     EXPECT_THAT(ErrorOf(text + R"(,{"busReset": "x"}]})"), HasSubstr("/timeline: a timeline has at most 10000 steps"));
 }
@@ -247,7 +256,9 @@ TEST(RigFile, ShowsOnlyTheBeginningOfALongKeyOrValue) {
     EXPECT_LT(ErrorOf(R"({"timeline": [{"plug": ")" + veryLong + "\"}]}").size(), 500U);
     EXPECT_LT(ErrorOf("{\"" + veryLong + "\" 1}").size(), 500U) << "which the parser has read last";
     std::string accents;
-    for (int i = 0; i < 100; ++i) accents += "\u00e9";
+    for (int i = 0; i < 100; ++i) {
+        accents += "\u00e9";
+    }
     EXPECT_THAT(ErrorOf("{\"" + accents + "\": 1}"), HasSubstr("\u00e9...: ")) << "between characters";
     EXPECT_THAT(ErrorOf("{\"k" + accents + "\": 1}"), HasSubstr("\u00e9...: "));
 }
@@ -282,7 +293,7 @@ protected:
 };
 
 TEST_F(RigFileOnDisk, IsRead) {
-    std::ofstream(m_path) << kGood;
+    std::ofstream(m_path) << Good;
     EXPECT_EQ(ReadRigFile(m_path).name, "good");
 }
 

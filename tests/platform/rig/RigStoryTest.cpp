@@ -41,7 +41,9 @@ std::set<std::string> FunctionsOfTheHal() {
     const std::string type = "NIMBREL2_API uint32_t ";
     std::set<std::string> names;
     for (std::string line; std::getline(header, line);) {
-        if (line.starts_with(type + "HAL_")) names.insert(line.substr(type.size(), line.find('(') - type.size()));
+        if (line.starts_with(type + "HAL_")) {
+            names.insert(line.substr(type.size(), line.find('(') - type.size()));
+        }
     }
     return names;
 }
@@ -53,10 +55,10 @@ void* FirstOf(std::uint32_t (*list)(void**, std::uint64_t*)) {
     return entries[0];
 }
 
-constexpr unsigned int kPatience = 10000;  // ms
+constexpr unsigned int Patience = 10000;  // ms
 
 // card - hub (six ports); cameras 1 and 2, a disk; a USB and a GigE camera beside them.
-const char kRig[] = R"({
+const char TestRig[] = R"({
   "firewire": [{"name": "fw0",
     "phys": [{"name": "card", "kind": "card", "ports": 3, "eui64": "0x0800460102030405", "contender": true},
              {"name": "hub", "kind": "repeater", "ports": 6},
@@ -118,7 +120,9 @@ public:
     }
     ~LookUps() {
         m_stop = true;
-        for (std::thread& thread : m_threads) thread.join();
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
     }
 
 private:
@@ -128,7 +132,7 @@ private:
 
 class RigStory : public testing::Test {
 protected:
-    RigStory() { Use(Platform::ParseRig(kRig, "story").rig); }
+    RigStory() { Use(Platform::ParseRig(TestRig, "story").rig); }
 
     void Use(Platform::RigDescription description) {
         m_busMaster.reset();
@@ -149,12 +153,12 @@ protected:
         m_busMaster->RegisterCallback(&Record::OnArrival, ARRIVAL, &m_record, &handle);
         m_busMaster->RegisterCallback(&Record::OnRemoval, REMOVAL, &m_record, &handle);
         // A rescan asked for before the worker first idles is lost, as it may be.
-        ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
+        ASSERT_TRUE(m_busMaster->WaitUntilQuiet(Patience));
     }
 
     void Settle() {
-        ASSERT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(kPatience)));
-        ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
+        ASSERT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(Patience)));
+        ASSERT_TRUE(m_busMaster->WaitUntilQuiet(Patience));
     }
 
     std::multiset<unsigned int> Listed() {
@@ -163,7 +167,9 @@ protected:
         m_busMaster->GetNumOfCameras(&count);
         for (unsigned int i = 0; i < count; ++i) {
             unsigned int serial = 0;
-            if (!(m_busMaster->GetCameraSerialNumberFromIndex(i, &serial) != ERROR_OK)) serials.insert(serial);
+            if (!(m_busMaster->GetCameraSerialNumberFromIndex(i, &serial) != ERROR_OK)) {
+                serials.insert(serial);
+            }
         }
         return serials;
     }
@@ -198,7 +204,9 @@ class RigStories : public RigStory, public testing::WithParamInterface<bool> {
 protected:
     void Start() {
         RigStory::Start();
-        if (GetParam()) m_lookUps = std::make_unique<LookUps>(*m_busMaster);
+        if (GetParam()) {
+            m_lookUps = std::make_unique<LookUps>(*m_busMaster);
+        }
     }
 
     std::unique_ptr<LookUps> m_lookUps;
@@ -280,7 +288,7 @@ TEST_P(RigStories, FollowsAnUnpluggedCameraFromTheBusToTheUser) {
 
 // A node takes its number after its children, lowest port first, and the card is the root: on this bus one is node 2 of
 // 0 to 7, and on the right hub it is node 5.
-constexpr char kTwoHubs[] = R"({
+constexpr char TwoHubs[] = R"({
   "firewire": [{"name": "fw0",
     "phys": [{"name": "card", "kind": "card", "ports": 3, "eui64": "0x0800460102030405", "contender": true},
              {"name": "left", "kind": "repeater", "ports": 6}, {"name": "right", "kind": "repeater", "ports": 6},
@@ -295,7 +303,7 @@ constexpr char kTwoHubs[] = R"({
 })";
 
 TEST_P(RigStories, KeepsHandleGuidAndInterfaceOfACameraThatMovesFromNode2ToNode5AndSwitchesIsoOnAgain) {
-    Use(Platform::ParseRig(kTwoHubs, "two hubs").rig);
+    Use(Platform::ParseRig(TwoHubs, "two hubs").rig);
     Start();
     IEEE1394Interface* const camera = FireWireOf(1);
     ASSERT_NE(camera, nullptr);
@@ -333,8 +341,9 @@ TEST_P(RigStories, NoticesNothingOfAReplugThatIsOverBeforeItLooks) {
     std::uint32_t value = 0;
     EXPECT_EQ(camera->ReadRegister(0xF0000410, 0xFFFFFFFF, &value), HAL_OK) << "and the old interface works on";
     EXPECT_EQ(value, 1U);
-    for (const std::string& event : m_record.Take())
+    for (const std::string& event : m_record.Take()) {
         EXPECT_THAT((std::vector<std::string>{"-1", "+1"}), Contains(event));
+    }
 }
 
 TEST_P(RigStories, CoalescesAStormAndLosesNothing) {
@@ -390,11 +399,11 @@ TEST_F(RigStory, KeepsTheOtherBusesWhenOneListingIsRefused) {
     Start();
     m_rig->AddFault({"HAL_1394GetCameras", 1, HAL_REFUSED, {}});
     m_busMaster->RescanBus();
-    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
+    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(Patience));
     EXPECT_THAT(m_record.Take(), UnorderedElementsAre("-1", "-2"));
     EXPECT_THAT(Listed(), UnorderedElementsAre(100U, 200U));
     m_busMaster->RescanBus();
-    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
+    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(Patience));
     EXPECT_THAT(m_record.Take(), UnorderedElementsAre("+1", "+2"));
 }
 
@@ -482,16 +491,18 @@ TEST_F(RigStory, MakesEveryHalFunctionAnswerWhatAFaultSays) {
         {"HAL_InitLibrary", [] { return HAL_InitLibrary(); }},
     };
     ASSERT_EQ(calls.size(), functions.size());
-    constexpr std::uint32_t kOwnStatus = 4711;
+    constexpr std::uint32_t OwnStatus = 4711;
     for (const auto& [function, call] : calls) {
-        if (function == "HAL_CleanupLibrary" || function == "HAL_InitLibrary") continue;
-        m_rig->AddFault({function, 1, kOwnStatus, {}});
-        EXPECT_EQ(call(), kOwnStatus) << function;
+        if (function == "HAL_CleanupLibrary" || function == "HAL_InitLibrary") {
+            continue;
+        }
+        m_rig->AddFault({function, 1, OwnStatus, {}});
+        EXPECT_EQ(call(), OwnStatus) << function;
         EXPECT_TRUE(m_rig->GetFaultsLeft().empty()) << function;
     }
     for (const char* function : {"HAL_CleanupLibrary", "HAL_InitLibrary"}) {
-        m_rig->AddFault({function, 1, kOwnStatus, {}});
-        EXPECT_EQ(calls.at(function)(), kOwnStatus) << function;
+        m_rig->AddFault({function, 1, OwnStatus, {}});
+        EXPECT_EQ(calls.at(function)(), OwnStatus) << function;
     }
     EXPECT_EQ(HAL_CleanupLibrary(), HAL_CLOSED) << "the start that was refused has left nothing";
 }
@@ -563,7 +574,7 @@ TEST_F(RigStory, LeavesAGigECameraToTheHostThatHoldsIt) {
     Start();
     ASSERT_EQ(m_rig->Hold("net", {{0xC0A84DC8, 5000}, true}), std::nullopt);
     m_busMaster->RescanBus();
-    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(kPatience));
+    ASSERT_TRUE(m_busMaster->WaitUntilQuiet(Patience));
     EXPECT_THAT(Listed(), Contains(200U)) << "it may still be watched";
     EXPECT_THAT(m_record.Take(), testing::IsEmpty());
 }
@@ -602,7 +613,7 @@ TEST_P(RigStories, HandlesThreeResetsDuringOneCycleInOneMore) {
     EXPECT_TRUE(trace.WaitFor(inTheCycle));
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(m_rig->ResetBus("fw0"), std::nullopt);
-        EXPECT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(kPatience)));
+        EXPECT_TRUE(Platform::WaitUntilEventsAreDelivered(std::chrono::milliseconds(Patience)));
     }
     cycle->Open();
     rescan.join();
@@ -626,12 +637,16 @@ TEST_F(RigStory, StartsWithFiveHundredAndTwelveCameras) {
 
 // A node that shows up on two cards is two devices.
 TEST_F(RigStory, ResetsTheBusOfItsOwnCardOnly) {
-    Platform::RigDescription description = Platform::ParseRig(kRig, "story").rig;
+    Platform::RigDescription description = Platform::ParseRig(TestRig, "story").rig;
     Platform::FireWireBusDescription second = description.fireWire.front();
     second.name = "fw1";
-    for (auto& phy : second.phys) phy.name += "'";
+    for (auto& phy : second.phys) {
+        phy.name += "'";
+    }
     for (auto& cable : second.cables) {
-        for (auto& end : cable.ends) end.phy += "'";
+        for (auto& end : cable.ends) {
+            end.phy += "'";
+        }
     }
     description.fireWire.push_back(second);
     ASSERT_TRUE(Rig::Validate(description).empty());

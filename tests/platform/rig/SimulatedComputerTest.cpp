@@ -14,7 +14,7 @@
 namespace Nimbrel2::Platform {
 namespace {
 
-constexpr char kOneCamera[] = R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24", "cameras": [
+constexpr char OneCamera[] = R"({"gige": [{"name": "eth0", "address": "192.168.77.1/24", "cameras": [
     {"name": "one", "mac": "02:00:00:00:00:01", "address": "192.168.77.10/24", "serial": "1001"}]}]})";
 
 std::string Thrown(const std::function<void()>& what) {
@@ -27,7 +27,7 @@ std::string Thrown(const std::function<void()>& what) {
 }
 
 TEST(SimulatedComputer, IsWhatTheBusMasterSees) {
-    SimulatedComputer computer = SimulatedComputer::Parse(kOneCamera, "one camera");
+    SimulatedComputer computer = SimulatedComputer::Parse(OneCamera, "one camera");
     ASSERT_TRUE(Configure(computer.MakeOptions()));
     BusMaster busMaster;
     ASSERT_EQ(busMaster.Initialize().GetType(), ERROR_OK);
@@ -57,7 +57,7 @@ TEST(SimulatedComputer, HasCamerasOnAllBusesWhenBuiltIn) {
 }
 
 TEST(SimulatedComputer, SaysWhyATextIsNoAction) {
-    SimulatedComputer computer = SimulatedComputer::Parse(kOneCamera, "one camera");
+    SimulatedComputer computer = SimulatedComputer::Parse(OneCamera, "one camera");
     const auto perform = [&computer](const char* action) { return Thrown([&] { computer.Perform(action); }); };
     EXPECT_EQ(perform(R"({"unplug": "two"})"), R"({"unplug": "two"}: /unplug: the rig has no device named "two")");
     EXPECT_EQ(perform("{}"), "{}: a step is exactly one action, it has none");

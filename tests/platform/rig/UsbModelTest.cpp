@@ -31,7 +31,9 @@ UsbHostDescription HubHost() {
 
 UsbSelfId RecordOf(const UsbModel& host, const std::string& name) {
     for (const UsbSelfId& record : host.Records()) {
-        if (record.deviceId == host.Find(name)->deviceId) return record;
+        if (record.deviceId == host.Find(name)->deviceId) {
+            return record;
+        }
     }
     return {};
 }
@@ -41,7 +43,9 @@ TEST(UsbModel, PutsAHubIntoBothHalvesAndACameraIntoTheFastestItCanHave) {
     EXPECT_EQ(host.Find("fast")->speed, 5000U);
     EXPECT_EQ(host.Find("held back")->speed, 480U) << "its hub only does high speed";
     int halves = 0;
-    for (const UsbModel::Attached& attached : host.Devices()) halves += attached.device->name == "hub" ? 1 : 0;
+    for (const UsbModel::Attached& attached : host.Devices()) {
+        halves += attached.device->name == "hub" ? 1 : 0;
+    }
     EXPECT_EQ(halves, 2);
     EXPECT_EQ(host.Records().size(), 5U);
 }
@@ -127,7 +131,9 @@ TEST(UsbModel, ShowsRawRecordsAsTheyAre) {
 UsbHostDescription RawHost(const std::vector<std::uint32_t>& records, const std::vector<std::uint32_t>& cameras) {
     UsbHostDescription host;
     host.name = "raw";
-    for (const std::uint32_t id : records) host.records.push_back(UsbSelfId{id, 480, 1, 0, 63});
+    for (const std::uint32_t id : records) {
+        host.records.push_back(UsbSelfId{id, 480, 1, 0, 63});
+    }
     for (const std::uint32_t id : cameras) {
         host.placedCameras.push_back({id, Device("eye", UsbKind::Camera, "raw", 1)});
     }

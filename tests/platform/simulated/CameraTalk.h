@@ -18,9 +18,9 @@ namespace Register = Gvcp::Register;
 using Gvcp::Status;
 using std::chrono::milliseconds;
 
-inline constexpr Endpoint kHost{0xC0A84D01, 50000};       // 192.168.77.1
-inline constexpr Endpoint kOtherHost{0xC0A84D02, 50000};  // 192.168.77.2
-inline constexpr Endpoint kForeignHost{0x0A000001, 50000};
+inline constexpr Endpoint TestHost{0xC0A84D01, 50000};   // 192.168.77.1
+inline constexpr Endpoint OtherHost{0xC0A84D02, 50000};  // 192.168.77.2
+inline constexpr Endpoint ForeignHost{0x0A000001, 50000};
 
 inline SimulatedCameraOptions ExampleOptions() {
     SimulatedCameraOptions options;
@@ -51,9 +51,11 @@ inline Reply ReadReply(const Answer& answer) {
     if (decoded.error != Gvcp::DecodeError::UnknownMessage) {
         EXPECT_EQ(decoded.error, Gvcp::DecodeError::None) << Gvcp::Describe(decoded.error);
     }
-    const Gvcp::WordView payload(answer.packet.GetBytes().subspan(Gvcp::kHeaderBytes));
+    const Gvcp::WordView payload(answer.packet.GetBytes().subspan(Gvcp::HeaderBytes));
     Reply reply{decoded.header.status, decoded.header.id, decoded.header.ackId, {}, answer.broadcast, answer.delay};
-    for (std::size_t i = 0; i < payload.GetCount(); ++i) reply.words.push_back(payload[i]);
+    for (std::size_t i = 0; i < payload.GetCount(); ++i) {
+        reply.words.push_back(payload[i]);
+    }
     return reply;
 }
 
@@ -63,23 +65,24 @@ public:
     explicit Conversation(const SimulatedCameraOptions& options = ExampleOptions(), std::uint64_t seed = 1)
         : camera(options, seed) {}
 
-    std::vector<Answer> Send(Gvcp::Bytes datagram, const Endpoint& peer = kHost, Arrival arrival = Arrival::Unicast) {
+    std::vector<Answer> Send(Gvcp::Bytes datagram, const Endpoint& peer = TestHost,
+                             Arrival arrival = Arrival::Unicast) {
         return camera.Receive(datagram, peer, arrival, now);
     }
 
-    std::vector<Answer> Send(const Gvcp::Packet& packet, const Endpoint& peer = kHost,
+    std::vector<Answer> Send(const Gvcp::Packet& packet, const Endpoint& peer = TestHost,
                              Arrival arrival = Arrival::Unicast) {
         EXPECT_FALSE(packet.IsEmpty());
         return Send(packet.GetBytes(), peer, arrival);
     }
 
-    Reply Ask(Gvcp::Bytes datagram, const Endpoint& peer = kHost) {
+    Reply Ask(Gvcp::Bytes datagram, const Endpoint& peer = TestHost) {
         const std::vector<Answer> answers = Send(datagram, peer);
         EXPECT_EQ(answers.size(), 1u);
         return answers.size() == 1 ? ReadReply(answers.front()) : Reply{};
     }
 
-    Reply Ask(const Gvcp::Packet& packet, const Endpoint& peer = kHost) { return Ask(packet.GetBytes(), peer); }
+    Reply Ask(const Gvcp::Packet& packet, const Endpoint& peer = TestHost) { return Ask(packet.GetBytes(), peer); }
 
     Gvcp::Packet MakeRead(std::initializer_list<std::uint32_t> addresses) {
         return Gvcp::EncodeReadRegCommand(NextId(), std::span(addresses.begin(), addresses.size()));
@@ -88,26 +91,26 @@ public:
         return Gvcp::EncodeWriteRegCommand(NextId(), std::span(writes.begin(), writes.size()));
     }
 
-    Reply Read(std::initializer_list<std::uint32_t> addresses, const Endpoint& peer = kHost) {
+    Reply Read(std::initializer_list<std::uint32_t> addresses, const Endpoint& peer = TestHost) {
         return Ask(MakeRead(addresses), peer);
     }
-    std::uint32_t ReadValue(std::uint32_t address, const Endpoint& peer = kHost) {
+    std::uint32_t ReadValue(std::uint32_t address, const Endpoint& peer = TestHost) {
         const Reply reply = Read({address}, peer);
         EXPECT_EQ(reply.status, Status::Success);
         return reply.words.empty() ? 0 : reply.words.front();
     }
-    Status Write(std::uint32_t address, std::uint32_t value, const Endpoint& peer = kHost) {
+    Status Write(std::uint32_t address, std::uint32_t value, const Endpoint& peer = TestHost) {
         return Ask(MakeWrite({{address, value}}), peer).status;
     }
-    Reply ReadMemory(std::uint32_t address, std::uint16_t count, const Endpoint& peer = kHost) {
+    Reply ReadMemory(std::uint32_t address, std::uint16_t count, const Endpoint& peer = TestHost) {
         return Ask(Gvcp::EncodeReadMemCommand(NextId(), address, count), peer);
     }
-    Reply WriteMemory(std::uint32_t address, const std::string& data, const Endpoint& peer = kHost) {
+    Reply WriteMemory(std::uint32_t address, const std::string& data, const Endpoint& peer = TestHost) {
         const Gvcp::Bytes bytes(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
         return Ask(Gvcp::EncodeWriteMemCommand(NextId(), address, bytes), peer);
     }
-    Status TakeControl(const Endpoint& peer = kHost, std::uint32_t privilege = Gvcp::Ccp::kControlAccess) {
-        return Write(Register::kControlChannelPrivilege, privilege, peer);
+    Status TakeControl(const Endpoint& peer = TestHost, std::uint32_t privilege = Gvcp::Ccp::ControlAccess) {
+        return Write(Register::ControlChannelPrivilege, privilege, peer);
     }
 
     std::uint16_t NextId() { return m_id = Gvcp::NextRequestId(m_id); }
@@ -123,7 +126,9 @@ private:
 inline std::string TextOf(const Reply& reply) {
     std::string text;
     for (std::size_t i = 1; i < reply.words.size(); ++i) {
-        for (int shift = 24; shift >= 0; shift -= 8) text.push_back(static_cast<char>(reply.words[i] >> shift));
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            text.push_back(static_cast<char>(reply.words[i] >> shift));
+        }
     }
     return text.substr(0, text.find('\0'));
 }

@@ -13,7 +13,9 @@ namespace Nimbrel2::Platform::Simulated {
 namespace {
 
 void Check(int result, const char* what) {
-    if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
 }
 
 sockaddr_in MakeAddress(std::uint32_t address, std::uint16_t port) {
@@ -58,7 +60,7 @@ std::uint16_t HostSocket::GetPort() const {
 }
 
 void HostSocket::Send(std::uint32_t address, Gvcp::Bytes datagram) {
-    const sockaddr_in name = MakeAddress(address, Gvcp::kPort);
+    const sockaddr_in name = MakeAddress(address, Gvcp::Port);
     Check(static_cast<int>(sendto(m_socket.Get(), datagram.data(), datagram.size(), 0,
                                   reinterpret_cast<const sockaddr*>(&name), sizeof(name))),
           "sendto");
@@ -66,11 +68,15 @@ void HostSocket::Send(std::uint32_t address, Gvcp::Bytes datagram) {
 
 std::optional<Received> HostSocket::Receive(std::chrono::milliseconds timeout) {
     pollfd wait{m_socket.Get(), POLLIN, 0};
-    if (poll(&wait, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
+    if (poll(&wait, 1, static_cast<int>(timeout.count())) <= 0) {
+        return std::nullopt;
+    }
     Received received;
     received.bytes.resize(65536);
     std::size_t size = 0;
-    if (!ReceiveDatagram(m_socket.Get(), received.bytes, &size, &received.from)) return std::nullopt;
+    if (!ReceiveDatagram(m_socket.Get(), received.bytes, &size, &received.from)) {
+        return std::nullopt;
+    }
     received.bytes.resize(size);
     return received;
 }
@@ -81,7 +87,9 @@ std::vector<Received> HostSocket::Receive(std::size_t count, std::chrono::millis
     while (all.size() < count) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         std::optional<Received> received = Receive(std::max(left, std::chrono::milliseconds(0)));
-        if (!received) break;
+        if (!received) {
+            break;
+        }
         all.push_back(std::move(*received));
     }
     return all;

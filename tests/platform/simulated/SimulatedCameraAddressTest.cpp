@@ -13,8 +13,8 @@ namespace {
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr std::uint8_t kPlain = 0x01;
-constexpr std::uint8_t kBroadcastAllowed = 0x11;
+constexpr std::uint8_t AcknowledgeOnly = 0x01;
+constexpr std::uint8_t BroadcastAllowed = 0x11;
 
 Gvcp::ForceIpCommand ForceTo(std::uint32_t address) { return {0x02B0, 0x5E0A0B0C, address, 0xFFFFFF00, 0xC0A84DFE}; }
 
@@ -22,7 +22,7 @@ Gvcp::ForceIpCommand ForceTo(std::uint32_t address) { return {0x02B0, 0x5E0A0B0C
 
 TEST(SimulatedCameraDiscovery, TellsWhatTheRegistersTell) {
     Conversation talk;
-    const std::vector<Answer> answers = talk.Send(Gvcp::EncodeDiscoveryCommand(0xFFFF, kPlain));
+    const std::vector<Answer> answers = talk.Send(Gvcp::EncodeDiscoveryCommand(0xFFFF, AcknowledgeOnly));
     ASSERT_THAT(answers, SizeIs(1));
     const auto decoded = Gvcp::DecodeAcknowledge(answers[0].packet.GetBytes());
     ASSERT_EQ(decoded.error, Gvcp::DecodeError::None);
@@ -72,15 +72,15 @@ TEST_P(SimulatedCameraDiscoveryAnswer, GoesTheWayItMust) {
 INSTANTIATE_TEST_SUITE_P(
     Table, SimulatedCameraDiscoveryAnswer,
     ::testing::Values(
-        DiscoveryRow{"SameSubnetByBroadcast", kPlain, Arrival::Broadcast, kHost, true, false},
-        DiscoveryRow{"SameSubnetByBroadcastMayBeBroadcast", kBroadcastAllowed, Arrival::Broadcast, kHost, true, false},
-        DiscoveryRow{"SameSubnetByUnicast", kPlain, Arrival::Unicast, kHost, true, false},
-        DiscoveryRow{"ForeignByBroadcast", kPlain, Arrival::Broadcast, kForeignHost, false, false},
-        DiscoveryRow{"ForeignByBroadcastMayBeBroadcast", kBroadcastAllowed, Arrival::Broadcast, kForeignHost, true,
-                     true},
-        DiscoveryRow{"ForeignByUnicast", kPlain, Arrival::Unicast, kForeignHost, true, false},
-        DiscoveryRow{"ForeignByUnicastMayBeBroadcast", kBroadcastAllowed, Arrival::Unicast, kForeignHost, true, false},
-        DiscoveryRow{"WithoutAcknowledge", 0x00, Arrival::Broadcast, kHost, false, false}),
+        DiscoveryRow{"SameSubnetByBroadcast", AcknowledgeOnly, Arrival::Broadcast, TestHost, true, false},
+        DiscoveryRow{"SameSubnetByBroadcastMayBeBroadcast", BroadcastAllowed, Arrival::Broadcast, TestHost, true,
+                     false},
+        DiscoveryRow{"SameSubnetByUnicast", AcknowledgeOnly, Arrival::Unicast, TestHost, true, false},
+        DiscoveryRow{"ForeignByBroadcast", AcknowledgeOnly, Arrival::Broadcast, ForeignHost, false, false},
+        DiscoveryRow{"ForeignByBroadcastMayBeBroadcast", BroadcastAllowed, Arrival::Broadcast, ForeignHost, true, true},
+        DiscoveryRow{"ForeignByUnicast", AcknowledgeOnly, Arrival::Unicast, ForeignHost, true, false},
+        DiscoveryRow{"ForeignByUnicastMayBeBroadcast", BroadcastAllowed, Arrival::Unicast, ForeignHost, true, false},
+        DiscoveryRow{"WithoutAcknowledge", 0x00, Arrival::Broadcast, TestHost, false, false}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(SimulatedCameraDiscovery, WaitsARandomTimeWhenBroadcast) {
@@ -89,7 +89,7 @@ TEST(SimulatedCameraDiscovery, WaitsARandomTimeWhenBroadcast) {
     Conversation talk(options);
     std::set<milliseconds> delays;
     for (int i = 0; i < 200; ++i) {
-        const auto answers = talk.Send(Gvcp::EncodeDiscoveryCommand(1, kPlain), kHost, Arrival::Broadcast);
+        const auto answers = talk.Send(Gvcp::EncodeDiscoveryCommand(1, AcknowledgeOnly), TestHost, Arrival::Broadcast);
         ASSERT_THAT(answers, SizeIs(1));
         delays.insert(answers[0].delay);
     }
@@ -97,7 +97,7 @@ TEST(SimulatedCameraDiscovery, WaitsARandomTimeWhenBroadcast) {
     EXPECT_GE(*delays.rbegin(), milliseconds(90));
     EXPECT_LE(*delays.rbegin(), milliseconds(100));
     EXPECT_GT(delays.size(), 50u);
-    const auto unicast = talk.Send(Gvcp::EncodeDiscoveryCommand(1, kPlain));
+    const auto unicast = talk.Send(Gvcp::EncodeDiscoveryCommand(1, AcknowledgeOnly));
     EXPECT_EQ(unicast.at(0).delay, milliseconds(0));
 }
 
@@ -106,7 +106,7 @@ TEST(SimulatedCameraDiscovery, WaitsARandomTimeWhenBroadcast) {
 TEST(SimulatedCameraForceIp, MovesTheCameraAtOnce) {
     Conversation talk;
     const auto answers =
-        talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, ForceTo(0xC0A84D32)), kHost, Arrival::Broadcast);
+        talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, ForceTo(0xC0A84D32)), TestHost, Arrival::Broadcast);
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D32u);
     ASSERT_THAT(answers, SizeIs(1));
     const Reply reply = ReadReply(answers[0]);
@@ -127,15 +127,16 @@ TEST(SimulatedCameraForceIp, IsAnsweredByBroadcastOnlyToForeignAskersThatAllowIt
         EXPECT_THAT(answers, SizeIs(1));
         return !answers.empty() && answers[0].broadcast;
     };
-    EXPECT_FALSE(ask(kPlain, kHost));
-    EXPECT_FALSE(ask(kBroadcastAllowed, kHost));
-    EXPECT_FALSE(ask(kPlain, kForeignHost));
-    EXPECT_TRUE(ask(kBroadcastAllowed, kForeignHost));
+    EXPECT_FALSE(ask(AcknowledgeOnly, TestHost));
+    EXPECT_FALSE(ask(BroadcastAllowed, TestHost));
+    EXPECT_FALSE(ask(AcknowledgeOnly, ForeignHost));
+    EXPECT_TRUE(ask(BroadcastAllowed, ForeignHost));
 }
 
 TEST(SimulatedCameraForceIp, IsCarriedOutWithoutAnswerWhenNoneIsWanted) {
     Conversation talk;
-    EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(9, 0, ForceTo(0xC0A84D32)), kHost, Arrival::Broadcast), IsEmpty());
+    EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(9, 0, ForceTo(0xC0A84D32)), TestHost, Arrival::Broadcast),
+                IsEmpty());
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D32u);
 }
 
@@ -146,21 +147,22 @@ TEST(SimulatedCameraForceIp, IsNotForAnotherMac) {
         Gvcp::ForceIpCommand command = ForceTo(0xC0A84D32);
         command.macHigh = high;
         command.macLow = low;
-        EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, command), kHost, Arrival::Broadcast), IsEmpty());
+        EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, command), TestHost, Arrival::Broadcast),
+                    IsEmpty());
         EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u);
     }
 }
 
 TEST(SimulatedCameraForceIp, IsIgnoredWhileAnybodyHoldsControl) {
-    for (const std::uint32_t privilege : {Gvcp::Ccp::kControlAccess, Gvcp::Ccp::kExclusiveAccess}) {
+    for (const std::uint32_t privilege : {Gvcp::Ccp::ControlAccess, Gvcp::Ccp::ExclusiveAccess}) {
         Conversation talk;
-        talk.TakeControl(kHost, privilege);
-        const Gvcp::Packet force = Gvcp::EncodeForceIpCommand(9, kPlain, ForceTo(0xC0A84D32));
-        EXPECT_THAT(talk.Send(force, kOtherHost, Arrival::Broadcast), IsEmpty());
-        EXPECT_THAT(talk.Send(force, kHost, Arrival::Broadcast), IsEmpty()) << "its holder is nothing better";
+        talk.TakeControl(TestHost, privilege);
+        const Gvcp::Packet force = Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, ForceTo(0xC0A84D32));
+        EXPECT_THAT(talk.Send(force, OtherHost, Arrival::Broadcast), IsEmpty());
+        EXPECT_THAT(talk.Send(force, TestHost, Arrival::Broadcast), IsEmpty()) << "its holder is nothing better";
         EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u);
         talk.now += milliseconds(3000);
-        EXPECT_THAT(talk.Send(force, kOtherHost, Arrival::Broadcast), SizeIs(1)) << "control has lapsed";
+        EXPECT_THAT(talk.Send(force, OtherHost, Arrival::Broadcast), SizeIs(1)) << "control has lapsed";
     }
 }
 
@@ -169,7 +171,8 @@ TEST(SimulatedCameraForceIp, IsIgnoredForAddressesThatNoHostMayHave) {
         Conversation talk;
         Gvcp::ForceIpCommand command = ForceTo(address);
         command.subnetMask = mask;
-        const auto answers = talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, command), kHost, Arrival::Broadcast);
+        const auto answers =
+            talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, command), TestHost, Arrival::Broadcast);
         EXPECT_EQ(talk.camera.GetAddress(), answers.empty() ? 0xC0A84D65u : address);
         return !answers.empty();
     };
@@ -186,26 +189,27 @@ TEST(SimulatedCameraForceIp, IsIgnoredForAddressesThatNoHostMayHave) {
 TEST(SimulatedCameraForceIp, WithoutAddressRestartsInSilence) {
     SimulatedCameraOptions options = ExampleOptions();
     Conversation talk(options);
-    talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, ForceTo(0xC0A84D32)), kHost, Arrival::Broadcast);
-    EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(10, kPlain, ForceTo(0)), kHost, Arrival::Broadcast), IsEmpty());
+    talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, ForceTo(0xC0A84D32)), TestHost, Arrival::Broadcast);
+    EXPECT_THAT(talk.Send(Gvcp::EncodeForceIpCommand(10, AcknowledgeOnly, ForceTo(0)), TestHost, Arrival::Broadcast),
+                IsEmpty());
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u);
 }
 
 TEST(SimulatedCameraPersistentIp, IsUsedFromTheNextRestartOn) {
     Conversation talk;
     talk.TakeControl();
-    talk.Ask(talk.MakeWrite({{Register::kPersistentIpAddress, 0x0A010203},
-                             {Register::kPersistentSubnetMask, 0xFFFF0000},
-                             {Register::kPersistentDefaultGateway, 0x0A010001}}));
+    talk.Ask(talk.MakeWrite({{Register::PersistentIpAddress, 0x0A010203},
+                             {Register::PersistentSubnetMask, 0xFFFF0000},
+                             {Register::PersistentDefaultGateway, 0x0A010001}}));
     talk.camera.PowerCycle();
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u) << "it is not enabled";
     EXPECT_FALSE(talk.camera.GetRegisters().IsControlHeld());
 
     talk.TakeControl();
-    talk.Write(Register::kCurrentIpConfiguration, 0x5);
+    talk.Write(Register::CurrentIpConfiguration, 0x5);
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u) << "enabling it changes nothing now";
-    talk.TakeControl(kHost, 0);
-    talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, ForceTo(0)), kHost, Arrival::Broadcast);
+    talk.TakeControl(TestHost, 0);
+    talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, ForceTo(0)), TestHost, Arrival::Broadcast);
     EXPECT_THAT(talk.Read({0x0024, 0x0034, 0x0044}).words, ::testing::ElementsAre(0x0A010203, 0xFFFF0000, 0x0A010001));
 }
 
@@ -219,15 +223,15 @@ TEST(SimulatedCameraPersistentIp, MayBeThereFromTheStart) {
 
 TEST(SimulatedCameraPower, LosesWhatIsForcedAndKeepsWhatIsStored) {
     Conversation talk;
-    talk.Send(Gvcp::EncodeForceIpCommand(9, kPlain, ForceTo(0xC0A84D32)), kHost, Arrival::Broadcast);
+    talk.Send(Gvcp::EncodeForceIpCommand(9, AcknowledgeOnly, ForceTo(0xC0A84D32)), TestHost, Arrival::Broadcast);
     talk.TakeControl();
-    talk.Write(Register::kHeartbeatTimeout, 10000);
-    talk.WriteMemory(Register::kUserDefinedName, "new name");
+    talk.Write(Register::HeartbeatTimeout, 10000);
+    talk.WriteMemory(Register::UserDefinedName, "new name");
     talk.camera.PowerCycle();
     EXPECT_EQ(talk.camera.GetAddress(), 0xC0A84D65u);
-    EXPECT_EQ(talk.ReadValue(Register::kControlChannelPrivilege), 0u);
-    EXPECT_EQ(talk.ReadValue(Register::kHeartbeatTimeout), 3000u);
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kUserDefinedName, 16)), "new name");
+    EXPECT_EQ(talk.ReadValue(Register::ControlChannelPrivilege), 0u);
+    EXPECT_EQ(talk.ReadValue(Register::HeartbeatTimeout), 3000u);
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::UserDefinedName, 16)), "new name");
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ Conversation WithFaults(const Faults& faults, std::uint64_t seed = 1) {
 
 TEST(SimulatedCameraRetransmission, IsAnsweredAgainAndNotCarriedOutTwice) {
     Conversation talk;
-    const Gvcp::Packet take = talk.MakeWrite({{Register::kControlChannelPrivilege, 2}});
+    const Gvcp::Packet take = talk.MakeWrite({{Register::ControlChannelPrivilege, 2}});
     EXPECT_EQ(talk.Ask(take).status, Status::Success);
     talk.camera.GetRegisters().ReleaseControl();
     EXPECT_EQ(talk.Ask(take).status, Status::Success);
@@ -47,14 +47,16 @@ TEST(SimulatedCameraRetransmission, IsToldByPeerIdAndBytes) {
     EXPECT_EQ(talk.Ask(Gvcp::EncodeReadRegCommand(5, first)).words.at(0), 0xC0A84D65u);
     EXPECT_EQ(talk.Ask(Gvcp::EncodeReadRegCommand(5, second)).words.at(0), 0xFFFFFF00u) << "same id, other command";
     EXPECT_EQ(talk.Ask(Gvcp::EncodeReadRegCommand(6, second)).words.at(0), 0xFFFFFF00u);
-    EXPECT_EQ(talk.Ask(Gvcp::EncodeReadRegCommand(6, second), kOtherHost).words.at(0), 0xFFFFFF00u);
+    EXPECT_EQ(talk.Ask(Gvcp::EncodeReadRegCommand(6, second), OtherHost).words.at(0), 0xFFFFFF00u);
     EXPECT_EQ(talk.camera.GetStatistics().repeated, 0u);
 }
 
 TEST(SimulatedCameraRetransmission, IsRememberedForAFewPeersOnly) {
     Conversation talk;
     const Gvcp::Packet read = talk.MakeRead({0x0024});
-    for (std::uint16_t port = 1; port <= 1000; ++port) talk.Ask(read, {0x0A000001, port});
+    for (std::uint16_t port = 1; port <= 1000; ++port) {
+        talk.Ask(read, {0x0A000001, port});
+    }
     EXPECT_EQ(talk.camera.GetStatistics().repeated, 0u);
     talk.Ask(read, {0x0A000001, 1000});
     EXPECT_EQ(talk.camera.GetStatistics().repeated, 1u);
@@ -106,7 +108,9 @@ TEST(SimulatedCameraErrorRule, HitsTheNthOnly) {
     faults.errors = {{.command = Gvcp::MessageId::ReadRegCmd, .status = Status::Busy, .first = 3, .count = 2}};
     Conversation talk = WithFaults(faults);
     std::vector<Status> statuses;
-    for (int i = 0; i < 6; ++i) statuses.push_back(talk.Read({0x0024}).status);
+    for (int i = 0; i < 6; ++i) {
+        statuses.push_back(talk.Read({0x0024}).status);
+    }
     EXPECT_THAT(statuses, ::testing::ElementsAre(Status::Success, Status::Success, Status::Busy, Status::Busy,
                                                  Status::Success, Status::Success));
     talk.camera.SetFaults(faults);
@@ -144,7 +148,9 @@ TEST(SimulatedCameraDelay, IsFixedOrRandomWithinItsRange) {
     faults.delayMaximum = milliseconds(60);
     Conversation random = WithFaults(faults);
     std::vector<milliseconds> delays;
-    for (int i = 0; i < 200; ++i) delays.push_back(random.Read({0x0024}).delay);
+    for (int i = 0; i < 200; ++i) {
+        delays.push_back(random.Read({0x0024}).delay);
+    }
     EXPECT_EQ(*std::min_element(delays.begin(), delays.end()), milliseconds(40));
     EXPECT_EQ(*std::max_element(delays.begin(), delays.end()), milliseconds(60));
 }
@@ -179,7 +185,9 @@ TEST(SimulatedCameraPending, AnnouncesNoMoreThanItsFieldHolds) {
 
 std::vector<std::size_t> CountAnswers(Conversation& talk, int commands) {
     std::vector<std::size_t> counts;
-    for (int i = 0; i < commands; ++i) counts.push_back(talk.Send(talk.MakeRead({0x0024})).size());
+    for (int i = 0; i < commands; ++i) {
+        counts.push_back(talk.Send(talk.MakeRead({0x0024})).size());
+    }
     return counts;
 }
 
@@ -237,7 +245,7 @@ TEST(SimulatedCameraSilence, IsCompleteAndEnds) {
     talk.TakeControl();
     talk.camera.SetSilent(true);
     EXPECT_THAT(talk.Send(talk.MakeRead({0x0024})), IsEmpty());
-    EXPECT_THAT(talk.Send(Gvcp::EncodeDiscoveryCommand(1, 1), kHost, Arrival::Broadcast), IsEmpty());
+    EXPECT_THAT(talk.Send(Gvcp::EncodeDiscoveryCommand(1, 1), TestHost, Arrival::Broadcast), IsEmpty());
     EXPECT_THAT(talk.Send(talk.MakeWrite({{0xA000, 1}})), IsEmpty());
     talk.camera.SetSilent(false);
     EXPECT_EQ(talk.ReadValue(0xA000), 640u) << "what was sent meanwhile was not carried out";

@@ -53,26 +53,26 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SimulatedCameraRegisters, TellTheirTexts) {
     Conversation talk;
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kManufacturerName, 32)), "Maker");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kModelName, 32)), "Model");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kDeviceVersion, 32)), "1.0");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kManufacturerInfo, 48)), "Simulated");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kSerialNumber, 16)), "12345");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kUserDefinedName, 16)), "left one");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kSecondUrl, 512)), "");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::ManufacturerName, 32)), "Maker");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::ModelName, 32)), "Model");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::DeviceVersion, 32)), "1.0");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::ManufacturerInfo, 48)), "Simulated");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::SerialNumber, 16)), "12345");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::UserDefinedName, 16)), "left one");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::SecondUrl, 512)), "");
 }
 
 TEST(SimulatedCameraRegisters, CutTextsAtTheirField) {
     SimulatedCameraOptions options = ExampleOptions();
     options.serialNumber = "0123456789ABCDEFXXX";
     Conversation talk(options);
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kSerialNumber, 16)), "0123456789ABCDEF");
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kUserDefinedName, 16)), "left one");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::SerialNumber, 16)), "0123456789ABCDEF");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::UserDefinedName, 16)), "left one");
 }
 
 TEST(SimulatedCameraRegisters, HoldTheDescriptionWhereTheUrlSays) {
     Conversation talk;
-    const std::string url = TextOf(talk.ReadMemory(Register::kFirstUrl, 512));
+    const std::string url = TextOf(talk.ReadMemory(Register::FirstUrl, 512));
     unsigned int address = 0;
     unsigned int size = 0;
     ASSERT_EQ(std::sscanf(url.c_str(), "Local:nimbrel2_simulated.xml;%x;%x", &address, &size), 2) << url;
@@ -192,7 +192,7 @@ TEST_P(SimulatedCameraWrite, IsAllowedToThoseWhoMay) {
     EXPECT_EQ(free.Write(row.address, 0), row.whileFree);
     Conversation controlled;
     ASSERT_EQ(controlled.TakeControl(), Status::Success);
-    EXPECT_EQ(controlled.Write(row.address, 0, kOtherHost), row.whileControlled);
+    EXPECT_EQ(controlled.Write(row.address, 0, OtherHost), row.whileControlled);
     EXPECT_EQ(controlled.Write(row.address, 0), row.asController);
 }
 
@@ -236,11 +236,11 @@ TEST(SimulatedCameraWrites, TellHowManyRegistersWereWritten) {
 TEST(SimulatedCameraWrites, TellHowManyBytesWereWritten) {
     Conversation talk;
     talk.TakeControl();
-    const Reply all = talk.WriteMemory(Register::kUserDefinedName, "right one       ");
+    const Reply all = talk.WriteMemory(Register::UserDefinedName, "right one       ");
     EXPECT_EQ(all.status, Status::Success);
     EXPECT_EQ(all.id, Gvcp::MessageId::WriteMemAck);
     EXPECT_THAT(all.words, ElementsAre(16));
-    EXPECT_EQ(TextOf(talk.ReadMemory(Register::kUserDefinedName, 16)), "right one       ");
+    EXPECT_EQ(TextOf(talk.ReadMemory(Register::UserDefinedName, 16)), "right one       ");
     EXPECT_STREQ(talk.camera.GetRegisters().GetDiscoveryRecord().modelName, "Model");
 
     const Reply some = talk.WriteMemory(0xA0F8, "eightbytes..");
@@ -251,23 +251,23 @@ TEST(SimulatedCameraWrites, TellHowManyBytesWereWritten) {
 TEST(SimulatedCameraWrites, AreBroughtIntoRange) {
     Conversation talk;
     talk.TakeControl();
-    EXPECT_EQ(talk.Write(Register::kHeartbeatTimeout, 100), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kHeartbeatTimeout), 500u);
-    EXPECT_EQ(talk.Write(Register::kCurrentIpConfiguration, 0xFFFFFFFF), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kCurrentIpConfiguration), 7u);
-    EXPECT_EQ(talk.Write(Register::kCurrentIpConfiguration, 0), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kCurrentIpConfiguration), 4u) << "the link-local address cannot be switched off";
-    EXPECT_EQ(talk.Write(Register::kDiscoveryAckDelay, 0x12345678), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kDiscoveryAckDelay), 0x5678u);
-    EXPECT_EQ(talk.Write(Register::kGvcpConfiguration, 0xFFFFFFFF), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kGvcpConfiguration), 3u);
+    EXPECT_EQ(talk.Write(Register::HeartbeatTimeout, 100), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::HeartbeatTimeout), 500u);
+    EXPECT_EQ(talk.Write(Register::CurrentIpConfiguration, 0xFFFFFFFF), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::CurrentIpConfiguration), 7u);
+    EXPECT_EQ(talk.Write(Register::CurrentIpConfiguration, 0), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::CurrentIpConfiguration), 4u) << "the link-local address cannot be switched off";
+    EXPECT_EQ(talk.Write(Register::DiscoveryAckDelay, 0x12345678), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::DiscoveryAckDelay), 0x5678u);
+    EXPECT_EQ(talk.Write(Register::GvcpConfiguration, 0xFFFFFFFF), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::GvcpConfiguration), 3u);
 }
 
 TEST(SimulatedCameraRegisters, TakeOneAtATimeWithoutConcatenation) {
     SimulatedCameraOptions options = ExampleOptions();
     options.concatenation = false;
     Conversation talk(options);
-    EXPECT_EQ(talk.ReadValue(Register::kGvcpCapability) & Gvcp::Capability::kConcatenation, 0u);
+    EXPECT_EQ(talk.ReadValue(Register::GvcpCapability) & Gvcp::Capability::Concatenation, 0u);
     EXPECT_EQ(talk.Read({0x0024, 0x0034}).status, Status::InvalidParameter);
     talk.TakeControl();
     EXPECT_EQ(talk.Ask(talk.MakeWrite({{0xA000, 1}, {0xA004, 2}})).status, Status::InvalidParameter);
@@ -296,7 +296,7 @@ TEST_P(SimulatedCameraMalformed, IsRefusedOrIgnored) {
         EXPECT_EQ(reply.ackId, 7);
         EXPECT_EQ(static_cast<std::uint16_t>(reply.id), Gvcp::LoadU16(&GetParam().bytes[2]) + 1);
     }
-    EXPECT_THAT(talk.Send(Gvcp::Bytes(GetParam().bytes), kHost, Arrival::Broadcast), IsEmpty());
+    EXPECT_THAT(talk.Send(Gvcp::Bytes(GetParam().bytes), TestHost, Arrival::Broadcast), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -324,16 +324,16 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SimulatedCameraPackets, AreCarriedOutWithoutAnswerWhenNoneIsWanted) {
     Conversation talk;
-    Gvcp::Packet write = talk.MakeWrite({{Register::kControlChannelPrivilege, 2}});
+    Gvcp::Packet write = talk.MakeWrite({{Register::ControlChannelPrivilege, 2}});
     write.GetMutableData()[1] = 0;
     EXPECT_THAT(talk.Send(write), IsEmpty());
-    EXPECT_EQ(talk.ReadValue(Register::kControlChannelPrivilege), 2u);
+    EXPECT_EQ(talk.ReadValue(Register::ControlChannelPrivilege), 2u);
 }
 
 TEST(SimulatedCameraPackets, OfRegistersAreIgnoredWhenBroadcast) {
     Conversation talk;
-    EXPECT_THAT(talk.Send(talk.MakeRead({0x0024}), kHost, Arrival::Broadcast), IsEmpty());
-    EXPECT_THAT(talk.Send(talk.MakeWrite({{0x0A00, 2}}), kHost, Arrival::Broadcast), IsEmpty());
+    EXPECT_THAT(talk.Send(talk.MakeRead({0x0024}), TestHost, Arrival::Broadcast), IsEmpty());
+    EXPECT_THAT(talk.Send(talk.MakeWrite({{0x0A00, 2}}), TestHost, Arrival::Broadcast), IsEmpty());
     EXPECT_FALSE(talk.camera.GetRegisters().IsControlHeld());
 }
 
@@ -342,54 +342,54 @@ TEST(SimulatedCameraPackets, OfRegistersAreIgnoredWhenBroadcast) {
 TEST(SimulatedCameraControl, IsTakenShownAndGivenBack) {
     Conversation talk;
     EXPECT_EQ(talk.TakeControl(), Status::Success);
-    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, kOtherHost).words, ElementsAre(2, 50000, 0xC0A84D01));
-    EXPECT_EQ(talk.camera.GetRegisters().GetPrimaryApplication(), kHost);
-    EXPECT_EQ(talk.TakeControl(kHost, 0), Status::Success);
-    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, kOtherHost).words, ElementsAre(0, 0, 0));
-    EXPECT_EQ(talk.TakeControl(kOtherHost), Status::Success);
+    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, OtherHost).words, ElementsAre(2, 50000, 0xC0A84D01));
+    EXPECT_EQ(talk.camera.GetRegisters().GetPrimaryApplication(), TestHost);
+    EXPECT_EQ(talk.TakeControl(TestHost, 0), Status::Success);
+    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, OtherHost).words, ElementsAre(0, 0, 0));
+    EXPECT_EQ(talk.TakeControl(OtherHost), Status::Success);
 }
 
 TEST(SimulatedCameraControl, IsRefusedToAnother) {
     Conversation talk;
     talk.TakeControl();
-    EXPECT_EQ(talk.TakeControl(kOtherHost), Status::AccessDenied);
-    EXPECT_EQ(talk.TakeControl(kOtherHost, 0), Status::AccessDenied) << "nor may it be taken away";
-    const Endpoint samePlaceOtherPort{kHost.address, 50001};
+    EXPECT_EQ(talk.TakeControl(OtherHost), Status::AccessDenied);
+    EXPECT_EQ(talk.TakeControl(OtherHost, 0), Status::AccessDenied) << "nor may it be taken away";
+    const Endpoint samePlaceOtherPort{TestHost.address, 50001};
     EXPECT_EQ(talk.TakeControl(samePlaceOtherPort), Status::AccessDenied);
     EXPECT_EQ(talk.TakeControl(), Status::Success) << "its holder may write it again";
-    EXPECT_EQ(talk.camera.GetRegisters().GetPrimaryApplication(), kHost);
+    EXPECT_EQ(talk.camera.GetRegisters().GetPrimaryApplication(), TestHost);
 }
 
 TEST(SimulatedCameraControl, LeavesReadingToOthersUnlessItIsExclusive) {
     Conversation talk;
     talk.TakeControl();
-    EXPECT_EQ(talk.Read({0x0024}, kOtherHost).status, Status::Success);
-    EXPECT_EQ(talk.ReadMemory(0x0048, 32, kOtherHost).status, Status::Success);
-    talk.TakeControl(kHost, Gvcp::Ccp::kExclusiveAccess);
-    EXPECT_EQ(talk.ReadValue(Register::kControlChannelPrivilege), 1u);
-    EXPECT_EQ(talk.Read({0x0024}, kOtherHost).status, Status::AccessDenied);
-    EXPECT_EQ(talk.Read({0x0A00}, kOtherHost).status, Status::AccessDenied);
-    EXPECT_EQ(talk.ReadMemory(0x0048, 32, kOtherHost).status, Status::AccessDenied);
-    EXPECT_EQ(talk.WriteMemory(0x00E8, "name", kOtherHost).status, Status::AccessDenied);
-    EXPECT_EQ(talk.Ask(std::vector<std::uint8_t>{0x42, 0x01, 0x0F, 0x00, 0, 0, 0, 7}, kOtherHost).status,
+    EXPECT_EQ(talk.Read({0x0024}, OtherHost).status, Status::Success);
+    EXPECT_EQ(talk.ReadMemory(0x0048, 32, OtherHost).status, Status::Success);
+    talk.TakeControl(TestHost, Gvcp::Ccp::ExclusiveAccess);
+    EXPECT_EQ(talk.ReadValue(Register::ControlChannelPrivilege), 1u);
+    EXPECT_EQ(talk.Read({0x0024}, OtherHost).status, Status::AccessDenied);
+    EXPECT_EQ(talk.Read({0x0A00}, OtherHost).status, Status::AccessDenied);
+    EXPECT_EQ(talk.ReadMemory(0x0048, 32, OtherHost).status, Status::AccessDenied);
+    EXPECT_EQ(talk.WriteMemory(0x00E8, "name", OtherHost).status, Status::AccessDenied);
+    EXPECT_EQ(talk.Ask(std::vector<std::uint8_t>{0x42, 0x01, 0x0F, 0x00, 0, 0, 0, 7}, OtherHost).status,
               Status::AccessDenied);
-    EXPECT_EQ(talk.Send(Gvcp::EncodeDiscoveryCommand(1, 1), kOtherHost).size(), 1u) << "discovery is for everybody";
+    EXPECT_EQ(talk.Send(Gvcp::EncodeDiscoveryCommand(1, 1), OtherHost).size(), 1u) << "discovery is for everybody";
     EXPECT_EQ(talk.Read({0x0024}).status, Status::Success);
 }
 
 TEST(SimulatedCameraControl, IsNoOneElsesBusinessToSwitchOver) {
     Conversation talk;
-    EXPECT_EQ(talk.TakeControl(kHost, 0x12340006), Status::Success);
-    EXPECT_EQ(talk.ReadValue(Register::kControlChannelPrivilege), 2u) << "this camera has no switchover";
+    EXPECT_EQ(talk.TakeControl(TestHost, 0x12340006), Status::Success);
+    EXPECT_EQ(talk.ReadValue(Register::ControlChannelPrivilege), 2u) << "this camera has no switchover";
 }
 
 TEST(SimulatedCameraControl, LapsesWhenTheHeartbeatRunsOut) {
     Conversation talk;
     talk.TakeControl();
     talk.now += milliseconds(2999);
-    EXPECT_EQ(talk.ReadValue(0x0A00, kOtherHost), 2u);
+    EXPECT_EQ(talk.ReadValue(0x0A00, OtherHost), 2u);
     talk.now += milliseconds(1);
-    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, kOtherHost).words, ElementsAre(0, 0, 0));
+    EXPECT_THAT(talk.Read({0x0A00, 0x0A04, 0x0A14}, OtherHost).words, ElementsAre(0, 0, 0));
 }
 
 TEST(SimulatedCameraControl, IsKeptByCommandsOfItsHolderOnly) {
@@ -397,14 +397,14 @@ TEST(SimulatedCameraControl, IsKeptByCommandsOfItsHolderOnly) {
     talk.TakeControl();
     for (int i = 0; i < 5; ++i) {
         talk.now += milliseconds(2000);
-        EXPECT_EQ(talk.ReadValue(Register::kCurrentIpAddress), 0xC0A84D65u) << "any command keeps it";
+        EXPECT_EQ(talk.ReadValue(Register::CurrentIpAddress), 0xC0A84D65u) << "any command keeps it";
     }
     for (int i = 0; i < 29; ++i) {
         talk.now += milliseconds(100);
-        EXPECT_EQ(talk.ReadValue(0x0A00, kOtherHost), 2u) << "others' reads do not";
+        EXPECT_EQ(talk.ReadValue(0x0A00, OtherHost), 2u) << "others' reads do not";
     }
     talk.now += milliseconds(100);
-    EXPECT_EQ(talk.ReadValue(0x0A00, kOtherHost), 0u);
+    EXPECT_EQ(talk.ReadValue(0x0A00, OtherHost), 0u);
 }
 
 TEST(SimulatedCameraControl, IsLostEvenWhenTheFirstToAskAfterwardsIsItsHolder) {
@@ -417,21 +417,21 @@ TEST(SimulatedCameraControl, IsLostEvenWhenTheFirstToAskAfterwardsIsItsHolder) {
 TEST(SimulatedCameraControl, FollowsTheHeartbeatRegisters) {
     Conversation talk;
     talk.TakeControl();
-    talk.Write(Register::kHeartbeatTimeout, 600);
+    talk.Write(Register::HeartbeatTimeout, 600);
     talk.now += milliseconds(600);
     EXPECT_EQ(talk.ReadValue(0x0A00), 0u);
 
     talk.TakeControl();
-    talk.Write(Register::kGvcpConfiguration, Gvcp::GvcpConfiguration::kHeartbeatDisable);
+    talk.Write(Register::GvcpConfiguration, Gvcp::GvcpConfiguration::HeartbeatDisable);
     talk.now += std::chrono::hours(1);
-    EXPECT_EQ(talk.ReadValue(0x0A00, kOtherHost), 2u);
+    EXPECT_EQ(talk.ReadValue(0x0A00, OtherHost), 2u);
 }
 
 TEST(SimulatedCameraControl, ClosesTheStreamChannelWhenItEnds) {
     Conversation talk;
     talk.TakeControl();
-    talk.Write(Register::kStreamChannelPort, 40000);
-    talk.Write(Register::kStreamChannelDestination, kHost.address);
+    talk.Write(Register::StreamChannelPort, 40000);
+    talk.Write(Register::StreamChannelDestination, TestHost.address);
     talk.now += milliseconds(3000);
     EXPECT_THAT(talk.Read({0x0D00, 0x0D18}).words, ElementsAre(0, 0));
 }
@@ -454,10 +454,10 @@ TEST(SimulatedCameraControl, DoesNotTellItsHolderWhenTheCameraCannot) {
     options.tellsOwner = false;
     Conversation talk(options);
     talk.TakeControl();
-    EXPECT_EQ(talk.ReadValue(0x0A00, kOtherHost), 2u);
-    EXPECT_EQ(talk.Read({0x0A04}, kOtherHost).status, Status::InvalidAddress);
-    EXPECT_EQ(talk.Read({0x0A14}, kOtherHost).status, Status::InvalidAddress);
-    EXPECT_EQ(talk.ReadValue(0x0934) & Gvcp::Capability::kPrimaryApplicationPortAndIp, 0u);
+    EXPECT_EQ(talk.ReadValue(0x0A00, OtherHost), 2u);
+    EXPECT_EQ(talk.Read({0x0A04}, OtherHost).status, Status::InvalidAddress);
+    EXPECT_EQ(talk.Read({0x0A14}, OtherHost).status, Status::InvalidAddress);
+    EXPECT_EQ(talk.ReadValue(0x0934) & Gvcp::Capability::PrimaryApplicationPortAndIp, 0u);
 }
 
 }  // namespace

@@ -19,9 +19,9 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-constexpr std::uint32_t kForeign = 0x0A090909;  // 10.9.9.9
-constexpr std::uint32_t kRight = 0xC0A84D32;    // 192.168.77.50
-constexpr std::uint64_t kMac = 0x020000000909;
+constexpr std::uint32_t ForeignIp = 0x0A090909;  // 10.9.9.9
+constexpr std::uint32_t RightIp = 0xC0A84D32;    // 192.168.77.50
+constexpr std::uint64_t CameraMac = 0x020000000909;
 
 Gvcp::Packet Force(std::uint16_t id, std::uint32_t address, std::uint32_t mask = 0xFFFFFF00) {
     return Gvcp::EncodeForceIpCommand(id, 0x01, {0x0200, 0x00000909, address, mask, 0});
@@ -52,9 +52,9 @@ protected:
     static SimulatedCameraOptions Foreign() {
         SimulatedCameraOptions options;
         options.interfaceName = "c0";
-        options.address = kForeign;
+        options.address = ForeignIp;
         options.subnetMask = 0xFFFFFF00;
-        options.mac = kMac;
+        options.mac = CameraMac;
         options.serialNumber = "4711";
         return options;
     }
@@ -84,25 +84,25 @@ TEST_F(SimulatedCable, ShowsAForeignCameraToThoseWhoAllowBroadcastAnswers) {
     ASSERT_TRUE(received);
     const auto decoded = received->Decode();
     EXPECT_EQ(decoded.header.ackId, 2) << "the first was not answered";
-    EXPECT_EQ(received->from, (Endpoint{kForeign, Gvcp::kPort}));
-    EXPECT_EQ(std::get<Gvcp::DiscoveryAcknowledge>(decoded.body).record.ipAddress, kForeign);
+    EXPECT_EQ(received->from, (Endpoint{ForeignIp, Gvcp::Port}));
+    EXPECT_EQ(std::get<Gvcp::DiscoveryAcknowledge>(decoded.body).record.ipAddress, ForeignIp);
 }
 
 TEST_F(SimulatedCable, MovesAForcedCameraToItsNewAddressAtOnce) {
     Add(Foreign());
     EXPECT_THAT(CameraAddresses(), HasSubstr("10.9.9.9/24"));
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     const auto acknowledged = host->Receive();
     ASSERT_TRUE(acknowledged);
-    EXPECT_EQ(acknowledged->from, (Endpoint{kRight, Gvcp::kPort})) << "the acknowledge comes from the new address";
+    EXPECT_EQ(acknowledged->from, (Endpoint{RightIp, Gvcp::Port})) << "the acknowledge comes from the new address";
     EXPECT_EQ(acknowledged->Decode().header.id, Gvcp::MessageId::ForceIpAck);
     EXPECT_EQ(acknowledged->Decode().header.ackId, 7);
 
     const std::uint32_t registers[] = {0x0024};
-    host->Send(kRight, Gvcp::EncodeReadRegCommand(8, registers));
+    host->Send(RightIp, Gvcp::EncodeReadRegCommand(8, registers));
     const auto read = host->Receive();
     ASSERT_TRUE(read);
-    EXPECT_EQ(std::get<Gvcp::ReadRegAcknowledge>(read->Decode().body).values[0], kRight);
+    EXPECT_EQ(std::get<Gvcp::ReadRegAcknowledge>(read->Decode().body).values[0], RightIp);
     EXPECT_THAT(CameraAddresses(), HasSubstr("192.168.77.50/24"));
     EXPECT_THAT(CameraAddresses(), Not(HasSubstr("10.9.9.9"))) << "nobody is at the old address";
     EXPECT_THAT(reports, IsEmpty());
@@ -110,14 +110,14 @@ TEST_F(SimulatedCable, MovesAForcedCameraToItsNewAddressAtOnce) {
 
 TEST_F(SimulatedCable, GoesBackWhenItIsRestarted) {
     Add(Foreign());
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     ASSERT_TRUE(host->Receive());
     host->Broadcast(Force(8, 0));
     host->Broadcast(Gvcp::EncodeDiscoveryCommand(9, 0x11));
     const auto received = host->Receive();
     ASSERT_TRUE(received);
     EXPECT_EQ(received->Decode().header.id, Gvcp::MessageId::DiscoveryAck) << "the restart was silent";
-    EXPECT_EQ(received->from.address, kForeign);
+    EXPECT_EQ(received->from.address, ForeignIp);
 }
 
 TEST_F(SimulatedCable, KeepsTheNeighboursOfAnAddressThatLeaves) {
@@ -127,10 +127,10 @@ TEST_F(SimulatedCable, KeepsTheNeighboursOfAnAddressThatLeaves) {
     const auto leaving = Add(first);
     SimulatedCameraOptions second = Foreign();
     second.address = 0xC0A84D0B;
-    second.mac = kMac + 1;
+    second.mac = CameraMac + 1;
     Add(second);
     cameraSpace.Ip("addr add 192.168.77.12/24 dev c0");
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     ASSERT_TRUE(host->Receive());
     EXPECT_THAT(CameraAddresses(), Not(HasSubstr("192.168.77.10/")));
     for (const char* address : {"192.168.77.11/24", "192.168.77.12/24", "192.168.77.50/24"}) {
@@ -148,7 +148,7 @@ TEST_F(SimulatedCable, UsesAnAddressThatIsThereAndLeavesIt) {
     SimulatedCameraOptions options = Foreign();
     options.interfaceName.clear();
     Add(options);
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     ASSERT_TRUE(host->Receive());
     EXPECT_THAT(CameraAddresses(), HasSubstr("10.9.9.9/24"));
     EXPECT_THAT(CameraAddresses(), HasSubstr("192.168.77.50/24"));
@@ -156,9 +156,9 @@ TEST_F(SimulatedCable, UsesAnAddressThatIsThereAndLeavesIt) {
 
 TEST_F(SimulatedCable, FollowsAForcedSubnetMask) {
     Add(Foreign());
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     ASSERT_TRUE(host->Receive());
-    host->Broadcast(Force(8, kRight, 0xFFFF0000));
+    host->Broadcast(Force(8, RightIp, 0xFFFF0000));
     ASSERT_TRUE(host->Receive());
     EXPECT_THAT(CameraAddresses(), HasSubstr("192.168.77.50/16"));
     EXPECT_THAT(CameraAddresses(), Not(HasSubstr("192.168.77.50/24")));
@@ -167,16 +167,16 @@ TEST_F(SimulatedCable, FollowsAForcedSubnetMask) {
 TEST_F(SimulatedCable, ReportsAnAddressThatItCannotHaveAndRecovers) {
     const auto camera = Add(Foreign());
     SimulatedCameraOptions other = Foreign();
-    other.address = kRight;
-    other.mac = kMac + 1;
+    other.address = RightIp;
+    other.mac = CameraMac + 1;
     const auto inTheWay = Add(other);
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     EXPECT_TRUE(network->WaitUntil(
-        camera, [](SimulatedGigECamera& model) { return model.GetAddress() == kRight; }, seconds(10)));
+        camera, [](SimulatedGigECamera& model) { return model.GetAddress() == RightIp; }, seconds(10)));
     EXPECT_THAT(network->GetProblem(camera), HasSubstr("192.168.77.50 on c0: Address already in use"));
     EXPECT_THAT(reports, SizeIs(1));
     network->RemoveCamera(inTheWay);
-    host->Broadcast(Force(8, kRight));
+    host->Broadcast(Force(8, RightIp));
     const auto acknowledged = host->Receive();
     ASSERT_TRUE(acknowledged);
     EXPECT_EQ(acknowledged->Decode().header.ackId, 8);
@@ -186,23 +186,25 @@ TEST_F(SimulatedCable, ReportsAnAddressThatItCannotHaveAndRecovers) {
 TEST_F(SimulatedCable, ForcesOneOfManyByItsMac) {
     for (std::uint32_t number = 0; number < 16; ++number) {
         SimulatedCameraOptions options = Foreign();
-        options.address = kForeign + number;
-        options.mac = kMac + number;
+        options.address = ForeignIp + number;
+        options.mac = CameraMac + number;
         Add(options);
     }
-    host->Broadcast(Force(7, kRight));
+    host->Broadcast(Force(7, RightIp));
     ASSERT_TRUE(host->Receive());
     host->Broadcast(Gvcp::EncodeDiscoveryCommand(8, 0x11));
     const auto answers = host->Receive(16);
     ASSERT_THAT(answers, SizeIs(16));
     int foreign = 0;
-    for (const Received& answer : answers) foreign += answer.from.address >> 24 == 10 ? 1 : 0;
+    for (const Received& answer : answers) {
+        foreign += answer.from.address >> 24 == 10 ? 1 : 0;
+    }
     EXPECT_EQ(foreign, 15);
 }
 
 TEST_F(SimulatedCable, FindsCamerasOfTheSameComputer) {
     SimulatedCameraOptions options = Foreign();
-    options.address = kRight;
+    options.address = RightIp;
     Add(options);
     cameraSpace.Ip("addr add 192.168.77.2/24 dev c0");
     cameraSpace.Run([] {
@@ -210,7 +212,7 @@ TEST_F(SimulatedCable, FindsCamerasOfTheSameComputer) {
         local.Broadcast(Gvcp::EncodeDiscoveryCommand(1, 0x01));
         const auto received = local.Receive();
         ASSERT_TRUE(received);
-        EXPECT_EQ(received->from.address, kRight);
+        EXPECT_EQ(received->from.address, RightIp);
     });
 }
 
@@ -220,14 +222,14 @@ TEST(InterfaceAddresses, AreFoundAddedAndRemoved) {
     space.Ip("link set d0 up");
     space.Run([] {
         EXPECT_EQ(FindInterfaceOf(0x7F123456), "lo");
-        EXPECT_EQ(FindInterfaceOf(kRight), "");
-        EXPECT_EQ(AddInterfaceAddress("d0", kRight, 0xFFFFFF00), 0);
-        EXPECT_EQ(FindInterfaceOf(kRight), "d0");
-        EXPECT_EQ(AddInterfaceAddress("d0", kRight, 0xFFFFFF00), EEXIST);
-        EXPECT_EQ(RemoveInterfaceAddress("d0", kRight, 0xFFFFFF00), 0);
-        EXPECT_EQ(FindInterfaceOf(kRight), "");
-        EXPECT_EQ(RemoveInterfaceAddress("d0", kRight, 0xFFFFFF00), EADDRNOTAVAIL);
-        EXPECT_EQ(AddInterfaceAddress("nowhere0", kRight, 0xFFFFFF00), ENODEV);
+        EXPECT_EQ(FindInterfaceOf(RightIp), "");
+        EXPECT_EQ(AddInterfaceAddress("d0", RightIp, 0xFFFFFF00), 0);
+        EXPECT_EQ(FindInterfaceOf(RightIp), "d0");
+        EXPECT_EQ(AddInterfaceAddress("d0", RightIp, 0xFFFFFF00), EEXIST);
+        EXPECT_EQ(RemoveInterfaceAddress("d0", RightIp, 0xFFFFFF00), 0);
+        EXPECT_EQ(FindInterfaceOf(RightIp), "");
+        EXPECT_EQ(RemoveInterfaceAddress("d0", RightIp, 0xFFFFFF00), EADDRNOTAVAIL);
+        EXPECT_EQ(AddInterfaceAddress("nowhere0", RightIp, 0xFFFFFF00), ENODEV);
     });
 }
 

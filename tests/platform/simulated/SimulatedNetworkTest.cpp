@@ -24,7 +24,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr std::uint32_t kLoopback = 0x7F000001;
+constexpr std::uint32_t Loopback = 0x7F000001;
 
 SimulatedCameraOptions CameraNumber(std::uint32_t number) {
     SimulatedCameraOptions options;
@@ -40,7 +40,7 @@ protected:
     void SetUp() override {
         space.Run([this] {
             network = std::make_unique<SimulatedGigENetwork>();
-            host = std::make_unique<HostSocket>(kLoopback);
+            host = std::make_unique<HostSocket>(Loopback);
         });
     }
 
@@ -63,8 +63,10 @@ protected:
     std::optional<std::uint32_t> Read(std::uint32_t camera, std::uint32_t address, milliseconds timeout = seconds(10)) {
         host->Send(camera, MakeRead(address));
         const auto received = host->Receive(timeout);
-        if (!received) return std::nullopt;
-        EXPECT_EQ(received->from, (Endpoint{camera, Gvcp::kPort}));
+        if (!received) {
+            return std::nullopt;
+        }
+        EXPECT_EQ(received->from, (Endpoint{camera, Gvcp::Port}));
         const auto decoded = received->Decode();
         EXPECT_EQ(decoded.header.ackId, id);
         const auto* body = std::get_if<Gvcp::ReadRegAcknowledge>(&decoded.body);
@@ -80,8 +82,8 @@ protected:
 TEST_F(SimulatedNetwork, AnswersFromEachCamerasOwnAddress) {
     Add(CameraNumber(1));
     Add(CameraNumber(2));
-    EXPECT_EQ(Read(0x7F000101, Register::kDeviceMacAddressLow), 1u);
-    EXPECT_EQ(Read(0x7F000102, Register::kDeviceMacAddressLow), 2u);
+    EXPECT_EQ(Read(0x7F000101, Register::DeviceMacAddressLow), 1u);
+    EXPECT_EQ(Read(0x7F000102, Register::DeviceMacAddressLow), 2u);
 }
 
 TEST_F(SimulatedNetwork, IsServedByAThreadThatTakesNoSignalButThoseOfFaults) {
@@ -92,7 +94,9 @@ TEST_F(SimulatedNetwork, IsServedByAThreadThatTakesNoSignalButThoseOfFaults) {
 }
 
 TEST_F(SimulatedNetwork, AnswersOneBroadcastWithAllOf128Cameras) {
-    for (std::uint32_t number = 1; number <= 128; ++number) Add(CameraNumber(number));
+    for (std::uint32_t number = 1; number <= 128; ++number) {
+        Add(CameraNumber(number));
+    }
     for (std::uint16_t round = 1; round <= 10; ++round) {
         host->Broadcast(Gvcp::EncodeDiscoveryCommand(round, 0x11));
         std::set<std::uint32_t> serials;
@@ -101,7 +105,7 @@ TEST_F(SimulatedNetwork, AnswersOneBroadcastWithAllOf128Cameras) {
             ASSERT_EQ(decoded.error, Gvcp::DecodeError::None);
             EXPECT_EQ(decoded.header.ackId, round);
             const auto& record = std::get<Gvcp::DiscoveryAcknowledge>(decoded.body).record;
-            EXPECT_EQ(received.from, (Endpoint{record.ipAddress, Gvcp::kPort}));
+            EXPECT_EQ(received.from, (Endpoint{record.ipAddress, Gvcp::Port}));
             serials.insert(static_cast<std::uint32_t>(std::stoul(record.serialNumber)));
         }
         EXPECT_THAT(serials, SizeIs(128));
@@ -187,7 +191,7 @@ TEST_F(SimulatedNetwork, EndsControlByItself) {
     SimulatedCameraOptions options = CameraNumber(1);
     options.heartbeatTimeout = 500;
     const auto camera = Add(options);
-    const Gvcp::RegisterWrite take{Register::kControlChannelPrivilege, 2};
+    const Gvcp::RegisterWrite take{Register::ControlChannelPrivilege, 2};
     host->Send(0x7F000101, Gvcp::EncodeWriteRegCommand(1, std::span(&take, 1)));
     ASSERT_TRUE(host->Receive());
     const auto isHeld = [](SimulatedGigECamera& model) { return model.GetRegisters().IsControlHeld(); };
@@ -199,11 +203,11 @@ TEST_F(SimulatedNetwork, EndsControlByItself) {
 
 TEST_F(SimulatedNetwork, ShowsTheControllersPortAndAddress) {
     Add(CameraNumber(1));
-    const Gvcp::RegisterWrite take{Register::kControlChannelPrivilege, 2};
+    const Gvcp::RegisterWrite take{Register::ControlChannelPrivilege, 2};
     host->Send(0x7F000101, Gvcp::EncodeWriteRegCommand(0x2f, std::span(&take, 1)));
     ASSERT_TRUE(host->Receive());
-    EXPECT_EQ(Read(0x7F000101, Register::kPrimaryApplicationPort), host->GetPort());
-    EXPECT_EQ(Read(0x7F000101, Register::kPrimaryApplicationIpAddress), kLoopback);
+    EXPECT_EQ(Read(0x7F000101, Register::PrimaryApplicationPort), host->GetPort());
+    EXPECT_EQ(Read(0x7F000101, Register::PrimaryApplicationIpAddress), Loopback);
 }
 
 // ---- Hostile networks ----------------------------------------------------------------------------------------------
@@ -217,7 +221,9 @@ TEST_F(SimulatedNetwork, SurvivesAFloodOfEverySize) {
     const std::uint32_t address = 0x0024;
     for (std::size_t i = 0; i < 20000; ++i) {
         host->Send(0x7F000101, Gvcp::EncodeReadRegCommand(static_cast<std::uint16_t>(1 + i), std::span(&address, 1)));
-        if (i % 100 == 0) host->Send(0x7F000102, Gvcp::Bytes(junk).first(i * 65507 / 20000));
+        if (i % 100 == 0) {
+            host->Send(0x7F000102, Gvcp::Bytes(junk).first(i * 65507 / 20000));
+        }
     }
     EXPECT_TRUE(network->WaitUntil(
         slow, [](SimulatedGigECamera& model) { return model.GetStatistics().received > 0; }, seconds(10)));
@@ -235,23 +241,29 @@ TEST_F(SimulatedNetwork, SurvivesAFloodOfEverySize) {
 
 TEST_F(SimulatedNetwork, IsUsedByManyThreadsAtOnce) {
     std::vector<SimulatedGigENetwork::CameraId> cameras;
-    for (std::uint32_t number = 1; number <= 8; ++number) cameras.push_back(Add(CameraNumber(number)));
+    for (std::uint32_t number = 1; number <= 8; ++number) {
+        cameras.push_back(Add(CameraNumber(number)));
+    }
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (std::uint32_t number = 1; number <= 8; ++number) {
         threads.push_back(space.StartThread([&, number] {
-            HostSocket socket(kLoopback);
+            HostSocket socket(Loopback);
             for (std::uint16_t i = 1; i <= 200; ++i) {
                 network->Use(cameras[number - 1], [](SimulatedGigECamera& model) { model.SetSilent(true); });
                 network->Use(cameras[number - 1], [](SimulatedGigECamera& model) { model.SetSilent(false); });
                 const std::uint32_t address = 0x000C;
                 socket.Send(0x7F000100 + number, Gvcp::EncodeReadRegCommand(i, std::span(&address, 1)));
                 const auto received = socket.Receive();
-                if (!received || received->Decode().header.ackId != i) ++failures;
+                if (!received || received->Decode().header.ackId != i) {
+                    ++failures;
+                }
             }
         }));
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     EXPECT_EQ(failures, 0);
 }
 
@@ -311,7 +323,7 @@ TEST_F(SimulatedNetwork, MisbehavesAlikeFromOneSeed) {
             std::uint64_t after = 0;
             seeded->Use(camera.id, [&](SimulatedGigECamera& model) {
                 before = model.GetStatistics().answered;
-                model.Receive(MakeRead(0x0024).GetBytes(), {kLoopback, 1}, Arrival::Unicast, {});
+                model.Receive(MakeRead(0x0024).GetBytes(), {Loopback, 1}, Arrival::Unicast, {});
                 after = model.GetStatistics().answered;
             });
             answered.push_back(after != before);

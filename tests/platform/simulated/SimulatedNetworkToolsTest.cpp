@@ -26,8 +26,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-constexpr std::uint32_t kCamera = 0x7F000109;
-constexpr std::uint64_t kMac = 0x020000000909;
+constexpr std::uint32_t CameraIp = 0x7F000109;
+constexpr std::uint64_t CameraMac = 0x020000000909;
 
 class SimulatedCameraAndTools : public ::testing::Test {
 protected:
@@ -37,8 +37,8 @@ protected:
             host = std::make_unique<HostSocket>(0x7F000001);
         });
         SimulatedCameraOptions options;
-        options.address = kCamera;
-        options.mac = kMac;
+        options.address = CameraIp;
+        options.mac = CameraMac;
         options.serialNumber = "4711";
         options.userDefinedName = "left one";
         const auto result = network->AddCamera(options);
@@ -106,15 +106,17 @@ TEST_F(SimulatedCameraAndTools, TheDescriptionIsWellFormed) {
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
     return lines;
 }
 
 /// A packet as tshark lists it with these fields: command id, acknowledge id, request id, status.
-const std::vector<std::string> kFields{"-T", "fields",   "-E", "separator=,",     "-e", "gvcp.cmd.command",
-                                       "-e", "gvcp.ack", "-e", "gvcp.cmd.req_id", "-e", "gvcp.cmd.status"};
+const std::vector<std::string> Fields{"-T", "fields",   "-E", "separator=,",     "-e", "gvcp.cmd.command",
+                                      "-e", "gvcp.ack", "-e", "gvcp.cmd.req_id", "-e", "gvcp.cmd.status"};
 
-const std::vector<std::string> kMalformed{"-Y", "_ws.malformed || _ws.expert.severity >= 0x600000"};
+const std::vector<std::string> Malformed{"-Y", "_ws.malformed || _ws.expert.severity >= 0x600000"};
 
 std::string Tshark(const TemporaryFile& capture, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {"tshark", "-r", capture.GetPath()});
@@ -139,7 +141,7 @@ TEST_F(SimulatedCameraAndTools, TsharkFindsNothingMalformed) {
     std::unique_ptr<PacketCapture> capture;
     space.Run([&] { capture = std::make_unique<PacketCapture>("lo"); });
     std::vector<std::string> expected;
-    const auto ask = [&](const Gvcp::Packet& packet, unsigned int status, std::uint32_t address = kCamera) {
+    const auto ask = [&](const Gvcp::Packet& packet, unsigned int status, std::uint32_t address = CameraIp) {
         const Gvcp::CommandHeader header = Gvcp::DecodeCommand(packet.GetBytes()).header;
         const auto command = static_cast<unsigned int>(header.id);
         host->Send(address, packet);
@@ -162,7 +164,7 @@ TEST_F(SimulatedCameraAndTools, TsharkFindsNothingMalformed) {
     ask(Gvcp::EncodeReadRegCommand(5, secondAbsent), 0x8003);
     ask(Gvcp::EncodeReadMemCommand(6, 0x0048, 32), 0);
     ask(Gvcp::EncodeReadMemCommand(7, 0x0100, 4), 0x8003);
-    ask(Gvcp::EncodeForceIpCommand(8, 0x11, {0x0200, 0x00000909, kCamera, 0xFF000000, 0}), 0, 0xFFFFFFFF);
+    ask(Gvcp::EncodeForceIpCommand(8, 0x11, {0x0200, 0x00000909, CameraIp, 0xFF000000, 0}), 0, 0xFFFFFFFF);
     ask(Gvcp::EncodeWriteRegCommand(9, control), 0);
     ask(Gvcp::EncodeWriteRegCommand(10, several), 0);
     ask(Gvcp::EncodeWriteRegCommand(11, secondProtected), 0x8004);
@@ -181,8 +183,8 @@ TEST_F(SimulatedCameraAndTools, TsharkFindsNothingMalformed) {
     capture->Collect();
     const TemporaryFile file;
     capture->WriteTo(file.GetPath());
-    EXPECT_THAT(Lines(Tshark(file, kFields)), ElementsAreArray(expected));
-    EXPECT_THAT(Tshark(file, kMalformed), IsEmpty());
+    EXPECT_THAT(Lines(Tshark(file, Fields)), ElementsAreArray(expected));
+    EXPECT_THAT(Tshark(file, Malformed), IsEmpty());
 }
 
 TEST_F(SimulatedCameraAndTools, TsharkTellsAnAnswerThatWasCut) {
@@ -193,12 +195,12 @@ TEST_F(SimulatedCameraAndTools, TsharkTellsAnAnswerThatWasCut) {
         faults.truncateTo = 100;
         model.SetFaults(faults);
     });
-    host->Send(kCamera, Gvcp::EncodeDiscoveryCommand(1, 0x01));
+    host->Send(CameraIp, Gvcp::EncodeDiscoveryCommand(1, 0x01));
     ASSERT_TRUE(host->Receive());
     capture->Collect();
     const TemporaryFile file;
     capture->WriteTo(file.GetPath());
-    EXPECT_THAT(Tshark(file, kMalformed), HasSubstr("Malformed"));
+    EXPECT_THAT(Tshark(file, Malformed), HasSubstr("Malformed"));
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ using Bytes = std::vector<std::uint8_t>;
 using testing::IsNull;
 using testing::NotNull;
 
-const Bytes kDevice{
+const Bytes TestDevice{
     0x12, 0x01,        // length, device
     0x00, 0x03,        // USB 3.00
     0xEF, 0x02, 0x01,  // interface associations
@@ -25,10 +25,10 @@ const Bytes kDevice{
     0x01, 0x02, 0x03,  // texts: manufacturer, product, serial
     0x01               // configurations
 };
-const Bytes kConfiguration{0x09, 0x02, 0x43, 0x00, 0x02, 0x01, 0x00, 0x80, 0x70};
-const Bytes kAssociation{0x08, 0x0B, 0x00, 0x02, 0xEF, 0x05, 0x00, 0x00};
-const Bytes kControl{0x09, 0x04, 0x00, 0x00, 0x02, 0xEF, 0x05, 0x00, 0x00};
-const Bytes kVisionInfo{
+const Bytes TestConfiguration{0x09, 0x02, 0x43, 0x00, 0x02, 0x01, 0x00, 0x80, 0x70};
+const Bytes Association{0x08, 0x0B, 0x00, 0x02, 0xEF, 0x05, 0x00, 0x00};
+const Bytes TestControl{0x09, 0x04, 0x00, 0x00, 0x02, 0xEF, 0x05, 0x00, 0x00};
+const Bytes TestVisionInfo{
     0x14, 0x24, 0x01,        // length, class interface, device information
     0x02, 0x00, 0x01, 0x00,  // GenCP 1.2
     0x01, 0x00, 0x01, 0x00,  // USB3 Vision 1.1
@@ -36,21 +36,23 @@ const Bytes kVisionInfo{
     0x05, 0x06, 0x03, 0x00,  // version, maker's information, serial, name
     0x0C                     // high speed and SuperSpeed
 };
-const Bytes kBulkIn{0x07, 0x05, 0x81, 0x02, 0x00, 0x04, 0x00};
-const Bytes kCompanion{0x06, 0x30, 0x00, 0x00, 0x00, 0x00};
-const Bytes kBulkOut{0x07, 0x05, 0x01, 0x02, 0x00, 0x04, 0x00};
-const Bytes kEvents{0x09, 0x04, 0x01, 0x00, 0x01, 0xEF, 0x05, 0x01, 0x00};
-const Bytes kEventsIn{0x07, 0x05, 0x82, 0x02, 0x00, 0x04, 0x00};
+const Bytes TestBulkIn{0x07, 0x05, 0x81, 0x02, 0x00, 0x04, 0x00};
+const Bytes Companion{0x06, 0x30, 0x00, 0x00, 0x00, 0x00};
+const Bytes TestBulkOut{0x07, 0x05, 0x01, 0x02, 0x00, 0x04, 0x00};
+const Bytes TestEvents{0x09, 0x04, 0x01, 0x00, 0x01, 0xEF, 0x05, 0x01, 0x00};
+const Bytes EventsIn{0x07, 0x05, 0x82, 0x02, 0x00, 0x04, 0x00};
 
 Bytes Join(const std::vector<Bytes>& parts) {
     Bytes all;
-    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+    for (const Bytes& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 
 Bytes Camera() {
-    return Join({kDevice, kConfiguration, kAssociation, kControl, kVisionInfo, kBulkIn, kCompanion, kBulkOut,
-                 kCompanion, kEvents, kEventsIn, kCompanion});
+    return Join({TestDevice, TestConfiguration, Association, TestControl, TestVisionInfo, TestBulkIn, Companion,
+                 TestBulkOut, Companion, TestEvents, EventsIn, Companion});
 }
 
 TEST(UsbDescriptors, OfACameraTellWhatItIsAndHowItsRegistersAreReached) {
@@ -85,12 +87,17 @@ TEST(UsbDescriptors, CutAtAnyByteHoldNothingThatIsNotThere) {
         // A block of exactly that size, so that the sanitizers see a read past its end.
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
         const auto descriptors = ParseDescriptors(cut);
-        ASSERT_EQ(descriptors.has_value(), size >= kDevice.size()) << size;
-        if (!descriptors) continue;
+        ASSERT_EQ(descriptors.has_value(), size >= TestDevice.size()) << size;
+        if (!descriptors) {
+            continue;
+        }
         EXPECT_EQ(descriptors->productId, 0x0001) << size;
         const InterfaceDescriptor* control = descriptors->FindVisionControl(0);
-        EXPECT_EQ(control != nullptr, size >= Join({kDevice, kConfiguration, kAssociation, kControl}).size()) << size;
-        if (control == nullptr) continue;
+        EXPECT_EQ(control != nullptr, size >= Join({TestDevice, TestConfiguration, Association, TestControl}).size())
+            << size;
+        if (control == nullptr) {
+            continue;
+        }
         EXPECT_TRUE(!control->vision || control->vision->speeds == 0x0C) << size << ": it is read whole or not at all";
         EXPECT_TRUE(control->bulkIn == 0 || control->bulkIn == 0x81) << size;
     }
@@ -103,7 +110,9 @@ TEST(UsbDescriptors, WithEachByteInTurnAtItsExtremesEndWithoutHarm) {
         for (const int value : {0, 1, 2, 0x7F, 0x80, 0xFE, 0xFF}) {
             byte = static_cast<std::uint8_t>(value);
             const auto descriptors = ParseDescriptors(bytes);
-            if (!descriptors) continue;
+            if (!descriptors) {
+                continue;
+            }
             EXPECT_LE(descriptors->configurations.size(), bytes.size() / 9);
         }
         byte = before;
@@ -111,16 +120,18 @@ TEST(UsbDescriptors, WithEachByteInTurnAtItsExtremesEndWithoutHarm) {
 }
 
 TEST(UsbDescriptors, AreReadAsFarAsTheyAreThereWhateverTheTotalLengthSays) {
-    Bytes configuration = kConfiguration;
+    Bytes configuration = TestConfiguration;
     configuration[2] = 0xFF;  // wTotalLength
     configuration[3] = 0xFF;
-    const auto descriptors = ParseDescriptors(Join({kDevice, configuration, kControl, kVisionInfo, kBulkIn, kBulkOut}));
+    const auto descriptors =
+        ParseDescriptors(Join({TestDevice, configuration, TestControl, TestVisionInfo, TestBulkIn, TestBulkOut}));
     ASSERT_TRUE(descriptors);
     EXPECT_THAT(descriptors->FindVisionControl(1), NotNull());
 }
 
 TEST(UsbDescriptors, EndWhereALengthMakesNoSense) {
-    const auto descriptors = ParseDescriptors(Join({kDevice, kConfiguration, kControl, {0xC8, 0x24, 0x01}, kBulkIn}));
+    const auto descriptors =
+        ParseDescriptors(Join({TestDevice, TestConfiguration, TestControl, {0xC8, 0x24, 0x01}, TestBulkIn}));
     ASSERT_TRUE(descriptors);
     const InterfaceDescriptor* control = descriptors->FindVisionControl(1);
     ASSERT_THAT(control, NotNull());
@@ -130,9 +141,9 @@ TEST(UsbDescriptors, EndWhereALengthMakesNoSense) {
 
 TEST(UsbDescriptors, WithAShortVisionInformationHaveZeroForWhatIsMissing) {
     for (std::uint8_t length = 3; length < 20; ++length) {
-        Bytes info(kVisionInfo.begin(), kVisionInfo.begin() + length);
+        Bytes info(TestVisionInfo.begin(), TestVisionInfo.begin() + length);
         info[0] = length;
-        const auto descriptors = ParseDescriptors(Join({kDevice, kConfiguration, kControl, info, kBulkIn}));
+        const auto descriptors = ParseDescriptors(Join({TestDevice, TestConfiguration, TestControl, info, TestBulkIn}));
         const InterfaceDescriptor* control = descriptors->FindVisionControl(1);
         ASSERT_TRUE(control != nullptr && control->vision) << int{length};
         EXPECT_EQ(control->vision->genCpVersion, length < 7 ? 0u : 0x00010002u) << int{length};
@@ -146,36 +157,37 @@ struct NotADevice : testing::TestWithParam<std::pair<const char*, Bytes>> {};
 TEST_P(NotADevice, HasNoDescriptors) { EXPECT_FALSE(ParseDescriptors(GetParam().second)); }
 INSTANTIATE_TEST_SUITE_P(UsbDescriptors, NotADevice,
                          testing::Values(std::pair{"Empty", Bytes{}}, std::pair{"ZeroLength", Bytes(18, 0)},
-                                         std::pair{"AConfigurationFirst", Join({kConfiguration, kDevice})},
+                                         std::pair{"AConfigurationFirst", Join({TestConfiguration, TestDevice})},
                                          std::pair{"ADeviceThatSaysItIsShort",
-                                                   Join({{0x08, 0x01, 0, 3, 0xEF, 2, 1, 9}, kDevice})}),
+                                                   Join({{0x08, 0x01, 0, 3, 0xEF, 2, 1, 9}, TestDevice})}),
                          [](const auto& instance) { return instance.param.first; });
 
 TEST(UsbDescriptors, OfTwoConfigurationsAreLookedAtInTheOneThatIsChosen) {
-    Bytes second = kConfiguration;
+    Bytes second = TestConfiguration;
     second[5] = 2;
-    Bytes other = kControl;
+    Bytes other = TestControl;
     other[5] = 0x08;  // mass storage
-    const auto descriptors = ParseDescriptors(Join({kDevice, kConfiguration, other, second, kControl, kBulkIn}));
+    const auto descriptors =
+        ParseDescriptors(Join({TestDevice, TestConfiguration, other, second, TestControl, TestBulkIn}));
     EXPECT_THAT(descriptors->FindVisionControl(1), IsNull());
     EXPECT_THAT(descriptors->FindVisionControl(2), NotNull());
     EXPECT_THAT(descriptors->FindVisionControl(0), NotNull());
 }
 
 TEST(UsbDescriptors, OfAnotherSettingOfAnInterfaceChangeNothing) {
-    Bytes setting = kControl;
+    Bytes setting = TestControl;
     setting[3] = 1;
     const Bytes otherIn{0x07, 0x05, 0x8F, 0x02, 0x00, 0x04, 0x00};
     const auto descriptors =
-        ParseDescriptors(Join({kDevice, kConfiguration, kControl, kBulkIn, kBulkOut, setting, otherIn}));
+        ParseDescriptors(Join({TestDevice, TestConfiguration, TestControl, TestBulkIn, TestBulkOut, setting, otherIn}));
     ASSERT_EQ(descriptors->configurations[0].interfaces.size(), 1u);
     EXPECT_EQ(descriptors->FindVisionControl(1)->bulkIn, 0x81);
 }
 
 TEST(UsbDescriptors, TakeBulkEndpointsOnlyAndClassDescriptorsOnlyOfControlInterfaces) {
     const Bytes interruptIn{0x07, 0x05, 0x83, 0x03, 0x08, 0x00, 0x04};
-    const auto descriptors =
-        ParseDescriptors(Join({kDevice, kConfiguration, kControl, interruptIn, kBulkIn, kEvents, kVisionInfo}));
+    const auto descriptors = ParseDescriptors(
+        Join({TestDevice, TestConfiguration, TestControl, interruptIn, TestBulkIn, TestEvents, TestVisionInfo}));
     const InterfaceDescriptor* control = descriptors->FindVisionControl(1);
     EXPECT_EQ(control->bulkIn, 0x81);
     EXPECT_FALSE(control->vision);

@@ -28,7 +28,9 @@ public:
     }
     UsbDeviceDiagnosis Of(const std::string& name) {
         for (const UsbDeviceDiagnosis& device : Diagnose().devices) {
-            if (device.name == name) return device;
+            if (device.name == name) {
+                return device;
+            }
         }
         ADD_FAILURE() << name << " is not there";
         return {};
@@ -52,7 +54,9 @@ TEST_F(UsbDiagnoses, TellOfARecordedTreeWhereEverythingIs) {
     EXPECT_EQ(diagnosis.error, 0);
     EXPECT_TRUE(diagnosis.hearsUevents);
     std::vector<std::string> names;
-    for (const UsbDeviceDiagnosis& device : diagnosis.devices) names.push_back(device.name);
+    for (const UsbDeviceDiagnosis& device : diagnosis.devices) {
+        names.push_back(device.name);
+    }
     EXPECT_THAT(names, ElementsAre("usb1", "1-2", "1-2.4", "1-2.4.6", "1-2.4.6.8", "usb2", "2-1", "2-1.2", "2-1.2.3",
                                    "2-1.2.3.4", "2-1.2.3.4.5", "2-1.2.3.4.5.6"));
     const UsbDeviceDiagnosis root = Of("usb2");
@@ -91,7 +95,7 @@ TEST_F(UsbDiagnoses, TellOfARecordedTreeWhereEverythingIs) {
 }
 
 TEST_F(UsbDiagnoses, TellWhatPortsSayOfThemselvesAndHowFastTheyCanBe) {
-    bed.AddController(UsbTestbed::kPci, 1, 2, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2, 2);
     bed.Add(Camera("1-2", 2, "A", false));
     bed.Add(Camera("1-1", 3, "B", false));
     for (unsigned int port = 1; port <= 2; ++port) {
@@ -118,14 +122,14 @@ TEST_F(UsbDiagnoses, TellWhatPortsSayOfThemselvesAndHowFastTheyCanBe) {
 }
 
 TEST_F(UsbDiagnoses, OfAControllerWithoutASuperSpeedHalfSayThatItsPortsAreNoFaster) {
-    bed.AddController(UsbTestbed::kPci, 1, 0);
+    bed.AddController(UsbTestbed::Pci, 1, 0);
     bed.Add(Camera("1-2", 2, "A", false));
     Start();
     EXPECT_EQ(Of("1-2").portSpeed, 480u);
 }
 
 TEST_F(UsbDiagnoses, KnowWhatAHubCouldDo) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice hub = Hub("1-1", 2, false);
     bed.Add(hub);
     hub = Hub("1-2", 3, false);
@@ -140,7 +144,7 @@ TEST_F(UsbDiagnoses, KnowWhatAHubCouldDo) {
 }
 
 TEST_F(UsbDiagnoses, ShowCamerasThatAreNotListedAndWhy) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("2-1", 2, "A");
     camera.attributes = {{"authorized", "0"}, {"bConfigurationValue", ""}};
     bed.Add(camera);
@@ -154,7 +158,7 @@ TEST_F(UsbDiagnoses, ShowCamerasThatAreNotListedAndWhy) {
 }
 
 TEST_F(UsbDiagnoses, NameTheProgramThatHasClaimedACamera) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     bed.SetLink("2-1", "2-1:1.0/driver", "../../../../../../bus/usb/drivers/usbfs");
     bed.SetLink("2-1", "2-1:1.2/driver", "../../../../../../bus/usb/drivers/uvcvideo");
@@ -171,7 +175,7 @@ TEST_F(UsbDiagnoses, NameTheProgramThatHasClaimedACamera) {
 }
 
 TEST_F(UsbDiagnoses, SayWhyANodeMayNotBeOpened) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     Start();
     EXPECT_EQ(Of("2-1").nodeError, 0);
@@ -180,7 +184,7 @@ TEST_F(UsbDiagnoses, SayWhyANodeMayNotBeOpened) {
 }
 
 TEST_F(UsbDiagnoses, ReadPowerAndMemory) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("2-1", 2, "A");
     camera.attributes = {
         {"power/control", "auto"}, {"power/autosuspend_delay_ms", "2000"}, {"power/runtime_status", "suspended"}};
@@ -196,7 +200,7 @@ TEST_F(UsbDiagnoses, ReadPowerAndMemory) {
 }
 
 TEST_F(UsbDiagnoses, RaiseNothing) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     timings.quiet = 3600s;
     timings.longestBurst = 3600s;
     Start();
@@ -208,7 +212,7 @@ TEST_F(UsbDiagnoses, RaiseNothing) {
 
 TEST_F(UsbDiagnoses, MapWhatIsAttachedToEachController) {
     bed.AddRecording("superspeed-hub-chain.umockdev");
-    bed.AddController(UsbTestbed::kPci, 0, 3);
+    bed.AddController(UsbTestbed::Pci, 0, 3);
     bed.Add(Camera("3-2", 2, "7"));
     Start();
     const std::vector<Platform::BusMap> maps = Platform::Usb::MapControllers(Diagnose().devices);

@@ -9,7 +9,7 @@ using testing::SizeIs;
 
 class UsbEntries : public UsbFixture {
 public:
-    UsbEntries() { bed.AddController(UsbTestbed::kPci, 1, 2); }
+    UsbEntries() { bed.AddController(UsbTestbed::Pci, 1, 2); }
 
     static std::uint32_t AddressOf(Platform::UsbDevice& device) { return InfoOf(device).numbers[1]; }
     static std::uint32_t StatusOf(Platform::UsbDevice& device) {

@@ -16,7 +16,7 @@ using testing::SizeIs;
 
 class UsbEvents : public UsbFixture {
 public:
-    UsbEvents() { bed.AddController(UsbTestbed::kPci, 1, 2); }
+    UsbEvents() { bed.AddController(UsbTestbed::Pci, 1, 2); }
 
     /// What happens from here on is one burst to the monitor, however long it takes.
     void BeginBurst() {

@@ -20,10 +20,10 @@ TEST(GenCpCommand, IsLittleEndian) {
                      0xD8, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xD4, 0xC3, 0xB2, 0xA1}));
 }
 
-const Bytes kAcknowledge{0x55, 0x33, 0x56, 0x43, 0x00, 0x00, 0x01, 0x08, 4, 0, 0x34, 0x12, 0x04, 0x03, 0x02, 0x01};
+const Bytes TestAcknowledge{0x55, 0x33, 0x56, 0x43, 0x00, 0x00, 0x01, 0x08, 4, 0, 0x34, 0x12, 0x04, 0x03, 0x02, 0x01};
 
 TEST(GenCpAcknowledge, IsReadWhole) {
-    const auto acknowledge = DecodeAcknowledge(kAcknowledge);
+    const auto acknowledge = DecodeAcknowledge(TestAcknowledge);
     ASSERT_TRUE(acknowledge);
     EXPECT_EQ(acknowledge->status, 0);
     EXPECT_EQ(acknowledge->command, 0x0801);
@@ -32,14 +32,14 @@ TEST(GenCpAcknowledge, IsReadWhole) {
 }
 
 TEST(GenCpAcknowledge, CutAtAnyByteOrLongerThanItSaysIsNone) {
-    for (std::size_t size = 0; size < kAcknowledge.size(); ++size) {
-        const Bytes cut(kAcknowledge.begin(), kAcknowledge.begin() + static_cast<std::ptrdiff_t>(size));
+    for (std::size_t size = 0; size < TestAcknowledge.size(); ++size) {
+        const Bytes cut(TestAcknowledge.begin(), TestAcknowledge.begin() + static_cast<std::ptrdiff_t>(size));
         EXPECT_FALSE(DecodeAcknowledge(cut)) << size;
     }
-    Bytes longer = kAcknowledge;
+    Bytes longer = TestAcknowledge;
     longer.push_back(0);
     EXPECT_FALSE(DecodeAcknowledge(longer));
-    Bytes other = kAcknowledge;
+    Bytes other = TestAcknowledge;
     other[0] ^= 1;
     EXPECT_FALSE(DecodeAcknowledge(other)) << "another prefix";
 }

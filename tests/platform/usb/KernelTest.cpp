@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-constexpr char kController[] = "/sys/devices/platform/hcd.0";
+constexpr char Controller[] = "/sys/devices/platform/hcd.0";
 
 class UsbOnARealKernel : public testing::Test {
 public:
@@ -35,13 +35,15 @@ public:
         });
     }
     ~UsbOnARealKernel() override {
-        if (core) core->Stop();
+        if (core) {
+            core->Stop();
+        }
     }
 
     // As the kernel lays a device out; nobody is told.
     static void MakeDevice(const std::string& name, const std::string& path, unsigned int number,
                            const std::vector<std::uint8_t>& descriptors, const std::string& serial) {
-        const fs::path folder = fs::path(kController) / path;
+        const fs::path folder = fs::path(Controller) / path;
         fs::create_directories(folder);
         const auto write = [&](const char* attribute, const std::string& value) {
             std::ofstream(folder / attribute, std::ios::binary) << value;
@@ -52,7 +54,9 @@ public:
         write("authorized", "1\n");
         write("manufacturer", "Example Vision\n");
         write("product", "Model\n");
-        if (!serial.empty()) write("serial", serial + "\n");
+        if (!serial.empty()) {
+            write("serial", serial + "\n");
+        }
         write("descriptors", std::string(descriptors.begin(), descriptors.end()));
         fs::create_symlink(fs::path("../../../devices/platform/hcd.0") / path, "/sys/bus/usb/devices/" + name);
     }
@@ -61,7 +65,9 @@ public:
     }
     void WriteUevents(int number) {
         own.Run([number] {
-            for (int i = 0; i < number; ++i) std::ofstream("/sys/real/class/net/lo/uevent") << "add" << std::flush;
+            for (int i = 0; i < number; ++i) {
+                std::ofstream("/sys/real/class/net/lo/uevent") << "add" << std::flush;
+            }
         });
     }
     void SendKernelForm(const std::string& properties) {

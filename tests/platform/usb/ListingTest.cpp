@@ -55,7 +55,7 @@ TEST_F(UsbListing, ShowsTheOneCameraAmongOtherDevices) {
 
 TEST_F(UsbListing, IsInTheOrderOfControllersAndPorts) {
     bed.AddController("/devices/pci0000:00/0000:00:1d.0", 3, 4);
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("4-1", 2, "E"));
     bed.Add(Hub("2-2", 2, true));
     bed.Add(Camera("2-2.10", 3, "D"));
@@ -67,7 +67,7 @@ TEST_F(UsbListing, IsInTheOrderOfControllersAndPorts) {
 }
 
 TEST_F(UsbListing, ShowsCamerasWithoutAClassOnceTheirIdsAreNamed) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("1-1", 2, "77", false);
     camera.descriptors = VendorDescriptors(0xABCD, 0x0102);
     bed.Add(camera);
@@ -81,7 +81,7 @@ TEST_F(UsbListing, ShowsCamerasWithoutAClassOnceTheirIdsAreNamed) {
 }
 
 TEST_F(UsbListing, LeavesOutWhatTheKernelDoesNotLetWork) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("2-1", 2, "A");
     camera.attributes = {{"authorized", "0"}};
     bed.Add(camera);
@@ -104,7 +104,7 @@ TEST_F(UsbListing, LeavesOutWhatTheKernelDoesNotLetWork) {
 }
 
 TEST_F(UsbListing, NamesVendorAndModelByTheirIdsWhenThereAreNoTexts) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("2-1", 2, "");
     camera.manufacturer.clear();
     camera.product.clear();
@@ -117,13 +117,15 @@ TEST_F(UsbListing, NamesVendorAndModelByTheirIdsWhenThereAreNoTexts) {
 }
 
 TEST_F(UsbListing, TellsCamerasWithoutSerialTextsApartByTheirPlaces) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, ""));
     bed.Add(Camera("2-2", 3, ""));
     bed.Add(Camera("2-3", 4, "00000000"));
     Start();
     std::set<std::uint32_t> serials;
-    for (const Device& camera : List()) serials.insert(InfoOf(*camera).numbers[2]);
+    for (const Device& camera : List()) {
+        serials.insert(InfoOf(*camera).numbers[2]);
+    }
     EXPECT_THAT(serials, SizeIs(3));
     EXPECT_EQ(serials.count(0), 0u);
     EXPECT_THAT(states.GetLast().devices, SizeIs(3));
@@ -136,7 +138,7 @@ TEST_F(UsbListing, SkipsADeviceThatMakesNoSenseWithAWordThatNamesIt) {
         const std::lock_guard lock(mutex);
         traces.push_back(text);
     };
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     MockedDevice camera = Camera("2-1", 2, "A");
     camera.descriptors.resize(17);
     bed.Add(camera);
@@ -155,7 +157,7 @@ TEST_F(UsbListing, SkipsADeviceThatMakesNoSenseWithAWordThatNamesIt) {
 }
 
 TEST_F(UsbListing, OfDescriptorsCutAtAnyByteLosesNoOtherCamera) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     const auto whole = CameraDescriptors(true);
     for (unsigned int i = 0; i < 6; ++i) {
@@ -170,7 +172,7 @@ TEST_F(UsbListing, OfDescriptorsCutAtAnyByteLosesNoOtherCamera) {
 }
 
 TEST_F(UsbListing, IsMadeWithoutAskingAnyDevice) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     // Whoever opened its node would find none.
     std::filesystem::remove_all(bed.RealPath("/dev/bus"));
@@ -182,7 +184,7 @@ TEST_F(UsbListing, IsMadeWithoutAskingAnyDevice) {
 }
 
 TEST_F(UsbListing, GoesOnWhileDevicesVanishUnderItsHands) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     Start();
     for (int i = 0; i < 30; ++i) {
@@ -190,8 +192,12 @@ TEST_F(UsbListing, GoesOnWhileDevicesVanishUnderItsHands) {
         bed.Add(Camera("2-2", number, "B"));
         bed.SendUevent("2-2", "remove");
         // Half of what it reads is gone, then all.
-        if (i % 3 == 0) bed.RemoveAttribute("2-2", "descriptors");
-        if (i % 3 == 1) bed.RemoveAttribute("2-2", "devnum");
+        if (i % 3 == 0) {
+            bed.RemoveAttribute("2-2", "descriptors");
+        }
+        if (i % 3 == 1) {
+            bed.RemoveAttribute("2-2", "devnum");
+        }
         EXPECT_THAT(ListNames(), testing::Contains("Model A"));
         bed.RemoveSilently("2-2");
     }
@@ -200,7 +206,7 @@ TEST_F(UsbListing, GoesOnWhileDevicesVanishUnderItsHands) {
 }
 
 TEST_F(UsbListing, IsClosedAfterTheEnd) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     Start();
     const auto cameras = List();

@@ -20,9 +20,15 @@ public:
 
     int Control(const Setup& setup, std::uint8_t* data) override {
         requests.push_back(setup);
-        if (onRequest) onRequest();
-        if (setup.requestType != 0xA3 || setup.request != 0 || ports.count(setup.index) == 0) return -EPIPE;
-        for (int i = 0; i < 4; ++i) data[i] = static_cast<std::uint8_t>(ports[setup.index] >> 8 * i & 0xFF);
+        if (onRequest) {
+            onRequest();
+        }
+        if (setup.requestType != 0xA3 || setup.request != 0 || ports.count(setup.index) == 0) {
+            return -EPIPE;
+        }
+        for (int i = 0; i < 4; ++i) {
+            data[i] = static_cast<std::uint8_t>(ports[setup.index] >> 8 * i & 0xFF);
+        }
         return answerBytes;
     }
 };
@@ -30,7 +36,7 @@ public:
 class UsbPorts : public UsbFixture {
 public:
     UsbPorts() {
-        bed.AddController(UsbTestbed::kPci, 1, 2);
+        bed.AddController(UsbTestbed::Pci, 1, 2);
         bed.Add(Hub("2-1", 2, true));
         bed.Add(Camera("2-1.3", 3, "A"));
         usbfs.Attach("/dev/bus/usb/002/002", hub);

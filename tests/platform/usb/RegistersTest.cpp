@@ -20,18 +20,20 @@ using Answers = std::vector<SimulatedVisionCamera::Answer>;
 using testing::ElementsAre;
 using testing::SizeIs;
 
-constexpr char kNode[] = "/dev/bus/usb/002/002";
+constexpr char TestNode[] = "/dev/bus/usb/002/002";
 
 class UsbRegisters : public UsbFixture {
 public:
     UsbRegisters() {
-        bed.AddController(UsbTestbed::kPci, 1, 2);
+        bed.AddController(UsbTestbed::Pci, 1, 2);
         bed.Add(Camera("2-1", 2, "A"));
         simulated->registers = {{0x1D8, 0x00010000}, {0x0, 0x6D617845}, {0x10040, 8}};
-        usbfs.Attach(kNode, simulated);
+        usbfs.Attach(TestNode, simulated);
     }
     ~UsbRegisters() override {
-        if (core) core->Stop();
+        if (core) {
+            core->Stop();
+        }
         entry.reset();
         // Whatever a test did, the camera was given back.
         EXPECT_EQ(usbfs.CountClaims(), 0u);
@@ -111,7 +113,9 @@ TEST_F(UsbRegisters, HaveAnotherRequestIdEachTime) {
 TEST_F(UsbRegisters, AreAskedForAgainAfterATimeOutWithTheSameId) {
     int asked = 0;
     simulated->onCommand = [&](const Bytes&) -> std::optional<Answers> {
-        if (++asked < 3) return Answers{};
+        if (++asked < 3) {
+            return Answers{};
+        }
         return std::nullopt;
     };
     timings.registerTry = 50ms;
@@ -174,7 +178,9 @@ TEST_F(UsbRegisters, AreNotTakenFromALateAcknowledge) {
     });
     // The camera may take longer than the short time for the first.
     std::uint32_t status = Read(0x1D8);
-    for (int i = 0; i < 100 && status == HAL_TIMED_OUT; ++i) status = Read(0x1D8);
+    for (int i = 0; i < 100 && status == HAL_TIMED_OUT; ++i) {
+        status = Read(0x1D8);
+    }
     EXPECT_EQ(status, HAL_OK);
     EXPECT_EQ(value, 0x600Du);
 }
@@ -211,12 +217,13 @@ TEST_F(UsbRegisters, AnswerThatTheAnswerIsBadWhenAnyLengthIsWrong) {
 }
 
 TEST_F(UsbRegisters, ComeBackAfterAHalt) {
-    simulated->haltedEndpoints = {SimulatedVisionCamera::kOut};
+    simulated->haltedEndpoints = {SimulatedVisionCamera::OutEndpoint};
     EXPECT_EQ(Read(0x1D8), HAL_OK);
-    EXPECT_THAT(simulated->clearedHalts, ElementsAre(SimulatedVisionCamera::kOut));
-    usbfs.WithLock([&] { simulated->haltedEndpoints = {SimulatedVisionCamera::kIn}; });
+    EXPECT_THAT(simulated->clearedHalts, ElementsAre(SimulatedVisionCamera::OutEndpoint));
+    usbfs.WithLock([&] { simulated->haltedEndpoints = {SimulatedVisionCamera::InEndpoint}; });
     EXPECT_EQ(Read(0x1D8), HAL_OK);
-    EXPECT_THAT(simulated->clearedHalts, ElementsAre(SimulatedVisionCamera::kOut, SimulatedVisionCamera::kIn));
+    EXPECT_THAT(simulated->clearedHalts,
+                ElementsAre(SimulatedVisionCamera::OutEndpoint, SimulatedVisionCamera::InEndpoint));
 }
 
 TEST_F(UsbRegisters, OfACameraThatAnotherProgramHasClaimedAreRefusedAtOnce) {
@@ -231,7 +238,7 @@ TEST_F(UsbRegisters, OfACameraThatIsPulledOutMeanwhileAreGone) {
     simulated->onCommand = [&](const Bytes&) {
         bed.SendUevent("2-1", "remove");
         bed.RemoveSilently("2-1");
-        usbfs.Detach(kNode);
+        usbfs.Detach(TestNode);
         return Answers{};
     };
     EXPECT_EQ(Read(0x1D8), HAL_GONE);
@@ -241,7 +248,7 @@ TEST_F(UsbRegisters, OfACameraThatHasJustComeBackAreFoundBeforeTheBurstIsOver) {
     timings.quiet = 3600s;
     timings.longestBurst = 3600s;
     Platform::UsbDevice& camera = CameraEntry();
-    usbfs.Detach(kNode);
+    usbfs.Detach(TestNode);
     bed.Remove("2-1");
     bed.Add(Camera("2-1", 3, "A"));
     usbfs.Attach("/dev/bus/usb/002/003", simulated);
@@ -252,8 +259,8 @@ TEST_F(UsbRegisters, OfACameraThatHasJustComeBackAreFoundBeforeTheBurstIsOver) {
 TEST_F(UsbRegisters, AreNeverReadFromAnotherDeviceThatHasGotTheNumber) {
     Platform::UsbDevice& camera = CameraEntry();
     // Its node is another device's now, and nobody has said so.
-    std::filesystem::remove(bed.RealPath(kNode));
-    std::ofstream(bed.RealPath(kNode), std::ios::binary)
+    std::filesystem::remove(bed.RealPath(TestNode));
+    std::ofstream(bed.RealPath(TestNode), std::ios::binary)
         << std::string(reinterpret_cast<const char*>(HubDescriptors(0x0300).data()), HubDescriptors(0x0300).size());
     EXPECT_EQ(camera.ReadRegister(0x1D8, &value), HAL_GONE);
     EXPECT_THAT(simulated->commands, SizeIs(0));
@@ -267,11 +274,15 @@ TEST_F(UsbRegisters, OfOneCameraWaitForOneAnother) {
         threads.emplace_back([&] {
             for (int j = 0; j < 20; ++j) {
                 std::uint32_t read = 0;
-                if (camera.ReadRegister(0x1D8, &read) == HAL_OK && read == 0x00010000) ++good;
+                if (camera.ReadRegister(0x1D8, &read) == HAL_OK && read == 0x00010000) {
+                    ++good;
+                }
             }
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     EXPECT_EQ(good, 80) << "nobody took the interface from another thread";
 }
 
@@ -284,7 +295,9 @@ TEST_F(UsbRegisters, InFlightEndWithTheDriver) {
     std::uint32_t status = 0;
     std::thread reader([&] { status = camera.ReadRegister(0x1D8, &value); });
     bool asked = false;
-    while (!asked) usbfs.WithLock([&] { asked = !simulated->commands.empty(); });
+    while (!asked) {
+        usbfs.WithLock([&] { asked = !simulated->commands.empty(); });
+    }
     core->Stop();
     reader.join();
     EXPECT_EQ(status, HAL_CLOSED);
@@ -333,7 +346,7 @@ TEST_F(UsbPermissions, AreWaitedForWhileUdevdMayStillGiveThem) {
     });
     timings.permissionGrace = 3600s;
     Platform::UsbDevice& camera = CameraEntry();
-    usbfs.Detach(kNode);
+    usbfs.Detach(TestNode);
     bed.Remove("2-1");
     bed.Add(Camera("2-1", 3, "A"));
     usbfs.Attach("/dev/bus/usb/002/003", simulated);
@@ -346,7 +359,9 @@ TEST_F(UsbPermissions, AreWaitedForWhileUdevdMayStillGiveThem) {
         ::setfsuid(65534);
         status = camera.ReadRegister(0x1D8, &value);
     });
-    while (usbfs.CountRefusedOpens() < 2) std::this_thread::yield();
+    while (usbfs.CountRefusedOpens() < 2) {
+        std::this_thread::yield();
+    }
     Permit(true, 3);
     reader.join();
     EXPECT_EQ(status, HAL_OK);
@@ -375,17 +390,23 @@ public:
     int answerBytes = 4;
 
     int Control(const Setup& setup, std::uint8_t* data) override {
-        if (isMute) return -EAGAIN;
+        if (isMute) {
+            return -EAGAIN;
+        }
         requests.push_back(setup);
         const std::uint32_t low = std::uint32_t{setup.index} << 16 | setup.value;
         const auto found = registers.find({setup.request, low});
-        if (found == registers.end() || setup.length != 4) return -EPIPE;
+        if (found == registers.end() || setup.length != 4) {
+            return -EPIPE;
+        }
         if (setup.requestType == 0x40) {
             found->second = static_cast<std::uint32_t>(data[0] | data[1] << 8 | data[2] << 16) |
                             static_cast<std::uint32_t>(data[3]) << 24;
             return 4;
         }
-        for (int i = 0; i < 4; ++i) data[i] = static_cast<std::uint8_t>(found->second >> 8 * i & 0xFF);
+        for (int i = 0; i < 4; ++i) {
+            data[i] = static_cast<std::uint8_t>(found->second >> 8 * i & 0xFF);
+        }
         return answerBytes;
     }
 };
@@ -393,7 +414,7 @@ public:
 class UsbVendorRequests : public UsbFixture {
 public:
     UsbVendorRequests() {
-        bed.AddController(UsbTestbed::kPci, 1, 2);
+        bed.AddController(UsbTestbed::Pci, 1, 2);
         MockedDevice camera = Camera("1-1", 2, "A", false);
         camera.descriptors = VendorDescriptors(0xABCD, 1);
         bed.Add(camera);

@@ -20,7 +20,7 @@ namespace Nimbrel2::Testing {
 class ReportedStates final : public Platform::BusEventSink {
 public:
     /// Far beyond anything that is waited for; a wait that comes to it has failed.
-    static constexpr std::chrono::seconds kPatience{20};
+    static constexpr std::chrono::seconds Patience{20};
 
     void Report(Platform::BusState state) noexcept override { Keep(std::move(state), false); }
     void ReportSettled(Platform::BusState state) noexcept override { Keep(std::move(state), true); }
@@ -31,7 +31,9 @@ public:
         // The order of the devices means nothing.
         std::sort(state.devices.begin(), state.devices.end(),
                   [](const auto& a, const auto& b) { return a.identity < b.identity; });
-        if (m_states.empty() || m_states.back() != state) m_states.push_back(std::move(state));
+        if (m_states.empty() || m_states.back() != state) {
+            m_states.push_back(std::move(state));
+        }
         ++m_reports;
         m_isLastSettled = settled;
         m_changed.notify_all();
@@ -41,14 +43,14 @@ public:
     /// Waits until the bus is said to be like this. @return false when it never was.
     bool WaitFor(const std::function<bool(const Platform::BusState&)>& condition) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience, [&] { return !m_states.empty() && condition(m_states.back()); });
+        return m_changed.wait_for(lock, Patience, [&] { return !m_states.empty() && condition(m_states.back()); });
     }
     bool WaitForDevices(std::size_t number) {
         return WaitFor([number](const Platform::BusState& state) { return state.devices.size() == number; });
     }
     bool WaitForReports(std::size_t number) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience, [&] { return m_reports >= number; });
+        return m_changed.wait_for(lock, Patience, [&] { return m_reports >= number; });
     }
 
     /// From here on reports hang, until Release.

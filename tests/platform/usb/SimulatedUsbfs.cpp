@@ -29,11 +29,15 @@ Function* Next(const char* name) {
 std::uint16_t LoadU16(const std::uint8_t* bytes) { return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8); }
 std::uint64_t LoadU64(const std::uint8_t* bytes) {
     std::uint64_t value = 0;
-    for (int i = 7; i >= 0; --i) value = value << 8 | bytes[i];
+    for (int i = 7; i >= 0; --i) {
+        value = value << 8 | bytes[i];
+    }
     return value;
 }
 void Append(std::vector<std::uint8_t>* bytes, std::uint64_t value, int size) {
-    for (int i = 0; i < size; ++i) bytes->push_back(static_cast<std::uint8_t>(value >> 8 * i & 0xFF));
+    for (int i = 0; i < size; ++i) {
+        bytes->push_back(static_cast<std::uint8_t>(value >> 8 * i & 0xFF));
+    }
 }
 
 // "/dev/bus/usb/002/027" of a file below the mocked root; empty for any other.
@@ -41,7 +45,9 @@ std::string NodeOf(int fd) {
     char path[PATH_MAX];
     const std::string link = "/proc/self/fd/" + std::to_string(fd);
     const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
-    if (size <= 0) return {};
+    if (size <= 0) {
+        return {};
+    }
     const std::string whole(path, static_cast<std::size_t>(size));
     const std::size_t found = whole.find("/dev/bus/usb/");
     return found == std::string::npos ? std::string() : whole.substr(found);
@@ -74,7 +80,9 @@ void SimulatedUsbfs::Detach(const std::string& node) {
     const std::lock_guard lock(m_mutex);
     m_devices.erase(node);
     for (auto& [fd, file] : m_files) {
-        if (file.node == node) file.device = nullptr;
+        if (file.node == node) {
+            file.device = nullptr;
+        }
     }
 }
 
@@ -82,7 +90,9 @@ void SimulatedUsbfs::DetachAll() {
     const std::lock_guard lock(m_mutex);
     m_devices.clear();
     m_refusedOpens = 0;
-    for (auto& [fd, file] : m_files) file.device = nullptr;
+    for (auto& [fd, file] : m_files) {
+        file.device = nullptr;
+    }
 }
 
 void SimulatedUsbfs::WithLock(const std::function<void()>& function) {
@@ -93,7 +103,9 @@ void SimulatedUsbfs::WithLock(const std::function<void()>& function) {
 std::size_t SimulatedUsbfs::CountClaims() {
     const std::lock_guard lock(m_mutex);
     std::size_t count = 0;
-    for (const auto& [fd, file] : m_files) count += file.claims.size();
+    for (const auto& [fd, file] : m_files) {
+        count += file.claims.size();
+    }
     return count;
 }
 
@@ -103,11 +115,17 @@ std::size_t SimulatedUsbfs::CountFiles() {
 }
 
 SimulatedUsbfs::File* SimulatedUsbfs::Find(int fd) {
-    if (const auto found = m_files.find(fd); found != m_files.end()) return &found->second;
-    if (m_devices.empty()) return nullptr;
+    if (const auto found = m_files.find(fd); found != m_files.end()) {
+        return &found->second;
+    }
+    if (m_devices.empty()) {
+        return nullptr;
+    }
     const std::string node = NodeOf(fd);
     const auto device = m_devices.find(node);
-    if (device == m_devices.end()) return nullptr;
+    if (device == m_devices.end()) {
+        return nullptr;
+    }
     File file;
     file.node = node;
     file.device = device->second;
@@ -132,7 +150,9 @@ void SimulatedUsbfs::End(Transfer& transfer, int status, int length) {
 
 void SimulatedUsbfs::Advance(File& file) {
     for (Transfer& transfer : file.transfers) {
-        if (transfer.ended) continue;
+        if (transfer.ended) {
+            continue;
+        }
         usbdevfs_urb& urb = *transfer.urb;
         auto* const buffer = static_cast<std::uint8_t*>(urb.buffer);
         if (!file.device) {
@@ -141,13 +161,17 @@ void SimulatedUsbfs::Advance(File& file) {
             const SimulatedUsbDevice::Setup setup{buffer[0], buffer[1], LoadU16(buffer + 2), LoadU16(buffer + 4),
                                                   LoadU16(buffer + 6)};
             const int result = file.device->Control(setup, buffer + 8);
-            if (result != -EAGAIN) End(transfer, std::min(result, 0), std::max(result, 0));
+            if (result != -EAGAIN) {
+                End(transfer, std::min(result, 0), std::max(result, 0));
+            }
         } else if (file.device->haltedEndpoints.count(urb.endpoint) != 0) {
             End(transfer, -EPIPE, 0);
         } else if ((urb.endpoint & USB_DIR_IN) == 0) {
             const auto taken =
                 file.device->BulkOut(urb.endpoint, {buffer, static_cast<std::size_t>(urb.buffer_length)});
-            if (taken) End(transfer, std::min(*taken, 0), std::max(*taken, 0));
+            if (taken) {
+                End(transfer, std::min(*taken, 0), std::max(*taken, 0));
+            }
         } else if (const auto said = file.device->BulkIn(urb.endpoint)) {
             const std::size_t length = std::min(said->size(), static_cast<std::size_t>(urb.buffer_length));
             std::copy_n(said->begin(), length, buffer);
@@ -159,19 +183,29 @@ void SimulatedUsbfs::Advance(File& file) {
 short SimulatedUsbfs::Poll(int fd) {
     const std::lock_guard lock(m_mutex);
     File* const file = Find(fd);
-    if (file == nullptr) return 0;
+    if (file == nullptr) {
+        return 0;
+    }
     Advance(*file);
-    if (!file->device) return POLLERR;
+    if (!file->device) {
+        return POLLERR;
+    }
     const bool any = std::any_of(file->transfers.begin(), file->transfers.end(),
                                  [](const Transfer& transfer) { return transfer.ended; });
     return any ? POLLOUT : short{0};
 }
 
 int SimulatedUsbfs::Submit(File& file, usbdevfs_urb* urb) {
-    if (!file.device) return Fail(ENODEV);
-    if (urb->type != USBDEVFS_URB_TYPE_BULK && urb->type != USBDEVFS_URB_TYPE_CONTROL) return Fail(EINVAL);
+    if (!file.device) {
+        return Fail(ENODEV);
+    }
+    if (urb->type != USBDEVFS_URB_TYPE_BULK && urb->type != USBDEVFS_URB_TYPE_CONTROL) {
+        return Fail(EINVAL);
+    }
     // Endpoints belong to interfaces that must have been claimed; the control endpoint does not.
-    if (urb->type == USBDEVFS_URB_TYPE_BULK && file.claims.empty()) return Fail(EBUSY);
+    if (urb->type == USBDEVFS_URB_TYPE_BULK && file.claims.empty()) {
+        return Fail(EBUSY);
+    }
     file.transfers.push_back({urb, false});
     return 0;
 }
@@ -180,7 +214,9 @@ int SimulatedUsbfs::Reap(File& file, void** urb) {
     Advance(file);
     const auto ended = std::find_if(file.transfers.begin(), file.transfers.end(),
                                     [](const Transfer& transfer) { return transfer.ended; });
-    if (ended == file.transfers.end()) return Fail(file.device ? EAGAIN : ENODEV);
+    if (ended == file.transfers.end()) {
+        return Fail(file.device ? EAGAIN : ENODEV);
+    }
     *urb = ended->urb;
     file.transfers.erase(ended);
     return 0;
@@ -189,16 +225,24 @@ int SimulatedUsbfs::Reap(File& file, void** urb) {
 int SimulatedUsbfs::Discard(File& file, const usbdevfs_urb* urb) {
     const auto found = std::find_if(file.transfers.begin(), file.transfers.end(),
                                     [urb](const Transfer& transfer) { return transfer.urb == urb && !transfer.ended; });
-    if (found == file.transfers.end()) return Fail(EINVAL);
+    if (found == file.transfers.end()) {
+        return Fail(EINVAL);
+    }
     End(*found, -ENOENT, 0);
     return 0;
 }
 
 int SimulatedUsbfs::Claim(File& file, unsigned int interface) {
-    if (file.claims.count(interface) != 0) return 0;
-    if (file.device->claimedByOthers.count(interface) != 0) return Fail(EBUSY);
+    if (file.claims.count(interface) != 0) {
+        return 0;
+    }
+    if (file.device->claimedByOthers.count(interface) != 0) {
+        return Fail(EBUSY);
+    }
     for (const auto& [fd, other] : m_files) {
-        if (other.device == file.device && other.claims.count(interface) != 0) return Fail(EBUSY);
+        if (other.device == file.device && other.claims.count(interface) != 0) {
+            return Fail(EBUSY);
+        }
     }
     file.claims.insert(interface);
     ++file.device->claims;
@@ -208,10 +252,18 @@ int SimulatedUsbfs::Claim(File& file, unsigned int interface) {
 std::optional<int> SimulatedUsbfs::Ioctl(int fd, unsigned long request, void* argument) {
     const std::lock_guard lock(m_mutex);
     File* const file = Find(fd);
-    if (file == nullptr) return std::nullopt;
-    if (request == USBDEVFS_REAPURBNDELAY) return Reap(*file, static_cast<void**>(argument));
-    if (request == USBDEVFS_DISCARDURB) return Discard(*file, static_cast<usbdevfs_urb*>(argument));
-    if (!file->device) return Fail(ENODEV);
+    if (file == nullptr) {
+        return std::nullopt;
+    }
+    if (request == USBDEVFS_REAPURBNDELAY) {
+        return Reap(*file, static_cast<void**>(argument));
+    }
+    if (request == USBDEVFS_DISCARDURB) {
+        return Discard(*file, static_cast<usbdevfs_urb*>(argument));
+    }
+    if (!file->device) {
+        return Fail(ENODEV);
+    }
     switch (request) {
         case USBDEVFS_GET_CAPABILITIES:
             *static_cast<std::uint32_t*>(argument) = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
@@ -235,7 +287,9 @@ std::optional<int> SimulatedUsbfs::Ioctl(int fd, unsigned long request, void* ar
         case USBDEVFS_CLAIMINTERFACE:
             return Claim(*file, *static_cast<unsigned int*>(argument));
         case USBDEVFS_RELEASEINTERFACE:
-            if (file->claims.erase(*static_cast<unsigned int*>(argument)) == 0) return Fail(EINVAL);
+            if (file->claims.erase(*static_cast<unsigned int*>(argument)) == 0) {
+                return Fail(EINVAL);
+            }
             ++file->device->releases;
             return 0;
         case USBDEVFS_CLEAR_HALT: {
@@ -246,7 +300,9 @@ std::optional<int> SimulatedUsbfs::Ioctl(int fd, unsigned long request, void* ar
         }
         case USBDEVFS_RESET:
             ++file->device->resets;
-            if (const int error = file->device->Reset(); error != 0) return Fail(error);
+            if (const int error = file->device->Reset(); error != 0) {
+                return Fail(error);
+            }
             return 0;
         case USBDEVFS_SUBMITURB:
             return Submit(*file, static_cast<usbdevfs_urb*>(argument));
@@ -258,12 +314,16 @@ std::optional<int> SimulatedUsbfs::Ioctl(int fd, unsigned long request, void* ar
 // ---- A camera ------------------------------------------------------------------------------------------------------
 
 std::optional<int> SimulatedVisionCamera::BulkOut(std::uint8_t endpoint, std::span<const std::uint8_t> bytes) {
-    if (endpoint != kOut) return -EPIPE;
+    if (endpoint != OutEndpoint) {
+        return -EPIPE;
+    }
     const Bytes command(bytes.begin(), bytes.end());
     commands.push_back(command);
     const auto answers = onCommand ? onCommand(command) : std::nullopt;
     if (answers) {
-        for (const Answer& answer : *answers) Say(answer);
+        for (const Answer& answer : *answers) {
+            Say(answer);
+        }
     } else {
         Say({std::chrono::milliseconds(0), Acknowledge(command)});
     }
@@ -271,7 +331,9 @@ std::optional<int> SimulatedVisionCamera::BulkOut(std::uint8_t endpoint, std::sp
 }
 
 std::optional<SimulatedVisionCamera::Bytes> SimulatedVisionCamera::BulkIn(std::uint8_t endpoint) {
-    if (endpoint != kIn || m_waiting.empty() || Clock::now() < m_waiting.front().at) return std::nullopt;
+    if (endpoint != InEndpoint || m_waiting.empty() || Clock::now() < m_waiting.front().at) {
+        return std::nullopt;
+    }
     const Bytes bytes = m_waiting.front().bytes;
     m_waiting.pop_front();
     return bytes;
@@ -307,7 +369,9 @@ SimulatedVisionCamera::Bytes SimulatedVisionCamera::Acknowledge(const Bytes& com
     const auto acknowledge = static_cast<std::uint16_t>(what + 1);
     const std::uint64_t address = LoadU64(command.data() + 12);
     const auto found = registers.find(address);
-    if (found == registers.end()) return MakeAcknowledge(0x8003, acknowledge, id, {});
+    if (found == registers.end()) {
+        return MakeAcknowledge(0x8003, acknowledge, id, {});
+    }
     Bytes payload;
     if (what == 0x0800) {
         Append(&payload, found->second, 4);
@@ -333,7 +397,9 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (const auto result = SimulatedUsbfs::Get().Ioctl(fd, request, argument)) return *result;
+    if (const auto result = SimulatedUsbfs::Get().Ioctl(fd, request, argument)) {
+        return *result;
+    }
     static auto* const next = Nimbrel2::Testing::Next<int(int, unsigned long, ...)>("ioctl");
     return next(fd, request, argument);
 }
@@ -345,7 +411,9 @@ extern "C" int open(const char* path, int flags, ...) {
     va_end(arguments);
     static auto* const next = Nimbrel2::Testing::Next<int(const char*, int, ...)>("open");
     const int fd = next(path, flags, mode);
-    if (fd < 0 && errno == EACCES && std::strncmp(path, "/dev/bus/usb/", 13) == 0) SimulatedUsbfs::Get().Refused();
+    if (fd < 0 && errno == EACCES && std::strncmp(path, "/dev/bus/usb/", 13) == 0) {
+        SimulatedUsbfs::Get().Refused();
+    }
     return fd;
 }
 
@@ -359,7 +427,9 @@ extern "C" int poll(pollfd* files, nfds_t count, int timeout) {
     static auto* const next = Nimbrel2::Testing::Next<int(pollfd*, nfds_t, int)>("poll");
     SimulatedUsbfs& usbfs = SimulatedUsbfs::Get();
     const bool any = std::any_of(files, files + count, [&](const pollfd& file) { return usbfs.Owns(file.fd); });
-    if (!any) return next(files, count, timeout);
+    if (!any) {
+        return next(files, count, timeout);
+    }
     // What a device does has no file to wait on: it is looked at each millisecond.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
     std::vector<pollfd> others(files, files + count);
@@ -367,19 +437,27 @@ extern "C" int poll(pollfd* files, nfds_t count, int timeout) {
         int ready = 0;
         for (nfds_t i = 0; i < count; ++i) {
             files[i].revents = 0;
-            if (!usbfs.Owns(files[i].fd)) continue;
+            if (!usbfs.Owns(files[i].fd)) {
+                continue;
+            }
             others[i].fd = -1;
             files[i].revents = static_cast<short>(usbfs.Poll(files[i].fd) & (files[i].events | POLLERR));
             ready += files[i].revents != 0 ? 1 : 0;
         }
         const bool isOver = timeout >= 0 && std::chrono::steady_clock::now() >= deadline;
         const int more = next(others.data(), count, ready != 0 || isOver ? 0 : 1);
-        if (more < 0) return more;
+        if (more < 0) {
+            return more;
+        }
         for (nfds_t i = 0; i < count; ++i) {
-            if (others[i].fd >= 0) files[i].revents = others[i].revents;
+            if (others[i].fd >= 0) {
+                files[i].revents = others[i].revents;
+            }
         }
         ready += more;
-        if (ready != 0 || isOver) return ready;
+        if (ready != 0 || isOver) {
+            return ready;
+        }
     }
 }
 #pragma GCC visibility pop

@@ -122,8 +122,8 @@ public:
     std::function<std::optional<std::vector<Answer>>(const Bytes& command)> onCommand;
     std::vector<Bytes> commands;  ///< what it was sent
 
-    static constexpr std::uint8_t kOut = 0x01;
-    static constexpr std::uint8_t kIn = 0x81;
+    static constexpr std::uint8_t OutEndpoint = 0x01;
+    static constexpr std::uint8_t InEndpoint = 0x81;
 
     std::optional<int> BulkOut(std::uint8_t endpoint, std::span<const std::uint8_t> bytes) override;
     std::optional<Bytes> BulkIn(std::uint8_t endpoint) override;

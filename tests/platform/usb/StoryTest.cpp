@@ -25,11 +25,13 @@ namespace {
 using testing::ElementsAre;
 using testing::SizeIs;
 
-constexpr std::chrono::seconds kPatience{20};
+constexpr std::chrono::seconds Patience{20};
 
 std::size_t CountEntries(const char* folder) {
     std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) ++count;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) {
+        ++count;
+    }
     return count;
 }
 
@@ -37,7 +39,9 @@ std::size_t CountEntries(const char* folder) {
 bool FallsTo(std::size_t most, const char* folder) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (CountEntries(folder) > most) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
         std::this_thread::yield();
     }
     return true;
@@ -63,7 +67,7 @@ public:
 
     bool WaitFor(BusCallbackType type, std::size_t number) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kPatience, [&] { return m_serials[type].size() >= number; });
+        return m_changed.wait_for(lock, Patience, [&] { return m_serials[type].size() >= number; });
     }
     std::vector<unsigned int> Get(BusCallbackType type) {
         const std::lock_guard lock(m_mutex);
@@ -82,7 +86,7 @@ public:
         Platform::Options options;
         options.fireWire = options.gigE = Platform::Driver::None;
         EXPECT_TRUE(static_cast<bool>(Platform::Configure(options)));
-        bed.AddController(UsbTestbed::kPci, 1, 2);
+        bed.AddController(UsbTestbed::Pci, 1, 2);
     }
 
     void Start() {
@@ -137,7 +141,7 @@ TEST_F(UsbStory, AnInterfaceThatIsKeptWorksAgainOnAnotherPort) {
     bed.Add(Hub("2-4", 3, true));
     bed.Add(Camera("2-4.2", 4, "4711"));
     // The guid is the same, so that only the link tells.
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + Patience;
     while (info != (500u << 16 | 2u << 8 | 1u) && std::chrono::steady_clock::now() < deadline) {
         busMaster->GetUsbLinkInfo(guid, &info);
     }

@@ -13,8 +13,8 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr std::uint64_t kFirst = 0xA0;
-constexpr std::uint64_t kSecond = 0x3900;
+constexpr std::uint64_t FirstDevice = 0xA0;
+constexpr std::uint64_t Second = 0x3900;
 
 DevicePointer Device(std::uint64_t hostKey, std::uint32_t bus, std::vector<std::uint8_t> ports, std::uint32_t number,
                      std::uint32_t speed) {
@@ -36,36 +36,37 @@ MATCHER_P5(IsRecord, id, speed, rootPort, route, parent, "") {
 
 TEST(UsbTree, HoldsBothHalvesOfAHubAndEachDeviceAfterTheHubAboveIt) {
     const auto trees = BuildTrees({
-        Device(kFirst, 1, {}, 1, 480),
-        Device(kFirst, 1, {1}, 2, 480),
-        Device(kFirst, 1, {1, 3}, 7, 12),
-        Device(kFirst, 2, {}, 1, 10000),
-        Device(kFirst, 2, {1}, 2, 5000),
-        Device(kFirst, 2, {1, 4}, 3, 5000),
+        Device(FirstDevice, 1, {}, 1, 480),
+        Device(FirstDevice, 1, {1}, 2, 480),
+        Device(FirstDevice, 1, {1, 3}, 7, 12),
+        Device(FirstDevice, 2, {}, 1, 10000),
+        Device(FirstDevice, 2, {1}, 2, 5000),
+        Device(FirstDevice, 2, {1, 4}, 3, 5000),
     });
     ASSERT_EQ(trees.size(), 1u);
-    EXPECT_THAT(trees.at(kFirst), ElementsAre(IsRecord(130, 480, 0x101, 0, 63), IsRecord(135, 12, 0x101, 3, 130),
-                                              IsRecord(258, 5000, 0x201, 0, 63), IsRecord(259, 5000, 0x201, 4, 258)));
+    EXPECT_THAT(trees.at(FirstDevice),
+                ElementsAre(IsRecord(130, 480, 0x101, 0, 63), IsRecord(135, 12, 0x101, 3, 130),
+                            IsRecord(258, 5000, 0x201, 0, 63), IsRecord(259, 5000, 0x201, 4, 258)));
 }
 
 TEST(UsbTree, OfEachControllerIsItsOwnAndMayBeEmpty) {
-    const auto trees =
-        BuildTrees({Device(kFirst, 1, {}, 1, 480), Device(kSecond, 3, {}, 1, 5000), Device(kSecond, 3, {2}, 2, 5000)});
+    const auto trees = BuildTrees(
+        {Device(FirstDevice, 1, {}, 1, 480), Device(Second, 3, {}, 1, 5000), Device(Second, 3, {2}, 2, 5000)});
     ASSERT_EQ(trees.size(), 2u);
-    EXPECT_TRUE(trees.at(kFirst).empty());
-    EXPECT_THAT(trees.at(kSecond), ElementsAre(IsRecord(386, 5000, 0x302, 0, 63)));
+    EXPECT_TRUE(trees.at(FirstDevice).empty());
+    EXPECT_THAT(trees.at(Second), ElementsAre(IsRecord(386, 5000, 0x302, 0, 63)));
 }
 
 TEST(UsbTree, OfEverythingThatTwoBusesCanHoldHasUniqueIdsAndNeverTheHosts) {
     std::vector<DevicePointer> devices;
     for (std::uint32_t bus = 1; bus <= 2; ++bus) {
         for (std::uint32_t number = 1; number <= 127; ++number) {
-            devices.push_back(Device(kFirst, bus, {static_cast<std::uint8_t>(number)}, number, 480));
+            devices.push_back(Device(FirstDevice, bus, {static_cast<std::uint8_t>(number)}, number, 480));
         }
     }
     std::set<std::uint32_t> ids;
     const auto trees = BuildTrees(devices);
-    for (const UsbSelfId& record : trees.at(kFirst)) {
+    for (const UsbSelfId& record : trees.at(FirstDevice)) {
         EXPECT_NE(record.deviceId, 63u);
         EXPECT_TRUE(ids.insert(record.deviceId).second);
     }
@@ -74,7 +75,7 @@ TEST(UsbTree, OfEverythingThatTwoBusesCanHoldHasUniqueIdsAndNeverTheHosts) {
 
 TEST(UsbTree, IsAnotherOneWhenAnythingInItDiffers) {
     const auto tree = [](std::uint32_t number, std::uint32_t speed, std::uint8_t port) {
-        return BuildTrees({Device(kFirst, 2, {1, port}, number, speed)}).at(kFirst);
+        return BuildTrees({Device(FirstDevice, 2, {1, port}, number, speed)}).at(FirstDevice);
     };
     EXPECT_TRUE(AreEqual(tree(3, 5000, 4), tree(3, 5000, 4)));
     EXPECT_FALSE(AreEqual(tree(3, 5000, 4), tree(4, 5000, 4)));
@@ -84,9 +85,9 @@ TEST(UsbTree, IsAnotherOneWhenAnythingInItDiffers) {
 }
 
 TEST(UsbLinkInfo, HoldsSpeedPortAndHubs) {
-    EXPECT_EQ(LinkInfo(*Device(kFirst, 2, {1, 2, 3, 4, 5, 6}, 27, 5000)), 500u << 16 | 6u << 8 | 5u);
-    EXPECT_EQ(LinkInfo(*Device(kFirst, 1, {2}, 3, 480)), 48u << 16 | 2u << 8);
-    EXPECT_EQ(LinkInfo(*Device(kFirst, 2, {1}, 2, 20000)), 2000u << 16 | 1u << 8);
+    EXPECT_EQ(LinkInfo(*Device(FirstDevice, 2, {1, 2, 3, 4, 5, 6}, 27, 5000)), 500u << 16 | 6u << 8 | 5u);
+    EXPECT_EQ(LinkInfo(*Device(FirstDevice, 1, {2}, 3, 480)), 48u << 16 | 2u << 8);
+    EXPECT_EQ(LinkInfo(*Device(FirstDevice, 2, {1}, 2, 20000)), 2000u << 16 | 1u << 8);
 }
 
 TEST(UsbPortStatus, WithoutTheHubSaysWhatIsKnownOfAWorkingDevice) {

@@ -22,7 +22,9 @@ std::string ReadRecords(const std::string& name) {
     for (std::string line; std::getline(file, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
         std::string id, speed, rootPort, route, parent;
-        if (!(words >> id >> speed >> rootPort >> route >> parent)) continue;
+        if (!(words >> id >> speed >> rootPort >> route >> parent)) {
+            continue;
+        }
         std::ostringstream text;
         text << std::stoul(id) << " " << std::stoul(speed) << " " << std::hex << std::stoul(rootPort, nullptr, 16)
              << " " << std::stoul(route, nullptr, 16) << std::dec << " " << std::stoul(parent) << "\n";
@@ -43,7 +45,9 @@ std::string Write(const std::vector<UsbSelfId>& records) {
 std::vector<std::string> SortedLines(const std::string& text) {
     std::istringstream stream(text);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
     std::sort(lines.begin(), lines.end());
     return lines;
 }
@@ -63,7 +67,7 @@ TEST_P(RecordedUsbTrees, AreTheKernelsTrees) {
 INSTANTIATE_TEST_SUITE_P(Usb, RecordedUsbTrees, testing::Values("superspeed-hub-chain", "xhci-hubs-and-camera"));
 
 TEST_F(UsbTrees, HoldACameraBehindFiveHubs) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     std::string name = "2-1";
     for (unsigned int hub = 0; hub < 5; ++hub) {
         bed.Add(Hub(name, 2 + hub, true));
@@ -76,11 +80,13 @@ TEST_F(UsbTrees, HoldACameraBehindFiveHubs) {
     EXPECT_EQ(tree.records.back().routeString, 0x65432u);
     EXPECT_EQ(tree.records.back().deviceId, tree.deviceId);
     EXPECT_EQ(tree.hostKey, 0xA0u);
-    for (const UsbSelfId& record : tree.records) EXPECT_NE(record.deviceId, 63u);
+    for (const UsbSelfId& record : tree.records) {
+        EXPECT_NE(record.deviceId, 63u);
+    }
 }
 
 TEST_F(UsbTrees, OfTwoControllersAreApartAndChangeApart) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.AddController("/devices/pci0000:00/0000:00:1d.0", 3, 4);
     bed.Add(Camera("2-1", 2, "A"));
     bed.Add(Camera("4-1", 2, "B"));
@@ -98,7 +104,7 @@ TEST_F(UsbTrees, OfTwoControllersAreApartAndChangeApart) {
 }
 
 TEST_F(UsbTrees, HaveAnotherGenerationAfterEachChange) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Camera("2-1", 2, "A"));
     Start();
     const auto cameras = List();
@@ -112,7 +118,7 @@ TEST_F(UsbTrees, HaveAnotherGenerationAfterEachChange) {
 }
 
 TEST_F(UsbTrees, HoldBothHalvesOfAHub) {
-    bed.AddController(UsbTestbed::kPci, 1, 2);
+    bed.AddController(UsbTestbed::Pci, 1, 2);
     bed.Add(Hub("1-2", 2, false));
     bed.Add(Hub("2-2", 2, true));
     bed.Add(Camera("2-2.3", 3, "A"));

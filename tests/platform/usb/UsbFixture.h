@@ -27,7 +27,9 @@ public:
     using Device = std::shared_ptr<Platform::UsbDevice>;
 
     ~UsbFixture() override {
-        if (core) core->Stop();
+        if (core) {
+            core->Stop();
+        }
     }
 
     void Start() {
@@ -49,7 +51,9 @@ public:
     /// Their models and serial texts, "Model A".
     std::vector<std::string> ListNames() {
         std::vector<std::string> names;
-        for (const Device& device : List()) names.push_back(NameOf(*device));
+        for (const Device& device : List()) {
+            names.push_back(NameOf(*device));
+        }
         return names;
     }
     static std::string NameOf(Platform::UsbDevice& device) {

@@ -19,7 +19,9 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 void Check(bool done, const char* what, GError* error = nullptr) {
-    if (done) return;
+    if (done) {
+        return;
+    }
     throw std::runtime_error(std::string(what) + (error != nullptr ? std::string(": ") + error->message : ""));
 }
 
@@ -40,7 +42,9 @@ unsigned int BusOf(const std::string& name) {
 bool IsRootHub(const std::string& name) { return name.rfind("usb", 0) == 0; }
 
 bool IsBelow(const std::string& name, const std::string& above) {
-    if (IsRootHub(above)) return !IsRootHub(name) && BusOf(name) == BusOf(above);
+    if (IsRootHub(above)) {
+        return !IsRootHub(name) && BusOf(name) == BusOf(above);
+    }
     return name.size() > above.size() && name.compare(0, above.size(), above) == 0 && name[above.size()] == '.';
 }
 
@@ -75,11 +79,19 @@ void UsbTestbed::AddRecording(const std::string& name) {
     Check(umockdev_testbed_add_from_string(m_testbed, text.str().c_str(), &error) != 0, "recording", error);
     std::istringstream lines(text.str());
     for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("P: ", 0) != 0) continue;
+        if (line.rfind("P: ", 0) != 0) {
+            continue;
+        }
         const std::string device = line.substr(line.rfind('/') + 1);
-        if (!std::isdigit(static_cast<unsigned char>(device.back())) || device.find(':') != std::string::npos) continue;
-        if (IsRootHub(device)) m_controllers[BusOf(device)] = line.substr(3, line.rfind('/') - 3);
-        if (IsRootHub(device) || device.find('-') != std::string::npos) m_names.push_back(device);
+        if (!std::isdigit(static_cast<unsigned char>(device.back())) || device.find(':') != std::string::npos) {
+            continue;
+        }
+        if (IsRootHub(device)) {
+            m_controllers[BusOf(device)] = line.substr(3, line.rfind('/') - 3);
+        }
+        if (IsRootHub(device) || device.find('-') != std::string::npos) {
+            m_names.push_back(device);
+        }
     }
 }
 
@@ -87,7 +99,9 @@ void UsbTestbed::AddController(const std::string& path, unsigned int usb2Bus, un
                                unsigned int ports) {
     const std::string address = path.substr(path.rfind('/') + 1);
     for (const unsigned int bus : {usb2Bus, usb3Bus}) {
-        if (bus == 0) continue;
+        if (bus == 0) {
+            continue;
+        }
         m_controllers[bus] = path;
         MockedDevice hub = Hub("usb" + std::to_string(bus), 1, bus == usb3Bus, ports);
         hub.manufacturer = "Linux 6.1.0 xhci-hcd";
@@ -112,16 +126,25 @@ void UsbTestbed::Add(const MockedDevice& device) {
         {"power/runtime_status", "active"},
         {"power/autosuspend_delay_ms", "2000"},
     };
-    if (!device.manufacturer.empty()) attributes["manufacturer"] = device.manufacturer;
-    if (!device.product.empty()) attributes["product"] = device.product;
-    if (!device.serial.empty()) attributes["serial"] = device.serial;
-    for (const auto& [name, value] : device.attributes) attributes[name] = value;
+    if (!device.manufacturer.empty()) {
+        attributes["manufacturer"] = device.manufacturer;
+    }
+    if (!device.product.empty()) {
+        attributes["product"] = device.product;
+    }
+    if (!device.serial.empty()) {
+        attributes["serial"] = device.serial;
+    }
+    for (const auto& [name, value] : device.attributes) {
+        attributes[name] = value;
+    }
 
     std::string text = "P: " + PathOf(device.name).substr(4) + "\n";
     text += "N: " + std::string(node) + "=" + Hex(device.descriptors) + "\n";
     text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DEVNAME=/dev/" + std::string(node) + "\n";
-    for (const auto& [name, value] : attributes)
+    for (const auto& [name, value] : attributes) {
         text.append("A: ").append(name).append("=").append(value).append("\\n\n");
+    }
     text += "H: descriptors=" + Hex(device.descriptors) + "\n";
     GError* error = nullptr;
     Check(umockdev_testbed_add_from_string(m_testbed, text.c_str(), &error) != 0, device.name.c_str(), error);
@@ -183,7 +206,9 @@ std::string UsbTestbed::PathOf(const std::string& name) const {
     const auto controller = m_controllers.find(bus);
     Check(controller != m_controllers.end(), "no controller has that bus");
     std::string path = "/sys" + controller->second + "/usb" + std::to_string(bus);
-    if (IsRootHub(name)) return path;
+    if (IsRootHub(name)) {
+        return path;
+    }
     for (std::size_t end = name.find('.'); end != std::string::npos; end = name.find('.', end + 1)) {
         path.append("/").append(name, 0, end);
     }

@@ -34,7 +34,7 @@ MockedDevice Hub(const std::string& name, unsigned int number, bool superSpeed, 
 
 class UsbTestbed {
 public:
-    static constexpr char kPci[] = "/devices/pci0000:00/0000:00:14.0";
+    static constexpr char Pci[] = "/devices/pci0000:00/0000:00:14.0";
 
     UsbTestbed();
     ~UsbTestbed();

@@ -17,7 +17,9 @@ template <class Key>
 std::map<Key, std::vector<const Camera*>> GroupBy(const std::vector<Camera>& cameras,
                                                   Key (*key)(const Camera& camera)) {
     std::map<Key, std::vector<const Camera*>> groups;
-    for (const Camera& camera : cameras) groups[key(camera)].push_back(&camera);
+    for (const Camera& camera : cameras) {
+        groups[key(camera)].push_back(&camera);
+    }
     return groups;
 }
 
@@ -37,14 +39,18 @@ Findings CheckGuids(const std::vector<Camera>& cameras) {
     const std::string check = "cameras.guid";
     Findings wrong;
     for (const auto& [guid, same] : GroupBy<std::string>(cameras, [](const Camera& c) { return FormatGuid(c.guid); })) {
-        if (same.size() < 2) continue;
+        if (same.size() < 2) {
+            continue;
+        }
         wrong.push_back({check, false,
                          CountOf(same.size(), "camera") + " have vendor, model and serial number " +
                              std::to_string(same.front()->serialNumber) +
                              " in common, so programs cannot tell them apart: " + Describe(same),
                          ByHand("unplug all but one of them, or give one another serial number")});
     }
-    if (!wrong.empty() || cameras.empty()) return wrong;
+    if (!wrong.empty() || cameras.empty()) {
+        return wrong;
+    }
     return {{check, true,
              cameras.size() == 1 ? "the only camera has a guid of its own"
                                  : "each of " + CountOf(cameras.size(), "camera") + " has a guid of its own",
@@ -54,7 +60,9 @@ Findings CheckGuids(const std::vector<Camera>& cameras) {
 Findings CheckSerialNumbers(const std::vector<Camera>& cameras) {
     std::vector<std::string> measured;
     for (const auto& [serial, same] : GroupBy<std::uint32_t>(cameras, [](const Camera& c) { return c.serialNumber; })) {
-        if (same.size() < 2) continue;
+        if (same.size() < 2) {
+            continue;
+        }
         measured.push_back(CountOf(same.size(), "camera") + " have the serial number " + std::to_string(serial) +
                            ", so commands need guid: or mac: for them: " + Describe(same));
     }

@@ -19,13 +19,13 @@ using Platform::FireWireNode;
 using Platform::FireWirePhy;
 using Platform::FireWirePort;
 
-constexpr unsigned int kLargestGapCount = 63;
-constexpr unsigned int kBeta = 3;  // speed code
+constexpr unsigned int LargestGapCount = 63;
+constexpr unsigned int Beta = 3;  // speed code
 
 /// IEEE 1394a-2000, table C-2: the gap count that suffices for a bus of so many hops.
-constexpr std::array<unsigned int, 16> kGapCounts{63, 5, 7, 8, 10, 13, 16, 18, 21, 24, 26, 29, 32, 35, 37, 40};
+constexpr std::array<unsigned int, 16> GapCounts{63, 5, 7, 8, 10, 13, 16, 18, 21, 24, 26, 29, 32, 35, 37, 40};
 
-std::string SpeedText(unsigned int code) { return code >= kBeta ? "S800 or more" : "S" + std::to_string(100U << code); }
+std::string SpeedText(unsigned int code) { return code >= Beta ? "S800 or more" : "S" + std::to_string(100U << code); }
 
 unsigned int WattsProvided(unsigned int powerClass) { return powerClass >= 1 && powerClass <= 3 ? 15 * powerClass : 0; }
 unsigned int WattsTaken(unsigned int powerClass) {
@@ -44,14 +44,18 @@ unsigned int WattsTaken(unsigned int powerClass) {
 /// For each PHY the one before it on the way from a PHY; that one itself has itself. PHYs that are not reached: none.
 std::vector<std::optional<unsigned int>> WaysFrom(const std::vector<FireWirePhy>& phys, unsigned int from) {
     std::vector<std::optional<unsigned int>> before(phys.size());
-    if (from >= phys.size()) return before;
+    if (from >= phys.size()) {
+        return before;
+    }
     before[from] = from;
     std::deque<unsigned int> next{from};
     while (!next.empty()) {
         const unsigned int phy = next.front();
         next.pop_front();
         for (const FireWirePort& port : phys[phy].ports) {
-            if (!port.neighbour || *port.neighbour >= phys.size() || before[*port.neighbour]) continue;
+            if (!port.neighbour || *port.neighbour >= phys.size() || before[*port.neighbour]) {
+                continue;
+            }
             before[*port.neighbour] = phy;
             next.push_back(*port.neighbour);
         }
@@ -66,7 +70,9 @@ std::size_t CountHops(const std::vector<FireWirePhy>& phys) {
         const auto before = WaysFrom(phys, from.phyId);
         for (const FireWirePhy& to : phys) {
             std::size_t hops = 0;
-            for (unsigned int phy = to.phyId; before[phy] && *before[phy] != phy; phy = *before[phy]) ++hops;
+            for (unsigned int phy = to.phyId; before[phy] && *before[phy] != phy; phy = *before[phy]) {
+                ++hops;
+            }
             longest = std::max(longest, hops);
         }
     }
@@ -76,8 +82,12 @@ std::size_t CountHops(const std::vector<FireWirePhy>& phys) {
 /// What is wrong with who manages the bus, each with its reason; nothing when all is well or nobody knows.
 std::vector<std::string> MissingManagers(const FireWireBusDiagnosis& bus) {
     std::vector<std::string> missing;
-    if (!bus.resourceManager) missing.emplace_back("no node gives out channels and bandwidth");
-    if (!bus.busManager) missing.emplace_back("no node is the bus manager");
+    if (!bus.resourceManager) {
+        missing.emplace_back("no node gives out channels and bandwidth");
+    }
+    if (!bus.busManager) {
+        missing.emplace_back("no node is the bus manager");
+    }
     if (bus.hasCycleMaster == false) {
         missing.emplace_back("the root, " + PhyText(bus, bus.root.value_or(0)) +
                              ", sends no cycle starts: no camera can transmit");
@@ -95,14 +105,18 @@ Findings CheckFireWireManager(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
-        if (!bus.root || !HasCamera(bus)) continue;  // not known, or nothing to manage
+        if (!bus.root || !HasCamera(bus)) {
+            continue;  // not known, or nothing to manage
+        }
         const std::vector<std::string> missing = MissingManagers(bus);
         if (!missing.empty()) {
             wrong.push_back({check, false, BusText(bus) + ": " + Enumerate(missing), ResetCommand(bus)});
             continue;
         }
         std::string evidence = BusText(bus) + " is managed by " + PhyText(bus, *bus.busManager);
-        if (bus.hasCycleMaster) evidence += "; " + PhyText(bus, *bus.root) + " sends the cycle starts";
+        if (bus.hasCycleMaster) {
+            evidence += "; " + PhyText(bus, *bus.root) + " sends the cycle starts";
+        }
         measured.push_back(evidence);
     }
     return OrOk(wrong, check, measured);
@@ -113,7 +127,9 @@ Findings CheckFireWireGapCount(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
-        if (bus.phys.size() < 2) continue;
+        if (bus.phys.size() < 2) {
+            continue;
+        }
         const FireWirePhy& first = bus.phys.front();
         const auto other = std::find_if(bus.phys.begin(), bus.phys.end(),
                                         [&](const FireWirePhy& phy) { return phy.gapCount != first.gapCount; });
@@ -131,12 +147,12 @@ Findings CheckFireWireGapCount(const FireWireExamination& examined) {
                                      std::to_string(hops) + (hops == 1 ? " hop" : " hops");
         // PHYs of IEEE 1394b repeat so late that the table does not hold.
         const bool hasBeta =
-            std::any_of(bus.phys.begin(), bus.phys.end(), [](const FireWirePhy& phy) { return phy.speed == kBeta; });
-        if (first.gapCount != kLargestGapCount || hasBeta || hops >= kGapCounts.size()) {
+            std::any_of(bus.phys.begin(), bus.phys.end(), [](const FireWirePhy& phy) { return phy.speed == Beta; });
+        if (first.gapCount != LargestGapCount || hasBeta || hops >= GapCounts.size()) {
             measured.push_back(evidence);
         } else {
             wrong.push_back({check, false,
-                             evidence + ", where " + std::to_string(kGapCounts[hops]) +
+                             evidence + ", where " + std::to_string(GapCounts[hops]) +
                                  " suffices: the bus waits longer than it needs to after each packet",
                              ResetCommand(bus)});
         }
@@ -149,15 +165,23 @@ Findings CheckFireWireSpeed(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
-        if (!bus.local || *bus.local >= bus.phys.size()) continue;
+        if (!bus.local || *bus.local >= bus.phys.size()) {
+            continue;
+        }
         const auto before = WaysFrom(bus.phys, *bus.local);
         for (const FireWireNode& node : bus.nodes) {
-            if (!node.camera || !node.phyId || *node.phyId >= bus.phys.size() || !before[*node.phyId]) continue;
+            if (!node.camera || !node.phyId || *node.phyId >= bus.phys.size() || !before[*node.phyId]) {
+                continue;
+            }
             const unsigned int own = bus.phys[*node.phyId].speed;
             unsigned int slowest = *before[*node.phyId];
             for (unsigned int phy = slowest;; phy = *before[phy]) {
-                if (bus.phys[phy].speed < bus.phys[slowest].speed) slowest = phy;
-                if (phy == *bus.local) break;
+                if (bus.phys[phy].speed < bus.phys[slowest].speed) {
+                    slowest = phy;
+                }
+                if (phy == *bus.local) {
+                    break;
+                }
             }
             if (bus.phys[slowest].speed >= own) {
                 measured.push_back(NodeText(node) + " transmits at up to " + SpeedText(own));
@@ -186,9 +210,13 @@ Findings CheckFireWirePower(const FireWireExamination& examined) {
         for (const FireWirePhy& phy : bus.phys) {
             provided += WattsProvided(phy.powerClass);
             taken += WattsTaken(phy.powerClass);
-            if (WattsTaken(phy.powerClass) != 0 && !phy.linkActive) dark.push_back(PhyText(bus, phy.phyId));
+            if (WattsTaken(phy.powerClass) != 0 && !phy.linkActive) {
+                dark.push_back(PhyText(bus, phy.phyId));
+            }
         }
-        if (taken == 0) continue;
+        if (taken == 0) {
+            continue;
+        }
         const std::string evidence = BusText(bus) + ": devices take up to " + std::to_string(taken) +
                                      " W from the bus, and " +
                                      (provided == 0 ? std::string("none says that it feeds the bus")

@@ -25,13 +25,13 @@ using Platform::FireWireBusDiagnosis;
 using Platform::FireWireNode;
 
 // A bus that is quiet this long counts as quiet; one that is not is watched for a whole minute, or until it is plain.
-constexpr std::chrono::seconds kWatch{5};
-constexpr std::chrono::seconds kLongWatch{60};
-constexpr std::chrono::milliseconds kWatchStep{500};
+constexpr std::chrono::seconds Watch{5};
+constexpr std::chrono::seconds LongWatch{60};
+constexpr std::chrono::milliseconds WatchStep{500};
 /// A cable that is plugged in costs two: its own, and the one with which the kernel sets the bus up for it.
-constexpr unsigned int kTooManyResets = 3;
+constexpr unsigned int TooManyResets = 3;
 
-constexpr char kRule[] = "70-nimbrel2-firewire.rules";
+constexpr char Rule[] = "70-nimbrel2-firewire.rules";
 
 bool IsPermission(int error) { return error == EACCES || error == EPERM; }
 
@@ -59,8 +59,8 @@ bool IsWatchedLongEnough(const Platform::FireWireDiagnosis& diagnosis, std::chro
         mostResets = std::max(mostResets, bus.resets);
         seesResets = seesResets || bus.seesResets;
     }
-    const bool isPlain = mostResets == 0 || mostResets >= kTooManyResets;
-    return !seesResets || watched >= kLongWatch || (isPlain && watched >= kWatch);
+    const bool isPlain = mostResets == 0 || mostResets >= TooManyResets;
+    return !seesResets || watched >= LongWatch || (isPlain && watched >= Watch);
 }
 
 FireWireExamination ExamineFireWire(bool simulated) {
@@ -69,13 +69,15 @@ FireWireExamination ExamineFireWire(bool simulated) {
     const auto begin = std::chrono::steady_clock::now();
     while (!simulated && examined.status == HAL_OK &&
            !IsWatchedLongEnough(examined.diagnosis, std::chrono::steady_clock::now() - begin)) {
-        std::this_thread::sleep_for(kWatchStep);
+        std::this_thread::sleep_for(WatchStep);
         examined.status = Platform::DiagnoseFireWire(false, &examined.diagnosis);
     }
     // Asked last, for what a reset has changed counts.
     examined.status = Platform::DiagnoseFireWire(true, &examined.diagnosis);
-    if (simulated || examined.status != HAL_OK) return examined;
-    examined.rule = FindUdevRule(kRule);
+    if (simulated || examined.status != HAL_OK) {
+        return examined;
+    }
+    examined.rule = FindUdevRule(Rule);
     passwd entry{};
     passwd* found = nullptr;
     std::array<char, 4096> texts{};
@@ -94,7 +96,9 @@ const std::vector<Check<FireWireExamination>>& FireWireChecks() {
 
 Findings CheckFireWireDriver(const FireWireExamination& examined) {
     const std::string check = "1394.driver";
-    if (examined.status == HAL_NO_BUS) return {};  // nobody drives it, or a driver that tells nothing
+    if (examined.status == HAL_NO_BUS) {
+        return {};  // nobody drives it, or a driver that tells nothing
+    }
     if (examined.status != HAL_OK) {
         return {{check, false, "IEEE 1394 cannot be searched: " + DescribeStatus(examined.status),
                  "sudo nimbrel doctor --bus 1394"}};
@@ -110,12 +114,16 @@ Findings CheckFireWireDriver(const FireWireExamination& examined) {
         std::size_t cameras = 0;
         std::size_t others = 0;
         for (const FireWireNode& node : bus.nodes) {
-            if (!node.local) ++(node.camera ? cameras : others);
+            if (!node.local) {
+                ++(node.camera ? cameras : others);
+            }
         }
         measured.push_back(BusText(bus) + " has " + Count(cameras, "camera", "cameras") + " and " +
                            Count(others, "other device", "other devices"));
     }
-    if (measured.empty()) measured.emplace_back("this computer has no IEEE 1394 controller");
+    if (measured.empty()) {
+        measured.emplace_back("this computer has no IEEE 1394 controller");
+    }
     return OrOk(wrong, check, measured);
 }
 
@@ -126,9 +134,13 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
         std::vector<std::string> refused;
         for (const FireWireNode& node : bus.nodes) {
-            if (node.error == 0) continue;
+            if (node.error == 0) {
+                continue;
+            }
             std::string text = "/dev/" + node.name + " of " + NodeText(node) + " cannot be opened";
-            if (node.local) text += ", so nobody sees how the bus is connected, or a PHY register";
+            if (node.local) {
+                text += ", so nobody sees how the bus is connected, or a PHY register";
+            }
             text += ": " + std::generic_category().message(node.error);
             if (!IsPermission(node.error)) {
                 wrong.push_back({check, false, BusText(bus) + ": " + text, "ls -l /dev/" + node.name});
@@ -142,9 +154,11 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
             continue;
         }
         std::string evidence = BusText(bus) + ": ";
-        for (const std::string& text : refused) evidence += (&text == &refused.front() ? "" : "; ") + text;
-        evidence += examined.rule.isInForce ? "; the udev rule " + std::string(kRule) + " is there"
-                                            : "; the udev rule " + std::string(kRule) + " is not there";
+        for (const std::string& text : refused) {
+            evidence += (&text == &refused.front() ? "" : "; ") + text;
+        }
+        evidence += examined.rule.isInForce ? "; the udev rule " + std::string(Rule) + " is there"
+                                            : "; the udev rule " + std::string(Rule) + " is not there";
         wrong.push_back({check, false, evidence, PermissionCure(examined)});
     }
     return OrOk(wrong, check, measured);
@@ -157,7 +171,9 @@ Findings CheckFireWireAnswers(const FireWireExamination& examined) {
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
         std::size_t answering = 0;
         for (const FireWireNode& node : bus.nodes) {
-            if (!node.camera || node.error != 0) continue;
+            if (!node.camera || node.error != 0) {
+                continue;
+            }
             if (!node.mute) {
                 ++answering;
                 continue;
@@ -177,7 +193,9 @@ Findings CheckFireWireResets(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
-        if (!bus.seesResets || bus.watched.count() == 0) continue;
+        if (!bus.seesResets || bus.watched.count() == 0) {
+            continue;
+        }
         std::string evidence =
             BusText(bus) + ": " + Count(bus.resets, "bus reset", "bus resets") + " in " + SecondsText(bus.watched);
         std::string cure = "# replace the cables of the bus one after the other";
@@ -188,7 +206,7 @@ Findings CheckFireWireResets(const FireWireExamination& examined) {
                 cure = "# replace the cable in " + where + ", and see that what it leads to has power";
             }
         }
-        if (bus.resets < kTooManyResets) {
+        if (bus.resets < TooManyResets) {
             measured.push_back(evidence);
         } else {
             wrong.push_back({check, false, evidence + ": each one interrupts all transmissions", cure});

@@ -33,7 +33,9 @@ Identity IdentityOf(const GvcpDiscoveryRecord& record) {
 
 // "the only camera is on its subnet", "both cameras are on their subnets"
 std::string AllOf(std::size_t number, const std::string& ofOne, const std::string& ofMany) {
-    if (number == 1) return "the only camera " + ofOne;
+    if (number == 1) {
+        return "the only camera " + ofOne;
+    }
     return (number == 2 ? "both cameras " : "all " + std::to_string(number) + " cameras ") + ofMany;
 }
 
@@ -53,16 +55,20 @@ struct ForeignCamera {
 std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     std::map<Identity, ForeignCamera> foreign;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (IsElsewhere(camera))
+        if (IsElsewhere(camera)) {
             foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
+        }
     }
     for (const MutedCamera& camera : examined.hearing.muted) {
-        if (!camera.reachable)
+        if (!camera.reachable) {
             foreign.try_emplace(IdentityOf(camera.record), ForeignCamera{camera.record, camera.interface});
+        }
     }
     // One that another interface reaches belongs there.
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (!IsElsewhere(camera)) foreign.erase(IdentityOf(camera.record));
+        if (!IsElsewhere(camera)) {
+            foreign.erase(IdentityOf(camera.record));
+        }
     }
     return foreign;
 }
@@ -74,8 +80,9 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
     if (interface != nullptr && interface->interface.addresses.empty()) {
         return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", name});
     }
-    if (MacOf(camera.record) == 0)
+    if (MacOf(camera.record) == 0) {
         return Sudo({"ip", "route", "add", IpText(camera.record.ipAddress) + "/32", "dev", name});
+    }
     const std::uint32_t serial = FromRecord(camera.record).serialNumber;
     const bool loopback = interface != nullptr && interface->interface.loopback;
     if (serial != 0 && !sharesSerial) {
@@ -118,14 +125,17 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
     const GigEDiagnosis& diagnosis = examined.diagnosis;
     const std::map<Identity, ForeignCamera> foreign = FindForeign(examined);
     std::map<std::uint32_t, int> bySerial;
-    for (const auto& [identity, camera] : foreign) ++bySerial[FromRecord(camera.record).serialNumber];
+    for (const auto& [identity, camera] : foreign) {
+        ++bySerial[FromRecord(camera.record).serialNumber];
+    }
     Findings wrong;
     for (const auto& [identity, camera] : foreign) {
         const InterfaceDiagnosis* interface = FindInterface(diagnosis, camera.interface);
         std::vector<std::string> subnets;
         if (interface != nullptr) {
-            for (const InterfaceAddress& address : interface->interface.addresses)
+            for (const InterfaceAddress& address : interface->interface.addresses) {
                 subnets.push_back(SubnetText(address));
+            }
         }
         const std::string where = " and is connected to " + InterfaceName(diagnosis, camera.interface) + ", which " +
                                   (subnets.empty() ? std::string("has no address") : "is on " + Enumerate(subnets));
@@ -137,8 +147,12 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
                          CureOf(camera, interface, examined, bySerial[FromRecord(camera.record).serialNumber] > 1)});
     }
     std::set<Identity> known;
-    for (const CameraDiagnosis& camera : diagnosis.cameras) known.insert(IdentityOf(camera.record));
-    if (!wrong.empty() || known.empty()) return wrong;
+    for (const CameraDiagnosis& camera : diagnosis.cameras) {
+        known.insert(IdentityOf(camera.record));
+    }
+    if (!wrong.empty() || known.empty()) {
+        return wrong;
+    }
     return {{check, true, AllOf(known.size(), "is on its subnet", "are on their subnets"), ""}};
 }
 
@@ -147,7 +161,9 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
     const GigEDiagnosis& diagnosis = examined.diagnosis;
     std::map<std::pair<int, std::uint32_t>, std::vector<const CameraDiagnosis*>> byAddress;
     for (const CameraDiagnosis& camera : diagnosis.cameras) {
-        if (!IsElsewhere(camera)) byAddress[{camera.interface, camera.record.ipAddress}].push_back(&camera);
+        if (!IsElsewhere(camera)) {
+            byAddress[{camera.interface, camera.record.ipAddress}].push_back(&camera);
+        }
     }
     Findings wrong;
     for (auto& [where, cameras] : byAddress) {
@@ -157,14 +173,22 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
         const bool taken = std::any_of(cameras.begin(), cameras.end(), [](const auto* camera) {
             return camera->usability == GigEUsability::AddressTaken;
         });
-        if (cameras.size() == 1 && !own && !taken) continue;
+        if (cameras.size() == 1 && !own && !taken) {
+            continue;
+        }
         // The one that is listed keeps the address.
         std::stable_sort(cameras.begin(), cameras.end(),
                          [](const auto* a, const auto* b) { return a->listed > b->listed; });
         std::vector<std::string> names;
-        for (const CameraDiagnosis* camera : cameras) names.push_back(CameraText(camera->record));
-        if (own) names.push_back("this computer");
-        if (names.size() == 1) names.push_back("another camera");
+        for (const CameraDiagnosis* camera : cameras) {
+            names.push_back(CameraText(camera->record));
+        }
+        if (own) {
+            names.push_back("this computer");
+        }
+        if (names.size() == 1) {
+            names.push_back("another camera");
+        }
         const GvcpDiscoveryRecord& mover = cameras.back()->record;
         const InterfaceAddress* subnet = interface == nullptr ? nullptr : interface->interface.FindSubnet(where.second);
         const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
@@ -174,7 +198,9 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
                              InterfaceName(diagnosis, where.first) + ": only one of them can be used",
                          canMove ? ForceIp(mover, free, *subnet) : ByHand("give one of them another address")});
     }
-    if (!wrong.empty() || byAddress.empty()) return wrong;
+    if (!wrong.empty() || byAddress.empty()) {
+        return wrong;
+    }
     return {{check, true, AllOf(byAddress.size(), "has its own address", "have addresses of their own"), ""}};
 }
 
@@ -183,15 +209,21 @@ Findings CheckNoAnswer(const GigEExamination& examined) {
     const std::string check = "gige.no-answer";
     std::set<int> walled;  // interfaces with a firewall finding, which explains silence
     for (const Finding& finding : CheckFirewall(examined)) {
-        if (finding.ok) continue;
+        if (finding.ok) {
+            continue;
+        }
         for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
-            if (finding.evidence.rfind(entry.interface.name + ": ", 0) == 0) walled.insert(entry.interface.index);
+            if (finding.evidence.rfind(entry.interface.name + ": ", 0) == 0) {
+                walled.insert(entry.interface.index);
+            }
         }
     }
     Findings wrong;
     std::size_t numAnswering = 0;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (IsElsewhere(camera) || camera.usability == GigEUsability::AddressTaken) continue;
+        if (IsElsewhere(camera) || camera.usability == GigEUsability::AddressTaken) {
+            continue;
+        }
         const auto reach = examined.filters.find(camera.interface);
         const bool isFiltered = reach != examined.filters.end() && reach->second.ofOwnSubnet;
         const bool isExplained = isFiltered || walled.count(camera.interface) != 0;
@@ -203,7 +235,9 @@ Findings CheckNoAnswer(const GigEExamination& examined) {
             wrong.push_back(SilentCamera(check, camera, examined.diagnosis));
         }
     }
-    if (!wrong.empty() || numAnswering == 0) return wrong;
+    if (!wrong.empty() || numAnswering == 0) {
+        return wrong;
+    }
     return {{check, true, AllOf(numAnswering, "answers at its address", "answer at their addresses"), ""}};
 }
 
@@ -214,7 +248,9 @@ Findings CheckControl(const GigEExamination& examined) {
     std::size_t numFree = 0;
     std::vector<std::string> measured;
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (!camera.listed) continue;
+        if (!camera.listed) {
+            continue;
+        }
         const ControlState state = camera.control.state;
         const std::uint32_t owner = camera.control.ownerIp;
         const std::string port = std::to_string(camera.control.ownerPort);
@@ -234,8 +270,9 @@ Findings CheckControl(const GigEExamination& examined) {
                              ByHand("end the program on " + IpText(owner) + " that uses UDP port " + port)});
         }
     }
-    if (numFree != 0)
+    if (numFree != 0) {
         measured.insert(measured.begin(), CountOf(numFree, "camera") + (numFree == 1 ? " is free" : " are free"));
+    }
     return OrOk(wrong, check, measured);
 }
 

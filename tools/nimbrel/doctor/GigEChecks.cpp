@@ -25,7 +25,9 @@ FilterReach ReachOf(const Platform::GigEDiagnosis& diagnosis, const Platform::In
 GigEExamination ExamineGigE(bool simulated, std::optional<std::uint64_t> filteredBefore) {
     GigEExamination examined;
     examined.status = Platform::FindMutedGigECameras(&examined.hearing);
-    if (examined.status == HAL_OK) examined.status = Platform::DiagnoseGigE(true, &examined.diagnosis);
+    if (examined.status == HAL_OK) {
+        examined.status = Platform::DiagnoseGigE(true, &examined.diagnosis);
+    }
     if (simulated) {
         examined.host.rules.known = true;
         return examined;
@@ -35,7 +37,9 @@ GigEExamination ExamineGigE(bool simulated, std::optional<std::uint64_t> filtere
         examined.filters[entry.interface.index] = ReachOf(examined.diagnosis, entry);
     }
     const std::optional<std::uint64_t> filtered = ReadFilteredPackets();
-    if (filteredBefore && filtered) examined.filteredPackets = *filtered - *filteredBefore;
+    if (filteredBefore && filtered) {
+        examined.filteredPackets = *filtered - *filteredBefore;
+    }
     return examined;
 }
 

@@ -15,8 +15,8 @@ using Platform::InterfaceDiagnosis;
 using Platform::InterfaceHearing;
 using Platform::MutedCamera;
 
-constexpr std::uint16_t kGvcpPort = 3956;
-constexpr std::uint32_t kEverybody = 0xFFFFFFFF;
+constexpr std::uint16_t GvcpPort = 3956;
+constexpr std::uint32_t Everybody = 0xFFFFFFFF;
 
 // ---- Reverse path filter -------------------------------------------------------------------------------------------
 
@@ -35,11 +35,16 @@ std::string FilterText(const InterfaceDiagnosis& entry) {
 
 // Loose is enough where a default route knows a way to any camera; without one the filter must be off.
 std::string FilterCure(const InterfaceDiagnosis& entry, bool hasDefaultRoute) {
-    if (hasDefaultRoute && entry.GetRpFilter() == 1)
+    if (hasDefaultRoute && entry.GetRpFilter() == 1) {
         return Sudo({"sysctl", "-w", FilterSetting(entry.interface.name, 2)});
+    }
     std::vector<std::string> words{"sysctl", "-w"};
-    if (entry.rpFilterOfAll != 0) words.push_back(FilterSetting("all", 0));
-    if (entry.rpFilterOfIt != 0) words.push_back(FilterSetting(entry.interface.name, 0));
+    if (entry.rpFilterOfAll != 0) {
+        words.push_back(FilterSetting("all", 0));
+    }
+    if (entry.rpFilterOfIt != 0) {
+        words.push_back(FilterSetting(entry.interface.name, 0));
+    }
     return Sudo(words);
 }
 
@@ -61,7 +66,9 @@ struct Exchange {
 
 std::uint32_t OwnAddress(const InterfaceDiagnosis& entry, std::uint32_t camera) {
     const InterfaceAddress* subnet = entry.interface.FindSubnet(camera);
-    if (subnet == nullptr && !entry.interface.addresses.empty()) subnet = &entry.interface.addresses.front();
+    if (subnet == nullptr && !entry.interface.addresses.empty()) {
+        subnet = &entry.interface.addresses.front();
+    }
     return subnet == nullptr ? 0 : subnet->address;
 }
 
@@ -72,17 +79,19 @@ Packet PacketOf(const InterfaceDiagnosis& entry, std::uint32_t camera, bool inco
     const std::uint32_t own = OwnAddress(entry, camera);
     packet.source = incoming ? camera : own;
     packet.destination = incoming ? own : camera;
-    packet.sourcePort = incoming ? kGvcpPort : entry.localPort;
-    packet.destinationPort = incoming ? entry.localPort : kGvcpPort;
+    packet.sourcePort = incoming ? GvcpPort : entry.localPort;
+    packet.destinationPort = incoming ? entry.localPort : GvcpPort;
     packet.isNew = isNew;
-    packet.isBroadcast = camera == kEverybody;
+    packet.isBroadcast = camera == Everybody;
     return packet;
 }
 
 // An address of a camera on that interface: a real one, or else any of its subnet.
 std::uint32_t SomeCamera(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
-        if (camera.interface == entry.interface.index && !IsElsewhere(camera)) return camera.record.ipAddress;
+        if (camera.interface == entry.interface.index && !IsElsewhere(camera)) {
+            return camera.record.ipAddress;
+        }
     }
     const InterfaceAddress* address = entry.interface.addresses.empty() ? nullptr : &entry.interface.addresses.front();
     return address == nullptr ? 0 : FreeAddress(examined.diagnosis, *address);
@@ -95,8 +104,9 @@ std::vector<const MutedCamera*> FindMuted(const InterfaceDiagnosis& entry, const
     const FilterReach reach = ReachOf(examined, entry.interface.index);
     for (const MutedCamera& camera : examined.hearing.muted) {
         const bool isFiltered = camera.reachable ? reach.ofOwnSubnet : reach.ofUnknownSubnets;
-        if (camera.interface == entry.interface.index && !isFiltered && camera.record.ipAddress != 0)
+        if (camera.interface == entry.interface.index && !isFiltered && camera.record.ipAddress != 0) {
             muted.push_back(&camera);
+        }
     }
     return muted;
 }
@@ -115,7 +125,9 @@ std::string DescribeSilent(const InterfaceDiagnosis& entry, const GigEExaminatio
     for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
         const bool silent =
             camera.interface == entry.interface.index && camera.usability == Platform::GigEUsability::NoAnswer;
-        if (silent) words.push_back(CameraText(camera.record) + " at " + IpText(camera.record.ipAddress));
+        if (silent) {
+            words.push_back(CameraText(camera.record) + " at " + IpText(camera.record.ipAddress));
+        }
     }
     return words.empty() ? "" : "no answer from " + Enumerate(words);
 }
@@ -125,7 +137,7 @@ std::vector<Exchange> ExchangesOf(const InterfaceDiagnosis& entry, const GigEExa
     const std::uint32_t camera = SomeCamera(entry, examined);
     const std::uint32_t answering = muted.empty() ? camera : muted.front()->record.ipAddress;
     const std::string silent = DescribeSilent(entry, examined);
-    return {{PacketOf(entry, kEverybody, false, true), "requests to all cameras", ""},
+    return {{PacketOf(entry, Everybody, false, true), "requests to all cameras", ""},
             {PacketOf(entry, answering, true, true), "answers of cameras to them", Describe(muted)},
             {PacketOf(entry, camera, false, true), "requests to single cameras", silent},
             {PacketOf(entry, camera, true, false), "answers of cameras to those", silent}};
@@ -143,14 +155,20 @@ std::vector<Wall> FindWalls(const InterfaceDiagnosis& entry, const GigEExaminati
     std::vector<Wall> walls;
     for (const Exchange& exchange : ExchangesOf(entry, examined)) {
         for (const Blocker& blocker : examined.host.rules.FindBlockers(exchange.packet)) {
-            if (!blocker.sure && exchange.measured.empty()) continue;
+            if (!blocker.sure && exchange.measured.empty()) {
+                continue;
+            }
             auto wall = std::find_if(walls.begin(), walls.end(),
                                      [&blocker](const Wall& known) { return known.blocker.chain == blocker.chain; });
-            if (wall == walls.end()) wall = walls.insert(walls.end(), {blocker, exchange.packet, {}, {}});
+            if (wall == walls.end()) {
+                wall = walls.insert(walls.end(), {blocker, exchange.packet, {}, {}});
+            }
             wall->drops.push_back(exchange.what);
             const bool isNews =
                 std::find(wall->measured.begin(), wall->measured.end(), exchange.measured) == wall->measured.end();
-            if (!exchange.measured.empty() && isNews) wall->measured.push_back(exchange.measured);
+            if (!exchange.measured.empty() && isNews) {
+                wall->measured.push_back(exchange.measured);
+            }
         }
     }
     return walls;
@@ -159,15 +177,21 @@ std::vector<Wall> FindWalls(const InterfaceDiagnosis& entry, const GigEExaminati
 Finding FindingOf(const std::string& check, const Wall& wall, const RuleSet& rules) {
     std::string evidence = wall.packet.interface + ": " + Describe(*wall.blocker.chain) + " drops " +
                            Enumerate(wall.drops) + " " + wall.blocker.how;
-    if (!wall.blocker.sure) evidence += ", most likely";
-    for (const std::string& measured : wall.measured) evidence += "; " + measured;
+    if (!wall.blocker.sure) {
+        evidence += ", most likely";
+    }
+    for (const std::string& measured : wall.measured) {
+        evidence += "; " + measured;
+    }
     return {check, false, evidence, CureOf(rules, wall.blocker, wall.packet)};
 }
 
 std::string HearingText(const InterfaceHearing& hearing, const std::string& name) {
     std::string text = name + ": " + CountOf(hearing.heard, "camera") + (hearing.heard == 1 ? " answers" : " answer") +
                        " broadcasts, ";
-    if (hearing.seesWire) return text + "and no answer was lost between wire and socket";
+    if (hearing.seesWire) {
+        return text + "and no answer was lost between wire and socket";
+    }
     text += "and none of " + CountOf(hearing.neighbours, "other host") + " answers only when asked directly";
     return hearing.heard > 0 ? text : text + " (root can see more)";
 }
@@ -180,7 +204,9 @@ Findings CheckRpFilter(const GigEExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
-        if (!entry.used || entry.interface.loopback) continue;
+        if (!entry.used || entry.interface.loopback) {
+            continue;
+        }
         const bool mayDrop = ReachOf(examined, entry.interface.index).ofUnknownSubnets;
         std::string evidence = FilterText(entry);
         // Who sees the wire sees the camera, and the finding is that it has an address of another subnet.
@@ -205,9 +231,13 @@ Findings CheckFirewall(const GigEExamination& examined) {
     std::vector<std::string> measured;
     for (const InterfaceHearing& hearing : examined.hearing.interfaces) {
         const InterfaceDiagnosis* entry = FindInterface(examined.diagnosis, hearing.interface);
-        if (entry == nullptr || !entry->used) continue;
+        if (entry == nullptr || !entry->used) {
+            continue;
+        }
         const std::vector<Wall> walls = FindWalls(*entry, examined);
-        for (const Wall& wall : walls) wrong.push_back(FindingOf(check, wall, examined.host.rules));
+        for (const Wall& wall : walls) {
+            wrong.push_back(FindingOf(check, wall, examined.host.rules));
+        }
         const std::vector<const MutedCamera*> muted = FindMuted(*entry, examined);
         if (walls.empty() && !muted.empty()) {
             const bool known = examined.host.rules.known;

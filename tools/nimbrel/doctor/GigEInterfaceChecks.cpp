@@ -18,8 +18,8 @@ using Platform::InterfaceDiagnosis;
 using Platform::InterfaceHearing;
 using Platform::NetworkInterface;
 
-constexpr std::uint32_t kJumboMtu = 9000;
-constexpr std::uint32_t kAmpleReceiveBuffer = 33554432;
+constexpr std::uint32_t JumboMtu = 9000;
+constexpr std::uint32_t AmpleReceiveBuffer = 33554432;
 
 bool IsKnown(const GigEExamination& examined) { return examined.status == HAL_OK && examined.diagnosis.error == 0; }
 
@@ -41,18 +41,27 @@ std::string CureOfRefusal(const std::string& name, int error, const GigEDiagnosi
 }
 
 std::string CureOfSocket(int error) {
-    if (error == EMFILE || error == ENFILE)
+    if (error == EMFILE || error == ENFILE) {
         return ByHand("too many files are open: close programs, or raise `ulimit -n`");
-    if (IsRefusal(error)) return Sudo({"nimbrel", "doctor", "--bus", "gige"});
-    if (error == EADDRINUSE) return ByHand("other programs have these ports: give --source-port another range");
+    }
+    if (IsRefusal(error)) {
+        return Sudo({"nimbrel", "doctor", "--bus", "gige"});
+    }
+    if (error == EADDRINUSE) {
+        return ByHand("other programs have these ports: give --source-port another range");
+    }
     return ByHand("the kernel refuses a socket; `sudo dmesg | tail` may show why");
 }
 
 // The error of the driver's last broadcast, else that of the doctor's own.
 int SendErrorOf(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
-    if (entry.sendError != 0) return entry.sendError;
+    if (entry.sendError != 0) {
+        return entry.sendError;
+    }
     for (const InterfaceHearing& hearing : examined.hearing.interfaces) {
-        if (hearing.interface == entry.interface.index) return hearing.error;
+        if (hearing.interface == entry.interface.index) {
+            return hearing.error;
+        }
     }
     return 0;
 }
@@ -69,14 +78,22 @@ bool CouldCarryCameras(const InterfaceDiagnosis& entry, const GigEExamination& e
 }
 
 std::string WhatIsMissing(const NetworkInterface& interface) {
-    if (!interface.up) return "is down";
-    if (!interface.running) return "has no link";
+    if (!interface.up) {
+        return "is down";
+    }
+    if (!interface.running) {
+        return "has no link";
+    }
     return "has no IPv4 address";
 }
 
 std::string CureOf(const NetworkInterface& interface, const GigEDiagnosis& diagnosis) {
-    if (!interface.up) return Sudo({"ip", "link", "set", "dev", interface.name, "up"});
-    if (!interface.running) return ByHand("plug the cable of " + interface.name + " in at both ends");
+    if (!interface.up) {
+        return Sudo({"ip", "link", "set", "dev", interface.name, "up"});
+    }
+    if (!interface.running) {
+        return ByHand("plug the cable of " + interface.name + " in at both ends");
+    }
     return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", interface.name});
 }
 
@@ -112,7 +129,9 @@ Findings CheckDriver(const GigEExamination& examined) {
                              name + ": a broadcast was refused: " + std::generic_category().message(sendError),
                              CureOfRefusal(name, sendError, diagnosis)});
         }
-        if (entry.used) used.push_back(name);
+        if (entry.used) {
+            used.push_back(name);
+        }
     }
     return OrOk(wrong, check,
                 {"searching " + (used.empty() ? std::string("no network interface") : Enumerate(used)) + " (" +
@@ -122,7 +141,9 @@ Findings CheckDriver(const GigEExamination& examined) {
 // An interface without a cable is normal while others work. One with a link and no address is not.
 Findings CheckInterfaces(const GigEExamination& examined) {
     const std::string check = "gige.interface";
-    if (!IsKnown(examined)) return {};
+    if (!IsKnown(examined)) {
+        return {};
+    }
     const auto& interfaces = examined.diagnosis.interfaces;
     const bool anyWorks = std::any_of(interfaces.begin(), interfaces.end(), [](const InterfaceDiagnosis& entry) {
         return entry.used && (entry.interface.loopback || !entry.interface.addresses.empty());
@@ -134,12 +155,16 @@ Findings CheckInterfaces(const GigEExamination& examined) {
     for (const InterfaceDiagnosis& entry : interfaces) {
         const NetworkInterface& interface = entry.interface;
         std::string addresses;
-        for (const InterfaceAddress& address : interface.addresses) addresses += " " + AddressText(address);
+        for (const InterfaceAddress& address : interface.addresses) {
+            addresses += " " + AddressText(address);
+        }
         if (entry.used && (!addresses.empty() || interface.loopback)) {
             measured.push_back(interface.name + " is up with" + addresses);
             continue;
         }
-        if (!CouldCarryCameras(entry, examined)) continue;
+        if (!CouldCarryCameras(entry, examined)) {
+            continue;
+        }
         const bool lacksAddress = interface.running && interface.up && interface.addresses.empty();
         const std::string evidence = interface.name + " " + WhatIsMissing(interface);
         if (!anyWorks || lacksAddress) {
@@ -169,20 +194,28 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
     std::size_t numUsed = 0;
     const auto& all = examined.diagnosis.interfaces;
     for (auto first = all.begin(); first != all.end(); ++first) {
-        if (!first->used || first->interface.addresses.empty() || !CouldCarryCameras(*first, examined)) continue;
+        if (!first->used || first->interface.addresses.empty() || !CouldCarryCameras(*first, examined)) {
+            continue;
+        }
         ++numUsed;
         for (auto second = std::next(first); second != all.end(); ++second) {
-            if (!second->interface.up || !CouldCarryCameras(*second, examined)) continue;
+            if (!second->interface.up || !CouldCarryCameras(*second, examined)) {
+                continue;
+            }
             for (const InterfaceAddress& a : first->interface.addresses) {
                 for (const InterfaceAddress& b : second->interface.addresses) {
-                    if (!Overlap(a, b)) continue;
+                    if (!Overlap(a, b)) {
+                        continue;
+                    }
                     measured.push_back(first->interface.name + " " + AddressText(a) + " and " + second->interface.name +
                                        " " + AddressText(b) + " are in one subnet");
                 }
             }
         }
         const auto reach = examined.filters.find(first->interface.index);
-        if (reach == examined.filters.end() || !reach->second.ofOwnSubnet) continue;
+        if (reach == examined.filters.end() || !reach->second.ofOwnSubnet) {
+            continue;
+        }
         const std::string& name = first->interface.name;
         wrong.push_back(
             {check, false,
@@ -191,7 +224,9 @@ Findings CheckSubnetOverlap(const GigEExamination& examined) {
                  name + " drops everything that cameras send",
              Sudo({"sysctl", "-w", FilterSetting(name, 2)})});
     }
-    if (numUsed == 0) return wrong;
+    if (numUsed == 0) {
+        return wrong;
+    }
     if (measured.empty()) {
         measured.push_back(numUsed == 1 ? "one interface in use"
                                         : "each of " + CountOf(numUsed, "interface") + " has a subnet of its own");
@@ -204,21 +239,25 @@ Findings CheckMtu(const GigEExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
-        if (!entry.used || entry.interface.mtu == 0) continue;
+        if (!entry.used || entry.interface.mtu == 0) {
+            continue;
+        }
         const std::string& name = entry.interface.name;
         const std::string mtu = name + ": frames of up to " + std::to_string(entry.interface.mtu) + " bytes";
         std::uint32_t largest = 0;
         std::vector<std::string> cameras;
         for (const Platform::CameraDiagnosis& camera : examined.diagnosis.cameras) {
-            if (camera.interface != entry.interface.index || camera.packetSize <= entry.interface.mtu) continue;
+            if (camera.interface != entry.interface.index || camera.packetSize <= entry.interface.mtu) {
+                continue;
+            }
             largest = std::max(largest, camera.packetSize);
             cameras.push_back(CameraText(camera.record) + " packets of " + std::to_string(camera.packetSize));
         }
         if (cameras.empty()) {
-            measured.push_back(mtu + (entry.interface.mtu < kJumboMtu ? ", no jumbo frames" : ""));
+            measured.push_back(mtu + (entry.interface.mtu < JumboMtu ? ", no jumbo frames" : ""));
             continue;
         }
-        const std::uint32_t needed = largest <= kJumboMtu ? kJumboMtu : largest;
+        const std::uint32_t needed = largest <= JumboMtu ? JumboMtu : largest;
         wrong.push_back(
             {check, false, mtu + ", too small for what cameras are set to send: " + Enumerate(cameras),
              Sudo({"ip", "link", "set", "dev", name, "mtu", std::to_string(largest <= 1500 ? 1500 : needed)})});
@@ -232,7 +271,9 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const InterfaceDiagnosis& entry : examined.diagnosis.interfaces) {
-        if (!entry.used || entry.receiveBuffer == 0) continue;
+        if (!entry.used || entry.receiveBuffer == 0) {
+            continue;
+        }
         const std::string evidence = entry.interface.name + ": the driver's socket holds " +
                                      std::to_string(entry.receiveBuffer) + " bytes and has lost " +
                                      CountOf(entry.receiveDrops, "datagram");
@@ -240,10 +281,10 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
             measured.push_back(evidence);
             continue;
         }
-        const bool isAmple = largest && *largest >= kAmpleReceiveBuffer;
+        const bool isAmple = largest && *largest >= AmpleReceiveBuffer;
         wrong.push_back({check, false, evidence,
                          isAmple ? ByHand("this computer is too busy to read them: end other programs")
-                                 : Sudo({"sysctl", "-w", "net.core.rmem_max=" + std::to_string(kAmpleReceiveBuffer)})});
+                                 : Sudo({"sysctl", "-w", "net.core.rmem_max=" + std::to_string(AmpleReceiveBuffer)})});
     }
     if (!measured.empty() && largest) {
         measured.push_back("net.core.rmem_max is " + std::to_string(*largest) +

@@ -43,7 +43,9 @@ std::string CameraText(const GvcpDiscoveryRecord& record) {
 
 const InterfaceDiagnosis* FindInterface(const GigEDiagnosis& diagnosis, int index) {
     for (const InterfaceDiagnosis& interface : diagnosis.interfaces) {
-        if (interface.interface.index == index) return &interface;
+        if (interface.interface.index == index) {
+            return &interface;
+        }
     }
     return nullptr;
 }
@@ -56,7 +58,9 @@ std::string InterfaceName(const GigEDiagnosis& diagnosis, int index) {
 bool IsOwnAddress(const GigEDiagnosis& diagnosis, std::uint32_t ip) {
     for (const InterfaceDiagnosis& entry : diagnosis.interfaces) {
         for (const InterfaceAddress& address : entry.interface.addresses) {
-            if (address.address == ip) return true;
+            if (address.address == ip) {
+                return true;
+            }
         }
     }
     return false;
@@ -71,7 +75,9 @@ std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
                 taken = taken || candidate.Contains(address.address) || address.Contains(candidate.address);
             }
         }
-        if (!taken) return AddressText(candidate);
+        if (!taken) {
+            return AddressText(candidate);
+        }
     }
     return "10.77.77.1/24";
 }
@@ -79,7 +85,9 @@ std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
 std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress& subnet) {
     std::set<std::uint32_t> taken;
     for (const InterfaceDiagnosis& interface : diagnosis.interfaces) {
-        for (const InterfaceAddress& address : interface.interface.addresses) taken.insert(address.address);
+        for (const InterfaceAddress& address : interface.interface.addresses) {
+            taken.insert(address.address);
+        }
     }
     for (const Platform::CameraDiagnosis& camera : diagnosis.cameras) {
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
@@ -87,14 +95,18 @@ std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress
     // From the top, where fewer hosts and address servers are.
     const std::uint32_t first = subnet.address & subnet.GetMask();
     for (std::uint32_t ip = (first | ~subnet.GetMask()) - 1; ip > first && subnet.prefixLength < 31; --ip) {
-        if (taken.count(ip) == 0) return ip;
+        if (taken.count(ip) == 0) {
+            return ip;
+        }
     }
     return 0;
 }
 
 std::string Sudo(const std::vector<std::string>& words) {
     std::string command = "sudo";
-    for (const std::string& word : words) command += " " + QuoteForShell(word);
+    for (const std::string& word : words) {
+        command += " " + QuoteForShell(word);
+    }
     return command;
 }
 

@@ -30,7 +30,9 @@ Words SplitRule(const std::string& line) {
             quoted = !quoted;
             any = true;
         } else if (line[i] == ' ' && !quoted) {
-            if (any) words.push_back(word);
+            if (any) {
+                words.push_back(word);
+            }
             word.clear();
             any = false;
         } else {
@@ -38,7 +40,9 @@ Words SplitRule(const std::string& line) {
             any = true;
         }
     }
-    if (any) words.push_back(word);
+    if (any) {
+        words.push_back(word);
+    }
     return words;
 }
 
@@ -46,12 +50,20 @@ Words SplitRule(const std::string& line) {
 Truth IsIn(std::uint32_t address, const std::string& subnet) {
     const std::size_t slash = subnet.find('/');
     const auto base = ReadAddress(subnet.substr(0, slash));
-    if (!base) return Truth::Maybe;
-    if (slash == std::string::npos) return AsTruth(address == *base);
-    if (subnet.substr(slash + 1) == "0" || subnet.substr(slash + 1) == "0.0.0.0") return Truth::Yes;
+    if (!base) {
+        return Truth::Maybe;
+    }
+    if (slash == std::string::npos) {
+        return AsTruth(address == *base);
+    }
+    if (subnet.substr(slash + 1) == "0" || subnet.substr(slash + 1) == "0.0.0.0") {
+        return Truth::Yes;
+    }
     const auto mask = ReadSubnetMask(subnet.substr(slash));
     const auto dotted = ReadSubnetMask(subnet.substr(slash + 1));
-    if (!mask && !dotted) return Truth::Maybe;
+    if (!mask && !dotted) {
+        return Truth::Maybe;
+    }
     return AsTruth(((address ^ *base) & (mask ? *mask : *dotted)) == 0);
 }
 
@@ -61,53 +73,81 @@ Truth IsAmong(std::uint16_t port, const std::string& ports) {
         const std::size_t colon = word.find(':');
         const auto low = ReadWhole(word.substr(0, colon), 0, 65535);
         const auto high = colon == std::string::npos ? low : ReadWhole(word.substr(colon + 1), 0, 65535);
-        if (!low || !high) return Truth::Maybe;
-        if (port >= *low && port <= *high) return Truth::Yes;
+        if (!low || !high) {
+            return Truth::Maybe;
+        }
+        if (port >= *low && port <= *high) {
+            return Truth::Yes;
+        }
     }
     return Truth::No;
 }
 
 // "eth0", "eth+"
 Truth IsLike(const std::string& name, const std::string& pattern) {
-    if (pattern.empty() || pattern.back() != '+') return AsTruth(name == pattern);
+    if (pattern.empty() || pattern.back() != '+') {
+        return AsTruth(name == pattern);
+    }
     return AsTruth(name.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0);
 }
 
 Truth HasState(const Packet& packet, const std::string& states) {
     for (const std::string& state : SplitAtCommas(states)) {
-        if (state == (packet.isNew ? "NEW" : "ESTABLISHED")) return Truth::Yes;
+        if (state == (packet.isNew ? "NEW" : "ESTABLISHED")) {
+            return Truth::Yes;
+        }
     }
     return Truth::No;
 }
 
 Truth IsOfType(const Packet& packet, const std::string& type) {
     // An answer comes to this computer's own address; what else there is depends on routes.
-    if (packet.incoming) return AsTruth(type == "LOCAL");
+    if (packet.incoming) {
+        return AsTruth(type == "LOCAL");
+    }
     return packet.isBroadcast ? AsTruth(type == "BROADCAST") : AsTruth(type == "UNICAST");
 }
 
 // The match of one option with its value; nothing for an option that is not known here.
 std::optional<Predicate> MatchOf(const std::string& option, const std::string& value) {
-    if (option == "-s") return [value](const Packet& p) { return IsIn(p.source, value); };
-    if (option == "-d") return [value](const Packet& p) { return IsIn(p.destination, value); };
-    if (option == "-i") return [value](const Packet& p) { return p.incoming ? IsLike(p.interface, value) : Truth::No; };
-    if (option == "-o") return [value](const Packet& p) { return p.incoming ? Truth::No : IsLike(p.interface, value); };
-    if (option == "-p")
+    if (option == "-s") {
+        return [value](const Packet& p) { return IsIn(p.source, value); };
+    }
+    if (option == "-d") {
+        return [value](const Packet& p) { return IsIn(p.destination, value); };
+    }
+    if (option == "-i") {
+        return [value](const Packet& p) { return p.incoming ? IsLike(p.interface, value) : Truth::No; };
+    }
+    if (option == "-o") {
+        return [value](const Packet& p) { return p.incoming ? Truth::No : IsLike(p.interface, value); };
+    }
+    if (option == "-p") {
         return [value](const Packet&) { return AsTruth(value == "udp" || value == "all" || value == "17"); };
-    if (option == "--sport" || option == "--sports")
+    }
+    if (option == "--sport" || option == "--sports") {
         return [value](const Packet& p) { return IsAmong(p.sourcePort, value); };
+    }
     if (option == "--dport" || option == "--dports") {
         return [value](const Packet& p) { return IsAmong(p.destinationPort, value); };
     }
-    if (option == "--ctstate" || option == "--state") return [value](const Packet& p) { return HasState(p, value); };
-    if (option == "--dst-type") return [value](const Packet& p) { return IsOfType(p, value); };
-    if (option == "--comment" || option == "-m") return [](const Packet&) { return Truth::Yes; };
+    if (option == "--ctstate" || option == "--state") {
+        return [value](const Packet& p) { return HasState(p, value); };
+    }
+    if (option == "--dst-type") {
+        return [value](const Packet& p) { return IsOfType(p, value); };
+    }
+    if (option == "--comment" || option == "-m") {
+        return [](const Packet&) { return Truth::Yes; };
+    }
     return std::nullopt;
 }
 
 // What comes after -j LOG and the like has no part in the match.
 bool ReadTarget(const std::string& option, const std::string& target, Rule* rule) {
-    if (option != "-j" && option != "-g") return false;
+    if (option != "-j" && option != "-g") {
+        return false;
+    }
     if (target == "ACCEPT") {
         rule->verdict = Rule::Verdict::Accept;
     } else if (target == "DROP" || target == "REJECT") {
@@ -132,25 +172,37 @@ Rule ParseRule(const Words& words, const std::string& line) {
             continue;
         }
         const std::string value = i + 1 < words.size() ? words[i + 1] : "";
-        if (ReadTarget(words[i], value, &rule)) break;
+        if (ReadTarget(words[i], value, &rule)) {
+            break;
+        }
         const std::optional<Predicate> match = MatchOf(words[i], value);
-        if (match) ++i;
+        if (match) {
+            ++i;
+        }
         const Predicate predicate = match ? *match : [](const Packet&) { return Truth::Maybe; };
         matches.push_back(negated ? [predicate](const Packet& p) { return Not(predicate(p)); } : predicate);
         negated = false;
     }
     rule.matches = [matches = std::move(matches)](const Packet& packet) {
         Truth truth = Truth::Yes;
-        for (const Predicate& match : matches) truth = Both(truth, match(packet));
+        for (const Predicate& match : matches) {
+            truth = Both(truth, match(packet));
+        }
         return truth;
     };
     return rule;
 }
 
 std::string HookOf(const std::string& chain) {
-    if (chain == "PREROUTING") return "prerouting";
-    if (chain == "INPUT") return "input";
-    if (chain == "OUTPUT") return "output";
+    if (chain == "PREROUTING") {
+        return "prerouting";
+    }
+    if (chain == "INPUT") {
+        return "input";
+    }
+    if (chain == "OUTPUT") {
+        return "output";
+    }
     return chain == "POSTROUTING" ? "postrouting" : "";
 }
 
@@ -161,7 +213,9 @@ std::vector<Chain> ParseIptablesRules(const std::string& text, RuleTool tool) {
     std::istringstream lines(text);
     std::string table;
     for (std::string line; std::getline(lines, line);) {
-        if (line.empty() || line.front() == '#') continue;
+        if (line.empty() || line.front() == '#') {
+            continue;
+        }
         if (line.front() == '*') {
             table = line.substr(1);
             continue;
@@ -179,7 +233,9 @@ std::vector<Chain> ParseIptablesRules(const std::string& text, RuleTool tool) {
             chains.push_back(std::move(chain));
         } else if (words.size() >= 3 && words[0] == "-A") {
             for (Chain& chain : chains) {
-                if (chain.table == table && chain.name == words[1]) chain.rules.push_back(ParseRule(words, line));
+                if (chain.table == table && chain.name == words[1]) {
+                    chain.rules.push_back(ParseRule(words, line));
+                }
             }
         }
     }
@@ -190,7 +246,9 @@ std::vector<Chain> ParseIptablesRules(const std::string& text, RuleTool tool) {
             const bool isChain = std::any_of(chains.begin(), chains.end(), [&](const Chain& other) {
                 return other.table == chain.table && other.name == rule.target;
             });
-            if (jumps && !isChain) rule.verdict = Rule::Verdict::None;
+            if (jumps && !isChain) {
+                rule.verdict = Rule::Verdict::None;
+            }
         }
     }
     return chains;

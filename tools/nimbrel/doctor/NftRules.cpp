@@ -26,7 +26,9 @@ struct Value {
 using Sets = std::map<std::string, Json>;
 
 const Json* Find(const Json& object, const char* name) {
-    if (!object.is_object()) return nullptr;
+    if (!object.is_object()) {
+        return nullptr;
+    }
     const auto found = object.find(name);
     return found == object.end() ? nullptr : &*found;
 }
@@ -46,54 +48,90 @@ std::optional<Value> PayloadOf(const Packet& packet, const Json& payload) {
     const std::string protocol = TextOf(payload, "protocol");
     const std::string field = TextOf(payload, "field");
     if (protocol == "udp" || protocol == "th") {
-        if (field == "sport") return Value{true, packet.sourcePort, {}};
-        if (field == "dport") return Value{true, packet.destinationPort, {}};
+        if (field == "sport") {
+            return Value{true, packet.sourcePort, {}};
+        }
+        if (field == "dport") {
+            return Value{true, packet.destinationPort, {}};
+        }
         return std::nullopt;
     }
     if (protocol == "ip") {
-        if (field == "saddr") return Value{true, packet.source, {FormatIp(packet.source)}};
-        if (field == "daddr") return Value{true, packet.destination, {FormatIp(packet.destination)}};
-        if (field == "protocol") return Value{true, 17, {"udp"}};
+        if (field == "saddr") {
+            return Value{true, packet.source, {FormatIp(packet.source)}};
+        }
+        if (field == "daddr") {
+            return Value{true, packet.destination, {FormatIp(packet.destination)}};
+        }
+        if (field == "protocol") {
+            return Value{true, 17, {"udp"}};
+        }
         return std::nullopt;
     }
     const std::set<std::string> others{"tcp", "icmp", "icmpv6",  "ip6",  "sctp", "dccp",
                                        "esp", "ah",   "udplite", "igmp", "arp"};
-    if (others.count(protocol) != 0) return Value{};
+    if (others.count(protocol) != 0) {
+        return Value{};
+    }
     return std::nullopt;
 }
 
 std::optional<Value> MetaOf(const Packet& packet, const std::string& key) {
     const std::string& in = packet.incoming ? packet.interface : "";
     const std::string& out = packet.incoming ? "" : packet.interface;
-    if (key == "iifname" || key == "iif") return Value{false, 0, {in}};
-    if (key == "oifname" || key == "oif") return Value{false, 0, {out}};
-    if (key == "l4proto") return Value{true, 17, {"udp"}};
-    if (key == "nfproto") return Value{true, 2, {"ipv4"}};
-    if (key == "protocol") return Value{true, 0x0800, {"ip"}};
-    if (key == "pkttype")
+    if (key == "iifname" || key == "iif") {
+        return Value{false, 0, {in}};
+    }
+    if (key == "oifname" || key == "oif") {
+        return Value{false, 0, {out}};
+    }
+    if (key == "l4proto") {
+        return Value{true, 17, {"udp"}};
+    }
+    if (key == "nfproto") {
+        return Value{true, 2, {"ipv4"}};
+    }
+    if (key == "protocol") {
+        return Value{true, 0x0800, {"ip"}};
+    }
+    if (key == "pkttype") {
         return packet.isBroadcast ? std::nullopt : std::optional(Value{false, 0, {"host", "unicast"}});
+    }
     return std::nullopt;
 }
 
 std::optional<Value> LeftOf(const Packet& packet, const Json& left) {
-    if (const Json* payload = Find(left, "payload")) return PayloadOf(packet, *payload);
-    if (const Json* meta = Find(left, "meta")) return MetaOf(packet, TextOf(*meta, "key"));
+    if (const Json* payload = Find(left, "payload")) {
+        return PayloadOf(packet, *payload);
+    }
+    if (const Json* meta = Find(left, "meta")) {
+        return MetaOf(packet, TextOf(*meta, "key"));
+    }
     const Json* ct = Find(left, "ct");
-    if (ct != nullptr && TextOf(*ct, "key") == "state") return Value{false, 0, {packet.isNew ? "new" : "established"}};
+    if (ct != nullptr && TextOf(*ct, "key") == "state") {
+        return Value{false, 0, {packet.isNew ? "new" : "established"}};
+    }
     return std::nullopt;
 }
 
 std::optional<std::uint64_t> NumberOf(const Json& value) {
-    if (value.is_number_unsigned() || value.is_number_integer()) return value.get<std::uint64_t>();
-    if (!value.is_string()) return std::nullopt;
-    if (const auto ip = ReadAddress(value.get<std::string>())) return *ip;
+    if (value.is_number_unsigned() || value.is_number_integer()) {
+        return value.get<std::uint64_t>();
+    }
+    if (!value.is_string()) {
+        return std::nullopt;
+    }
+    if (const auto ip = ReadAddress(value.get<std::string>())) {
+        return *ip;
+    }
     return std::nullopt;
 }
 
 // A word, where "eth*" stands for every name that begins like this.
 bool IsLike(const std::string& word, const std::string& pattern) {
-    if (!pattern.empty() && pattern.back() == '*')
+    if (!pattern.empty() && pattern.back() == '*') {
         return word.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
+    }
     return word == pattern;
 }
 
@@ -104,8 +142,12 @@ public:
     Matcher(const Sets& sets, std::string scope) : m_sets(sets), m_scope(std::move(scope)) {}
 
     Truth Equals(const Value& value, const Json& right) const {
-        if (right.is_object()) return EqualsObject(value, right);
-        if (right.is_array()) return EqualsAny(value, right);
+        if (right.is_object()) {
+            return EqualsObject(value, right);
+        }
+        if (right.is_array()) {
+            return EqualsAny(value, right);
+        }
         if (right.is_string() && !right.get<std::string>().empty() && right.get<std::string>().front() == '@') {
             const auto set = m_sets.find(m_scope + right.get<std::string>().substr(1));
             return set == m_sets.end() ? Truth::Maybe : EqualsAny(value, set->second);
@@ -114,10 +156,14 @@ public:
             const std::string word = right.get<std::string>();
             const bool like =
                 std::any_of(value.words.begin(), value.words.end(), [&](const auto& one) { return IsLike(one, word); });
-            if (like || !value.isNumber) return AsTruth(like);
+            if (like || !value.isNumber) {
+                return AsTruth(like);
+            }
         }
         const std::optional<std::uint64_t> number = NumberOf(right);
-        if (value.isNumber && number) return AsTruth(value.number == *number);
+        if (value.isNumber && number) {
+            return AsTruth(value.number == *number);
+        }
         // A service by name, for one; what has no value at all equals nothing.
         return value.isNumber || !value.words.empty() ? Truth::Maybe : Truth::No;
     }
@@ -125,21 +171,29 @@ public:
 private:
     Truth EqualsAny(const Value& value, const Json& list) const {
         Truth truth = Truth::No;
-        for (const Json& one : list) truth = std::max(truth, Equals(value, one));
+        for (const Json& one : list) {
+            truth = std::max(truth, Equals(value, one));
+        }
         return truth;
     }
 
     Truth EqualsObject(const Value& value, const Json& right) const {
-        if (const Json* set = Find(right, "set")) return set->is_array() ? EqualsAny(value, *set) : Equals(value, *set);
+        if (const Json* set = Find(right, "set")) {
+            return set->is_array() ? EqualsAny(value, *set) : Equals(value, *set);
+        }
         if (const Json* element = Find(right, "elem")) {
             const Json* inner = Find(*element, "val");
             return inner == nullptr ? Truth::Maybe : Equals(value, *inner);
         }
-        if (!value.isNumber) return value.words.empty() ? Truth::No : Truth::Maybe;
+        if (!value.isNumber) {
+            return value.words.empty() ? Truth::No : Truth::Maybe;
+        }
         if (const Json* range = Find(right, "range"); range != nullptr && range->is_array() && range->size() == 2) {
             const auto low = NumberOf((*range)[0]);
             const auto high = NumberOf((*range)[1]);
-            if (low && high) return AsTruth(value.number >= *low && value.number <= *high);
+            if (low && high) {
+                return AsTruth(value.number >= *low && value.number <= *high);
+            }
         }
         if (const Json* prefix = Find(right, "prefix")) {
             const auto address = NumberOf(prefix->value("addr", Json()));
@@ -159,15 +213,31 @@ private:
 
 Truth Compare(const Value& value, const std::string& op, const Json& right, const Matcher& matcher) {
     const bool hasNothing = !value.isNumber && value.words.empty();
-    if (op == "==" || op == "in" || op.empty()) return matcher.Equals(value, right);
-    if (op == "!=") return hasNothing ? Truth::No : Not(matcher.Equals(value, right));
+    if (op == "==" || op == "in" || op.empty()) {
+        return matcher.Equals(value, right);
+    }
+    if (op == "!=") {
+        return hasNothing ? Truth::No : Not(matcher.Equals(value, right));
+    }
     const auto number = NumberOf(right);
-    if (hasNothing) return Truth::No;
-    if (!value.isNumber || !number) return Truth::Maybe;
-    if (op == "<") return AsTruth(value.number < *number);
-    if (op == ">") return AsTruth(value.number > *number);
-    if (op == "<=") return AsTruth(value.number <= *number);
-    if (op == ">=") return AsTruth(value.number >= *number);
+    if (hasNothing) {
+        return Truth::No;
+    }
+    if (!value.isNumber || !number) {
+        return Truth::Maybe;
+    }
+    if (op == "<") {
+        return AsTruth(value.number < *number);
+    }
+    if (op == ">") {
+        return AsTruth(value.number > *number);
+    }
+    if (op == "<=") {
+        return AsTruth(value.number <= *number);
+    }
+    if (op == ">=") {
+        return AsTruth(value.number >= *number);
+    }
     return Truth::Maybe;
 }
 
@@ -201,7 +271,9 @@ Predicate MatchOf(const Json& match, const std::shared_ptr<const Sets>& sets, co
     return [match, sets, scope](const Packet& packet) {
         const Json* left = Find(match, "left");
         const Json* right = Find(match, "right");
-        if (left == nullptr || right == nullptr) return Truth::Maybe;
+        if (left == nullptr || right == nullptr) {
+            return Truth::Maybe;
+        }
         const std::optional<Value> value = LeftOf(packet, *left);
         return value ? Compare(*value, TextOf(match, "op"), *right, Matcher(*sets, scope)) : Truth::Maybe;
     };
@@ -210,7 +282,9 @@ Predicate MatchOf(const Json& match, const std::shared_ptr<const Sets>& sets, co
 Predicate All(std::vector<Predicate> predicates) {
     return [predicates = std::move(predicates)](const Packet& packet) {
         Truth truth = Truth::Yes;
-        for (const Predicate& predicate : predicates) truth = Both(truth, predicate(packet));
+        for (const Predicate& predicate : predicates) {
+            truth = Both(truth, predicate(packet));
+        }
         return truth;
     };
 }
@@ -219,11 +293,15 @@ Predicate All(std::vector<Predicate> predicates) {
 void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const std::string& scope,
               std::vector<Rule>* rules) {
     const Json* expressions = Find(rule, "expr");
-    if (expressions == nullptr || !expressions->is_array()) return;
+    if (expressions == nullptr || !expressions->is_array()) {
+        return;
+    }
     const std::string description = "with handle " + std::to_string(rule.value("handle", 0));
     std::vector<Predicate> matches;
     for (const Json& expression : *expressions) {
-        if (!expression.is_object() || IsHarmless(expression)) continue;
+        if (!expression.is_object() || IsHarmless(expression)) {
+            continue;
+        }
         Rule made;
         made.description = description;
         if (const Json* match = Find(expression, "match")) {
@@ -233,11 +311,17 @@ void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const s
             const Json* set = data == nullptr ? nullptr : Find(*data, "set");
             if (set == nullptr && data != nullptr && data->is_string() && data->get<std::string>().front() == '@') {
                 const auto named = sets->find(scope + data->get<std::string>().substr(1));
-                if (named != sets->end()) set = &named->second;
+                if (named != sets->end()) {
+                    set = &named->second;
+                }
             }
-            if (set == nullptr || !set->is_array()) continue;
+            if (set == nullptr || !set->is_array()) {
+                continue;
+            }
             for (const Json& entry : *set) {
-                if (!entry.is_array() || entry.size() != 2 || !ReadVerdict(entry[1], &made)) continue;
+                if (!entry.is_array() || entry.size() != 2 || !ReadVerdict(entry[1], &made)) {
+                    continue;
+                }
                 std::vector<Predicate> all = matches;
                 all.push_back(
                     MatchOf({{"op", "=="}, {"left", map->value("key", Json())}, {"right", entry[0]}}, sets, scope));
@@ -265,7 +349,9 @@ bool BelongsToIptables(const std::string& family, const std::string& table, cons
 std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
     const Json document = Json::parse(json, nullptr, false);
     const Json* entries = Find(document, "nftables");
-    if (entries == nullptr || !entries->is_array()) return std::nullopt;
+    if (entries == nullptr || !entries->is_array()) {
+        return std::nullopt;
+    }
     const auto sets = std::make_shared<Sets>();
     std::vector<Chain> chains;
     std::set<std::string> ofIptables;  // tables
@@ -273,30 +359,46 @@ std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
         for (const char* kind : {"set", "map"}) {
             const Json* set = Find(entry, kind);
             const Json* elements = set == nullptr ? nullptr : Find(*set, "elem");
-            if (elements == nullptr) continue;
+            if (elements == nullptr) {
+                continue;
+            }
             (*sets)[TextOf(*set, "family") + " " + TextOf(*set, "table") + " " + TextOf(*set, "name")] = *elements;
         }
         const Json* chain = Find(entry, "chain");
-        if (chain == nullptr) continue;
+        if (chain == nullptr) {
+            continue;
+        }
         Chain made;
         made.family = TextOf(*chain, "family");
         made.table = TextOf(*chain, "table");
         made.name = TextOf(*chain, "name");
         made.hook = TextOf(*chain, "hook");
         const Json* device = Find(*chain, "dev");
-        if (device != nullptr && device->is_array() && device->size() == 1) device = &(*device)[0];
-        if (device != nullptr && device->is_string()) made.device = device->get<std::string>();
+        if (device != nullptr && device->is_array() && device->size() == 1) {
+            device = &(*device)[0];
+        }
+        if (device != nullptr && device->is_string()) {
+            made.device = device->get<std::string>();
+        }
         made.dropsByPolicy = TextOf(*chain, "policy") == "drop";
-        if (BelongsToIptables(made.family, made.table, made.name)) ofIptables.insert(made.family + " " + made.table);
-        if (made.family == "inet" || made.family == "ip" || made.family == "netdev") chains.push_back(std::move(made));
+        if (BelongsToIptables(made.family, made.table, made.name)) {
+            ofIptables.insert(made.family + " " + made.table);
+        }
+        if (made.family == "inet" || made.family == "ip" || made.family == "netdev") {
+            chains.push_back(std::move(made));
+        }
     }
     for (const Json& entry : *entries) {
         const Json* rule = Find(entry, "rule");
-        if (rule == nullptr) continue;
+        if (rule == nullptr) {
+            continue;
+        }
         const std::string scope = TextOf(*rule, "family") + " " + TextOf(*rule, "table") + " ";
         for (Chain& chain : chains) {
             const bool same = chain.family + " " + chain.table + " " == scope && chain.name == TextOf(*rule, "chain");
-            if (same) AddRules(*rule, sets, scope, &chain.rules);
+            if (same) {
+                AddRules(*rule, sets, scope, &chain.rules);
+            }
         }
     }
     chains.erase(

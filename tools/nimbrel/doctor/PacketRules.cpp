@@ -9,7 +9,7 @@
 namespace Nimbrel2::Tool::Doctor {
 namespace {
 
-constexpr unsigned int kDeepestJump = 32;
+constexpr unsigned int DeepestJump = 32;
 
 // What a chain does to a packet.
 struct Fate {
@@ -36,9 +36,15 @@ public:
         Fate fate;
         for (const Rule& rule : chain.rules) {
             const Truth matches = rule.matches ? rule.matches(m_packet) : Truth::Yes;
-            if (matches == Truth::No || rule.verdict == Rule::Verdict::None) continue;
-            if (!Apply(chain, rule, matches == Truth::Yes, depth, &fate)) continue;
-            if (fate.kind != Fate::Kind::GoesOn) return fate;
+            if (matches == Truth::No || rule.verdict == Rule::Verdict::None) {
+                continue;
+            }
+            if (!Apply(chain, rule, matches == Truth::Yes, depth, &fate)) {
+                continue;
+            }
+            if (fate.kind != Fate::Kind::GoesOn) {
+                return fate;
+            }
             break;  // it returned; at a hook that leaves it to the policy
         }
         if (!chain.hook.empty() && chain.dropsByPolicy) {
@@ -54,7 +60,9 @@ private:
         const std::string how = "by the rule " + rule.description;
         switch (rule.verdict) {
             case Rule::Verdict::Accept:
-                if (sure) fate->kind = Fate::Kind::Accepted;
+                if (sure) {
+                    fate->kind = Fate::Kind::Accepted;
+                }
                 fate->maybeAccepted = fate->maybeAccepted || !sure;
                 return sure;
             case Rule::Verdict::Drop:
@@ -79,7 +87,7 @@ private:
 
     bool Jump(const Chain& chain, const Rule& rule, bool sure, unsigned int depth, Fate* fate) const {
         const Chain* target = FindTarget(chain, rule.target);
-        if (target == nullptr || depth == kDeepestJump) {
+        if (target == nullptr || depth == DeepestJump) {
             fate->maybeAccepted = true;
             return false;
         }
@@ -89,10 +97,16 @@ private:
         if (fate->maybeDropped.empty() && !inside.maybeDropped.empty()) {
             fate->maybeDropped = inside.maybeDropped + " of chain " + target->name;
         }
-        if (inside.kind == Fate::Kind::GoesOn) return sure && rule.verdict == Rule::Verdict::Goto;
+        if (inside.kind == Fate::Kind::GoesOn) {
+            return sure && rule.verdict == Rule::Verdict::Goto;
+        }
         if (!sure) {
-            if (inside.kind == Fate::Kind::Accepted) fate->maybeAccepted = true;
-            if (inside.kind == Fate::Kind::Dropped && fate->maybeDropped.empty()) fate->maybeDropped = how;
+            if (inside.kind == Fate::Kind::Accepted) {
+                fate->maybeAccepted = true;
+            }
+            if (inside.kind == Fate::Kind::Dropped && fate->maybeDropped.empty()) {
+                fate->maybeDropped = how;
+            }
             return false;
         }
         fate->kind = inside.kind;
@@ -103,7 +117,9 @@ private:
     const Chain* FindTarget(const Chain& from, const std::string& name) const {
         for (const Chain& chain : m_chains) {
             const bool same = chain.tool == from.tool && chain.family == from.family && chain.table == from.table;
-            if (same && chain.name == name) return &chain;
+            if (same && chain.name == name) {
+                return &chain;
+            }
         }
         return nullptr;
     }
@@ -116,7 +132,9 @@ private:
 std::string NftMatch(const Packet& packet, bool withInterface) {
     const std::string port = packet.incoming ? "udp sport 3956" : "udp dport 3956";
     // A name with a quote in it cannot be written for nft.
-    if (!withInterface || packet.interface.find('"') != std::string::npos) return port;
+    if (!withInterface || packet.interface.find('"') != std::string::npos) {
+        return port;
+    }
     return std::string(packet.incoming ? "iifname " : "oifname ") + QuoteForShell("\"" + packet.interface + "\"") +
            " " + port;
 }
@@ -137,7 +155,9 @@ Truth Not(Truth a) { return a == Truth::Yes ? Truth::No : a == Truth::No ? Truth
 std::vector<Blocker> RuleSet::FindBlockers(const Packet& packet) const {
     std::vector<Blocker> blockers;
     for (const Chain& chain : chains) {
-        if (chain.hook.empty() || !IsReached(chain, packet)) continue;
+        if (chain.hook.empty() || !IsReached(chain, packet)) {
+            continue;
+        }
         const Fate fate = Walk(chains, packet).Through(chain, 0);
         if (fate.kind == Fate::Kind::Dropped) {
             blockers.push_back({&chain, fate.how, !fate.maybeAccepted});
@@ -170,7 +190,9 @@ std::string CureOf(const RuleSet& rules, const Blocker& blocker, const Packet& p
 }
 
 std::string Describe(const Chain& chain) {
-    if (chain.tool == RuleTool::Nft) return "nftables chain " + chain.family + " " + chain.table + " " + chain.name;
+    if (chain.tool == RuleTool::Nft) {
+        return "nftables chain " + chain.family + " " + chain.table + " " + chain.name;
+    }
     const std::string program = chain.tool == RuleTool::Iptables ? "iptables" : "iptables-legacy";
     return program + " chain " + chain.name + " of table " + chain.table;
 }

@@ -10,10 +10,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kBelowPrefix[] = "lib/udev/rules.d";
+constexpr char BelowPrefix[] = "lib/udev/rules.d";
 // Where udevd looks (udev(7)).
-constexpr const char* kRuleFolders[] = {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
-                                        "/usr/lib/udev/rules.d", "/lib/udev/rules.d"};
+constexpr const char* RuleFolders[] = {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
+                                       "/usr/lib/udev/rules.d", "/lib/udev/rules.d"};
 
 bool Exists(const fs::path& path) {
     std::error_code error;
@@ -24,15 +24,19 @@ bool Exists(const fs::path& path) {
 
 UdevRule FindUdevRule(const std::string& name) {
     UdevRule rule;
-    rule.installed = std::string(NIMBREL2_INSTALL_PREFIX) + "/" + kBelowPrefix + "/" + name;
+    rule.installed = std::string(NIMBREL2_INSTALL_PREFIX) + "/" + BelowPrefix + "/" + name;
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     if (!error) {
         // An installed tree may have been moved.
-        const fs::path beside = program.parent_path().parent_path() / kBelowPrefix / name;
-        if (Exists(beside)) rule.installed = beside.string();
+        const fs::path beside = program.parent_path().parent_path() / BelowPrefix / name;
+        if (Exists(beside)) {
+            rule.installed = beside.string();
+        }
     }
-    for (const char* folder : kRuleFolders) rule.isInForce = rule.isInForce || Exists(fs::path(folder) / name);
+    for (const char* folder : RuleFolders) {
+        rule.isInForce = rule.isInForce || Exists(fs::path(folder) / name);
+    }
     return rule;
 }
 

@@ -16,8 +16,8 @@ namespace {
 using Platform::UsbClaim;
 using Platform::UsbDeviceDiagnosis;
 
-constexpr char kProgramsDriver[] = "usbfs";
-constexpr char kGroup[] = "plugdev";
+constexpr char ProgramsDriver[] = "usbfs";
+constexpr char Group[] = "plugdev";
 
 // A rule for a camera that no class tells.
 std::string CommandForIds(const UsbDeviceDiagnosis& camera) {
@@ -25,29 +25,42 @@ std::string CommandForIds(const UsbDeviceDiagnosis& camera) {
     std::snprintf(text, sizeof text,
                   "echo 'SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", MODE=\"0664\", "
                   "GROUP=\"%s\", TAG+=\"uaccess\"' | sudo tee /etc/udev/rules.d/70-nimbrel2-%04x-%04x.rules && ",
-                  camera.vendorId, camera.productId, kGroup, camera.vendorId, camera.productId);
+                  camera.vendorId, camera.productId, Group, camera.vendorId, camera.productId);
     return text + CommandToReloadUdevRules("usb");
 }
 
 std::string CureOfPermission(const UsbExamination& examined, const UsbDeviceDiagnosis& camera) {
-    if (camera.nodeError == ENOENT)
+    if (camera.nodeError == ENOENT) {
         return "# start this container with the device nodes: /dev/bus/usb must be visible in it";
-    if (!examined.diagnosis.isUdevRunning) return "sudo chmod a+rw " + camera.node;
-    if (!camera.isVision) return CommandForIds(camera);
-    if (!examined.rule.isInForce) return CommandForUsbRule(examined.rule);
-    return std::string("sudo usermod -aG ") + kGroup + " \"$USER\" && newgrp " + kGroup;
+    }
+    if (!examined.diagnosis.isUdevRunning) {
+        return "sudo chmod a+rw " + camera.node;
+    }
+    if (!camera.isVision) {
+        return CommandForIds(camera);
+    }
+    if (!examined.rule.isInForce) {
+        return CommandForUsbRule(examined.rule);
+    }
+    return std::string("sudo usermod -aG ") + Group + " \"$USER\" && newgrp " + Group;
 }
 
 std::string WhyItMayNot(const UsbExamination& examined, const UsbDeviceDiagnosis& camera) {
     std::string text = UsbCameraText(camera) + ": this user may not open " + camera.node + " (" +
                        std::generic_category().message(camera.nodeError) + ")";
-    if (camera.nodeError == ENOENT || !examined.diagnosis.isUdevRunning) return text;
-    if (!camera.isVision || !examined.rule.isInForce) return text + "; no udev rule gives it to users";
-    return text + "; " + UsbRuleName() + " gives it to users at this computer's screen and to the group " + kGroup;
+    if (camera.nodeError == ENOENT || !examined.diagnosis.isUdevRunning) {
+        return text;
+    }
+    if (!camera.isVision || !examined.rule.isInForce) {
+        return text + "; no udev rule gives it to users";
+    }
+    return text + "; " + UsbRuleName() + " gives it to users at this computer's screen and to the group " + Group;
 }
 
 std::string ProgramText(const UsbClaim& claim) {
-    if (claim.process == 0) return "a program that this user may not see";
+    if (claim.process == 0) {
+        return "a program that this user may not see";
+    }
     return "process " + std::to_string(claim.process) + (claim.command.empty() ? "" : " (" + claim.command + ")");
 }
 
@@ -63,7 +76,9 @@ UsbExamination ExamineUsb() {
 Findings CheckUsbDriver(const UsbExamination& examined) {
     const std::string check = "usb.driver";
     // Nobody drives it: not asked for, or on a simulated computer.
-    if (examined.status == HAL_NO_BUS) return {};
+    if (examined.status == HAL_NO_BUS) {
+        return {};
+    }
     if (examined.status != HAL_OK) {
         return {{check, false, "USB cannot be searched: " + DescribeStatus(examined.status),
                  "sudo nimbrel doctor --bus usb"}};
@@ -74,16 +89,21 @@ Findings CheckUsbDriver(const UsbExamination& examined) {
                  "sudo nimbrel doctor --bus usb"}};
     }
     std::size_t cameras = 0;
-    for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) cameras += device.isCamera ? 1 : 0;
+    for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
+        cameras += device.isCamera ? 1 : 0;
+    }
     return {Fine(check, std::to_string(examined.diagnosis.devices.size()) + " USB devices, root hubs included; " +
                             std::to_string(cameras) + (cameras == 1 ? " is a camera" : " are cameras"))};
 }
 
 Findings CheckUsbEvents(const UsbExamination& examined) {
     const std::string check = "usb.events";
-    if (examined.status != HAL_OK) return {};
-    if (examined.diagnosis.hearsUevents)
+    if (examined.status != HAL_OK) {
+        return {};
+    }
+    if (examined.diagnosis.hearsUevents) {
         return {Fine(check, "the kernel tells when a device is plugged in or pulled out")};
+    }
     const std::string late = ": what is plugged in is noticed up to two seconds late";
     if (examined.diagnosis.ueventError != 0) {
         return {{check, false,
@@ -100,7 +120,9 @@ Findings CheckUsbAuthorization(const UsbExamination& examined) {
     Findings findings;
     std::size_t cameras = 0;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (!device.isCamera) continue;
+        if (!device.isCamera) {
+            continue;
+        }
         ++cameras;
         if (!device.isAuthorized) {
             findings.push_back({check, false, UsbCameraText(device) + " is not authorized, so it is not listed",
@@ -121,12 +143,18 @@ Findings CheckUsbPermission(const UsbExamination& examined) {
     Findings findings;
     std::size_t cameras = 0;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (!device.isListed) continue;
+        if (!device.isListed) {
+            continue;
+        }
         ++cameras;
-        if (device.nodeError == 0) continue;
+        if (device.nodeError == 0) {
+            continue;
+        }
         findings.push_back({check, false, WhyItMayNot(examined, device), CureOfPermission(examined, device)});
     }
-    if (findings.empty() && cameras != 0) findings.push_back(Fine(check, "this user may open every USB camera"));
+    if (findings.empty() && cameras != 0) {
+        findings.push_back(Fine(check, "this user may open every USB camera"));
+    }
     return findings;
 }
 
@@ -135,18 +163,22 @@ Findings CheckUsbClaims(const UsbExamination& examined) {
     Findings findings;
     std::size_t cameras = 0;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (!device.isListed) continue;
+        if (!device.isListed) {
+            continue;
+        }
         ++cameras;
         for (const UsbClaim& claim : device.claims) {
             const std::string interface = "interface " + std::to_string(claim.interface);
-            if (claim.driver == kProgramsDriver) {
+            if (claim.driver == ProgramsDriver) {
                 findings.push_back(
                     {check, false,
                      UsbCameraText(device) + " is in use: " + interface + " is claimed by " + ProgramText(claim),
                      claim.process != 0 ? "kill " + std::to_string(claim.process) : "sudo nimbrel doctor --bus usb"});
                 break;  // a program takes all that it uses
             }
-            if (!claim.isControl) continue;
+            if (!claim.isControl) {
+                continue;
+            }
             const std::string name =
                 device.name + ":" + std::to_string(device.configuration) + "." + std::to_string(claim.interface);
             findings.push_back({check, false,
@@ -157,7 +189,9 @@ Findings CheckUsbClaims(const UsbExamination& examined) {
                                 WriteUsbAttribute("/sys/bus/usb/drivers/" + claim.driver + "/unbind", name)});
         }
     }
-    if (findings.empty() && cameras != 0) findings.push_back(Fine(check, "no other program has claimed a USB camera"));
+    if (findings.empty() && cameras != 0) {
+        findings.push_back(Fine(check, "no other program has claimed a USB camera"));
+    }
     return findings;
 }
 

@@ -12,16 +12,18 @@ using Platform::UsbDeviceDiagnosis;
 using Platform::UsbDiagnosis;
 using Platform::UsbPortDiagnosis;
 
-constexpr std::uint32_t kFullSpeed = 12;
-constexpr std::uint32_t kHighSpeed = 480;
-constexpr std::uint32_t kSuperSpeed = 5000;
+constexpr std::uint32_t FullSpeed = 12;
+constexpr std::uint32_t HighSpeed = 480;
+constexpr std::uint32_t SuperSpeed = 5000;
 // One image of 20 million pixels, a few times over.
-constexpr std::uint32_t kStreamingMemory = 128;
-constexpr std::uint32_t kGenerousMemory = 1000;
+constexpr std::uint32_t StreamingMemory = 128;
+constexpr std::uint32_t GenerousMemory = 1000;
 
 bool HasCameraBelow(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& hub) {
     return std::any_of(diagnosis.devices.begin(), diagnosis.devices.end(), [&](const UsbDeviceDiagnosis& device) {
-        if (!device.isCamera) return false;
+        if (!device.isCamera) {
+            return false;
+        }
         const auto hubs = HubsAbove(diagnosis, device);
         return std::find(hubs.begin(), hubs.end(), &hub) != hubs.end();
     });
@@ -36,7 +38,7 @@ struct Blame {
 
 bool HasSuperSpeed(const UsbDiagnosis& diagnosis) {
     return std::any_of(diagnosis.devices.begin(), diagnosis.devices.end(), [](const UsbDeviceDiagnosis& device) {
-        return device.hub.empty() && device.speed >= kSuperSpeed;
+        return device.hub.empty() && device.speed >= SuperSpeed;
     });
 }
 
@@ -58,13 +60,15 @@ Blame FindBlame(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& camera)
     const UsbDeviceDiagnosis* device = &camera;
     for (const UsbDeviceDiagnosis* hub : HubsAbove(diagnosis, camera)) {
         const std::string who = device == &camera ? "the camera" : UsbHubText(*device);
-        if (device->portSpeed >= kSuperSpeed) {
+        if (device->portSpeed >= SuperSpeed) {
             return {"the cable of " + who + ", for " + UsbPortText(diagnosis, *device) + " can do " +
                         SpeedText(device->portSpeed),
                     "# connect " + who + " with another USB 3 cable, pushed in all the way"};
         }
-        if (hub->hub.empty()) return BlameRootPort(diagnosis, *device, who);
-        if (hub->deviceSpeed != 0 && hub->deviceSpeed < kSuperSpeed) {
+        if (hub->hub.empty()) {
+            return BlameRootPort(diagnosis, *device, who);
+        }
+        if (hub->deviceSpeed != 0 && hub->deviceSpeed < SuperSpeed) {
             return {UsbHubText(*hub) + ", which is no USB 3 hub",
                     "# connect the camera past " + UsbHubText(*hub) + ", or put a USB 3 hub in its place"};
         }
@@ -93,8 +97,10 @@ Findings CheckUsbSpeed(const UsbExamination& examined) {
     Findings findings;
     std::string measured;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (!device.isCamera) continue;
-        if (device.speed == 0 || device.speed >= kSuperSpeed || device.deviceSpeed < kSuperSpeed) {
+        if (!device.isCamera) {
+            continue;
+        }
+        if (device.speed == 0 || device.speed >= SuperSpeed || device.deviceSpeed < SuperSpeed) {
             measured += (measured.empty() ? "" : "; ") + UsbCameraText(device) + ": " +
                         (device.speed == 0 ? "speed unknown" : SpeedText(device.speed));
             continue;
@@ -105,7 +111,9 @@ Findings CheckUsbSpeed(const UsbExamination& examined) {
                                 SpeedText(device.speed) + "; to blame: " + blame.what,
                             blame.cure});
     }
-    if (findings.empty() && !measured.empty()) findings.push_back(Fine(check, measured));
+    if (findings.empty() && !measured.empty()) {
+        findings.push_back(Fine(check, measured));
+    }
     return findings;
 }
 
@@ -114,10 +122,12 @@ Findings CheckUsbHubSpeed(const UsbExamination& examined) {
     Findings findings;
     std::size_t hubs = 0;
     for (const UsbDeviceDiagnosis& hub : examined.diagnosis.devices) {
-        if (!hub.isHub || hub.hub.empty()) continue;
-        const bool hasFallen = hub.deviceSpeed >= kHighSpeed;
+        if (!hub.isHub || hub.hub.empty()) {
+            continue;
+        }
+        const bool hasFallen = hub.deviceSpeed >= HighSpeed;
         // A hub of long ago matters to the cameras behind it only.
-        if (hub.speed == 0 || hub.speed > kFullSpeed || (!hasFallen && !HasCameraBelow(examined.diagnosis, hub))) {
+        if (hub.speed == 0 || hub.speed > FullSpeed || (!hasFallen && !HasCameraBelow(examined.diagnosis, hub))) {
             ++hubs;
             continue;
         }
@@ -129,7 +139,9 @@ Findings CheckUsbHubSpeed(const UsbExamination& examined) {
                             hasFallen ? "# pull " + UsbHubText(hub) + " out and plug it in again, with another cable"
                                       : "# put another hub in the place of " + UsbHubText(hub)});
     }
-    if (findings.empty() && hubs != 0) findings.push_back(Fine(check, "every hub runs at 480 Mbit/s or more"));
+    if (findings.empty() && hubs != 0) {
+        findings.push_back(Fine(check, "every hub runs at 480 Mbit/s or more"));
+    }
     return findings;
 }
 
@@ -140,7 +152,9 @@ Findings CheckUsbOverCurrent(const UsbExamination& examined) {
     for (const UsbDeviceDiagnosis& hub : examined.diagnosis.devices) {
         for (const UsbPortDiagnosis& port : hub.ports) {
             ++ports;
-            if (port.overCurrents == 0) continue;
+            if (port.overCurrents == 0) {
+                continue;
+            }
             findings.push_back({check, false,
                                 "port " + std::to_string(port.number) + " of " + UsbHubText(hub) +
                                     " was switched off " + std::to_string(port.overCurrents) +
@@ -149,7 +163,9 @@ Findings CheckUsbOverCurrent(const UsbExamination& examined) {
                                 "# connect what is on it through a hub with a power supply of its own"});
         }
     }
-    if (findings.empty() && ports != 0) findings.push_back(Fine(check, "no port was switched off for over-current"));
+    if (findings.empty() && ports != 0) {
+        findings.push_back(Fine(check, "no port was switched off for over-current"));
+    }
     return findings;
 }
 
@@ -158,13 +174,19 @@ Findings CheckUsbSuspend(const UsbExamination& examined) {
     std::vector<const UsbDeviceDiagnosis*> told;
     std::size_t cameras = 0;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
-        if (!device.isListed) continue;
+        if (!device.isListed) {
+            continue;
+        }
         ++cameras;
-        if (MaySuspend(device)) findings.push_back(SuspendFinding(device, UsbCameraText(device)));
+        if (MaySuspend(device)) {
+            findings.push_back(SuspendFinding(device, UsbCameraText(device)));
+        }
         for (const UsbDeviceDiagnosis* hub : HubsAbove(examined.diagnosis, device)) {
             // A hub stays awake as long as what is on it does, and each hub is told of once.
             const bool matters = MaySuspend(*hub) && (MaySuspend(device) || hub->runtimeStatus == "suspended");
-            if (!matters || std::find(told.begin(), told.end(), hub) != told.end()) continue;
+            if (!matters || std::find(told.begin(), told.end(), hub) != told.end()) {
+                continue;
+            }
             told.push_back(hub);
             findings.push_back(SuspendFinding(*hub, UsbHubText(*hub) + " above " + UsbCameraText(device)));
         }
@@ -179,17 +201,23 @@ Findings CheckUsbMemory(const UsbExamination& examined) {
     const std::string check = "usb.memory";
     const auto& devices = examined.diagnosis.devices;
     const bool hasFastCamera = std::any_of(devices.begin(), devices.end(), [](const UsbDeviceDiagnosis& device) {
-        return device.isCamera && device.speed >= kSuperSpeed;
+        return device.isCamera && device.speed >= SuperSpeed;
     });
-    if (!hasFastCamera || !examined.diagnosis.memoryLimit) return {};
+    if (!hasFastCamera || !examined.diagnosis.memoryLimit) {
+        return {};
+    }
     const std::uint32_t limit = *examined.diagnosis.memoryLimit;
     const std::string evidence = "usbfs_memory_mb is " + std::to_string(limit);
-    if (limit == 0) return {Fine(check, evidence + ": no limit")};
-    if (limit >= kStreamingMemory) return {Fine(check, evidence)};
+    if (limit == 0) {
+        return {Fine(check, evidence + ": no limit")};
+    }
+    if (limit >= StreamingMemory) {
+        return {Fine(check, evidence)};
+    }
     return {{check, false,
              evidence + " for the transfers of all programs together; SuperSpeed cameras need " +
-                 std::to_string(kStreamingMemory) + " and more to stream",
-             WriteUsbAttribute("/sys/module/usbcore/parameters/usbfs_memory_mb", std::to_string(kGenerousMemory))}};
+                 std::to_string(StreamingMemory) + " and more to stream",
+             WriteUsbAttribute("/sys/module/usbcore/parameters/usbfs_memory_mb", std::to_string(GenerousMemory))}};
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

@@ -5,19 +5,21 @@
 namespace Nimbrel2::Tool::Doctor {
 namespace {
 
-constexpr char kName[] = "70-nimbrel2-usb3-vision.rules";
+constexpr char RuleName[] = "70-nimbrel2-usb3-vision.rules";
 
 }  // namespace
 
-std::string UsbRuleName() { return kName; }
+std::string UsbRuleName() { return RuleName; }
 
-UsbRule FindUsbRule() { return FindUdevRule(kName); }
+UsbRule FindUsbRule() { return FindUdevRule(RuleName); }
 
 std::string CommandForUsbRule(const UsbRule& rule) { return CommandForUdevRule(rule, "usb"); }
 
 std::string HintForUsbPermission() {
     const UsbRule rule = FindUsbRule();
-    if (rule.isInForce) return "`nimbrel doctor --bus usb` finds out why.";
+    if (rule.isInForce) {
+        return "`nimbrel doctor --bus usb` finds out why.";
+    }
     return "Let users open USB cameras: `" + CommandForUsbRule(rule) + "`.";
 }
 

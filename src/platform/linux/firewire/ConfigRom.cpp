@@ -10,24 +10,24 @@ namespace {
 
 using Quadlets = std::span<const std::uint32_t>;
 
-constexpr std::uint32_t kBusName = 0x31333934;  // "1394"
-constexpr std::size_t kBusInfoQuadlets = 5;
-constexpr std::uint32_t kCycleMasterCapable = 1U << 30;
+constexpr std::uint32_t BusName = 0x31333934;  // "1394"
+constexpr std::size_t BusInfoQuadlets = 5;
+constexpr std::uint32_t CycleMasterCapable = 1U << 30;
 // One after the other they could ask for 256 units, each with texts; no device has more than a few.
-constexpr std::size_t kMaxUnits = 16;
+constexpr std::size_t MaxUnits = 16;
 
 // Keys (IEEE 1212): the two top bits tell immediate, CSR offset, leaf and directory.
 enum Key : std::uint32_t {
-    kVendor = 0x03,
-    kSpecifier = 0x12,
-    kVersion = 0x13,
-    kModel = 0x17,
-    kTextLeaf = 0x81,
-    kModelLeaf = 0x82,
-    kTextDirectory = 0xC1,
-    kModelDirectory = 0xC2,
-    kUnit = 0xD1,
-    kUnitDependent = 0xD4,
+    Vendor = 0x03,
+    Specifier = 0x12,
+    Version = 0x13,
+    Model = 0x17,
+    TextLeaf = 0x81,
+    ModelLeaf = 0x82,
+    TextDirectory = 0xC1,
+    ModelDirectory = 0xC2,
+    Unit = 0xD1,
+    UnitDependent = 0xD4,
 };
 
 struct Entry {
@@ -38,7 +38,9 @@ struct Entry {
 
 /// The quadlets of a directory or leaf behind its header, as many as there are. Empty when the header is outside.
 Quadlets BlockAt(Quadlets rom, std::size_t header) {
-    if (header >= rom.size()) return {};
+    if (header >= rom.size()) {
+        return {};
+    }
     const Quadlets behind = rom.subspan(header + 1);
     return behind.first(std::min<std::size_t>(behind.size(), rom[header] >> 16));
 }
@@ -61,12 +63,16 @@ std::size_t TargetOf(Quadlets rom, const Entry& entry) {
 /// The text of a leaf in minimal ASCII, empty for any other: two zero quadlets, then four characters a quadlet.
 std::string LeafText(Quadlets rom, std::size_t header) {
     const Quadlets leaf = BlockAt(rom, header);
-    if (leaf.size() < 2 || leaf[0] != 0 || leaf[1] != 0) return {};
+    if (leaf.size() < 2 || leaf[0] != 0 || leaf[1] != 0) {
+        return {};
+    }
     std::string text;
     for (const std::uint32_t quadlet : leaf.subspan(2)) {
         for (int shift = 24; shift >= 0; shift -= 8) {
             const auto character = static_cast<char>(static_cast<unsigned char>(quadlet >> shift & 0xFF));
-            if (character == '\0') return text.substr(0, text.find_last_not_of(' ') + 1);
+            if (character == '\0') {
+                return text.substr(0, text.find_last_not_of(' ') + 1);
+            }
             text += character;
         }
     }
@@ -76,31 +82,47 @@ std::string LeafText(Quadlets rom, std::size_t header) {
 /// The text that an entry leads to: a leaf, or the first leaf in minimal ASCII of a directory of texts.
 std::string TextOf(Quadlets rom, const Entry& entry) {
     const std::size_t target = TargetOf(rom, entry);
-    if (entry.key == kTextLeaf || entry.key == kModelLeaf) return LeafText(rom, target);
+    if (entry.key == TextLeaf || entry.key == ModelLeaf) {
+        return LeafText(rom, target);
+    }
     for (const Entry& inner : EntriesAt(rom, target)) {
-        if (inner.key != kTextLeaf) continue;
+        if (inner.key != TextLeaf) {
+            continue;
+        }
         std::string text = LeafText(rom, TargetOf(rom, inner));
-        if (!text.empty()) return text;
+        if (!text.empty()) {
+            return text;
+        }
     }
     return {};
 }
 
-bool IsText(const Entry& entry) { return entry.key == kTextLeaf || entry.key == kTextDirectory; }
-bool IsModelText(const Entry& entry) { return entry.key == kModelLeaf || entry.key == kModelDirectory; }
+bool IsText(const Entry& entry) { return entry.key == TextLeaf || entry.key == TextDirectory; }
+bool IsModelText(const Entry& entry) { return entry.key == ModelLeaf || entry.key == ModelDirectory; }
 
 void ReadUnitDependent(Quadlets rom, std::size_t header, RomUnit* unit) {
     for (const Entry& entry : EntriesAt(rom, header)) {
-        if (IsText(entry) && unit->vendor.empty()) unit->vendor = TextOf(rom, entry);
-        if (IsModelText(entry) && unit->model.empty()) unit->model = TextOf(rom, entry);
+        if (IsText(entry) && unit->vendor.empty()) {
+            unit->vendor = TextOf(rom, entry);
+        }
+        if (IsModelText(entry) && unit->model.empty()) {
+            unit->model = TextOf(rom, entry);
+        }
     }
 }
 
 RomUnit ReadUnit(Quadlets rom, std::size_t header) {
     RomUnit unit;
     for (const Entry& entry : EntriesAt(rom, header)) {
-        if (entry.key == kSpecifier) unit.specifier = entry.value;
-        if (entry.key == kVersion) unit.version = entry.value;
-        if (entry.key == kUnitDependent) ReadUnitDependent(rom, TargetOf(rom, entry), &unit);
+        if (entry.key == Specifier) {
+            unit.specifier = entry.value;
+        }
+        if (entry.key == Version) {
+            unit.version = entry.value;
+        }
+        if (entry.key == UnitDependent) {
+            ReadUnitDependent(rom, TargetOf(rom, entry), &unit);
+        }
     }
     return unit;
 }
@@ -125,22 +147,28 @@ const std::string& RomInfo::GetModel() const {
 }
 
 std::optional<RomInfo> ParseConfigRom(std::span<const std::uint32_t> quadlets) {
-    const Quadlets rom = quadlets.first(std::min(quadlets.size(), kMaxRomQuadlets));
-    if (rom.size() < kBusInfoQuadlets || rom[1] != kBusName) return std::nullopt;
+    const Quadlets rom = quadlets.first(std::min(quadlets.size(), MaxRomQuadlets));
+    if (rom.size() < BusInfoQuadlets || rom[1] != BusName) {
+        return std::nullopt;
+    }
     RomInfo info;
     info.eui64 = std::uint64_t{rom[3]} << 32 | rom[4];
-    info.cycleMasterCapable = (rom[2] & kCycleMasterCapable) != 0;
+    info.cycleMasterCapable = (rom[2] & CycleMasterCapable) != 0;
 
     // The root directory stands behind the bus information block of IEEE 1394, whatever length that claims to have.
     std::uint32_t described = 0;  // a text names the entry before it
-    for (const Entry& entry : EntriesAt(rom, kBusInfoQuadlets)) {
+    for (const Entry& entry : EntriesAt(rom, BusInfoQuadlets)) {
         if (IsText(entry)) {
-            if (described == kVendor && info.vendor.empty()) info.vendor = TextOf(rom, entry);
-            if (described == kModel && info.model.empty()) info.model = TextOf(rom, entry);
+            if (described == Vendor && info.vendor.empty()) {
+                info.vendor = TextOf(rom, entry);
+            }
+            if (described == Model && info.model.empty()) {
+                info.model = TextOf(rom, entry);
+            }
             continue;
         }
         described = entry.key;
-        if (entry.key == kUnit && info.units.size() < kMaxUnits) {
+        if (entry.key == Unit && info.units.size() < MaxUnits) {
             info.units.push_back(ReadUnit(rom, TargetOf(rom, entry)));
         }
     }

@@ -13,7 +13,7 @@
 namespace Nimbrel2::Platform::FireWire {
 
 /// The kernel reads no more of a ROM.
-inline constexpr std::size_t kMaxRomQuadlets = 256;
+inline constexpr std::size_t MaxRomQuadlets = 256;
 
 struct RomUnit {
     std::uint32_t specifier = 0;

@@ -12,8 +12,8 @@
 namespace Nimbrel2::Platform::FireWire {
 namespace {
 
-constexpr unsigned int kMaxPhys = 63;
-constexpr std::uint32_t kFirstPagedRegister = 8;
+constexpr unsigned int MaxPhys = 63;
+constexpr std::uint32_t FirstPagedRegister = 8;
 
 unsigned int PhyIdOf(std::uint16_t nodeId) { return nodeId & 0x3F; }
 
@@ -25,8 +25,10 @@ struct PhyPackets {
 
 PhyPackets RemoteAccess(unsigned int phyId, std::uint32_t page, std::uint32_t port, std::uint32_t address) {
     const std::uint32_t phy = phyId << 24;
-    if (address < kFirstPagedRegister) return {phy | 1U << 18 | address << 8, phy | 3U << 18 | address << 8};
-    const std::uint32_t paged = phy | page << 15 | port << 11 | (address - kFirstPagedRegister) << 8;
+    if (address < FirstPagedRegister) {
+        return {phy | 1U << 18 | address << 8, phy | 3U << 18 | address << 8};
+    }
+    const std::uint32_t paged = phy | page << 15 | port << 11 | (address - FirstPagedRegister) << 8;
     return {paged | 5U << 18, paged | 7U << 18};
 }
 
@@ -38,11 +40,15 @@ std::uint32_t FireWireCore::WaitForSelfIds(UniqueLock& lock, const std::string& 
     while (true) {
         Node* local = nullptr;
         const std::uint32_t status = CheckSelfIds(path, &local);
-        if (status != HAL_BUSY || Clock::now() >= deadline || local == nullptr) return status;
+        if (status != HAL_BUSY || Clock::now() >= deadline || local == nullptr) {
+            return status;
+        }
         Card& card = m_cards[path];
         if (card.selfIds.generation != card.ids.generation || card.selfIds.state == State::None) {
             AskSelfIds(*local, card);
-            if (card.selfIds.state == State::None && !Pause(lock, m_timings.busyPause)) return HAL_CLOSED;
+            if (card.selfIds.state == State::None && !Pause(lock, m_timings.busyPause)) {
+                return HAL_CLOSED;
+            }
         } else {
             m_changed.WaitUntil(lock, deadline);
         }
@@ -68,9 +74,15 @@ std::uint32_t FireWireCore::GetSelfIds(const NodeKey& key, std::vector<SelfIdPac
     UniqueLock lock(m_mutex);
     Node* node = nullptr;
     std::uint32_t status = FindPresent(key, &node);
-    if (status == HAL_OK) status = WaitForSelfIds(lock, key.card);
-    if (status == HAL_OK) status = FindPresent(key, &node);
-    if (status != HAL_OK) return status;
+    if (status == HAL_OK) {
+        status = WaitForSelfIds(lock, key.card);
+    }
+    if (status == HAL_OK) {
+        status = FindPresent(key, &node);
+    }
+    if (status != HAL_OK) {
+        return status;
+    }
     const Card& card = m_cards[key.card];
     *packets = card.selfIds.value;
     *busKey = card.number.value_or(0) + std::uint64_t{1};
@@ -85,18 +97,30 @@ std::uint32_t FireWireCore::GetNodeSerialNumbers(const NodeKey& key, std::vector
         RefreshCard(key.card);
         m_monitor.Wake();
         Node* asked = nullptr;
-        if (const std::uint32_t status = FindPresent(key, &asked); status != HAL_OK) return status;
+        if (const std::uint32_t status = FindPresent(key, &asked); status != HAL_OK) {
+            return status;
+        }
         // Numbers of different generations would give one node's serial number to another.
-        if (IsOfOneGeneration(key.card)) break;
-        if (Clock::now() >= deadline) return HAL_BUSY;
-        if (!Pause(lock, m_timings.generationPause)) return HAL_CLOSED;
+        if (IsOfOneGeneration(key.card)) {
+            break;
+        }
+        if (Clock::now() >= deadline) {
+            return HAL_BUSY;
+        }
+        if (!Pause(lock, m_timings.generationPause)) {
+            return HAL_CLOSED;
+        }
     }
     const BusIds& bus = m_cards[key.card].ids;
-    serialNumbers->assign(std::min(PhyIdOf(bus.root) + 1, kMaxPhys), 0);
+    serialNumbers->assign(std::min(PhyIdOf(bus.root) + 1, MaxPhys), 0);
     for (const auto& [name, node] : m_nodes) {
-        if (node.key.card != key.card || !node.IsOpen() || !IsPresent(node)) continue;
+        if (node.key.card != key.card || !node.IsOpen() || !IsPresent(node)) {
+            continue;
+        }
         const unsigned int phyId = PhyIdOf(node.ids.node);
-        if (phyId < serialNumbers->size()) (*serialNumbers)[phyId] = static_cast<std::uint32_t>(node.key.eui64);
+        if (phyId < serialNumbers->size()) {
+            (*serialNumbers)[phyId] = static_cast<std::uint32_t>(node.key.eui64);
+        }
     }
     return HAL_OK;
 }
@@ -111,17 +135,25 @@ std::uint32_t FireWireCore::FireBusReset(const NodeKey& key) {
         m_monitor.Wake();
         Node* node = nullptr;
         status = FindPresent(key, &node);
-        if (status != HAL_OK) return status;
+        if (status != HAL_OK) {
+            return status;
+        }
         status = StatusOfOpen(node->openError);
-        if (node->IsOpen()) files.push_back(node->file);
+        if (node->IsOpen()) {
+            files.push_back(node->file);
+        }
         for (const auto& [name, other] : m_nodes) {
             const bool isUsable = other.key.card == key.card && other.IsOpen() && IsPresent(other);
-            if (isUsable && &other != node) files.push_back(other.file);
+            if (isUsable && &other != node) {
+                files.push_back(other.file);
+            }
         }
     }
     for (const std::shared_ptr<NodeFile>& file : files) {
         const int error = file->ResetBus();
-        if (error == 0) return HAL_OK;
+        if (error == 0) {
+            return HAL_OK;
+        }
         status = error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
     }
     return status;
@@ -138,7 +170,9 @@ std::uint32_t FireWireCore::ReadPhy(const NodeKey& key, std::uint32_t page, std:
             *value = *answer;
             return HAL_OK;
         }
-        if (status != HAL_OK && status != HAL_BUS_CHANGED) return status;
+        if (status != HAL_OK && status != HAL_BUS_CHANGED) {
+            return status;
+        }
     }
     // A PHY older than IEEE 1394a-2000 knows no remote access.
     return status == HAL_OK ? static_cast<std::uint32_t>(HAL_TIMED_OUT) : static_cast<std::uint32_t>(HAL_BUSY);
@@ -154,13 +188,19 @@ std::uint32_t FireWireCore::AskPhy(UniqueLock& lock, const NodeKey& key, std::ui
     Node* node = nullptr;
     Node* local = nullptr;
     std::uint32_t status = FindUsable(key, &node);
-    if (status == HAL_OK) status = FindUsableLocal(key.card, &local);
-    if (status != HAL_OK) return status;
+    if (status == HAL_OK) {
+        status = FindUsableLocal(key.card, &local);
+    }
+    if (status != HAL_OK) {
+        return status;
+    }
     if (node->ids.generation != local->ids.generation) {
         return Pause(lock, m_timings.generationPause) ? HAL_BUS_CHANGED : HAL_CLOSED;
     }
     if (!local->receivesPhyPackets) {
-        if (const int error = local->file->ReceivePhyPackets()) return StatusOfErrno(error);
+        if (const int error = local->file->ReceivePhyPackets()) {
+            return StatusOfErrno(error);
+        }
         local->receivesPhyPackets = true;
     }
     const PhyPackets packets = RemoteAccess(PhyIdOf(node->ids.node), page, port, address);
@@ -183,8 +223,12 @@ std::uint32_t FireWireCore::AskPhy(UniqueLock& lock, const NodeKey& key, std::ui
     }
     m_answers.erase(closure);
     *value = sent->phyValue;
-    if (!m_running) return HAL_CLOSED;
-    if (error != 0) return error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
+    if (error != 0) {
+        return error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
+    }
     return sent->complete && sent->rcode == RCODE_GENERATION ? HAL_BUS_CHANGED : HAL_OK;
 }
 

@@ -8,9 +8,9 @@
 namespace Nimbrel2::Platform::FireWire {
 namespace {
 
-constexpr std::uint64_t kStateClearOffset = 0xFFFFF0000000;
-constexpr std::uint32_t kSlowestPhy = 100;       // Mbit/s, doubled with each speed code
-constexpr std::uint32_t kCycleMaster = 1U << 8;  // cmstr: sends cycle starts when it is the root
+constexpr std::uint64_t StateClearOffset = 0xFFFFF0000000;
+constexpr std::uint32_t SlowestPhy = 100;       // Mbit/s, doubled with each speed code
+constexpr std::uint32_t CycleMaster = 1U << 8;  // cmstr: sends cycle starts when it is the root
 
 /// Nobody has the number 63.
 std::optional<unsigned int> PhyIdOf(std::uint16_t nodeId) {
@@ -23,13 +23,21 @@ std::optional<unsigned int> PhyIdOf(std::uint16_t nodeId) {
 // The tree is the controller's own knowledge: reading it sends nothing over the bus.
 std::uint32_t FireWireCore::Describe(std::vector<BusMap>* maps) {
     UniqueLock lock(m_mutex);
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     std::vector<std::string> paths;
-    for (const auto& [path, card] : m_cards) paths.push_back(path);
+    for (const auto& [path, card] : m_cards) {
+        paths.push_back(path);
+    }
     for (const std::string& path : paths) {
         WaitForSelfIds(lock, path);
-        if (!m_running) return HAL_CLOSED;
-        if (m_cards.count(path) != 0) maps->push_back(DescribeBus(path));
+        if (!m_running) {
+            return HAL_CLOSED;
+        }
+        if (m_cards.count(path) != 0) {
+            maps->push_back(DescribeBus(path));
+        }
     }
     return HAL_OK;
 }
@@ -46,13 +54,15 @@ BusMap FireWireCore::DescribeBus(const std::string& path) {
     if (isKnown) {
         for (const FireWirePhy& phy : card.phys) {
             BusMapNode& entry = nodes[phy.phyId];
-            entry.speed = kSlowestPhy << phy.speed;
+            entry.speed = SlowestPhy << phy.speed;
             entry.isHub = !phy.linkActive;
         }
     }
     for (const auto& [name, node] : m_nodes) {
         const auto phyId = PhyIdOf(node.ids.node);
-        if (node.key.card != path || !IsPresent(node) || !node.IsOpen() || !phyId) continue;
+        if (node.key.card != path || !IsPresent(node) || !node.IsOpen() || !phyId) {
+            continue;
+        }
         BusMapNode& entry = nodes[*phyId];
         entry.isHub = false;
         entry.isThisComputer = node.scanned.isLocal;
@@ -80,17 +90,25 @@ std::uint32_t FireWireCore::Diagnose(bool askNodes, FireWireDiagnosis* diagnosis
     std::vector<NodeKey> cameras;
     {
         const LockGuard lock(m_mutex);
-        if (!m_running) return HAL_CLOSED;
+        if (!m_running) {
+            return HAL_CLOSED;
+        }
         diagnosis->driverLoaded = m_driverLoaded;
-        for (const auto& [path, card] : m_cards) paths.push_back(path);
+        for (const auto& [path, card] : m_cards) {
+            paths.push_back(path);
+        }
         for (const auto& [name, node] : m_nodes) {
-            if (node.FindCamera() != nullptr) cameras.push_back(node.key);
+            if (node.FindCamera() != nullptr) {
+                cameras.push_back(node.key);
+            }
         }
     }
     // Whether they answer; the first asks for all.
     std::uint32_t serialNumber = 0;
     for (const NodeKey& camera : cameras) {
-        if (askNodes) ReadSerialNumber(camera, &serialNumber);
+        if (askNodes) {
+            ReadSerialNumber(camera, &serialNumber);
+        }
     }
     for (const std::string& path : paths) {
         std::optional<NodeKey> root;
@@ -98,15 +116,23 @@ std::uint32_t FireWireCore::Diagnose(bool askNodes, FireWireDiagnosis* diagnosis
             UniqueLock lock(m_mutex);
             Node* local = nullptr;
             const std::uint32_t selfIdStatus = askNodes ? WaitForSelfIds(lock, path) : CheckSelfIds(path, &local);
-            if (!m_running) return HAL_CLOSED;
-            if (m_cards.count(path) == 0) continue;
+            if (!m_running) {
+                return HAL_CLOSED;
+            }
+            if (m_cards.count(path) == 0) {
+                continue;
+            }
             diagnosis->buses.push_back(DiagnoseBus(path, selfIdStatus));
             root = FindRoot(path);
         }
-        if (!root || !askNodes) continue;
+        if (!root || !askNodes) {
+            continue;
+        }
         std::uint32_t state = 0;
-        const std::uint32_t status = Execute(*root, {RequestKind::ReadQuadlet, kStateClearOffset, 4, 0}, &state);
-        if (status == HAL_OK) diagnosis->buses.back().hasCycleMaster = (state & kCycleMaster) != 0;
+        const std::uint32_t status = Execute(*root, {RequestKind::ReadQuadlet, StateClearOffset, 4, 0}, &state);
+        if (status == HAL_OK) {
+            diagnosis->buses.back().hasCycleMaster = (state & CycleMaster) != 0;
+        }
     }
     return HAL_OK;
 }
@@ -114,8 +140,9 @@ std::uint32_t FireWireCore::Diagnose(bool askNodes, FireWireDiagnosis* diagnosis
 std::optional<NodeKey> FireWireCore::FindRoot(const std::string& path) {
     const Card& card = m_cards[path];
     for (const auto& [name, node] : m_nodes) {
-        if (node.key.card == path && node.IsOpen() && IsPresent(node) && node.ids.node == card.ids.root)
+        if (node.key.card == path && node.IsOpen() && IsPresent(node) && node.ids.node == card.ids.root) {
             return node.key;
+        }
     }
     return std::nullopt;
 }
@@ -134,9 +161,13 @@ FireWireBusDiagnosis FireWireCore::DiagnoseBus(const std::string& path, std::uin
         bus.busManager = PhyIdOf(card.ids.busManager);
         bus.resourceManager = PhyIdOf(card.ids.resourceManager);
     }
-    if (selfIdStatus == HAL_OK) bus.phys = card.phys;
+    if (selfIdStatus == HAL_OK) {
+        bus.phys = card.phys;
+    }
     for (const auto& [name, node] : m_nodes) {
-        if (node.key.card != path || !IsPresent(node)) continue;
+        if (node.key.card != path || !IsPresent(node)) {
+            continue;
+        }
         bus.seesResets = bus.seesResets || node.IsOpen();
         FireWireNode shown;
         shown.name = name;
@@ -147,7 +178,9 @@ FireWireBusDiagnosis FireWireCore::DiagnoseBus(const std::string& path, std::uin
         shown.local = node.scanned.isLocal;
         shown.cycleMasterCapable = node.rom.cycleMasterCapable;
         shown.error = node.openError;
-        if (node.IsOpen()) shown.phyId = PhyIdOf(node.ids.node);
+        if (node.IsOpen()) {
+            shown.phyId = PhyIdOf(node.ids.node);
+        }
         shown.mute = node.mute;
         bus.nodes.push_back(std::move(shown));
     }
@@ -160,11 +193,15 @@ FireWireBusDiagnosis FireWireCore::DiagnoseBus(const std::string& path, std::uin
     bus.resets = static_cast<unsigned int>(std::count_if(card.resetTimes.begin(), card.resetTimes.end(), isRecent));
     std::map<Socket, unsigned int> sockets;
     for (const auto& [at, socket] : card.portChanges) {
-        if (isRecent(at)) ++sockets[socket];
+        if (isRecent(at)) {
+            ++sockets[socket];
+        }
     }
     for (const auto& [socket, changes] : sockets) {
         const FireWirePhy* phy = FollowWay(card.phys, card.local, socket.way);
-        if (phy != nullptr) bus.portChanges.push_back({phy->phyId, socket.port, changes});
+        if (phy != nullptr) {
+            bus.portChanges.push_back({phy->phyId, socket.port, changes});
+        }
     }
     return bus;
 }

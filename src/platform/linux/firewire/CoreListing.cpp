@@ -7,30 +7,42 @@
 namespace Nimbrel2::Platform::FireWire {
 namespace {
 
-constexpr std::uint32_t kUnknownCard = 0xFFFF;
+constexpr std::uint32_t UnknownCard = 0xFFFF;
 
 }  // namespace
 
 // The monitor looks anew for each listing, so that one is right whether or not what it shows was told.
 std::uint32_t FireWireCore::List(NodeKind kind, std::vector<ListedNode>* nodes, BusState* state) {
     UniqueLock lock(m_mutex);
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     const std::uint64_t look = ++m_looksWanted;
     m_monitor.Wake();
     const bool hasLooked =
         m_changed.WaitUntil(lock, Clock::now() + m_timings.listing,
                             [&]() NIMBREL2_REQUIRES(m_mutex) { return !m_running || m_looksDone >= look; });
-    if (!m_running) return HAL_CLOSED;
-    if (!hasLooked) return HAL_TIMED_OUT;
-    if (m_lookStatus != HAL_OK) return m_lookStatus;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
+    if (!hasLooked) {
+        return HAL_TIMED_OUT;
+    }
+    if (m_lookStatus != HAL_OK) {
+        return m_lookStatus;
+    }
 
     // What was reported last: the monitor reports with this lock held.
     *state = GetState();
     std::set<NodeKey> seen;
     for (const auto& [name, node] : m_nodes) {
-        if (node.scanned.isLocal || !IsPresent(node)) continue;
+        if (node.scanned.isLocal || !IsPresent(node)) {
+            continue;
+        }
         const RomUnit* camera = node.FindCamera();
-        if ((camera != nullptr) != (kind == NodeKind::Camera) || !seen.insert(node.key).second) continue;
+        if ((camera != nullptr) != (kind == NodeKind::Camera) || !seen.insert(node.key).second) {
+            continue;
+        }
         const std::uint32_t version = camera != nullptr        ? camera->version
                                       : node.rom.units.empty() ? 0
                                                                : node.rom.units.front().version;
@@ -44,9 +56,11 @@ std::uint32_t FireWireCore::GetIds(const NodeKey& key, std::uint16_t* nodeId, st
     const LockGuard lock(m_mutex);
     Node* node = nullptr;
     const std::uint32_t status = FindPresent(key, &node);
-    if (status != HAL_OK) return status;
-    *nodeId = node->IsOpen() ? node->ids.node : kUnknownNode;
-    *card = m_cards[key.card].number.value_or(kUnknownCard);
+    if (status != HAL_OK) {
+        return status;
+    }
+    *nodeId = node->IsOpen() ? node->ids.node : UnknownNode;
+    *card = m_cards[key.card].number.value_or(UnknownCard);
     return HAL_OK;
 }
 

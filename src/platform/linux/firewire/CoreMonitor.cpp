@@ -10,9 +10,9 @@
 namespace Nimbrel2::Platform::FireWire {
 namespace {
 
-constexpr std::uint64_t kUeventsToken = 1;
+constexpr std::uint64_t UeventsToken = 1;
 // What one file may take of the monitor's time before the others and the deadlines have their turn.
-constexpr int kEventBudget = 64;
+constexpr int EventBudget = 64;
 
 }  // namespace
 
@@ -21,13 +21,17 @@ FireWireCore::FireWireCore(const Timings& timings, BusEventSink& events) : m_tim
 FireWireCore::~FireWireCore() { Stop(); }
 
 std::uint32_t FireWireCore::Start() {
-    if (const std::uint32_t status = m_monitor.Open(); status != HAL_OK) return status;
+    if (const std::uint32_t status = m_monitor.Open(); status != HAL_OK) {
+        return status;
+    }
     // Heard before anything is looked at, so that nothing can happen unseen in between. Who cannot hear looks every
     // now and then.
     m_hearsUevents = m_uevents.Open() == 0 && UeventsReachUs();
     if (m_uevents.IsOpen()) {
-        const int error = m_monitor.GetPoller().Add(m_uevents.GetFd(), kUeventsToken);
-        if (error != 0) return StatusOfErrno(error);
+        const int error = m_monitor.GetPoller().Add(m_uevents.GetFd(), UeventsToken);
+        if (error != 0) {
+            return StatusOfErrno(error);
+        }
     }
     {
         const LockGuard lock(m_mutex);
@@ -52,9 +56,13 @@ std::uint32_t FireWireCore::Start() {
 void FireWireCore::Stop() {
     {
         const LockGuard lock(m_mutex);
-        if (!m_running) return;
+        if (!m_running) {
+            return;
+        }
         m_running = false;
-        for (const auto& [closure, answer] : m_answers) answer->done.NotifyAll();
+        for (const auto& [closure, answer] : m_answers) {
+            answer->done.NotifyAll();
+        }
         m_changed.NotifyAll();
     }
     m_monitor.Stop();
@@ -67,7 +75,7 @@ void FireWireCore::MonitorTurn() {
     std::vector<std::uint64_t> ready;
     m_monitor.GetPoller().Wait(DoWhatIsDue(), &ready);
     for (const std::uint64_t token : ready) {
-        if (token == kUeventsToken) {
+        if (token == UeventsToken) {
             HearUevents();
         } else {
             ReadEvents(token);
@@ -85,7 +93,9 @@ TimePoint FireWireCore::DoWhatIsDue() {
         looksWanted = m_looksWanted;
         isSettled = m_firstChange && now >= GetSettleTime();
         look = look || looksWanted != m_looksDone || (isSettled && m_lookWanted);
-        for (const auto& [name, node] : m_nodes) look = look || (!node.IsOpen() && now >= node.nextOpen);
+        for (const auto& [name, node] : m_nodes) {
+            look = look || (!node.IsOpen() && now >= node.nextOpen);
+        }
     }
     std::uint32_t status = HAL_OK;
     if (look) {
@@ -97,10 +107,14 @@ TimePoint FireWireCore::DoWhatIsDue() {
     EndLateReadings(now);
     ProbeMuteNodes(now);
     const bool isListing = looksWanted != m_looksDone;
-    if (isListing) RefreshCards();
+    if (isListing) {
+        RefreshCards();
+    }
     // A look that nobody had an occasion for may have found a change too.
     const bool burstIsOver = isSettled || (m_firstChange && now >= GetSettleTime());
-    if (burstIsOver || isListing) Settle(burstIsOver);
+    if (burstIsOver || isListing) {
+        Settle(burstIsOver);
+    }
     if (isListing) {
         m_looksDone = looksWanted;
         m_lookStatus = status;
@@ -110,9 +124,13 @@ TimePoint FireWireCore::DoWhatIsDue() {
 }
 
 TimePoint FireWireCore::GetNextDeadline() const {
-    if (m_looksWanted != m_looksDone) return Clock::now();
+    if (m_looksWanted != m_looksDone) {
+        return Clock::now();
+    }
     TimePoint next = m_nextLook;
-    if (m_firstChange) next = std::min(next, GetSettleTime());
+    if (m_firstChange) {
+        next = std::min(next, GetSettleTime());
+    }
     for (const auto& [name, node] : m_nodes) {
         if (!node.IsOpen()) {
             next = std::min(next, node.nextOpen);
@@ -121,7 +139,9 @@ TimePoint FireWireCore::GetNextDeadline() const {
         }
     }
     for (const auto& [closure, answer] : m_answers) {
-        if (answer->purpose != Purpose::Caller) next = std::min(next, answer->askedAt + m_timings.answer);
+        if (answer->purpose != Purpose::Caller) {
+            next = std::min(next, answer->askedAt + m_timings.answer);
+        }
     }
     return next;
 }
@@ -130,13 +150,17 @@ void FireWireCore::HearUevents() {
     Uevent event;
     while (true) {
         const UeventSocket::Receipt receipt = m_uevents.Receive(&event);
-        if (receipt == UeventSocket::Receipt::Nothing) return;
+        if (receipt == UeventSocket::Receipt::Nothing) {
+            return;
+        }
         const LockGuard lock(m_mutex);
         if (receipt == UeventSocket::Receipt::Lost) {
             NoteChange(true);
             continue;
         }
-        if (event.subsystem != "firewire") continue;
+        if (event.subsystem != "firewire") {
+            continue;
+        }
         NoteChange(true);
         if (event.action == "remove") {
             // Another node may have the name by the time that anybody looks.
@@ -150,16 +174,22 @@ void FireWireCore::ReadEvents(std::uint64_t token) {
     {
         const LockGuard lock(m_mutex);
         const Node* node = FindByToken(token);
-        if (node == nullptr) return;
+        if (node == nullptr) {
+            return;
+        }
         file = node->file;
     }
     int error = 0;
-    for (int i = 0; i < kEventBudget && error == 0; ++i) {
+    for (int i = 0; i < EventBudget && error == 0; ++i) {
         NodeEvent event;
         error = file->ReadEvent(&event);
-        if (error == 0) OnEvent(token, event);
+        if (error == 0) {
+            OnEvent(token, event);
+        }
     }
-    if (error == 0 || error == EAGAIN) return;
+    if (error == 0 || error == EAGAIN) {
+        return;
+    }
     const LockGuard lock(m_mutex);
     if (Node* node = FindByToken(token)) {
         DropFile(*node, error);
@@ -170,7 +200,9 @@ void FireWireCore::ReadEvents(std::uint64_t token) {
 void FireWireCore::OnEvent(std::uint64_t token, const NodeEvent& event) {
     const LockGuard lock(m_mutex);
     if (const auto* reset = std::get_if<BusResetEvent>(&event)) {
-        if (Node* node = FindByToken(token)) OnReset(*node, reset->ids);
+        if (Node* node = FindByToken(token)) {
+            OnReset(*node, reset->ids);
+        }
     } else if (const auto* response = std::get_if<ResponseEvent>(&event)) {
         Complete(response->closure, response->rcode, response->payload);
     } else if (const auto* packet = std::get_if<PhyPacketEvent>(&event)) {
@@ -184,7 +216,9 @@ void FireWireCore::OnPhyPacket(const PhyPacketEvent& event) {
         return;
     }
     for (const auto& [closure, answer] : m_answers) {
-        if (answer->phyReply != (event.quadlet & ~0xFFU)) continue;
+        if (answer->phyReply != (event.quadlet & ~0xFFU)) {
+            continue;
+        }
         answer->phyValue = event.quadlet & 0xFF;
         answer->done.NotifyAll();
     }
@@ -192,7 +226,9 @@ void FireWireCore::OnPhyPacket(const PhyPacketEvent& event) {
 
 void FireWireCore::NoteChange(bool lookToo) {
     m_lastChange = Clock::now();
-    if (!m_firstChange) m_firstChange = m_lastChange;
+    if (!m_firstChange) {
+        m_firstChange = m_lastChange;
+    }
     m_lookWanted = m_lookWanted || lookToo;
 }
 
@@ -209,18 +245,24 @@ void FireWireCore::Settle(bool burstIsOver) {
         card.settledResets = card.resets;
     }
     m_otherChange = m_otherChange || wasReset;
-    if (m_otherChange) ++m_resets;
+    if (m_otherChange) {
+        ++m_resets;
+    }
     m_otherChange = false;
     Report(burstIsOver);
     m_firstChange.reset();
     // Told first, read afterwards: whoever enumerates now waits for these readings, and nobody for those who answer
     // late.
-    if (wasReset) ReadSerialNumbers();
+    if (wasReset) {
+        ReadSerialNumbers();
+    }
     AskMissingSelfIds();
 }
 
 void FireWireCore::Report(bool burstIsOver) {
-    if (!m_running) return;
+    if (!m_running) {
+        return;
+    }
     if (burstIsOver) {
         m_events.ReportSettled(GetState());
     } else {
@@ -233,7 +275,9 @@ BusState FireWireCore::GetState() const {
     state.resets = m_resets;
     std::set<NodeKey> seen;
     for (const auto& [name, node] : m_nodes) {
-        if (node.scanned.isLocal || !IsPresent(node) || !seen.insert(node.key).second) continue;
+        if (node.scanned.isLocal || !IsPresent(node) || !seen.insert(node.key).second) {
+            continue;
+        }
         PresentDevice device;
         device.identity = node.key.card + "/" + std::to_string(node.key.eui64);
         device.version = node.visit;

@@ -27,7 +27,9 @@ int FireWireCore::Look() {
             // What the kernel tells of nodes, udev hears too, and acts upon a little later.
             for (auto& [name, node] : m_nodes) {
                 node.openPause = Milliseconds(0);
-                if (!node.IsOpen()) node.nextOpen = TimePoint::min();
+                if (!node.IsOpen()) {
+                    node.nextOpen = TimePoint::min();
+                }
             }
         }
         m_lookWanted = false;
@@ -62,7 +64,9 @@ void FireWireCore::Merge(std::vector<ScannedNode>& found) {
             Node& node = known->second;
             const bool isSame = node.scanned.inode == scanned.inode && node.scanned.card == scanned.card &&
                                 node.scanned.isLocal == scanned.isLocal;
-            if (isSame && node.scanned.rom == scanned.rom) continue;
+            if (isSame && node.scanned.rom == scanned.rom) {
+                continue;
+            }
             const std::optional<RomInfo> rom = ParseConfigRom(scanned.rom);
             if (isSame && rom && rom->eui64 == node.key.eui64) {
                 // The same node with another content: units and texts may differ.
@@ -77,17 +81,25 @@ void FireWireCore::Merge(std::vector<ScannedNode>& found) {
             DropNode(known->first);
         }
         // A node whose ROM does not even tell its EUI-64 cannot be told from others.
-        if (auto rom = ParseConfigRom(scanned.rom)) AddNode(scanned, std::move(*rom));
+        if (auto rom = ParseConfigRom(scanned.rom)) {
+            AddNode(scanned, std::move(*rom));
+        }
     }
     std::vector<std::string> gone;
     for (const auto& [name, node] : m_nodes) {
-        if (names.count(name) == 0) gone.push_back(name);
+        if (names.count(name) == 0) {
+            gone.push_back(name);
+        }
     }
-    for (const std::string& name : gone) DropNode(name);
+    for (const std::string& name : gone) {
+        DropNode(name);
+    }
 }
 
 void FireWireCore::AddNode(ScannedNode& scanned, RomInfo rom) {
-    if (const auto [card, isNew] = m_cards.try_emplace(scanned.card); isNew) card->second.seenAt = Clock::now();
+    if (const auto [card, isNew] = m_cards.try_emplace(scanned.card); isNew) {
+        card->second.seenAt = Clock::now();
+    }
     Node node;
     node.key = {scanned.card, rom.eui64};
     node.rom = std::move(rom);
@@ -101,14 +113,18 @@ void FireWireCore::AddNode(ScannedNode& scanned, RomInfo rom) {
 
 void FireWireCore::DropNode(const std::string& name) {
     const auto found = m_nodes.find(name);
-    if (found == m_nodes.end()) return;
+    if (found == m_nodes.end()) {
+        return;
+    }
     const std::string card = found->second.key.card;
     DropFile(found->second, ENODEV);
     m_nodes.erase(found);
     NoteChange(false);
     const bool isLast = std::none_of(m_nodes.begin(), m_nodes.end(),
                                      [&card](const auto& entry) { return entry.second.key.card == card; });
-    if (isLast) m_cards.erase(card);
+    if (isLast) {
+        m_cards.erase(card);
+    }
 }
 
 // The files of all nodes that have none, if it is time to try. Opened without the lock, for the kernel may have to
@@ -126,26 +142,40 @@ void FireWireCore::OpenFiles() {
         const LockGuard lock(m_mutex);
         const TimePoint now = Clock::now();
         for (auto& [name, node] : m_nodes) {
-            if (!node.IsOpen() && now >= node.nextOpen) wanted.push_back({name, node.key.eui64, nullptr, {}, 0});
+            if (!node.IsOpen() && now >= node.nextOpen) {
+                wanted.push_back({name, node.key.eui64, nullptr, {}, 0});
+            }
         }
     }
     for (Wanted& one : wanted) {
         one.file = std::make_shared<NodeFile>();
         std::vector<std::uint32_t> rom;
         one.error = one.file->Open(one.name);
-        if (one.error == 0) one.error = one.file->GetInfo(&one.info, &rom);
+        if (one.error == 0) {
+            one.error = one.file->GetInfo(&one.info, &rom);
+        }
         // The name may have got a new owner since the scan: the next one finds it.
         const auto opened = ParseConfigRom(rom);
-        if (one.error == 0 && (!opened || opened->eui64 != one.eui64)) one.error = ENODEV;
-        if (one.error != 0) one.file.reset();
+        if (one.error == 0 && (!opened || opened->eui64 != one.eui64)) {
+            one.error = ENODEV;
+        }
+        if (one.error != 0) {
+            one.file.reset();
+        }
     }
     const LockGuard lock(m_mutex);
     for (Wanted& one : wanted) {
         const auto found = m_nodes.find(one.name);
-        if (found == m_nodes.end()) continue;
+        if (found == m_nodes.end()) {
+            continue;
+        }
         Node& node = found->second;
-        if (one.error == 0) one.error = AdoptFile(node, std::move(one.file), one.info);
-        if (one.error == 0) continue;
+        if (one.error == 0) {
+            one.error = AdoptFile(node, std::move(one.file), one.info);
+        }
+        if (one.error == 0) {
+            continue;
+        }
         node.openError = one.error;
         node.openPause = std::clamp(2 * node.openPause, m_timings.openPause, m_timings.openPauseMax);
         node.nextOpen = Clock::now() + node.openPause;
@@ -155,15 +185,21 @@ void FireWireCore::OpenFiles() {
 int FireWireCore::AdoptFile(Node& node, std::shared_ptr<NodeFile> file, const NodeInfo& info) {
     const std::uint64_t token = m_lastToken + 1;
     const int error = m_monitor.GetPoller().Add(file->GetFd(), token);
-    if (error != 0) return error;
+    if (error != 0) {
+        return error;
+    }
     m_lastToken = token;
     node.token = token;
     node.file = std::move(file);
     node.receivesPhyPackets = false;
     // The kernel had given it up, and has another one now that is the same device.
-    if (node.hasLeft) node.visit = ++m_lastVisit;
+    if (node.hasLeft) {
+        node.visit = ++m_lastVisit;
+    }
     // Who listed it meanwhile did not get its numbers.
-    if (node.openError != 0 && !node.scanned.isLocal) m_otherChange = true;
+    if (node.openError != 0 && !node.scanned.isLocal) {
+        m_otherChange = true;
+    }
     node.hasLeft = false;
     node.openError = 0;
     node.openPause = Milliseconds(0);
@@ -175,7 +211,9 @@ int FireWireCore::AdoptFile(Node& node, std::shared_ptr<NodeFile> file, const No
 
 // A file that the kernel has given up, or that is not ours any more.
 void FireWireCore::DropFile(Node& node, int error) {
-    if (!node.IsOpen()) return;
+    if (!node.IsOpen()) {
+        return;
+    }
     m_monitor.GetPoller().Remove(node.file->GetFd());
     CompleteAll(node.token);
     node.file.reset();
@@ -185,7 +223,9 @@ void FireWireCore::DropFile(Node& node, int error) {
     node.nextOpen = Clock::now() + node.openPause;
     node.hasLeft = true;
     node.serialNumber = {};
-    if (node.scanned.isLocal) m_cards[node.key.card].selfIds = {};
+    if (node.scanned.isLocal) {
+        m_cards[node.key.card].selfIds = {};
+    }
 }
 
 void FireWireCore::OnReset(Node& node, const BusIds& ids) {
@@ -201,10 +241,16 @@ void FireWireCore::OnReset(Node& node, const BusIds& ids) {
 void FireWireCore::NoteInfo(Node& node, const BusIds& ids) {
     node.ids = ids;
     Card& card = m_cards[node.key.card];
-    if (!card.known || IsNewer(ids.generation, card.ids.generation)) Advance(card, ids);
-    if (ids.generation != card.ids.generation) return;
+    if (!card.known || IsNewer(ids.generation, card.ids.generation)) {
+        Advance(card, ids);
+    }
+    if (ids.generation != card.ids.generation) {
+        return;
+    }
     card.ids = ids;  // a bus manager is found some time after the reset
-    if (!node.hasLeft) return;
+    if (!node.hasLeft) {
+        return;
+    }
     node.hasLeft = false;
     NoteChange(false);
 }
@@ -215,11 +261,15 @@ void FireWireCore::Advance(Card& card, const BusIds& ids) {
     card.known = true;
     card.ids = ids;
     card.resets += numResets;
-    if (numResets == 0) return;
+    if (numResets == 0) {
+        return;
+    }
     NoteChange(false);
     const TimePoint now = Clock::now();
     card.resetTimes.insert(card.resetTimes.end(), numResets, now);
-    while (now - card.resetTimes.front() > m_timings.history) card.resetTimes.pop_front();
+    while (now - card.resetTimes.front() > m_timings.history) {
+        card.resetTimes.pop_front();
+    }
 }
 
 // @return false when the kernel has given the node up.
@@ -240,29 +290,43 @@ bool FireWireCore::AskFile(Node& node) {
 void FireWireCore::RefreshCard(const std::string& path) {
     std::vector<Node*> open;
     for (auto& [name, node] : m_nodes) {
-        if (node.IsOpen() && node.key.card == path) open.push_back(&node);
+        if (node.IsOpen() && node.key.card == path) {
+            open.push_back(&node);
+        }
     }
     // The controller itself never leaves its bus. Without it each node is asked, and the newest generation counts.
     const Node* local = nullptr;
     for (Node* node : open) {
-        if (node->scanned.isLocal && AskFile(*node)) local = node;
+        if (node->scanned.isLocal && AskFile(*node)) {
+            local = node;
+        }
     }
     for (Node* node : open) {
-        if (local == nullptr && node->IsOpen()) AskFile(*node);
+        if (local == nullptr && node->IsOpen()) {
+            AskFile(*node);
+        }
     }
     std::erase_if(open, [](const Node* node) { return !node->IsOpen(); });
-    if (open.empty()) return;
+    if (open.empty()) {
+        return;
+    }
 
     // A controller that slept may begin to count anew.
     Card& card = m_cards[path];
     const auto isUpToDate = [&card](const Node* node) { return node->ids.generation == card.ids.generation; };
-    if (local == nullptr && std::none_of(open.begin(), open.end(), isUpToDate)) local = open.front();
-    if (local != nullptr && !isUpToDate(local)) Advance(card, local->ids);
+    if (local == nullptr && std::none_of(open.begin(), open.end(), isUpToDate)) {
+        local = open.front();
+    }
+    if (local != nullptr && !isUpToDate(local)) {
+        Advance(card, local->ids);
+    }
 
     for (Node* node : open) {
         // Its event may not have been read yet, or come late: a node that itself asked for the reset is read anew
         // first.
-        if (isUpToDate(node) || !AskFile(*node) || isUpToDate(node) || node->hasLeft) continue;
+        if (isUpToDate(node) || !AskFile(*node) || isUpToDate(node) || node->hasLeft) {
+            continue;
+        }
         node->hasLeft = true;
         CompleteAll(node->token);  // the kernel would give up two seconds later
         NoteChange(false);
@@ -279,34 +343,44 @@ bool FireWireCore::IsOfOneGeneration(const std::string& path) {
 }
 
 void FireWireCore::RefreshCards() {
-    for (const auto& [path, card] : m_cards) RefreshCard(path);
+    for (const auto& [path, card] : m_cards) {
+        RefreshCard(path);
+    }
 }
 
 // The one that is there, when a node that has left still has a file and is back under another name.
 FireWireCore::Node* FireWireCore::FindNode(const NodeKey& key) {
     Node* found = nullptr;
     for (auto& [name, node] : m_nodes) {
-        if (node.key == key && (found == nullptr || !IsPresent(*found))) found = &node;
+        if (node.key == key && (found == nullptr || !IsPresent(*found))) {
+            found = &node;
+        }
     }
     return found;
 }
 
 FireWireCore::Node* FireWireCore::FindByToken(std::uint64_t token) {
     for (auto& [name, node] : m_nodes) {
-        if (node.IsOpen() && node.token == token) return &node;
+        if (node.IsOpen() && node.token == token) {
+            return &node;
+        }
     }
     return nullptr;
 }
 
 FireWireCore::Node* FireWireCore::FindLocal(const std::string& card) {
     for (auto& [name, node] : m_nodes) {
-        if (node.scanned.isLocal && node.key.card == card) return &node;
+        if (node.scanned.isLocal && node.key.card == card) {
+            return &node;
+        }
     }
     return nullptr;
 }
 
 std::uint32_t FireWireCore::FindPresent(const NodeKey& key, Node** node) {
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     *node = FindNode(key);
     if (*node != nullptr && !IsPresent(**node) && (*node)->IsOpen()) {
         // It may be back, and nobody has heard of it yet.
@@ -319,20 +393,28 @@ std::uint32_t FireWireCore::FindPresent(const NodeKey& key, Node** node) {
 
 std::uint32_t FireWireCore::FindUsable(const NodeKey& key, Node** node) {
     const std::uint32_t status = FindPresent(key, node);
-    if (status != HAL_OK || (*node)->IsOpen()) return status;
+    if (status != HAL_OK || (*node)->IsOpen()) {
+        return status;
+    }
     return StatusOfOpen((*node)->openError);
 }
 
 std::uint32_t FireWireCore::FindUsableLocal(const std::string& card, Node** node) {
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     *node = FindLocal(card);
-    if (*node == nullptr) return HAL_GONE;
+    if (*node == nullptr) {
+        return HAL_GONE;
+    }
     return (*node)->IsOpen() ? static_cast<std::uint32_t>(HAL_OK) : StatusOfOpen((*node)->openError);
 }
 
 std::uint32_t FireWireCore::StatusOfOpen(int error) {
     // 0: it has just come, and its file is being opened.
-    if (error == 0) return HAL_BUSY;
+    if (error == 0) {
+        return HAL_BUSY;
+    }
     return error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
 }
 

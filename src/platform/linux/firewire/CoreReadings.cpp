@@ -29,25 +29,35 @@ std::uint32_t FireWireCore::ReadSerialNumber(const NodeKey& key, std::uint32_t* 
         while (true) {
             Node* node = nullptr;
             const std::uint32_t status = FindUsable(key, &node);
-            if (status != HAL_OK) return status;
-            if (node->FindCamera() == nullptr) break;
+            if (status != HAL_OK) {
+                return status;
+            }
+            if (node->FindCamera() == nullptr) {
+                break;
+            }
             const auto& reading = node->serialNumber;
             if (IsFresh(*node, Clock::now())) {
                 *value = reading.value;
                 return reading.status;
             }
-            if (node->mute) return HAL_TIMED_OUT;
+            if (node->mute) {
+                return HAL_TIMED_OUT;
+            }
             if (reading.state == State::Asked) {
-                if (!m_changed.WaitUntil(lock, deadline)) return HAL_TIMED_OUT;
+                if (!m_changed.WaitUntil(lock, deadline)) {
+                    return HAL_TIMED_OUT;
+                }
                 continue;
             }
             // Whatever came of it: the rest is this camera's alone.
-            if (asked) break;
+            if (asked) {
+                break;
+            }
             asked = true;
             ReadSerialNumbers();
         }
     }
-    return Execute(key, {RequestKind::ReadQuadlet, kSerialNumberOffset, 4, 0}, value);
+    return Execute(key, {RequestKind::ReadQuadlet, SerialNumberOffset, 4, 0}, value);
 }
 
 bool FireWireCore::IsFresh(const Node& node, TimePoint now) const {
@@ -60,17 +70,23 @@ bool FireWireCore::IsFresh(const Node& node, TimePoint now) const {
 void FireWireCore::ReadSerialNumbers() {
     const TimePoint now = Clock::now();
     for (auto& [name, node] : m_nodes) {
-        if (node.FindCamera() == nullptr || !node.IsOpen() || !IsPresent(node)) continue;
-        if ((node.mute && now < node.quietUntil) || IsFresh(node, now)) continue;
+        if (node.FindCamera() == nullptr || !node.IsOpen() || !IsPresent(node)) {
+            continue;
+        }
+        if ((node.mute && now < node.quietUntil) || IsFresh(node, now)) {
+            continue;
+        }
         const bool isAsked =
             node.serialNumber.state == State::Asked && node.serialNumber.generation == node.ids.generation;
-        if (!isAsked) AskSerialNumber(node);
+        if (!isAsked) {
+            AskSerialNumber(node);
+        }
     }
     m_monitor.Wake();  // it sees to those that are never answered
 }
 
 void FireWireCore::AskSerialNumber(Node& node) {
-    const Request request{RequestKind::ReadQuadlet, kSerialNumberOffset, 4, 0};
+    const Request request{RequestKind::ReadQuadlet, SerialNumberOffset, 4, 0};
     node.serialNumber = {Ask(node, Purpose::SerialNumber, request) == 0 ? State::Asked : State::None,
                          node.ids.generation, Clock::now(), HAL_OK, 0};
 }
@@ -80,12 +96,14 @@ void FireWireCore::AskMissingSelfIds() {
     for (auto& [path, card] : m_cards) {
         const bool isOfNow = card.selfIds.generation == card.ids.generation && card.selfIds.state != State::None;
         Node* local = nullptr;
-        if (!isOfNow && FindUsableLocal(path, &local) == HAL_OK) AskSelfIds(*local, card);
+        if (!isOfNow && FindUsableLocal(path, &local) == HAL_OK) {
+            AskSelfIds(*local, card);
+        }
     }
 }
 
 void FireWireCore::AskSelfIds(Node& local, Card& card) {
-    const Request request{RequestKind::ReadBlock, kTopologyMapOffset, kTopologyMapBytes, 0};
+    const Request request{RequestKind::ReadBlock, TopologyMapOffset, TopologyMapBytes, 0};
     const int error = Ask(local, Purpose::SelfIds, request);
     card.selfIds = {error == 0 ? State::Asked : State::None, local.ids.generation, Clock::now(), HAL_OK, {}};
     m_monitor.Wake();
@@ -102,14 +120,18 @@ int FireWireCore::Ask(Node& node, Purpose purpose, const Request& request) {
     const Closure closure = ++m_lastClosure;
     m_answers.emplace(closure, answer);
     const int error = node.file->Send(request, node.ids.generation, closure);
-    if (error != 0) m_answers.erase(closure);
+    if (error != 0) {
+        m_answers.erase(closure);
+    }
     return error;
 }
 
 void FireWireCore::FinishReading(const Answer& answer) {
     m_changed.NotifyAll();
     Node* node = FindByToken(answer.token);
-    if (node == nullptr) return;
+    if (node == nullptr) {
+        return;
+    }
     if (answer.purpose == Purpose::SelfIds) {
         FinishSelfIds(*node, answer);
     } else {
@@ -120,15 +142,23 @@ void FireWireCore::FinishReading(const Answer& answer) {
 void FireWireCore::FinishSerialNumber(Node& node, const Answer& answer) {
     auto& reading = node.serialNumber;
     const bool isTheLast = reading.state == State::Asked && reading.generation == answer.generation;
-    if (isTheLast) reading.state = State::None;
+    if (isTheLast) {
+        reading.state = State::None;
+    }
     if (IsTimeOut(answer.rcode)) {
         // A reset may have swallowed the answer to an older one.
-        if (isTheLast && node.ids.generation == answer.generation) NoteTimedOut(node);
+        if (isTheLast && node.ids.generation == answer.generation) {
+            NoteTimedOut(node);
+        }
         return;
     }
-    if (answer.rcode != RCODE_COMPLETE || answer.payload.size() < sizeof reading.value) return;
+    if (answer.rcode != RCODE_COMPLETE || answer.payload.size() < sizeof reading.value) {
+        return;
+    }
     NoteAnswered(node);
-    if (!isTheLast) return;
+    if (!isTheLast) {
+        return;
+    }
     std::memcpy(&reading.value, answer.payload.data(), sizeof reading.value);
     reading.value = be32toh(reading.value);
     reading.state = State::Done;
@@ -139,20 +169,27 @@ void FireWireCore::FinishSerialNumber(Node& node, const Answer& answer) {
 void FireWireCore::FinishSelfIds(const Node& local, const Answer& answer) {
     Card& card = m_cards[local.key.card];
     auto& reading = card.selfIds;
-    if (reading.state != State::Asked || reading.generation != answer.generation) return;
+    if (reading.state != State::Asked || reading.generation != answer.generation) {
+        return;
+    }
     reading.state = State::None;
-    if (answer.rcode != RCODE_COMPLETE)
+    if (answer.rcode != RCODE_COMPLETE) {
         return;  // the bus was reset meanwhile, or is busy: whoever needs them asks again
+    }
     reading.status = ParseTopologyMap(answer.payload, &reading.value);
     reading.state = State::Done;
     reading.at = Clock::now();
-    if (reading.status == HAL_OK && card.ids.generation == reading.generation) KeepSelfIds(card);
+    if (reading.status == HAL_OK && card.ids.generation == reading.generation) {
+        KeepSelfIds(card);
+    }
 }
 
 // What differs from the stream before tells in which sockets cables come and go.
 void FireWireCore::KeepSelfIds(Card& card) {
     const auto phys = DecodeSelfIds(card.selfIds.value);
-    if (!phys) return;
+    if (!phys) {
+        return;
+    }
     const unsigned int local = card.ids.local & 0x3F;
     const TimePoint now = Clock::now();
     for (Socket& socket : FindPortChanges(card.phys, card.local, *phys, local)) {
@@ -171,15 +208,21 @@ void FireWireCore::EndLateReadings(TimePoint now) {
     for (auto next = m_answers.begin(); next != m_answers.end();) {
         const auto current = next++;
         const Answer& answer = *current->second;
-        if (answer.purpose == Purpose::Caller || now < answer.askedAt + m_timings.answer) continue;
+        if (answer.purpose == Purpose::Caller || now < answer.askedAt + m_timings.answer) {
+            continue;
+        }
         const Node* node = FindByToken(answer.token);
-        if (node == nullptr || !node->file->HasEvent()) Complete(current->first, RCODE_CANCELLED, {});
+        if (node == nullptr || !node->file->HasEvent()) {
+            Complete(current->first, RCODE_CANCELLED, {});
+        }
     }
 }
 
 void FireWireCore::ProbeMuteNodes(TimePoint now) {
     for (auto& [name, node] : m_nodes) {
-        if (!IsProbed(node) || now < node.nextProbe) continue;
+        if (!IsProbed(node) || now < node.nextProbe) {
+            continue;
+        }
         // Whatever comes of it, the next one is not before its time.
         node.nextProbe = now + std::max(node.probePause, m_timings.quietAfterTimeOut);
         AskSerialNumber(node);

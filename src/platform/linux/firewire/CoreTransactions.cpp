@@ -15,7 +15,7 @@ namespace Nimbrel2::Platform::FireWire {
 namespace {
 
 /// An end of our own, beside the kernel's: the node has left, or its file was given up.
-constexpr std::uint32_t kGone = 0x100;
+constexpr std::uint32_t Gone = 0x100;
 
 std::uint32_t StatusOfSend(int error) {
     switch (error) {
@@ -40,7 +40,7 @@ std::uint32_t StatusOfRcode(std::uint32_t rcode, RequestKind kind) {
             return kind == RequestKind::WriteQuadlet ? HAL_WRITE_PROTECTED : HAL_REFUSED;
         case RCODE_DATA_ERROR:
             return HAL_REFUSED;
-        case kGone:
+        case Gone:
             return HAL_GONE;
         default:
             return HAL_BAD_ANSWER;
@@ -56,7 +56,9 @@ bool IsTimeOut(std::uint32_t rcode) { return rcode == RCODE_CANCELLED || rcode =
 }  // namespace
 
 std::uint32_t FireWireCore::ReadQuadlet(const NodeKey& key, std::uint64_t offset, std::uint32_t* value) {
-    if (offset == kSerialNumberOffset) return ReadSerialNumber(key, value);
+    if (offset == SerialNumberOffset) {
+        return ReadSerialNumber(key, value);
+    }
     return Execute(key, {RequestKind::ReadQuadlet, offset, 4, 0}, value);
 }
 
@@ -71,37 +73,59 @@ std::uint32_t FireWireCore::Execute(const NodeKey& key, const Request& request, 
     while (true) {
         Node* node = nullptr;
         std::uint32_t status = FindUsable(key, &node);
-        if (status != HAL_OK) return status;
-        if (node->mute && Clock::now() < node->quietUntil) return HAL_TIMED_OUT;
+        if (status != HAL_OK) {
+            return status;
+        }
+        if (node->mute && Clock::now() < node->quietUntil) {
+            return HAL_TIMED_OUT;
+        }
         const std::uint8_t generation = node->ids.generation;
         const std::uint64_t token = node->token;
         std::shared_ptr<Answer> answer;
         status = Exchange(lock, *node, request, deadline, &answer);
-        if (status != HAL_OK && status != HAL_TIMED_OUT) return status;
+        if (status != HAL_OK && status != HAL_TIMED_OUT) {
+            return status;
+        }
 
         node = FindByToken(token);  // another may have it, or nobody
         const std::uint32_t rcode = status == HAL_TIMED_OUT ? std::uint32_t{RCODE_CANCELLED} : answer->rcode;
         // A reset may have swallowed the answer.
         const bool wasReset = node != nullptr && node->ids.generation != generation;
         if (IsTimeOut(rcode) && !wasReset) {
-            if (node != nullptr) NoteTimedOut(*node);
+            if (node != nullptr) {
+                NoteTimedOut(*node);
+            }
             return HAL_TIMED_OUT;
         }
         if (rcode == RCODE_GENERATION || IsTimeOut(rcode)) {
             status = CatchUp(lock, key, generation);
-            if (status != HAL_OK) return status;
-            if (Clock::now() >= deadline) return HAL_BUSY;
+            if (status != HAL_OK) {
+                return status;
+            }
+            if (Clock::now() >= deadline) {
+                return HAL_BUSY;
+            }
             continue;
         }
         if (IsBusy(rcode)) {
-            if (++tries > m_timings.busyTries || Clock::now() + m_timings.busyPause >= deadline) return HAL_BUSY;
-            if (!Pause(lock, m_timings.busyPause)) return HAL_CLOSED;
+            if (++tries > m_timings.busyTries || Clock::now() + m_timings.busyPause >= deadline) {
+                return HAL_BUSY;
+            }
+            if (!Pause(lock, m_timings.busyPause)) {
+                return HAL_CLOSED;
+            }
             continue;
         }
-        if (node != nullptr) NoteAnswered(*node);
+        if (node != nullptr) {
+            NoteAnswered(*node);
+        }
         status = StatusOfRcode(rcode, request.kind);
-        if (status != HAL_OK || value == nullptr) return status;
-        if (answer->payload.size() < sizeof *value) return HAL_BAD_ANSWER;
+        if (status != HAL_OK || value == nullptr) {
+            return status;
+        }
+        if (answer->payload.size() < sizeof *value) {
+            return HAL_BAD_ANSWER;
+        }
         std::memcpy(value, answer->payload.data(), sizeof *value);
         *value = be32toh(*value);
         return HAL_OK;
@@ -132,7 +156,9 @@ std::uint32_t FireWireCore::Exchange(UniqueLock& lock, Node& node, const Request
     waiting->done.WaitUntil(lock, deadline,
                             [&]() NIMBREL2_REQUIRES(m_mutex) { return waiting->complete || !m_running; });
     m_answers.erase(closure);
-    if (!waiting->complete) return m_running ? HAL_TIMED_OUT : HAL_CLOSED;
+    if (!waiting->complete) {
+        return m_running ? HAL_TIMED_OUT : HAL_CLOSED;
+    }
     *answer = waiting;
     return HAL_OK;
 }
@@ -147,13 +173,17 @@ std::uint32_t FireWireCore::CatchUp(UniqueLock& lock, const NodeKey& key, std::u
         m_monitor.Wake();
         Node* node = nullptr;
         const std::uint32_t status = FindUsable(key, &node);
-        if (status != HAL_OK || node->ids.generation != generation) return status;
+        if (status != HAL_OK || node->ids.generation != generation) {
+            return status;
+        }
         if (Clock::now() >= deadline) {
             // Whether it has left cannot be told without the controller's own file.
             const Node* local = FindLocal(key.card);
             return local != nullptr && local->IsOpen() ? HAL_BUSY : HAL_GONE;
         }
-        if (!Pause(lock, m_timings.generationPause)) return HAL_CLOSED;
+        if (!Pause(lock, m_timings.generationPause)) {
+            return HAL_CLOSED;
+        }
     }
 }
 
@@ -166,7 +196,9 @@ bool FireWireCore::Pause(UniqueLock& lock, Milliseconds time) {
 
 void FireWireCore::Complete(Closure closure, std::uint32_t rcode, std::span<const std::uint8_t> payload) {
     const auto found = m_answers.find(closure);
-    if (found == m_answers.end()) return;  // nobody waits any more
+    if (found == m_answers.end()) {
+        return;  // nobody waits any more
+    }
     const std::shared_ptr<Answer> answer = found->second;
     answer->complete = true;
     answer->rcode = rcode;
@@ -185,13 +217,17 @@ void FireWireCore::Complete(Closure closure, std::uint32_t rcode, std::span<cons
 void FireWireCore::CompleteAll(std::uint64_t token) {
     for (auto next = m_answers.begin(); next != m_answers.end();) {
         const auto current = next++;
-        if (current->second->token == token) Complete(current->first, kGone, {});
+        if (current->second->token == token) {
+            Complete(current->first, Gone, {});
+        }
     }
 }
 
 // A camera that was mute may have missed that its transmission was switched on again, so everybody enumerates anew.
 void FireWireCore::NoteAnswered(Node& node) {
-    if (!node.mute) return;
+    if (!node.mute) {
+        return;
+    }
     node.mute = false;
     node.probePause = Milliseconds(0);
     m_otherChange = true;

@@ -52,11 +52,11 @@ struct ListedNode {
 enum class NodeKind { Camera, Device };
 
 /// What a node that nobody may open has in the place of its node id.
-inline constexpr std::uint16_t kUnknownNode = 0xFFFF;
+inline constexpr std::uint16_t UnknownNode = 0xFFFF;
 
 /// The quadlet of the configuration ROM that holds the serial number, the low half of the EUI-64. Each cycle of the bus
 /// master reads it from every camera that it keeps.
-inline constexpr std::uint64_t kSerialNumberOffset = 0xFFFFF0000410;
+inline constexpr std::uint64_t SerialNumberOffset = 0xFFFFF0000410;
 
 class FireWireCore {
 public:

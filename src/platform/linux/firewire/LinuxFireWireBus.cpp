@@ -39,7 +39,7 @@ public:
         std::uint16_t nodeId = 0;
         std::uint32_t card = 0;
         const std::uint32_t status = m_core->GetIds(m_listed.key, &nodeId, &card);
-        *node = nodeId == FireWire::kUnknownNode ? nodeId : static_cast<std::uint16_t>(nodeId & 0x3F);
+        *node = nodeId == FireWire::UnknownNode ? nodeId : static_cast<std::uint16_t>(nodeId & 0x3F);
         *busNumber = static_cast<std::uint16_t>(card);
         return status;
     }
@@ -91,7 +91,9 @@ private:
     std::uint32_t List(NodeKind kind, Listing<FireWireDevice>* listing) {
         std::vector<ListedNode> nodes;
         const std::uint32_t status = m_core->List(kind, &nodes, &listing->state);
-        for (ListedNode& node : nodes) listing->devices.push_back(std::make_shared<Device>(m_core, std::move(node)));
+        for (ListedNode& node : nodes) {
+            listing->devices.push_back(std::make_shared<Device>(m_core, std::move(node)));
+        }
         return status;
     }
 

@@ -16,34 +16,44 @@ using Bytes = std::span<const std::uint8_t>;
 /// @return false when even what is needed of it is not there.
 template <class Event>
 bool Load(Bytes bytes, std::size_t needed, Event* event) {
-    if (bytes.size() < needed) return false;
+    if (bytes.size() < needed) {
+        return false;
+    }
     std::memcpy(event, bytes.data(), needed);
     return true;
 }
 
 NodeEvent ParseBusReset(Bytes bytes) {
-    constexpr std::size_t kNeeded =
+    constexpr std::size_t Needed =
         offsetof(fw_cdev_event_bus_reset, generation) + sizeof(fw_cdev_event_bus_reset::generation);
     fw_cdev_event_bus_reset event{};
-    if (!Load(bytes, kNeeded, &event)) return {};
+    if (!Load(bytes, Needed, &event)) {
+        return {};
+    }
     return BusResetEvent{{static_cast<std::uint16_t>(event.node_id), static_cast<std::uint16_t>(event.local_node_id),
                           static_cast<std::uint16_t>(event.bm_node_id), static_cast<std::uint16_t>(event.irm_node_id),
                           static_cast<std::uint16_t>(event.root_node_id), static_cast<std::uint8_t>(event.generation)}};
 }
 
 NodeEvent ParseResponse(Bytes bytes) {
-    constexpr std::size_t kHead = offsetof(fw_cdev_event_response, data);
+    constexpr std::size_t Head = offsetof(fw_cdev_event_response, data);
     fw_cdev_event_response event{};
-    if (!Load(bytes, kHead, &event) || bytes.size() - kHead < event.length) return {};
-    return ResponseEvent{event.closure, event.rcode, bytes.subspan(kHead, event.length)};
+    if (!Load(bytes, Head, &event) || bytes.size() - Head < event.length) {
+        return {};
+    }
+    return ResponseEvent{event.closure, event.rcode, bytes.subspan(Head, event.length)};
 }
 
 NodeEvent ParsePhyPacket(Bytes bytes, bool received) {
-    constexpr std::size_t kHead = offsetof(fw_cdev_event_phy_packet, data);
+    constexpr std::size_t Head = offsetof(fw_cdev_event_phy_packet, data);
     fw_cdev_event_phy_packet event{};
-    if (!Load(bytes, kHead, &event) || bytes.size() - kHead < event.length) return {};
+    if (!Load(bytes, Head, &event) || bytes.size() - Head < event.length) {
+        return {};
+    }
     PhyPacketEvent packet{received, event.closure, event.rcode, 0};
-    if (received && !Load(bytes.subspan(kHead, event.length), sizeof packet.quadlet, &packet.quadlet)) return {};
+    if (received && !Load(bytes.subspan(Head, event.length), sizeof packet.quadlet, &packet.quadlet)) {
+        return {};
+    }
     return packet;
 }
 
@@ -51,7 +61,9 @@ NodeEvent ParsePhyPacket(Bytes bytes, bool received) {
 
 NodeEvent ParseNodeEvent(std::span<const std::uint8_t> bytes) {
     fw_cdev_event_common common{};
-    if (!Load(bytes, offsetof(fw_cdev_event_common, type) + sizeof common.type, &common)) return {};
+    if (!Load(bytes, offsetof(fw_cdev_event_common, type) + sizeof common.type, &common)) {
+        return {};
+    }
     switch (common.type) {
         case FW_CDEV_EVENT_BUS_RESET:
             return ParseBusReset(bytes);

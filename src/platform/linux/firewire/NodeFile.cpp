@@ -19,7 +19,7 @@ namespace Nimbrel2::Platform::FireWire {
 namespace {
 
 // Later versions have the kernel send events of other layouts.
-constexpr std::uint32_t kInterfaceVersion = 5;
+constexpr std::uint32_t InterfaceVersion = 5;
 
 // The kernel takes user space's pointers as numbers.
 template <class T>
@@ -30,7 +30,9 @@ std::uint64_t AddressOf(T* object) {
 template <class Argument>
 int Control(int fd, unsigned long request, Argument* argument) {
     while (::ioctl(fd, request, argument) < 0) {
-        if (errno != EINTR) return errno;
+        if (errno != EINTR) {
+            return errno;
+        }
     }
     return 0;
 }
@@ -58,17 +60,21 @@ int NodeFile::Open(const std::string& name) {
 int NodeFile::GetInfo(NodeInfo* info, std::vector<std::uint32_t>* rom) const {
     fw_cdev_event_bus_reset state{};
     fw_cdev_get_info request{};
-    request.version = kInterfaceVersion;
+    request.version = InterfaceVersion;
     request.bus_reset = AddressOf(&state);
     request.bus_reset_closure = 0;  // nobody asks for it; it must only stay the same
     if (rom != nullptr) {
-        rom->assign(kMaxRomQuadlets, 0);
+        rom->assign(MaxRomQuadlets, 0);
         request.rom = AddressOf(rom->data());
         request.rom_length = static_cast<std::uint32_t>(rom->size() * sizeof(std::uint32_t));
     }
     const int error = Control(m_file.Get(), FW_CDEV_IOC_GET_INFO, &request);
-    if (error != 0) return error;
-    if (rom != nullptr) rom->resize(std::min<std::size_t>(rom->size(), request.rom_length / sizeof(std::uint32_t)));
+    if (error != 0) {
+        return error;
+    }
+    if (rom != nullptr) {
+        rom->resize(std::min<std::size_t>(rom->size(), request.rom_length / sizeof(std::uint32_t)));
+    }
     info->card = request.card;
     info->ids = {static_cast<std::uint16_t>(state.node_id),      static_cast<std::uint16_t>(state.local_node_id),
                  static_cast<std::uint16_t>(state.bm_node_id),   static_cast<std::uint16_t>(state.irm_node_id),
@@ -116,11 +122,19 @@ bool NodeFile::HasEvent() const {
 int NodeFile::ReadEvent(NodeEvent* event) {
     // A read waits whatever the file's flags say, so it is only made when something is there.
     pollfd ready{m_file.Get(), POLLIN, 0};
-    if (::poll(&ready, 1, 0) < 0 || ready.revents == 0) return EAGAIN;
-    if ((ready.revents & POLLIN) == 0) return ENODEV;
+    if (::poll(&ready, 1, 0) < 0 || ready.revents == 0) {
+        return EAGAIN;
+    }
+    if ((ready.revents & POLLIN) == 0) {
+        return ENODEV;
+    }
     const ssize_t size = ::read(m_file.Get(), m_event.data(), m_event.size());
-    if (size < 0) return errno == EINTR ? EAGAIN : errno;
-    if (size == 0) return ENODEV;
+    if (size < 0) {
+        return errno == EINTR ? EAGAIN : errno;
+    }
+    if (size == 0) {
+        return ENODEV;
+    }
     *event = ParseNodeEvent(std::span(m_event).first(static_cast<std::size_t>(size)));
     return 0;
 }

@@ -12,7 +12,7 @@
 namespace Nimbrel2::Platform::FireWire {
 namespace {
 
-constexpr std::uint32_t kOhci1394 = 0x0C0010;  // PCI class: serial bus, FireWire, OHCI
+constexpr std::uint32_t Ohci1394 = 0x0C0010;  // PCI class: serial bus, FireWire, OHCI
 
 /// "fw12", not "fw12.0", which is a unit of it.
 bool IsNodeName(std::string_view name) {
@@ -31,13 +31,19 @@ std::optional<ScannedNode> Scan(const SysfsDirectory& devices, const std::string
     node.name = name;
     node.card = CardOf(devices.ReadLinkPath(name.c_str()));
     SysfsDirectory directory;
-    if (node.card.empty() || directory.Open(devices, name) != 0) return std::nullopt;
+    if (node.card.empty() || directory.Open(devices, name) != 0) {
+        return std::nullopt;
+    }
     std::vector<std::uint8_t> rom;
-    if (directory.ReadBytes("config_rom", &rom) != 0) return std::nullopt;
+    if (directory.ReadBytes("config_rom", &rom) != 0) {
+        return std::nullopt;
+    }
     node.inode = directory.GetInode();
     node.isLocal = directory.ReadNumber("is_local") == 1u;
     node.rom.resize(rom.size() / sizeof(std::uint32_t));
-    if (!node.rom.empty()) std::memcpy(node.rom.data(), rom.data(), node.rom.size() * sizeof(std::uint32_t));
+    if (!node.rom.empty()) {
+        std::memcpy(node.rom.data(), rom.data(), node.rom.size() * sizeof(std::uint32_t));
+    }
     return node;
 }
 
@@ -48,11 +54,19 @@ int ScanNodes(std::vector<ScannedNode>* nodes) {
     SysfsDirectory devices;
     std::vector<std::string> names;
     int error = devices.Open("bus/firewire/devices");
-    if (error == 0) error = devices.List(&names);
-    if (error != 0) return error;
+    if (error == 0) {
+        error = devices.List(&names);
+    }
+    if (error != 0) {
+        return error;
+    }
     for (const std::string& name : names) {
-        if (!IsNodeName(name)) continue;
-        if (auto node = Scan(devices, name)) nodes->push_back(std::move(*node));
+        if (!IsNodeName(name)) {
+            continue;
+        }
+        if (auto node = Scan(devices, name)) {
+            nodes->push_back(std::move(*node));
+        }
     }
     return 0;
 }
@@ -61,13 +75,21 @@ std::vector<std::string> FindIdleControllers() {
     std::vector<std::string> idle;
     SysfsDirectory devices;
     std::vector<std::string> names;
-    if (devices.Open("bus/pci/devices") != 0 || devices.List(&names) != 0) return idle;
+    if (devices.Open("bus/pci/devices") != 0 || devices.List(&names) != 0) {
+        return idle;
+    }
     for (const std::string& name : names) {
         SysfsDirectory device;
-        if (device.Open(devices, name) != 0 || device.Has("driver")) continue;
+        if (device.Open(devices, name) != 0 || device.Has("driver")) {
+            continue;
+        }
         std::string number;
-        if (device.ReadText("class", &number) != 0 || number.substr(0, 2) != "0x") continue;
-        if (ParseNumber(std::string_view(number).substr(2), 16) == kOhci1394) idle.push_back(name);
+        if (device.ReadText("class", &number) != 0 || number.substr(0, 2) != "0x") {
+            continue;
+        }
+        if (ParseNumber(std::string_view(number).substr(2), 16) == Ohci1394) {
+            idle.push_back(name);
+        }
     }
     std::sort(idle.begin(), idle.end());
     return idle;

@@ -34,10 +34,14 @@ public:
     void Compare(const FireWirePhy& before, const FireWirePhy& after, std::optional<std::size_t> from) {
         const std::size_t numPorts = std::max(before.ports.size(), after.ports.size());
         for (std::size_t port = 0; port < numPorts; ++port) {
-            if (port == from) continue;
+            if (port == from) {
+                continue;
+            }
             const auto was = NeighbourAt(before, port);
             const auto is = NeighbourAt(after, port);
-            if (!was && !is) continue;
+            if (!was && !is) {
+                continue;
+            }
             if (!was || !is || !Follow(before, m_before[*was], after, m_after[*is], port)) {
                 m_changes.push_back({m_way, static_cast<unsigned int>(port)});
             }
@@ -51,7 +55,9 @@ private:
     bool Follow(const FireWirePhy& before, const FireWirePhy& next, const FireWirePhy& after,
                 const FireWirePhy& nextNow, std::size_t port) {
         const std::size_t back = PortTo(next, before.phyId);
-        if (back != PortTo(nextNow, after.phyId) || !MayBeSame(next, nextNow)) return false;
+        if (back != PortTo(nextNow, after.phyId) || !MayBeSame(next, nextNow)) {
+            return false;
+        }
         m_way.push_back(static_cast<unsigned int>(port));
         Compare(next, nextNow, back);
         m_way.pop_back();
@@ -68,18 +74,24 @@ private:
 
 std::vector<Socket> FindPortChanges(std::span<const FireWirePhy> before, unsigned int localBefore,
                                     std::span<const FireWirePhy> after, unsigned int localAfter) {
-    if (localBefore >= before.size() || localAfter >= after.size()) return {};
+    if (localBefore >= before.size() || localAfter >= after.size()) {
+        return {};
+    }
     Comparison comparison(before, after);
     comparison.Compare(before[localBefore], after[localAfter], std::nullopt);
     return comparison.Take();
 }
 
 const FireWirePhy* FollowWay(std::span<const FireWirePhy> phys, unsigned int local, std::span<const unsigned int> way) {
-    if (local >= phys.size()) return nullptr;
+    if (local >= phys.size()) {
+        return nullptr;
+    }
     const FireWirePhy* phy = &phys[local];
     for (const unsigned int port : way) {
         const auto next = NeighbourAt(*phy, port);
-        if (!next || *next >= phys.size()) return nullptr;
+        if (!next || *next >= phys.size()) {
+            return nullptr;
+        }
         phy = &phys[*next];
     }
     return phy;

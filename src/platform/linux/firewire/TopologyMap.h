@@ -13,9 +13,9 @@
 
 namespace Nimbrel2::Platform::FireWire {
 
-inline constexpr std::uint64_t kTopologyMapOffset = 0xFFFFF0001000;
+inline constexpr std::uint64_t TopologyMapOffset = 0xFFFFF0001000;
 /// The whole map, in one transaction: two could be of two bus resets.
-inline constexpr std::size_t kTopologyMapBytes = 1024;
+inline constexpr std::size_t TopologyMapBytes = 1024;
 
 /// @param bytes    The map as it was read.
 /// @param packets  Receives the self-ID stream: packet zero and extended packets of each PHY, in ascending phy id.

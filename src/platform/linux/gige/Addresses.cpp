@@ -16,22 +16,24 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-constexpr std::uint8_t kForceIpFlags = Gvcp::Flag::kAcknowledgeRequired | Gvcp::Flag::kAllowBroadcastAcknowledge;
-constexpr std::size_t kPacketBudget = 256;
+constexpr std::uint8_t ForceIpFlags = Gvcp::Flag::AcknowledgeRequired | Gvcp::Flag::AllowBroadcastAcknowledge;
+constexpr std::size_t PacketBudget = 256;
 // Per camera and round of asking. On a crowded wire more rounds follow, each asking for more.
-constexpr std::size_t kCandidates = 4;
+constexpr std::size_t Candidates = 4;
 // In one round, unless there are more cameras. The kernel remembers 1024 neighbours at most, and those after go
 // unasked.
-constexpr std::size_t kMostAsked = 256;
-constexpr int kMaxRounds = 32;
-constexpr int kArpTries = 3;
+constexpr std::size_t MostAsked = 256;
+constexpr int MaxRounds = 32;
+constexpr int ArpTries = 3;
 
 /// The ids of some requests, given back when they have ended.
 class Ids {
 public:
     explicit Ids(RequestIds& ids) : m_ids(ids) {}
     ~Ids() {
-        for (const std::uint16_t id : m_taken) m_ids.Release(id);
+        for (const std::uint16_t id : m_taken) {
+            m_ids.Release(id);
+        }
     }
     Ids(const Ids&) = delete;
     Ids& operator=(const Ids&) = delete;
@@ -52,7 +54,9 @@ private:
 
 std::uint32_t Addresses::Force(const GigEAddress& address, ForceIpResult* result) {
     const std::uint32_t status = m_parts.GetStatus();
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     std::vector<Job> jobs(1);
     jobs[0].address = address;
     jobs[0].interfaces = FindInterfacesOf(address.mac);
@@ -64,21 +68,31 @@ std::uint32_t Addresses::Force(const GigEAddress& address, ForceIpResult* result
 
 std::uint32_t Addresses::Apply(std::vector<AddressPlan>* plans) {
     const std::uint32_t status = m_parts.GetStatus();
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     std::vector<Job> jobs;
     std::vector<AddressPlan*> planOfJob;
     for (AddressPlan& plan : *plans) {
-        if (plan.status != HAL_OK || plan.newIp == 0) continue;
+        if (plan.status != HAL_OK || plan.newIp == 0) {
+            continue;
+        }
         Job job;
         job.address = {MacOf(plan.record), plan.newIp, plan.newMask, 0};
         job.interfaces = {plan.interface};
         jobs.push_back(std::move(job));
         planOfJob.push_back(&plan);
     }
-    if (!jobs.empty()) ForceAll(jobs);
-    for (std::size_t i = 0; i < jobs.size(); ++i) planOfJob[i]->status = jobs[i].status;
+    if (!jobs.empty()) {
+        ForceAll(jobs);
+    }
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        planOfJob[i]->status = jobs[i].status;
+    }
     for (const AddressPlan& plan : *plans) {
-        if (plan.status != HAL_OK) return plan.status;
+        if (plan.status != HAL_OK) {
+            return plan.status;
+        }
     }
     return HAL_OK;
 }
@@ -92,7 +106,9 @@ std::vector<int> Addresses::FindInterfacesOf(std::uint64_t mac) const {
         all.push_back(interface.info.index);
         const bool here = std::any_of(sightings.begin(), sightings.end(),
                                       [&](const SightingView& view) { return view.interface == interface.info.index; });
-        if (here) heard.push_back(interface.info.index);
+        if (here) {
+            heard.push_back(interface.info.index);
+        }
     }
     return heard.empty() ? all : heard;
 }
@@ -100,11 +116,15 @@ std::vector<int> Addresses::FindInterfacesOf(std::uint64_t mac) const {
 std::vector<Addresses::Line> Addresses::Open(const std::set<int>& interfaces) {
     std::vector<Line> lines;
     for (const int interface : interfaces) {
-        if (const auto used = m_parts.interfaces.FindUsed(interface)) lines.push_back({*used, {}});
+        if (const auto used = m_parts.interfaces.FindUsed(interface)) {
+            lines.push_back({*used, {}});
+        }
     }
     m_parts.monitor.Run([&] {
         std::string where;
-        for (Line& line : lines) m_parts.OpenSocket(line.interface.info, {}, &line.socket, &where);
+        for (Line& line : lines) {
+            m_parts.OpenSocket(line.interface.info, {}, &line.socket, &where);
+        }
     });
     std::erase_if(lines, [](const Line& line) { return line.socket == nullptr; });
     return lines;
@@ -121,7 +141,9 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
     }
     const std::vector<Line> lines = Open(interfaces);
     std::vector<int> fds;
-    for (const Line& line : lines) fds.push_back(line.socket->GetFd());
+    for (const Line& line : lines) {
+        fds.push_back(line.socket->GetFd());
+    }
     const TimePoint start = Clock::now();
     // Nobody acknowledges the address 0, so that nothing is waited for.
     const auto isWaitedFor = [](const Job& job) { return job.heardOn == 0 && job.address.ip != 0 && job.id != 0; };
@@ -131,13 +153,19 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
         std::vector<bool> readable;
         while (std::any_of(jobs.begin(), jobs.end(), isWaitedFor) &&
                WaitForAny(fds, m_parts.monitor.GetStopFd(), deadline, &readable)) {
-            for (const Line& line : lines) Receive(jobs, line);
+            for (const Line& line : lines) {
+                Receive(jobs, line);
+            }
         }
-        if (!m_parts.presence.IsRunning()) break;
+        if (!m_parts.presence.IsRunning()) {
+            break;
+        }
     }
     if (!m_parts.presence.IsRunning()) {
         for (Job& job : jobs) {
-            if (job.heardOn == 0) job.status = HAL_CLOSED;
+            if (job.heardOn == 0) {
+                job.status = HAL_CLOSED;
+            }
         }
         return;
     }
@@ -146,7 +174,9 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
 
 void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines) const {
     for (Job& job : jobs) {
-        if (job.heardOn != 0) continue;
+        if (job.heardOn != 0) {
+            continue;
+        }
         if (job.id == 0) {
             job.status = HAL_BUSY;
             continue;
@@ -155,16 +185,22 @@ void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines) con
         const Gvcp::ForceIpCommand command{static_cast<std::uint16_t>(address.mac >> 32),
                                            static_cast<std::uint32_t>(address.mac), address.ip, address.mask,
                                            address.gateway};
-        const Gvcp::Packet packet = Gvcp::EncodeForceIpCommand(job.id, kForceIpFlags, command);
+        const Gvcp::Packet packet = Gvcp::EncodeForceIpCommand(job.id, ForceIpFlags, command);
         int error = ENETUNREACH;
         for (const Line& line : lines) {
-            if (std::count(job.interfaces.begin(), job.interfaces.end(), line.interface.info.index) == 0) continue;
+            if (std::count(job.interfaces.begin(), job.interfaces.end(), line.interface.info.index) == 0) {
+                continue;
+            }
             const int lineError = line.socket->Broadcast(packet.GetBytes());
-            if (error != 0) error = lineError;
+            if (error != 0) {
+                error = lineError;
+            }
         }
         const bool sent = error == 0 || error == EAGAIN || error == ENOBUFS;
         job.status = sent ? HAL_NO_ACKNOWLEDGE : StatusOfErrno(error);
-        if (sent && address.ip == 0) job.status = HAL_OK;
+        if (sent && address.ip == 0) {
+            job.status = HAL_OK;
+        }
     }
 }
 
@@ -172,15 +208,19 @@ void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines) con
 void Addresses::Receive(std::vector<Job>& jobs, const Line& line) const {
     Listener listener([&](std::uint32_t from, std::span<const std::uint8_t> bytes) {
         for (Job& job : jobs) {
-            if (job.heardOn != 0 || job.id == 0 || job.address.ip != from) continue;
+            if (job.heardOn != 0 || job.id == 0 || job.address.ip != from) {
+                continue;
+            }
             Reply reply(job.id, Gvcp::MessageId::ForceIpAck, TimePoint());
             reply.Take(bytes, Clock::now());
-            if (!reply.IsAnswered()) continue;
+            if (!reply.IsAnswered()) {
+                continue;
+            }
             job.status = reply.GetStatus();
             job.heardOn = line.interface.info.index;
         }
     });
-    line.socket->Drain(kPacketBudget, listener);
+    line.socket->Drain(PacketBudget, listener);
 }
 
 // What was known of their old addresses no longer holds. They are asked at the new ones at once, and given a moment to
@@ -191,10 +231,14 @@ void Addresses::FollowMoved(const std::vector<Job>& jobs, TimePoint since) {
     std::vector<GigECameraName> moved;
     const TimePoint now = Clock::now();
     for (const Job& job : jobs) {
-        if (job.status != HAL_OK || job.heardOn == 0) continue;
+        if (job.status != HAL_OK || job.heardOn == 0) {
+            continue;
+        }
         Answer answer;
         const std::vector<SightingView> known = m_parts.presence.GetSightings(CameraKey{job.address.mac, 0, {}});
-        if (!known.empty()) answer.record = known.front().record;
+        if (!known.empty()) {
+            answer.record = known.front().record;
+        }
         answer.interface = job.heardOn;
         answer.from = job.address.ip;
         answer.record.macHigh = static_cast<std::uint16_t>(job.address.mac >> 32);
@@ -204,7 +248,9 @@ void Addresses::FollowMoved(const std::vector<Job>& jobs, TimePoint since) {
         answer.record.defaultGateway = job.address.gateway;
         answer.usability = m_parts.interfaces.Judge(job.heardOn, answer.record);
         m_parts.presence.HasMoved(answer, now, &probes);
-        if (answer.usability == GigEUsability::Usable) moved.push_back({job.address.ip, job.address.mac});
+        if (answer.usability == GigEUsability::Usable) {
+            moved.push_back({job.address.ip, job.address.mac});
+        }
     }
     m_parts.monitor.SendProbes(probes);
     m_parts.monitor.StartBursts();
@@ -214,7 +260,9 @@ void Addresses::FollowMoved(const std::vector<Job>& jobs, TimePoint since) {
 ForceIpResult Addresses::Verify(const Job& job, TimePoint since) {
     ForceIpResult result;
     result.acknowledged = job.heardOn != 0 && job.status == HAL_OK;
-    if (job.address.ip == 0) return result;
+    if (job.address.ip == 0) {
+        return result;
+    }
     const CameraKey key{job.address.mac, 0, {}};
     const auto listed = m_parts.presence.FindListed(key);
     if (listed && listed->record.ipAddress == job.address.ip && m_parts.presence.HasAnswered(key, since)) {
@@ -237,23 +285,35 @@ ForceIpResult Addresses::Verify(const Job& job, TimePoint since) {
 std::uint32_t Addresses::Plan(std::optional<std::uint32_t> serialNumber, std::vector<AddressPlan>* plans) {
     GigEDiscovery discovery;
     const std::uint32_t status = m_discovery.Run(std::nullopt, &discovery);
-    if (status != HAL_OK) return status;
-    for (const CameraDiagnosis& camera : discovery.cameras) {
-        if (!serialNumber || SerialNumberOf(camera.record) == *serialNumber) plans->push_back(PlanFor(camera));
+    if (status != HAL_OK) {
+        return status;
     }
-    if (serialNumber && plans->empty()) return HAL_GONE;
+    for (const CameraDiagnosis& camera : discovery.cameras) {
+        if (!serialNumber || SerialNumberOf(camera.record) == *serialNumber) {
+            plans->push_back(PlanFor(camera));
+        }
+    }
+    if (serialNumber && plans->empty()) {
+        return HAL_GONE;
+    }
 
     std::map<int, std::vector<AddressPlan*>> byInterface;
     for (AddressPlan& plan : *plans) {
-        if (!plan.alreadyRight && plan.status == HAL_OK) byInterface[plan.interface].push_back(&plan);
+        if (!plan.alreadyRight && plan.status == HAL_OK) {
+            byInterface[plan.interface].push_back(&plan);
+        }
     }
     std::set<std::uint32_t> given;  // two interfaces may be in one subnet
     for (const auto& [interface, wrong] : byInterface) {
         std::set<std::uint32_t> taken = FindTaken(discovery, interface);
         taken.insert(given.begin(), given.end());
         Choose(wrong, std::move(taken));
-        if (!m_parts.presence.IsRunning()) return HAL_CLOSED;
-        for (const AddressPlan& plan : *plans) given.insert(plan.newIp);
+        if (!m_parts.presence.IsRunning()) {
+            return HAL_CLOSED;
+        }
+        for (const AddressPlan& plan : *plans) {
+            given.insert(plan.newIp);
+        }
     }
     return HAL_OK;
 }
@@ -272,9 +332,15 @@ AddressPlan Addresses::PlanFor(const CameraDiagnosis& camera) const {
             plan.alreadyRight ? interface->info.FindSubnet(camera.record.ipAddress) : nullptr;
         plan.interfaceAddress = subnet != nullptr ? *subnet : HomeSubnet(interface->info);
     }
-    if (plan.alreadyRight) return plan;
-    if (!hasAddress) plan.status = HAL_UNREACHABLE;
-    if (MacOf(camera.record) == 0) plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
+    if (plan.alreadyRight) {
+        return plan;
+    }
+    if (!hasAddress) {
+        plan.status = HAL_UNREACHABLE;
+    }
+    if (MacOf(camera.record) == 0) {
+        plan.status = HAL_NOT_SUPPORTED;  // FORCEIP goes by the MAC
+    }
     return plan;
 }
 
@@ -284,20 +350,24 @@ std::set<std::uint32_t> Addresses::FindTaken(const GigEDiscovery& discovery, int
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
     }
     m_parts.routes.ReadGateways(interface, &taken);
-    for (const SightingView& view : m_parts.presence.GetSightings()) taken.insert(view.record.ipAddress);
-    for (const auto& own : m_parts.interfaces.GetAddresses()) taken.insert(own.first.address);
+    for (const SightingView& view : m_parts.presence.GetSightings()) {
+        taken.insert(view.record.ipAddress);
+    }
+    for (const auto& own : m_parts.interfaces.GetAddresses()) {
+        taken.insert(own.first.address);
+    }
     return taken;
 }
 
 void Addresses::Choose(std::vector<AddressPlan*> plans, std::set<std::uint32_t> taken) {
     const int interface = plans.front()->interface;
     const InterfaceAddress subnet = plans.front()->interfaceAddress;
-    for (int round = 0; round < kMaxRounds && !plans.empty(); ++round) {
+    for (int round = 0; round < MaxRounds && !plans.empty(); ++round) {
         std::map<AddressPlan*, std::vector<std::uint32_t>> candidates;
         std::vector<std::uint32_t> all;
         std::set<std::uint32_t> spokenFor = taken;
-        const std::size_t most = std::max<std::size_t>(1, kMostAsked / plans.size());
-        const std::size_t each = std::min(most, kCandidates << std::min(round, 6));
+        const std::size_t most = std::max<std::size_t>(1, MostAsked / plans.size());
+        const std::size_t each = std::min(most, Candidates << std::min(round, 6));
         for (AddressPlan* plan : plans) {
             candidates[plan] = FindFreeAddresses(subnet, spokenFor, MacOf(plan->record), each);
             spokenFor.insert(candidates[plan].begin(), candidates[plan].end());
@@ -307,33 +377,47 @@ void Addresses::Choose(std::vector<AddressPlan*> plans, std::set<std::uint32_t> 
         const std::uint32_t status = AskWhoHas(interface, all, &neighbours);
         for (AddressPlan* plan : plans) {
             plan->status = status;
-            if (status != HAL_OK) continue;
+            if (status != HAL_OK) {
+                continue;
+            }
             for (const std::uint32_t ip : candidates[plan]) {
                 const auto neighbour = neighbours.find(ip);
                 taken.insert(ip);
                 // The camera may have had the address before: then the neighbour is the camera itself.
-                if (neighbour != neighbours.end() && neighbour->second != MacOf(plan->record)) continue;
+                if (neighbour != neighbours.end() && neighbour->second != MacOf(plan->record)) {
+                    continue;
+                }
                 plan->newIp = ip;
                 plan->newMask = subnet.GetMask();
                 break;
             }
             // Without a candidate it has lost them to the others of this round, or the subnet is full.
-            if (plan->newIp == 0 && FindFreeAddresses(subnet, taken, 0, 1).empty()) plan->status = HAL_FAILED;
+            if (plan->newIp == 0 && FindFreeAddresses(subnet, taken, 0, 1).empty()) {
+                plan->status = HAL_FAILED;
+            }
         }
         std::erase_if(plans, [](const AddressPlan* plan) { return plan->newIp != 0 || plan->status != HAL_OK; });
     }
-    for (AddressPlan* plan : plans) plan->status = HAL_FAILED;
+    for (AddressPlan* plan : plans) {
+        plan->status = HAL_FAILED;
+    }
 }
 
 // Sends a datagram to each address, which makes the kernel ask who has it, and looks at who has answered. Needs no
 // privileges, other than an ARP probe. An address that could not be asked for counts as somebody's, who has no MAC.
 std::uint32_t Addresses::AskWhoHas(int interface, const std::vector<std::uint32_t>& ips,
                                    std::map<std::uint32_t, std::uint64_t>* neighbours) {
-    if (ips.empty()) return HAL_OK;
+    if (ips.empty()) {
+        return HAL_OK;
+    }
     const std::vector<Line> lines = Open({interface});
-    if (lines.empty()) return m_parts.presence.IsRunning() ? HAL_UNREACHABLE : HAL_CLOSED;
+    if (lines.empty()) {
+        return m_parts.presence.IsRunning() ? HAL_UNREACHABLE : HAL_CLOSED;
+    }
     const NetworkInterface& info = lines[0].interface.info;
-    if (info.loopback) return HAL_OK;
+    if (info.loopback) {
+        return HAL_OK;
+    }
     std::vector<std::uint32_t> unasked;
     int refusal = 0;
     for (const std::uint32_t ip : ips) {
@@ -342,12 +426,18 @@ std::uint32_t Addresses::AskWhoHas(int interface, const std::vector<std::uint32_
             refusal = error;
         }
     }
-    if (unasked.size() == ips.size()) return StatusOfErrno(refusal);
+    if (unasked.size() == ips.size()) {
+        return StatusOfErrno(refusal);
+    }
     std::vector<bool> none;
     WaitForAny({}, m_parts.monitor.GetStopFd(), Clock::now() + m_parts.options.timings.neighbourWait, &none);
-    if (!m_parts.presence.IsRunning()) return HAL_CLOSED;
+    if (!m_parts.presence.IsRunning()) {
+        return HAL_CLOSED;
+    }
     const int error = m_parts.routes.ReadNeighbours(interface, neighbours);
-    for (const std::uint32_t ip : unasked) neighbours->insert({ip, 0});
+    for (const std::uint32_t ip : unasked) {
+        neighbours->insert({ip, 0});
+    }
     return StatusOfErrno(error);
 }
 
@@ -355,9 +445,13 @@ std::uint32_t Addresses::AskWhoHas(int interface, const std::vector<std::uint32_
 
 std::uint32_t Addresses::FindHolder(std::uint32_t ip, AddressHolder* holder) {
     const std::uint32_t status = m_parts.GetStatus();
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     for (const auto& [own, interface] : m_parts.interfaces.GetAddresses()) {
-        if (own.address != ip) continue;
+        if (own.address != ip) {
+            continue;
+        }
         *holder = {AddressHolder::Kind::ThisComputer, 0, interface.index, interface.name};
         return HAL_OK;
     }
@@ -365,23 +459,33 @@ std::uint32_t Addresses::FindHolder(std::uint32_t ip, AddressHolder* holder) {
         // What only says that it has the address is not believed while another one answers there.
         const bool believed = view.state == CameraTable::State::Present ||
                               (view.state == CameraTable::State::OutOfReach && !view.addressTaken);
-        if (view.record.ipAddress != ip || !believed) continue;
+        if (view.record.ipAddress != ip || !believed) {
+            continue;
+        }
         *holder = {AddressHolder::Kind::Camera, view.key.mac, view.interface,
                    m_parts.interfaces.GetName(view.interface)};
         return HAL_OK;
     }
     const std::vector<UsedInterface> used = m_parts.interfaces.GetUsed();
-    if (AskOnTheWire(used, ip, holder)) return m_parts.GetStatus();
+    if (AskOnTheWire(used, ip, holder)) {
+        return m_parts.GetStatus();
+    }
     // The kernel asks for addresses of its own subnets only.
     holder->kind = AddressHolder::Kind::Unknown;
     for (const UsedInterface& interface : used) {
-        if (interface.info.FindSubnet(ip) == nullptr) continue;
+        if (interface.info.FindSubnet(ip) == nullptr) {
+            continue;
+        }
         std::map<std::uint32_t, std::uint64_t> neighbours;
         const std::uint32_t asked = AskWhoHas(interface.info.index, {ip}, &neighbours);
-        if (asked != HAL_OK) return asked;
+        if (asked != HAL_OK) {
+            return asked;
+        }
         holder->kind = AddressHolder::Kind::Nobody;
         const auto found = neighbours.find(ip);
-        if (found == neighbours.end()) continue;
+        if (found == neighbours.end()) {
+            continue;
+        }
         *holder = {AddressHolder::Kind::Host, found->second, interface.info.index, interface.info.name};
         return HAL_OK;
     }
@@ -398,20 +502,30 @@ bool Addresses::AskOnTheWire(const std::vector<UsedInterface>& interfaces, std::
     });
     std::vector<int> fds;
     for (const auto& probe : probes) {
-        if (probe && probe->IsOpen()) fds.push_back(probe->GetFd());
-    }
-    if (fds.empty()) return false;
-    for (int i = 0; i < kArpTries; ++i) {
-        for (const auto& probe : probes) {
-            if (probe && probe->IsOpen()) probe->Ask(ip);
+        if (probe && probe->IsOpen()) {
+            fds.push_back(probe->GetFd());
         }
-        const TimePoint deadline = Clock::now() + m_parts.options.timings.neighbourWait / kArpTries;
+    }
+    if (fds.empty()) {
+        return false;
+    }
+    for (int i = 0; i < ArpTries; ++i) {
+        for (const auto& probe : probes) {
+            if (probe && probe->IsOpen()) {
+                probe->Ask(ip);
+            }
+        }
+        const TimePoint deadline = Clock::now() + m_parts.options.timings.neighbourWait / ArpTries;
         std::vector<bool> readable;
         while (WaitForAny(fds, m_parts.monitor.GetStopFd(), deadline, &readable)) {
             for (std::size_t k = 0; k < probes.size(); ++k) {
-                if (!probes[k] || !probes[k]->IsOpen()) continue;
+                if (!probes[k] || !probes[k]->IsOpen()) {
+                    continue;
+                }
                 const auto owner = probes[k]->Receive(ip);
-                if (!owner) continue;
+                if (!owner) {
+                    continue;
+                }
                 *holder = {AddressHolder::Kind::Host, *owner, interfaces[k].info.index, interfaces[k].info.name};
                 return true;
             }

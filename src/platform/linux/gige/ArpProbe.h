@@ -14,9 +14,9 @@
 namespace Nimbrel2::Platform::GigE {
 
 /// An ARP packet for IPv4 over Ethernet (RFC 826).
-constexpr std::size_t kArpBytes = 28;
+constexpr std::size_t ArpBytes = 28;
 
-std::array<std::uint8_t, kArpBytes> EncodeArpProbe(std::uint64_t ownMac, std::uint32_t ip);
+std::array<std::uint8_t, ArpBytes> EncodeArpProbe(std::uint64_t ownMac, std::uint32_t ip);
 
 /// The MAC of whoever says in that packet that the address is its own; nothing for any other packet. Pure.
 std::optional<std::uint64_t> ParseArpOwner(std::span<const std::uint8_t> packet, std::uint32_t ip);

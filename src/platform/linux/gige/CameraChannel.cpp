@@ -20,7 +20,9 @@ CameraChannel::Command CameraChannel::Begin(const std::shared_ptr<CameraChannel>
 
 CameraChannel::Command CameraChannel::TryBegin(const std::shared_ptr<CameraChannel>& channel) {
     const LockGuard lock(channel->m_mutex);
-    if (channel->m_taken) return Command();
+    if (channel->m_taken) {
+        return Command();
+    }
     channel->m_taken = true;
     return Command(channel);
 }

@@ -37,7 +37,9 @@ public:
         Command& operator=(Command&&) = delete;
         ~Command() { End(); }
         void End() {
-            if (m_channel) m_channel->End();
+            if (m_channel) {
+                m_channel->End();
+            }
             m_channel.reset();
         }
         State* operator->() const { return &m_channel->m_state; }

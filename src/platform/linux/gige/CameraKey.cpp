@@ -18,7 +18,9 @@ std::uint32_t SerialNumberOf(const GvcpDiscoveryRecord& record) {
 
 CameraKey KeyOf(const GvcpDiscoveryRecord& record) {
     const std::uint64_t mac = MacOf(record);
-    if (mac != 0) return CameraKey{mac, 0, {}};
+    if (mac != 0) {
+        return CameraKey{mac, 0, {}};
+    }
     return CameraKey{0, record.ipAddress, SerialTextOf(record)};
 }
 

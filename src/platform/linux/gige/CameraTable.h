@@ -104,9 +104,9 @@ public:
 
     /// Sightings remembered at once, so that no flood of invented cameras takes more memory. Present ones are never
     /// forgotten for others.
-    static constexpr std::size_t kMaxSightings = 4096;
+    static constexpr std::size_t MaxSightings = 4096;
     /// Unverified sightings asked at once. Those that do not exist wait for ARP, in a queue that is short on purpose.
-    static constexpr std::size_t kMaxConfirming = 24;
+    static constexpr std::size_t MaxConfirming = 24;
 
     CameraTable(const Timings& timings, RequestIds& ids) : m_timings(timings), m_ids(ids) {}
     ~CameraTable();

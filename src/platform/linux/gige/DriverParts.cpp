@@ -16,20 +16,20 @@ namespace Nimbrel2::Platform::GigE {
 namespace {
 
 // Room for thousands of answers to one broadcast; the kernel gives what it allows.
-constexpr int kReceiveBufferBytes = 4 << 20;
-constexpr int kSendBufferBytes = 1 << 20;
+constexpr int ReceiveBufferBytes = 4 << 20;
+constexpr int SendBufferBytes = 1 << 20;
 // What does not exist waits here for ARP: some hundred packets, so that nothing of the kernel's is used up.
-constexpr int kSearchSendBufferBytes = 128 << 10;
+constexpr int SearchSendBufferBytes = 128 << 10;
 
 // An address of those set apart for documentation: what leads there leads anywhere.
-constexpr std::uint32_t kNowhereNear = 0xC6336401;  // 198.51.100.1
+constexpr std::uint32_t NowhereNear = 0xC6336401;  // 198.51.100.1
 
-constexpr int kStrict = 1;
+constexpr int Strict = 1;
 
 SocketOptions OptionsOf(Port port) {
     SocketOptions options;
-    options.receiveBuffer = kReceiveBufferBytes;
-    options.sendBuffer = port == Port::Search ? kSearchSendBufferBytes : kSendBufferBytes;
+    options.receiveBuffer = ReceiveBufferBytes;
+    options.sendBuffer = port == Port::Search ? SearchSendBufferBytes : SendBufferBytes;
     return options;
 }
 
@@ -50,11 +50,15 @@ DriverParts::DriverParts(const DriverOptions& given, BusEventSink& events)
                 RegisterNeeds{
                     [this](const CameraKey& key) { return presence.FindPlace(key); },
                     [this](std::vector<ChannelRequest>& requests) {
-                        for (ChannelRequest& request : requests) request.error = ENODEV;
+                        for (ChannelRequest& request : requests) {
+                            request.error = ENODEV;
+                        }
                         monitor.Run([&] {
                             for (ChannelRequest& request : requests) {
                                 const auto interface = interfaces.FindUsed(request.place.interface);
-                                if (!interface) continue;
+                                if (!interface) {
+                                    continue;
+                                }
                                 SocketOptions socketOptions;
                                 socketOptions.preferredPort = request.preferredPort;
                                 socketOptions.localAddress = LocalAddressFor(interface->info, request.place.ip);
@@ -93,7 +97,7 @@ void DriverParts::FillReport(std::uint64_t filteredBefore, GigESearchReport* rep
                  " are too few: " + std::to_string(cameras) + " more are needed"});
     }
     report->filteredPackets = filtered.Read() - filteredBefore;
-    const int defaultRoute = routes.FindRoute(kNowhereNear);
+    const int defaultRoute = routes.FindRoute(NowhereNear);
     const std::vector<SightingView> sightings = presence.GetSightings();
     for (const UsedInterface& interface : interfaces.GetUsed()) {
         int ofAll = 0;
@@ -102,8 +106,10 @@ void DriverParts::FillReport(std::uint64_t filteredBefore, GigESearchReport* rep
         const int inForce = std::max(ofAll, ofIt);
         // A strict filter lets a foreign answer pass only where this computer would answer it by the same interface, a
         // loose one where it knows any way.
-        const bool passes = defaultRoute == interface.info.index || (inForce != kStrict && defaultRoute != 0);
-        if (inForce == 0 || passes || interface.info.loopback) continue;
+        const bool passes = defaultRoute == interface.info.index || (inForce != Strict && defaultRoute != 0);
+        if (inForce == 0 || passes || interface.info.loopback) {
+            continue;
+        }
         const auto heard = std::count_if(sightings.begin(), sightings.end(), [&](const SightingView& view) {
             return view.interface == interface.info.index;
         });
@@ -114,24 +120,36 @@ void DriverParts::FillReport(std::uint64_t filteredBefore, GigESearchReport* rep
 
 void Listener::OnDatagram(UdpSocket& /*socket*/, std::uint32_t from, std::uint16_t fromPort,
                           std::span<const std::uint8_t> bytes) {
-    if (fromPort == Gvcp::kPort) m_function(from, bytes);
+    if (fromPort == Gvcp::Port) {
+        m_function(from, bytes);
+    }
 }
 
 bool WaitForAny(const std::vector<int>& fds, int stopFd, TimePoint deadline, std::vector<bool>* readable) {
     std::vector<pollfd> polled;
     polled.reserve(fds.size() + 1);
-    for (const int fd : fds) polled.push_back(pollfd{fd, POLLIN, 0});
+    for (const int fd : fds) {
+        polled.push_back(pollfd{fd, POLLIN, 0});
+    }
     polled.push_back(pollfd{stopFd, POLLIN, 0});
     readable->assign(fds.size(), false);
     while (true) {
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return false;
+        if (left <= 0) {
+            return false;
+        }
         timespec limit{};
         limit.tv_sec = static_cast<std::time_t>(left / 1'000'000'000);
         limit.tv_nsec = static_cast<long>(left % 1'000'000'000);
-        if (::ppoll(polled.data(), polled.size(), &limit, nullptr) <= 0) continue;
-        if (polled.back().revents != 0) return false;
-        for (std::size_t i = 0; i < fds.size(); ++i) (*readable)[i] = polled[i].revents != 0;
+        if (::ppoll(polled.data(), polled.size(), &limit, nullptr) <= 0) {
+            continue;
+        }
+        if (polled.back().revents != 0) {
+            return false;
+        }
+        for (std::size_t i = 0; i < fds.size(); ++i) {
+            (*readable)[i] = polled[i].revents != 0;
+        }
         return true;
     }
 }

@@ -13,7 +13,7 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-constexpr std::size_t kMostBytes = 64 << 10;
+constexpr std::size_t MostBytes = 64 << 10;
 
 }  // namespace
 
@@ -23,7 +23,7 @@ void FilterCounter::Open() {
 }
 
 std::uint64_t FilterCounter::Read() const {
-    std::string text(kMostBytes, '\0');
+    std::string text(MostBytes, '\0');
     const ssize_t size = ::pread(m_file.Get(), text.data(), text.size(), 0);
     text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return ParseNetstat(text, "IPReversePathFilter").value_or(0);

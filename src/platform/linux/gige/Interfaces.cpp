@@ -14,8 +14,8 @@ namespace Nimbrel2::Platform::GigE {
 
 namespace {
 
-constexpr std::size_t kMaxRouteAnswers = 1024;
-constexpr Milliseconds kRouteLifetime{1000};
+constexpr std::size_t MaxRouteAnswers = 1024;
+constexpr Milliseconds RouteLifetime{1000};
 
 std::string ErrorText(int error) { return std::system_category().message(error); }
 
@@ -32,7 +32,9 @@ void Interfaces::Update(const std::vector<NetworkInterface>& found, TimePoint no
     std::erase_if(m_interfaces, [&](const auto& known) {
         return std::none_of(found.begin(), found.end(), [&](const auto& info) { return info.index == known.first; });
     });
-    for (const NetworkInterface& info : found) UpdateOne(m_interfaces[info.index], info, now);
+    for (const NetworkInterface& info : found) {
+        UpdateOne(m_interfaces[info.index], info, now);
+    }
 }
 
 void Interfaces::UpdateRefused(int error) {
@@ -48,12 +50,16 @@ void Interfaces::UpdateOne(Interface& interface, const NetworkInterface& now, Ti
     }
     interface.info = now;
     const bool eligible = IsEligible(now, m_wanted);
-    if (!eligible) interface.search = interface.verify = nullptr;
+    if (!eligible) {
+        interface.search = interface.verify = nullptr;
+    }
     interface.reason = ReasonNotUsed(now, m_wanted);
     interface.error = 0;
     if (interface.reason.empty() && !interface.IsUsed()) {
         interface.error = OpenSockets(interface);
-        if (interface.error != 0) interface.reason = interface.where + " refused: " + ErrorText(interface.error);
+        if (interface.error != 0) {
+            interface.reason = interface.where + " refused: " + ErrorText(interface.error);
+        }
     }
     const bool hasLink = now.up && now.running;
     if (interface.IsUsed() || !eligible || (hasLink && interface.error == 0)) {
@@ -67,8 +73,12 @@ int Interfaces::OpenSockets(Interface& interface) {
     std::shared_ptr<UdpSocket> search;
     std::shared_ptr<UdpSocket> verify;
     int error = m_open(interface.info, Port::Search, &search, &interface.where);
-    if (error == 0) error = m_open(interface.info, Port::Verify, &verify, &interface.where);
-    if (error != 0) return error;
+    if (error == 0) {
+        error = m_open(interface.info, Port::Verify, &verify, &interface.where);
+    }
+    if (error != 0) {
+        return error;
+    }
     interface.search = std::move(search);
     interface.verify = std::move(verify);
     return 0;
@@ -79,7 +89,9 @@ TimePoint Interfaces::Expire(TimePoint now, bool* changed) {
     TimePoint next = TimePoint::max();
     for (auto& entry : m_interfaces) {
         Interface& interface = entry.second;
-        if (!interface.IsWaiting()) continue;
+        if (!interface.IsWaiting()) {
+            continue;
+        }
         const TimePoint end = interface.lostAt + m_timings.linkGrace;
         if (now >= end) {
             interface.lostAt = TimePoint();
@@ -95,8 +107,12 @@ std::vector<InterfacePresence> Interfaces::GetPresence() const {
     const LockGuard lock(m_mutex);
     std::vector<InterfacePresence> present;
     for (const auto& [index, interface] : m_interfaces) {
-        if (interface.IsUsed()) present.push_back({index, InterfacePresence::Use::Used, interface.version});
-        if (interface.IsWaiting()) present.push_back({index, InterfacePresence::Use::Waiting, interface.version});
+        if (interface.IsUsed()) {
+            present.push_back({index, InterfacePresence::Use::Used, interface.version});
+        }
+        if (interface.IsWaiting()) {
+            present.push_back({index, InterfacePresence::Use::Waiting, interface.version});
+        }
     }
     return present;
 }
@@ -104,7 +120,9 @@ std::vector<InterfacePresence> Interfaces::GetPresence() const {
 void Interfaces::Broadcasted(int interface, int error) {
     const LockGuard lock(m_mutex);
     const auto found = m_interfaces.find(interface);
-    if (found != m_interfaces.end()) found->second.sendError = error;
+    if (found != m_interfaces.end()) {
+        found->second.sendError = error;
+    }
 }
 
 // ---- Any thread ----------------------------------------------------------------------------------------------------
@@ -112,7 +130,9 @@ void Interfaces::Broadcasted(int interface, int error) {
 void Interfaces::Probed(int interface, int error, TimePoint now) {
     const LockGuard lock(m_mutex);
     const auto found = m_interfaces.find(interface);
-    if (found == m_interfaces.end()) return;
+    if (found == m_interfaces.end()) {
+        return;
+    }
     found->second.probeError = error;
     if (error == 0) {
         found->second.refusedSince = TimePoint();
@@ -125,7 +145,9 @@ std::vector<UsedInterface> Interfaces::GetUsed() const {
     const LockGuard lock(m_mutex);
     std::vector<UsedInterface> used;
     for (const auto& entry : m_interfaces) {
-        if (entry.second.IsUsed()) used.push_back({entry.second.info, entry.second.search, entry.second.verify});
+        if (entry.second.IsUsed()) {
+            used.push_back({entry.second.info, entry.second.search, entry.second.verify});
+        }
     }
     return used;
 }
@@ -133,7 +155,9 @@ std::vector<UsedInterface> Interfaces::GetUsed() const {
 std::optional<UsedInterface> Interfaces::FindUsed(int interface) const {
     const LockGuard lock(m_mutex);
     const auto found = m_interfaces.find(interface);
-    if (found == m_interfaces.end() || !found->second.IsUsed()) return std::nullopt;
+    if (found == m_interfaces.end() || !found->second.IsUsed()) {
+        return std::nullopt;
+    }
     return UsedInterface{found->second.info, found->second.search, found->second.verify};
 }
 
@@ -158,14 +182,18 @@ std::vector<std::pair<InterfaceAddress, NetworkInterface>> Interfaces::GetAddres
 // and of those it was never asked about there is none.
 bool Interfaces::HasRoute(int interface, std::uint32_t ip, TimePoint now) {
     const auto found = m_routes.find({interface, ip});
-    if (found != m_routes.end() && now - found->second.askedAt < kRouteLifetime) return found->second.direct;
-    if (now - m_questionsSince >= kRouteLifetime) {
+    if (found != m_routes.end() && now - found->second.askedAt < RouteLifetime) {
+        return found->second.direct;
+    }
+    if (now - m_questionsSince >= RouteLifetime) {
         m_questionsSince = now;
         m_numQuestions = 0;
     }
-    if (m_numQuestions >= kMostRouteQuestions) return found != m_routes.end() && found->second.direct;
+    if (m_numQuestions >= MostRouteQuestions) {
+        return found != m_routes.end() && found->second.direct;
+    }
     ++m_numQuestions;
-    if (m_routes.size() >= kMaxRouteAnswers) {
+    if (m_routes.size() >= MaxRouteAnswers) {
         std::erase_if(m_routes, [](const auto& answer) { return !answer.second.direct; });
     }
     RouteAnswer& answer = m_routes[{interface, ip}];
@@ -201,9 +229,13 @@ bool Interfaces::HasRefusals() const {
 std::uint32_t Interfaces::GetStatus() const {
     const LockGuard lock(m_mutex);
     const auto isUsed = [](const auto& entry) { return entry.second.IsUsed(); };
-    if (std::any_of(m_interfaces.begin(), m_interfaces.end(), isUsed)) return HAL_OK;
+    if (std::any_of(m_interfaces.begin(), m_interfaces.end(), isUsed)) {
+        return HAL_OK;
+    }
     for (const auto& entry : m_interfaces) {
-        if (entry.second.error != 0) return StatusOfErrno(entry.second.error);
+        if (entry.second.error != 0) {
+            return StatusOfErrno(entry.second.error);
+        }
     }
     return m_kernelError != 0 ? StatusOfErrno(m_kernelError) : std::uint32_t{HAL_NO_BUS};
 }
@@ -218,7 +250,9 @@ void Interfaces::Diagnose(GigEDiagnosis* diagnosis) const {
         entry.reason = interface.reason;
         entry.error = interface.error;
         entry.sendError = interface.sendError;
-        if (interface.search) entry.localPort = interface.search->GetLocalPort();
+        if (interface.search) {
+            entry.localPort = interface.search->GetLocalPort();
+        }
         diagnosis->interfaces.push_back(entry);
     }
 }
@@ -243,7 +277,9 @@ void Interfaces::AddProblems(GigESearchReport* report) const {
         } else if (interface.error != 0) {
             add(Kind::Socket, interface.error, "no socket: " + ErrorText(interface.error));
         }
-        if (!interface.IsUsed()) continue;
+        if (!interface.IsUsed()) {
+            continue;
+        }
         const bool refused =
             interface.refusedSince != TimePoint() && now - interface.refusedSince >= m_timings.refusedGrace;
         if (interface.sendError != 0) {

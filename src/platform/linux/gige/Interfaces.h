@@ -37,7 +37,7 @@ public:
     using RouteFinder = std::function<bool(int interface, std::uint32_t ip)>;
 
     /// Questions to the kernel in one second. Cameras that a route leads to are few; invented ones may be many.
-    static constexpr int kMostRouteQuestions = 100;
+    static constexpr int MostRouteQuestions = 100;
 
     /// @param wanted  Names that the user has limited GigE to; empty for no limit.
     Interfaces(std::vector<std::string> wanted, const Timings& timings, Opener open, RouteFinder hasRoute);

@@ -25,7 +25,7 @@ public:
     std::uint32_t GetRecord(GvcpDiscoveryRecord* record) override { return m_driver->GetRecord(m_listed, record); }
 
     std::uint32_t ReadRegister(std::uint32_t address, std::uint32_t* value) override {
-        if (address != Gvcp::Register::kCurrentIpAddress || !IsAnswered(m_addressAsked)) {
+        if (address != Gvcp::Register::CurrentIpAddress || !IsAnswered(m_addressAsked)) {
             return m_driver->ReadRegister(m_listed, address, value);
         }
         *value = m_listed.readings.value;
@@ -39,7 +39,9 @@ public:
     }
 
     std::uint32_t IsInMonitorMode(bool* monitor) override {
-        if (!IsAnswered(m_controlAsked)) return m_driver->IsInMonitorMode(m_listed, monitor);
+        if (!IsAnswered(m_controlAsked)) {
+            return m_driver->IsInMonitorMode(m_listed, monitor);
+        }
         const GigE::Readings& readings = m_listed.readings;
         return m_driver->ConcludeMonitorMode(m_listed, readings.controlStatus, readings.control, monitor);
     }

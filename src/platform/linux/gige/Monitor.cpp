@@ -22,18 +22,20 @@ namespace Nimbrel2::Platform::GigE {
 namespace {
 
 /// What the poller calls the socket of link and address changes; the others go by their descriptor.
-constexpr std::uint64_t kChangesToken = ~std::uint64_t{0} >> 8;
-constexpr std::uint8_t kDiscoveryFlags = Gvcp::Flag::kAcknowledgeRequired | Gvcp::Flag::kAllowBroadcastAcknowledge;
+constexpr std::uint64_t ChangesToken = ~std::uint64_t{0} >> 8;
+constexpr std::uint8_t DiscoveryFlags = Gvcp::Flag::AcknowledgeRequired | Gvcp::Flag::AllowBroadcastAcknowledge;
 // What one socket may take of the monitor's time before the others and the deadlines have their turn.
-constexpr std::size_t kReadBudget = 256;
+constexpr std::size_t ReadBudget = 256;
 // Deadlines are met this much later at most: with thousands of cameras, most ticks serve many of them.
-constexpr Milliseconds kTickGrid{5};
-constexpr std::size_t kHeaderBytes = 8;
+constexpr Milliseconds TickGrid{5};
+constexpr std::size_t HeaderBytes = 8;
 
 TimePoint OnGrid(TimePoint deadline) {
-    if (deadline == TimePoint::max()) return deadline;
+    if (deadline == TimePoint::max()) {
+        return deadline;
+    }
     const auto since = std::chrono::ceil<Milliseconds>(deadline.time_since_epoch());
-    return TimePoint((since + kTickGrid - Milliseconds(1)) / kTickGrid * kTickGrid);
+    return TimePoint((since + TickGrid - Milliseconds(1)) / TickGrid * TickGrid);
 }
 
 std::uint64_t TokenOf(const UdpSocket& socket) { return static_cast<std::uint64_t>(socket.GetFd()); }
@@ -50,9 +52,13 @@ Monitor::Monitor(const Timings& timings, RequestIds& ids, Interfaces& interfaces
       m_schedule(timings, ids) {}
 
 std::uint32_t Monitor::Start() {
-    if (const std::uint32_t status = m_thread.Open(); status != HAL_OK) return status;
+    if (const std::uint32_t status = m_thread.Open(); status != HAL_OK) {
+        return status;
+    }
     m_stop = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!m_stop.IsOpen()) return StatusOfErrno(errno);
+    if (!m_stop.IsOpen()) {
+        return StatusOfErrno(errno);
+    }
     Look();
     Apply();
     {
@@ -68,7 +74,9 @@ std::uint32_t Monitor::Start() {
 }
 
 void Monitor::Stop() {
-    if (!m_stop.IsOpen() || m_thread.IsStopping()) return;
+    if (!m_stop.IsOpen() || m_thread.IsStopping()) {
+        return;
+    }
     const std::uint64_t one = 1;
     while (::write(m_stop.Get(), &one, sizeof one) < 0 && errno == EINTR) {
     }
@@ -92,14 +100,18 @@ void Monitor::DoTurn() {
     const auto isReady = [&](std::uint64_t token) {
         return std::find(ready.begin(), ready.end(), token) != ready.end();
     };
-    if (isReady(kChangesToken) && m_changes.Drain()) m_lookDue = true;
+    if (isReady(ChangesToken) && m_changes.Drain()) {
+        m_lookDue = true;
+    }
     RunTasks(true);
     // Before the deadlines are looked at: an answer that lies on the socket has come in time. Those of present cameras
     // first: no flood of others keeps them waiting.
     for (const Port port : {Port::Verify, Port::Search}) {
         m_draining = port;
         for (const Polled& polled : m_polled) {
-            if (polled.port == port && isReady(TokenOf(*polled.socket))) polled.socket->Drain(kReadBudget, *this);
+            if (polled.port == port && isReady(TokenOf(*polled.socket))) {
+                polled.socket->Drain(ReadBudget, *this);
+            }
         }
     }
 }
@@ -114,12 +126,16 @@ bool Monitor::Run(const std::function<void()>& function) {
     Task task;
     task.function = &function;
     UniqueLock lock(m_mutex);
-    if (!m_running) return false;
+    if (!m_running) {
+        return false;
+    }
     (m_lastTask != nullptr ? m_lastTask->next : m_firstTask) = &task;
     m_lastTask = &task;
     m_thread.Wake();
     m_taskEnded.Wait(lock, [&task] { return task.ended; });
-    if (task.failure) std::rethrow_exception(task.failure);
+    if (task.failure) {
+        std::rethrow_exception(task.failure);
+    }
     return task.ran;
 }
 
@@ -158,15 +174,25 @@ void Monitor::SendProbes(const std::vector<Probe>& probes) {
     std::vector<std::uint16_t> refused;
     const TimePoint now = Clock::now();
     for (const Probe& probe : probes) {
-        if (!interface || interface->info.index != probe.interface) interface = m_interfaces.FindUsed(probe.interface);
-        if (!interface) continue;
-        const auto packet = Gvcp::EncodeDiscoveryCommand(probe.id, kDiscoveryFlags);
+        if (!interface || interface->info.index != probe.interface) {
+            interface = m_interfaces.FindUsed(probe.interface);
+        }
+        if (!interface) {
+            continue;
+        }
+        const auto packet = Gvcp::EncodeDiscoveryCommand(probe.id, DiscoveryFlags);
         const int error =
             interface->Of(probe.port)->Send(packet.GetBytes(), probe.ip, LocalAddressFor(interface->info, probe.ip));
-        if (error != 0) refused.push_back(probe.id);
-        if (probe.port == Port::Verify) m_interfaces.Probed(probe.interface, error, now);
+        if (error != 0) {
+            refused.push_back(probe.id);
+        }
+        if (probe.port == Port::Verify) {
+            m_interfaces.Probed(probe.interface, error, now);
+        }
     }
-    if (!refused.empty()) m_presence.ProbesRefused(refused, now);
+    if (!refused.empty()) {
+        m_presence.ProbesRefused(refused, now);
+    }
 }
 
 // ---- Interfaces ----------------------------------------------------------------------------------------------------
@@ -176,8 +202,12 @@ void Monitor::SendProbes(const std::vector<Probe>& probes) {
 int Monitor::OpenSockets() {
     if (!m_changes.IsOpen()) {
         int error = m_changes.Open();
-        if (error == 0) error = m_thread.GetPoller().Add(m_changes.GetFd(), kChangesToken);
-        if (error != 0) return error;
+        if (error == 0) {
+            error = m_thread.GetPoller().Add(m_changes.GetFd(), ChangesToken);
+        }
+        if (error != 0) {
+            return error;
+        }
     }
     return m_routes.IsOpen() ? 0 : m_routes.Open();
 }
@@ -185,7 +215,9 @@ int Monitor::OpenSockets() {
 void Monitor::Look() {
     std::vector<NetworkInterface> found;
     int error = OpenSockets();
-    if (error == 0) error = m_routes.ReadInterfaces(&found);
+    if (error == 0) {
+        error = m_routes.ReadInterfaces(&found);
+    }
     m_applyDue = true;
     if (error == 0) {
         m_interfaces.Update(found, Clock::now());
@@ -199,7 +231,9 @@ void Monitor::Look() {
 void Monitor::Apply() {
     const std::vector<UsedInterface> used = m_interfaces.GetUsed();
     std::vector<int> indices;
-    for (const UsedInterface& interface : used) indices.push_back(interface.info.index);
+    for (const UsedInterface& interface : used) {
+        indices.push_back(interface.info.index);
+    }
     const TimePoint now = Clock::now();
     FollowSockets(used);
     m_presence.Follow(
@@ -215,7 +249,9 @@ void Monitor::FollowSockets(const std::vector<UsedInterface>& used) {
         const bool kept = std::any_of(used.begin(), used.end(), [&](const UsedInterface& interface) {
             return interface.Of(polled.port) == polled.socket;
         });
-        if (!kept) m_thread.GetPoller().Remove(polled.socket->GetFd());
+        if (!kept) {
+            m_thread.GetPoller().Remove(polled.socket->GetFd());
+        }
         return !kept;
     });
     for (const UsedInterface& interface : used) {
@@ -223,7 +259,9 @@ void Monitor::FollowSockets(const std::vector<UsedInterface>& used) {
             const std::shared_ptr<UdpSocket>& socket = interface.Of(port);
             const bool known = std::any_of(m_polled.begin(), m_polled.end(),
                                            [&](const Polled& polled) { return polled.socket == socket; });
-            if (known) continue;
+            if (known) {
+                continue;
+            }
             m_polled.reserve(m_polled.size() + 1);
             if (m_thread.GetPoller().Add(socket->GetFd(), TokenOf(*socket)) == 0) {
                 m_polled.push_back({socket, port});
@@ -237,13 +275,21 @@ void Monitor::FollowSockets(const std::vector<UsedInterface>& used) {
 // ---- What is due ---------------------------------------------------------------------------------------------------
 
 TimePoint Monitor::RunDueWork() {
-    if (m_lookDue || Clock::now() >= m_retryRefused) Look();
+    if (m_lookDue || Clock::now() >= m_retryRefused) {
+        Look();
+    }
     TimePoint next = m_interfaces.Expire(Clock::now(), &m_applyDue);
-    if (m_applyDue) Apply();
+    if (m_applyDue) {
+        Apply();
+    }
 
     const TimePoint now = Clock::now();
-    if (m_burstsWanted.exchange(false)) m_schedule.StartBursts(now);
-    for (const auto& broadcast : m_schedule.TakeDue(now)) SendBroadcast(broadcast, now);
+    if (m_burstsWanted.exchange(false)) {
+        m_schedule.StartBursts(now);
+    }
+    for (const auto& broadcast : m_schedule.TakeDue(now)) {
+        SendBroadcast(broadcast, now);
+    }
     AskForHosts(now);
     std::vector<Probe> probes;
     probes.swap(m_probes);
@@ -254,24 +300,36 @@ TimePoint Monitor::RunDueWork() {
 
 void Monitor::SendBroadcast(const BroadcastSchedule::Broadcast& broadcast, TimePoint now) {
     const auto interface = m_interfaces.FindUsed(broadcast.interface);
-    if (!interface) return;
-    const auto packet = Gvcp::EncodeDiscoveryCommand(broadcast.id, kDiscoveryFlags);
+    if (!interface) {
+        return;
+    }
+    const auto packet = Gvcp::EncodeDiscoveryCommand(broadcast.id, DiscoveryFlags);
     m_interfaces.Broadcasted(broadcast.interface, interface->search->Broadcast(packet.GetBytes()));
     m_presence.Broadcasted(broadcast.interface, now);
     // A camera that somebody waits for need not take the time that cameras take to answer broadcasts.
-    if (!m_searchFor || m_searchFor->ip == 0 || !m_interfaces.IsInReach(broadcast.interface, m_searchFor->ip)) return;
+    if (!m_searchFor || m_searchFor->ip == 0 || !m_interfaces.IsInReach(broadcast.interface, m_searchFor->ip)) {
+        return;
+    }
     interface->search->Send(packet.GetBytes(), m_searchFor->ip, LocalAddressFor(interface->info, m_searchFor->ip));
 }
 
 void Monitor::AskForHosts(TimePoint now) {
-    if (now < m_nextHosts || !m_presence.HasBacklog(now)) return;
+    if (now < m_nextHosts || !m_presence.HasBacklog(now)) {
+        return;
+    }
     m_nextHosts = now + m_timings.hostsPeriod;
     for (const Polled& polled : m_polled) {
-        if (polled.port != Port::Search) continue;
+        if (polled.port != Port::Search) {
+            continue;
+        }
         std::map<std::uint32_t, std::uint64_t> neighbours;
-        if (m_routes.ReadNeighbours(polled.socket->GetInterface(), &neighbours) != 0) continue;
+        if (m_routes.ReadNeighbours(polled.socket->GetInterface(), &neighbours) != 0) {
+            continue;
+        }
         std::set<std::uint32_t> hosts;
-        for (const auto& neighbour : neighbours) hosts.insert(neighbour.first);
+        for (const auto& neighbour : neighbours) {
+            hosts.insert(neighbour.first);
+        }
         m_presence.KnowHosts(polled.socket->GetInterface(), hosts);
     }
 }
@@ -280,7 +338,9 @@ void Monitor::AskForHosts(TimePoint now) {
 
 void Monitor::OnDatagram(UdpSocket& socket, std::uint32_t from, std::uint16_t fromPort,
                          std::span<const std::uint8_t> bytes) {
-    if (fromPort != Gvcp::kPort || bytes.size() < kHeaderBytes) return;
+    if (fromPort != Gvcp::Port || bytes.size() < HeaderBytes) {
+        return;
+    }
     try {
         OnDiscoveryAcknowledge(socket, from, bytes);
     } catch (const std::bad_alloc&) {
@@ -294,11 +354,15 @@ void Monitor::OnDiscoveryAcknowledge(UdpSocket& socket, std::uint32_t from, std:
     // Before anything that costs: this may be one of twenty thousand in a second.
     const std::uint16_t claimedId = Gvcp::LoadU16(&bytes[6]);
     const bool toBroadcast = m_draining == Port::Search && m_schedule.Accepts(interface, claimedId, now);
-    if (toBroadcast && !m_budget.Take(from, now)) return;
+    if (toBroadcast && !m_budget.Take(from, now)) {
+        return;
+    }
 
     const Gvcp::DecodedAcknowledge acknowledge = Gvcp::DecodeAcknowledge(bytes);
     const auto* discovery = std::get_if<Gvcp::DiscoveryAcknowledge>(&acknowledge.body);
-    if (discovery == nullptr) return;
+    if (discovery == nullptr) {
+        return;
+    }
     Answer answer;
     answer.interface = interface;
     answer.from = from;

@@ -13,7 +13,7 @@ namespace Nimbrel2::Platform::GigE {
 namespace {
 
 // The monitor sends the first request as its first act: a listing that comes before it waits no longer for that.
-constexpr Milliseconds kStartLimit{1000};
+constexpr Milliseconds StartLimit{1000};
 
 bool Matches(const GigECameraName& name, const CameraTable::Sighting& sighting) {
     return (name.ip == 0 || sighting.ip == name.ip) && (name.mac == 0 || MacOf(sighting.record) == name.mac);
@@ -64,7 +64,9 @@ void Presence::Follow(const std::vector<InterfacePresence>& interfaces, const Ju
     for (auto known = m_interfaces.begin(); known != m_interfaces.end();) {
         const bool gone = std::none_of(interfaces.begin(), interfaces.end(),
                                        [&](const auto& interface) { return interface.interface == known->first; });
-        if (gone) m_table.DropInterface(known->first);
+        if (gone) {
+            m_table.DropInterface(known->first);
+        }
         known = gone ? m_interfaces.erase(known) : std::next(known);
     }
     for (const InterfacePresence& interface : interfaces) {
@@ -87,14 +89,18 @@ void Presence::Follow(const std::vector<InterfacePresence>& interfaces, const Ju
 void Presence::Broadcasted(int interface, TimePoint now) {
     const LockGuard lock(m_mutex);
     m_table.Broadcasted(interface, now);
-    if (m_windowEnd != TimePoint::max()) return;
+    if (m_windowEnd != TimePoint::max()) {
+        return;
+    }
     m_windowEnd = now + m_timings.discoveryWindow;
     m_changed.NotifyAll();
 }
 
 void Presence::HeardBroadcast(const Answer& answer, TimePoint now, std::vector<Probe>* probes) {
     const LockGuard lock(m_mutex);
-    if (m_running && m_interfaces.count(answer.interface) != 0) m_table.HeardBroadcast(answer, now, probes);
+    if (m_running && m_interfaces.count(answer.interface) != 0) {
+        m_table.HeardBroadcast(answer, now, probes);
+    }
 }
 
 bool Presence::HeardProbe(Port port, const Answer& answer, std::uint16_t id, TimePoint now,
@@ -116,19 +122,25 @@ bool Presence::HasBacklog(TimePoint now) const {
 TimePoint Presence::Tick(TimePoint now, std::vector<Probe>* probes) {
     const LockGuard lock(m_mutex);
     m_table.Tick(now, probes);
-    if (m_numWaiting > 0) m_changed.NotifyAll();
+    if (m_numWaiting > 0) {
+        m_changed.NotifyAll();
+    }
     Report();
     return m_table.GetNextDeadline();
 }
 
 void Presence::Changed() {
-    if (m_numWaiting > 0) m_changed.NotifyAll();
+    if (m_numWaiting > 0) {
+        m_changed.NotifyAll();
+    }
 }
 
 // When memory runs out while the state is made, the report is still due.
 void Presence::Report() {
     m_reportDue = m_table.TakeChanged() || m_reportDue;
-    if (!m_running || !m_reportDue) return;
+    if (!m_running || !m_reportDue) {
+        return;
+    }
     m_events.Report(GetState());
     m_reportDue = false;
 }
@@ -136,7 +148,9 @@ void Presence::Report() {
 BusState Presence::GetState() const {
     BusState state;
     for (const auto& [key, camera] : m_table.GetCameras()) {
-        if (camera.listed == nullptr) continue;
+        if (camera.listed == nullptr) {
+            continue;
+        }
         state.devices.push_back(
             PresentDevice{FormatMac(key.mac) + "/" + FormatIp(key.ip) + "/" + key.serial, camera.listed->ip});
     }
@@ -147,18 +161,26 @@ BusState Presence::GetState() const {
 
 void Presence::ProbesRefused(const std::vector<std::uint16_t>& ids, TimePoint now) {
     const LockGuard lock(m_mutex);
-    for (const std::uint16_t id : ids) m_table.ProbeRefused(id, now);
+    for (const std::uint16_t id : ids) {
+        m_table.ProbeRefused(id, now);
+    }
 }
 
 void Presence::ProbeCameras(const std::vector<CameraKey>& keys, TimePoint now, std::vector<Probe>* probes) {
     const LockGuard lock(m_mutex);
-    if (!m_running) return;
-    for (const CameraKey& key : keys) m_table.ProbeCamera(key, now, probes);
+    if (!m_running) {
+        return;
+    }
+    for (const CameraKey& key : keys) {
+        m_table.ProbeCamera(key, now, probes);
+    }
 }
 
 void Presence::HasMoved(const Answer& answer, TimePoint now, std::vector<Probe>* probes) {
     const LockGuard lock(m_mutex);
-    if (m_running && m_interfaces.count(answer.interface) != 0) m_table.HasMoved(answer, now, probes);
+    if (m_running && m_interfaces.count(answer.interface) != 0) {
+        m_table.HasMoved(answer, now, probes);
+    }
 }
 
 bool Presence::IsThere(const GigECameraName& name, TimePoint since) const {
@@ -168,9 +190,15 @@ bool Presence::IsThere(const GigECameraName& name, TimePoint since) const {
 }
 
 bool Presence::IsSearchDone(TimePoint now) const {
-    if (!m_running || m_hasListed || m_interfaces.empty()) return true;
-    if (m_searchFor && IsThere(*m_searchFor, TimePoint())) return true;
-    if (now < m_windowEnd) return false;
+    if (!m_running || m_hasListed || m_interfaces.empty()) {
+        return true;
+    }
+    if (m_searchFor && IsThere(*m_searchFor, TimePoint())) {
+        return true;
+    }
+    if (now < m_windowEnd) {
+        return false;
+    }
     return now >= m_windowEnd + m_timings.confirmWait || !m_table.IsConfirming();
 }
 
@@ -182,8 +210,10 @@ void Presence::WaitForFirstSearch() {
         const TimePoint now = Clock::now();
         if (m_windowEnd == TimePoint::max()) {
             // The window ends at a fixed time after the first request, whatever is heard meanwhile.
-            if (now >= start + kStartLimit) return;
-            m_changed.WaitUntil(lock, start + kStartLimit);
+            if (now >= start + StartLimit) {
+                return;
+            }
+            m_changed.WaitUntil(lock, start + StartLimit);
         } else {
             m_changed.WaitUntil(lock, now < m_windowEnd ? m_windowEnd : m_windowEnd + m_timings.confirmWait);
         }
@@ -201,10 +231,14 @@ void Presence::WaitForLinks() {
 std::vector<CameraPlace> Presence::BeginVerification(TimePoint now, std::vector<Probe>* probes) {
     const LockGuard lock(m_mutex);
     std::vector<CameraPlace> places;
-    if (!m_running) return places;
+    if (!m_running) {
+        return places;
+    }
     m_table.ProbeAll(now, probes);
     for (const auto& [place, sighting] : m_table.GetPresent()) {
-        if (sighting->camera->listed == sighting) places.push_back(PlaceOf(*sighting->camera));
+        if (sighting->camera->listed == sighting) {
+            places.push_back(PlaceOf(*sighting->camera));
+        }
     }
     return places;
 }
@@ -227,7 +261,9 @@ void Presence::WaitUntilConcluded(const std::vector<SightingView>& sightings, Ti
             const bool open = sighting != nullptr && sighting->state == CameraTable::State::Unconfirmed &&
                               !sighting->addressTaken && !sighting->HasFailed() &&
                               m_table.GetPresent().count({next->interface, next->record.ipAddress}) == 0;
-            if (open) return false;
+            if (open) {
+                return false;
+            }
         }
         return true;
     });
@@ -238,7 +274,9 @@ void Presence::WaitUntilAnswered(const std::vector<GigECameraName>& cameras, Tim
     const Waiting waiting(*this);
     m_changed.WaitUntil(lock, deadline, [&]() NIMBREL2_REQUIRES(m_mutex) {
         for (const GigECameraName& camera : cameras) {
-            if (m_running && !IsThere(camera, since)) return false;
+            if (m_running && !IsThere(camera, since)) {
+                return false;
+            }
         }
         return true;
     });
@@ -249,7 +287,9 @@ void Presence::TakeListed(std::vector<SightingView>* cameras, BusState* state) {
     Report();
     cameras->clear();
     for (const auto& [key, camera] : m_table.GetCameras()) {
-        if (camera.listed != nullptr) cameras->push_back(ViewOf(*camera.listed));
+        if (camera.listed != nullptr) {
+            cameras->push_back(ViewOf(*camera.listed));
+        }
     }
     std::sort(cameras->begin(), cameras->end(), [](const SightingView& a, const SightingView& b) {
         return std::tie(a.key.mac, a.record.ipAddress, a.key.serial) <
@@ -288,21 +328,27 @@ SightingView Presence::ViewOf(const CameraTable::Sighting& sighting) const {
 std::optional<CameraPlace> Presence::FindPlace(const CameraKey& key) const {
     const LockGuard lock(m_mutex);
     const CameraTable::Camera* camera = m_table.Find(key);
-    if (camera == nullptr || camera->listed == nullptr) return std::nullopt;
+    if (camera == nullptr || camera->listed == nullptr) {
+        return std::nullopt;
+    }
     return PlaceOf(*camera);
 }
 
 std::optional<SightingView> Presence::FindListed(const CameraKey& key) const {
     const LockGuard lock(m_mutex);
     const CameraTable::Camera* camera = m_table.Find(key);
-    if (camera == nullptr || camera->listed == nullptr) return std::nullopt;
+    if (camera == nullptr || camera->listed == nullptr) {
+        return std::nullopt;
+    }
     return ViewOf(*camera->listed);
 }
 
 std::optional<SightingView> Presence::Find(const SightingView& view) const {
     const LockGuard lock(m_mutex);
     const auto* sighting = m_table.FindSighting(view.key, view.interface, view.record.ipAddress);
-    if (sighting == nullptr) return std::nullopt;
+    if (sighting == nullptr) {
+        return std::nullopt;
+    }
     return ViewOf(*sighting);
 }
 
@@ -310,8 +356,12 @@ std::vector<CameraPlace> Presence::GetPlaces(std::optional<int> interface) const
     const LockGuard lock(m_mutex);
     std::vector<CameraPlace> places;
     for (const auto& [place, sighting] : m_table.GetPresent()) {
-        if (interface && place.first != *interface) continue;
-        if (sighting->camera->listed == sighting) places.push_back(PlaceOf(*sighting->camera));
+        if (interface && place.first != *interface) {
+            continue;
+        }
+        if (sighting->camera->listed == sighting) {
+            places.push_back(PlaceOf(*sighting->camera));
+        }
     }
     return places;
 }
@@ -326,7 +376,9 @@ std::vector<SightingView> Presence::GetSightings() const {
     const LockGuard lock(m_mutex);
     std::vector<SightingView> views;
     for (const auto& [key, camera] : m_table.GetCameras()) {
-        for (const auto& sighting : camera.sightings) views.push_back(ViewOf(*sighting));
+        for (const auto& sighting : camera.sightings) {
+            views.push_back(ViewOf(*sighting));
+        }
     }
     return views;
 }
@@ -335,8 +387,12 @@ std::vector<SightingView> Presence::GetSightings(const CameraKey& key) const {
     const LockGuard lock(m_mutex);
     std::vector<SightingView> views;
     const CameraTable::Camera* camera = m_table.Find(key);
-    if (camera == nullptr) return views;
-    for (const auto& sighting : camera->sightings) views.push_back(ViewOf(*sighting));
+    if (camera == nullptr) {
+        return views;
+    }
+    for (const auto& sighting : camera->sightings) {
+        views.push_back(ViewOf(*sighting));
+    }
     return views;
 }
 

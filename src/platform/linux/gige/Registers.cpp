@@ -22,10 +22,10 @@ namespace Register = Gvcp::Register;
 using Gvcp::MessageId;
 
 // A flood must not keep a waiting thread from looking at its deadline.
-constexpr int kReadBudget = 64;
-constexpr std::size_t kBufferBytes = Gvcp::kMaxPacketBytes + 28;
+constexpr int ReadBudget = 64;
+constexpr std::size_t BufferBytes = Gvcp::MaxPacketBytes + 28;
 // Channels of cameras that are not listed are looked through when there are more than this.
-constexpr std::size_t kManyChannels = 256;
+constexpr std::size_t ManyChannels = 256;
 
 timespec Until(TimePoint deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now()).count();
@@ -60,16 +60,16 @@ public:
     std::optional<std::uint32_t> GetNext() const { return m_next; }
 
     void Take(std::uint32_t status, std::uint32_t value) {
-        if (m_next == Register::kControlChannelPrivilege) {
+        if (m_next == Register::ControlChannelPrivilege) {
             m_status = status == HAL_ACCESS_DENIED ? std::uint32_t{HAL_OK} : status;
-            m_held = status == HAL_ACCESS_DENIED ? Gvcp::Ccp::kExclusiveAccess
-                                                 : value & (Gvcp::Ccp::kControlAccess | Gvcp::Ccp::kExclusiveAccess);
+            m_held = status == HAL_ACCESS_DENIED ? Gvcp::Ccp::ExclusiveAccess
+                                                 : value & (Gvcp::Ccp::ControlAccess | Gvcp::Ccp::ExclusiveAccess);
             // Who holds it alone refuses the other reads too.
             const bool more = status == HAL_OK && m_held != 0;
-            m_next = more ? std::optional<std::uint32_t>(Register::kPrimaryApplicationPort) : std::nullopt;
-        } else if (m_next == Register::kPrimaryApplicationPort) {
+            m_next = more ? std::optional<std::uint32_t>(Register::PrimaryApplicationPort) : std::nullopt;
+        } else if (m_next == Register::PrimaryApplicationPort) {
             m_port = status == HAL_OK ? value : 0;
-            m_next = m_port != 0 ? std::optional<std::uint32_t>(Register::kPrimaryApplicationIpAddress) : std::nullopt;
+            m_next = m_port != 0 ? std::optional<std::uint32_t>(Register::PrimaryApplicationIpAddress) : std::nullopt;
         } else {
             m_ip = status == HAL_OK ? value : 0;
             m_next.reset();
@@ -81,7 +81,9 @@ public:
 
     ControlInfo Conclude(const CameraChannel::State& channel) const {
         ControlInfo control;
-        if (m_status != HAL_OK) return control;
+        if (m_status != HAL_OK) {
+            return control;
+        }
         if (m_held == 0) {
             control.state = ControlState::Free;
             return control;
@@ -94,13 +96,13 @@ public:
             const std::uint32_t local = channel.socket->GetLocalAddress();
             ours = (local == 0 || m_ip == local) && m_port == channel.socket->GetLocalPort();
         }
-        const bool exclusive = (m_held & Gvcp::Ccp::kExclusiveAccess) != 0;
+        const bool exclusive = (m_held & Gvcp::Ccp::ExclusiveAccess) != 0;
         control.state = ours ? ControlState::Ours : exclusive ? ControlState::Exclusive : ControlState::Controlled;
         return control;
     }
 
 private:
-    std::optional<std::uint32_t> m_next = Register::kControlChannelPrivilege;
+    std::optional<std::uint32_t> m_next = Register::ControlChannelPrivilege;
     std::uint32_t m_status = HAL_TIMED_OUT;
     std::uint32_t m_held = 0;
     std::uint32_t m_port = 0;
@@ -148,12 +150,18 @@ std::uint32_t Registers::GetControl(const CameraKey& key, ControlInfo* control) 
     while (const auto address = query.GetNext()) {
         std::uint32_t value = 0;
         const std::uint32_t status = Execute(key, Request::ReadOf(*address), &value);
-        if (status == HAL_CLOSED) return status;
+        if (status == HAL_CLOSED) {
+            return status;
+        }
         query.Take(status, value);
     }
-    if (query.GetStatus() != HAL_OK) return query.GetStatus();
+    if (query.GetStatus() != HAL_OK) {
+        return query.GetStatus();
+    }
     const CameraChannel::Command command = CameraChannel::Begin(GetChannel(key));
-    if (!query.IsHeld()) command->holdsControl = false;
+    if (!query.IsHeld()) {
+        command->holdsControl = false;
+    }
     *control = query.Conclude(*command.operator->());
     return HAL_OK;
 }
@@ -161,10 +169,16 @@ std::uint32_t Registers::GetControl(const CameraKey& key, ControlInfo* control) 
 std::uint32_t Registers::GetLocalEnd(const CameraKey& key, std::uint32_t* ip, std::uint16_t* port) {
     CameraChannel::Command command = CameraChannel::Begin(GetChannel(key));
     const auto place = m_needs.findPlace(key);
-    if (m_stopped) return HAL_CLOSED;
-    if (!place) return HAL_GONE;
+    if (m_stopped) {
+        return HAL_CLOSED;
+    }
+    if (!place) {
+        return HAL_GONE;
+    }
     const std::uint32_t status = Prepare(command, *place);
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     *ip = command->socket->GetLocalAddress();
     *port = command->socket->GetLocalPort();
     return HAL_OK;
@@ -176,21 +190,35 @@ std::uint32_t Registers::Execute(const CameraKey& key, const Request& request, s
     {
         CameraChannel::Command command = CameraChannel::Begin(channel);
         const auto place = m_needs.findPlace(key);
-        if (m_stopped) return HAL_CLOSED;
-        if (!place) return HAL_GONE;
-        if (place->silent || Clock::now() < command->quietUntil) return HAL_TIMED_OUT;
+        if (m_stopped) {
+            return HAL_CLOSED;
+        }
+        if (!place) {
+            return HAL_GONE;
+        }
+        if (place->silent || Clock::now() < command->quietUntil) {
+            return HAL_TIMED_OUT;
+        }
         status = Prepare(command, *place);
-        if (status == HAL_OK) status = ExecuteAlone(command, request, value);
-        if (status == HAL_TIMED_OUT) command->quietUntil = Clock::now() + m_timings.quietAfterTimeOut;
-        if (status == HAL_OK) channel->SetMute(false);
+        if (status == HAL_OK) {
+            status = ExecuteAlone(command, request, value);
+        }
+        if (status == HAL_TIMED_OUT) {
+            command->quietUntil = Clock::now() + m_timings.quietAfterTimeOut;
+        }
+        if (status == HAL_OK) {
+            channel->SetMute(false);
+        }
         if (status == HAL_OK && request.acknowledge == MessageId::WriteRegAck &&
-            request.address == Register::kControlChannelPrivilege) {
-            const std::uint32_t held = Gvcp::Ccp::kControlAccess | Gvcp::Ccp::kExclusiveAccess;
+            request.address == Register::ControlChannelPrivilege) {
+            const std::uint32_t held = Gvcp::Ccp::ControlAccess | Gvcp::Ccp::ExclusiveAccess;
             command->holdsControl = (request.value & held) != 0;
         }
     }
     // Whether it is there at all is asked at once and not at its next turn.
-    if (status == HAL_TIMED_OUT) m_needs.suspect({key});
+    if (status == HAL_TIMED_OUT) {
+        m_needs.suspect({key});
+    }
     return status;
 }
 
@@ -198,7 +226,9 @@ std::uint32_t Registers::ExecuteAlone(CameraChannel::Command& command, const Req
     const std::uint16_t id = command.NextId();
     Reply reply(id, request.acknowledge, Clock::now() + m_timings.pendingLimit);
     const std::uint32_t status = Exchange(*command->socket, request.Encode(id).GetBytes(), reply);
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     *value = reply.GetValue();
     return reply.GetStatus();
 }
@@ -207,19 +237,27 @@ std::uint32_t Registers::ExecuteAlone(CameraChannel::Command& command, const Req
 // it again. A pending acknowledge says that it is at work, so nothing is repeated from then on.
 // Not HAL_OK when the network or Stop ended it; else the reply tells.
 std::uint32_t Registers::Exchange(const UdpSocket& socket, std::span<const std::uint8_t> packet, Reply& reply) {
-    std::array<std::uint8_t, kBufferBytes> buffer;
+    std::array<std::uint8_t, BufferBytes> buffer;
     for (int i = 0; i < m_timings.registerTries && !reply.IsAnswered(); ++i) {
         const int error = socket.SendToPeer(packet);
-        if (error != 0 && error != EAGAIN && error != ENOBUFS) return StatusOfErrno(error);
+        if (error != 0 && error != EAGAIN && error != ENOBUFS) {
+            return StatusOfErrno(error);
+        }
         const TimePoint end = Clock::now() + m_timings.registerTry;
         // A camera that asks for less time than it has, or for none, is not given up the sooner for it.
         while (!reply.IsAnswered() && WaitReadable(socket.GetFd(), std::max(end, reply.GetPendingUntil()))) {
-            if (m_stopped) return HAL_CLOSED;
+            if (m_stopped) {
+                return HAL_CLOSED;
+            }
             const std::size_t size = socket.ReceiveFromPeer(buffer);
             reply.Take({buffer.data(), size}, Clock::now());
         }
-        if (m_stopped) return HAL_CLOSED;
-        if (reply.GetPendingUntil() != TimePoint()) break;
+        if (m_stopped) {
+            return HAL_CLOSED;
+        }
+        if (reply.GetPendingUntil() != TimePoint()) {
+            break;
+        }
     }
     return HAL_OK;
 }
@@ -236,27 +274,35 @@ bool Registers::WaitReadable(int fd, TimePoint deadline) const {
 
 std::shared_ptr<CameraChannel> Registers::GetChannel(const CameraKey& key) {
     const LockGuard lock(m_mutex);
-    if (m_channels.size() > kManyChannels) {
+    if (m_channels.size() > ManyChannels) {
         const TimePoint now = Clock::now();
         std::erase_if(m_channels, [&](const auto& entry) {
             m_mutex.AssumeHeld();
             const bool unused = entry.second.use_count() == 1 && entry.first != key &&
                                 now - entry.second->GetLastUse() >= m_timings.channelLifetime;
-            if (unused) m_withoutPort.erase(entry.first);
+            if (unused) {
+                m_withoutPort.erase(entry.first);
+            }
             return unused;
         });
     }
     std::shared_ptr<CameraChannel>& channel = m_channels[key];
-    if (!channel) channel = std::make_shared<CameraChannel>(Random(m_random.Next()));
+    if (!channel) {
+        channel = std::make_shared<CameraChannel>(Random(m_random.Next()));
+    }
     return channel;
 }
 
 // Has the socket talk to where the camera is now.
 std::uint32_t Registers::Prepare(CameraChannel::Command& command, const CameraPlace& place) {
-    if (command->socket && command->place.IsSameEnd(place)) return HAL_OK;
+    if (command->socket && command->place.IsSameEnd(place)) {
+        return HAL_OK;
+    }
     std::vector<ChannelRequest> requests(1);
     requests[0].place = place;
-    if (command->socket) requests[0].preferredPort = command->socket->GetLocalPort();
+    if (command->socket) {
+        requests[0].preferredPort = command->socket->GetLocalPort();
+    }
     command->socket.reset();
     m_needs.open(requests);
     NoteOpened(requests[0]);
@@ -283,7 +329,9 @@ bool Registers::IsMute(const CameraKey& key) const {
 std::map<int, unsigned int> Registers::GetShortOfPorts() const {
     const LockGuard lock(m_mutex);
     std::map<int, unsigned int> cameras;
-    for (const auto& entry : m_withoutPort) ++cameras[entry.second];
+    for (const auto& entry : m_withoutPort) {
+        ++cameras[entry.second];
+    }
     return cameras;
 }
 
@@ -294,23 +342,33 @@ std::map<CameraKey, Readings> Registers::ReadAll(const std::vector<CameraPlace>&
     OpenSockets(jobs);
     const TimePoint now = Clock::now();
     for (Job& job : jobs) {
-        if (job.done) continue;
+        if (job.done) {
+            continue;
+        }
         Receive(job, now);  // what has come late
-        if (job.channel->IsMute()) job.parked = true;
+        if (job.channel->IsMute()) {
+            job.parked = true;
+        }
         Advance(job, now);
     }
     RunJobs(jobs);
     std::map<CameraKey, Readings> readings;
-    for (const Job& job : jobs) readings[job.place.key] = job.readings;
+    for (const Job& job : jobs) {
+        readings[job.place.key] = job.readings;
+    }
     return readings;
 }
 
 // Lets others talk to the camera.
 void Registers::Finish(Job& job) {
     job.done = true;
-    if (!job.command) return;
+    if (!job.command) {
+        return;
+    }
     if (job.control && job.control->GetStatus() == HAL_OK && job.command->socket) {
-        if (!job.control->IsHeld()) job.command->holdsControl = false;
+        if (!job.control->IsHeld()) {
+            job.command->holdsControl = false;
+        }
         job.readings.control = job.control->Conclude(*job.command.operator->());
     }
     job.command.End();
@@ -324,8 +382,12 @@ std::vector<Registers::Job> Registers::BeginJobs(const std::vector<CameraPlace>&
         CameraChannel::Command command = CameraChannel::TryBegin(channel);
         jobs.push_back(Job{place, std::move(channel), std::move(command), {}, {}, 0, {}, {}, {}, false, false, {}});
         Job& job = jobs.back();
-        if (plan.control) job.control.emplace();
-        if (plan.address != 0) job.address = plan.address;
+        if (plan.control) {
+            job.control.emplace();
+        }
+        if (plan.address != 0) {
+            job.address = plan.address;
+        }
         if (!job.command) {
             // Somebody is talking to it. To a mute one that is no reason to wait for it.
             job.readings.skipped = !job.channel->IsMute();
@@ -341,15 +403,23 @@ void Registers::OpenSockets(std::vector<Job>& jobs) {
     std::vector<ChannelRequest> requests;
     std::vector<Job*> asking;
     for (Job& job : jobs) {
-        if (job.done || (job.command->socket && job.command->place.IsSameEnd(job.place))) continue;
+        if (job.done || (job.command->socket && job.command->place.IsSameEnd(job.place))) {
+            continue;
+        }
         ChannelRequest request;
         request.place = job.place;
-        if (job.command->socket) request.preferredPort = job.command->socket->GetLocalPort();
+        if (job.command->socket) {
+            request.preferredPort = job.command->socket->GetLocalPort();
+        }
         requests.push_back(std::move(request));
         asking.push_back(&job);
     }
-    if (requests.empty()) return;
-    for (Job* job : asking) job->command->socket.reset();
+    if (requests.empty()) {
+        return;
+    }
+    for (Job* job : asking) {
+        job->command->socket.reset();
+    }
     m_needs.open(requests);
     for (std::size_t i = 0; i < requests.size(); ++i) {
         NoteOpened(requests[i]);
@@ -357,7 +427,9 @@ void Registers::OpenSockets(std::vector<Job>& jobs) {
         job.command->socket = requests[i].socket;
         job.command->place = job.place;
         job.command->parkedId = 0;
-        if (requests[i].socket) continue;
+        if (requests[i].socket) {
+            continue;
+        }
         job.readings.controlStatus = job.readings.valueStatus = StatusOfErrno(requests[i].error);
         job.done = true;
     }
@@ -366,7 +438,9 @@ void Registers::OpenSockets(std::vector<Job>& jobs) {
 // Sends the next request, if there is one.
 void Registers::Advance(Job& job, TimePoint now) {
     std::optional<std::uint32_t> address = job.control ? job.control->GetNext() : std::nullopt;
-    if (!address) address = job.address;
+    if (!address) {
+        address = job.address;
+    }
     if (!address) {
         job.done = true;
         return;
@@ -374,7 +448,9 @@ void Registers::Advance(Job& job, TimePoint now) {
     job.requestId = job.command.NextId();
     job.reply.emplace(job.requestId, MessageId::ReadRegAck, now + m_timings.muteWait);
     job.packet = Request::ReadOf(*address).Encode(job.requestId);
-    if (job.parked) job.command->parkedId = job.requestId;
+    if (job.parked) {
+        job.command->parkedId = job.requestId;
+    }
     job.nextTry = now;
     Repeat(job, now);
 }
@@ -382,23 +458,35 @@ void Registers::Advance(Job& job, TimePoint now) {
 void Registers::Repeat(Job& job, TimePoint now) {
     const int error = job.command->socket->SendToPeer(job.packet.GetBytes());
     job.nextTry = now + m_timings.registerTry;
-    if (error == 0 || error == EAGAIN || error == ENOBUFS) return;
+    if (error == 0 || error == EAGAIN || error == ENOBUFS) {
+        return;
+    }
     job.readings.controlStatus = job.readings.valueStatus = StatusOfErrno(error);
     job.done = true;
 }
 
 void Registers::Receive(Job& job, TimePoint now) {
-    std::array<std::uint8_t, kBufferBytes> buffer;
+    std::array<std::uint8_t, BufferBytes> buffer;
     CameraChannel::Command& command = job.command;
     std::optional<Reply> parked;
-    if (!job.reply && command->parkedId != 0) parked.emplace(command->parkedId, MessageId::ReadRegAck, now);
-    for (int i = 0; i < kReadBudget && !job.done; ++i) {
+    if (!job.reply && command->parkedId != 0) {
+        parked.emplace(command->parkedId, MessageId::ReadRegAck, now);
+    }
+    for (int i = 0; i < ReadBudget && !job.done; ++i) {
         const std::size_t size = command->socket->ReceiveFromPeer(buffer);
-        if (size == 0) break;
-        if (parked) parked->Take({buffer.data(), size}, now);
-        if (!job.reply) continue;
+        if (size == 0) {
+            break;
+        }
+        if (parked) {
+            parked->Take({buffer.data(), size}, now);
+        }
+        if (!job.reply) {
+            continue;
+        }
         job.reply->Take({buffer.data(), size}, now);
-        if (!job.reply->IsAnswered()) continue;
+        if (!job.reply->IsAnswered()) {
+            continue;
+        }
         const std::uint32_t status = job.reply->GetStatus();
         const std::uint32_t value = job.reply->GetValue();
         if (job.parked) {
@@ -420,14 +508,18 @@ void Registers::Receive(Job& job, TimePoint now) {
     // One that answers too late each time is waited for once more, and then no longer.
     if (parked && parked->IsAnswered()) {
         command->parkedId = 0;
-        if (!std::exchange(command->wasLate, true)) job.channel->SetMute(false);
+        if (!std::exchange(command->wasLate, true)) {
+            job.channel->SetMute(false);
+        }
     }
 }
 
 // Of those that have not answered, the ones that do not answer a discovery either are not mute but gone.
 void Registers::GiveUpAbsent(std::vector<Job>& jobs, TimePoint since) {
     for (Job& job : jobs) {
-        if (job.IsWaitedFor() && !m_needs.hasAnswered(job.place.key, since)) job.done = true;
+        if (job.IsWaitedFor() && !m_needs.hasAnswered(job.place.key, since)) {
+            job.done = true;
+        }
     }
 }
 
@@ -449,19 +541,29 @@ void Registers::RunJobs(std::vector<Job>& jobs) {
         fds.assign(1, pollfd{m_stopFd, POLLIN, 0});
         waiting.clear();
         for (Job& job : jobs) {
-            if (job.done) Finish(job);
+            if (job.done) {
+                Finish(job);
+            }
             if (job.IsWaitedFor() && now >= job.nextTry && job.reply->GetPendingUntil() == TimePoint()) {
                 Repeat(job, now);
             }
-            if (!job.IsWaitedFor()) continue;
-            if (job.reply->GetPendingUntil() == TimePoint()) next = std::min(next, job.nextTry);
+            if (!job.IsWaitedFor()) {
+                continue;
+            }
+            if (job.reply->GetPendingUntil() == TimePoint()) {
+                next = std::min(next, job.nextTry);
+            }
             fds.push_back(pollfd{job.command->socket->GetFd(), POLLIN, 0});
             waiting.push_back(&job);
         }
-        if (waiting.empty() || now >= end) break;
+        if (waiting.empty() || now >= end) {
+            break;
+        }
         if (now >= suspectAt) {
             std::vector<CameraKey> keys;
-            for (const Job* job : waiting) keys.push_back(job->place.key);
+            for (const Job* job : waiting) {
+                keys.push_back(job->place.key);
+            }
             suspectedAt = now;
             m_needs.suspect(keys);
             suspectAt = TimePoint::max();
@@ -469,14 +571,20 @@ void Registers::RunJobs(std::vector<Job>& jobs) {
             continue;
         }
         const timespec limit = Until(next);
-        if (::ppoll(fds.data(), fds.size(), &limit, nullptr) <= 0) continue;
+        if (::ppoll(fds.data(), fds.size(), &limit, nullptr) <= 0) {
+            continue;
+        }
         const TimePoint arrived = Clock::now();
         for (std::size_t i = 0; i < waiting.size(); ++i) {
-            if (fds[i + 1].revents != 0) Receive(*waiting[i], arrived);
+            if (fds[i + 1].revents != 0) {
+                Receive(*waiting[i], arrived);
+            }
         }
     }
     for (Job& job : jobs) {
-        if (job.parked && !job.done) Receive(job, Clock::now());
+        if (job.parked && !job.done) {
+            Receive(job, Clock::now());
+        }
         if (job.IsWaitedFor()) {
             job.channel->SetMute(true);
             job.command->parkedId = job.requestId;

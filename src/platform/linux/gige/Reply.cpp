@@ -14,16 +14,24 @@ void Reply::Take(std::span<const std::uint8_t> bytes, TimePoint now) {
     if (acknowledge.error == Gvcp::DecodeError::TooShort || acknowledge.error == Gvcp::DecodeError::NotAnAcknowledge) {
         return;
     }
-    if (m_answered || acknowledge.header.ackId != m_id) return;
+    if (m_answered || acknowledge.header.ackId != m_id) {
+        return;
+    }
     if (const auto* pending = std::get_if<Gvcp::PendingAcknowledge>(&acknowledge.body)) {
         m_pendingUntil = std::min(now + Milliseconds(pending->timeToCompletion), m_limit);
         return;
     }
-    if (acknowledge.header.id != m_acknowledge) return;
+    if (acknowledge.header.id != m_acknowledge) {
+        return;
+    }
     m_malformed = true;
-    if (acknowledge.error != Gvcp::DecodeError::None) return;
+    if (acknowledge.error != Gvcp::DecodeError::None) {
+        return;
+    }
     if (const auto* read = std::get_if<Gvcp::ReadRegAcknowledge>(&acknowledge.body)) {
-        if (read->values.GetCount() != 1) return;
+        if (read->values.GetCount() != 1) {
+            return;
+        }
         m_value = read->values[0];
     } else if (const auto* write = std::get_if<Gvcp::WriteRegAcknowledge>(&acknowledge.body)) {
         m_value = write->index;
@@ -36,7 +44,9 @@ void Reply::Take(std::span<const std::uint8_t> bytes, TimePoint now) {
 }
 
 std::uint32_t Reply::GetStatus() const {
-    if (m_answered) return Gvcp::ToHalStatus(m_status);
+    if (m_answered) {
+        return Gvcp::ToHalStatus(m_status);
+    }
     return m_malformed ? HAL_BAD_ANSWER : HAL_TIMED_OUT;
 }
 

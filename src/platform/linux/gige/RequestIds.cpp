@@ -8,9 +8,13 @@ namespace Nimbrel2::Platform::GigE {
 
 std::uint16_t RequestIds::Take() {
     const LockGuard lock(m_mutex);
-    if (m_numOutstanding == 65535) return 0;
+    if (m_numOutstanding == 65535) {
+        return 0;
+    }
     auto id = static_cast<std::uint16_t>(1 + m_random.Below(65535));
-    while (m_outstanding[id]) id = Gvcp::NextRequestId(id);
+    while (m_outstanding[id]) {
+        id = Gvcp::NextRequestId(id);
+    }
     m_outstanding[id] = true;
     ++m_numOutstanding;
     return id;
@@ -18,7 +22,9 @@ std::uint16_t RequestIds::Take() {
 
 void RequestIds::Release(std::uint16_t id) {
     const LockGuard lock(m_mutex);
-    if (id == 0 || !m_outstanding[id]) return;
+    if (id == 0 || !m_outstanding[id]) {
+        return;
+    }
     m_outstanding[id] = false;
     --m_numOutstanding;
 }

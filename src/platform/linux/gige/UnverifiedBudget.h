@@ -15,18 +15,20 @@ namespace Nimbrel2::Platform::GigE {
 
 class UnverifiedBudget {
 public:
-    static constexpr std::uint32_t kPerPeriod = 512;
-    static constexpr Milliseconds kPeriod{1000};
+    static constexpr std::uint32_t PerPeriod = 512;
+    static constexpr Milliseconds Period{1000};
 
     /// Whether one more is taken from that sender now.
     bool Take(std::uint32_t sender, TimePoint now) {
-        if (now - m_begin >= kPeriod) {
+        if (now - m_begin >= Period) {
             m_begin = now;
             m_taken.fill(0);
         }
         // Senders share counters where they must: no number of them takes more memory.
         std::uint32_t& taken = m_taken[(sender * 0x9E3779B1u) >> 22];
-        if (taken >= kPerPeriod) return false;
+        if (taken >= PerPeriod) {
+            return false;
+        }
         ++taken;
         return true;
     }

@@ -12,7 +12,9 @@ namespace {
 std::vector<UsbDeviceDiagnosis> InspectAll(const std::vector<DevicePointer>& devices) {
     std::vector<UsbDeviceDiagnosis> inspected;
     inspected.reserve(devices.size());
-    for (const DevicePointer& device : devices) inspected.push_back(Inspect(*device));
+    for (const DevicePointer& device : devices) {
+        inspected.push_back(Inspect(*device));
+    }
     RelatePorts(&inspected);
     return inspected;
 }
@@ -23,7 +25,9 @@ std::uint32_t UsbCore::Diagnose(UsbDiagnosis* diagnosis) {
     std::vector<DevicePointer> devices;
     {
         const LockGuard lock(m_mutex);
-        if (!m_running) return HAL_CLOSED;
+        if (!m_running) {
+            return HAL_CLOSED;
+        }
         devices = m_devices;
         diagnosis->error = m_lookError;
         diagnosis->hearsUevents = m_hearsUevents;
@@ -36,7 +40,9 @@ std::uint32_t UsbCore::Diagnose(UsbDiagnosis* diagnosis) {
     }
     diagnosis->devices = InspectAll(devices);
     for (std::size_t i = 0; i < devices.size(); ++i) {
-        if (diagnosis->devices[i].isCamera) diagnosis->devices[i].claims = FindClaims(*devices[i]);
+        if (diagnosis->devices[i].isCamera) {
+            diagnosis->devices[i].claims = FindClaims(*devices[i]);
+        }
     }
     return HAL_OK;
 }
@@ -45,7 +51,9 @@ std::uint32_t UsbCore::Describe(std::vector<BusMap>* maps) {
     std::vector<DevicePointer> devices;
     {
         const LockGuard lock(m_mutex);
-        if (!m_running) return HAL_CLOSED;
+        if (!m_running) {
+            return HAL_CLOSED;
+        }
         devices = m_devices;
     }
     *maps = MapControllers(InspectAll(devices));

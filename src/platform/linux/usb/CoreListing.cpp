@@ -9,25 +9,35 @@ namespace Nimbrel2::Platform::Usb {
 
 std::uint32_t UsbCore::ListCameras(std::vector<DevicePointer>* cameras, BusState* state) {
     const LockGuard lock(m_mutex);
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     TakeEvents();
     int error = m_lookError;
     if (m_lookIsDue || !m_hearsUevents || error != 0) {
         error = Look();
         m_monitor.Wake();  // it may wait for an end of the burst that has been seen to here
     }
-    if (error != 0) return StatusOfErrno(error);
+    if (error != 0) {
+        return StatusOfErrno(error);
+    }
     for (const DevicePointer& device : m_devices) {
-        if (device->IsListed()) cameras->push_back(device);
+        if (device->IsListed()) {
+            cameras->push_back(device);
+        }
     }
     state->resets = m_resets;
-    for (const auto& entry : m_reported) state->devices.push_back(entry.second);
+    for (const auto& entry : m_reported) {
+        state->devices.push_back(entry.second);
+    }
     return HAL_OK;
 }
 
 std::uint32_t UsbCore::FindCamera(NamedCamera* camera, DevicePointer* device) {
     const LockGuard lock(m_mutex);
-    if (!m_running) return HAL_CLOSED;
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
     *device = FindAttached(camera);
     return *device != nullptr ? HAL_OK : HAL_GONE;
 }
@@ -35,10 +45,16 @@ std::uint32_t UsbCore::FindCamera(NamedCamera* camera, DevicePointer* device) {
 std::uint32_t UsbCore::GetTree(NamedCamera* camera, std::vector<UsbSelfId>* records, std::uint32_t* deviceId,
                                std::uint64_t* hostKey, std::uint32_t* generation) {
     const LockGuard lock(m_mutex);
-    if (!m_running) return HAL_CLOSED;
-    if (const int error = LookIfDue(); error != 0) return StatusOfErrno(error);
+    if (!m_running) {
+        return HAL_CLOSED;
+    }
+    if (const int error = LookIfDue(); error != 0) {
+        return StatusOfErrno(error);
+    }
     const DevicePointer device = FindAttached(camera);
-    if (device == nullptr) return HAL_GONE;
+    if (device == nullptr) {
+        return HAL_GONE;
+    }
     // Its controller is there as long as it is.
     const Tree& tree = m_trees.at(device->hostKey);
     records->insert(records->end(), tree.records.begin(), tree.records.end());
@@ -54,7 +70,9 @@ DevicePointer UsbCore::FindAttached(NamedCamera* camera) const {
     const auto found = std::find_if(m_devices.begin(), m_devices.end(), [&](const DevicePointer& device) {
         return device->IsListed() && KeyOf(*device) == camera->key && (byText || PlaceOf(*device) == camera->place);
     });
-    if (found == m_devices.end()) return nullptr;
+    if (found == m_devices.end()) {
+        return nullptr;
+    }
     camera->place = PlaceOf(**found);
     return *found;
 }

@@ -12,8 +12,8 @@ namespace Nimbrel2::Platform::Usb {
 
 namespace {
 
-constexpr std::uint64_t kUeventToken = 0;
-constexpr char kSubsystem[] = "usb";  // devices and their interfaces
+constexpr std::uint64_t UeventToken = 0;
+constexpr char Subsystem[] = "usb";  // devices and their interfaces
 
 }  // namespace
 
@@ -26,12 +26,16 @@ UsbCore::UsbCore(LinuxUsbOptions options, const Timings& timings, BusEventSink& 
 UsbCore::~UsbCore() { Stop(); }
 
 std::uint32_t UsbCore::Start() {
-    if (const std::uint32_t status = m_monitor.Open(); status != HAL_OK) return status;
+    if (const std::uint32_t status = m_monitor.Open(); status != HAL_OK) {
+        return status;
+    }
     {
         const LockGuard lock(m_mutex);
         // Listen first, look second.
         m_ueventError = m_uevents.Open(m_timings.ueventBuffer);
-        if (m_ueventError == 0) m_ueventError = m_monitor.GetPoller().Add(m_uevents.GetFd(), kUeventToken);
+        if (m_ueventError == 0) {
+            m_ueventError = m_monitor.GetPoller().Add(m_uevents.GetFd(), UeventToken);
+        }
         m_hearsUevents = m_ueventError == 0 && UeventsReachUs();
         if (!m_hearsUevents) {
             Trace(m_ueventError != 0
@@ -57,7 +61,9 @@ std::uint32_t UsbCore::Start() {
 void UsbCore::Stop() {
     {
         const LockGuard lock(m_mutex);
-        if (!m_running) return;
+        if (!m_running) {
+            return;
+        }
         m_running = false;
     }
     m_stopping = true;
@@ -74,12 +80,18 @@ void UsbCore::MonitorTurn() {
     m_monitor.GetPoller().Wait(next, &ready);
     const LockGuard lock(m_mutex);
     TakeEvents();
-    if (m_running && Clock::now() >= NextLook()) Look();
+    if (m_running && Clock::now() >= NextLook()) {
+        Look();
+    }
 }
 
 TimePoint UsbCore::NextLook() const {
-    if (m_lookError != 0) return m_lastLook + m_timings.scanRetry;
-    if (m_lookIsDue) return BurstEnd();
+    if (m_lookError != 0) {
+        return m_lastLook + m_timings.scanRetry;
+    }
+    if (m_lookIsDue) {
+        return BurstEnd();
+    }
     return m_hearsUevents ? TimePoint::max() : m_lastLook + m_timings.scanPeriod;
 }
 
@@ -92,10 +104,12 @@ void UsbCore::TakeEvents() {
     Uevent event;
     while (true) {
         const UeventSocket::Receipt receipt = m_uevents.Receive(&event);
-        if (receipt == UeventSocket::Receipt::Nothing) break;
+        if (receipt == UeventSocket::Receipt::Nothing) {
+            break;
+        }
         if (receipt == UeventSocket::Receipt::Lost) {
             m_scanner.EventsLost();
-        } else if (event.subsystem != kSubsystem) {
+        } else if (event.subsystem != Subsystem) {
             continue;
         } else if (event.action == "remove") {
             m_scanner.Removed(event.devicePath);
@@ -106,7 +120,9 @@ void UsbCore::TakeEvents() {
     }
     if (concerned) {
         m_lastEvent = Clock::now();
-        if (!m_lookIsDue) m_burstStart = m_lastEvent;
+        if (!m_lookIsDue) {
+            m_burstStart = m_lastEvent;
+        }
         m_lookIsDue = true;
     }
 }
@@ -117,7 +133,9 @@ int UsbCore::Look() {
     const bool isSettled = m_lookIsDue && m_lastLook >= BurstEnd();
     m_lookError = ENOMEM;
     m_lookError = m_scanner.Scan(&m_devices);
-    if (m_lookError != 0) return m_lookError;
+    if (m_lookError != 0) {
+        return m_lookError;
+    }
     m_lookError = ENOMEM;
     FindAmbiguousKeys();
     UpdateTrees();
@@ -135,7 +153,9 @@ int UsbCore::Look() {
 int UsbCore::LookIfDue() {
     TakeEvents();
     const bool isStale = !m_hearsUevents && Clock::now() >= m_lastLook + m_timings.freshLook;
-    if (!m_running || !(m_lookIsDue || isStale || m_lookError != 0)) return 0;
+    if (!m_running || !(m_lookIsDue || isStale || m_lookError != 0)) {
+        return 0;
+    }
     const int error = Look();
     // The monitor may wait for an end of the burst that this look has brought, or for nothing.
     m_monitor.Wake();
@@ -158,13 +178,17 @@ void UsbCore::UpdateTrees() {
         tree.generation = ++m_lastGeneration;
     }
     m_trees = std::move(trees);
-    if (changed) ++m_resets;
+    if (changed) {
+        ++m_resets;
+    }
 }
 
 void UsbCore::FindAmbiguousKeys() {
     std::set<CameraKey> seen;
     for (const DevicePointer& device : m_devices) {
-        if (device->IsListed() && !seen.insert(KeyOf(*device)).second) m_ambiguous.insert(KeyOf(*device));
+        if (device->IsListed() && !seen.insert(KeyOf(*device)).second) {
+            m_ambiguous.insert(KeyOf(*device));
+        }
     }
 }
 
@@ -175,31 +199,39 @@ BusState UsbCore::MakeState() {
     // Those that stay keep what they are called: that a second camera has the same text is no news of the first.
     for (const DevicePointer& device : m_devices) {
         const auto before = m_reported.find(device);
-        if (before == m_reported.end() || !device->IsListed()) continue;
+        if (before == m_reported.end() || !device->IsListed()) {
+            continue;
+        }
         taken.insert(before->second.identity);
         reported.insert(*before);
     }
     for (const DevicePointer& device : m_devices) {
-        if (!device->IsListed() || reported.count(device) != 0) continue;
+        if (!device->IsListed() || reported.count(device) != 0) {
+            continue;
+        }
         PresentDevice present;
         present.version = device->GetId();
         const std::string ids =
             std::to_string(device->descriptors.vendorId) + ":" + std::to_string(device->descriptors.productId) + ":";
         present.identity = ids + "s" + device->texts.serial;
         if (device->texts.serial.empty() || taken.count(present.identity) != 0) {
-            present.identity = ids + "p" + device->controller + (device->speed >= kSuperSpeed ? "/3-" : "/2-") +
+            present.identity = ids + "p" + device->controller + (device->speed >= SuperSpeed ? "/3-" : "/2-") +
                                PortPath(device->ports);
         }
         taken.insert(present.identity);
         reported.emplace(device, std::move(present));
     }
-    for (const auto& entry : reported) state.devices.push_back(entry.second);
+    for (const auto& entry : reported) {
+        state.devices.push_back(entry.second);
+    }
     m_reported = std::move(reported);
     return state;
 }
 
 void UsbCore::Trace(const std::string& text) const {
-    if (m_options.trace) m_options.trace(text);
+    if (m_options.trace) {
+        m_options.trace(text);
+    }
 }
 
 }  // namespace Nimbrel2::Platform::Usb

@@ -20,10 +20,10 @@ struct VisionInfo {
     std::uint8_t vendorIndex = 0;
     std::uint8_t modelIndex = 0;
     std::uint8_t serialIndex = 0;
-    std::uint8_t speeds = 0;  ///< kLowSpeed and so on
+    std::uint8_t speeds = 0;  ///< LowSpeed and so on
 
-    static constexpr std::uint8_t kHighSpeed = 0x04;
-    static constexpr std::uint8_t kSuperSpeed = 0x08;
+    static constexpr std::uint8_t HighSpeed = 0x04;
+    static constexpr std::uint8_t SuperSpeed = 0x08;
 
     bool operator==(const VisionInfo&) const = default;
 };

@@ -15,9 +15,9 @@
 namespace Nimbrel2::Platform::Usb {
 
 // Mbit/s. From the last one on a link is USB 3.
-inline constexpr std::uint32_t kFullSpeed = 12;
-inline constexpr std::uint32_t kHighSpeed = 480;
-inline constexpr std::uint32_t kSuperSpeed = 5000;
+inline constexpr std::uint32_t FullSpeed = 12;
+inline constexpr std::uint32_t HighSpeed = 480;
+inline constexpr std::uint32_t SuperSpeed = 5000;
 
 /// How a camera's registers are reached.
 enum class Protocol : std::uint8_t {
@@ -62,8 +62,12 @@ using DevicePointer = std::shared_ptr<const DeviceRecord>;
 
 /// Controllers one after the other; of each the buses, and each device after the hub above it.
 inline bool IsBefore(const DeviceRecord& a, const DeviceRecord& b) {
-    if (a.controller != b.controller) return a.controller < b.controller;
-    if (a.bus != b.bus) return a.bus < b.bus;
+    if (a.controller != b.controller) {
+        return a.controller < b.controller;
+    }
+    if (a.bus != b.bus) {
+        return a.bus < b.bus;
+    }
     return a.ports < b.ports;
 }
 

@@ -33,9 +33,9 @@ enum class Status : std::uint16_t {
 /// The HALStatus for an acknowledge's status.
 std::uint32_t ToHalStatus(std::uint16_t status);
 
-inline constexpr std::uint32_t kPrefix = 0x43563355;  // "U3VC"
-inline constexpr std::uint16_t kRequestAcknowledge = 0x4000;
-inline constexpr std::size_t kHeaderBytes = 12;
+inline constexpr std::uint32_t Prefix = 0x43563355;  // "U3VC"
+inline constexpr std::uint16_t RequestAcknowledge = 0x4000;
+inline constexpr std::size_t HeaderBytes = 12;
 
 std::vector<std::uint8_t> EncodeRead(std::uint16_t id, std::uint64_t address, std::uint16_t size);
 std::vector<std::uint8_t> EncodeWrite(std::uint16_t id, std::uint64_t address, std::uint32_t value);

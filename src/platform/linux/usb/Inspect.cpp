@@ -24,8 +24,8 @@ namespace Nimbrel2::Platform::Usb {
 
 namespace {
 
-constexpr std::string_view kPort = "-port";
-constexpr char kProgramsDriver[] = "usbfs";
+constexpr std::string_view Port = "-port";
+constexpr char ProgramsDriver[] = "usbfs";
 
 std::string ReadText(const SysfsDirectory& directory, const char* name) {
     std::string text;
@@ -53,7 +53,9 @@ std::vector<UsbPortDiagnosis> InspectPorts(const SysfsDirectory& hub, const Devi
     std::vector<UsbPortDiagnosis> ports;
     SysfsDirectory interface;
     std::vector<std::string> names;
-    if (interface.Open(hub, HubInterfaceName(record)) == 0) interface.List(&names);
+    if (interface.Open(hub, HubInterfaceName(record)) == 0) {
+        interface.List(&names);
+    }
     for (const std::string& name : names) {
         std::string hubName;
         std::uint8_t number = 0;
@@ -64,7 +66,9 @@ std::vector<UsbPortDiagnosis> InspectPorts(const SysfsDirectory& hub, const Devi
         ports.push_back(InspectPort(port, number));
     }
     std::sort(ports.begin(), ports.end(), [](const auto& a, const auto& b) { return a.number < b.number; });
-    if (!ports.empty()) return ports;
+    if (!ports.empty()) {
+        return ports;
+    }
     const std::uint32_t count = std::min<std::uint32_t>(hub.ReadNumber("maxchild").value_or(0), 255);
     for (std::uint32_t number = 1; number <= count; ++number) {
         ports.emplace_back().number = static_cast<std::uint8_t>(number);
@@ -79,7 +83,9 @@ bool HasOpen(const std::filesystem::path& process, const std::string& node) {
     for (std::filesystem::directory_iterator file(process / "fd", error), end; !error && file != end;
          file.increment(error)) {
         std::error_code hasClosed;
-        if (std::filesystem::read_symlink(*file, hasClosed) == node) return true;
+        if (std::filesystem::read_symlink(*file, hasClosed) == node) {
+            return true;
+        }
     }
     return false;
 }
@@ -90,7 +96,9 @@ std::string CommandOf(const std::string& process) {
     std::array<char, 64> name;
     const ssize_t size = file.IsOpen() ? ::read(file.Get(), name.data(), name.size()) : 0;
     std::string text(name.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
     return text;
 }
 
@@ -101,7 +109,9 @@ std::uint32_t FindProgram(const std::string& node, std::string* command) {
          process.increment(error)) {
         const std::string name = process->path().filename().string();
         const auto id = ParseNumber(name);
-        if (!id || *id == static_cast<std::uint32_t>(::getpid()) || !HasOpen(process->path(), node)) continue;
+        if (!id || *id == static_cast<std::uint32_t>(::getpid()) || !HasOpen(process->path(), node)) {
+            continue;
+        }
         *command = CommandOf(name);
         return *id;
     }
@@ -112,10 +122,10 @@ std::uint32_t FindProgram(const std::string& node, std::string* command) {
 
 // A hub of version 2.10 is one half of a USB 3 hub.
 std::uint32_t FastestSpeed(const DeviceRecord& device) {
-    constexpr std::uint16_t kUsb21 = 0x0210;
+    constexpr std::uint16_t Usb21 = 0x0210;
     const std::uint32_t told = FastestSpeedOf(device.descriptors, device.FindVisionInfo());
-    const bool isHalfOfHub = device.descriptors.IsHub() && device.descriptors.usbVersion >= kUsb21;
-    const std::uint32_t least = device.IsRootHub() ? 0 : isHalfOfHub ? kSuperSpeed : told;
+    const bool isHalfOfHub = device.descriptors.IsHub() && device.descriptors.usbVersion >= Usb21;
+    const std::uint32_t least = device.IsRootHub() ? 0 : isHalfOfHub ? SuperSpeed : told;
     // One that nobody can tell is no less than what it does.
     return told == 0 && least == 0 && !device.IsRootHub() ? 0 : std::max(least, device.speed);
 }
@@ -135,10 +145,14 @@ UsbPortDiagnosis* FindPort(UsbDeviceDiagnosis* hub, std::uint8_t number) {
 }  // namespace
 
 bool ParsePortName(std::string_view name, std::string* hub, std::uint8_t* port) {
-    const std::size_t found = name.rfind(kPort);
-    if (found == std::string_view::npos || !ParseDeviceName(name.substr(0, found))) return false;
-    const auto number = ParseNumber(name.substr(found + kPort.size()));
-    if (!number || *number == 0 || *number > 255) return false;
+    const std::size_t found = name.rfind(Port);
+    if (found == std::string_view::npos || !ParseDeviceName(name.substr(0, found))) {
+        return false;
+    }
+    const auto number = ParseNumber(name.substr(found + Port.size()));
+    if (!number || *number == 0 || *number > 255) {
+        return false;
+    }
     *hub = name.substr(0, found);
     *port = static_cast<std::uint8_t>(*number);
     return true;
@@ -150,7 +164,7 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
     diagnosis.port = device.IsRootHub() ? std::uint8_t{0} : device.ports.back();
     diagnosis.controller = device.controller.substr(device.controller.rfind('/') + 1);
     diagnosis.hostKey = device.hostKey;
-    diagnosis.deviceId = device.IsRootHub() ? kHostDeviceId : device.GetId();
+    diagnosis.deviceId = device.IsRootHub() ? HostDeviceId : device.GetId();
     diagnosis.bus = device.bus;
     diagnosis.number = device.number;
     diagnosis.usbVersion = device.descriptors.usbVersion;
@@ -165,9 +179,15 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
     diagnosis.isAuthorized = device.authorized;
     diagnosis.configuration = device.configuration;
     diagnosis.node = NodePath(device.bus, device.number);
-    if (device.ports.size() == 1) diagnosis.hub = "usb" + std::to_string(device.bus);
-    if (device.ports.size() > 1) diagnosis.hub = device.name.substr(0, device.name.rfind('.'));
-    if (::access(diagnosis.node.c_str(), R_OK | W_OK) != 0) diagnosis.nodeError = errno;
+    if (device.ports.size() == 1) {
+        diagnosis.hub = "usb" + std::to_string(device.bus);
+    }
+    if (device.ports.size() > 1) {
+        diagnosis.hub = device.name.substr(0, device.name.rfind('.'));
+    }
+    if (::access(diagnosis.node.c_str(), R_OK | W_OK) != 0) {
+        diagnosis.nodeError = errno;
+    }
 
     SysfsDirectory directory;
     directory.Open(device.path);
@@ -185,14 +205,18 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
     diagnosis.runtimeStatus = ReadText(directory, "power/runtime_status");
     const std::string delay = ReadText(directory, "power/autosuspend_delay_ms");
     std::from_chars(delay.data(), delay.data() + delay.size(), diagnosis.suspendDelay);
-    if (diagnosis.isHub) diagnosis.ports = InspectPorts(directory, device);
+    if (diagnosis.isHub) {
+        diagnosis.ports = InspectPorts(directory, device);
+    }
     return diagnosis;
 }
 
 std::vector<UsbClaim> FindClaims(const DeviceRecord& camera) {
     std::vector<UsbClaim> claims;
     const Configuration* configuration = camera.descriptors.FindConfiguration(camera.configuration);
-    if (configuration == nullptr) return claims;
+    if (configuration == nullptr) {
+        return claims;
+    }
     for (const InterfaceDescriptor& interface : configuration->interfaces) {
         UsbClaim claim;
         claim.interface = interface.number;
@@ -200,9 +224,12 @@ std::vector<UsbClaim> FindClaims(const DeviceRecord& camera) {
                               ? interface.IsVisionControl()
                               : interface.number == configuration->interfaces.front().number;
         claim.driver = DriverOf(camera, interface.number);
-        if (claim.driver.empty()) continue;
-        if (claim.driver == kProgramsDriver)
+        if (claim.driver.empty()) {
+            continue;
+        }
+        if (claim.driver == ProgramsDriver) {
             claim.process = FindProgram(NodePath(camera.bus, camera.number), &claim.command);
+        }
         claims.push_back(std::move(claim));
     }
     return claims;
@@ -215,11 +242,17 @@ void RelatePorts(std::vector<UsbDeviceDiagnosis>* devices) {
     });
     for (UsbDeviceDiagnosis& device : *devices) {
         UsbDeviceDiagnosis* hub = FindDevice(devices, device.hub);
-        if (hub == nullptr) continue;
+        if (hub == nullptr) {
+            continue;
+        }
         UsbPortDiagnosis* port = FindPort(hub, device.port);
-        if (port != nullptr) port->device = device.name;
+        if (port != nullptr) {
+            port->device = device.name;
+        }
         device.portSpeed = hub->speed;
-        if (hub->speed >= kSuperSpeed) continue;
+        if (hub->speed >= SuperSpeed) {
+            continue;
+        }
         if (const UsbDeviceDiagnosis* peer = port != nullptr ? FindDevice(devices, port->peerHub) : nullptr) {
             device.portSpeed = std::max(device.portSpeed, peer->speed);
             continue;
@@ -227,9 +260,11 @@ void RelatePorts(std::vector<UsbDeviceDiagnosis>* devices) {
         // Where the kernel tells nothing of peers, a controller without a SuperSpeed half still tells enough.
         const bool mayBeFaster =
             !arePeersKnown && std::any_of(devices->begin(), devices->end(), [&](const UsbDeviceDiagnosis& other) {
-                return other.hostKey == device.hostKey && other.speed >= kSuperSpeed;
+                return other.hostKey == device.hostKey && other.speed >= SuperSpeed;
             });
-        if (mayBeFaster) device.portSpeed = 0;
+        if (mayBeFaster) {
+            device.portSpeed = 0;
+        }
     }
 }
 

@@ -23,7 +23,9 @@ std::uint32_t LinuxUsbDevice::OnCamera(const Operation& operation) {
 std::uint32_t LinuxUsbDevice::GetConfigInfo(ConfigInfo* info) {
     DevicePointer device;
     const std::uint32_t status = OnCamera([&](NamedCamera* camera) { return m_core->FindCamera(camera, &device); });
-    if (status != HAL_OK) return status;
+    if (status != HAL_OK) {
+        return status;
+    }
     const Descriptors& descriptors = device->descriptors;
     info->numbers = {static_cast<std::uint32_t>(descriptors.vendorId) << 16 | descriptors.productId,
                      device->bus << 8 | device->number, device->serialNumber, device->speed, descriptors.usbVersion};
@@ -34,7 +36,9 @@ std::uint32_t LinuxUsbDevice::GetConfigInfo(ConfigInfo* info) {
 }
 
 std::uint32_t LinuxUsbDevice::GetSerialText(std::string* text) {
-    if (m_core->IsClosed()) return HAL_CLOSED;
+    if (m_core->IsClosed()) {
+        return HAL_CLOSED;
+    }
     const LockGuard lock(m_mutex);
     *text = m_camera.key.serial;
     return HAL_OK;
@@ -43,7 +47,9 @@ std::uint32_t LinuxUsbDevice::GetSerialText(std::string* text) {
 std::uint32_t LinuxUsbDevice::GetSpeed(std::uint32_t* megabits) {
     DevicePointer device;
     const std::uint32_t status = OnCamera([&](NamedCamera* camera) { return m_core->FindCamera(camera, &device); });
-    if (status == HAL_OK) m_lastSpeed = device->speed;
+    if (status == HAL_OK) {
+        m_lastSpeed = device->speed;
+    }
     *megabits = m_lastSpeed;
     return status == HAL_GONE ? std::uint32_t{HAL_OK} : status;
 }
@@ -63,7 +69,9 @@ std::uint32_t LinuxUsbDevice::FireBusReset() {
 std::uint32_t LinuxUsbDevice::GetLinkInfo(std::uint32_t* link) {
     DevicePointer device;
     const std::uint32_t status = OnCamera([&](NamedCamera* camera) { return m_core->FindCamera(camera, &device); });
-    if (status == HAL_OK) *link = LinkInfo(*device);
+    if (status == HAL_OK) {
+        *link = LinkInfo(*device);
+    }
     return status;
 }
 

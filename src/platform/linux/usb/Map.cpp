@@ -28,7 +28,9 @@ BusMapNode NodeOf(const UsbDeviceDiagnosis& device, std::uint32_t parent) {
     node.name = NameOf(device);
     node.isHub = device.isHub;
     node.isCamera = device.isListed;
-    if (!node.isCamera) return node;
+    if (!node.isCamera) {
+        return node;
+    }
     node.serialNumber = device.serialNumber;
     node.vendor = device.vendor;
     node.model = device.model;
@@ -49,9 +51,11 @@ std::vector<BusMap> MapControllers(const std::vector<UsbDeviceDiagnosis>& device
             map.name = device.controller;
         }
         ids.emplace(device.name, device.deviceId);
-        if (device.hub.empty()) continue;
+        if (device.hub.empty()) {
+            continue;
+        }
         const auto hub = ids.find(device.hub);
-        maps.back().nodes.push_back(NodeOf(device, hub != ids.end() ? hub->second : kHostDeviceId));
+        maps.back().nodes.push_back(NodeOf(device, hub != ids.end() ? hub->second : HostDeviceId));
     }
     return maps;
 }

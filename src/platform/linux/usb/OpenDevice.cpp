@@ -45,7 +45,9 @@ std::uint32_t StatusOfLibusb(int result) {
 }
 
 UsbContext::~UsbContext() {
-    if (m_context != nullptr) libusb_exit(m_context);
+    if (m_context != nullptr) {
+        libusb_exit(m_context);
+    }
 }
 
 std::uint32_t UsbContext::Get(libusb_context** context) {
@@ -53,7 +55,9 @@ std::uint32_t UsbContext::Get(libusb_context** context) {
     if (m_context == nullptr) {
         // For all contexts that this process makes from here on: Debian 12's libusb knows no other way to say it.
         int result = libusb_set_option(nullptr, LIBUSB_OPTION_NO_DEVICE_DISCOVERY);
-        if (result == LIBUSB_SUCCESS) result = libusb_init(&m_context);
+        if (result == LIBUSB_SUCCESS) {
+            result = libusb_init(&m_context);
+        }
         if (result != LIBUSB_SUCCESS) {
             m_context = nullptr;
             return StatusOfLibusb(result);
@@ -74,7 +78,9 @@ int OpenDevice::OpenNode(const std::string& path) {
 
 std::uint32_t OpenDevice::Wrap(UsbContext& context, const Descriptors& expected) {
     libusb_context* libusb = nullptr;
-    if (const std::uint32_t status = context.Get(&libusb); status != HAL_OK) return status;
+    if (const std::uint32_t status = context.Get(&libusb); status != HAL_OK) {
+        return status;
+    }
     const int result = libusb_wrap_sys_device(libusb, m_node.Get(), &m_handle);
     if (result != LIBUSB_SUCCESS) {
         m_handle = nullptr;
@@ -89,21 +95,29 @@ std::uint32_t OpenDevice::Wrap(UsbContext& context, const Descriptors& expected)
 
 void OpenDevice::Close() {
     ReleaseAll();
-    if (m_handle != nullptr) libusb_close(m_handle);
+    if (m_handle != nullptr) {
+        libusb_close(m_handle);
+    }
     m_handle = nullptr;
     m_node.Close();
 }
 
 void OpenDevice::ReleaseAll() {
-    for (const std::uint8_t interface : m_claimed) libusb_release_interface(m_handle, interface);
+    for (const std::uint8_t interface : m_claimed) {
+        libusb_release_interface(m_handle, interface);
+    }
     m_claimed.clear();
 }
 
 std::uint32_t OpenDevice::Claim(std::uint8_t interface) {
     m_claimed.reserve(m_claimed.size() + 1);
     const int result = libusb_claim_interface(m_handle, interface);
-    if (result == LIBUSB_ERROR_BUSY) return HAL_ACCESS_DENIED;
-    if (result == LIBUSB_SUCCESS) m_claimed.push_back(interface);
+    if (result == LIBUSB_ERROR_BUSY) {
+        return HAL_ACCESS_DENIED;
+    }
+    if (result == LIBUSB_SUCCESS) {
+        m_claimed.push_back(interface);
+    }
     return StatusOfLibusb(result);
 }
 

@@ -41,7 +41,7 @@ std::uint64_t ControllerKey(std::string_view path);
 
 /// The id of a device in its controller's tree: never 63, which is the host's, for buses are numbered from 1.
 constexpr std::uint32_t DeviceId(std::uint32_t bus, std::uint32_t device) { return bus << 7 | device; }
-inline constexpr std::uint32_t kHostDeviceId = 63;
+inline constexpr std::uint32_t HostDeviceId = 63;
 
 /// The same for all devices below one root port. The two halves of a controller have different ones.
 constexpr std::uint64_t RootPortId(std::uint32_t bus, std::uint8_t port) { return std::uint64_t{bus} << 8 | port; }

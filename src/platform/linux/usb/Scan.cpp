@@ -13,8 +13,8 @@ namespace Nimbrel2::Platform::Usb {
 
 namespace {
 
-constexpr std::uint32_t kMostNumber = 127;
-constexpr int kNonsense = EINVAL;  // what is there is not what the kernel writes
+constexpr std::uint32_t MostNumber = 127;
+constexpr int Nonsense = EINVAL;  // what is there is not what the kernel writes
 
 // This computer is short of something: nothing was learnt of the device, and it must not count as gone.
 bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
@@ -23,10 +23,12 @@ bool HasLeft(int error) { return error == ENOENT || error == ENODEV || error == 
 
 int ReadNumber(const SysfsDirectory& directory, const char* name, std::uint32_t* number) {
     std::string text;
-    if (const int error = directory.ReadText(name, &text); error != 0) return error;
+    if (const int error = directory.ReadText(name, &text); error != 0) {
+        return error;
+    }
     const auto parsed = ParseNumber(text);
     *number = parsed.value_or(0);
-    return parsed ? 0 : kNonsense;
+    return parsed ? 0 : Nonsense;
 }
 
 // "1.5" is 1, "unknown" is 0.
@@ -56,7 +58,9 @@ int ReadPermit(const SysfsDirectory& directory, const Descriptors& descriptors, 
         permit->configuration = descriptors.configurations.front().value;
     }
     error = directory.ReadText("authorized", &text);
-    if (IsShortage(error)) return error;
+    if (IsShortage(error)) {
+        return error;
+    }
     permit->authorized = error != 0 || ParseNumber(text) != 0u;
     return 0;
 }
@@ -65,7 +69,9 @@ int ReadPermit(const SysfsDirectory& directory, const Descriptors& descriptors, 
 int ReadTexts(const SysfsDirectory& directory, DeviceTexts* texts) {
     for (const auto& [name, text] : {std::pair{"manufacturer", &texts->manufacturer},
                                      std::pair{"product", &texts->product}, std::pair{"serial", &texts->serial}}) {
-        if (const int error = directory.ReadText(name, text); IsShortage(error)) return error;
+        if (const int error = directory.ReadText(name, text); IsShortage(error)) {
+            return error;
+        }
     }
     return 0;
 }
@@ -86,14 +92,22 @@ int Scanner::Scan(std::vector<DevicePointer>* devices) {
     SysfsDirectory directory;
     std::vector<std::string> names;
     int error = directory.Open("bus/usb/devices");
-    if (error == 0) error = directory.List(&names);
+    if (error == 0) {
+        error = directory.List(&names);
+    }
     // Without the directory this computer has no USB, or not yet.
-    if (error != 0 && !HasLeft(error)) return error;
+    if (error != 0 && !HasLeft(error)) {
+        return error;
+    }
     for (const std::string& name : names) {
         DevicePointer device;
         error = ReadDevice(directory, name, &device);
-        if (IsShortage(error)) return error;
-        if (device != nullptr) found.push_back(std::move(device));
+        if (IsShortage(error)) {
+            return error;
+        }
+        if (device != nullptr) {
+            found.push_back(std::move(device));
+        }
     }
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return IsBefore(*a, *b); });
     m_last = found;
@@ -111,11 +125,15 @@ void Scanner::Removed(std::string_view path) {
     } else if (SysfsDirectory directory; directory.Open(path) == 0) {
         inode = directory.GetInode();
     }
-    if (inode != 0) m_removed.insert_or_assign(std::string(path), inode);
+    if (inode != 0) {
+        m_removed.insert_or_assign(std::string(path), inode);
+    }
 }
 
 void Scanner::Added(std::string_view path) {
-    if (const auto found = m_removed.find(path); found != m_removed.end()) m_removed.erase(found);
+    if (const auto found = m_removed.find(path); found != m_removed.end()) {
+        m_removed.erase(found);
+    }
 }
 
 DevicePointer Scanner::Find(const std::string& name) const {
@@ -126,7 +144,9 @@ DevicePointer Scanner::Find(const std::string& name) const {
 
 int Scanner::ReadDevice(const SysfsDirectory& devices, const std::string& name, DevicePointer* device) {
     const auto parsed = ParseDeviceName(name);
-    if (!parsed) return 0;  // an interface
+    if (!parsed) {
+        return 0;  // an interface
+    }
     DeviceRecord record;
     record.name = name;
     record.bus = parsed->bus;
@@ -134,16 +154,24 @@ int Scanner::ReadDevice(const SysfsDirectory& devices, const std::string& name, 
     record.path = devices.ReadLinkPath(name.c_str());
     SysfsDirectory directory;
     int error = record.path.empty() ? ENOENT : directory.Open(devices, name);
-    if (error != 0) return error;
+    if (error != 0) {
+        return error;
+    }
     record.inode = directory.GetInode();
     if (const auto removed = m_removed.find(record.path); removed != m_removed.end()) {
-        if (removed->second == record.inode) return ENOENT;
+        if (removed->second == record.inode) {
+            return ENOENT;
+        }
         m_removed.erase(removed);
     }
     error = ReadNumber(directory, "devnum", &record.number);
-    if (error == 0 && (record.number == 0 || record.number > kMostNumber)) error = kNonsense;
+    if (error == 0 && (record.number == 0 || record.number > MostNumber)) {
+        error = Nonsense;
+    }
     if (error != 0) {
-        if (error == kNonsense) TraceOnce(name, record.inode, "its device number makes no sense");
+        if (error == Nonsense) {
+            TraceOnce(name, record.inode, "its device number makes no sense");
+        }
         return error;
     }
 
@@ -153,34 +181,48 @@ int Scanner::ReadDevice(const SysfsDirectory& devices, const std::string& name, 
     if (isKnown) {
         record = *known;
     } else if (error = ReadNew(directory, &record); error != 0) {
-        if (error == kNonsense) TraceOnce(name, record.inode, "its descriptors or its path make no sense");
+        if (error == Nonsense) {
+            TraceOnce(name, record.inode, "its descriptors or its path make no sense");
+        }
         return error;
     }
     Permit permit;
-    if (error = ReadPermit(directory, record.descriptors, &permit); error != 0) return error;
+    if (error = ReadPermit(directory, record.descriptors, &permit); error != 0) {
+        return error;
+    }
     if (isKnown && permit.configuration == known->configuration && permit.authorized == known->authorized) {
         *device = known;
         return 0;
     }
     record.configuration = permit.configuration;
     record.authorized = permit.authorized;
-    if (error = Identify(directory, &record); error != 0) return error;
+    if (error = Identify(directory, &record); error != 0) {
+        return error;
+    }
     *device = std::make_shared<const DeviceRecord>(std::move(record));
     return 0;
 }
 
 int Scanner::ReadNew(const SysfsDirectory& directory, DeviceRecord* record) const {
     std::vector<std::uint8_t> bytes;
-    if (const int error = directory.ReadBytes("descriptors", &bytes); error != 0) return error;
+    if (const int error = directory.ReadBytes("descriptors", &bytes); error != 0) {
+        return error;
+    }
     auto descriptors = ParseDescriptors(bytes);
     record->controller = FindController(record->path, record->bus);
-    if (!descriptors || record->controller.empty()) return kNonsense;
+    if (!descriptors || record->controller.empty()) {
+        return Nonsense;
+    }
     record->descriptors = *std::move(descriptors);
     record->hostKey = ControllerKey(record->controller);
     std::string speed;
-    if (const int error = directory.ReadText("speed", &speed); IsShortage(error)) return error;
+    if (const int error = directory.ReadText("speed", &speed); IsShortage(error)) {
+        return error;
+    }
     record->speed = ParseSpeed(speed);
-    if (m_hasScanned) record->firstSeen = Clock::now();
+    if (m_hasScanned) {
+        record->firstSeen = Clock::now();
+    }
     return 0;
 }
 
@@ -192,9 +234,13 @@ int Scanner::Identify(const SysfsDirectory& directory, DeviceRecord* record) con
     record->protocol = record->FindControl() != nullptr ? Protocol::Vision
                        : isNamed                        ? Protocol::VendorRequests
                                                         : Protocol::None;
-    if (record->protocol == Protocol::None) return 0;
+    if (record->protocol == Protocol::None) {
+        return 0;
+    }
     DeviceTexts texts;
-    if (const int error = ReadTexts(directory, &texts); error != 0) return error;
+    if (const int error = ReadTexts(directory, &texts); error != 0) {
+        return error;
+    }
     record->texts = ChooseTexts(descriptors, record->FindVisionInfo(), texts);
     record->serialNumber = UsbSerialNumber(descriptors.vendorId, descriptors.productId, record->texts.serial,
                                            record->controller + " " + PortPath(record->ports));
@@ -203,7 +249,9 @@ int Scanner::Identify(const SysfsDirectory& directory, DeviceRecord* record) con
 
 void Scanner::TraceOnce(const std::string& name, std::uint64_t inode, const char* what) {
     std::uint64_t& traced = m_traced[name];
-    if (!m_trace || std::exchange(traced, inode) == inode) return;
+    if (!m_trace || std::exchange(traced, inode) == inode) {
+        return;
+    }
     m_trace("USB device " + name + " is left out: " + what);
 }
 

@@ -14,7 +14,7 @@ struct Timings {
     Milliseconds quiet{10};
     Milliseconds longestBurst{100};
 
-    int ueventBuffer = UeventSocket::kUsualBuffer;  ///< bytes
+    int ueventBuffer = UeventSocket::UsualBuffer;  ///< bytes
 
     Milliseconds scanPeriod{2000};  ///< where uevents cannot come
     Milliseconds freshLook{100};    ///< how long a look is believed there; a listing never believes an old one

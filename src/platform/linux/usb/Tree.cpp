@@ -15,12 +15,14 @@ bool AreSame(const UsbSelfId& a, const UsbSelfId& b) {
 
 // The hub above is among the devices before it, unless it left while they were read.
 std::uint32_t FindParentId(const std::vector<DevicePointer>& devices, const DeviceRecord& device) {
-    if (device.ports.size() < 2) return kHostDeviceId;
+    if (device.ports.size() < 2) {
+        return HostDeviceId;
+    }
     const std::vector<std::uint8_t> ports(device.ports.begin(), device.ports.end() - 1);
     const auto found = std::find_if(devices.begin(), devices.end(), [&](const DevicePointer& other) {
         return other->bus == device.bus && other->ports == ports;
     });
-    return found == devices.end() ? kHostDeviceId : (*found)->GetId();
+    return found == devices.end() ? HostDeviceId : (*found)->GetId();
 }
 
 }  // namespace
@@ -33,7 +35,9 @@ std::map<std::uint64_t, TreeRecords> BuildTrees(const std::vector<DevicePointer>
     std::map<std::uint64_t, TreeRecords> trees;
     for (const DevicePointer& device : devices) {
         TreeRecords& records = trees[device->hostKey];
-        if (device->IsRootHub()) continue;
+        if (device->IsRootHub()) {
+            continue;
+        }
         UsbSelfId record{};
         record.deviceId = device->GetId();
         record.speed = device->speed;
@@ -52,10 +56,12 @@ std::uint32_t LinkInfo(const DeviceRecord& device) {
 }
 
 std::uint32_t PortStatus(std::uint32_t speed, bool suspended) {
-    constexpr std::uint32_t kConnectedAndEnabled = 0x0003;
-    if (speed >= kSuperSpeed) return kConnectedAndEnabled | 1u << 9 | (suspended ? 3u << 5 : 0u);
-    const std::uint32_t speedBits = speed >= kHighSpeed ? 1u << 10 : speed >= kFullSpeed || speed == 0 ? 0u : 1u << 9;
-    return kConnectedAndEnabled | 1u << 8 | (suspended ? 1u << 2 : 0u) | speedBits;
+    constexpr std::uint32_t ConnectedAndEnabled = 0x0003;
+    if (speed >= SuperSpeed) {
+        return ConnectedAndEnabled | 1u << 9 | (suspended ? 3u << 5 : 0u);
+    }
+    const std::uint32_t speedBits = speed >= HighSpeed ? 1u << 10 : speed >= FullSpeed || speed == 0 ? 0u : 1u << 9;
+    return ConnectedAndEnabled | 1u << 8 | (suspended ? 1u << 2 : 0u) | speedBits;
 }
 
 }  // namespace Nimbrel2::Platform::Usb

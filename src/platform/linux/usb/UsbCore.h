@@ -63,7 +63,7 @@ inline CameraKey KeyOf(const DeviceRecord& device) {
     return {device.descriptors.vendorId, device.descriptors.productId, device.texts.serial};
 }
 inline CameraPlace PlaceOf(const DeviceRecord& device) {
-    return {device.controller, device.speed >= kSuperSpeed, device.ports};
+    return {device.controller, device.speed >= SuperSpeed, device.ports};
 }
 
 class UsbCore {
