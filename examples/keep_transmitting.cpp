@@ -10,6 +10,13 @@
 std::counting_semaphore<> resets{0};
 void OnReset(void*, unsigned int) { resets.release(); }
 
+void Check(const Nimbrel2::Error& error) {
+    if (error != Nimbrel2::ERROR_OK) {
+        std::fprintf(stderr, "%s\n", error.Describe().c_str());
+        std::exit(1);
+    }
+}
+
 int main(int argc, char** argv) {
     constexpr std::uint64_t IsoEnable = 0xF0F00614;  // IIDC ISO_EN; its most significant bit is transmission.
     const unsigned int serial = argc == 2 ? static_cast<unsigned int>(std::strtoul(argv[1], nullptr, 10)) : 0;
@@ -17,19 +24,10 @@ int main(int argc, char** argv) {
     Nimbrel2::ZevoGuid guid;
     boost::shared_ptr<Nimbrel2::HardwareInterface> kept;
     void* handle = nullptr;
-    Nimbrel2::Error error = busMaster.Initialize();
-    if (error == Nimbrel2::ERROR_OK) {
-        error = busMaster.GetCameraFromSerialNumber(serial, &guid);
-    }
-    if (error == Nimbrel2::ERROR_OK) {
-        error = busMaster.KeepHwInterface(guid, &kept);
-    }
-    if (error == Nimbrel2::ERROR_OK) {
-        error = busMaster.RegisterCallback(OnReset, Nimbrel2::BUS_RESET, nullptr, &handle);
-    }
-    if (error != Nimbrel2::ERROR_OK) {
-        return std::fprintf(stderr, "%s\n", error.Describe().c_str()), 1;
-    }
+    Check(busMaster.Initialize());
+    Check(busMaster.GetCameraFromSerialNumber(serial, &guid));
+    Check(busMaster.KeepHwInterface(guid, &kept));
+    Check(busMaster.RegisterCallback(OnReset, Nimbrel2::BUS_RESET, nullptr, &handle));
     const auto camera = boost::dynamic_pointer_cast<Nimbrel2::IEEE1394Interface>(kept);
     std::uint32_t value = 0x80000000;
     if (!camera || camera->WriteRegister(IsoEnable, 0xFFFFFFFF, value, 0) != HAL_OK) {
