@@ -10,7 +10,7 @@ build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-da
 # clang shows that its thread-safety analysis sees our mutexes.
 # Fonts and readers that others wrote judge the pictures.
 tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables
-       iptables ufw jq procps python3 python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
+       iptables ufw firewalld dbus jq procps python3 python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
        fonts-liberation umockdev libumockdev-dev)
 bench=(libbenchmark-dev python3 aravis-tools-cli umockdev libumockdev-dev)
 # clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
@@ -73,6 +73,11 @@ fi
 
 install=(apt-get install --yes --quiet --no-install-recommends -o DPkg::Lock::Timeout=600)
 echo "setup: installing ${missing[*]}"
+# A test starts it in a network of its own. Nothing may start it on this computer, where it would be a firewall.
+if [[ " ${missing[*]} " == *" firewalld "* ]] && command -v systemctl >/dev/null; then
+    echo "setup: masking firewalld.service, which is for tests only"
+    "${root[@]}" systemctl mask --quiet firewalld.service
+fi
 fresh=
 if [[ "${missing[*]}" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
     echo "setup: adding the arm64 architecture to this system's package manager"

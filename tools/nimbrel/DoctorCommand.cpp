@@ -7,6 +7,7 @@
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Locations.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Words.h"
@@ -73,8 +74,7 @@ void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Finding
         if (isNamed) {
             continue;
         }
-        all->push_back(
-            {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
+        all->push_back({check, false, failure.Describe(), SudoNimbrel() + " doctor --bus " + failure.bus.name});
     }
 }
 

@@ -13,6 +13,7 @@
 #include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/TraceLog.h"
 #include "tools/nimbrel/UsageErrors.h"
@@ -44,7 +45,7 @@ const char BusOptions[] = "Options of the commands that look at the buses, befor
 
 // The user's own words, as a shell takes them, run by root.
 std::string AgainAsRoot(int argc, const char* const* argv) {
-    std::string line = "sudo nimbrel";
+    std::string line = SudoNimbrel();
     for (int i = 1; i < argc; ++i) {
         line += " " + QuoteForShell(argv[i]);
     }

@@ -2,6 +2,7 @@
 // Names and numbers in the findings on GigE. Pure.
 #include "tools/nimbrel/doctor/GigETexts.h"
 
+#include <algorithm>
 #include <set>
 
 #include "tools/nimbrel/Cameras.h"
@@ -66,7 +67,7 @@ bool IsOwnAddress(const GigEDiagnosis& diagnosis, std::uint32_t ip) {
     return false;
 }
 
-std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
+std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis, std::size_t skip) {
     for (std::uint32_t third = 100; third < 255; ++third) {
         const InterfaceAddress candidate{0xC0A80001 | third << 8, 24};
         bool taken = false;
@@ -75,11 +76,20 @@ std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
                 taken = taken || candidate.Contains(address.address) || address.Contains(candidate.address);
             }
         }
-        if (!taken) {
+        if (!taken && skip-- == 0) {
             return AddressText(candidate);
         }
     }
     return "10.77.77.1/24";
+}
+
+std::optional<InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& interface) {
+    const bool hasRoom = std::any_of(interface.addresses.begin(), interface.addresses.end(),
+                                     [](const InterfaceAddress& address) { return address.prefixLength <= 30; });
+    if (interface.addresses.empty() || hasRoom || interface.loopback || interface.pointToPoint) {
+        return std::nullopt;
+    }
+    return InterfaceAddress{interface.addresses.front().address, 24};
 }
 
 std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress& subnet) {
