@@ -3,8 +3,10 @@
 #include "tools/nimbrel/CommandContext.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
+#include <cstdint>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "common/Trace.h"
@@ -60,16 +62,16 @@ Platform::Driver* DriverOf(Platform::Options* options, HALInterfaceType bus) {
 
 // "1209:0001": two groups of four hexadecimal digits, as lsusb prints them.
 Platform::UsbId ParseUsbId(const std::string& text) {
-    unsigned int vendor = 0;
-    unsigned int product = 0;
-    char behind = 0;
-    const bool hasForm =
-        text.size() == 9 && text[4] == ':' && text.find_first_not_of("0123456789abcdefABCDEF:") == std::string::npos;
-    if (!hasForm || std::sscanf(text.c_str(), "%4x:%4x%c", &vendor, &product, &behind) != 2) {
+    const auto readGroup = [&text](std::size_t begin, std::uint16_t* value) {
+        const char* end = text.data() + begin + 4;
+        return std::from_chars(text.data() + begin, end, *value, 16).ptr == end;
+    };
+    Platform::UsbId id;
+    if (text.size() != 9 || text[4] != ':' || !readGroup(0, &id.vendor) || !readGroup(5, &id.product)) {
         throw CommandError("--usb-id: \"" + text + "\" is not two groups of four hexadecimal digits, like 1209:0001",
                            ExitUsage);
     }
-    return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product)};
+    return id;
 }
 
 void CheckExists(const std::vector<std::string>& interfaces) {
