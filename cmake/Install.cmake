@@ -56,7 +56,7 @@ install(FILES ${CMAKE_BINARY_DIR}/nimbrel2Config.cmake ${CMAKE_BINARY_DIR}/nimbr
 set(pkgConfigFolder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH NIMBREL2_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" NIMBREL2_PREFIX_FROM_PKGCONFIG ${NIMBREL2_PREFIX_FROM_PKGCONFIG})
-foreach(package nimbrel2 nimbrel2-simulation)
+foreach(package nimbrel2 nimbrel2-core nimbrel2-simulation)
   configure_file(cmake/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${pkgConfigFolder})
 endforeach()

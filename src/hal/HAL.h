@@ -191,6 +191,7 @@ NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
  *                      lock; for devices of the cycle before: main and initialised lock.
  *   at the end         One thread for each camera, all at once, then the destructor's thread for the devices, one after
  *                      the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *                      The worker, for cameras that left in a cycle that the end cut short: none.
  *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
  *   left behind        A thread that the destructor could not wait for: none. It gets HAL_CLOSED after the clean-up.
  */
