@@ -8,8 +8,11 @@
 #include <cstring>
 #include <string>
 
+#include "platform/base/CameraAddress.h"
+#include "platform/base/Texts.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
+#include "tools/nimbrel/doctor/GigETexts.h"
 
 namespace Nimbrel2::Tool::Doctor {
 namespace {
@@ -90,6 +93,13 @@ protected:
         muted.reachable = reachable;
         examined.hearing.muted.push_back(muted);
         return examined.hearing.muted.back();
+    }
+
+    /// What gives the camera the address that `nimbrel auto-ip` would choose.
+    static std::string ForceIpTo(std::uint32_t number) {
+        const auto free = Platform::FindFreeAddresses({TestHost, 24}, {TestHost + 4}, MacOf(Record(number, 0)), 1);
+        return "nimbrel force-ip --mac 02:00:00:00:00:0" + std::to_string(number) + " --ip " +
+               Platform::FormatIp(free.at(0)) + "/24";
     }
 
     void ExpectFine(Check<GigEExamination> check) {
@@ -319,7 +329,7 @@ TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
               "192.168.77.0/24, so it cannot be used");
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     First().record.serialNumber[0] = '\0';
-    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel force-ip --mac 02:00:00:00:00:09 --ip 192.168.77.254/24");
+    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, ForceIpTo(9));
     First().record.macHigh = 0;
     First().record.macLow = 0;
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "sudo ip route add 10.9.9.9/32 dev h0");
@@ -355,12 +365,24 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsACameraThatAnotherInterfaceReaches) {
     EXPECT_THAT(ExpectWrong(CheckForeignSubnet).evidence, HasSubstr("camera 9"));
 }
 
+TEST_F(DoctorChecks, ControlSaysWhyItIsNotKnownWhoHoldsACamera) {
+    First().control.state = ControlState::Controlled;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence, HasSubstr("by an application that it does not name"));
+    First().control.status = HAL_TIMED_OUT;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence,
+                HasSubstr("by an application that it did not name: no answer in time"));
+    First().control.state = ControlState::Unknown;
+    const Findings unknown = CheckControl(examined);
+    ASSERT_THAT(unknown, SizeIs(1));
+    EXPECT_EQ(unknown[0].evidence, "camera 5 (02:00:00:00:00:05) did not say whether it is in use: no answer in time");
+}
+
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
     examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, TestHost + 4));
     Disable(examined.diagnosis.cameras[0], GigEUsability::AddressTaken);
     const Finding finding = ExpectWrong(CheckAddressConflict);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 4"), HasSubstr("camera 5"), HasSubstr("192.168.77.5")));
-    EXPECT_EQ(finding.cure, "nimbrel force-ip --mac 02:00:00:00:00:04 --ip 192.168.77.254/24");
+    EXPECT_EQ(finding.cure, ForceIpTo(4));
 }
 
 TEST_F(DoctorChecks, AddressConflictKnowsThisComputersOwnAddress) {

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "platform/base/CameraAddress.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -90,7 +91,7 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
                (loopback ? " --interface " + QuoteForShell(name) : "");
     }
     const InterfaceAddress* subnet = interface == nullptr ? nullptr : &interface->interface.addresses.front();
-    const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
+    const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet, MacOf(camera.record));
     return free == 0 ? "nimbrel auto-ip" : ForceIp(camera.record, free, *subnet);
 }
 
@@ -191,7 +192,7 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
         }
         const GvcpDiscoveryRecord& mover = cameras.back()->record;
         const InterfaceAddress* subnet = interface == nullptr ? nullptr : interface->interface.FindSubnet(where.second);
-        const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
+        const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet, MacOf(mover));
         const bool canMove = free != 0 && MacOf(mover) != 0;
         wrong.push_back({check, false,
                          Enumerate(names) + " have the address " + IpText(where.second) + " on " +
@@ -257,13 +258,18 @@ Findings CheckControl(const GigEExamination& examined) {
         const std::string used = CameraText(camera.record) + " at " + IpText(camera.record.ipAddress) + " is in use" +
                                  (state == ControlState::Exclusive ? " exclusively" : "") + " by ";
         if (state == ControlState::Unknown) {
-            measured.push_back(CameraText(camera.record) + " did not say whether it is in use");
+            const std::uint32_t why = camera.control.status;
+            measured.push_back(CameraText(camera.record) + " did not say whether it is in use" +
+                               (why == HAL_OK ? std::string() : ": " + DescribeStatus(why)));
         } else if (state != ControlState::Controlled && state != ControlState::Exclusive) {
             ++numFree;
         } else if (owner != 0 && IsOwnAddress(examined.diagnosis, owner)) {
             measured.push_back(used + "a program on this computer, UDP port " + port);
         } else if (owner == 0) {
-            wrong.push_back({check, false, used + "an application that it does not name",
+            const std::uint32_t why = camera.control.status;
+            wrong.push_back({check, false,
+                             used + "an application that it " +
+                                 (why == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(why)),
                              ByHand("end the application that uses it; it is free when its heartbeat has run out")});
         } else {
             wrong.push_back({check, false, used + IpText(owner) + ", port " + port + ", which is another computer",

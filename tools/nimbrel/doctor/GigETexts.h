@@ -35,7 +35,9 @@ bool IsOwnAddress(const Platform::GigEDiagnosis& diagnosis, std::uint32_t ip);
 /// An address with its prefix, "192.168.100.1/24": of a subnet that this computer has no interface in.
 std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis);
 /// An address of that subnet that no interface and no camera is known to have; 0 when there is none.
-std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
+/// @param seed  A camera's MAC: `nimbrel auto-ip` gives it the same one, unless a host has it. 0 for any address.
+std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet,
+                          std::uint64_t seed);
 
 // ---- Commands, for a POSIX shell
 // -----------------------------------------------------------------------------------------------
