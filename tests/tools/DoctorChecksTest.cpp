@@ -8,8 +8,11 @@
 #include <cstring>
 #include <string>
 
+#include "platform/base/CameraAddress.h"
+#include "platform/base/Texts.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
+#include "tools/nimbrel/doctor/GigETexts.h"
 
 namespace Nimbrel2::Tool::Doctor {
 namespace {
@@ -427,6 +430,18 @@ TEST_F(DoctorChecks, InterfaceWhoseMaskLeavesNoRoomIsTheOneFindingOfItsCameras) 
     H0().interface.addresses.push_back(InterfaceAddress{0x0A000001, 24});
     examined.diagnosis.cameras.push_back(Camera(5, 0x0A000005));
     ExpectFine(CheckInterfaces);  // an address more does no harm
+}
+
+TEST_F(DoctorChecks, ControlSaysWhyItIsNotKnownWhoHoldsACamera) {
+    First().control.state = ControlState::Controlled;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence, HasSubstr("by an application that it does not name"));
+    First().control.status = HAL_TIMED_OUT;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence,
+                HasSubstr("by an application that it did not name: no answer in time"));
+    First().control.state = ControlState::Unknown;
+    const Findings unknown = CheckControl(examined);
+    ASSERT_THAT(unknown, SizeIs(1));
+    EXPECT_EQ(unknown[0].evidence, "camera 5 (02:00:00:00:00:05) did not say whether it is in use: no answer in time");
 }
 
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {

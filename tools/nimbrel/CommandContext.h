@@ -108,8 +108,8 @@ public:
     /// The buses that are searched, as options name them.
     Json SearchedAsJson() const;
     /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all of its own
-    /// that are up except loopback.
-    std::vector<std::string> GetNetworkInterfaces() const;
+    /// that are up except loopback. Without those of which the search report says that they were not.
+    std::vector<std::string> GetSearchedInterfaces(const Platform::GigESearchReport& report) const;
 
 private:
     Platform::Options MakePlatformOptions(std::chrono::milliseconds unlessGiven) const;
