@@ -65,11 +65,17 @@ std::uint32_t UsbCore::GetTree(NamedCamera* camera, std::vector<UsbSelfId>* reco
 }
 
 DevicePointer UsbCore::FindAttached(NamedCamera* camera) const {
-    // The text tells it, wherever it is now; else it is the one at its place.
-    const bool byText = !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0;
-    const auto found = std::find_if(m_devices.begin(), m_devices.end(), [&](const DevicePointer& device) {
-        return device->IsListed() && KeyOf(*device) == camera->key && (byText || PlaceOf(*device) == camera->place);
-    });
+    const auto find = [&](bool anywhere) {
+        return std::find_if(m_devices.begin(), m_devices.end(), [&](const DevicePointer& device) {
+            return device->IsListed() && KeyOf(*device) == camera->key &&
+                   (anywhere || PlaceOf(*device) == camera->place);
+        });
+    };
+    auto found = find(false);
+    // The text tells it, wherever it is now.
+    if (found == m_devices.end() && !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0) {
+        found = find(true);
+    }
     if (found == m_devices.end()) {
         return nullptr;
     }
