@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lists cameras and finds the ones that entries name. Any thread; m_mutex for each call, while sysfs is read too.
-#include <algorithm>
-
 #include "platform/base/Errno.h"
 #include "platform/linux/usb/UsbCore.h"
 
@@ -65,22 +63,24 @@ std::uint32_t UsbCore::GetTree(NamedCamera* camera, std::vector<UsbSelfId>* reco
 }
 
 DevicePointer UsbCore::FindAttached(NamedCamera* camera) const {
-    const auto find = [&](bool anywhere) {
-        return std::find_if(m_devices.begin(), m_devices.end(), [&](const DevicePointer& device) {
-            return device->IsListed() && KeyOf(*device) == camera->key &&
-                   (anywhere || PlaceOf(*device) == camera->place);
-        });
-    };
-    auto found = find(false);
-    // The text tells it, wherever it is now.
-    if (found == m_devices.end() && !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0) {
-        found = find(true);
+    const bool isByText = !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0;
+    DevicePointer found;
+    for (const DevicePointer& device : m_devices) {
+        if (!device->IsListed() || KeyOf(*device) != camera->key) {
+            continue;
+        }
+        if (PlaceOf(*device) == camera->place) {
+            return device;
+        }
+        // The text tells it, wherever it is now.
+        if (isByText && found == nullptr) {
+            found = device;
+        }
     }
-    if (found == m_devices.end()) {
-        return nullptr;
+    if (found != nullptr) {
+        camera->place = PlaceOf(*found);
     }
-    camera->place = PlaceOf(**found);
-    return *found;
+    return found;
 }
 
 }  // namespace Nimbrel2::Platform::Usb
