@@ -9,7 +9,6 @@
 namespace Nimbrel2::Testing {
 namespace {
 
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
