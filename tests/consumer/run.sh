@@ -118,3 +118,14 @@ for name in libnimbrel2.so libnimbrel2_simulation.so; do
     flags=$(readelf -d "$libdir/$name" | grep FLAGS)
     [[ $flags == *NODELETE* ]] || fail "$name can be unloaded under its threads"
 done
+
+# What the page for newcomers shows, from a folder with the sources and a build.
+mkdir -p "$work/home" "$work/clone/build"
+ln -s "$build" "$work/clone/build/release"
+cp -r "$source/examples" "$work/clone/examples"
+shown=$(sed -n '/<!-- not run: the test of the installed package runs this -->/,/^```$/p' "$source/docs/first-register.md" | grep -v '^<!--\|^```')
+[ "$(wc -l <<<"$shown")" -eq 3 ] || fail "docs/first-register.md does not show how to compile a program"
+unset PKG_CONFIG_PATH  # in a network without cameras
+output=$(cd "$work/clone" && HOME=$work/home timeout 120 bash -euc "$shown"$'\n'"unshare --net --map-root-user ./read_register 19340213 0" 2>&1 >"$work/log") &&
+    fail "read_register found a camera: $output"
+[[ $output == "Camera with specified serial number was not found."* ]] || fail "what docs/first-register.md shows fails: $output"

@@ -158,7 +158,7 @@ TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
     EXPECT_EQ(serials({"--vendor", "nobody"}), "");
     const ProgramResult none = ScriptedComputer(TestOneOfEach).Run({"list", "--vendor", "nobody"});
     EXPECT_EQ(none.exitStatus, 0);
-    EXPECT_EQ(none.output, "No camera that is attached fits.\n");
+    EXPECT_EQ(none.output, "No attached camera matches.\n");
 }
 
 TEST(List, IsSortedByAnyColumnInEitherDirection) {

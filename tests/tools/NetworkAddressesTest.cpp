@@ -427,6 +427,24 @@ TEST_F(GigEAddresses, NeedAPortForEachCamera) {
                                      HasSubstr("give --source-port a wider range")));
 }
 
+TEST_F(GigEAddresses, EndAWatchWith1WhereTheInterfaceIsNotSearchedOrInPart) {
+    for (unsigned int number = 2; number < 8; ++number) {
+        AddCamera("192.168.77.10" + std::to_string(number), number);
+    }
+    const Words watch{"watch", "--interface", "h0", "--duration", "0"};
+    EXPECT_EQ(Run(watch).exitStatus, 0);
+    Words withFewPorts = watch;
+    withFewPorts.insert(withFewPorts.end(), {"--source-port", "50000-50004"});
+    const ProgramResult inPart = Run(withFewPorts);
+    EXPECT_EQ(inPart.exitStatus, 1);
+    EXPECT_THAT(inPart.errors, HasSubstr("nimbrel: h0 is searched in part: "));
+    Nft("add table ip t; add chain ip t out { type filter hook output priority 0; };"
+        "add rule ip t out udp dport 3956 drop");
+    const ProgramResult refused = Run(watch);
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("nimbrel: h0 is not searched: "));
+}
+
 TEST_F(GigEAddresses, EndASearchAsSoonAsTheNamedCameraAnswers) {
     AddCamera("192.168.77.102", 2);
     for (const char* camera : {"ip:192.168.77.102", "mac:02-00-00-00-00-02"}) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <memory>
 
 #include "tests/tools/ToolFixture.h"
 
@@ -130,6 +131,61 @@ TEST(Watch, SaysWhichBusItCannotSee) {
     EXPECT_THAT(
         result.errors,
         HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));
+}
+
+/// A computer whose USB cannot be searched, with a watch that runs.
+class WatchOfABusThatCannotBeSearched : public ::testing::Test {
+protected:
+    void Start(const Words& more) {
+        Words words{"watch", "--json"};
+        words.insert(words.end(), more.begin(), more.end());
+        m_watch = m_computer.Start(words);
+        ASSERT_TRUE(m_watch->WaitForErrors(TestReady, TestDeadline));
+        EXPECT_THAT(m_watch->GetErrors(), HasSubstr("nimbrel: USB cannot be searched: permission denied\n"));
+    }
+
+    ScriptedComputer m_computer{Words{"fail usb 3"}};
+    std::unique_ptr<ChildProcess> m_watch;
+};
+
+TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1AfterItsEvents) {
+    Start({"--count", "1"});
+    m_computer.Do("reset gige");
+    EXPECT_EQ(m_watch->WaitForExit(TestDeadline), 1);
+    EXPECT_EQ(Lines(m_watch->GetOutput()).size(), 1u);
+}
+
+TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1AfterItsTime) {
+    Start({"--duration", "0.1"});
+    EXPECT_EQ(m_watch->WaitForExit(TestDeadline), 1);
+}
+
+TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1OnASignal) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        Start({});
+        milliseconds took{};
+        EXPECT_EQ(EndBy(signal, *m_watch, &took), 1) << signal;
+    }
+}
+
+TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1WhenItsReaderGoesAway) {
+    ChildProcess idle({"bash", "-c", m_computer.ShellCommandLine("watch") + " | sleep 0.2; echo ${PIPESTATUS[0]}"});
+    EXPECT_EQ(idle.WaitForExit(TestDeadline), 0);
+    EXPECT_EQ(idle.GetOutput(), "1\n");
+    ChildProcess content(
+        {"bash", "-c", m_computer.ShellCommandLine("watch --json") + " | head -1; echo ${PIPESTATUS[0]}"});
+    ASSERT_TRUE(content.WaitForErrors(TestReady, TestDeadline));
+    m_computer.Do("reset gige");
+    EXPECT_EQ(content.WaitForExit(TestDeadline), 0);
+    const Words lines = Lines(content.GetOutput());
+    ASSERT_EQ(lines.size(), 2u) << content.GetOutput();
+    EXPECT_EQ(lines[1], "1");
+}
+
+TEST_F(WatchOfABusThatCannotBeSearched, EndsWith0WhereThatBusIsNotWanted) {
+    EXPECT_EQ(m_computer.Run({"watch", "--duration", "0", "--bus", "gige"}).exitStatus, 0);
+    EXPECT_EQ(ScriptedComputer({"without usb"}).Run({"watch", "--duration", "0"}).exitStatus, 0)
+        << "no fault of the computer";
 }
 
 TEST(Watch, FailsWithTheErrorOfTheBusMasterWhenItDoesNotStart) {

@@ -247,7 +247,7 @@ private:
             return text;
         }
         if (!m_filter.IsEmpty()) {
-            return "No camera that is attached fits.\n" + text;
+            return "No attached camera matches.\n" + text;
         }
         if (!listed.unusable.empty()) {
             return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;

@@ -4,9 +4,11 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
@@ -51,6 +53,18 @@ std::string AgainAsRoot(int argc, const char* const* argv) {
     }
     return line;
 }
+
+// One empty line between two groups of options, where CLI11 writes two.
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
+        std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
+        for (std::size_t at = text.find("\n\n\n"); at != std::string::npos; at = text.find("\n\n\n", at)) {
+            text.erase(at, 1);
+        }
+        return text;
+    }
+};
 
 // A line of the trace for each line of the text.
 void TraceLines(const std::string& text) {
@@ -115,7 +129,9 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     app.set_help_flag("-h,--help", "Print this help and end.");
     app.require_subcommand(0, 1);  // a missing command is found below, where a misspelt one can be named
     app.footer(Footer);
-    app.get_formatter()->column_width(29);
+    const auto formatter = std::make_shared<HelpFormatter>();
+    formatter->column_width(29);
+    app.formatter(formatter);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
     AddTopologyCommand(app, context);
@@ -157,6 +173,9 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
+        if (const std::string unknown = UnknownCommandBesideHelp(app); !unknown.empty()) {
+            throw CommandError(unknown, ExitUsage);
+        }
         context.Print(app.help());
         return ExitDone;
     } catch (const CLI::CallForVersion&) {

@@ -70,6 +70,19 @@ std::string UnknownCommand(const CLI::App& above, const std::string& word) {
     return text + (meant.empty() && few ? "; " + CommandName(above) + " has " + Enumerate(known) : meant);
 }
 
+std::string UnknownCommandBesideHelp(const CLI::App& app) {
+    const CLI::App& command = ChosenCommand(app);
+    if (command.get_subcommands({}).empty()) {
+        return "";
+    }
+    for (const std::string& word : command.remaining()) {
+        if (!word.empty() && word.front() != '-') {
+            return UnknownCommand(command, word);
+        }
+    }
+    return "";
+}
+
 std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error) {
     const bool isUnexpected = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
     const bool isMissing = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);

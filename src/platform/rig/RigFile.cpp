@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -12,6 +13,7 @@
 #include <initializer_list>
 #include <set>
 #include <sstream>
+#include <system_error>
 
 #include "platform/rig/JsonReader.h"
 
@@ -686,9 +688,12 @@ RigAction ParseRigAction(std::string_view text, const RigDescription& rig) {
 }
 
 RigPlan ReadRigFile(const std::string& path) {
+    errno = 0;
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        throw RigFileError(path, "", "cannot be opened");
+        const int error = errno;
+        throw RigFileError(path, "",
+                           "cannot be opened" + (error == 0 ? "" : ": " + std::generic_category().message(error)));
     }
     std::string text(MaxFileBytes + 1, '\0');
     in.read(text.data(), static_cast<std::streamsize>(text.size()));

@@ -297,7 +297,9 @@ TEST_F(RigFileOnDisk, IsRead) {
     EXPECT_EQ(ReadRigFile(m_path).name, "good");
 }
 
-TEST_F(RigFileOnDisk, ThatIsNotThereIsNamed) { EXPECT_EQ(ReadError(), m_path + ": cannot be opened"); }
+TEST_F(RigFileOnDisk, ThatIsNotThereIsNamed) {
+    EXPECT_EQ(ReadError(), m_path + ": cannot be opened: No such file or directory");
+}
 
 TEST_F(RigFileOnDisk, OfAHundredMegabytesIsRefused) {
     std::ofstream(m_path).close();
