@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "tools/nimbrel/CommandLine.h"
 #include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
@@ -56,7 +57,7 @@ std::string CommandName(const CLI::App& app) {
 
 std::vector<std::string> CommandsOf(const CLI::App& command) {
     std::vector<std::string> names;
-    for (const CLI::App* below : command.get_subcommands({})) {
+    for (const CLI::App* below : ShownCommands(command)) {
         names.push_back(below->get_name());
     }
     return names;
