@@ -34,7 +34,10 @@ std::string UnknownOption(const CLI::App& command, const std::string& word) {
     for (const CLI::App* below : command.get_subcommands({})) {
         const std::vector<std::string> options = OptionsOf(*below);
         if (std::find(options.begin(), options.end(), name) != options.end()) {
-            return text + " before the command; write it after the command: nimbrel " + below->get_name() + " " + name;
+            return (text + " before the command; write it after the command: nimbrel ")
+                .append(below->get_name())
+                .append(" ")
+                .append(name);
         }
     }
     return text;
