@@ -32,9 +32,11 @@ for name in libnimbrel2 libnimbrel2_simulation; do
 done
 libdir=$(dirname "$library")
 
-# udevd looks for rules below /usr and /usr/local.
-cmp "$source/packaging/udev/70-nimbrel2-usb3-vision.rules" "$work/prefix/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules" ||
-    fail "the udev rule is not installed"
+# What only an administrator puts in force lies beside the rest.
+for file in udev/70-nimbrel2-usb3-vision.rules udev/70-nimbrel2-firewire.rules sysctl.d/60-nimbrel2.conf; do
+    cmp "$source/packaging/$file" "$work/prefix/share/nimbrel2/$file" || fail "$file is not installed"
+done
+[ ! -e "$work/prefix/lib/udev" ] || fail "an installation puts udev rules in force"
 
 # What our own build is compiled with is nobody else's business.
 leaked=$(grep -rnE -- '-W|-fsanitize|-fno-omit|build_flags|'"$source|$build" "$libdir/cmake" "$libdir/pkgconfig" || true)

@@ -13,6 +13,7 @@
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/CompleteCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Output.h"
 #include "tools/nimbrel/OwnCommand.h"
@@ -148,6 +149,7 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     AddRigCommand(app, context);
     AddSimulateCommand(app, context);
     AddHelpCommand(app, context);
+    AddCompleteCommand(app, context);
     // They may stand before the command as well. After the commands, which would inherit the group.
     app.option_defaults()->group(BusOptions);
     context.AddBusOptions(app);
