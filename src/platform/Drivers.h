@@ -171,8 +171,8 @@ public:
 // ---- USB ------------------------------------------------------------------------------------------------------------
 
 /// One camera, found anew by VID, PID and serial text at each call, by port path when that text is empty or not unique.
-/// HAL_GONE while it is not attached; where there is I/O, also HAL_PERMISSION (this user may not open it), HAL_BUSY
-/// (another program has claimed it) and HAL_TIMED_OUT.
+/// HAL_GONE while it is not attached; where there is I/O, also HAL_PERMISSION (this user may not open it, or is not
+/// shown its node), HAL_ACCESS_DENIED (another program has claimed it; at once) and HAL_TIMED_OUT.
 class UsbDevice {
 public:
     virtual ~UsbDevice() = default;
@@ -191,11 +191,13 @@ public:
     /// HAL_REFUSED: the camera has said so. HAL_BAD_ANSWER: it answers what its protocol does not know.
     virtual std::uint32_t ReadRegister(std::uint64_t address, std::uint32_t* value) = 0;
     virtual std::uint32_t WriteRegister(std::uint64_t address, std::uint32_t value) = 0;
-    /// Resets the camera's port; the bus is enumerated anew afterwards.
+    /// Resets the camera's port; the bus is enumerated anew afterwards. HAL_BUSY: another program has claimed one of
+    /// its interfaces, and nothing was reset.
     virtual std::uint32_t FireBusReset() = 0;
     /// Speed in units of 10 Mbit/s << 16 | port number << 8 | number of hubs above. No I/O.
     virtual std::uint32_t GetLinkInfo(std::uint32_t* link) = 0;
-    /// wPortChange << 16 | wPortStatus, asked from the hub above: some 10 ms.
+    /// wPortChange << 16 | wPortStatus, asked from the hub above: some 10 ms. Of a hub that this user may not open,
+    /// what is known without it.
     virtual std::uint32_t GetPortStatus(std::uint32_t* status) = 0;
     /// The whole tree of the camera's controller, from one reading, each device behind the hub above it. A USB 3
     /// controller has two root hubs, one per speed, and each hub below it is two devices: all of it is one tree,

@@ -346,6 +346,13 @@ INSTANTIATE_TEST_SUITE_P(
                    4,
                    "camera 22 (USB 3) cannot be reset: the device is no longer attached\n`nimbrel list` shows what is "
                    "attached now.\n"},
+        HalFailure{
+            "ResetOfUsbInUse",
+            {"reset", "22"},
+            "HAL_UsbFireBusReset",
+            6,
+            "camera 22 (USB 3) cannot be reset: busy, try again later\n`nimbrel doctor --bus usb` shows who uses "
+            "it.\n"},
         HalFailure{"PhyReadThatTimesOut",
                    {"phy", "read", "17", "0", "0", "1"},
                    "HAL_1394ReadPhyRegister",
