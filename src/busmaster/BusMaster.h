@@ -174,7 +174,7 @@ public:
     /// The interface object of a camera or, when no camera has that guid, of a device, to read and write its registers.
     /// It stays good for as long as it is held: once the camera has left the list, or the bus master has gone, its
     /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own. In a forked
-    /// process they answer HAL_CLOSED.
+    /// process they answer HAL_CLOSED. A device gets another object in each re-enumeration: ask again after BUS_RESET.
     /// @param hw  Receives a share of the object; left alone on failure. Narrow it with dynamic_pointer_cast.
     /// @return ERROR_INVALID_PARAMETER for a null hw, tested first; ERROR_NOT_FOUND, also before start-up.
     /// @par Cost  No bus I/O.

@@ -94,7 +94,7 @@ protected:
 
     HalEntry m_entry;
 
-    /// Calls a HAL function with the entry in front of the arguments; HAL_GONE when the entry has been given back.
+    /// For the library's own classes. Calls a HAL function with the entry first; HAL_GONE once that was given back.
     template <class Function, class... Arguments>
     std::uint32_t OnEntry(Function function, Arguments... arguments) {
         const HalEntry::Use use(m_entry);

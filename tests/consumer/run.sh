@@ -73,8 +73,7 @@ find_package(nimbrel2 0.1 REQUIRED COMPONENTS hal)
 add_library(own_hal STATIC ../project/null_hal.c)
 target_link_libraries(own_hal PRIVATE nimbrel2::hal)
 END
-cmake -S "$work/hal" -B "$work/hal-built" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_CXX_COMPILER=/nowhere
+cmake -S "$work/hal" -B "$work/hal-built" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc"
 cmake --build "$work/hal-built"
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
