@@ -78,6 +78,8 @@ class Documents:
         roff = re.sub(r"\\fC(.*?)\\fR", lambda code: r"\fB\%" + code[1].replace(" ", r" \%") + r"\fR", roff)
         roff = roff.replace("expand allbox;", "box;")
         roff = re.sub(r"^\.SH\n", ".SS\n", roff, flags=re.M)
+        # A table without titles has no row for them.
+        roff = re.sub(r"^lb(?: lb)+\n(l(?: l)+\.\n)(?:T\{\nT\}\|)+T\{\nT\}\n", r"\1", roff, flags=re.M)
         # A name at the start of a row is as wide as it is; columns of running text share what room there is.
         roff = re.sub(r"^T\{\n(\S+)\nT\}\|", r"\1|", roff, flags=re.M)
         roff = re.sub(r"^(l(?: l)+)\.$", lambda row: " ".join(["l", *["lx"] * row[1].count(" ")]) + ".", roff, flags=re.M)
