@@ -82,7 +82,7 @@ public:
             return NetworkInterfaceNames();
         }
         const BusMasterSession session = Start();
-        return m_context.GetNetworkInterfaces();
+        return m_context.GetSearchedInterfaces({});
     }
 
 private:
