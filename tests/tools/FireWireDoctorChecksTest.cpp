@@ -190,6 +190,13 @@ TEST_F(FireWireChecksOf, AFileThatCannotBeOpenedForAnotherReasonSayWhichOne) {
     EXPECT_THAT(CheckFireWirePermission(examined), IsOneWrong("Too many open files", "ls -l /dev/fw3"));
 }
 
+// No rule gives users the files of disks.
+TEST_F(FireWireChecksOf, AFileOfADeviceThatIsNoCameraMayStayRoots) {
+    Bus().nodes[2].camera = false;
+    Bus().nodes[2].error = EACCES;
+    EXPECT_THAT(CheckFireWirePermission(examined), IsOneFine("2 files are open, all that it takes"));
+}
+
 // ---- The bus -------------------------------------------------------------------------------------------------------
 
 TEST_F(FireWireChecksOf, ACameraThatDoesNotAnswerNameIt) {

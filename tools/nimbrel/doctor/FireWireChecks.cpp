@@ -133,9 +133,15 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
+        std::size_t numOpen = 0;
         std::vector<std::string> refused;
         for (const FireWireNode& node : bus.nodes) {
             if (node.error == 0) {
+                ++numOpen;
+                continue;
+            }
+            // No rule opens the files of disks and the like to users, and nothing here takes them.
+            if (!node.local && !node.camera) {
                 continue;
             }
             std::string text = "/dev/" + node.name + " of " + NodeText(node) + " cannot be opened";
@@ -150,8 +156,9 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
             }
         }
         if (refused.empty()) {
-            measured.push_back(BusText(bus) + ": " +
-                               Count(bus.nodes.size(), "file is open", "files are open, that of each node"));
+            const bool isEach = numOpen == bus.nodes.size();
+            measured.push_back(BusText(bus) + ": " + Count(numOpen, "file is open", "files are open") +
+                               (isEach ? ", that of each node" : ", all that it takes"));
             continue;
         }
         std::string evidence = BusText(bus) + ": ";
