@@ -249,7 +249,16 @@ std::vector<std::string> CommandContext::GetSearchedInterfaces(const Platform::G
     if (m_rig) {
         return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
     }
-    std::vector<std::string> names = m_interfaces.empty() ? UsualNetworkInterfaceNames() : m_interfaces;
+    std::vector<std::string> names = m_interfaces;
+    if (names.empty()) {
+        Platform::GigEDiagnosis diagnosis;
+        Platform::DiagnoseGigE(false, &diagnosis);
+        for (const Platform::InterfaceDiagnosis& interface : diagnosis.interfaces) {
+            if (interface.used) {
+                names.push_back(interface.interface.name);
+            }
+        }
+    }
     std::erase_if(names, [&](const std::string& name) {
         return std::any_of(report.problems.begin(), report.problems.end(), [&](const auto& problem) {
             return !problem.inPart && (problem.interfaceName.empty() || problem.interfaceName == name);

@@ -107,8 +107,8 @@ public:
     void NoteBusesWithoutDriver(const std::string& command) const;
     /// The buses that are searched, as options name them.
     Json SearchedAsJson() const;
-    /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all of its own
-    /// that are up except loopback. Without those of which the search report says that they were not.
+    /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all that its
+    /// driver uses. Without those of which the search report says that they were not.
     std::vector<std::string> GetSearchedInterfaces(const Platform::GigESearchReport& report) const;
 
 private:
