@@ -429,6 +429,18 @@ TEST_F(DoctorChecks, InterfaceWhoseMaskLeavesNoRoomIsTheOneFindingOfItsCameras) 
     ExpectFine(CheckInterfaces);  // an address more does no harm
 }
 
+TEST_F(DoctorChecks, ControlSaysWhyItIsNotKnownWhoHoldsACamera) {
+    First().control.state = ControlState::Controlled;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence, HasSubstr("by an application that it does not name"));
+    First().control.status = HAL_TIMED_OUT;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence,
+                HasSubstr("by an application that it did not name: no answer in time"));
+    First().control.state = ControlState::Unknown;
+    const Findings unknown = CheckControl(examined);
+    ASSERT_THAT(unknown, SizeIs(1));
+    EXPECT_EQ(unknown[0].evidence, "camera 5 (02:00:00:00:00:05) did not say whether it is in use: no answer in time");
+}
+
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
     examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, TestHost + 4));
     Disable(examined.diagnosis.cameras[0], GigEUsability::AddressTaken);

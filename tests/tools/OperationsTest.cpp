@@ -374,20 +374,20 @@ INSTANTIATE_TEST_SUITE_P(
                    "camera 22 (USB 3) has a port that cannot be read: the hub does not answer\n"}),
     [](const auto& test) { return test.param.name; });
 
-TEST(Control, OfACameraThatDoesNotAnswerFailsAndNamesTheDoctor) {
+TEST(Control, AsksTheCameraAgainWhenOneReadFails) {
     // The first reads are those of the listing, which fails or does without; a later one is that of the question.
-    ProgramResult result;
+    int numAnswers = 0;
     for (unsigned int call = 1; call <= 10; ++call) {
-        result = RigComputer(OneOfEach(Fault("HAL_GigEReadRegister", 7, call))).Run({"control", "33"});
-        if (result.errors.find("controls it") != std::string::npos) {
-            break;
+        const ProgramResult result =
+            RigComputer(OneOfEach(Fault("HAL_GigEReadRegister", 7, call))).Run({"control", "33"});
+        if (result.exitStatus == 0) {
+            EXPECT_EQ(result.output, "Camera 33 is free: this computer may control it.\n");
+            ++numAnswers;
+        } else {
+            EXPECT_THAT(result.errors, HasSubstr("no camera has the serial number 33")) << call;
         }
     }
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors,
-                HasSubstr("nimbrel control: camera 33 (GigE) did not say who controls it: the camera does not answer\n"
-                          "`nimbrel doctor` finds out why.\n"));
+    EXPECT_GT(numAnswers, 0);
 }
 
 // ---- Who holds a camera --------------------------------------------------------------------------------------------

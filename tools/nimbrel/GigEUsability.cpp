@@ -60,7 +60,8 @@ std::string HeardCamera::Explain() const {
 std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnosis) {
     std::vector<HeardCamera> cameras;
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-        HeardCamera camera{FromRecord(heard.record), heard.usability, FindInterface(diagnosis, heard.interface)};
+        HeardCamera camera{FromRecord(heard.record), heard.usability, FindInterface(diagnosis, heard.interface),
+                           heard.listed};
         const auto known = std::find_if(cameras.begin(), cameras.end(), [&camera](const HeardCamera& other) {
             return IsSame(other.camera, camera.camera);
         });

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "platform/base/CameraAddress.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -275,13 +276,18 @@ Findings CheckControl(const GigEExamination& examined) {
         const std::string used = CameraText(camera.record) + " at " + IpText(camera.record.ipAddress) + " is in use" +
                                  (state == ControlState::Exclusive ? " exclusively" : "") + " by ";
         if (state == ControlState::Unknown) {
-            measured.push_back(CameraText(camera.record) + " did not say whether it is in use");
+            const std::uint32_t why = camera.control.status;
+            measured.push_back(CameraText(camera.record) + " did not say whether it is in use" +
+                               (why == HAL_OK ? std::string() : ": " + DescribeStatus(why)));
         } else if (state != ControlState::Controlled && state != ControlState::Exclusive) {
             ++numFree;
         } else if (owner != 0 && IsOwnAddress(examined.diagnosis, owner)) {
             measured.push_back(used + "a program on this computer, UDP port " + port);
         } else if (owner == 0) {
-            wrong.push_back({check, false, used + "an application that it does not name",
+            const std::uint32_t why = camera.control.status;
+            wrong.push_back({check, false,
+                             used + "an application that it " +
+                                 (why == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(why)),
                              ByHand("end the application that uses it; it is free when its heartbeat has run out")});
         } else {
             wrong.push_back({check, false, used + IpText(owner) + ", port " + port + ", which is another computer",

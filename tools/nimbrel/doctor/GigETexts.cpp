@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/base/CameraAddress.h"
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -102,14 +103,8 @@ std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress
     for (const Platform::CameraDiagnosis& camera : diagnosis.cameras) {
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
     }
-    // From the top, where fewer hosts and address servers are.
-    const std::uint32_t first = subnet.address & subnet.GetMask();
-    for (std::uint32_t ip = (first | ~subnet.GetMask()) - 1; ip > first && subnet.prefixLength < 31; --ip) {
-        if (taken.count(ip) == 0) {
-            return ip;
-        }
-    }
-    return 0;
+    const std::vector<std::uint32_t> free = Platform::FindFreeAddresses(subnet, taken, 0, 1);
+    return free.empty() ? 0 : free.front();
 }
 
 std::string Sudo(const std::vector<std::string>& words) {

@@ -43,8 +43,7 @@ std::optional<Platform::InterfaceAddress> WiderSubnet(const Platform::NetworkInt
 /// An address of that subnet that no interface and no camera is known to have; 0 when there is none.
 std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
 
-// ---- Commands, for a POSIX shell
-// -----------------------------------------------------------------------------------------------
+// ---- Commands, for a POSIX shell -----------------------------------------------------------------------------------
 
 /// The words, quoted where they must be, run by root.
 std::string Sudo(const std::vector<std::string>& words);
