@@ -8,11 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "platform/base/CameraAddress.h"
-#include "platform/base/Texts.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
-#include "tools/nimbrel/doctor/GigETexts.h"
 
 namespace Nimbrel2::Tool::Doctor {
 namespace {

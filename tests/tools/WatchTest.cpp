@@ -133,24 +133,25 @@ TEST(Watch, SaysWhichBusItCannotSee) {
         HasSubstr("nimbrel: GigE cannot be searched: unreachable: no route, or the network interface is down\n"));
 }
 
-/// A computer whose USB cannot be searched, with a watch that runs.
+/// A watch that runs on a computer whose USB cannot be searched.
 class WatchOfABusThatCannotBeSearched : public ::testing::Test {
 protected:
     void Start(const Words& more) {
+        m_computer = std::make_unique<ScriptedComputer>(Words{"fail usb 3"});
         Words words{"watch", "--json"};
         words.insert(words.end(), more.begin(), more.end());
-        m_watch = m_computer.Start(words);
-        ASSERT_TRUE(m_watch->WaitForErrors(TestReady, TestDeadline));
+        m_watch = m_computer->Start(words);
+        ASSERT_TRUE(m_watch->WaitForErrors(TestReady, TestDeadline)) << m_watch->GetErrors();
         EXPECT_THAT(m_watch->GetErrors(), HasSubstr("nimbrel: USB cannot be searched: permission denied\n"));
     }
 
-    ScriptedComputer m_computer{Words{"fail usb 3"}};
+    std::unique_ptr<ScriptedComputer> m_computer;
     std::unique_ptr<ChildProcess> m_watch;
 };
 
 TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1AfterItsEvents) {
     Start({"--count", "1"});
-    m_computer.Do("reset gige");
+    m_computer->Do("reset gige");
     EXPECT_EQ(m_watch->WaitForExit(TestDeadline), 1);
     EXPECT_EQ(Lines(m_watch->GetOutput()).size(), 1u);
 }
@@ -169,13 +170,14 @@ TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1OnASignal) {
 }
 
 TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1WhenItsReaderGoesAway) {
-    ChildProcess idle({"bash", "-c", m_computer.ShellCommandLine("watch") + " | sleep 0.2; echo ${PIPESTATUS[0]}"});
+    const ScriptedComputer quiet({"fail usb 3"});
+    ChildProcess idle({"bash", "-c", quiet.ShellCommandLine("watch") + " | sleep 0.2; echo ${PIPESTATUS[0]}"});
     EXPECT_EQ(idle.WaitForExit(TestDeadline), 0);
     EXPECT_EQ(idle.GetOutput(), "1\n");
-    ChildProcess content(
-        {"bash", "-c", m_computer.ShellCommandLine("watch --json") + " | head -1; echo ${PIPESTATUS[0]}"});
+    ScriptedComputer lively({"fail usb 3"});
+    ChildProcess content({"bash", "-c", lively.ShellCommandLine("watch --json") + " | head -1; echo ${PIPESTATUS[0]}"});
     ASSERT_TRUE(content.WaitForErrors(TestReady, TestDeadline));
-    m_computer.Do("reset gige");
+    lively.Do("reset gige");
     EXPECT_EQ(content.WaitForExit(TestDeadline), 0);
     const Words lines = Lines(content.GetOutput());
     ASSERT_EQ(lines.size(), 2u) << content.GetOutput();
@@ -183,7 +185,7 @@ TEST_F(WatchOfABusThatCannotBeSearched, EndsWith1WhenItsReaderGoesAway) {
 }
 
 TEST_F(WatchOfABusThatCannotBeSearched, EndsWith0WhereThatBusIsNotWanted) {
-    EXPECT_EQ(m_computer.Run({"watch", "--duration", "0", "--bus", "gige"}).exitStatus, 0);
+    EXPECT_EQ(ScriptedComputer({"fail usb 3"}).Run({"watch", "--duration", "0", "--bus", "gige"}).exitStatus, 0);
     EXPECT_EQ(ScriptedComputer({"without usb"}).Run({"watch", "--duration", "0"}).exitStatus, 0)
         << "no fault of the computer";
 }

@@ -209,14 +209,14 @@ bool CommandContext::UsesBus(const std::string& name) const {
     return m_buses.empty() || std::find(m_buses.begin(), m_buses.end(), name) != m_buses.end();
 }
 
-std::string CommandContext::DescribeBuses() const {
+std::string CommandContext::DescribeBuses(const std::string& conjunction) const {
     std::vector<std::string> names;
     for (const BusKind& bus : BusKinds()) {
         if (IsSearched(bus)) {
             names.emplace_back(bus.forPeople);
         }
     }
-    return names.empty() ? "no bus" : Enumerate(names);
+    return names.empty() ? "no bus" : Enumerate(names, conjunction);
 }
 
 bool CommandContext::IsSearched(const BusKind& bus) const {
@@ -251,7 +251,16 @@ std::vector<std::string> CommandContext::GetSearchedInterfaces(const Platform::G
     if (m_rig) {
         return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
     }
-    std::vector<std::string> names = m_interfaces.empty() ? UsualNetworkInterfaceNames() : m_interfaces;
+    std::vector<std::string> names = m_interfaces;
+    if (names.empty()) {
+        Platform::GigEDiagnosis diagnosis;
+        Platform::DiagnoseGigE(false, &diagnosis);
+        for (const Platform::InterfaceDiagnosis& interface : diagnosis.interfaces) {
+            if (interface.used) {
+                names.push_back(interface.interface.name);
+            }
+        }
+    }
     std::erase_if(names, [&](const std::string& name) {
         return std::any_of(report.problems.begin(), report.problems.end(), [&](const auto& problem) {
             return !problem.inPart && (problem.interfaceName.empty() || problem.interfaceName == name);

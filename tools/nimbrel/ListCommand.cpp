@@ -250,7 +250,7 @@ private:
             return "No attached camera matches.\n" + text;
         }
         if (!listed.unusable.empty()) {
-            return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;
+            return "No usable cameras found on " + m_context.DescribeBuses("or") + ".\n" + text;
         }
         return NothingFound(m_context) + text;
     }

@@ -109,6 +109,26 @@ std::string Remarks(const Listed& listed, bool coloured) {
     return text + CureForUnusable(listed.unusable);
 }
 
+std::string DescribeSearch(const CommandContext& context) {
+    const Platform::GigESearchReport report = ReadSearchReport();
+    const std::vector<std::string> interfaces = context.GetSearchedInterfaces(report);
+    if (interfaces.empty() && context.GetRig()) {
+        return "GigE: the rig has no network interface that is up.\n";
+    }
+    if (interfaces.empty() && !report.problems.empty()) {
+        return "GigE: no network interface was searched.\n";
+    }
+    if (interfaces.empty()) {
+        return "GigE: no network interface is up with a link and an IPv4 address (loopback must be\n"
+               "named: `--interface lo`).\n";
+    }
+    std::vector<std::string> shown;
+    for (const std::string& name : interfaces) {
+        shown.push_back(ForTerminal(name));
+    }
+    return "GigE: searched " + Enumerate(shown) + ".\n";
+}
+
 }  // namespace
 
 std::string ListAsJson(const Listed& listed, const CommandContext& context) {
@@ -174,30 +194,10 @@ std::string ListAsParagraphs(const Listed& listed, bool coloured) {
 }
 
 std::string NothingFound(const CommandContext& context) {
-    std::string text = "No cameras found on " + context.DescribeBuses() + ".\n\n";
-    text += "Check that each camera has power and that its cable is plugged in at both ends.\n";
-    if (!context.UsesBus("gige")) {
-        return text;
-    }
-    const Platform::GigESearchReport report = ReadSearchReport();
-    const std::vector<std::string> interfaces = context.GetSearchedInterfaces(report);
-    if (interfaces.empty() && context.GetRig()) {
-        return text + "GigE: the rig has no network interface that is up.\n";
-    }
-    if (interfaces.empty() && !report.problems.empty()) {
-        text += "GigE: no network interface was searched.\n";
-    } else if (interfaces.empty()) {
-        text +=
-            "GigE: no network interface is up with a link and an IPv4 address (loopback must be\n"
-            "named: `--interface lo`).\n";
-    } else {
-        std::vector<std::string> shown;
-        for (const std::string& name : interfaces) {
-            shown.push_back(ForTerminal(name));
-        }
-        text += "GigE: searched " + Enumerate(shown) + ".\n";
-    }
-    return text + "`nimbrel doctor` finds out what keeps cameras from being seen.\n";
+    return "No cameras found on " + context.DescribeBuses("or") + ".\n\n" +
+           "Check that each camera has power and that its cable is plugged in at both ends.\n" +
+           (context.UsesBus("gige") ? DescribeSearch(context) : "") +
+           "`nimbrel doctor` finds out what keeps cameras from being seen.\n";
 }
 
 }  // namespace Nimbrel2::Tool

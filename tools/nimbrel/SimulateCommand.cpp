@@ -86,9 +86,13 @@ void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
         .add_option("--count", options.count, "Number of cameras (1); addresses, MACs and serial\nnumbers count up.")
         ->type_name("N")
         ->check(Whole(1, MostCameras, "a number from 1 to 4096"));
-    command.add_option("--address,--base-address", options.address, "Address of the first camera (127.0.0.2).")
-        ->type_name("A")
-        ->check(address);
+    CLI::Option* single = command.add_option("--address", options.address, "Address of the first camera (127.0.0.2).")
+                              ->option_text("A")
+                              ->check(address);
+    command.add_option("--base-address", options.address, "The same as --address.")
+        ->option_text("A")
+        ->check(address)
+        ->excludes(single);
     command
         .add_option("--interface", options.interfaceName,
                     "Network interface (the one with the address). When\nnamed, addresses that it lacks are added to "

@@ -14,7 +14,7 @@ FilterReach ReachOf(const Platform::GigEDiagnosis& diagnosis, const Platform::In
     reach.ofUnknownSubnets = AreUnknownDropped(entry);
     for (const Platform::InterfaceAddress& address : entry.interface.addresses) {
         // Not one of this computer's, to which no packet leaves.
-        const std::uint32_t other = FreeAddress(diagnosis, address, 0);
+        const std::uint32_t other = FreeAddress(diagnosis, address);
         reach.ofOwnSubnet = reach.ofOwnSubnet || (other != 0 && IsDropped(entry, UnpackIPAddress(other)));
     }
     return reach;

@@ -97,7 +97,7 @@ std::uint32_t SomeCamera(const InterfaceDiagnosis& entry, const GigEExamination&
         }
     }
     const InterfaceAddress* address = entry.interface.addresses.empty() ? nullptr : &entry.interface.addresses.front();
-    return address == nullptr ? 0 : FreeAddress(examined.diagnosis, *address, 0);
+    return address == nullptr ? 0 : FreeAddress(examined.diagnosis, *address);
 }
 
 // Cameras whose answers to broadcasts are lost to a firewall. What the reverse path filter drops never gets there, and

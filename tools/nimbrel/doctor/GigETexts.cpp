@@ -93,7 +93,7 @@ std::optional<InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& in
     return InterfaceAddress{interface.addresses.front().address, 24};
 }
 
-std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress& subnet, std::uint64_t seed) {
+std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress& subnet) {
     std::set<std::uint32_t> taken;
     for (const InterfaceDiagnosis& interface : diagnosis.interfaces) {
         for (const InterfaceAddress& address : interface.interface.addresses) {
@@ -103,7 +103,7 @@ std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress
     for (const Platform::CameraDiagnosis& camera : diagnosis.cameras) {
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
     }
-    const std::vector<std::uint32_t> free = Platform::FindFreeAddresses(subnet, taken, seed, 1);
+    const std::vector<std::uint32_t> free = Platform::FindFreeAddresses(subnet, taken, 0, 1);
     return free.empty() ? 0 : free.front();
 }
 

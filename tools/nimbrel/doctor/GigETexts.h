@@ -41,12 +41,9 @@ std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis, std::siz
 /// add` does without one: of 24 bits. Nothing where some address has room.
 std::optional<Platform::InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& interface);
 /// An address of that subnet that no interface and no camera is known to have; 0 when there is none.
-/// @param seed  A camera's MAC: `nimbrel auto-ip` gives it the same one, unless a host has it. 0 for any address.
-std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet,
-                          std::uint64_t seed);
+std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
 
-// ---- Commands, for a POSIX shell
-// -----------------------------------------------------------------------------------------------
+// ---- Commands, for a POSIX shell -----------------------------------------------------------------------------------
 
 /// The words, quoted where they must be, run by root.
 std::string Sudo(const std::vector<std::string>& words);
