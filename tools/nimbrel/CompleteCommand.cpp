@@ -29,7 +29,8 @@ namespace {
 
 // Most cameras answer within 10 ms; a shell that waits longer than this feels stuck.
 constexpr std::chrono::milliseconds QuickLook{150};
-// A bus that does not answer must not hold a prompt up: the program ends by itself, and nothing is added.
+// A bus of this computer that does not answer must not hold a prompt up: the program ends by itself, and nothing is
+// added.
 constexpr unsigned int LongestLook = 2;  // seconds
 
 struct Candidate {
@@ -77,8 +78,7 @@ public:
     }
 
     std::vector<std::string> ListNetworkInterfaces() {
-        const auto isOfRig = [](const std::string& word) { return word.rfind("--rig=", 0) == 0 || word == "--demo"; };
-        if (std::none_of(m_words.begin(), m_words.end(), isOfRig)) {
+        if (!IsOnRig()) {
             return NetworkInterfaceNames();
         }
         const BusMasterSession session = Start();
@@ -86,7 +86,16 @@ public:
     }
 
 private:
+    bool IsOnRig() const {
+        return std::any_of(m_words.begin(), m_words.end(),
+                           [](const std::string& word) { return word.rfind("--rig=", 0) == 0 || word == "--demo"; });
+    }
+
     BusMasterSession Start() {
+        if (!IsOnRig()) {
+            std::signal(SIGALRM, [](int) { _exit(ExitDone); });
+            alarm(LongestLook);
+        }
         m_app.parse(std::vector<std::string>(m_words.rbegin(), m_words.rend()));  // CLI11 takes them from the back
         return m_context.StartBusMaster(QuickLook);
     }
@@ -390,8 +399,6 @@ std::string Complete(const CLI::App& app, const std::vector<std::string>& words)
     if (words.empty()) {
         return Format({}, "");
     }
-    std::signal(SIGALRM, [](int) { _exit(ExitDone); });
-    alarm(LongestLook);
     Attached attached;
     LineReader line(app, attached);
     for (std::size_t i = 0; i + 1 < words.size(); ++i) {
