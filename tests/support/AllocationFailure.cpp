@@ -2,8 +2,12 @@
 // The test binary's operator new. Any thread; no lock.
 #include "tests/support/AllocationFailure.h"
 
+#include <sys/prctl.h>
+
+#include <array>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace Nimbrel2::Testing {
@@ -18,6 +22,17 @@ thread_local std::uint64_t t_count = 0;
 std::atomic<bool> g_armed{false};
 std::atomic<std::uint64_t> g_failAt{0};
 std::atomic<std::uint64_t> g_count{0};
+std::atomic<const char*> g_threadName{nullptr};  // null: all threads count
+
+bool DoesThisThreadCount() noexcept {
+    const char* const wanted = g_threadName.load();
+    if (wanted == nullptr) {
+        return true;
+    }
+    std::array<char, 16> name{};  // as long as the kernel keeps
+    ::prctl(PR_GET_NAME, name.data());
+    return std::strcmp(name.data(), wanted) == 0;
+}
 
 bool MustFail() noexcept {
     if (t_pauses != 0) {
@@ -26,7 +41,7 @@ bool MustFail() noexcept {
     if (t_armed) {
         return ++t_count == t_failAt;
     }
-    return g_armed.load() && g_count.fetch_add(1) + 1 == g_failAt.load();
+    return g_armed.load() && DoesThisThreadCount() && g_count.fetch_add(1) + 1 == g_failAt.load();
 }
 
 void* Allocate(std::size_t size) noexcept { return MustFail() ? nullptr : std::malloc(size == 0 ? 1 : size); }
@@ -55,8 +70,16 @@ AllocationFailure::AllocationFailure(std::uint64_t nth, Scope scope) : m_scope(s
     } else {
         g_failAt = nth;
         g_count = 0;
+        g_threadName = nullptr;
         g_armed = true;
     }
+}
+
+AllocationFailure::AllocationFailure(std::uint64_t nth, const char* threadName) : m_scope(Scope::AllThreads) {
+    g_failAt = nth;
+    g_count = 0;
+    g_threadName = threadName;
+    g_armed = true;
 }
 
 AllocationFailure::~AllocationFailure() {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes the n-th allocation of a test binary fail, by its own operator new: on one thread, or counted over all threads.
+// Makes the n-th allocation of a test binary fail, by its own operator new: on one thread, or counted over several.
 // Any thread; no lock. A test binary that names these classes gets the operators with them.
 #ifndef NIMBREL2_TESTS_SUPPORT_ALLOCATIONFAILURE_H
 #define NIMBREL2_TESTS_SUPPORT_ALLOCATIONFAILURE_H
@@ -19,6 +19,9 @@ public:
 
     /// @param nth  1: the next allocation. 0: none fails, they are only counted.
     explicit AllocationFailure(std::uint64_t nth, Scope scope = Scope::ThisThread);
+    /// Counts the allocations of threads of that name alone: those of a driver's monitor.
+    /// @param threadName  Must outlive the object.
+    AllocationFailure(std::uint64_t nth, const char* threadName);
     ~AllocationFailure();
     AllocationFailure(const AllocationFailure&) = delete;
     AllocationFailure& operator=(const AllocationFailure&) = delete;

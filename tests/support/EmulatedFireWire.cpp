@@ -11,6 +11,7 @@
 #include <linux/capability.h>
 #include <linux/firewire-cdev.h>
 #include <linux/firewire-constants.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -107,8 +108,18 @@ public:
 
     const std::string& GetName() const { return m_name; }
     void Ring() const {
-        if (m_master >= 0 && ::write(m_master, "!", 1) != 1) {
+        if (m_master < 0) {
+            return;
+        }
+        if (::write(m_master, "!", 1) != 1) {
             Fail("a doorbell");
+        }
+        // The byte is passed on a little later. What is called next is to find it there, like an event of the kernel.
+        pollfd heard{m_slave, POLLIN, 0};
+        while (::poll(&heard, 1, -1) < 0) {
+            if (errno != EINTR) {
+                Fail("a doorbell's ring");
+            }
         }
     }
     void Unring() const {
@@ -187,6 +198,7 @@ public:
     /// How a PHY misbehaves, whether or not it has a file now.
     struct Behaviour {
         bool mute = false;
+        std::set<std::uint64_t> muteRegisters;
         std::chrono::milliseconds kernelTimeOut{2000};
         std::uint32_t rcode = 0;
         int rcodes = 0;
@@ -728,7 +740,7 @@ private:
         }
         Behaviour& behaviour = m_behaviours[target->name];
         ++behaviour.requests[request.offset];
-        if (behaviour.mute) {
+        if (behaviour.mute || behaviour.muteRegisters.count(request.offset) != 0) {
             *late = behaviour.kernelTimeOut;
             return RCODE_CANCELLED;
         }
@@ -931,6 +943,14 @@ void EmulatedFireWire::Reset(const std::string& phy) {
     m_state->BusWasReset(bus);
 }
 
+void EmulatedFireWire::ResetAndCountAnew(const std::string& phy) {
+    const auto lock = m_state->Lock();
+    State::Bus& bus = m_state->BusOf(phy);
+    bus.model->Reset(phy);
+    bus.generation = 0;
+    m_state->BusWasReset(bus);
+}
+
 unsigned int EmulatedFireWire::CountResets(const std::string& phy) const {
     const auto lock = m_state->Lock();
     return m_state->BusOf(phy).resets;
@@ -940,6 +960,18 @@ void EmulatedFireWire::SetMute(const std::string& phy, bool mute, std::chrono::m
     const auto lock = m_state->Lock();
     m_state->m_behaviours[phy].mute = mute;
     m_state->m_behaviours[phy].kernelTimeOut = kernelTimeOut;
+}
+
+void EmulatedFireWire::SetRegisterMute(const std::string& phy, std::uint64_t offset, bool mute,
+                                       std::chrono::milliseconds kernelTimeOut) {
+    const auto lock = m_state->Lock();
+    State::Behaviour& behaviour = m_state->m_behaviours[phy];
+    behaviour.kernelTimeOut = kernelTimeOut;
+    if (mute) {
+        behaviour.muteRegisters.insert(offset);
+    } else {
+        behaviour.muteRegisters.erase(offset);
+    }
 }
 
 void EmulatedFireWire::AnswerWith(const std::string& phy, std::uint32_t rcode, int count) {

@@ -55,6 +55,8 @@ public:
     void Forget(const std::string& phy);
     /// A bus reset that nobody on this computer asked for.
     void Reset(const std::string& phy);
+    /// The same, after which the controller counts generations anew, as after it has slept.
+    void ResetAndCountAnew(const std::string& phy);
     /// How many resets the bus of that node has seen.
     unsigned int CountResets(const std::string& phy) const;
 
@@ -62,6 +64,9 @@ public:
 
     /// It answers no request: the kernel ends each after two seconds, or after the time given.
     void SetMute(const std::string& phy, bool mute, std::chrono::milliseconds kernelTimeOut = std::chrono::seconds(2));
+    /// It answers every request but those for that register.
+    void SetRegisterMute(const std::string& phy, std::uint64_t offset, bool mute,
+                         std::chrono::milliseconds kernelTimeOut = std::chrono::seconds(2));
     /// The end of its next requests, count of them.
     void AnswerWith(const std::string& phy, std::uint32_t rcode, int count);
     /// Its next answers bring that many octets.

@@ -118,7 +118,8 @@ TEST_F(FireWireTool, TopologyShowsTheHubAndBothCamerasWithTheirSerialNumbers) {
     AddStandardBus();
     const ProgramResult text = Run({"--bus", "1394", "topology"});
     EXPECT_EQ(text.exitStatus, 0) << text.errors;
-    EXPECT_THAT(text.output, AllOf(HasSubstr("200705"), HasSubstr("200706"))) << text.output;
+    EXPECT_THAT(text.output, AllOf(HasSubstr("200705"), HasSubstr("200706"), HasSubstr("port 0: hub (PHY 2)")))
+        << text.output;
     EXPECT_THAT(text.errors, IsEmpty());
 
     const Json list = RunForJson({"--bus", "1394", "list", "--json"});
@@ -148,6 +149,27 @@ TEST_F(FireWireTool, TopologyNamesTheBusWhoseTreeItCannotSee) {
     const ProgramResult result = Run({"--bus", "1394", "topology"});
     EXPECT_THAT(result.errors, AllOf(HasSubstr("bus 0 (0000:06:01.0): how it is connected cannot be seen"),
                                      HasSubstr("nimbrel doctor --bus 1394")));
+}
+
+TEST_F(FireWireTool, TopologyPutsNoCameraThatMayNotBeOpenedInThePlaceOfAnotherOne) {
+    AddStandardBus();
+    m_computer.Deny("right");
+    ActAsUser();
+    const Json tree = RunForJson({"--bus", "1394", "topology", "--format", "json"});
+    std::vector<Json> nodes;
+    Flatten(tree, &nodes);
+    int numCameras = 0;
+    for (const Json& node : nodes) {
+        if (node.contains("serial")) {
+            ++numCameras;
+            EXPECT_EQ(node.at("serial"), 0x31001);
+            EXPECT_EQ(node.at("id"), m_computer.GetPhyId("left"));
+        }
+    }
+    EXPECT_EQ(numCameras, 1) << tree.dump(2);
+    ASSERT_THAT(tree.at("unplaced"), SizeIs(1));
+    EXPECT_EQ(tree.at("unplaced")[0].at("serial"), 0x31002);
+    EXPECT_THAT(tree.at("unplaced")[0].at("reason").get<std::string>(), HasSubstr("permission"));
 }
 
 TEST_F(FireWireTool, WatchTellsOfResetsDeparturesAndArrivals) {
@@ -227,6 +249,16 @@ TEST_F(FireWireTool, DoctorFindsNothingWrongOnAHealthyBus) {
     Platform::FireWireBusDescription bus = StandardFireWireBus();
     bus.gapCount = 7;
     m_computer.AddBus(bus, FirstCard);
+    const auto wrong = Wrong();
+    EXPECT_THAT(wrong, IsEmpty()) << Json(wrong).dump(2);
+}
+
+TEST_F(FireWireTool, DoctorIsContentWithADiskWhoseFileIsRoots) {
+    Platform::FireWireBusDescription bus = StandardFireWireBus();
+    bus.gapCount = 7;
+    m_computer.AddBus(bus, FirstCard);
+    m_computer.Deny("disk");
+    ActAsUser();
     const auto wrong = Wrong();
     EXPECT_THAT(wrong, IsEmpty()) << Json(wrong).dump(2);
 }

@@ -76,7 +76,7 @@ protected:
         Of("1-2").deviceSpeed = 5000;  // one half of a USB 3 hub
         examined.diagnosis.isUdevRunning = true;
         examined.diagnosis.memoryLimit = 1000;
-        examined.rule.installed = "/opt/nimbrel/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules";
+        examined.rule.installed = "/opt/nimbrel/share/nimbrel2/udev/70-nimbrel2-usb3-vision.rules";
     }
 
     UsbDeviceDiagnosis& Of(const std::string& name) {
@@ -154,7 +154,7 @@ TEST_F(UsbDoctorChecks, NameTheRuleForANodeThatMayNotBeOpened) {
     Of("2-1.3").nodeError = EACCES;
     Finding finding = ExpectWrong(CheckUsbPermission);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("/dev/bus/usb/002/003"), HasSubstr("Permission denied")));
-    EXPECT_THAT(finding.cure, AllOf(HasSubstr("sudo cp /opt/nimbrel/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules"),
+    EXPECT_THAT(finding.cure, AllOf(HasSubstr("sudo cp /opt/nimbrel/share/nimbrel2/udev/70-nimbrel2-usb3-vision.rules"),
                                     HasSubstr("udevadm control --reload"), HasSubstr("udevadm trigger")));
     examined.rule.isInForce = true;
     EXPECT_THAT(ExpectWrong(CheckUsbPermission).cure, HasSubstr("usermod -aG plugdev"));
@@ -290,7 +290,7 @@ TEST_F(UsbDoctorChecks, TellOfMemoryThatIsTooSmallForSuperSpeed) {
 
 TEST(UsbRule, IsNamedWithTheCommandThatPutsItInForce) {
     UsbRule rule = FindUsbRule();
-    EXPECT_THAT(rule.installed, HasSubstr("/lib/udev/rules.d/" + UsbRuleName()));
+    EXPECT_THAT(rule.installed, HasSubstr("/share/nimbrel2/udev/" + UsbRuleName()));
     rule.isInForce = false;
     EXPECT_THAT(HintForUsbPermission(rule, true), HasSubstr(CommandForUsbRule(rule)));
     EXPECT_THAT(HintForUsbPermission(rule, false), HasSubstr("nimbrel doctor")) << "no rule gives what is not there";

@@ -113,6 +113,15 @@ private:
         if (m_busMaster.GetUsbLinkInfo(camera.guid, &link) == ERROR_OK && (link & 0xFF) > DeepestHubs) {
             return "it is more than four hubs deep";
         }
+        boost::shared_ptr<HardwareInterface> hwInterface;
+        unsigned int generation = 0;
+        std::uint64_t bus = 0;
+        std::uint64_t count = 0;
+        if (camera.interfaceType == INTERFACE_IEEE1394 &&
+            m_busMaster.KeepHwInterface(camera.guid, &hwInterface) == ERROR_OK &&
+            hwInterface->GetSelfIds(&generation, &bus, &count, nullptr) == HAL_PERMISSION) {
+            return "finding out where it is takes a permission";
+        }
         if (camera.interfaceType == INTERFACE_IEEE1394 && camera.location.empty()) {
             return "it is virtual, or its bus does not tell where it is";
         }
@@ -174,7 +183,8 @@ std::string NameOfDevice(const TopologyView& view) {
         return view.isHub || !view.children.empty() ? "Hub" : "Device";
     }
     const std::string phy = "PHY " + std::to_string(view.id);
-    const std::string name = view.isThisComputer ? "this computer" : view.name;
+    const std::string own = view.name.empty() && view.isHub ? "hub" : view.name;
+    const std::string name = view.isThisComputer ? "this computer" : own;
     return (view.busName.empty() ? "" : view.busName + ": ") + (name.empty() ? phy : name + " (" + phy + ")");
 }
 

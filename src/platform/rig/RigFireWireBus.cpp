@@ -13,14 +13,18 @@ public:
     Device(std::shared_ptr<const RigDriverState> state, const PhyDescription& phy, unsigned int card)
         : m_state(std::move(state)), m_phy(phy), m_card(card) {}
 
+    // Also of a node that has left since it was listed.
     std::uint32_t GetConfigInfo(ConfigInfo* info) override {
-        return OnBus([&](FireWireModel& bus) -> std::uint32_t {
-            info->numbers = {static_cast<std::uint32_t>(m_phy.eui64 >> 32), 0xFFC0U | bus.FindNode(m_phy.eui64)->phyId,
-                             static_cast<std::uint32_t>(m_phy.eui64), bus.Card(), m_phy.unitVersion};
-            info->vendor = m_phy.vendor;
-            info->model = m_phy.model;
+        info->numbers = {static_cast<std::uint32_t>(m_phy.eui64 >> 32), 0xFFFF, static_cast<std::uint32_t>(m_phy.eui64),
+                         0xFFFF, m_phy.unitVersion};
+        info->vendor = m_phy.vendor;
+        info->model = m_phy.model;
+        const std::uint32_t status = OnBus([&](FireWireModel& bus) -> std::uint32_t {
+            info->numbers[1] = 0xFFC0U | bus.FindNode(m_phy.eui64)->phyId;
+            info->numbers[3] = bus.Card();
             return HAL_OK;
         });
+        return status == HAL_GONE ? std::uint32_t{HAL_OK} : status;
     }
 
     std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {

@@ -159,6 +159,27 @@ TEST_F(FireWireBusOfNodes, LacksWhatTakesTheControllersFileWhenThatLeaves) {
     EXPECT_EQ(m_left->ReadPhy(0, 0, 1, &value), HAL_GONE);
 }
 
+using Testing::FileCall;
+
+class FireWireVanishingController : public FireWireDriverOfTwoCameras,
+                                    public ::testing::WithParamInterface<FileCall> {};
+
+TEST_P(FireWireVanishingController, LeavesNothingThatTakesItsFile) {
+    m_computer.VanishIn("card", GetParam());
+    m_computer.Reset("left");  // so that its self-IDs are read
+    std::uint32_t value = 0;
+    // One of these makes the call; those before it succeed.
+    EXPECT_THAT(ReadSelfIds(*m_left).status, ::testing::AnyOf(HAL_GONE, HAL_OK));
+    EXPECT_THAT(m_left->ReadPhy(0, 0, 1, &value), ::testing::AnyOf(HAL_GONE, HAL_OK));
+    EXPECT_TRUE(WaitUntil([&] { return ReadSelfIds(*m_left).status == HAL_GONE; }));
+    EXPECT_EQ(m_left->ReadPhy(0, 0, 1, &value), HAL_GONE);
+    EXPECT_EQ(m_left->WritePhy(0, 0, 1, 0), HAL_PHY_WRITE_NOT_IMPLEMENTED);
+}
+
+INSTANTIATE_TEST_SUITE_P(InEachCall, FireWireVanishingController,
+                         ::testing::Values(FileCall::GetInfo, FileCall::SendRequest, FileCall::ReceivePhyPackets,
+                                           FileCall::SendPhyPacket, FileCall::Read));
+
 class FireWireBusOfAUser : public FireWireDriver {};
 
 TEST_F(FireWireBusOfAUser, IsDescribedByTheNodesThatMayBeOpenedWithoutTheControllersFile) {
@@ -173,6 +194,16 @@ TEST_F(FireWireBusOfAUser, IsDescribedByTheNodesThatMayBeOpenedWithoutTheControl
     ASSERT_THAT(maps[0].nodes, SizeIs(2));
     EXPECT_EQ(maps[0].nodes[0].serialNumber, 0x00031002u);
     EXPECT_EQ(maps[0].nodes[0].speed, 0u);
+}
+
+// Nobody knows its phy id, and the tree would put it in the place of another one.
+TEST_F(FireWireBusOfAUser, PlacesNoCameraThatMayNotBeOpened) {
+    AddStandardBus();
+    m_computer.Deny("right");
+    const Testing::NoPermissionOverride user;
+    Start();
+    EXPECT_EQ(ReadSelfIds(*FindCamera(0x00031002)).status, HAL_PERMISSION);
+    EXPECT_EQ(ReadSelfIds(*FindCamera(0x00031001)).status, HAL_OK);
 }
 
 TEST_F(FireWireBusOfAUser, ShowsNoTreeAndNoPhyRegisterWithoutTheControllersFile) {
@@ -258,6 +289,20 @@ TEST_F(FireWireBusOfNodes, IsDiagnosedWithTheSocketInWhichACableComesAndGoes) {
     EXPECT_EQ(diagnosis.buses[0].portChanges[0].phyId, 2u) << "the hub";
     EXPECT_EQ(diagnosis.buses[0].portChanges[0].port, 2u);
     EXPECT_EQ(diagnosis.buses[0].portChanges[0].changes, 6u);
+}
+
+TEST_F(FireWireBusOfNodes, IsDiagnosedWithOneResetWhenTheControllerCountsAnew) {
+    for (unsigned int i = 1; i <= 3; ++i) {
+        m_computer.Reset("left");
+        ASSERT_TRUE(m_sink.WaitForResets(i));
+    }
+    m_computer.ResetAndCountAnew("left");
+    ASSERT_TRUE(m_sink.WaitForResets(4));
+    EXPECT_THAT(ListCameras(), SizeIs(2));
+    FireWireDiagnosis diagnosis;
+    ASSERT_EQ(m_bus->Diagnose(true, &diagnosis), HAL_OK);
+    ASSERT_THAT(diagnosis.buses, SizeIs(1));
+    EXPECT_EQ(diagnosis.buses[0].resets, 4u);
 }
 
 TEST_F(FireWireBusOfAUser, IsDiagnosedWithWhatMayNotBeOpened) {

@@ -1,5 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the driver lists, and what it reports when nodes come and go.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/linux/firewire/NodeScan.h"
 #include "tests/platform/firewire/FireWireFixture.h"
 
 namespace Nimbrel2::Platform::FireWire {
@@ -173,6 +181,29 @@ TEST_F(FireWireDriver, ListsNoNodeThatHasLeftThoughItsFileLivesOn) {
         EXPECT_EQ(state, m_sink.GetLast()) << "a listing reports what it finds";
         m_computer.Plug("left");
         EXPECT_THAT(DescribeAll(ListCameras()), ElementsAre(TestLeft, TestRight));
+    }
+}
+
+// To the bus master a camera that cannot be identified is a bus without cameras.
+TEST_F(FireWireDriver, StillIdentifiesACameraThatLeavesAfterItWasListed) {
+    AddStandardBus();
+    Start();
+    const auto left = FindCamera(0x00031001);
+    for (const bool isForgotten : {false, true}) {
+        if (isForgotten) {
+            m_computer.Forget("left");
+            ASSERT_TRUE(WaitUntil([&] { return m_computer.CountClients("left") == 0; }));
+        } else {
+            m_computer.Unplug("left");
+            ASSERT_TRUE(m_sink.WaitForDevices(2));
+        }
+        ConfigInfo info;
+        EXPECT_EQ(left->GetConfigInfo(&info), HAL_OK);
+        EXPECT_THAT(info.numbers, ElementsAre(0x00118800, 0xFFFF, 0x00031001, 0xFFFF, 0x000102));
+        EXPECT_EQ(info.vendor, "Acme");
+        EXPECT_EQ(info.model, "Zoom 1394");
+        std::uint16_t number = 0;
+        EXPECT_EQ(left->GetNode(&number, &number), HAL_GONE);
     }
 }
 
@@ -377,6 +408,84 @@ TEST_F(FireWireDriver, ListsABusOfWhichNoFileMayBeOpened) {
                 ElementsAre("0011880000031001 Acme/Zoom 1394 node 65535 (0xffff) bus 65535 (65535) version 0x000102",
                             "0011880000031002 Acme/Zoom 1394 node 65535 (0xffff) bus 65535 (65535) version 0x000102"));
     EXPECT_EQ(FindCamera(0x00031001)->FireBusReset(), HAL_PERMISSION);
+}
+
+// ---- Want ---------------------------------------------------------------------------------------------------------
+
+/// This process may open so many files and no more while this lives.
+class FewDescriptors {
+public:
+    explicit FewDescriptors(int number) {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        Take();
+        EXPECT_FALSE(m_taken.empty());
+        // Not far below what is open, for the mocking library polls on many files.
+        const rlimit lowered{static_cast<rlim_t>(m_taken.back() + 100), m_before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+        while (Take()) {
+        }
+        for (int i = 0; i < number; ++i) {
+            ::close(m_taken.back());
+            m_taken.pop_back();
+        }
+    }
+    ~FewDescriptors() {
+        for (const int descriptor : m_taken) {
+            ::close(descriptor);
+        }
+        ::setrlimit(RLIMIT_NOFILE, &m_before);
+    }
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+private:
+    bool Take() {
+        const int descriptor = ::fcntl(0, F_DUPFD_CLOEXEC, 0);
+        if (descriptor >= 0) {
+            m_taken.push_back(descriptor);
+        }
+        return descriptor >= 0;
+    }
+
+    rlimit m_before{};
+    std::vector<int> m_taken;
+};
+
+TEST_F(FireWireDriver, FindsAllNodesOrSaysThatItHasNoDescriptorToLookWith) {
+    AddStandardBus();
+    int numFailures = 0;
+    for (int number = 0; number < 6; ++number) {
+        std::vector<ScannedNode> nodes;
+        int error = 0;
+        {
+            const FewDescriptors few(number);
+            error = ScanNodes(&nodes);
+        }
+        if (error == 0) {
+            EXPECT_THAT(nodes, SizeIs(4)) << number;
+            EXPECT_EQ(std::count_if(nodes.begin(), nodes.end(), [](const auto& node) { return node.isLocal; }), 1);
+        } else {
+            EXPECT_EQ(error, EMFILE);
+            ++numFailures;
+        }
+    }
+    EXPECT_GE(numFailures, 3) << "the folder, a node's folder, its attributes";
+}
+
+TEST_F(FireWireDriver, KeepsItsNodesWhileItHasNoDescriptorToLookWith) {
+    AddStandardBus();
+    Start();
+    ASSERT_THAT(ListCameras(), SizeIs(2));
+    const std::size_t numReports = m_sink.Count();
+    for (int i = 0; i < 5; ++i) {
+        m_computer.SendChangeUevent("left");
+        const FewDescriptors none(0);
+        EXPECT_THAT(ListCameras(), SizeIs(2));
+    }
+    EXPECT_EQ(m_sink.Count(), numReports);
+    m_computer.Unplug("left");
+    m_computer.Forget("left");
+    EXPECT_THAT(ListCameras(), SizeIs(1));
 }
 
 // ---- The end -------------------------------------------------------------------------------------------------------

@@ -2,6 +2,8 @@
 // Registers of nodes: retries, time-outs, generations, and that nobody waits for a camera that is mute.
 #include <linux/firewire-constants.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "tests/platform/firewire/FireWireFixture.h"
@@ -243,6 +245,58 @@ TEST_F(FireWireTransactions, OfAMuteCameraAreTriedByTheDriverUntilItAnswersAndTh
     EXPECT_EQ(Read(*m_left), HAL_OK);
 }
 
+TEST_F(FireWireTransactions, AreSentAtOnceToAMuteCameraThatIsPluggedInAgain) {
+    m_computer.SetMute("left", true, milliseconds(10));
+    EXPECT_EQ(Read(*m_left, SerialNumberRegister), HAL_TIMED_OUT);
+    m_computer.Unplug("left");
+    ASSERT_TRUE(m_sink.WaitForDevices(2));
+    m_computer.SetMute("left", false);
+    m_computer.Plug("left");
+    EXPECT_EQ(Read(*m_left), HAL_OK);
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
+}
+
+TEST_F(FireWireTransactions, AreRepeatedWhenAResetOfWhichNobodyHasReadHasSwallowedTheAnswer) {
+    for (const char* phy : {"card", "left", "right", "disk"}) {
+        m_computer.HoldResetEvents(phy, true);
+    }
+    m_computer.SetMute("left", true, milliseconds(200));
+    std::uint32_t status = HAL_CLOSED;
+    std::thread reader([&] { status = Read(*m_left); });
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", IsoEnableRegister) == 1; }));
+    m_computer.SetMute("left", false);
+    m_computer.Reset("left");
+    reader.join();
+    EXPECT_EQ(status, HAL_OK);
+}
+
+TEST_F(FireWireTransactions, ThatTimeOutForOneRegisterBringNoEnumerationWhenNoCycleMissedAnything) {
+    m_computer.SetRegisterMute("left", IsoEnableRegister, true, milliseconds(10));
+    EXPECT_EQ(Read(*m_left), HAL_TIMED_OUT);
+    const std::uint64_t resets = m_sink.GetLast().resets;
+    const unsigned int asked = m_computer.CountRequests("left", SerialNumberRegister);
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", SerialNumberRegister) > asked; }));
+    EXPECT_TRUE(WaitUntil([&] { return Read(*m_left, RomHeader) == HAL_OK; })) << "it answers everything else";
+    ListCameras();
+    EXPECT_EQ(m_sink.GetLast().resets, resets);
+}
+
+// Its link layer answers for the configuration ROM, and what is behind it hangs.
+TEST_F(FireWireTransactions, OfACycleAreNotWrittenAgainAndAgainToACameraThatAnswersOnlyInPart) {
+    m_computer.SetRegisterMute("left", IsoEnableRegister, true, milliseconds(10));
+    const std::uint64_t resets = m_sink.GetLast().resets;
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 0x80000000), HAL_TIMED_OUT);
+    // The driver tries that register itself, by reading, once the camera has answered for its serial number.
+    EXPECT_TRUE(WaitUntil([&] { return m_computer.CountRequests("left", IsoEnableRegister) == 3; }));
+    EXPECT_EQ(Value(*m_left, SerialNumberRegister), 0x00031001u);
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 0x80000000), HAL_TIMED_OUT);
+    EXPECT_EQ(m_computer.CountRequests("left", IsoEnableRegister), 3u) << "nobody waits for it";
+    EXPECT_EQ(m_sink.GetLast().resets, resets) << "a cycle would write in vain";
+    m_computer.SetRegisterMute("left", IsoEnableRegister, false);
+    EXPECT_TRUE(m_sink.WaitForResets(resets + 1)) << "now it would not";
+    EXPECT_EQ(m_left->WriteQuadlet(IsoEnableRegister, 0x80000000), HAL_OK);
+}
+
 // ---- What a cycle of the bus master asks ---------------------------------------------------------------------------
 
 TEST_F(FireWireTransactions, OfACycleAreOneForEachCamera) {
@@ -344,6 +398,32 @@ TEST_F(FireWireCycle, MuchLaterStillWaitsForNoCameraThatIsKnownToBeMute) {
     m_computer.Reset("camera0");
     ASSERT_TRUE(m_sink.WaitForResets(1));
     EXPECT_LE(Cycle(), NoWait);
+}
+
+// A mute camera owes its answer in one generation after the other, and the kernel gives up none of them in time.
+TEST_F(FireWireCycle, OnABusThatIsResetAgainAndAgainWaitsOnceForAllMuteCamerasToo) {
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool ends = false;
+    std::thread storm([&] {
+        std::unique_lock lock(mutex);
+        while (!ended.wait_for(lock, milliseconds(300), [&] { return ends; })) {
+            m_computer.Reset("camera0");
+        }
+    });
+    const Clock::time_point start = Clock::now();
+    for (unsigned int i = 0; i < NumMuteCameras; ++i) {
+        std::uint32_t value = 0;
+        EXPECT_EQ(m_cameras[2 * i]->ReadQuadlet(SerialNumberRegister, &value), HAL_TIMED_OUT) << i;
+    }
+    const milliseconds took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+    {
+        const std::lock_guard lock(mutex);
+        ends = true;
+        ended.notify_all();
+    }
+    storm.join();
+    EXPECT_LE(took, 2 * WaitForOne) << "one after the other they take 24 s";
 }
 
 TEST_F(FireWireTransactions, OnDifferentCamerasRunInParallel) {

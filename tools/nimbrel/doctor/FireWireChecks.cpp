@@ -15,6 +15,7 @@
 
 #include "hal/HAL.h"
 #include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/doctor/FireWireTexts.h"
 
@@ -101,7 +102,7 @@ Findings CheckFireWireDriver(const FireWireExamination& examined) {
     }
     if (examined.status != HAL_OK) {
         return {{check, false, "IEEE 1394 cannot be searched: " + DescribeStatus(examined.status),
-                 "sudo nimbrel doctor --bus 1394"}};
+                 SudoNimbrel() + " doctor --bus 1394"}};
     }
     Findings wrong;
     std::vector<std::string> measured;
@@ -132,9 +133,15 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
     Findings wrong;
     std::vector<std::string> measured;
     for (const FireWireBusDiagnosis& bus : examined.diagnosis.buses) {
+        std::size_t numOpen = 0;
         std::vector<std::string> refused;
         for (const FireWireNode& node : bus.nodes) {
             if (node.error == 0) {
+                ++numOpen;
+                continue;
+            }
+            // No rule opens the files of disks and the like to users, and nothing here takes them.
+            if (!node.local && !node.camera) {
                 continue;
             }
             std::string text = "/dev/" + node.name + " of " + NodeText(node) + " cannot be opened";
@@ -149,8 +156,9 @@ Findings CheckFireWirePermission(const FireWireExamination& examined) {
             }
         }
         if (refused.empty()) {
-            measured.push_back(BusText(bus) + ": " +
-                               Count(bus.nodes.size(), "file is open", "files are open, that of each node"));
+            const bool isEach = numOpen == bus.nodes.size();
+            measured.push_back(BusText(bus) + ": " + Count(numOpen, "file is open", "files are open") +
+                               (isEach ? ", that of each node" : ", all that it takes"));
             continue;
         }
         std::string evidence = BusText(bus) + ": ";

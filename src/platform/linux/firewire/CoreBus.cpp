@@ -4,9 +4,7 @@
 #include <linux/firewire-constants.h>
 
 #include <algorithm>
-#include <cerrno>
 
-#include "platform/base/Errno.h"
 #include "platform/linux/firewire/FireWireCore.h"
 
 namespace Nimbrel2::Platform::FireWire {
@@ -73,7 +71,8 @@ std::uint32_t FireWireCore::GetSelfIds(const NodeKey& key, std::vector<SelfIdPac
                                        std::uint32_t* generation) {
     UniqueLock lock(m_mutex);
     Node* node = nullptr;
-    std::uint32_t status = FindPresent(key, &node);
+    // A node that may not be opened has no place in the tree that anybody knows: without this it would take another's.
+    std::uint32_t status = FindUsable(key, &node);
     if (status == HAL_OK) {
         status = WaitForSelfIds(lock, key.card);
     }
@@ -138,7 +137,7 @@ std::uint32_t FireWireCore::FireBusReset(const NodeKey& key) {
         if (status != HAL_OK) {
             return status;
         }
-        status = StatusOfOpen(node->openError);
+        status = StatusOfFile(node->openError);
         if (node->IsOpen()) {
             files.push_back(node->file);
         }
@@ -154,7 +153,7 @@ std::uint32_t FireWireCore::FireBusReset(const NodeKey& key) {
         if (error == 0) {
             return HAL_OK;
         }
-        status = error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
+        status = StatusOfFile(error);
     }
     return status;
 }
@@ -199,7 +198,7 @@ std::uint32_t FireWireCore::AskPhy(UniqueLock& lock, const NodeKey& key, std::ui
     }
     if (!local->receivesPhyPackets) {
         if (const int error = local->file->ReceivePhyPackets()) {
-            return StatusOfErrno(error);
+            return StatusOfFile(error);
         }
         local->receivesPhyPackets = true;
     }
@@ -227,7 +226,7 @@ std::uint32_t FireWireCore::AskPhy(UniqueLock& lock, const NodeKey& key, std::ui
         return HAL_CLOSED;
     }
     if (error != 0) {
-        return error == ENODEV ? static_cast<std::uint32_t>(HAL_GONE) : StatusOfErrno(error);
+        return StatusOfFile(error);
     }
     return sent->complete && sent->rcode == RCODE_GENERATION ? HAL_BUS_CHANGED : HAL_OK;
 }

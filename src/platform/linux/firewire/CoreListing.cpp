@@ -5,13 +5,9 @@
 #include "platform/linux/firewire/FireWireCore.h"
 
 namespace Nimbrel2::Platform::FireWire {
-namespace {
 
-constexpr std::uint32_t UnknownCard = 0xFFFF;
-
-}  // namespace
-
-// The monitor looks anew for each listing, so that one is right whether or not what it shows was told.
+// The monitor takes for each listing what the kernel has told so far, so that one is right whether or not what it shows
+// was reported.
 std::uint32_t FireWireCore::List(NodeKind kind, std::vector<ListedNode>* nodes, BusState* state) {
     UniqueLock lock(m_mutex);
     if (!m_running) {

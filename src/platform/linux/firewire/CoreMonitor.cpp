@@ -86,38 +86,42 @@ void FireWireCore::MonitorTurn() {
 TimePoint FireWireCore::DoWhatIsDue() {
     const TimePoint now = Clock::now();
     std::uint64_t looksWanted = 0;
-    bool isSettled = false;
-    bool look = now >= m_nextLook;
+    bool isListing = false;
     {
         const LockGuard lock(m_mutex);
         looksWanted = m_looksWanted;
+        isListing = looksWanted != m_looksDone;
+    }
+    if (isListing) {
+        // What has not been told since the last look need not be looked for in sysfs.
+        HearUevents();
+    }
+    bool isSettled = false;
+    bool look = now >= m_nextLook || (isListing && !m_hearsUevents);
+    {
+        const LockGuard lock(m_mutex);
         isSettled = m_firstChange && now >= GetSettleTime();
-        look = look || looksWanted != m_looksDone || (isSettled && m_lookWanted);
+        look = look || ((isSettled || isListing) && m_lookWanted);
         for (const auto& [name, node] : m_nodes) {
             look = look || (!node.IsOpen() && now >= node.nextOpen);
         }
     }
-    std::uint32_t status = HAL_OK;
     if (look) {
-        // Of what has no driver there is nothing to see, which is no failure.
-        const int error = Look();
-        status = error == ENOENT ? std::uint32_t{HAL_OK} : StatusOfErrno(error);
+        Look();
     }
     const LockGuard lock(m_mutex);
     EndLateReadings(now);
     ProbeMuteNodes(now);
-    const bool isListing = looksWanted != m_looksDone;
-    if (isListing) {
-        RefreshCards();
-    }
     // A look that nobody had an occasion for may have found a change too.
-    const bool burstIsOver = isSettled || (m_firstChange && now >= GetSettleTime());
-    if (burstIsOver || isListing) {
-        Settle(burstIsOver);
+    isSettled = isSettled || (m_firstChange && now >= GetSettleTime());
+    if (isListing && !m_firstChange) {
+        RefreshCardsWithNews();
+    }
+    if (m_firstChange && (isSettled || isListing)) {
+        Settle(isSettled);
     }
     if (isListing) {
         m_looksDone = looksWanted;
-        m_lookStatus = status;
         m_changed.NotifyAll();
     }
     return GetNextDeadline();
@@ -140,7 +144,7 @@ TimePoint FireWireCore::GetNextDeadline() const {
     }
     for (const auto& [closure, answer] : m_answers) {
         if (answer->purpose != Purpose::Caller) {
-            next = std::min(next, answer->askedAt + m_timings.answer);
+            next = std::min(next, answer->owedSince + m_timings.answer);
         }
     }
     return next;

@@ -3,6 +3,7 @@
 // is one; the rest: any thread with m_mutex.
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "platform/base/Errno.h"
 #include "platform/linux/firewire/FireWireCore.h"
@@ -18,8 +19,8 @@ bool IsNewer(std::uint8_t generation, std::uint8_t than) {
 
 }  // namespace
 
-// Scans sysfs, takes over what has changed and opens the files of newcomers. @return 0 or the errno of the scan.
-int FireWireCore::Look() {
+// Scans sysfs, takes over what has changed and opens the files of newcomers.
+void FireWireCore::Look() {
     m_nextLook = m_hearsUevents ? TimePoint::max() : Clock::now() + m_timings.lookPeriod;
     {
         const LockGuard lock(m_mutex);
@@ -40,19 +41,28 @@ int FireWireCore::Look() {
         }
     }
     std::vector<ScannedNode> found;
-    int error = 0;
     try {
-        error = ScanNodes(&found);
+        const int error = ScanNodes(&found);
         const LockGuard lock(m_mutex);
-        m_driverLoaded = error != ENOENT;
-        Merge(found);
+        // Of what has no driver there is nothing to see, which is no failure.
+        if (error == 0 || error == ENOENT) {
+            m_driverLoaded = error == 0;
+            Merge(found);
+            m_lookStatus = HAL_OK;
+        } else {
+            // What is known is better than nothing. The next listing tries again, and so does the monitor.
+            m_lookWanted = true;
+            m_nextLook = Clock::now() + m_timings.lookPeriod;
+            if (m_lookStatus != HAL_OK) {
+                m_lookStatus = StatusOfErrno(error);
+            }
+        }
     } catch (...) {
         const LockGuard lock(m_mutex);
         NoteChange(true);
         throw;
     }
     OpenFiles();
-    return error;
 }
 
 void FireWireCore::Merge(std::vector<ScannedNode>& found) {
@@ -67,12 +77,12 @@ void FireWireCore::Merge(std::vector<ScannedNode>& found) {
             if (isSame && node.scanned.rom == scanned.rom) {
                 continue;
             }
-            const std::optional<RomInfo> rom = ParseConfigRom(scanned.rom);
+            std::optional<RomInfo> rom = ParseConfigRom(scanned.rom);
             if (isSame && rom && rom->eui64 == node.key.eui64) {
                 // The same node with another content: units and texts may differ.
                 node.scanned = std::move(scanned);
                 if (node.rom != *rom) {
-                    node.rom = *rom;
+                    node.rom = std::move(*rom);
                     m_otherChange = true;
                     NoteChange(false);
                 }
@@ -116,10 +126,10 @@ void FireWireCore::DropNode(const std::string& name) {
     if (found == m_nodes.end()) {
         return;
     }
-    const std::string card = found->second.key.card;
     DropFile(found->second, ENODEV);
-    m_nodes.erase(found);
+    const auto dropped = m_nodes.extract(found);  // which takes no memory
     NoteChange(false);
+    const std::string& card = dropped.mapped().key.card;
     const bool isLast = std::none_of(m_nodes.begin(), m_nodes.end(),
                                      [&card](const auto& entry) { return entry.second.key.card == card; });
     if (isLast) {
@@ -195,6 +205,7 @@ int FireWireCore::AdoptFile(Node& node, std::shared_ptr<NodeFile> file, const No
     // The kernel had given it up, and has another one now that is the same device.
     if (node.hasLeft) {
         node.visit = ++m_lastVisit;
+        node.StartAnew();
     }
     // Who listed it meanwhile did not get its numbers.
     if (node.openError != 0 && !node.scanned.isLocal) {
@@ -239,11 +250,11 @@ void FireWireCore::OnReset(Node& node, const BusIds& ids) {
 
 // What a node's own file has told: in an event, or when it was asked.
 void FireWireCore::NoteInfo(Node& node, const BusIds& ids) {
-    node.ids = ids;
     Card& card = m_cards[node.key.card];
     if (!card.known || IsNewer(ids.generation, card.ids.generation)) {
         Advance(card, ids);
     }
+    node.ids = ids;
     if (ids.generation != card.ids.generation) {
         return;
     }
@@ -252,22 +263,24 @@ void FireWireCore::NoteInfo(Node& node, const BusIds& ids) {
         return;
     }
     node.hasLeft = false;
+    node.StartAnew();
     NoteChange(false);
 }
 
 // The bus has been reset.
 void FireWireCore::Advance(Card& card, const BusIds& ids) {
-    const auto numResets = static_cast<std::uint8_t>(card.known ? ids.generation - card.ids.generation : 0);
+    // A controller that counts anew does not tell how many resets it has seen.
+    const bool isNewer = IsNewer(ids.generation, card.ids.generation);
+    const auto numResets = static_cast<std::uint8_t>(isNewer ? ids.generation - card.ids.generation : 1);
+    const TimePoint now = Clock::now();
+    if (card.known) {
+        NoteChange(false);
+        card.resetTimes.insert(card.resetTimes.end(), numResets, now);  // the memory first
+        card.resets += numResets;
+    }
     card.known = true;
     card.ids = ids;
-    card.resets += numResets;
-    if (numResets == 0) {
-        return;
-    }
-    NoteChange(false);
-    const TimePoint now = Clock::now();
-    card.resetTimes.insert(card.resetTimes.end(), numResets, now);
-    while (now - card.resetTimes.front() > m_timings.history) {
+    while (!card.resetTimes.empty() && now - card.resetTimes.front() > m_timings.history) {
         card.resetTimes.pop_front();
     }
 }
@@ -348,11 +361,28 @@ void FireWireCore::RefreshCards() {
     }
 }
 
+// The buses that were reset a moment ago. Each of their files has an event for that: one look suffices where it can be
+// the controller's, which never leaves its bus.
+void FireWireCore::RefreshCardsWithNews() {
+    for (const auto& [path, card] : m_cards) {
+        const Node* local = FindLocal(path);
+        const bool isOfLocal = local != nullptr && local->IsOpen();
+        const bool hasNews = std::any_of(m_nodes.begin(), m_nodes.end(), [&, &bus = path](const auto& entry) {
+            const Node& node = entry.second;
+            const bool isWatched = isOfLocal ? &node == local : node.IsOpen() && node.key.card == bus;
+            return isWatched && node.file->HasEvent();
+        });
+        if (hasNews) {
+            RefreshCard(path);
+        }
+    }
+}
+
 // The one that is there, when a node that has left still has a file and is back under another name.
 FireWireCore::Node* FireWireCore::FindNode(const NodeKey& key) {
     Node* found = nullptr;
     for (auto& [name, node] : m_nodes) {
-        if (node.key == key && (found == nullptr || !IsPresent(*found))) {
+        if (node.key.eui64 == key.eui64 && node.key.card == key.card && (found == nullptr || !IsPresent(*found))) {
             found = &node;
         }
     }
@@ -396,7 +426,7 @@ std::uint32_t FireWireCore::FindUsable(const NodeKey& key, Node** node) {
     if (status != HAL_OK || (*node)->IsOpen()) {
         return status;
     }
-    return StatusOfOpen((*node)->openError);
+    return StatusOfFile((*node)->openError);
 }
 
 std::uint32_t FireWireCore::FindUsableLocal(const std::string& card, Node** node) {
@@ -407,10 +437,10 @@ std::uint32_t FireWireCore::FindUsableLocal(const std::string& card, Node** node
     if (*node == nullptr) {
         return HAL_GONE;
     }
-    return (*node)->IsOpen() ? static_cast<std::uint32_t>(HAL_OK) : StatusOfOpen((*node)->openError);
+    return (*node)->IsOpen() ? static_cast<std::uint32_t>(HAL_OK) : StatusOfFile((*node)->openError);
 }
 
-std::uint32_t FireWireCore::StatusOfOpen(int error) {
+std::uint32_t FireWireCore::StatusOfFile(int error) {
     // 0: it has just come, and its file is being opened.
     if (error == 0) {
         return HAL_BUSY;

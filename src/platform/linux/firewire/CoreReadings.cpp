@@ -6,17 +6,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/SelfIds.h"
 #include "platform/linux/firewire/FireWireCore.h"
 #include "platform/linux/firewire/TopologyMap.h"
 
 namespace Nimbrel2::Platform::FireWire {
-namespace {
-
-bool IsTimeOut(std::uint32_t rcode) { return rcode == RCODE_CANCELLED || rcode == RCODE_NO_ACK; }
-
-}  // namespace
 
 // A cycle of the bus master asks one camera after the other, and the kernel waits for two seconds for one that is mute:
 // what a cycle would ask is read from all of them at once. A camera that is known to be mute makes nobody wait; the
@@ -41,6 +37,7 @@ std::uint32_t FireWireCore::ReadSerialNumber(const NodeKey& key, std::uint32_t* 
                 return reading.status;
             }
             if (node->mute) {
+                node->missedSomething = true;
                 return HAL_TIMED_OUT;
             }
             if (reading.state == State::Asked) {
@@ -87,8 +84,13 @@ void FireWireCore::ReadSerialNumbers() {
 
 void FireWireCore::AskSerialNumber(Node& node) {
     const Request request{RequestKind::ReadQuadlet, SerialNumberOffset, 4, 0};
-    node.serialNumber = {Ask(node, Purpose::SerialNumber, request) == 0 ? State::Asked : State::None,
-                         node.ids.generation, Clock::now(), HAL_OK, 0};
+    const TimePoint now = Clock::now();
+    const bool isAsked = Ask(node, Purpose::SerialNumber, request) == 0;
+    node.serialNumber = {isAsked ? State::Asked : State::None, node.ids.generation, now, HAL_OK, 0};
+    // A bus that is reset before the kernel gives up a mute camera must not keep that from being noticed.
+    if (isAsked && !node.owedSince) {
+        node.owedSince = now;
+    }
 }
 
 // Of each bus whose tree may be seen, and is not known as it is now.
@@ -115,7 +117,8 @@ int FireWireCore::Ask(Node& node, Purpose purpose, const Request& request) {
     answer->purpose = purpose;
     answer->token = node.token;
     answer->generation = node.ids.generation;
-    answer->askedAt = Clock::now();
+    const TimePoint now = Clock::now();
+    answer->owedSince = purpose == Purpose::SerialNumber ? node.owedSince.value_or(now) : now;
     answer->payload.reserve(request.length);
     const Closure closure = ++m_lastClosure;
     m_answers.emplace(closure, answer);
@@ -134,6 +137,8 @@ void FireWireCore::FinishReading(const Answer& answer) {
     }
     if (answer.purpose == Purpose::SelfIds) {
         FinishSelfIds(*node, answer);
+    } else if (answer.purpose == Purpose::Register) {
+        FinishRegister(*node, answer);
     } else {
         FinishSerialNumber(*node, answer);
     }
@@ -145,17 +150,23 @@ void FireWireCore::FinishSerialNumber(Node& node, const Answer& answer) {
     if (isTheLast) {
         reading.state = State::None;
     }
-    if (IsTimeOut(answer.rcode)) {
-        // A reset may have swallowed the answer to an older one.
-        if (isTheLast && node.ids.generation == answer.generation) {
+    if (answer.rcode == RCODE_CANCELLED && isTheLast) {
+        // A reset may have swallowed the answer to an older one, but not for ever.
+        const bool isOfNow = node.ids.generation == answer.generation;
+        if (isOfNow || Clock::now() >= answer.owedSince + m_timings.answer) {
             NoteTimedOut(node);
+        } else if (IsPresent(node)) {
+            AskSerialNumber(node);
         }
-        return;
     }
+    if (answer.rcode != RCODE_CANCELLED && answer.rcode != RCODE_GENERATION) {
+        node.owedSince.reset();
+    }
+    // What nobody acknowledges comes back at once: whoever needs it asks again.
     if (answer.rcode != RCODE_COMPLETE || answer.payload.size() < sizeof reading.value) {
         return;
     }
-    NoteAnswered(node);
+    NoteAnswered(node, SerialNumberOffset);
     if (!isTheLast) {
         return;
     }
@@ -164,6 +175,25 @@ void FireWireCore::FinishSerialNumber(Node& node, const Answer& answer) {
     reading.state = State::Done;
     reading.status = HAL_OK;
     reading.at = Clock::now();
+}
+
+void FireWireCore::FinishRegister(Node& node, const Answer& answer) {
+    if (!node.muteRegister || node.mute) {
+        return;
+    }
+    switch (answer.rcode) {
+        case RCODE_COMPLETE:
+        case RCODE_TYPE_ERROR:
+        case RCODE_DATA_ERROR:
+        case RCODE_ADDRESS_ERROR:
+            NoteAnswered(node, *node.muteRegister);
+            break;
+        case RCODE_CANCELLED:
+            PauseProbes(node);
+            break;
+        default:
+            node.nextProbe = Clock::now() + m_timings.quietAfterTimeOut;
+    }
 }
 
 void FireWireCore::FinishSelfIds(const Node& local, const Answer& answer) {
@@ -176,17 +206,19 @@ void FireWireCore::FinishSelfIds(const Node& local, const Answer& answer) {
     if (answer.rcode != RCODE_COMPLETE) {
         return;  // the bus was reset meanwhile, or is busy: whoever needs them asks again
     }
-    reading.status = ParseTopologyMap(answer.payload, &reading.value);
+    std::vector<SelfIdPacket_t> packets;
+    reading.status = ParseTopologyMap(answer.payload, &packets);
+    if (reading.status == HAL_OK && card.ids.generation == reading.generation) {
+        KeepSelfIds(card, packets);
+    }
+    reading.value = std::move(packets);
     reading.state = State::Done;
     reading.at = Clock::now();
-    if (reading.status == HAL_OK && card.ids.generation == reading.generation) {
-        KeepSelfIds(card);
-    }
 }
 
 // What differs from the stream before tells in which sockets cables come and go.
-void FireWireCore::KeepSelfIds(Card& card) {
-    const auto phys = DecodeSelfIds(card.selfIds.value);
+void FireWireCore::KeepSelfIds(Card& card, const std::vector<SelfIdPacket_t>& packets) {
+    auto phys = DecodeSelfIds(packets);
     if (!phys) {
         return;
     }
@@ -198,7 +230,7 @@ void FireWireCore::KeepSelfIds(Card& card) {
     while (!card.portChanges.empty() && now - card.portChanges.front().first > m_timings.history) {
         card.portChanges.pop_front();
     }
-    card.phys = *phys;
+    card.phys = std::move(*phys);
     card.local = local;
 }
 
@@ -208,7 +240,7 @@ void FireWireCore::EndLateReadings(TimePoint now) {
     for (auto next = m_answers.begin(); next != m_answers.end();) {
         const auto current = next++;
         const Answer& answer = *current->second;
-        if (answer.purpose == Purpose::Caller || now < answer.askedAt + m_timings.answer) {
+        if (answer.purpose == Purpose::Caller || now < answer.owedSince + m_timings.answer) {
             continue;
         }
         const Node* node = FindByToken(answer.token);
@@ -225,13 +257,19 @@ void FireWireCore::ProbeMuteNodes(TimePoint now) {
         }
         // Whatever comes of it, the next one is not before its time.
         node.nextProbe = now + std::max(node.probePause, m_timings.quietAfterTimeOut);
-        AskSerialNumber(node);
+        if (node.mute) {
+            AskSerialNumber(node);
+        } else if (Ask(node, Purpose::Register, {RequestKind::ReadQuadlet, *node.muteRegister, 4, 0}) == 0) {
+            node.nextProbe = TimePoint::max();  // its answer tells when
+        }
     }
 }
 
 bool FireWireCore::IsProbed(const Node& node) {
-    return node.mute && node.FindCamera() != nullptr && node.IsOpen() && IsPresent(node) &&
-           node.serialNumber.state != State::Asked;
+    if (node.FindCamera() == nullptr || !node.IsOpen() || !IsPresent(node)) {
+        return false;
+    }
+    return node.mute ? node.serialNumber.state != State::Asked : node.muteRegister.has_value();
 }
 
 }  // namespace Nimbrel2::Platform::FireWire

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/Errno.h"
 #include "platform/linux/firewire/FireWireCore.h"
@@ -76,7 +77,9 @@ std::uint32_t FireWireCore::Execute(const NodeKey& key, const Request& request, 
         if (status != HAL_OK) {
             return status;
         }
-        if (node->mute && Clock::now() < node->quietUntil) {
+        const bool isWriteToCamera = request.kind == RequestKind::WriteQuadlet && node->FindCamera() != nullptr;
+        if (IsRefused(*node, request)) {
+            node->missedSomething = node->missedSomething || isWriteToCamera;
             return HAL_TIMED_OUT;
         }
         const std::uint8_t generation = node->ids.generation;
@@ -87,13 +90,20 @@ std::uint32_t FireWireCore::Execute(const NodeKey& key, const Request& request, 
             return status;
         }
 
-        node = FindByToken(token);  // another may have it, or nobody
         const std::uint32_t rcode = status == HAL_TIMED_OUT ? std::uint32_t{RCODE_CANCELLED} : answer->rcode;
+        if (IsTimeOut(rcode)) {
+            RefreshCard(key.card);  // its reset may not have been read yet
+            m_monitor.Wake();
+        }
+        node = FindByToken(token);  // another may have it, or nobody
         // A reset may have swallowed the answer.
-        const bool wasReset = node != nullptr && node->ids.generation != generation;
+        const bool wasReset = node == nullptr || !IsPresent(*node) || node->ids.generation != generation;
         if (IsTimeOut(rcode) && !wasReset) {
-            if (node != nullptr) {
-                NoteTimedOut(*node);
+            NoteTimedOut(*node);
+            if (isWriteToCamera) {
+                // Which register a cycle would write is known to the bus master alone, so each one may be it.
+                node->missedSomething = true;
+                node->muteRegister = request.offset;
             }
             return HAL_TIMED_OUT;
         }
@@ -117,7 +127,7 @@ std::uint32_t FireWireCore::Execute(const NodeKey& key, const Request& request, 
             continue;
         }
         if (node != nullptr) {
-            NoteAnswered(*node);
+            NoteAnswered(*node, request.offset);
         }
         status = StatusOfRcode(rcode, request.kind);
         if (status != HAL_OK || value == nullptr) {
@@ -223,25 +233,54 @@ void FireWireCore::CompleteAll(std::uint64_t token) {
     }
 }
 
-// A camera that was mute may have missed that its transmission was switched on again, so everybody enumerates anew.
-void FireWireCore::NoteAnswered(Node& node) {
-    if (!node.mute) {
+// What is not sent, for it would make its caller wait in vain.
+bool FireWireCore::IsRefused(const Node& node, const Request& request) {
+    if (node.mute) {
+        return Clock::now() < node.quietUntil;
+    }
+    return request.kind == RequestKind::WriteQuadlet && request.offset == node.muteRegister;
+}
+
+// A camera that was mute may have missed that its transmission was switched on again: then everybody enumerates anew.
+void FireWireCore::NoteAnswered(Node& node, std::uint64_t offset) {
+    node.owedSince.reset();
+    const bool wasMuteRegister = node.muteRegister == offset;
+    if (!node.mute && !wasMuteRegister) {
         return;
     }
     node.mute = false;
+    if (wasMuteRegister) {
+        node.muteRegister.reset();
+    }
+    if (node.muteRegister) {
+        // It answers; whether that register does too is to be seen before anybody writes there again.
+        node.nextProbe = Clock::now();
+        m_monitor.Wake();
+        return;
+    }
     node.probePause = Milliseconds(0);
+    if (std::exchange(node.missedSomething, false)) {
+        HaveUsersEnumerate();
+    }
+}
+
+void FireWireCore::HaveUsersEnumerate() {
     m_otherChange = true;
     NoteChange(false);
     m_monitor.Wake();
 }
 
 void FireWireCore::NoteTimedOut(Node& node) {
-    const TimePoint now = Clock::now();
     node.mute = true;
-    node.quietUntil = now + m_timings.quietAfterTimeOut;
-    node.probePause = std::clamp(2 * node.probePause, m_timings.quietAfterTimeOut, m_timings.probePauseMax);
-    node.nextProbe = now + node.probePause;
+    node.quietUntil = Clock::now() + m_timings.quietAfterTimeOut;
+    node.owedSince.reset();
+    PauseProbes(node);
     m_monitor.Wake();
+}
+
+void FireWireCore::PauseProbes(Node& node) const {
+    node.probePause = std::clamp(2 * node.probePause, m_timings.quietAfterTimeOut, m_timings.probePauseMax);
+    node.nextProbe = Clock::now() + node.probePause;
 }
 
 }  // namespace Nimbrel2::Platform::FireWire

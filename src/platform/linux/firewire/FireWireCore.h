@@ -51,8 +51,10 @@ struct ListedNode {
 
 enum class NodeKind { Camera, Device };
 
-/// What a node that nobody may open has in the place of its node id.
+/// What a node that nobody may open has in the place of its node id, and its controller in that of its number while no
+/// file of the bus is open.
 inline constexpr std::uint16_t UnknownNode = 0xFFFF;
+inline constexpr std::uint32_t UnknownCard = 0xFFFF;
 
 /// The quadlet of the configuration ROM that holds the serial number, the low half of the EUI-64. Each cycle of the bus
 /// master reads it from every camera that it keeps.
@@ -135,20 +137,31 @@ private:
         TimePoint quietUntil;  ///< until then it is not asked
         TimePoint nextProbe;   ///< when the monitor tries whether it answers again
         Milliseconds probePause{0};
+        /// A register in which a value was to be written, and that did not answer though the node does: what is written
+        /// there is not sent until the monitor has seen it answer.
+        std::optional<std::uint64_t> muteRegister;
+        bool missedSomething = false;  ///< that a cycle would have read or written, while it was mute
         Reading<std::uint32_t> serialNumber;
+        std::optional<TimePoint> owedSince;  ///< nothing has come of the serial number since, in any generation
 
         bool IsOpen() const { return file != nullptr; }
+        void StartAnew() {
+            mute = missedSomething = false;
+            probePause = Milliseconds(0);
+            muteRegister.reset();
+            owedSince.reset();
+        }
         const RomUnit* FindCamera() const { return scanned.isLocal ? nullptr : rom.FindCamera(); }
     };
 
-    enum class Purpose { Caller, SerialNumber, SelfIds };
+    enum class Purpose { Caller, SerialNumber, Register, SelfIds };
 
     /// What waits for the end of a request.
     struct Answer {
         Purpose purpose = Purpose::Caller;
         std::uint64_t token = 0;  ///< of the file that it was sent on
         std::uint8_t generation = 0;
-        TimePoint askedAt;
+        TimePoint owedSince;  ///< of a reading: it is late some time after this
         bool complete = false;
         std::uint32_t rcode = 0;
         std::vector<std::uint8_t> payload;  ///< room in it is made before the request is sent
@@ -175,7 +188,7 @@ private:
     BusState GetState() const NIMBREL2_REQUIRES(m_mutex);
 
     // CoreNodes.cpp
-    int Look() NIMBREL2_EXCLUDES(m_mutex);
+    void Look() NIMBREL2_EXCLUDES(m_mutex);
     void Merge(std::vector<ScannedNode>& found) NIMBREL2_REQUIRES(m_mutex);
     void AddNode(ScannedNode& scanned, RomInfo rom) NIMBREL2_REQUIRES(m_mutex);
     void DropNode(const std::string& name) NIMBREL2_REQUIRES(m_mutex);
@@ -188,6 +201,7 @@ private:
     bool AskFile(Node& node) NIMBREL2_REQUIRES(m_mutex);
     void RefreshCard(const std::string& path) NIMBREL2_REQUIRES(m_mutex);
     void RefreshCards() NIMBREL2_REQUIRES(m_mutex);
+    void RefreshCardsWithNews() NIMBREL2_REQUIRES(m_mutex);
     bool IsOfOneGeneration(const std::string& path) NIMBREL2_REQUIRES(m_mutex);
     Node* FindNode(const NodeKey& key) NIMBREL2_REQUIRES(m_mutex);
     Node* FindByToken(std::uint64_t token) NIMBREL2_REQUIRES(m_mutex);
@@ -195,7 +209,7 @@ private:
     std::uint32_t FindPresent(const NodeKey& key, Node** node) NIMBREL2_REQUIRES(m_mutex);
     std::uint32_t FindUsable(const NodeKey& key, Node** node) NIMBREL2_REQUIRES(m_mutex);
     std::uint32_t FindUsableLocal(const std::string& card, Node** node) NIMBREL2_REQUIRES(m_mutex);
-    static std::uint32_t StatusOfOpen(int error);
+    static std::uint32_t StatusOfFile(int error);
     static bool IsPresent(const Node& node) { return !node.hasLeft; }
 
     // CoreTransactions.cpp
@@ -206,8 +220,11 @@ private:
     void Complete(Closure closure, std::uint32_t rcode, std::span<const std::uint8_t> payload)
         NIMBREL2_REQUIRES(m_mutex);
     void CompleteAll(std::uint64_t token) NIMBREL2_REQUIRES(m_mutex);
-    void NoteAnswered(Node& node) NIMBREL2_REQUIRES(m_mutex);
+    void NoteAnswered(Node& node, std::uint64_t offset) NIMBREL2_REQUIRES(m_mutex);
     void NoteTimedOut(Node& node) NIMBREL2_REQUIRES(m_mutex);
+    static bool IsRefused(const Node& node, const Request& request);
+    void PauseProbes(Node& node) const;
+    void HaveUsersEnumerate() NIMBREL2_REQUIRES(m_mutex);
     bool Pause(UniqueLock& lock, Milliseconds time) NIMBREL2_REQUIRES(m_mutex);
 
     // CoreReadings.cpp
@@ -220,8 +237,9 @@ private:
     int Ask(Node& node, Purpose purpose, const Request& request) NIMBREL2_REQUIRES(m_mutex);
     void FinishReading(const Answer& answer) NIMBREL2_REQUIRES(m_mutex);
     void FinishSerialNumber(Node& node, const Answer& answer) NIMBREL2_REQUIRES(m_mutex);
+    void FinishRegister(Node& node, const Answer& answer) NIMBREL2_REQUIRES(m_mutex);
     void FinishSelfIds(const Node& local, const Answer& answer) NIMBREL2_REQUIRES(m_mutex);
-    void KeepSelfIds(Card& card) NIMBREL2_REQUIRES(m_mutex);
+    void KeepSelfIds(Card& card, const std::vector<SelfIdPacket_t>& packets) NIMBREL2_REQUIRES(m_mutex);
     void EndLateReadings(TimePoint now) NIMBREL2_REQUIRES(m_mutex);
     void ProbeMuteNodes(TimePoint now) NIMBREL2_REQUIRES(m_mutex);
     static bool IsProbed(const Node& node);
@@ -268,7 +286,7 @@ private:
 
     std::uint64_t m_looksWanted NIMBREL2_GUARDED_BY(m_mutex) = 0;  ///< listings that wait for a look, numbered
     std::uint64_t m_looksDone NIMBREL2_GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_lookStatus NIMBREL2_GUARDED_BY(m_mutex) = HAL_OK;  ///< of the last one
+    std::uint32_t m_lookStatus NIMBREL2_GUARDED_BY(m_mutex) = HAL_FAILED;  ///< why nothing has been seen so far
 };
 
 }  // namespace Nimbrel2::Platform::FireWire

@@ -19,14 +19,16 @@ public:
     Device(std::shared_ptr<FireWireCore> core, ListedNode listed)
         : m_core(std::move(core)), m_listed(std::move(listed)) {}
 
+    // Also of a node that has left since it was listed: to the bus master a camera that cannot be identified is a bus
+    // that cannot be listed, and all others would seem to have left with it.
     std::uint32_t GetConfigInfo(ConfigInfo* info) override {
-        std::uint16_t nodeId = 0;
-        std::uint32_t card = 0;
+        std::uint16_t nodeId = FireWire::UnknownNode;
+        std::uint32_t card = FireWire::UnknownCard;
         const std::uint32_t status = m_core->GetIds(m_listed.key, &nodeId, &card);
         info->numbers = {High(), nodeId, Low(), card, m_listed.unitVersion};
         info->vendor = m_listed.vendor;
         info->model = m_listed.model;
-        return status;
+        return status == HAL_GONE ? std::uint32_t{HAL_OK} : status;
     }
     std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) override {
         *high = High();

@@ -3,8 +3,8 @@
 #include "platform/linux/firewire/NodeScan.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
-#include <optional>
 #include <string_view>
 
 #include "platform/base/Sysfs.h"
@@ -26,26 +26,36 @@ std::string CardOf(const std::string& path) {
     return path.substr(0, 9) == "/devices/" && end > 9 ? path.substr(0, end) : std::string();
 }
 
-std::optional<ScannedNode> Scan(const SysfsDirectory& devices, const std::string& name) {
-    ScannedNode node;
-    node.name = name;
-    node.card = CardOf(devices.ReadLinkPath(name.c_str()));
+int Scan(const SysfsDirectory& devices, const std::string& name, ScannedNode* node) {
+    node->name = name;
+    node->card = CardOf(devices.ReadLinkPath(name.c_str()));
+    if (node->card.empty()) {
+        return ENOENT;
+    }
     SysfsDirectory directory;
-    if (node.card.empty() || directory.Open(devices, name) != 0) {
-        return std::nullopt;
-    }
     std::vector<std::uint8_t> rom;
-    if (directory.ReadBytes("config_rom", &rom) != 0) {
-        return std::nullopt;
+    std::string isLocal;
+    int error = directory.Open(devices, name);
+    if (error == 0) {
+        error = directory.ReadBytes("config_rom", &rom);
     }
-    node.inode = directory.GetInode();
-    node.isLocal = directory.ReadNumber("is_local") == 1u;
-    node.rom.resize(rom.size() / sizeof(std::uint32_t));
-    if (!node.rom.empty()) {
-        std::memcpy(node.rom.data(), rom.data(), node.rom.size() * sizeof(std::uint32_t));
+    if (error == 0) {
+        error = directory.ReadText("is_local", &isLocal);
     }
-    return node;
+    if (error != 0) {
+        return error;
+    }
+    node->inode = directory.GetInode();
+    node->isLocal = isLocal == "1";
+    node->rom.resize(rom.size() / sizeof(std::uint32_t));
+    if (!node->rom.empty()) {
+        std::memcpy(node->rom.data(), rom.data(), node->rom.size() * sizeof(std::uint32_t));
+    }
+    return 0;
 }
+
+/// What this process lacks says nothing of a node.
+bool IsOfThisProcess(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
 }  // namespace
 
@@ -64,8 +74,13 @@ int ScanNodes(std::vector<ScannedNode>* nodes) {
         if (!IsNodeName(name)) {
             continue;
         }
-        if (auto node = Scan(devices, name)) {
-            nodes->push_back(std::move(*node));
+        ScannedNode node;
+        error = Scan(devices, name, &node);
+        if (IsOfThisProcess(error)) {
+            return error;
+        }
+        if (error == 0) {
+            nodes->push_back(std::move(node));
         }
     }
     return 0;

@@ -18,7 +18,8 @@ struct ScannedNode {
 };
 
 /// @param nodes  Overwritten; in no order. A node that leaves meanwhile is left out.
-/// @return 0 or an errno; ENOENT when the kernel has no driver for IEEE 1394 loaded.
+/// @return 0 or an errno; ENOENT when the kernel has no driver for IEEE 1394 loaded; also when this process has no
+///         memory or descriptor left to read one of the nodes with, which does not say that it has left.
 int ScanNodes(std::vector<ScannedNode>* nodes);
 
 /// The controllers (PCI, OHCI 1394) that no driver serves, as their names on the PCI bus.
