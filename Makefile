@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # Thin fronts for CMake presets and scripts/; each first sees to the Debian packages that it needs.
-.PHONY: all run build test bench check abi test-arm64 clean
+.PHONY: all run build test bench check abi docs release-check test-arm64 clean
 
 all: build
 
@@ -39,6 +39,15 @@ abi:
 	cmake --preset dev
 	cmake --build --preset dev --target nimbrel2 nimbrel2_simulation
 	python3 tests/project/check_abi.py . build/dev --update
+
+# One HTML site of the documents, the headers and the schemas: build/docs/html/index.html.
+docs:
+	scripts/setup.sh docs
+	scripts/site.py . build/docs
+
+# Says what is missing before the version in src/common/Version.h can be tagged.
+release-check:
+	scripts/changelog.py . release-check
 
 # Cross-builds with Debian's compiler and runs the core's tests under qemu-user.
 test-arm64:

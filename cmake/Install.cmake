@@ -56,17 +56,26 @@ install(FILES ${CMAKE_BINARY_DIR}/nimbrel2Config.cmake ${CMAKE_BINARY_DIR}/nimbr
 set(pkgConfigFolder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH NIMBREL2_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" NIMBREL2_PREFIX_FROM_PKGCONFIG ${NIMBREL2_PREFIX_FROM_PKGCONFIG})
-foreach(package nimbrel2 nimbrel2-simulation)
+foreach(package nimbrel2 nimbrel2-core nimbrel2-simulation)
   configure_file(cmake/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${pkgConfigFolder})
 endforeach()
 
-# Where udevd looks, below any prefix that it looks at; elsewhere `nimbrel doctor` says what to do with it.
+# Not where udevd and sysctl look: who may open which device is for an administrator to decide. `nimbrel doctor` prints the
+# command that puts a rule in force.
 install(FILES packaging/udev/70-nimbrel2-firewire.rules packaging/udev/70-nimbrel2-usb3-vision.rules
-        DESTINATION lib/udev/rules.d)
+        DESTINATION share/nimbrel2/udev)
+install(FILES packaging/sysctl.d/60-nimbrel2.conf DESTINATION share/nimbrel2/sysctl.d)
 
 if(TARGET nimbrel)
   file(RELATIVE_PATH libraryFromProgram ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(nimbrel PROPERTIES INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
   install(TARGETS nimbrel)
+  set(completions tools/nimbrel/completion)
+  install(FILES ${completions}/nimbrel.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME nimbrel)
+  install(FILES ${completions}/_nimbrel DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+  install(FILES ${completions}/nimbrel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  if(NIMBREL2_BUILD_MANUAL)
+    install(DIRECTORY ${CMAKE_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+  endif()
 endif()

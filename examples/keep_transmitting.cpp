@@ -1,14 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // Has an IEEE 1394 camera transmit, and sees it transmit again after a bus reset: keep_transmitting SERIAL.
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <semaphore>
+#include <mutex>
 
 #include "busmaster/BusMaster.h"
 #include "common/IEEE1394Interface.h"
 
-std::counting_semaphore<> resets{0};
-void OnReset(void*, unsigned int) { resets.release(); }
+std::mutex g_mutex;
+std::condition_variable g_changed;
+bool g_wasReset = false;
+
+void OnReset(void*, unsigned int) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_wasReset = true;
+    g_changed.notify_one();
+}
 
 void Check(const Nimbrel2::Error& error) {
     if (error != Nimbrel2::ERROR_OK) {
@@ -35,7 +43,10 @@ int main(int argc, char** argv) {
     }
     camera->isoEnabled = true;  // From here on the bus master switches transmission on again after each bus reset.
     std::fputs("transmitting; waiting for a bus reset\n", stderr);
-    resets.acquire();
+    {
+        std::unique_lock<std::mutex> lock(g_mutex);
+        g_changed.wait(lock, [] { return g_wasReset; });
+    }
     camera->ReadRegister(IsoEnable, 0xFFFFFFFF, &value);
     std::puts(value >> 31 != 0 ? "transmitting again" : "stopped");
 }

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0
  * The smallest HAL: every function of hal/HAL.h, with three buses on which nothing is attached. Start from it for a HAL
- * of your own, and link that with nimbrel2_core. Any thread; its one variable is atomic.
+ * of your own, and link that after nimbrel2::core (pkg-config: nimbrel2-core). Any thread; its one variable is atomic.
  */
 #include <stdatomic.h>
 #include <stdbool.h>

@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the Debian packages that a job needs: scripts/setup.sh run|test|bench|ci|check|arm64
+# Installs the Debian packages that a job needs: scripts/setup.sh run|test|bench|docs|ci|check|arm64
 # Looks first, and when everything is there it is done in a few milliseconds: no root, no network.
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make git libboost-thread-dev libboost-date-time-dev libboost-dev
-       libcli11-dev nlohmann-json3-dev libcairo2-dev libusb-1.0-0-dev)
+       libcli11-dev nlohmann-json3-dev libcairo2-dev libusb-1.0-0-dev
+       python3 lowdown) # the manual pages
 # The independent camera is in aravis-tools, the tool that lists it in aravis-tools-cli.
 # clang shows that its thread-safety analysis sees our mutexes.
-# Fonts and readers that others wrote judge the pictures.
+# Fonts and readers that others wrote judge the pictures. Completion runs in the shells, pages in
+# man, and the site is made.
 tests=(ccache clang libbenchmark-dev libgtest-dev libgmock-dev aravis-tools aravis-tools-cli tshark iproute2 nftables
-       iptables ufw jq procps python3 python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
-       fonts-liberation umockdev libumockdev-dev)
-bench=(libbenchmark-dev python3 aravis-tools-cli umockdev libumockdev-dev)
+       iptables ufw firewalld dbus jq procps python3-jsonschema libgraphviz-dev librsvg2-bin python3-cairo fonts-dejavu-core
+       fonts-liberation umockdev libumockdev-dev bash-completion zsh fish man-db doxygen)
+bench=(libbenchmark-dev aravis-tools-cli umockdev libumockdev-dev)
 # clang's sanitizers. The runtime has clang's version in its name: 14 is Debian 12's.
 ci=(clang clang-tidy libclang-rt-14-dev)
 check=(abigail-tools clang-format shellcheck)
@@ -26,11 +28,12 @@ case "${1:-}" in
     run) wanted=("${build[@]}") ;;
     test) wanted=("${build[@]}" "${tests[@]}") ;;
     bench) wanted=("${build[@]}" "${bench[@]}") ;;
+    docs) wanted=(git make python3 doxygen) ;;
     ci) wanted=("${build[@]}" "${tests[@]}" "${bench[@]}" "${ci[@]}") ;;
     check) wanted=("${build[@]}" "${tests[@]}" "${bench[@]}" "${ci[@]}" "${check[@]}") ;;
     arm64) wanted=("${build[@]}" "${tests[@]}" ${arm64[@]+"${arm64[@]}"}) ;;
     *)
-        echo "usage: $0 run|test|bench|ci|check|arm64" >&2
+        echo "usage: $0 run|test|bench|docs|ci|check|arm64" >&2
         exit 2
         ;;
 esac
@@ -73,6 +76,11 @@ fi
 
 install=(apt-get install --yes --quiet --no-install-recommends -o DPkg::Lock::Timeout=600)
 echo "setup: installing ${missing[*]}"
+# A test starts it in a network of its own. Nothing may start it on this computer, where it would be a firewall.
+if [[ " ${missing[*]} " == *" firewalld "* ]] && command -v systemctl >/dev/null; then
+    echo "setup: masking firewalld.service, which is for tests only"
+    "${root[@]}" systemctl mask --quiet firewalld.service
+fi
 fresh=
 if [[ "${missing[*]}" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
     echo "setup: adding the arm64 architecture to this system's package manager"

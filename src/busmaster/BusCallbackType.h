@@ -8,7 +8,7 @@ namespace Nimbrel2 {
 
 /// The event a callback is registered for.
 enum BusCallbackType : std::uint32_t {
-    BUS_RESET = 0,  ///< Called with 0.
+    BUS_RESET = 0,  ///< Called with 0 after each re-enumeration, of RescanBus too; mostly twice for one bus reset.
     ARRIVAL = 1,    ///< Called with the serial number of the camera that came.
     REMOVAL = 2     ///< Called with the serial number of the camera that left.
 };

@@ -39,8 +39,17 @@ namespace Nimbrel2 {
 /// ERROR_MEMORY_ALLOCATION_FAILED. Out-parameters are written only as stated.
 ///
 /// A process that is forked after the object was made has the object but not its threads. There every operation answers
-/// ERROR_NOT_INITIALIZED, or its own "not found" if it has no such answer, without taking a lock, and the destructor
-/// does nothing: the child may call exit() or start another program. Turn into a daemon before the first GetInstance.
+/// ERROR_NOT_INITIALIZED, or its own "not found" if it has no such answer (RescanBus: ERROR_OK), without taking a lock,
+/// and the destructor does nothing: the child may call exit() or start another program. Turn into a daemon before the
+/// first GetInstance.
+///
+/// The shared library is never unloaded, for a thread that had to be left behind may still run in it. A plug-in that
+/// uses it may be, once it has taken its callbacks back and nobody uses what KeepHwInterface gave it. A plug-in that
+/// links the static core (nimbrel2::core) must be linked with -z nodelete itself.
+///
+/// All threads of the library block all signals but those of faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS,
+/// SIGABRT) and SIGPROF, so that an application may block the others and read them from a signalfd, before or after
+/// Initialize.
 /// @par Threads  Any, user callbacks included, unless an operation says otherwise. Operations on the lists wait while a
 ///               re-enumeration runs, which is milliseconds, and while Initialize waits, which can be 40 s.
 class NIMBREL2_API BusMaster : public Singleton<BusMaster> {
@@ -74,21 +83,26 @@ public:
     Error DisableVirtualDeviceEnumeration();
 
     /// Asks the worker to enumerate again and waits until it is idle, at most 1 s. A request that finds the worker busy
-    /// starts no further enumeration. Always ERROR_OK.
+    /// starts no further enumeration. BUS_RESET callbacks are called as after a bus reset. Always ERROR_OK.
     Error RescanBus();
 
     /// Waits until no bus reset is pending, the worker is idle and no callback is left to run: everything that was
     /// reported so far has been acted upon.
-    /// @return true if in time; always false inside a callback.
+    /// @return true if in time; false at once inside a callback, and in a forked process.
     bool WaitUntilQuiet(unsigned int milliseconds);
 
     // ---- Callbacks -------------------------------------------------------------------------------------------------
 
     /// Has a function called after each event of a kind: function(data, serial), where serial is that of the camera
-    /// that came or left and 0 for a bus reset. Each call runs on a thread of its own, one at a time in the process, in
-    /// no particular order. Calls that wait for a slow one keep a thread each. A callback may call every look-up and
-    /// bus operation. What it throws is dropped; it must not end its thread, nor wait for one that (un)registers.
+    /// that came or left and 0 for a bus reset. What has arrived is listed by then, what has left no longer is. Cameras
+    /// that Initialize has listed do not arrive: register first, then list.
+    ///
+    /// Each call runs on a thread of its own, one at a time in the process, in no particular order. Calls that wait for
+    /// a slow one keep a thread each. A callback may call every look-up and bus operation. What it throws is dropped.
+    /// It must not end its thread, nor wait for one that (un)registers. A program that it starts inherits the thread's
+    /// signal mask: set another between fork and exec, or with posix_spawnattr_setsigmask.
     /// @param function  Null is accepted and never called. The same function may be registered many times.
+    /// @param data      Passed on as it is; must stay good until UnregisterCallback or the destructor has returned.
     /// @param handle    Receives what UnregisterCallback wants.
     /// @return ERROR_INVALID_PARAMETER for a null handle or an unknown type; ERROR_NOT_INITIALIZED;
     ///         ERROR_LOW_LEVEL_FAILURE, at once, when called from inside a callback.
@@ -119,6 +133,8 @@ public:
 
     /// Finds the camera at a position of the current list.
     /// @param index  Zero-based. Positions move when cameras come and go: keep the guid, not the index.
+    ///               The guid of a GigE camera changes with its address, though (ZevoGuid.h): keep its
+    ///               serial number.
     /// @param guid   Receives the identifier; all zero when the index is past the end.
     /// @return ERROR_INVALID_PARAMETER for a null guid, tested first, or an index past the end; ERROR_NOT_INITIALIZED.
     Error GetCameraFromIndex(unsigned int index, ZevoGuid* guid);
@@ -126,6 +142,7 @@ public:
     /// The same for devices; guid is left alone when the index is past the end.
     Error GetDeviceFromIndex(unsigned int index, ZevoGuid* guid);
 
+    /// The serial number at that position.
     /// @return ERROR_INVALID_PARAMETER for a null serial, tested first, or an index past the end;
     /// ERROR_NOT_INITIALIZED.
     Error GetCameraSerialNumberFromIndex(unsigned int index, unsigned int* serial);
@@ -136,8 +153,8 @@ public:
     Error GetHwInterfaceFromIndex(unsigned int index, HardwareInterface** hw);
 
     /// The first camera in list order with that serial number. guid is all zero when there is none.
-    /// @return ERROR_INVALID_PARAMETER for a null guid, tested first; ERROR_NOT_INITIALIZED; ERROR_FAILED: no such
-    /// camera.
+    /// @return ERROR_INVALID_PARAMETER for a null guid, tested first; ERROR_NOT_INITIALIZED; ERROR_FAILED when there is
+    ///         none.
     Error GetCameraFromSerialNumber(unsigned int serial, ZevoGuid* guid);
 
     /// The same for its interface object, which lives while the camera stays listed.
@@ -157,7 +174,7 @@ public:
     /// The interface object of a camera or, when no camera has that guid, of a device, to read and write its registers.
     /// It stays good for as long as it is held: once the camera has left the list, or the bus master has gone, its
     /// operations answer HAL_GONE, also when the camera comes back, which gets an object of its own. In a forked
-    /// process they answer HAL_CLOSED.
+    /// process they answer HAL_CLOSED. A device gets another object in each re-enumeration: ask again after BUS_RESET.
     /// @param hw  Receives a share of the object; left alone on failure. Narrow it with dynamic_pointer_cast.
     /// @return ERROR_INVALID_PARAMETER for a null hw, tested first; ERROR_NOT_FOUND, also before start-up.
     /// @par Cost  No bus I/O.
@@ -169,7 +186,7 @@ public:
     /// The first GigE camera whose current address (bootstrap register 0x0024) is ip. guid is all zero when there is
     /// none.
     /// @return ERROR_INVALID_PARAMETER for a null guid; ERROR_NOT_FOUND. Works on whatever is listed, start-up or not.
-    /// @par Cost  One register read over the network a GigE camera, with the lists locked.
+    /// @par Cost  One register read over the network per GigE camera, with the lists locked.
     Error GetCameraFromIPAddress(IPAddress ip, ZevoGuid* guid);
 
     /// What a listing shows of a camera or device.
@@ -222,19 +239,26 @@ public:
     // These work on the network, whatever is listed, started or not, and hold no lock.
 
     /// Gives a camera an IP configuration until its next power cycle, wherever its present one puts it (FORCEIP).
-    /// @return ERROR_TIMEOUT when nobody acknowledged; ERROR_LOW_LEVEL_FAILURE with the HAL's status.
-    /// @par Cost  At most three requests of 300 ms each.
+    /// Whether another host has the address already is not asked.
+    /// @param ip       0.0.0.0: the camera begins its own configuration anew; ERROR_OK only says that it was sent.
+    /// @param gateway  0.0.0.0 for none.
+    /// @return ERROR_TIMEOUT when nobody acknowledged; ERROR_LOW_LEVEL_FAILURE with the HAL's status, HAL_BAD_MASK,
+    ///         HAL_BAD_ADDRESS or HAL_BAD_GATEWAY when nothing was sent because no camera can have that configuration.
+    /// @par Cost  At most three requests of 300 ms each until the acknowledge, then up to 2 s until the camera answers.
     Error ForceIPAddressToCamera(MACAddress mac, IPAddress ip, IPAddress subnet, IPAddress gateway);
 
     /// Gives every camera that is on a wrong subnet a free address of the subnet it is heard on.
-    /// @return ERROR_LOW_LEVEL_FAILURE with the first failing status, after all cameras had their turn. A camera that
-    /// did
-    ///         not acknowledge counts as that too.
-    /// @par Cost  A discovery window (1 s by default), then up to 900 ms a camera that does not answer.
+    /// @return ERROR_LOW_LEVEL_FAILURE with the first failing status, after all cameras had their turn.
+    ///         HAL_NO_ACKNOWLEDGE of a camera counts as that, too; there is no ERROR_TIMEOUT
+    ///         here.
+    /// @par Cost  A discovery window (1 s by default) and 0.3 s, then all cameras at once: up to 900 ms until the
+    ///            acknowledges and 2 s until they answer.
     Error ForceAllIPAddressesAutomatically();
 
     /// The same for the camera with that serial number.
-    /// @return ERROR_INVALID_PARAMETER for 0; ERROR_TIMEOUT when it did not acknowledge; ERROR_LOW_LEVEL_FAILURE.
+    /// @return ERROR_INVALID_PARAMETER for 0; ERROR_TIMEOUT when it did not acknowledge;
+    ///         ERROR_LOW_LEVEL_FAILURE with the HAL's status: HAL_GONE when no camera has that
+    ///         number, HAL_AMBIGUOUS when several have it.
     Error ForceAllIPAddressesAutomatically(unsigned int serialNumber);
 
     /// Finds every GigE camera that answers a broadcast, those on a wrong subnet too.
@@ -257,9 +281,9 @@ public:
 
     // ---- Topology --------------------------------------------------------------------------------------------------
 
-    /// How the cameras are connected: the computer, below it one node a kind of bus that has cameras (IEEE 1394, USB 2,
-    /// USB 3, GigE), below that the cameras, or the trees of the buses with the cameras' guids in them. A camera whose
-    /// bus cannot be read is left out.
+    /// How the cameras are connected: the computer, below it one node per kind of bus that has cameras (IEEE 1394, USB
+    /// 2, USB 3, GigE), below that the cameras, or the trees of the buses with the cameras' guids in them. A camera
+    /// whose bus cannot be read is left out.
     /// @param node  Receives the tree through its assignment; untouched on failure.
     /// @return ERROR_INVALID_PARAMETER for a null node, tested first; ERROR_NOT_INITIALIZED.
     /// @throws std::bad_alloc: the one operation that lets it out.

@@ -60,6 +60,10 @@ boost::thread StartThread(const char* name, boost::function<void()> body);
 using ThreadStartHook = void (*)();
 ThreadStartHook SetThreadStartHook(ThreadStartHook hook) noexcept;
 
+/// For the length of an operation that waits with Boost's means on a thread of the application: was that thread told to
+/// interrupt itself (boost::thread::interrupt), its own next wait does so, and not this one.
+using UninterruptedWaits = boost::this_thread::disable_interruption;
+
 /// Tries a mutex until the deadline. Plain mutexes have no timed lock; the destructor, which alone needs one, can wait
 /// in small steps.
 bool TryLockUntil(boost::unique_lock<boost::mutex>& lock, const boost::posix_time::ptime& deadline);

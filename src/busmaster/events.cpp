@@ -204,6 +204,7 @@ Error BusMaster::RescanBus() {
         if (m_members->IsInForkedProcess()) {
             return InternalError(ERROR_OK);
         }
+        const UninterruptedWaits uninterruptedWaits;
         // Held from before the notice: the worker cannot announce its idleness before this thread waits for it.
         Lock lock(m_members->m_workerIdleMutex);
         m_members->NotifyWorker();
@@ -214,9 +215,10 @@ Error BusMaster::RescanBus() {
 
 bool BusMaster::WaitUntilQuiet(unsigned int milliseconds) {
     Members& members = *m_members;
-    if (members.IsInForkedProcess()) {
+    if (members.IsInForkedProcess() || members.IsInsideCallback()) {
         return false;
     }
+    const UninterruptedWaits uninterruptedWaits;
     const boost::posix_time::ptime deadline = DeadlineIn(boost::posix_time::milliseconds(milliseconds));
     Lock lock(members.m_quietMutex);
     return members.m_quietCondition.timed_wait(lock, deadline, [&members] {

@@ -23,6 +23,7 @@ BusMaster::Members::Members(BusMaster* owner) : m_owner(owner) {}
 
 // The last owner: either the destructor below, or a thread that it had to leave behind.
 BusMaster::Members::~Members() {
+    const UninterruptedWaits uninterruptedWaits;
     m_workerThread.detach();
     FreeLists();
     FreeCallbacks(true);
@@ -42,6 +43,7 @@ BusMaster::~BusMaster() {
     if (members.IsInForkedProcess()) {
         return;
     }
+    const UninterruptedWaits uninterruptedWaits;
     TraceLine("Starting destruction of BusMaster");
     members.StopWorker();
     {
@@ -71,6 +73,7 @@ Error BusMaster::Initialize() {
             return NIMBREL2_ERROR(ERROR_NOT_INITIALIZED,
                                   "The bus master belongs to the process that this one was forked from.");
         }
+        const UninterruptedWaits uninterruptedWaits;
         const Lock busMasterLock = members.LockMain();
         if (members.GetInitialized()) {
             return InternalError(ERROR_OK);

@@ -21,6 +21,41 @@ struct Error::Details {
 
 namespace {
 
+// What an error says that was raised without a message.
+const char* TextOf(ErrorType type) {
+    switch (type) {
+        case ERROR_OK:
+            return "success";
+        case ERROR_FAILED:
+            return "failed";
+        case ERROR_NOT_IMPLEMENTED:
+            return "not implemented";
+        case ERROR_INIT_TIMED_OUT:
+            return "not started in time";
+        case ERROR_NOT_INITIALIZED:
+            return "not initialized";
+        case ERROR_INVALID_PARAMETER:
+            return "invalid parameter";
+        case ERROR_MEMORY_ALLOCATION_FAILED:
+            return "out of memory";
+        case ERROR_LOW_LEVEL_FAILURE:
+            return "low-level failure";
+        case ERROR_NOT_FOUND:
+            return "not found";
+        case ERROR_GUID_GENERATION_FAILED:
+            return "no identifier could be made";
+        case ERROR_UNSUPPORTED_INTERFACE:
+            return "not supported on this bus";
+        case ERROR_TIMEOUT:
+            return "not acknowledged in time";
+        case ERROR_REGISTER_FAILED:
+            return "a register could not be read";
+        case ERROR_BUFFER_TOO_SMALL:
+            return "the array is too small";
+    }
+    return "unknown error";
+}
+
 std::string TextOrEmpty(const char* text) { return text != nullptr ? std::string(text) : std::string(); }
 
 std::string Format(const char* format, std::va_list arguments) {
@@ -58,7 +93,10 @@ std::string Error::Describe() const {
         if (error != this) {
             text += "\n  caused by: ";
         }
-        text += error->m_details ? error->m_details->message : "error";
+        text += error->m_details ? error->m_details->message : TextOf(error->m_type);
+        if (error->m_type == ERROR_OK) {
+            continue;
+        }
         text += " (error " + std::to_string(static_cast<int>(error->m_type));
         if (error->m_details) {
             text += ", " + error->m_details->file + ":" + std::to_string(error->m_details->line) + ", built " +

@@ -22,6 +22,7 @@ public:
     bool operator==(const ErrorType& type) const noexcept { return m_type == type; }
     bool operator!=(const ErrorType& type) const noexcept { return m_type != type; }
     /// Errors are equal when their codes are.
+    bool operator==(const Error& other) const noexcept { return m_type == other.m_type; }
     bool operator!=(const Error& other) const noexcept { return m_type != other.m_type; }
 
     ErrorType GetType() const noexcept { return m_type; }
@@ -36,7 +37,8 @@ public:
     /// The error that caused this one, null when there is none. Lives as long as a copy of this error.
     const Error* GetCause() const noexcept;
 
-    /// The whole chain, for people: each message with its place, the cause behind it.
+    /// The whole chain, for people: each message with its place, the cause behind it. What the code means when there is
+    /// no message: "out of memory (error 10)"; "success" for ERROR_OK.
     std::string Describe() const;
 
 private:

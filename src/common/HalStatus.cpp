@@ -13,7 +13,7 @@ const char* HalStatusText(std::uint32_t status) noexcept {
         case HAL_FAILED:
             return "failed";
         case HAL_INVALID_ARGUMENT:
-            return "a value is out of its range";
+            return "an argument is missing, misaligned or out of range";
         case HAL_PERMISSION:
             return "permission denied";
         case HAL_GONE:

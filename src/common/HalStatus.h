@@ -10,7 +10,7 @@
 namespace Nimbrel2 {
 
 /// What a HALStatus means, as a short English text: "permission denied". The operations of a HardwareInterface return
-/// such a status, and the messages of Error hold it as a number.
+/// such a status, and the messages of Error hold it as a hexadecimal number, with and without 0x: "Error: 18" is 24.
 /// @return a text that lives for ever; "unknown status" for a number that is no HALStatus.
 NIMBREL2_API const char* HalStatusText(std::uint32_t status) noexcept;
 

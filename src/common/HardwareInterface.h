@@ -15,8 +15,8 @@
 
 namespace Nimbrel2 {
 
-/// One device, by the HAL entry that names it. The device is found anew at each operation, so the object stays good
-/// while its device is unplugged and plugged in again.
+/// One device, by the HAL entry that names it. The device is found anew at each operation, so the object stays good for
+/// as long as the device is listed, also when it was unplugged and plugged in again before anybody looked.
 ///
 /// All operations but the getters return a HALStatus: 0, or why not (HAL.h, at the function of the same name). Once
 /// ReleaseCamera or ReleaseDevice has been called every operation that needs the device answers HAL_GONE. An operation
@@ -29,7 +29,8 @@ public:
     HardwareInterface(const HardwareInterface&) = delete;
     HardwareInterface& operator=(const HardwareInterface&) = delete;
 
-    /// Gives the HAL entry back, when the last operation in flight ends. The destructor does not.
+    /// Gives the HAL entry back, when the last operation in flight ends. The destructor does not. For the bus master to
+    /// call when the device has left the list: an application that calls it makes the device useless to everybody.
     virtual std::uint32_t ReleaseCamera() = 0;
     virtual std::uint32_t ReleaseDevice() = 0;
 
@@ -93,7 +94,7 @@ protected:
 
     HalEntry m_entry;
 
-    /// Calls a HAL function with the entry in front of the arguments; HAL_GONE when the entry has been given back.
+    /// For the library's own classes. Calls a HAL function with the entry first; HAL_GONE once that was given back.
     template <class Function, class... Arguments>
     std::uint32_t OnEntry(Function function, Arguments... arguments) {
         const HalEntry::Use use(m_entry);

@@ -10,7 +10,8 @@
 namespace Nimbrel2 {
 
 /// Receives a line of the trace: plain text, without time or thread, which a sink adds when it wants them, sometimes
-/// with a line feed at its end. Texts may change between releases.
+/// with a line feed at its end. Texts may change between releases. What the drivers of the buses have to say comes to
+/// Platform::Options::trace instead.
 /// @par Threads  Called on the library's threads and on those that call the bus master, several at once, with locks
 ///               held. A sink must not call the bus master and must not wait for anything: it would hold up the worker
 ///               and every look-up. What it throws is dropped.

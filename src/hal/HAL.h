@@ -191,6 +191,7 @@ NIMBREL2_API uint32_t HAL_GigEGetCameras(void** entries, uint64_t* count);
  *                      lock; for devices of the cycle before: main and initialised lock.
  *   at the end         One thread for each camera, all at once, then the destructor's thread for the devices, one after
  *                      the other: the main lock, held by the destructor. The same in a start that follows a failed one.
+ *                      The worker, for cameras that left in a cycle that the end cut short: none.
  *   an operation       Whoever ends the last operation on an entry that was released meanwhile: what it holds.
  *   left behind        A thread that the destructor could not wait for: none. It gets HAL_CLOSED after the clean-up.
  */
@@ -350,17 +351,26 @@ NIMBREL2_API uint32_t HAL_UsbGetSerialText(void* entry, char* text, uint32_t* si
 /* The speed of the link now, in Mbit/s; the last one known when the device is gone. 5000 and above is SuperSpeed. */
 NIMBREL2_API uint32_t HAL_UsbGetSpeed(void* entry, uint32_t* speed);
 
-/* One register of the camera, as for IEEE 1394; HAL_NOT_SUPPORTED for a camera without a register protocol. */
+/*
+ * One register of the camera, as for IEEE 1394; HAL_NOT_SUPPORTED for a camera without a register protocol. Its
+ * interface is claimed meanwhile and given back: HAL_ACCESS_DENIED at once while another program has it. May block for
+ * 3 x 200 ms, 1 s when the camera asks for time, and 1 s more while a new camera's node is still being given to users.
+ */
 NIMBREL2_API uint32_t HAL_UsbReadRegister(void* entry, uint64_t address, uint32_t selector, uint32_t* value);
 NIMBREL2_API uint32_t HAL_UsbWriteRegister(void* entry, uint64_t address, uint32_t selector, uint32_t value,
                                            uint32_t flags);
 
-/* Resets the device's port and has the bus enumerated again. */
+/*
+ * Resets the device's port and has the bus enumerated again. Blocks until the kernel has done so. HAL_BUSY: another
+ * program has claimed one of its interfaces, and nothing was reset.
+ */
 NIMBREL2_API uint32_t HAL_UsbFireBusReset(void* entry);
 
 /*
  * link: bits 31..16 the speed in units of 10 Mbit/s, bits 15..8 the port number on its hub, bits 7..0 the number of
- * hubs above. status: wPortStatus in the low half, wPortChange in the high half (USB 3.2 10.16.2.6, USB 2.0 11.24.2.7).
+ * hubs above. status: wPortStatus in the low half, wPortChange in the high half (USB 3.2 10.16.2.6, USB 2.0 11.24.2.7);
+ * of a hub that this user may not open, what the kernel knows of a port with a working device. The link takes no bus
+ * I/O, the status may block for 200 ms.
  */
 NIMBREL2_API uint32_t HAL_UsbGetLinkInfo(void* entry, uint32_t* link);
 NIMBREL2_API uint32_t HAL_UsbGetPortStatus(void* entry, uint32_t* status);

@@ -115,8 +115,11 @@ enum class ControlState : std::uint8_t {
 
 struct ControlInfo {
     ControlState state = ControlState::Unknown;
-    std::uint32_t ownerIp = 0;  ///< 0 when the camera does not say
+    /// Whoever holds the camera. 0: the camera does not say, or was not asked, or status says why it is not known.
+    std::uint32_t ownerIp = 0;
     std::uint16_t ownerPort = 0;
+    /// HALStatus: what kept the camera from saying its state or, of one that is held, by whom. Else HAL_OK.
+    std::uint32_t status = HAL_OK;
 };
 
 struct InterfaceDiagnosis {
@@ -175,8 +178,9 @@ struct GigESearchProblem {
     int interface = 0;          ///< NetworkInterface::index; 0 for all
     std::string interfaceName;  ///< empty for all
     Kind kind = Kind::Socket;
-    int error = 0;       ///< errno
-    std::string reason;  ///< for people, without the name: "no socket: Too many open files"
+    int error = 0;        ///< errno
+    std::string reason;   ///< for people, without the name: "no socket: Too many open files"
+    bool inPart = false;  ///< it was searched all the same, and some cameras on it may be missing
 };
 
 /// A network interface in use whose reverse path filter drops the answers of cameras on other subnets.
@@ -404,8 +408,8 @@ NIMBREL2_API std::uint32_t FindMutedGigECameras(GigEHearing* hearing);
 /// @param plans         Overwritten: one a camera that answers a discovery, in the order of their MACs.
 /// @return HAL_OK, however many plans fail; HAL_NO_BUS or the reason when no network interface can be used; HAL_GONE
 ///         when no camera has that serial number.
-/// @par Threads  Any, but an event callback. Takes one discovery window (Options::discoveryWindow), and some 0.3 s more
-///               where a camera needs an address.
+/// @par Threads  Any, but an event callback. Takes as long as DiscoverGigE, and where a camera needs an address 0.2 s
+///               more; on a wire where most addresses are taken that again and again, 32 times at most.
 NIMBREL2_API std::uint32_t PlanGigEAddresses(std::optional<std::uint32_t> serialNumber,
                                              std::vector<AddressPlan>* plans);
 

@@ -12,7 +12,8 @@
 //            what does not fit its caller.
 // Results    HALStatus values. Every operation may answer HAL_CLOSED (Stop has been called) and HAL_FAILED (whatever
 //            has no status of its own); each class says what else. errno and the codes of a bus are turned into these
-//            here, and none is passed on.
+//            here, and none is passed on: base/Errno.h has a status for each errno of sockets and files, a driver its
+//            own table for its bus (linux/usb/OpenDevice.cpp for libusb, gvcp/GvcpStatus.cpp for cameras).
 // Cost       "No I/O" means from memory: microseconds. What may block says for how long, and holds no lock meanwhile
 //            that Report or a listing needs.
 // Memory     Operations may throw std::bad_alloc, and the bus is whole afterwards. Nothing else is thrown.
@@ -62,7 +63,9 @@ struct PresentDevice {
 
 /// A bus kind at one moment.
 struct BusState {
-    /// Another number says that the bus was reset, or that something else changed for which users must enumerate anew.
+    /// A number of the driver's own, which need not count anything: another one than last time has every user enumerate
+    /// anew, also when the devices are the same. IEEE 1394 raises it with each bus reset, for node ids change; USB with
+    /// each change of a tree, for hubs are no devices here, and when a camera's port was reset; GigE leaves it 0.
     std::uint64_t resets = 0;
     std::vector<PresentDevice> devices;  ///< in any order, each identity once
 
@@ -170,8 +173,8 @@ public:
 // ---- USB ------------------------------------------------------------------------------------------------------------
 
 /// One camera, found anew by VID, PID and serial text at each call, by port path when that text is empty or not unique.
-/// HAL_GONE while it is not attached; where there is I/O, also HAL_PERMISSION (this user may not open it), HAL_BUSY
-/// (another program has claimed it) and HAL_TIMED_OUT.
+/// HAL_GONE while it is not attached; where there is I/O, also HAL_PERMISSION (this user may not open it, or is not
+/// shown its node), HAL_ACCESS_DENIED (another program has claimed it; at once) and HAL_TIMED_OUT.
 class UsbDevice {
 public:
     virtual ~UsbDevice() = default;
@@ -183,19 +186,26 @@ public:
     /// Of the link; of a camera that is gone the last one known. No I/O.
     virtual std::uint32_t GetSpeed(std::uint32_t* megabits) = 0;
     /// One access, with the camera's interface claimed meanwhile: 200 ms per try, 1 s when the camera asks for time.
+    /// @param address  48 bits, as IEEE 1394 has them: one that the caller gave by its low 32 bits alone comes with
+    ///                 0xFFFF00000000 added. A camera whose registers have addresses of another kind (USB3 Vision) is
+    ///                 asked without that.
     /// HAL_NOT_SUPPORTED: it has no register protocol. HAL_NO_SUCH_REGISTER, HAL_WRITE_PROTECTED, HAL_ACCESS_DENIED,
     /// HAL_REFUSED: the camera has said so. HAL_BAD_ANSWER: it answers what its protocol does not know.
     virtual std::uint32_t ReadRegister(std::uint64_t address, std::uint32_t* value) = 0;
     virtual std::uint32_t WriteRegister(std::uint64_t address, std::uint32_t value) = 0;
-    /// Resets the camera's port; the bus is enumerated anew afterwards.
+    /// Resets the camera's port; the bus is enumerated anew afterwards. HAL_BUSY: another program has claimed one of
+    /// its interfaces, and nothing was reset.
     virtual std::uint32_t FireBusReset() = 0;
     /// Speed in units of 10 Mbit/s << 16 | port number << 8 | number of hubs above. No I/O.
     virtual std::uint32_t GetLinkInfo(std::uint32_t* link) = 0;
-    /// wPortChange << 16 | wPortStatus, asked from the hub above: some 10 ms.
+    /// wPortChange << 16 | wPortStatus, asked from the hub above: some 10 ms. Of a hub that this user may not open,
+    /// what is known without it.
     virtual std::uint32_t GetPortStatus(std::uint32_t* status) = 0;
-    /// The whole tree of the camera's controller, from one reading, each device behind the hub above it. deviceId is
-    /// the camera's own, hostKey tells controllers apart, generation changes with every change below the controller.
-    /// Milliseconds. HAL_NO_TREE: there is none to show.
+    /// The whole tree of the camera's controller, from one reading, each device behind the hub above it. A USB 3
+    /// controller has two root hubs, one per speed, and each hub below it is two devices: all of it is one tree,
+    /// without the root hubs, and rootPortId keeps the ports of the two apart. deviceId is the camera's own, hostKey
+    /// tells controllers apart, generation changes with every change below the controller. Milliseconds. HAL_NO_TREE:
+    /// there is none to show.
     virtual std::uint32_t GetTree(std::vector<UsbSelfId>* records, std::uint32_t* deviceId, std::uint64_t* hostKey,
                                   std::uint32_t* generation) = 0;
 };
@@ -265,7 +275,8 @@ public:
     /// @param address  Has passed CheckCameraAddress (platform/base/CameraAddress.h).
     virtual std::uint32_t ForceAddress(const GigEAddress& /*address*/, ForceIpResult* /*result*/) { return m_reason; }
     /// Which cameras need another address, and a free one for each, sorted by MAC; changes nothing. One discovery
-    /// window, and 0.3 s more. HAL_GONE: no camera has that serial number.
+    /// window, 0.6 s more while cameras do not answer at their addresses, and 0.2 s for each time that hosts are asked
+    /// whose the addresses are: once, unless most are taken. HAL_GONE: no camera has that serial number.
     virtual std::uint32_t PlanAddresses(std::optional<std::uint32_t> /*serialNumber*/,
                                         std::vector<AddressPlan>* /*plans*/) {
         return m_reason;

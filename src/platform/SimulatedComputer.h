@@ -13,7 +13,8 @@
 
 namespace Nimbrel2::Platform {
 
-/// A computer as a rig file describes it, and what happens to it.
+/// A computer as a rig file describes it, and what happens to it. `nimbrel rig demo` prints such a file, `nimbrel rig
+/// schema` the JSON Schema of all that may stand in one, the actions included.
 ///
 ///     auto computer = SimulatedComputer::ReadFile("line.json");
 ///     Configure(computer.MakeOptions());       // before the bus master is first asked for

@@ -36,8 +36,8 @@ public:
     /// Replaces the whole node with its subtree.
     virtual TopologyNode& operator=(const TopologyNode& other);
 
-    virtual ZevoGuid GetGuid() const;
-    virtual int GetDeviceId() const;
+    virtual ZevoGuid GetGuid() const;  ///< The camera's, also in a NODE_DEVICE of a bus tree; else all zero.
+    virtual int GetDeviceId() const;   ///< Phy id (IEEE 1394), number below the host (USB 3; 63: host), else position.
     virtual NodeType GetNodeType() const;
     virtual InterfaceType GetInterfaceType() const;
 

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which registration a signalled call belongs to, and that the worker never waits for user code.
+#include <limits>
+
 #include "tests/busmaster/BusMasterFixture.h"
 
 namespace Nimbrel2::Testing {
@@ -59,6 +61,26 @@ TEST_F(Signalling, CyclesGoOnWhileACallbackHangs) {
     EXPECT_FALSE(busMaster->WaitUntilQuiet(1)) << "a callback is left to run";
     gate.Open();
     EXPECT_TRUE(WaitUntilIdle());
+}
+
+// Its own callback would be waited for until the time is over.
+TEST_F(Signalling, ACallThatAsksForQuietIsAnsweredAtOnce) {
+    struct Asker {
+        BusMaster* busMaster = nullptr;
+        std::atomic<int> answer{-1};
+
+        static void Run(void* data, unsigned int) {
+            auto& asker = *static_cast<Asker*>(data);
+            asker.answer = asker.busMaster->WaitUntilQuiet(std::numeric_limits<unsigned int>::max()) ? 1 : 0;
+        }
+    } asker;
+    Start();
+    asker.busMaster = busMaster.get();
+    void* handle = nullptr;
+    ASSERT_TRUE(busMaster->RegisterCallback(&Asker::Run, BUS_RESET, &asker, &handle) == ERROR_OK);
+    RaiseReset();
+    EXPECT_TRUE(WaitUntilIdle());
+    EXPECT_EQ(0, asker.answer);
 }
 
 // The calls that wait behind a hanging one are for a registration that is withdrawn as soon as that one ends.

@@ -158,6 +158,21 @@ TEST_F(WorkerCycle, ReplacesTheDevicesAndReleasesTheOldOnes) {
     EXPECT_EQ(0U, hal.TimesFreed(entries[2]));
 }
 
+TEST_F(WorkerCycle, ADevicesInterfaceObjectIsReplacedThoughTheDeviceStays) {
+    hal.AddFireWireDevice(1, 2);
+    Start();
+    ZevoGuid guid;
+    boost::shared_ptr<HardwareInterface> before;
+    boost::shared_ptr<HardwareInterface> after;
+    std::uint32_t value = 0;
+    ASSERT_TRUE(busMaster->GetDeviceFromIndex(0, &guid) == ERROR_OK);
+    ASSERT_TRUE(busMaster->KeepHwInterface(guid, &before) == ERROR_OK);
+    Cycle();
+    ASSERT_TRUE(busMaster->KeepHwInterface(guid, &after) == ERROR_OK);
+    EXPECT_EQ(HAL_GONE, before->GetDeviceInfo(&value, &value, &value));
+    EXPECT_EQ(HAL_OK, after->GetDeviceInfo(&value, &value, &value));
+}
+
 // The counts of the idle worker's look at what is pending come from real wake-ups only.
 TEST_F(WorkerCycle, AWakeUpWithoutAReasonRunsOneCycle) {
     Start();

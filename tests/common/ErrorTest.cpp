@@ -2,6 +2,7 @@
 // Errors: the forms of the builder, the comparisons, the chain of causes.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 #include "common/Error.h"
@@ -40,6 +41,7 @@ TEST(Error, IsSuccessWhenDefaultConstructedAndWhenBuiltFromOk) {
     EXPECT_FALSE(built != ERROR_OK);
     EXPECT_FALSE(made != built);
     EXPECT_FALSE(built != made);
+    EXPECT_TRUE(made == built);
 }
 
 TEST(Error, ComparesAlikeAgainstACodeAndAgainstASuccessConvertedOnTheSpot) {
@@ -54,6 +56,8 @@ TEST(Error, ComparesAlikeAgainstACodeAndAgainstASuccessConvertedOnTheSpot) {
 TEST(Error, ComparesOnlyCodes) {
     EXPECT_FALSE(Located(ERROR_NOT_FOUND, "here") != Located(ERROR_NOT_FOUND, "there"));
     EXPECT_TRUE(Located(ERROR_NOT_FOUND, "here") != Located(ERROR_FAILED, "here"));
+    EXPECT_TRUE(Located(ERROR_NOT_FOUND, "here") == Located(ERROR_NOT_FOUND, "there"));
+    EXPECT_FALSE(Located(ERROR_NOT_FOUND, "here") == Located(ERROR_FAILED, "here"));
     EXPECT_TRUE(Located(ERROR_NOT_FOUND, "here") == ERROR_NOT_FOUND);
     EXPECT_FALSE(Located(ERROR_NOT_FOUND, "here") == ERROR_OK);
     EXPECT_FALSE(Located(ERROR_NOT_FOUND, "here") != ERROR_NOT_FOUND);
@@ -68,7 +72,28 @@ TEST(Error, HasNoTextsAndNoCauseWithoutALocation) {
     EXPECT_STREQ("", bare.GetBuildTime());
     EXPECT_EQ(0, bare.GetLine());
     EXPECT_EQ(nullptr, bare.GetCause());
-    EXPECT_EQ("error (error 10)", bare.Describe());
+    EXPECT_EQ("out of memory (error 10)", bare.Describe());
+}
+
+TEST(Error, WithoutALocationIsDescribedByWhatItsCodeMeans) {
+    EXPECT_EQ("success", Error().Describe());
+    const std::map<ErrorType, std::string> texts = {
+        {ERROR_FAILED, "failed (error 1)"},
+        {ERROR_NOT_IMPLEMENTED, "not implemented (error 2)"},
+        {ERROR_INIT_TIMED_OUT, "not started in time (error 5)"},
+        {ERROR_NOT_INITIALIZED, "not initialized (error 6)"},
+        {ERROR_INVALID_PARAMETER, "invalid parameter (error 7)"},
+        {ERROR_LOW_LEVEL_FAILURE, "low-level failure (error 11)"},
+        {ERROR_NOT_FOUND, "not found (error 12)"},
+        {ERROR_GUID_GENERATION_FAILED, "no identifier could be made (error 13)"},
+        {ERROR_UNSUPPORTED_INTERFACE, "not supported on this bus (error 17)"},
+        {ERROR_TIMEOUT, "not acknowledged in time (error 18)"},
+        {ERROR_REGISTER_FAILED, "a register could not be read (error 28)"},
+        {ERROR_BUFFER_TOO_SMALL, "the array is too small (error 40)"},
+    };
+    for (const auto& [type, text] : texts) {
+        EXPECT_EQ(text, Error(InternalError(type)).Describe());
+    }
 }
 
 TEST(Error, ReadsBackWhereItWasRaised) {

@@ -28,6 +28,7 @@ TEST(HalStatusText, IsThereForEveryStatusAndDifferentForEach) {
 
 TEST(HalStatusText, SaysWhatItMeans) {
     EXPECT_STREQ("success", HalStatusText(HAL_OK));
+    EXPECT_STREQ("an argument is missing, misaligned or out of range", HalStatusText(HAL_INVALID_ARGUMENT));
     EXPECT_STREQ("permission denied", HalStatusText(HAL_PERMISSION));
     EXPECT_STREQ("no answer in time", HalStatusText(HAL_TIMED_OUT));
     EXPECT_STREQ("in use by another application", HalStatusText(HAL_ACCESS_DENIED));

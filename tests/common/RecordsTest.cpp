@@ -35,7 +35,21 @@ TEST(ZevoGuid, IsEqualOnlyWhenAllFourWordsAre) {
         ZevoGuid other = guid;
         ++other.value[word];
         EXPECT_FALSE(guid == other) << "word " << word;
+        EXPECT_TRUE(guid != other) << "word " << word;
     }
+    EXPECT_FALSE(guid != (ZevoGuid{{1, 2, 3, 4}}));
+}
+
+TEST(ZevoGuid, HasAPlaceOfItsOwnInAnOrder) {
+    const ZevoGuid guid{{1, 2, 3, 4}};
+    EXPECT_FALSE(guid < guid);
+    for (int word = 0; word < 4; ++word) {
+        ZevoGuid other = guid;
+        ++other.value[word];
+        EXPECT_TRUE(guid < other) << "word " << word;
+        EXPECT_FALSE(other < guid) << "word " << word;
+    }
+    EXPECT_TRUE((ZevoGuid{{1, 9, 9, 9}}) < (ZevoGuid{{2, 0, 0, 0}}));
 }
 
 TEST(BusMasterHandle, StartsEmpty) {

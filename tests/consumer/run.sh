@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs a build, then builds and runs programs against the installed package as a stranger would, once with CMake and
-# once with pkg-config, all in a temporary folder: run.sh BUILD SOURCE C_COMPILER CXX_COMPILER
+# Installs a build, then builds and runs programs and the examples against the installed package as a stranger would, with
+# CMake and with pkg-config, all in a temporary folder: run.sh BUILD SOURCE C_COMPILER CXX_COMPILER
 set -euo pipefail
 build=$1 source=$2 cc=$3 cxx=$4
 
@@ -18,6 +18,7 @@ cmake --install "$build" --prefix "$work/installed" >"$work/log" || fail "cmake 
 # A tree may be moved after it was installed.
 mv "$work/installed" "$work/prefix"
 cp -r "$source/tests/consumer" "$work/project"
+cp -r "$source/examples" "$work/examples"
 cp "$source/examples/null_hal.c" "$work/project/"
 
 version=$(sed -nE 's/^#define NIMBREL2_VERSION_(MAJOR|MINOR|PATCH) ([0-9]+)$/\2/p' "$source/src/common/Version.h" | paste -sd.)
@@ -31,9 +32,11 @@ for name in libnimbrel2 libnimbrel2_simulation; do
 done
 libdir=$(dirname "$library")
 
-# udevd looks for rules below /usr and /usr/local.
-cmp "$source/packaging/udev/70-nimbrel2-usb3-vision.rules" "$work/prefix/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules" ||
-    fail "the udev rule is not installed"
+# What only an administrator puts in force lies beside the rest.
+for file in udev/70-nimbrel2-usb3-vision.rules udev/70-nimbrel2-firewire.rules sysctl.d/60-nimbrel2.conf; do
+    cmp "$source/packaging/$file" "$work/prefix/share/nimbrel2/$file" || fail "$file is not installed"
+done
+[ ! -e "$work/prefix/lib/udev" ] || fail "an installation puts udev rules in force"
 
 # What our own build is compiled with is nobody else's business.
 leaked=$(grep -rnE -- '-W|-fsanitize|-fno-omit|build_flags|'"$source|$build" "$libdir/cmake" "$libdir/pkgconfig" || true)
@@ -52,6 +55,27 @@ cmake --build "$work/cmake" --parallel 2
 expect "$work/cmake/with_shipped_hal"
 expect "$work/cmake/with_own_hal"
 
+# The examples, as whoever starts from them builds them.
+cmake -S "$work/examples" -B "$work/examples-built" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_CXX_COMPILER="$cxx"
+cmake --build "$work/examples-built" --parallel 2
+output=$(timeout 60 "$work/examples-built/count_cameras_null_hal") || fail "count_cameras_null_hal failed: $output"
+[ "$output" = "0 cameras" ] || fail "count_cameras_null_hal printed: $output"
+output=$(timeout 60 "$work/examples-built/follow_cameras" --simulated) || fail "follow_cameras failed: $output"
+[ "${output##*$'\n'}" = "21000101 has arrived: Brightline U3 500" ] || fail "follow_cameras printed: $output"
+
+# Who writes a HAL in C needs no C++ compiler for it, whatever part of the package is asked for.
+mkdir "$work/hal"
+cat >"$work/hal/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.16)
+project(own_hal LANGUAGES C)
+find_package(nimbrel2 0.1 REQUIRED COMPONENTS hal)
+add_library(own_hal STATIC ../project/null_hal.c)
+target_link_libraries(own_hal PRIVATE nimbrel2::hal)
+END
+cmake -S "$work/hal" -B "$work/hal-built" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc"
+cmake --build "$work/hal-built"
+
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [ "$(pkg-config --modversion nimbrel2)" = "$version" ] ||
     fail "nimbrel2.pc has another version"
@@ -59,6 +83,11 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror "$work/project/main.cpp" -o "$work/with_pkgconfig" \
     $(pkg-config --cflags --libs nimbrel2-simulation)
 expect env LD_LIBRARY_PATH="$libdir" "$work/with_pkgconfig"
+
+# shellcheck disable=SC2046
+"$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror "$work/project/main_own_hal.cpp" -o "$work/own_hal_with_pkgconfig" \
+    $(pkg-config --cflags --libs nimbrel2-core) "$work/hal-built/libown_hal.a"
+expect "$work/own_hal_with_pkgconfig"
 
 # A program for real cameras carries no simulated ones and no JSON parser.
 # shellcheck disable=SC2046
@@ -90,3 +119,14 @@ for name in libnimbrel2.so libnimbrel2_simulation.so; do
     flags=$(readelf -d "$libdir/$name" | grep FLAGS)
     [[ $flags == *NODELETE* ]] || fail "$name can be unloaded under its threads"
 done
+
+# What the page for newcomers shows, from a folder with the sources and a build.
+mkdir -p "$work/home" "$work/clone/build"
+ln -s "$build" "$work/clone/build/release"
+cp -r "$source/examples" "$work/clone/examples"
+shown=$(sed -n '/<!-- not run: the test of the installed package runs this -->/,/^```$/p' "$source/docs/first-register.md" | grep -v '^<!--\|^```')
+[ "$(wc -l <<<"$shown")" -eq 3 ] || fail "docs/first-register.md does not show how to compile a program"
+unset PKG_CONFIG_PATH  # in a network without cameras
+output=$(cd "$work/clone" && HOME=$work/home timeout 120 bash -euc "$shown"$'\n'"unshare --net --map-root-user ./read_register 19340213 0" 2>&1 >"$work/log") &&
+    fail "read_register found a camera: $output"
+[[ $output == "Camera with specified serial number was not found."* ]] || fail "what docs/first-register.md shows fails: $output"

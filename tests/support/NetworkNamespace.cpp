@@ -143,14 +143,18 @@ std::unique_ptr<ChildProcess> NetworkNamespace::StartProgram(const std::vector<s
 }
 
 void NetworkNamespace::Ip(const std::string& words) {
+    // The kernel makes and ends namespaces one after the other, in a second each when it is busy, and lets nobody
+    // change an interface meanwhile: with many tests at once that is long.
+    constexpr std::chrono::minutes longest{2};
     std::vector<std::string> arguments{"ip"};
     std::istringstream stream(words);
     for (std::string word; stream >> word;) {
         arguments.push_back(word);
     }
-    const ProgramResult result = RunProgram(arguments);
+    const ProgramResult result = RunProgram(arguments, longest);
     if (result.exitStatus != 0) {
-        throw std::runtime_error("ip " + words + ": " + result.errors);
+        throw std::runtime_error("ip " + words + ": exit status " + std::to_string(result.exitStatus) + ", " +
+                                 result.errors);
     }
 }
 

@@ -303,6 +303,19 @@ TEST(AutoIp, ServesOneCameraBySerialNumber) {
     EXPECT_EQ(json[0]["result"], "changed");
 }
 
+TEST(AutoIp, ServesACameraThatHasNoAddressYet) {
+    std::string rig = TwoStrangers("");
+    rig.replace(rig.find("10.9.9.1/8"), 10, "0.0.0.0/0");
+    EXPECT_EQ(Json::parse(RigComputer(rig).Run({"discover", "--json"}).output)["cameras"][0]["usable"], "no-address");
+    EXPECT_EQ(Json::parse(RigComputer(rig).Run({"list", "--json"}).output)["cameras"].size(), 0u);
+    const Json json = Json::parse(RigComputer(rig).Run({"auto-ip", "--serial", "1", "--json"}).output);
+    EXPECT_EQ(json["ok"], true);
+    ASSERT_EQ(json["cameras"].size(), 1u);
+    EXPECT_EQ(json["cameras"][0]["ip"], "0.0.0.0");
+    EXPECT_EQ(json["cameras"][0]["result"], "changed");
+    EXPECT_THAT(json["cameras"][0]["new_ip"].get<std::string>(), ::testing::StartsWith("192.168.77."));
+}
+
 TEST(AutoIp, RefusesASerialNumberOfTwoCamerasAndNamesBoth) {
     std::string twins = TwoStrangers("");
     twins.replace(twins.find(R"("serial": "2")"), 13, R"("serial": "1")");

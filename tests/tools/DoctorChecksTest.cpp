@@ -132,6 +132,11 @@ TEST_F(DoctorChecks, StandEveryEmptyExamination) {
     EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("permission denied"));
     EXPECT_THAT(CheckInterfaces(examined), IsEmpty()) << "nothing is known of them";
     examined.status = HAL_OK;
+    examined.status = HAL_OUT_OF_MEMORY;
+    EXPECT_THAT(ExpectWrong(CheckDriver).cure, HasSubstr("# close programs"));
+    examined.status = HAL_OK;
+    examined.diagnosis.error = EMFILE;
+    EXPECT_THAT(ExpectWrong(CheckDriver).cure, HasSubstr("# too many files are open"));
     examined.diagnosis.error = EPERM;
     EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("Operation not permitted"));
     EXPECT_THAT(CheckInterfaces(examined), IsEmpty());
@@ -147,6 +152,9 @@ TEST_F(DoctorChecks, DriverTellsARefusedSocketAndARefusedBroadcast) {
     H0().sendError = 0;
     examined.hearing.interfaces[0].error = ENETUNREACH;
     EXPECT_EQ(ExpectWrong(CheckDriver).cure, "sudo ip address add 192.168.100.1/24 dev h0");
+    examined.hearing.interfaces[0].error = EMFILE;
+    EXPECT_THAT(ExpectWrong(CheckDriver).evidence, HasSubstr("h0: socket refused: Too many open files"));
+    EXPECT_THAT(ExpectWrong(CheckDriver).cure, HasSubstr("# too many files are open"));
     examined.hearing.interfaces.clear();
     H0().used = false;
     H0().error = EMFILE;
@@ -172,6 +180,38 @@ TEST_F(DoctorChecks, InterfaceThatIsDownIsWrongWhenNoOtherWorks) {
     examined.diagnosis.interfaces.push_back(Interface(3, "u0", 0xAC140001));
     ExpectFine(CheckInterfaces);
     EXPECT_THAT(CheckInterfaces(examined)[0].evidence, HasSubstr("h0 has no link and is not searched"));
+}
+
+TEST_F(DoctorChecks, InterfaceThatLacksSeveralThingsHasOneCureForAll) {
+    H0().used = H0().interface.up = H0().interface.running = false;
+    H0().interface.addresses.clear();
+    examined.diagnosis.cameras.clear();
+    EXPECT_EQ(ExpectWrong(CheckInterfaces).evidence,
+              "h0 is down and has no IPv4 address, so no camera on it can be used");
+    EXPECT_EQ(ExpectWrong(CheckInterfaces).cure,
+              "sudo ip link set dev h0 up && sudo ip address add 192.168.100.1/24 dev h0");
+    H0().interface.up = true;
+    EXPECT_EQ(ExpectWrong(CheckInterfaces).evidence,
+              "h0 has no link and no IPv4 address, so no camera on it can be used");
+    EXPECT_EQ(ExpectWrong(CheckInterfaces).cure,
+              "# plug the cable of h0 in at both ends, then: sudo ip address add 192.168.100.1/24 dev h0");
+}
+
+TEST_F(DoctorChecks, InterfacesWithoutAnAddressGetASubnetEach) {
+    examined.diagnosis.interfaces = {Interface(2, "h0", 0), Interface(3, "u0", 0)};
+    const Findings findings = CheckInterfaces(examined);
+    ASSERT_THAT(findings, SizeIs(2));
+    EXPECT_EQ(findings[0].cure, "sudo ip address add 192.168.100.1/24 dev h0");
+    EXPECT_EQ(findings[1].cure, "sudo ip address add 192.168.101.1/24 dev u0");
+}
+
+TEST_F(DoctorChecks, InterfaceThatCanHaveNoCameraIsNeverNamed) {
+    H0().used = H0().interface.running = false;
+    examined.diagnosis.interfaces.push_back(Interface(3, "docker0", 0xAC110001));
+    examined.diagnosis.interfaces[1].used = examined.diagnosis.interfaces[1].interface.running = false;
+    EXPECT_THAT(CheckInterfaces(examined), SizeIs(2));
+    examined.host.cameraless = {"docker0"};
+    EXPECT_THAT(ExpectWrong(CheckInterfaces).evidence, HasSubstr("h0 has no link"));
 }
 
 TEST_F(DoctorChecks, InterfaceWithALinkAndNoAddressIsWrongUnlessOthersAreBuiltUponIt) {
@@ -319,7 +359,7 @@ TEST_F(DoctorChecks, ForeignSubnetNamesAddressSubnetAndCommand) {
               "192.168.77.0/24, so it cannot be used");
     EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 9");
     First().record.serialNumber[0] = '\0';
-    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel force-ip --mac 02:00:00:00:00:09 --ip 192.168.77.254/24");
+    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel auto-ip") << "no number names it";
     First().record.macHigh = 0;
     First().record.macLow = 0;
     EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "sudo ip route add 10.9.9.9/32 dev h0");
@@ -355,17 +395,69 @@ TEST_F(DoctorChecks, ForeignSubnetKnowsACameraThatAnotherInterfaceReaches) {
     EXPECT_THAT(ExpectWrong(CheckForeignSubnet).evidence, HasSubstr("camera 9"));
 }
 
+TEST_F(DoctorChecks, ForeignSubnetNamesNoCameraByASerialNumberThatAnotherHasToo) {
+    examined.diagnosis.cameras.push_back(Camera(9, 0x0A090909));
+    Disable(examined.diagnosis.cameras[1], GigEUsability::OtherSubnet);
+    examined.diagnosis.cameras[1].record.serialNumber[0] = '5';  // that of the one that is all right
+    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel auto-ip");
+    examined.diagnosis.cameras[1].record.serialNumber[0] = '9';
+    Mute(8, 0x0A090908, false).record.serialNumber[0] = '9';
+    const Findings findings = CheckForeignSubnet(examined);
+    ASSERT_THAT(findings, SizeIs(2));
+    EXPECT_EQ(findings[0].cure, "nimbrel auto-ip");
+    EXPECT_EQ(findings[1].cure, "nimbrel auto-ip");
+}
+
+TEST_F(DoctorChecks, InterfaceWhoseMaskLeavesNoRoomIsTheOneFindingOfItsCameras) {
+    H0().interface.addresses[0].prefixLength = 32;
+    Disable(First(), GigEUsability::OtherSubnet);
+    const Finding finding = ExpectWrong(CheckInterfaces);
+    EXPECT_EQ(finding.evidence,
+              "h0 has the address 192.168.77.1/32, a subnet without room for a camera, so no camera on it can be used");
+    EXPECT_EQ(finding.cure,
+              "sudo ip address add 192.168.77.1/24 dev h0 && sudo ip address delete 192.168.77.1/32 dev h0");
+    ExpectFine(CheckForeignSubnet);
+    First().record.ipAddress = 0x0A090909;
+    EXPECT_EQ(ExpectWrong(CheckForeignSubnet).cure, "nimbrel auto-ip --serial 5") << "that is another cause";
+
+    examined.diagnosis.cameras.clear();
+    ExpectWrong(CheckInterfaces);  // nothing else works
+    examined.diagnosis.interfaces.push_back(Interface(3, "u0", 0xAC140001));
+    ExpectFine(CheckInterfaces);  // nobody may want cameras there
+    H0().interface.addresses.push_back(InterfaceAddress{0x0A000001, 24});
+    examined.diagnosis.cameras.push_back(Camera(5, 0x0A000005));
+    ExpectFine(CheckInterfaces);  // an address more does no harm
+}
+
+TEST_F(DoctorChecks, ControlSaysWhyItIsNotKnownWhoHoldsACamera) {
+    First().control.state = ControlState::Controlled;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence, HasSubstr("by an application that it does not name"));
+    First().control.status = HAL_TIMED_OUT;
+    EXPECT_THAT(ExpectWrong(CheckControl).evidence,
+                HasSubstr("by an application that it did not name: no answer in time"));
+    First().control.state = ControlState::Unknown;
+    const Findings unknown = CheckControl(examined);
+    ASSERT_THAT(unknown, SizeIs(1));
+    EXPECT_EQ(unknown[0].evidence, "camera 5 (02:00:00:00:00:05) did not say whether it is in use: no answer in time");
+}
+
 TEST_F(DoctorChecks, AddressConflictMovesTheCameraThatIsNotListed) {
     examined.diagnosis.cameras.insert(examined.diagnosis.cameras.begin(), Camera(4, TestHost + 4));
     Disable(examined.diagnosis.cameras[0], GigEUsability::AddressTaken);
     const Finding finding = ExpectWrong(CheckAddressConflict);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("camera 4"), HasSubstr("camera 5"), HasSubstr("192.168.77.5")));
-    EXPECT_EQ(finding.cure, "nimbrel force-ip --mac 02:00:00:00:00:04 --ip 192.168.77.254/24");
+    EXPECT_EQ(finding.cure, "nimbrel auto-ip --serial 4");
+    examined.diagnosis.cameras.push_back(Camera(6, TestHost + 4));
+    Disable(examined.diagnosis.cameras[2], GigEUsability::AddressTaken);
+    EXPECT_EQ(ExpectWrong(CheckAddressConflict).cure, "nimbrel auto-ip") << "two must move";
 }
 
 TEST_F(DoctorChecks, AddressConflictKnowsThisComputersOwnAddress) {
     First().record.ipAddress = TestHost;
     EXPECT_THAT(ExpectWrong(CheckAddressConflict).evidence, HasSubstr("this computer"));
+    EXPECT_EQ(CheckAddressConflict(examined)[0].cure, "# give one of them another address");
+    Disable(First(), GigEUsability::AddressTaken);
+    EXPECT_EQ(ExpectWrong(CheckAddressConflict).cure, "nimbrel auto-ip --serial 5");
 }
 
 TEST_F(DoctorChecks, NoAnswerIsTheFindingOfACameraThatNoOtherCheckExplains) {
@@ -427,6 +519,9 @@ TEST_F(DoctorChecks, ReceiveBufferIsWrongOnlyWhenItHasLostSomething) {
     const Finding finding = ExpectWrong(CheckReceiveBuffer);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("lost 3 datagrams"), HasSubstr("425984")));
     EXPECT_EQ(finding.cure, "sudo sysctl -w net.core.rmem_max=33554432");
+    H0().receiveBuffer = 8388608;  // all that it asks for: a larger limit gives it no more
+    EXPECT_THAT(ExpectWrong(CheckReceiveBuffer).cure, HasSubstr("# this computer is too busy"));
+    H0().receiveBuffer = 425984;
     examined.host.largestReceiveBuffer = 33554432;
     EXPECT_THAT(ExpectWrong(CheckReceiveBuffer).cure, HasSubstr("# this computer is too busy"));
     H0().receiveDrops = 0;

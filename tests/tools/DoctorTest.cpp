@@ -83,6 +83,16 @@ protected:
         EXPECT_TRUE(found[0]["ok"].get<bool>()) << found[0].dump();
     }
 
+    /// The kernel takes a while to notice a link.
+    void ExpectFineInTheEnd(const std::string& check) {
+        const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
+        bool isFine = false;
+        while (!isFine && std::chrono::steady_clock::now() < deadline) {
+            isFine = Findings(check).at(0)["ok"].get<bool>();
+        }
+        EXPECT_TRUE(isFine) << check;
+    }
+
     /// Runs a cure as a user's shell would: this is root, and the program has another name here.
     void Apply(const Json& finding) {
         const std::string cure = finding["cure"];
@@ -132,7 +142,7 @@ TEST_F(DoctorOnAWire, FindsNothingWrongWhereNothingIs) {
         for (const Words& user : {Words{}, Nobody()}) {
             const ProgramResult result = Run(user, {});
             EXPECT_EQ(result.exitStatus, 0) << result.output << result.errors;
-            EXPECT_THAT(result.output, HasSubstr("Nothing is wrong."));
+            EXPECT_THAT(result.output, AllOf(HasSubstr("Nothing is wrong."), Not(HasSubstr("sysctl.d"))));
         }
     }
 }
@@ -215,6 +225,7 @@ TEST_F(DoctorOnAWire, FindsAReversePathFilterThatHasDroppedAnswersAndItsCureHelp
     // Root sees the camera, so there is one finding, and its cure makes the filter harmless.
     EXPECT_EQ(AllWrong().size(), 1u);
     EXPECT_THAT(OneWrong("gige.foreign-subnet")["evidence"].get<std::string>(), HasSubstr("10.9.9.9"));
+    EXPECT_THAT(Run(Nobody(), {}).output, HasSubstr("/share/nimbrel2/sysctl.d/60-nimbrel2.conf to /etc/sysctl.d"));
     Apply(finding);
     ExpectFine("gige.rp-filter", Nobody());
     OneWrong("gige.foreign-subnet", Nobody());
@@ -299,6 +310,25 @@ INSTANTIATE_TEST_SUITE_P(
                   "nft add rule netdev edge entry udp sport 3956 drop"},
                  1,
                  "netdev edge entry"},
+        Firewall{"IngressOfAChainForSeveralInterfaces",
+                 {"nft add table netdev edge",
+                  "nft add chain netdev edge entry '{ type filter hook ingress devices = { lo, h0 } priority 0; }'",
+                  "nft add rule netdev edge entry udp sport 3956 drop"},
+                 1,
+                 "netdev edge entry"},
+        Firewall{"Egress",
+                 {"nft add table netdev edge",
+                  "nft add chain netdev edge exit '{ type filter hook egress device h0 priority 0; }'",
+                  "nft add rule netdev edge exit udp dport 3956 drop"},
+                 1,
+                 "netdev edge exit"},
+        Firewall{"BridgeThatTheInterfaceIs",
+                 {"ip link add br0 type bridge forward_delay 0", "ip addr flush dev h0", "ip link set h0 master br0",
+                  "ip link set br0 up", "ip addr add 192.168.77.1/24 dev br0", "nft add table bridge wall",
+                  "nft add chain bridge wall entry '{ type filter hook input priority 0; }'",
+                  "nft add rule bridge wall entry udp sport 3956 drop"},
+                 1,
+                 "bridge wall entry"},
         Firewall{"RuleOfOutputForItsPort",
                  {TestTable, "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
                   "nft add rule inet wall exit udp dport 3956 drop"},
@@ -335,7 +365,7 @@ TEST_F(DoctorOnAWire, FindsAFirewallWithoutReadingItsRules) {
     EXPECT_THAT(finding["evidence"].get<std::string>(),
                 AllOf(HasSubstr("camera 2"), HasSubstr("answers when asked directly"),
                       HasSubstr("only root may see which rule")));
-    EXPECT_EQ(finding["cure"], "# root sees which rule: sudo nimbrel doctor --interface h0");
+    EXPECT_EQ(finding["cure"], "# root sees which rule: sudo " + RealProgram() + " doctor --interface h0");
     ExpectCured();
     ExpectFine("gige.firewall", Nobody());
 }
@@ -351,6 +381,65 @@ TEST_F(DoctorOnAWire, LeavesAFirewallAloneThatDropsNothingOfCameras) {
     EXPECT_EQ(AllWrong().size(), 0u);
 }
 
+TEST_F(DoctorOnAWire, BlamesAChainOfAnotherInterfaceForNothing) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    NetworkNamespace second;
+    Connect(m_host, "u0", second, "u1");
+    m_host.Ip("addr add 192.168.78.1/24 dev u0");
+    for (const char* rule : {"nft add table netdev edge",
+                             "nft add chain netdev edge in '{ type filter hook ingress device u0 priority 0; }'",
+                             "nft add rule netdev edge in udp sport 3956 drop",
+                             "nft add chain netdev edge out '{ type filter hook egress device u0 priority 0; }'",
+                             "nft add rule netdev edge out udp dport 3956 drop"}) {
+        ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
+    }
+    const std::vector<Json> wrong = AllWrong();
+    EXPECT_EQ(wrong.size(), 2u) << Json(wrong).dump(2);
+    for (const Json& finding : wrong) {
+        EXPECT_EQ(finding["evidence"].get<std::string>().rfind("u0: ", 0), 0u) << finding;
+    }
+    ExpectCured();
+}
+
+/// firewalld, with a bus and files of its own.
+class DoctorBehindFirewalld : public DoctorOnAWire {
+protected:
+    DoctorBehindFirewalld() {
+        const ProgramResult folders = m_host.RunProgram(
+            {"sh", "-c", "mount -t tmpfs none /run && mkdir /run/dbus && mount -t tmpfs none /etc/firewalld"});
+        EXPECT_EQ(folders.exitStatus, 0) << folders.errors;
+        m_bus = m_host.StartProgram({"dbus-daemon", "--system", "--nofork", "--nopidfile", "--print-address"});
+        EXPECT_TRUE(m_bus->WaitForOutput("\n", TestDeadline)) << m_bus->GetErrors();
+        m_firewalld = m_host.StartProgram({"firewalld", "--nofork", "--nopid"});
+        const auto end = std::chrono::steady_clock::now() + TestDeadline;
+        while (m_host.RunProgram({"firewall-cmd", "--state"}, TestDeadline).exitStatus != 0) {
+            if (std::chrono::steady_clock::now() > end) {
+                ADD_FAILURE() << m_firewalld->GetErrors();
+                break;
+            }
+        }
+    }
+
+    std::unique_ptr<ChildProcess> m_bus;
+    std::unique_ptr<ChildProcess> m_firewalld;
+};
+
+TEST_F(DoctorBehindFirewalld, FindsTheOneChainThatDropsAndItsCureHelpsInTheZoneOfTheInterface) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    for (const char* zone : {"", "--zone=internal"}) {
+        if (*zone != '\0') {
+            const ProgramResult moved =
+                m_host.RunProgram({"firewall-cmd", zone, "--change-interface=h0"}, TestDeadline);
+            ASSERT_EQ(moved.exitStatus, 0) << moved.errors;
+        }
+        const std::vector<Json> wrong = AllWrong();
+        ASSERT_EQ(wrong.size(), 1u) << Json(wrong).dump(2);
+        EXPECT_EQ(wrong[0]["check"], "gige.firewall");
+        EXPECT_THAT(wrong[0]["evidence"].get<std::string>(), HasSubstr("inet firewalld filter_INPUT"));
+        ExpectCured();
+    }
+}
+
 // ---- Interfaces and cameras ----------------------------------------------------------------------------------------
 
 TEST_F(DoctorOnAWire, FindsAnInterfaceThatIsDownAndItsCureHelps) {
@@ -358,18 +447,158 @@ TEST_F(DoctorOnAWire, FindsAnInterfaceThatIsDownAndItsCureHelps) {
     const Json finding = OneWrong("gige.interface");
     EXPECT_THAT(finding["evidence"].get<std::string>(), HasSubstr("h0 is down"));
     Apply(finding);
-    // The kernel takes a while to notice the link.
-    const auto deadline = std::chrono::steady_clock::now() + TestDeadline;
-    while (!Findings("gige.interface").at(0)["ok"].get<bool>() && std::chrono::steady_clock::now() < deadline) {
-        continue;
-    }
-    ExpectFine("gige.interface");
+    ExpectFineInTheEnd("gige.interface");
 }
 
 TEST_F(DoctorOnAWire, FindsAnInterfaceWithoutAnAddressAndItsCureHelps) {
     m_host.Ip("addr flush dev h0");
     EXPECT_THAT(OneWrong("gige.interface")["evidence"].get<std::string>(), HasSubstr("h0 has no IPv4 address"));
     ExpectCured();
+}
+
+TEST_F(DoctorOnAWire, FindsAnInterfaceThatLacksEverythingAndOneCureHelps) {
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("link set h0 down");
+    const Json finding = OneWrong("gige.interface");
+    EXPECT_EQ(finding["evidence"], "h0 is down and has no IPv4 address, so no camera on it can be used");
+    Apply(finding);
+    ExpectFineInTheEnd("gige.interface");
+}
+
+TEST_F(DoctorOnAWire, FindsAMaskWithoutRoomAndItsCureHelps) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    m_host.Ip("addr flush dev h0");
+    m_host.Ip("addr add 192.168.77.1 dev h0");  // a mask was forgotten
+    EXPECT_THAT(OneWrong("gige.interface")["evidence"].get<std::string>(),
+                HasSubstr("h0 has the address 192.168.77.1/32, a subnet without room for a camera"));
+    EXPECT_EQ(AllWrong().size(), 1u) << "one cause";
+    ExpectCured();
+}
+
+TEST_F(DoctorOnAWire, NamesNoInterfaceThatCanHaveNoCamera) {
+    m_host.Ip("link add i0 type ifb");
+    m_host.Ip("link add br0 type bridge");
+    m_host.Ip("link set h0 down");
+    const std::vector<Json> wrong = AllWrong();
+    ASSERT_EQ(wrong.size(), 1u) << Json(wrong).dump(2);
+    EXPECT_THAT(wrong[0]["evidence"].get<std::string>(), HasSubstr("h0 is down"));
+}
+
+TEST_F(DoctorOnAWire, FindsForeignCamerasThatShareASerialNumberAndTheirCuresHelp) {
+    SimulateCamera("10.9.9.9", "02:00:00:00:00:09", "7");
+    SimulateCamera("10.9.9.10", "02:00:00:00:00:0a", "7");
+    SimulateCamera("10.9.9.11", "02:00:00:00:00:0b", "AB");  // a serial number without a number
+    SimulateCamera("10.9.9.12", "02:00:00:00:00:0c", "CD");
+    EXPECT_EQ(Findings("gige.foreign-subnet").size(), 4u);
+    ExpectCured();
+}
+
+// ---- Sockets -------------------------------------------------------------------------------------------------------
+
+TEST_F(DoctorOnAWire, FindsPortsThatOthersHaveAndTheirEndHelps) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    auto holder = m_host.StartProgram({"python3", "-u", "-c", R"(
+import socket, time
+held = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(8)]
+for number, one in enumerate(held):
+    one.bind(("", 40000 + number))
+print("held")
+time.sleep(1000)
+)"});
+    ASSERT_TRUE(holder->WaitForOutput("held", TestDeadline)) << holder->GetErrors();
+    const Words ports{"--source-port", "40000-40007"};
+    const ProgramResult refused = Run({}, ports);
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_THAT(refused.output,
+                HasSubstr("WRONG  gige.driver\n       h0: bind refused: Address already in use\n"
+                          "       cure: # other programs have these ports: give --source-port another range\n"));
+    EXPECT_THAT(refused.output, HasSubstr("1 thing is wrong."));
+    const ProgramResult others = Run({}, {"--source-port", "40010-40017"});
+    EXPECT_EQ(others.exitStatus, 0) << others.output;
+    holder.reset();
+    const ProgramResult after = Run({}, ports);
+    EXPECT_EQ(after.exitStatus, 0) << after.output;
+}
+
+TEST_F(DoctorOnAWire, FindsThatThereAreNoMoreFilesAndMoreHelp) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    const auto examine = [this](const std::string& most) {
+        return m_host.RunProgram(
+            {"prlimit", "--nofile=" + most, RealProgram(), "doctor", "--bus", "gige", "--discovery-window", "0.3"},
+            TestDeadline);
+    };
+    // However far it gets, the cause is the same.
+    unsigned int refusals = 0;
+    for (int most = 9; most <= 16; ++most) {
+        const std::string output = examine(std::to_string(most)).output;
+        if (output.find("Too many open files") == std::string::npos) {
+            continue;
+        }
+        ++refusals;
+        EXPECT_THAT(output, AllOf(HasSubstr("WRONG  gige.driver\n"),
+                                  HasSubstr("cure: # too many files are open: close programs, or raise `ulimit -n`"),
+                                  HasSubstr("1 thing is wrong.")))
+            << most;
+    }
+    EXPECT_GT(refusals, 2u);
+    const ProgramResult after = examine("256");
+    EXPECT_EQ(after.exitStatus, 0) << after.output;
+}
+
+TEST_F(DoctorOnAWire, FindsARefusedBroadcastAsAnybodyAndItsCureHelps) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    for (const char* rule :
+         {"nft add table inet wall", "nft add chain inet wall exit '{ type filter hook output priority 0; }'",
+          "nft add rule inet wall exit ip daddr 255.255.255.255 drop"}) {
+        ASSERT_EQ(m_host.RunProgram({"sh", "-c", rule}).exitStatus, 0) << rule;
+    }
+    const Json finding = OneWrong("gige.driver", Nobody());
+    EXPECT_EQ(finding["evidence"], "h0: a broadcast was refused: Operation not permitted");
+    EXPECT_EQ(finding["cure"],
+              "# run it as root to see which rule refuses it: sudo " + RealProgram() + " doctor --bus gige");
+    ExpectCured();
+    ExpectFine("gige.driver", Nobody());
+}
+
+// Stopped while its sockets are flooded, so that the kernel must drop, however large they are and fast this computer
+// is.
+TEST_F(DoctorOnAWire, FindsDatagramsThatItsSocketHasLostAndTheNextOneIsContent) {
+    SimulateCamera("192.168.77.102", "02:00:00:00:00:02", "2");
+    auto doctor = m_host.StartProgram({RealProgram(), "doctor", "--bus", "gige", "--discovery-window", "3"});
+    auto watcher = m_host.StartProgram({"python3", "-u", "-c", R"(
+import os, signal, sys, time
+doctor = int(sys.argv[1])
+def drops():
+    lines = [line.split() for line in open("/proc/net/udp").readlines()[1:]]
+    return {int(words[1].split(":")[1], 16): int(words[12]) for words in lines}
+while not drops():
+    time.sleep(0.001)
+os.kill(doctor, signal.SIGSTOP)
+ports = list(drops())
+print(*ports, "stopped")
+while not all(drops()[port] for port in ports):
+    time.sleep(0.001)
+os.kill(doctor, signal.SIGCONT)
+print("lost")
+)",
+                                        std::to_string(doctor->GetPid())});
+    ASSERT_TRUE(watcher->WaitForOutput("stopped", TestDeadline)) << watcher->GetErrors();
+    auto flood = m_wire.StartProgram({"python3", "-c", R"(
+import socket, sys
+wire = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+while True:
+    for port in sys.argv[1].split()[:-1]:
+        wire.sendto(b"x" * 1400, ("192.168.77.1", int(port)))
+)",
+                                      watcher->GetOutput()});
+    ASSERT_TRUE(watcher->WaitForOutput("lost", TestDeadline)) << watcher->GetErrors() << flood->GetErrors();
+    flood.reset();
+    EXPECT_EQ(doctor->WaitForExit(TestDeadline), 1) << doctor->GetOutput();
+    EXPECT_THAT(doctor->GetOutput(),
+                AllOf(HasSubstr("WRONG  gige.receive-buffer\n       h0: the driver's socket holds "),
+                      HasSubstr("       cure: # this computer is too busy to read them: end other programs\n"),
+                      HasSubstr("1 thing is wrong.")));
+    EXPECT_EQ(Run({}, {}).exitStatus, 0);
 }
 
 TEST_F(DoctorOnAWire, FindsWhoControlsACameraUntilTheyEnd) {

@@ -163,7 +163,7 @@ TEST_F(FireWireChecksOf, AFileThatMayNotBeOpenedBringTheRuleAndTheGroup) {
     Bus().nodes[0].error = EACCES;
     Bus().nodes[0].name = "fw0";
     examined.user = "ann";
-    examined.rule.installed = "/opt/lib/udev/rules.d/70-nimbrel2-firewire.rules";
+    examined.rule.installed = "/opt/share/nimbrel2/udev/70-nimbrel2-firewire.rules";
     const Findings findings = CheckFireWirePermission(examined);
     ASSERT_THAT(findings,
                 IsOneWrong("/dev/fw0 of this computer's controller cannot be opened, so nobody sees how the bus "
@@ -171,7 +171,7 @@ TEST_F(FireWireChecksOf, AFileThatMayNotBeOpenedBringTheRuleAndTheGroup) {
                            "usermod -aG video ann"));
     EXPECT_THAT(findings[0].evidence, HasSubstr("70-nimbrel2-firewire.rules is not there"));
     EXPECT_THAT(findings[0].cure,
-                AllOf(HasSubstr("sudo cp /opt/lib/udev/rules.d/70-nimbrel2-firewire.rules /etc/udev/rules.d/"),
+                AllOf(HasSubstr("sudo cp /opt/share/nimbrel2/udev/70-nimbrel2-firewire.rules /etc/udev/rules.d/"),
                       HasSubstr("udevadm trigger --action=add --subsystem-match=firewire")));
 }
 

@@ -158,7 +158,7 @@ TEST(List, ShowsOnlyTheCamerasThatAreWanted) {
     EXPECT_EQ(serials({"--vendor", "nobody"}), "");
     const ProgramResult none = ScriptedComputer(TestOneOfEach).Run({"list", "--vendor", "nobody"});
     EXPECT_EQ(none.exitStatus, 0);
-    EXPECT_EQ(none.output, "No camera that is attached fits.\n");
+    EXPECT_EQ(none.output, "No attached camera matches.\n");
 }
 
 TEST(List, IsSortedByAnyColumnInEitherDirection) {
@@ -210,10 +210,11 @@ TEST(ListForPeople, NeverSendsWhatATerminalActsUpon) {
 TEST(ListForPeople, SaysWhatToCheckWhenNothingIsFound) {
     const ProgramResult result = ScriptedComputer().Run({"list", "--interface", "lo"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("No cameras found on IEEE 1394, USB and GigE."), HasSubstr("power"),
+    EXPECT_THAT(result.output, AllOf(HasSubstr("No cameras found on IEEE 1394, USB or GigE."), HasSubstr("power"),
                                      HasSubstr("GigE: searched lo."), HasSubstr("`nimbrel doctor`")));
-    EXPECT_THAT(ScriptedComputer().Run({"list", "--bus", "usb"}).output,
-                AllOf(HasSubstr("No cameras found on USB."), Not(HasSubstr("doctor"))));
+    EXPECT_THAT(
+        ScriptedComputer().Run({"list", "--bus", "usb"}).output,
+        AllOf(HasSubstr("No cameras found on USB."), HasSubstr("`nimbrel doctor` finds out"), Not(HasSubstr("GigE"))));
 }
 
 TEST(List, ShowsVirtualCamerasWhenAsked) {
@@ -263,9 +264,7 @@ TEST_P(ListSignal, EndsTheFirstDiscoveryAtOnce) {
     const ScriptedComputer computer({"hold gige"});
     const auto list = computer.Start({"list"});
     ASSERT_TRUE(list->WaitForErrors("listing gige is held", TestDeadline));
-    milliseconds took{};
-    EXPECT_EQ(EndBy(GetParam(), *list, &took), 128 + GetParam());
-    EXPECT_LT(took, Promptly);
+    EXPECT_EQ(EndBy(GetParam(), *list), 128 + GetParam());
     EXPECT_THAT(list->GetOutput(), IsEmpty());
 }
 
@@ -318,9 +317,7 @@ TEST(ListWait, EndsOnCtrlC) {
     ScriptedComputer computer({"tell options"});
     const auto list = computer.Start({"list", "--wait", "5"});
     ASSERT_TRUE(list->WaitForErrors("options", TestDeadline));
-    milliseconds took{};
-    EXPECT_EQ(EndBy(SIGINT, *list, &took), 128 + SIGINT);
-    EXPECT_LT(took, Promptly);
+    EXPECT_EQ(EndBy(SIGINT, *list), 128 + SIGINT);
 }
 
 }  // namespace

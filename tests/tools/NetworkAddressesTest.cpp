@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "platform/base/Texts.h"
 #include "platform/gvcp/GvcpCodec.h"
 #include "tests/platform/gige/GigEFixture.h"
 #include "tests/platform/gige/HostileDevice.h"
@@ -370,9 +371,39 @@ TEST_F(GigEAddresses, AreNotSearchedInSilenceWhereABroadcastIsRefused) {
     EXPECT_EQ(list.exitStatus, 1);
     EXPECT_THAT(list.errors, HasSubstr("h0 is not searched: broadcasts are refused: Operation not permitted; `nimbrel "
                                        "doctor` finds out why"));
-    const ProgramResult discover = Run({"discover", "--interface", "h0"});
-    EXPECT_EQ(discover.exitStatus, 1);
-    EXPECT_THAT(discover.errors, HasSubstr("GigE cannot be searched: permission denied"));
+    EXPECT_THAT(list.output, AllOf(HasSubstr("GigE: no network interface was searched."), Not(HasSubstr("h0"))));
+    for (const Words& command : {Words{"discover"}, Words{"auto-ip"},
+                                 Words{"force-ip", "--mac", "02:00:00:00:00:02", "--ip", "192.168.77.50"}}) {
+        const ProgramResult result = Run(command);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_EQ(result.errors, "nimbrel " + command[0] +
+                                     ": GigE cannot be searched: h0: broadcasts are refused: Operation not permitted\n"
+                                     "`nimbrel doctor` finds out why.\n");
+    }
+}
+
+TEST_F(TwoWires, AreNotHalfSearchedInSilence) {
+    AddWire("172.20.0.1/24", "172.20.0.100/24");
+    AddCamera("10.9.9.8", 8);
+    Nft("add table ip t; add chain ip t out { type filter hook output priority 0; };"
+        "add rule ip t out oifname h1 udp dport 3956 drop");
+    for (const Words& command : {Words{"discover"}, Words{"auto-ip"}}) {
+        const ProgramResult result = Run(command);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_THAT(result.output, HasSubstr("02:00:00:00:00:08"));
+        EXPECT_THAT(result.errors, HasSubstr("nimbrel " + command[0] + ": h1 is not searched: broadcasts are refused"));
+    }
+}
+
+TEST_F(GigEAddresses, OfAMuteCameraAreListedOnceAndSaidNotToBeUsable) {
+    auto options = Camera("192.168.77.102", 2);
+    options.faults.pendingAnnounced = options.faults.pendingActual = std::chrono::minutes(1);
+    AddCamera(options);
+    AddCamera("10.9.9.9", 9);
+    const std::string output = Run({"list"}).output;
+    EXPECT_THAT(output, AllOf(HasSubstr("Heard on the network, but not usable:\n  camera 9 "),
+                              HasSubstr("Listed, but not usable now:\n  camera 2 "),
+                              HasSubstr(": its registers do not answer\n")));
 }
 
 TEST_F(GigEAddresses, AreAskedFromTheSourcePortsOfTheUser) {
@@ -394,6 +425,24 @@ TEST_F(GigEAddresses, NeedAPortForEachCamera) {
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.errors, AllOf(HasSubstr("nimbrel: h0 is searched in part: "), HasSubstr("50000-50004"),
                                      HasSubstr("give --source-port a wider range")));
+}
+
+TEST_F(GigEAddresses, EndAWatchWith1WhereTheInterfaceIsNotSearchedOrInPart) {
+    for (unsigned int number = 2; number < 8; ++number) {
+        AddCamera("192.168.77.10" + std::to_string(number), number);
+    }
+    const Words watch{"watch", "--interface", "h0", "--duration", "0"};
+    EXPECT_EQ(Run(watch).exitStatus, 0);
+    Words withFewPorts = watch;
+    withFewPorts.insert(withFewPorts.end(), {"--source-port", "50000-50004"});
+    const ProgramResult inPart = Run(withFewPorts);
+    EXPECT_EQ(inPart.exitStatus, 1);
+    EXPECT_THAT(inPart.errors, HasSubstr("nimbrel: h0 is searched in part: "));
+    Nft("add table ip t; add chain ip t out { type filter hook output priority 0; };"
+        "add rule ip t out udp dport 3956 drop");
+    const ProgramResult refused = Run(watch);
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("nimbrel: h0 is not searched: "));
 }
 
 TEST_F(GigEAddresses, EndASearchAsSoonAsTheNamedCameraAnswers) {
@@ -484,18 +533,41 @@ TEST_F(GigEAddresses, OfACameraThatARouteLeadsToAreLeftAloneAndTheRouteIsTheReas
               "    it is not in the subnet of h0, 192.168.77.1/24, but has a route there\n");
 }
 
-TEST_F(GigEAddresses, AreWaitedForWhenTheCameraBeginsAnewAndItsAcknowledgeIsLost) {
+TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatOnlyClaimsToHaveThem) {
     m_cameras.reset();
     m_wire.Ip("addr add 192.168.77.50/24 dev c0");
     std::uint32_t address = Ip("10.9.9.9");
-    int requestsToMiss = 0;  // more than the command asks in its first look
     const HostileDevice device(
         m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
             if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
                 address = ForcedAddress(request);
-                requestsToMiss = 40;
-            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd) && requestsToMiss-- <= 0) {
+            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
                 self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
+            }
+        });
+    const ProgramResult result = Run({"auto-ip"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("10.9.9.9/24 could not be changed"), HasSubstr("it says that it has 192.168.77."),
+                      HasSubstr("/24, but does not answer there")));
+}
+
+TEST_F(GigEAddresses, AreWaitedForWhenTheCameraBeginsAnewAndItsAcknowledgeIsLost) {
+    m_cameras.reset();
+    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+    std::uint32_t address = Ip("10.9.9.9");
+    std::uint32_t from = Ip("192.168.77.50");
+    int requestsToMiss = 0;  // more than the command asks in its first look
+    const HostileDevice device(
+        m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
+            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                if (from != ForcedAddress(request)) {
+                    address = from = ForcedAddress(request);
+                    m_wire.Ip("addr add " + Platform::FormatIp(address) + "/24 dev c0");
+                    requestsToMiss = 40;
+                }
+            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd) && requestsToMiss-- <= 0) {
+                self.AnswerFrom(request, from, 3956, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
             }
         });
     const ProgramResult result = Run({"auto-ip"});
@@ -586,6 +658,40 @@ protected:
     std::optional<IndependentCamera> m_camera;
     std::optional<RawGvcp> m_holder;
 };
+
+/// Answers the register with that status.
+Platform::Simulated::ErrorRule Refusing(std::uint32_t address, Platform::Gvcp::Status status) {
+    Platform::Simulated::ErrorRule rule;
+    rule.address = address;
+    rule.status = status;
+    return rule;
+}
+
+TEST_F(GigEAddresses, OfACameraThatIsBusySayWhyItsHolderIsNotKnown) {
+    auto busy = Camera("192.168.77.102", 2);
+    busy.faults.errors = {Refusing(0xA00, Platform::Gvcp::Status::Busy)};
+    AddCamera(busy);
+    auto held = Camera("192.168.77.103", 3);
+    held.owner = Platform::Simulated::ControlOwner{{Ip("192.168.77.9"), 5555}, false};
+    held.faults.errors = {Refusing(0xA04, Platform::Gvcp::Status::Busy)};
+    AddCamera(held);
+    auto silent = held;
+    silent.address = Ip("192.168.77.104");
+    silent.mac = 0x020000000004;
+    silent.serialNumber = "4";
+    silent.faults.errors = {Refusing(0xA04, Platform::Gvcp::Status::InvalidAddress)};
+    AddCamera(silent);
+
+    const ProgramResult unknown = Run({"control", "ip:192.168.77.102"});
+    EXPECT_EQ(unknown.exitStatus, 1);
+    EXPECT_EQ(unknown.errors, "nimbrel control: camera 2 (GigE) did not say who controls it: busy, try again later\n");
+    const ProgramResult notNamed = Run({"control", "ip:192.168.77.103"});
+    EXPECT_EQ(notNamed.exitStatus, 0) << notNamed.errors;
+    EXPECT_EQ(notNamed.output,
+              "Camera 3 is in use by another application, which it did not name: busy, try again later.\n");
+    EXPECT_EQ(Run({"control", "ip:192.168.77.104"}).output,
+              "Camera 4 is in use by another application, which it does not name.\n");
+}
 
 TEST_F(ControlOfAnIndependentCamera, IsFreeWhenNobodyHoldsIt) {
     const ProgramResult result = RunAsNobody({"control", "7", "--json"});

@@ -21,6 +21,7 @@ using std::chrono::milliseconds;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
 const char TestReady[] = "Ctrl-C ends.\n";
@@ -105,6 +106,42 @@ TEST(ListWithoutCameras, NamesTheNetworkInterfacesThatWereSearchedAndNoOthers) {
     EXPECT_THAT(network.RunProgram(list, TestDeadline).output, HasSubstr("GigE: searched v0.\n"));
 }
 
+TEST(ListWithoutCameras, NamesWhatThereIsTooLittleOf) {
+    NetworkNamespace network;
+    network.Ip("link add v0 type veth peer name v1");
+    network.Ip("link set v0 up");
+    network.Ip("link set v1 up");
+    network.Ip("addr add 10.1.2.3/24 dev v0");
+    // From not enough for anything to enough for all but the cameras' own sockets.
+    int numUnstarted = 0;
+    int numUnsearched = 0;
+    for (int limit = 5;; ++limit) {
+        ASSERT_LT(limit, 100);
+        const ProgramResult result =
+            network.RunProgram({"sh", "-c",
+                                "ulimit -n " + std::to_string(limit) + "; exec " + RealProgram() +
+                                    " list --bus gige --discovery-window 0.05"},
+                               TestDeadline);
+        if (result.exitStatus == 0) {
+            EXPECT_THAT(result.output, HasSubstr("GigE: searched v0.\n"));
+            break;
+        }
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_THAT(result.output, Not(HasSubstr("GigE: searched"))) << limit;
+        EXPECT_THAT(result.output, Not(HasSubstr("no network interface is up"))) << limit;
+        if (result.errors ==
+            "nimbrel list: the buses cannot be searched: out of memory, threads or file descriptors\n") {
+            ++numUnstarted;
+        } else {
+            EXPECT_THAT(result.errors, HasSubstr("is not searched: ")) << limit;
+            EXPECT_THAT(result.errors, HasSubstr("Too many open files")) << limit;
+            ++numUnsearched;
+        }
+    }
+    EXPECT_GT(numUnstarted, 0);
+    EXPECT_GT(numUnsearched, 0);
+}
+
 TEST_F(LoopbackCameras, AreWatchedAsTheyComeAndGo) {
     ASSERT_EQ(Run({"list", "--interface", "lo", "--wait", "1001,1002,1003,1004", "--timeout", "20"}).exitStatus, 0);
     const auto watch = Start({"watch", "--interface", "lo", "--json"});
@@ -132,9 +169,7 @@ TEST_F(LoopbackCameras, AreWatchedAsTheyComeAndGo) {
         }
         EXPECT_EQ(event["serial"], 1003) << "nothing happened to the others";
     }
-    milliseconds took{};
-    EXPECT_EQ(EndBy(SIGINT, *watch, &took), 0);
-    EXPECT_LT(took, Promptly);
+    EXPECT_EQ(EndBy(SIGINT, *watch), 0);
 }
 
 TEST_F(LoopbackCameras, AreWaitedForUntilTheyAnswer) {
@@ -164,9 +199,7 @@ TEST_F(LoopbackCameras, LetCtrlCEndTheDiscoveryAtOnce) {
     while (m_network.RunProgram({"ss", "-Huanp"}).output.find(socket) == std::string::npos) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);
     }
-    milliseconds took{};
-    EXPECT_EQ(EndBy(SIGINT, *list, &took), 128 + SIGINT);
-    EXPECT_LT(took, Promptly);
+    EXPECT_EQ(EndBy(SIGINT, *list), 128 + SIGINT);
 }
 
 }  // namespace

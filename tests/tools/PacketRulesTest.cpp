@@ -8,7 +8,6 @@
 namespace Nimbrel2::Tool::Doctor {
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -111,6 +110,12 @@ INSTANTIATE_TEST_SUITE_P(
             "OfTcp", "accept",
             R"({"match": {"op": "==", "left": {"payload": {"protocol": "tcp", "field": "dport"}}, "right": 40000}}, {"drop": null})",
             Fate::Passes},
+        RuleRow{"OfAnotherProtocolByName", "accept",
+                R"({"match": {"op": "==", "left": {"meta": {"key": "l4proto"}}, "right": "tcp"}}, {"drop": null})",
+                Fate::Passes},
+        RuleRow{"OfIpv6", "accept",
+                R"({"match": {"op": "==", "left": {"meta": {"key": "nfproto"}}, "right": "ipv6"}}, {"drop": null})",
+                Fate::Passes},
         RuleRow{
             "OfPortsInARange", "drop",
             R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "dport"}}, "right": {"range": [1024, 65535]}}}, {"accept": null})",
@@ -180,6 +185,53 @@ TEST(NftRules, AreFoundAtEachHookThatThePacketPasses) {
         names.push_back(blocker.chain->name);
     }
     EXPECT_THAT(names, ::testing::ElementsAre("out", "post"));
+}
+
+TEST(NftRules, AtIngressAreForTheInterfacesThatTheTextFormNames) {
+    RuleSet rules = Nft(R"({"nftables": [
+        {"chain": {"family": "netdev", "table": "the edge", "name": "one", "hook": "ingress", "policy": "drop"}},
+        {"chain": {"family": "netdev", "table": "the edge", "name": "two", "hook": "ingress", "policy": "drop"}},
+        {"chain": {"family": "inet", "table": "t", "name": "one", "hook": "ingress", "policy": "drop"}},
+        {"chain": {"family": "netdev", "table": "the edge", "name": "out", "hook": "egress", "policy": "drop"}}]})");
+    const auto surely = [&rules](const Packet& packet) {
+        std::vector<std::string> names;
+        for (const Blocker& blocker : rules.FindBlockers(packet)) {
+            if (blocker.sure) {
+                names.push_back(blocker.chain->family + " " + blocker.chain->name);
+            }
+        }
+        return names;
+    };
+    EXPECT_THAT(rules.FindBlockers(Answer()), SizeIs(3));
+    EXPECT_THAT(surely(Answer()), IsEmpty()) << "the JSON form does not say which interface";
+    ReadDevicesOfChains(
+        "table netdev \"the edge\" {\n\tchain one { # handle 1\n"
+        "\t\tcomment \"type filter hook ingress device eth1\"\n"
+        "\t\ttype filter hook ingress device \"eth2\" priority filter; policy drop;\n\t}\n"
+        "\tchain two {\n\t\ttype filter hook ingress devices = { eth3, \"eth1\" } priority -5;\n\t}\n"
+        "\tchain out {\n\t\ttype filter hook egress device eth1 priority filter; policy drop;\n\t}\n}\n"
+        "table inet t {\n\tchain one {\n\t\ttype filter hook ingress device eth1 priority 0;\n\t}\n}\n"
+        "table ip new {\n\tchain one {\n\t\ttype filter hook\n\t}\n}\n",
+        &rules.chains);
+    EXPECT_THAT(surely(Answer()), ::testing::ElementsAre("netdev two", "inet one"));
+    EXPECT_THAT(rules.FindBlockers(Answer()), SizeIs(2));
+    EXPECT_THAT(surely(Request()), ::testing::ElementsAre("netdev out"));
+}
+
+TEST(NftRules, OfBridgesAreForPacketsThatPassOne) {
+    RuleSet rules = Nft(R"({"nftables": [
+        {"chain": {"family": "bridge", "table": "t", "name": "in", "hook": "input", "policy": "drop"}}]})");
+    EXPECT_EQ(FateOf(rules, Answer()), Fate::Passes);
+    Packet bridged = Answer();
+    bridged.isBridged = true;
+    EXPECT_EQ(FateOf(rules, bridged), Fate::Dropped);
+    EXPECT_EQ(CureOf(rules, rules.FindBlockers(bridged).at(0), bridged),
+              "sudo nft insert rule bridge t in udp sport 3956 accept");
+    rules = Nft(R"({"nftables": [
+        {"chain": {"family": "bridge", "table": "t", "name": "in", "hook": "input", "policy": "accept"}},
+        {"rule": {"family": "bridge", "table": "t", "chain": "in", "handle": 3, "expr": [
+          {"match": {"op": "==", "left": {"meta": {"key": "iifname"}}, "right": "port0"}}, {"drop": null}]}}]})");
+    EXPECT_EQ(FateOf(rules, bridged), Fate::Perhaps) << "nobody knows behind which port the camera is";
 }
 
 TEST(NftRules, OfIptablesAreLeftToIptables) {
@@ -282,8 +334,13 @@ TEST(CureOfABlocker, IsThatOfTheFrontEndWhereOneIsAtWork) {
     zone.dropsByPolicy = true;
     RuleSet firewalld;
     firewalld.chains = {zone};
-    EXPECT_THAT(CureOf(firewalld, firewalld.FindBlockers(Answer()).at(0), Answer()),
-                HasSubstr("firewall-cmd --permanent --add-source-port=3956/udp"));
+    EXPECT_EQ(CureOf(firewalld, firewalld.FindBlockers(Answer()).at(0), Answer()),
+              "sudo sh -c 'zone=$(firewall-cmd --get-zone-of-interface=eth1 || firewall-cmd --get-default-zone) && "
+              "firewall-cmd --zone=\"$zone\" --add-source-port=3956/udp && "
+              "firewall-cmd --permanent --zone=\"$zone\" --add-source-port=3956/udp'");
+    firewalld.chains[0].hook = "output";  // for which zones have no ports
+    EXPECT_EQ(CureOf(firewalld, firewalld.FindBlockers(Request()).at(0), Request()),
+              "sudo nft insert rule inet firewalld filter_INPUT oifname '\"eth1\"' udp dport 3956 accept");
 }
 
 TEST(CureOfABlocker, IsARuleForTheInterfaceQuotedForTheShell) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Table.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
@@ -182,6 +183,16 @@ TEST(Words, AreQuotedForAShellOnlyWhereTheyMustBe) {
     EXPECT_EQ(QuoteForShell("$(reboot)"), "'$(reboot)'");
     EXPECT_EQ(QuoteForShell("it's"), "'it'\\''s'");
     EXPECT_EQ(QuoteForShell("~root"), "'~root'");
+}
+
+TEST(Words, ThatCallThisProgramAsRootSayWhereItIsUnlessSudoLooksThere) {
+    EXPECT_EQ(SudoNimbrel("/usr/bin/nimbrel"), "sudo nimbrel");
+    EXPECT_EQ(SudoNimbrel("/usr/local/bin/nimbrel"), "sudo nimbrel");
+    EXPECT_EQ(SudoNimbrel("/home/ann/nimbrel/build/release/bin/nimbrel"),
+              "sudo /home/ann/nimbrel/build/release/bin/nimbrel");
+    EXPECT_EQ(SudoNimbrel("/home/my own/nimbrel"), "sudo '/home/my own/nimbrel'");
+    EXPECT_EQ(SudoNimbrel("/usr/bin/gdb"), "sudo nimbrel") << "another program runs it";
+    EXPECT_EQ(SudoNimbrel(""), "sudo nimbrel");
 }
 
 TEST(Words, AreCounted) {

@@ -21,8 +21,6 @@ using Nimbrel2::Testing::ProgramResult;
 
 /// Longer than anything takes on a busy machine, and the end of a test that goes wrong.
 constexpr std::chrono::seconds TestDeadline{30};
-/// What a user may wait for the end after Ctrl-C.
-constexpr std::chrono::milliseconds Promptly{1000};
 
 /// The program on the buses of this computer.
 std::string RealProgram();
@@ -75,8 +73,8 @@ private:
     Nimbrel2::Testing::TemporaryFile m_file;
 };
 
-/// Sends a signal and measures how long the program takes to end. @return its exit status.
-int EndBy(int signal, ChildProcess& program, std::chrono::milliseconds* took);
+/// Sends a signal. @return the exit status of the program; that of SIGKILL when the signal does not end it.
+int EndBy(int signal, ChildProcess& program);
 
 /// The complete lines of a text, parsed as a JSON object each.
 std::vector<Json> ParseLines(const std::string& text);

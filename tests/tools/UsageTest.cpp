@@ -177,6 +177,22 @@ TEST(Help, OfACommandIsTheSameByEitherWay) {
     EXPECT_EQ(RunReal({"help"}).output, RunReal({"--help"}).output);
 }
 
+TEST(Help, OfACommandThatThereIsNotNamesItAndTheNearest) {
+    const std::vector<std::pair<Words, std::string>> rows{
+        {{"lis", "--help"}, "nimbrel: unknown command 'lis'; did you mean list?\nTry `nimbrel --help`.\n"},
+        {{"--help", "rescam"}, "nimbrel: unknown command 'rescam'; did you mean rescan?\nTry `nimbrel --help`.\n"},
+        {{"rig", "pla", "--help"},
+         "nimbrel rig: unknown command 'pla'; did you mean play?\nTry `nimbrel rig --help`.\n"}};
+    for (const auto& [words, errors] : rows) {
+        const ProgramResult result = RunReal(words);
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_EQ(result.errors, errors);
+        EXPECT_THAT(result.output, IsEmpty());
+    }
+}
+
+TEST(Help, HasNoTwoEmptyLinesInARow) { EXPECT_THAT(RunReal({"--help"}).output, ::testing::Not(HasSubstr("\n\n\n"))); }
+
 TEST(Version, IsPrintedAlone) {
     for (const char* option : {"--version", "-V"}) {
         const ProgramResult result = RunReal({option});
@@ -214,7 +230,7 @@ TEST(BusesWithoutDriver, AreNamedByEachCommandThatSearchesThem) {
     EXPECT_EQ(ScriptedComputer(script).Run({"topology"}).errors, "nimbrel topology: " + note);
     EXPECT_THAT(ScriptedComputer(script).Run({"reset", "17"}).errors, HasSubstr("nimbrel reset: " + note));
     EXPECT_THAT(ScriptedComputer({"without usb"}).Run({"list"}).output,
-                HasSubstr("No cameras found on IEEE 1394 and GigE."));
+                HasSubstr("No cameras found on IEEE 1394 or GigE."));
 }
 
 TEST(BusesWithoutDriver, FailWhenTheyAreAllThatIsWanted) {

@@ -76,7 +76,7 @@ protected:
         Of("1-2").deviceSpeed = 5000;  // one half of a USB 3 hub
         examined.diagnosis.isUdevRunning = true;
         examined.diagnosis.memoryLimit = 1000;
-        examined.rule.installed = "/opt/nimbrel/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules";
+        examined.rule.installed = "/opt/nimbrel/share/nimbrel2/udev/70-nimbrel2-usb3-vision.rules";
     }
 
     UsbDeviceDiagnosis& Of(const std::string& name) {
@@ -154,7 +154,7 @@ TEST_F(UsbDoctorChecks, NameTheRuleForANodeThatMayNotBeOpened) {
     Of("2-1.3").nodeError = EACCES;
     Finding finding = ExpectWrong(CheckUsbPermission);
     EXPECT_THAT(finding.evidence, AllOf(HasSubstr("/dev/bus/usb/002/003"), HasSubstr("Permission denied")));
-    EXPECT_THAT(finding.cure, AllOf(HasSubstr("sudo cp /opt/nimbrel/lib/udev/rules.d/70-nimbrel2-usb3-vision.rules"),
+    EXPECT_THAT(finding.cure, AllOf(HasSubstr("sudo cp /opt/nimbrel/share/nimbrel2/udev/70-nimbrel2-usb3-vision.rules"),
                                     HasSubstr("udevadm control --reload"), HasSubstr("udevadm trigger")));
     examined.rule.isInForce = true;
     EXPECT_THAT(ExpectWrong(CheckUsbPermission).cure, HasSubstr("usermod -aG plugdev"));
@@ -187,8 +187,8 @@ TEST_F(UsbDoctorChecks, BlameTheCableOfACameraOnAPortThatCouldDoMore) {
     camera.portSpeed = 5000;
     const Finding finding = ExpectWrong(CheckUsbSpeed);
     EXPECT_THAT(finding.evidence,
-                AllOf(HasSubstr("camera 8 (Model at 1-2.1) can do 5000 Mbit/s and runs at 480 Mbit/s"),
-                      HasSubstr("the cable of the camera"), HasSubstr("port 1 of hub 1-2 can do 5000 Mbit/s")));
+                AllOf(HasSubstr("camera 8 (Model at 1-2.1) can do 5 Gbit/s and runs at 480 Mbit/s"),
+                      HasSubstr("the cable of the camera"), HasSubstr("port 1 of hub 1-2 can do 5 Gbit/s")));
     EXPECT_THAT(finding.cure, HasSubstr("another USB 3 cable"));
 }
 
@@ -202,7 +202,7 @@ TEST_F(UsbDoctorChecks, BlameTheCableOfAHubThatFellBack) {
     Add(Camera("1-2.1", "1-2", 1, 480, 8));
     Of("1-2").portSpeed = 5000;
     EXPECT_THAT(ExpectWrong(CheckUsbSpeed).evidence,
-                HasSubstr("to blame: the cable of hub 1-2, for port 2 of root hub usb1 can do 5000 Mbit/s"));
+                HasSubstr("to blame: the cable of hub 1-2, for port 2 of root hub usb1 can do 5 Gbit/s"));
 }
 
 TEST_F(UsbDoctorChecks, BlameAPortOfTheComputer) {
@@ -244,6 +244,7 @@ TEST_F(UsbDoctorChecks, TellOfAHubThatFellToFullSpeed) {
                 HasSubstr("hub 1-2 on port 2 of root hub usb1 can do 480 Mbit/s and has fallen to 12 Mbit/s"));
     Of("1-2").deviceSpeed = 12;
     EXPECT_TRUE(CheckUsbHubSpeed(examined).at(0).ok) << "it can do no more, and no camera is behind it";
+    EXPECT_THAT(CheckUsbHubSpeed(examined).at(0).evidence, HasSubstr("none above a camera"));
     Add(Camera("1-2.1", "1-2", 1, 12, 8));
     EXPECT_THAT(ExpectWrong(CheckUsbHubSpeed).evidence, HasSubstr("can do no more than 12 Mbit/s"));
 }
@@ -288,9 +289,13 @@ TEST_F(UsbDoctorChecks, TellOfMemoryThatIsTooSmallForSuperSpeed) {
 }
 
 TEST(UsbRule, IsNamedWithTheCommandThatPutsItInForce) {
-    const UsbRule rule = FindUsbRule();
-    EXPECT_THAT(rule.installed, HasSubstr("/lib/udev/rules.d/" + UsbRuleName()));
-    EXPECT_THAT(HintForUsbPermission(), HasSubstr(rule.isInForce ? "nimbrel doctor" : CommandForUsbRule(rule)));
+    UsbRule rule = FindUsbRule();
+    EXPECT_THAT(rule.installed, HasSubstr("/share/nimbrel2/udev/" + UsbRuleName()));
+    rule.isInForce = false;
+    EXPECT_THAT(HintForUsbPermission(rule, true), HasSubstr(CommandForUsbRule(rule)));
+    EXPECT_THAT(HintForUsbPermission(rule, false), HasSubstr("nimbrel doctor")) << "no rule gives what is not there";
+    rule.isInForce = true;
+    EXPECT_THAT(HintForUsbPermission(rule, true), HasSubstr("nimbrel doctor"));
 }
 
 }  // namespace

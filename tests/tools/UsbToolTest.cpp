@@ -198,6 +198,17 @@ TEST_F(UsbTool, WatchHearsInAnotherUserNamespaceToo) {
     EXPECT_TRUE(watch.WaitForOutput("removal", TestDeadline)) << watch.GetOutput();
 }
 
+TEST_F(UsbTool, ResetOfACameraWithoutANodeSaysThatItMayNotBeOpenedAndNotThatItHasLeft) {
+    bed.AddController(UsbTestbed::Pci, 1, 2);
+    bed.Add(Camera("2-1", 2, "1"));
+    std::filesystem::remove_all(bed.RealPath("/dev/bus"));
+    const ProgramResult result = Run({"--bus", "usb", "reset", "1"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.errors, HasSubstr("permission denied"));
+    EXPECT_THAT(result.errors, HasSubstr("nimbrel doctor --bus usb"));
+    EXPECT_THAT(Wrong()["usb.permission"].dump(), HasSubstr("container"));
+}
+
 TEST_F(UsbTool, ResetOfACameraThatMayNotBeOpenedFailsAndSaysWhatToDo) {
     using std::filesystem::perms;
     bed.AddController(UsbTestbed::Pci, 1, 2);

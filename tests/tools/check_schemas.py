@@ -56,6 +56,7 @@ CASES = [
     ("usb-port", ["usb-port", "23"], [], False),
     ("rescan", ["rescan"], [], False),
     ("doctor", ["doctor"], [], False),
+    ("help", ["help"], [], False),
 ]
 TIMELINE = [{"unplug": "g"}, {"plug": "g"}, {"busReset": "fw0"}]
 

@@ -17,6 +17,7 @@ printed what is shown. --part runs every Nth block only (a block that goes on in
 several parts can run side by side. --update writes what is printed into the documents, for a person to read before it is committed.
 """
 import argparse
+import json
 import os
 import pathlib
 import re
@@ -50,6 +51,7 @@ SCENES = {
     "held": (HELD, "192.168.77.1/24", {}, {}),
     "new camera": (NEW, None, {}, {}),
     "nothing": (FREE, "192.168.77.1/24", {}, {}),
+    "laboratory": (None, None, {}, {}),
     "table": (LOST, "192.168.77.1/24", {}, {"line.txt": "02:00:5e:00:77:0b 192.168.77.21\n02:00:5e:00:77:0c 192.168.77.22\n"}),
 }
 
@@ -66,6 +68,12 @@ def wait_until(condition, what):
         time.sleep(0.01)  # between two looks at a condition that nothing announces
 
 
+def links_have_settled():
+    """The kernel takes a while to notice the link of an interface that is up."""
+    links = json.loads(subprocess.check_output(["ip", "-j", "link"], text=True))
+    return all("LOWER_UP" in link["flags"] and link["operstate"] != "DOWN" for link in links if "UP" in link["flags"])
+
+
 class Scene:
     """One state of the world: eth1 of this namespace, a namespace at the other end of its cable, cameras there."""
 
@@ -74,6 +82,9 @@ class Scene:
         self.nimbrel, self.cameras, self.wire = nimbrel, [], None
         for file, text in files.items():
             (folder / file).write_text(text)
+        if name == "laboratory":  # where `ip netns` keeps names, for this document alone
+            run("mkdir", "-p", "/run/netns")
+            run("mount", "-t", "tmpfs", "none", "/run/netns")
         if cameras is None:
             return
         self.wire = subprocess.Popen(["unshare", "--net", "sleep", "infinity"])
@@ -205,6 +216,7 @@ class Runner:
                     changed.wait_for(lambda: fits(shown, printed, False) and (shown or printed), 3 if self.update else DEADLINE)
             if stays:
                 self.kept.append((process, reader))
+                wait_until(links_have_settled, "a link")
                 return lines(), None
             if endless:
                 os.killpg(process.pid, signal.SIGINT)

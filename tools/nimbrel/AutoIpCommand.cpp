@@ -15,6 +15,7 @@
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Progress.h"
+#include "tools/nimbrel/SearchReport.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/Words.h"
@@ -23,6 +24,7 @@ namespace Nimbrel2::Tool {
 namespace {
 
 using Platform::AddressPlan;
+using Platform::CameraDiagnosis;
 
 const char Footer[] =
     R"(Leaves cameras alone whose address is in the subnet of the network interface
@@ -34,8 +36,8 @@ answered at their new addresses. A camera that an application holds ignores it.
 
 Exit status:
   0  Every camera has an address of its subnet. With --dry-run: or would have.
-  1  A camera has none (the others were handled), or the command failed;
-     standard error says why.
+  1  A camera has none (the others were handled), the command failed, or a
+     network interface was not searched; standard error says why.
   2  Wrong usage; standard error names the option and the value.
 
 JSON: {"ok","dry_run","cameras":[{"serial","mac","network_interface","ip",
@@ -97,10 +99,14 @@ public:
             Change();
         }
         m_context.Print(m_context.WantsJson() ? AsJson() : ForPeople());
+        const std::vector<std::string> problems = DescribeProblems(ReadSearchReport());
+        for (const std::string& line : problems) {
+            WriteError("nimbrel auto-ip: " + line + ".\n");
+        }
         if (AnyOf(Result::Failed)) {
             throw CommandError(NamesOfFailed()).WithHint("`nimbrel doctor` finds out why.");
         }
-        return ExitDone;
+        return problems.empty() ? ExitDone : ExitFailed;
     }
 
 private:
@@ -129,8 +135,7 @@ private:
                 .WithHint("`nimbrel discover` shows the cameras that answer.");
         }
         if (status != HAL_OK) {
-            throw CommandError("GigE cannot be searched: " + DescribeStatus(status))
-                .WithHint(NextStep(status, INTERFACE_GIGE));
+            throw ExplainSearchFailure(status);
         }
         if (m_serial && m_plans.size() > 1) {
             RefuseTwins();
@@ -220,11 +225,11 @@ private:
         }
         // A camera without an acknowledge that still answers elsewhere has kept its address and is not waited for. A
         // silent one may be restarting at its new address.
-        const std::vector<GigECamera> after = DiscoverUntil([&](const std::vector<GigECamera>& cameras) {
+        const std::vector<CameraDiagnosis> after = DiscoverUntil([&](const std::vector<CameraDiagnosis>& cameras) {
             for (std::size_t i = 0; i < m_plans.size(); ++i) {
-                const GigECamera* camera = FindByMac(cameras, m_outcomes[i].before.mac);
+                const CameraDiagnosis* camera = FindByMac(cameras, m_outcomes[i].before.mac);
                 const bool givenUp = m_plans[i].status != HAL_OK && camera != nullptr;
-                if (m_outcomes[i].result == Result::WouldChange && !givenUp && !HasMoved(m_outcomes[i], camera)) {
+                if (m_outcomes[i].result == Result::WouldChange && !givenUp && !AnswersThere(m_outcomes[i], camera)) {
                     return false;
                 }
             }
@@ -237,30 +242,40 @@ private:
         }
     }
 
-    static bool HasMoved(const Outcome& outcome, const GigECamera* camera) {
-        return camera != nullptr && PackIPAddress(camera->ip) == PackIPAddress(*outcome.newIp);
+    static bool SaysSo(const Outcome& outcome, const CameraDiagnosis* camera) {
+        return camera != nullptr && camera->record.ipAddress == PackIPAddress(*outcome.newIp);
     }
 
-    static void Conclude(const std::vector<GigECamera>& after, std::uint32_t status, Outcome* outcome) {
-        const GigECamera* camera = FindByMac(after, outcome->before.mac);
-        if (HasMoved(*outcome, camera)) {
+    // And not only a broadcast, with the address in the answer.
+    static bool AnswersThere(const Outcome& outcome, const CameraDiagnosis* camera) {
+        return SaysSo(outcome, camera) && camera->present;
+    }
+
+    static void Conclude(const std::vector<CameraDiagnosis>& after, std::uint32_t status, Outcome* outcome) {
+        const CameraDiagnosis* camera = FindByMac(after, outcome->before.mac);
+        if (AnswersThere(*outcome, camera)) {
             outcome->result = Result::Changed;
             return;
         }
+        const bool isSent = status == HAL_OK || status == HAL_NO_ACKNOWLEDGE;
+        outcome->reason = isSent ? WhyNot(camera, *outcome) : "it was not told: " + DescribeStatus(status);
         outcome->result = Result::Failed;
         outcome->newIp.reset();
-        const bool isSent = status == HAL_OK || status == HAL_NO_ACKNOWLEDGE;
-        outcome->reason = isSent ? WhyNot(camera, outcome->before) : "it was not told: " + DescribeStatus(status);
     }
 
-    static std::string WhyNot(const GigECamera* camera, const GigECamera& before) {
+    static std::string WhyNot(const CameraDiagnosis* camera, const Outcome& outcome) {
         if (camera == nullptr) {
             return "it no longer answers";
         }
-        if (PackIPAddress(camera->ip) == PackIPAddress(before.ip)) {
+        if (SaysSo(outcome, camera)) {
+            return "it says that it has " + FormatSubnet(*outcome.newIp, outcome.newMask) +
+                   ", but does not answer there";
+        }
+        const GigECamera now = FromRecord(camera->record);
+        if (PackIPAddress(now.ip) == PackIPAddress(outcome.before.ip)) {
             return "it stays at its old address, most likely because an application holds it";
         }
-        return "it now answers at " + FormatSubnet(camera->ip, camera->subnet) + ", which it was not given";
+        return "it now answers at " + FormatSubnet(now.ip, now.subnet) + ", which it was not given";
     }
 
     // ---- Result ---------------------------------------------------------------------------------------------------

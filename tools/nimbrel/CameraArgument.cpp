@@ -15,6 +15,7 @@
 
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Locations.h"
 #include "tools/nimbrel/Values.h"
@@ -106,7 +107,8 @@ FoundCamera FindOne(BusMaster& busMaster, const Cameras& cameras, const IsMeant&
                     const std::string& ifNobody) {
     Cameras found = Matching(cameras, isMeant);
     if (found.empty()) {
-        throw CommandError("no camera has " + what + ifNobody);
+        throw CommandError("no camera has " + what + ifNobody)
+            .WithHint("`nimbrel doctor` finds out why a camera is not seen.");
     }
     if (found.size() > 1 && !IsAlone(found, HasGuid(found.front().guid))) {
         Accept(busMaster, cameras, found.front());
@@ -175,6 +177,39 @@ FoundCamera FindByGuid(BusMaster& busMaster, const Cameras& cameras, const ZevoG
         .WithHint(
             "`nimbrel list --long` shows the guids. That of a GigE camera changes with its address: serial: or "
             "mac: do not.");
+}
+
+// ---- Heard, and not listed -----------------------------------------------------------------------------------------
+
+bool IsNamedBy(const CameraChoice& choice, const GigECamera& camera) {
+    if (const auto* serial = std::get_if<BySerial>(&choice)) {
+        return camera.serialNumber == serial->serialNumber;
+    }
+    if (const auto* mac = std::get_if<MACAddress>(&choice)) {
+        return IsSame(camera.mac, *mac);
+    }
+    const auto* ip = std::get_if<IPAddress>(&choice);
+    return ip != nullptr && PackIPAddress(camera.ip) == PackIPAddress(*ip);
+}
+
+// Throws the reason why a GigE camera that is meant cannot be used, when one was heard that is not listed.
+void CheckUnusable(const CameraChoice& choice) {
+    Platform::GigEDiagnosis diagnosis;
+    if (Platform::DiagnoseGigE(false, &diagnosis) != HAL_OK) {
+        return;
+    }
+    for (const HeardCamera& heard : FindHeardCameras(diagnosis)) {
+        if (heard.usability == Usability::Usable || !IsNamedBy(choice, heard.camera)) {
+            continue;
+        }
+        std::string hint = CureForUnusable({heard});
+        while (!hint.empty() && hint.back() == '\n') {
+            hint.pop_back();
+        }
+        throw CommandError(NameOf(heard.camera) + " at " + FormatIp(heard.camera.ip) +
+                           " is heard, but cannot be used: " + heard.Explain())
+            .WithHint(hint);
+    }
 }
 
 // ---- Which bus the command is for ----------------------------------------------------------------------------------
@@ -320,13 +355,17 @@ BusMasterSession CameraArgument::Start(CommandContext& context) const {
 
 FoundCamera CameraArgument::Find(const CommandContext& context, BusMaster& busMaster, const std::string& command,
                                  Scope scope) const {
+    std::optional<FoundCamera> camera;
     try {
-        const FoundCamera camera = FindCamera(busMaster, m_choice);
-        CheckScope(camera, command, scope);
-        return camera;
+        camera = FindCamera(busMaster, m_choice);
+        CheckScope(*camera, command, scope);
+        return *camera;
     } catch (const CommandError&) {
         context.CheckBuses(busMaster);
         context.NoteBusesWithoutDriver(command);
+        if (!camera && context.UsesBus("gige") && (scope == Scope::AnyBus || scope == Scope::GigE)) {
+            CheckUnusable(m_choice);
+        }
         throw;
     }
 }

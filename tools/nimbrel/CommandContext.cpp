@@ -3,8 +3,10 @@
 #include "tools/nimbrel/CommandContext.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
+#include <cstdint>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "common/Trace.h"
@@ -60,16 +62,16 @@ Platform::Driver* DriverOf(Platform::Options* options, HALInterfaceType bus) {
 
 // "1209:0001": two groups of four hexadecimal digits, as lsusb prints them.
 Platform::UsbId ParseUsbId(const std::string& text) {
-    unsigned int vendor = 0;
-    unsigned int product = 0;
-    char behind = 0;
-    const bool hasForm =
-        text.size() == 9 && text[4] == ':' && text.find_first_not_of("0123456789abcdefABCDEF:") == std::string::npos;
-    if (!hasForm || std::sscanf(text.c_str(), "%4x:%4x%c", &vendor, &product, &behind) != 2) {
+    const auto readGroup = [&text](std::size_t begin, std::uint16_t* value) {
+        const char* end = text.data() + begin + 4;
+        return std::from_chars(text.data() + begin, end, *value, 16).ptr == end;
+    };
+    Platform::UsbId id;
+    if (text.size() != 9 || text[4] != ':' || !readGroup(0, &id.vendor) || !readGroup(5, &id.product)) {
         throw CommandError("--usb-id: \"" + text + "\" is not two groups of four hexadecimal digits, like 1209:0001",
                            ExitUsage);
     }
-    return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product)};
+    return id;
 }
 
 void CheckExists(const std::vector<std::string>& interfaces) {
@@ -81,14 +83,6 @@ void CheckExists(const std::vector<std::string>& interfaces) {
         throw CommandError("--interface: this computer has no network interface \"" + name + "\"; it has " +
                            (existing.empty() ? "none" : Enumerate(existing)));
     }
-}
-
-Platform::GigESearchReport ReadSearchReport() {
-    Platform::GigESearchReport report;
-    if (Platform::GetGigESearchReport(&report) != HAL_OK) {
-        return {};
-    }
-    return report;
 }
 
 // "2 heard: 192.168.77.10 Cairn G 2040, 192.168.77.11 Cairn G 2040"
@@ -215,14 +209,14 @@ bool CommandContext::UsesBus(const std::string& name) const {
     return m_buses.empty() || std::find(m_buses.begin(), m_buses.end(), name) != m_buses.end();
 }
 
-std::string CommandContext::DescribeBuses() const {
+std::string CommandContext::DescribeBuses(const std::string& conjunction) const {
     std::vector<std::string> names;
     for (const BusKind& bus : BusKinds()) {
         if (IsSearched(bus)) {
             names.emplace_back(bus.forPeople);
         }
     }
-    return names.empty() ? "no bus" : Enumerate(names);
+    return names.empty() ? "no bus" : Enumerate(names, conjunction);
 }
 
 bool CommandContext::IsSearched(const BusKind& bus) const {
@@ -253,11 +247,26 @@ Json CommandContext::SearchedAsJson() const {
     return searched;
 }
 
-std::vector<std::string> CommandContext::GetNetworkInterfaces() const {
+std::vector<std::string> CommandContext::GetSearchedInterfaces(const Platform::GigESearchReport& report) const {
     if (m_rig) {
         return m_rig->WithGigE([](const Platform::GigEModel& model) { return model.InterfacesUp(); });
     }
-    return m_interfaces.empty() ? UsualNetworkInterfaceNames() : m_interfaces;
+    std::vector<std::string> names = m_interfaces;
+    if (names.empty()) {
+        Platform::GigEDiagnosis diagnosis;
+        Platform::DiagnoseGigE(false, &diagnosis);
+        for (const Platform::InterfaceDiagnosis& interface : diagnosis.interfaces) {
+            if (interface.used) {
+                names.push_back(interface.interface.name);
+            }
+        }
+    }
+    std::erase_if(names, [&](const std::string& name) {
+        return std::any_of(report.problems.begin(), report.problems.end(), [&](const auto& problem) {
+            return !problem.inPart && (problem.interfaceName.empty() || problem.interfaceName == name);
+        });
+    });
+    return names;
 }
 
 Platform::Options CommandContext::MakePlatformOptions(milliseconds unlessGiven) const {
@@ -311,6 +320,12 @@ BusMasterSession CommandContext::MakeBusMaster(milliseconds unlessGiven) {
     }
     BusMasterSession session(&Singleton<BusMaster>::GetInstance(),
                              [](BusMaster*) { Singleton<BusMaster>::DestroyInstance(); });
+    if (Platform::GetBusSupport(HAL_INTERFACE_GIGE) == HAL_CLOSED) {
+        // It has not told anybody why it could not start the HAL.
+        if (const std::uint32_t status = HAL_InitLibrary(); status != HAL_OK) {
+            throw CommandError("the buses cannot be searched: " + DescribeStatus(status));
+        }
+    }
     m_withoutDriver = FindBusesWithoutDriver([this](const BusKind& bus) { return UsesBus(bus.name); });
     const bool onlyThose =
         std::none_of(BusKinds().begin(), BusKinds().end(), [this](const BusKind& bus) { return IsSearched(bus); });

@@ -100,16 +100,16 @@ public:
     /// below.
     bool IsSearched(const BusKind& bus) const;
     /// "IEEE 1394, USB and GigE": the buses that are searched.
-    std::string DescribeBuses() const;
+    std::string DescribeBuses(const std::string& conjunction = "and") const;
     /// A sentence without its full stop that names the wanted buses without a driver; empty when each has one.
     std::string DescribeBusesWithoutDriver() const;
     /// The same on standard error, if there is anything to say.
     void NoteBusesWithoutDriver(const std::string& command) const;
     /// The buses that are searched, as options name them.
     Json SearchedAsJson() const;
-    /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all of its own
-    /// that are up except loopback.
-    std::vector<std::string> GetNetworkInterfaces() const;
+    /// What GigE searches: the rig's network interfaces that are up, the named ones of this computer, or all that its
+    /// driver uses. Without those of which the search report says that they were not.
+    std::vector<std::string> GetSearchedInterfaces(const Platform::GigESearchReport& report) const;
 
 private:
     Platform::Options MakePlatformOptions(std::chrono::milliseconds unlessGiven) const;

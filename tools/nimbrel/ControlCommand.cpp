@@ -4,7 +4,9 @@
 
 #include "platform/Diagnostics.h"
 #include "tools/nimbrel/CameraArgument.h"
+#include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Words.h"
@@ -39,21 +41,25 @@ bool IsHeld(const ControlInfo& control) {
     return control.state == ControlState::Controlled || control.state == ControlState::Exclusive;
 }
 
+// What the driver knows of it: more than a yes or no, or why it is not known.
 ControlInfo ReadControl(BusMaster& busMaster, const FoundCamera& camera) {
+    ControlInfo unknown;
+    unknown.status = HAL_GONE;
     CameraInfo info;
     if (busMaster.GetCameraInfo(camera.guid, &info) != ERROR_OK) {
-        return {};
+        return unknown;
     }
     Platform::GigEDiagnosis diagnosis;
-    if (Platform::DiagnoseGigE(true, &diagnosis) != HAL_OK) {
-        return {};
+    if (const std::uint32_t status = Platform::DiagnoseGigE(true, &diagnosis); status != HAL_OK) {
+        unknown.status = status;
+        return unknown;
     }
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
         if (heard.listed && IsSame(FromRecord(heard.record), FromInfo(info))) {
             return heard.control;
         }
     }
-    return {};
+    return unknown;
 }
 
 Json ToJson(bool available, const ControlInfo& control) {
@@ -68,16 +74,21 @@ Json ToJson(bool available, const ControlInfo& control) {
     return json;
 }
 
+std::string DescribeHolder(const ControlInfo& control) {
+    if (control.ownerIp != 0) {
+        return "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
+               std::to_string(control.ownerPort);
+    }
+    const std::string another = "another application, which it ";
+    return another + (control.status == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(control.status));
+}
+
 std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {
     if (available) {
         return AsSentence(camera.name) + " is free: this computer may control it.\n";
     }
-    const std::string holder = control.ownerIp == 0
-                                   ? "another application, which it does not name"
-                                   : "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
-                                         std::to_string(control.ownerPort);
     return AsSentence(camera.name) + " is in use" + (control.state == ControlState::Exclusive ? " exclusively" : "") +
-           " by " + holder + ".\n";
+           " by " + DescribeHolder(control) + ".\n";
 }
 
 std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJson) {
@@ -89,13 +100,17 @@ std::string DescribeControl(BusMaster& busMaster, FoundCamera& camera, bool asJs
     }
     ControlInfo control;
     if (error != ERROR_OK || !available) {
-        control = ReadControl(busMaster, camera);
         // A camera that is held exclusively refuses even these reads, and some do not report their holder. To the bus
-        // master those are errors; to the user the answer is no.
-        if (!IsHeld(control)) {
-            CheckFor(camera, error, what);
+        // master those are errors, and without the reason; to the user the answer is no.
+        control = ReadControl(busMaster, camera);
+        const bool isKnown = control.state != ControlState::Unknown;
+        if (!isKnown && error != ERROR_OK) {
+            throw CommandError(camera.GetNameWithBus() + " " + what + ": " + DescribeStatus(control.status))
+                .WithHint(NextStep(control.status, INTERFACE_GIGE))
+                .WithDetails(error.Describe());
         }
-        available = false;
+        // It was asked later, and may have been let go meanwhile.
+        available = isKnown && !IsHeld(control);
     }
     return asJson ? Dump(ToJson(available, control)) : ForPeople(camera, available, control);
 }

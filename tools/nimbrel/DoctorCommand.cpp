@@ -7,12 +7,14 @@
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/Locations.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Progress.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/CameraChecks.h"
 #include "tools/nimbrel/doctor/FireWireChecks.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
+#include "tools/nimbrel/doctor/InstalledFiles.h"
 #include "tools/nimbrel/doctor/UsbChecks.h"
 
 namespace Nimbrel2::Tool {
@@ -73,8 +75,7 @@ void AddFailedBuses(const CommandContext& context, BusMaster& busMaster, Finding
         if (isNamed) {
             continue;
         }
-        all->push_back(
-            {check, false, failure.Describe(), std::string("sudo nimbrel doctor --bus ") + failure.bus.name});
+        all->push_back({check, false, failure.Describe(), SudoNimbrel() + " doctor --bus " + failure.bus.name});
     }
 }
 
@@ -126,11 +127,25 @@ std::string ForPeople(const Findings& findings, std::size_t numWrong, bool colou
                                  : CountOf(numWrong, "thing") + (numWrong == 1 ? " is wrong.\n" : " are wrong.\n"));
 }
 
+// What `sysctl -w` sets is gone after the next start.
+std::string HowToKeepSettings(const Findings& findings) {
+    const bool anySetting = std::any_of(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.cure.find("sysctl -w") != std::string::npos;
+    });
+    if (!anySetting) {
+        return {};
+    }
+    return "Settings made by sysctl are lost at the next start; to keep them, copy " +
+           Doctor::FindInstalledFile("sysctl.d/60-nimbrel2.conf") + " to /etc/sysctl.d and edit it.\n";
+}
+
 int RunDoctor(CommandContext& context) {
     const Findings findings = Examine(context);
     const auto numWrong = static_cast<std::size_t>(
         std::count_if(findings.begin(), findings.end(), [](const Finding& finding) { return !finding.ok; }));
-    context.Print(context.WantsJson() ? AsJson(findings) : ForPeople(findings, numWrong, context.UsesColour()));
+    context.Print(context.WantsJson()
+                      ? AsJson(findings)
+                      : ForPeople(findings, numWrong, context.UsesColour()) + HowToKeepSettings(findings));
     return numWrong == 0 ? ExitDone : ExitFailed;
 }
 

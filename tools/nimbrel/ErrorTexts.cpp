@@ -12,6 +12,7 @@ namespace Nimbrel2::Tool {
 namespace {
 
 constexpr std::uint32_t NoStatus = 0xFFFFFFFF;
+constexpr char UsersOfUsb[] = "`nimbrel doctor --bus usb` shows who uses it.";
 
 // "... Error 0x3", "... Error: 0x3." and "... Error: 3": always hexadecimal.
 std::optional<std::uint32_t> StatusAtEnd(std::string message) {
@@ -91,16 +92,22 @@ std::string DescribeCause(const Error& error) {
 }
 
 std::string NextStep(std::uint32_t status, InterfaceType bus) {
+    const bool isUsb = bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3;
     switch (status) {
         case HAL_PERMISSION:
-            if (bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3) {
+            if (isUsb) {
                 return Doctor::HintForUsbPermission();
             }
             return std::string("Try again as root: `") + AgainAsRootMark + "`.";
         case HAL_GONE:
         case HAL_BUS_CHANGED:
             return "`nimbrel list` shows what is attached now.";
+        case HAL_BUSY:
+            return isUsb ? UsersOfUsb : "";
         case HAL_ACCESS_DENIED:
+            if (isUsb) {
+                return UsersOfUsb;
+            }
             return bus == INTERFACE_GIGE ? "`nimbrel control` shows who holds it." : "End the program that uses it.";
         case HAL_NO_BUS:
         case HAL_UNREACHABLE:

@@ -2,11 +2,11 @@
 // Discovers GigE cameras. Main thread only; no lock.
 #include "tools/nimbrel/GigECameras.h"
 
-#include <charconv>
 #include <thread>
 
-#include "tools/nimbrel/ErrorTexts.h"
+#include "platform/base/Texts.h"
 #include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/SearchReport.h"
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool {
@@ -37,9 +37,7 @@ GigECamera FromInfo(const CameraInfo& info) {
 
 GigECamera FromRecord(const GvcpDiscoveryRecord& record) {
     GigECamera camera;
-    std::uint64_t serialNumber = 0;  // the number that the text begins with, as in listings
-    std::from_chars(record.serialNumber, record.serialNumber + sizeof record.serialNumber, serialNumber);
-    camera.serialNumber = static_cast<std::uint32_t>(serialNumber);
+    camera.serialNumber = Platform::LeadingNumber(Platform::FieldText(record.serialNumber));
     const std::uint64_t mac = std::uint64_t{record.macHigh} << 32 | record.macLow;
     for (int i = 0; i < 6; ++i) {
         camera.mac.octets[i] = static_cast<std::uint8_t>(mac >> (40 - 8 * i) & 0xFF);
@@ -69,17 +67,15 @@ Platform::GigEDiscovery DiscoverGigE(const std::optional<MACAddress>& until) {
     if (status == HAL_OK) {
         return discovery;
     }
-    throw CommandError("GigE cannot be searched: " + DescribeStatus(status)).WithHint(NextStep(status, INTERFACE_GIGE));
+    throw ExplainSearchFailure(status);
 }
 
-std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector<GigECamera>&)>& isEnough) {
+std::vector<Platform::CameraDiagnosis> DiscoverUntil(
+    const std::function<bool(const std::vector<Platform::CameraDiagnosis>&)>& isEnough) {
     const Clock::time_point end = Clock::now() + VerifyLimit;
     for (;;) {
         const Clock::time_point round = Clock::now();
-        std::vector<GigECamera> cameras;
-        for (const Platform::CameraDiagnosis& heard : DiscoverGigE().cameras) {
-            cameras.push_back(FromRecord(heard.record));
-        }
+        std::vector<Platform::CameraDiagnosis> cameras = DiscoverGigE().cameras;
         if (isEnough(cameras) || Clock::now() >= end) {
             return cameras;
         }
@@ -87,9 +83,10 @@ std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector
     }
 }
 
-const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac) {
-    for (const GigECamera& camera : cameras) {
-        if (IsSame(camera.mac, mac)) {
+const Platform::CameraDiagnosis* FindByMac(const std::vector<Platform::CameraDiagnosis>& cameras,
+                                           const MACAddress& mac) {
+    for (const Platform::CameraDiagnosis& camera : cameras) {
+        if (IsSame(FromRecord(camera.record).mac, mac)) {
             return &camera;
         }
     }

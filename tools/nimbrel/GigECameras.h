@@ -43,10 +43,12 @@ Platform::GigEDiscovery DiscoverGigE(const std::optional<MACAddress>& until = st
 /// Discovers until the answers satisfy the condition, at least once and for at most five seconds: a camera that was
 /// just given an address may take some time to return.
 /// @return the answers to the last discovery.
-std::vector<GigECamera> DiscoverUntil(const std::function<bool(const std::vector<GigECamera>&)>& isEnough);
+std::vector<Platform::CameraDiagnosis> DiscoverUntil(
+    const std::function<bool(const std::vector<Platform::CameraDiagnosis>&)>& isEnough);
 
 /// Null if none has that MAC.
-const GigECamera* FindByMac(const std::vector<GigECamera>& cameras, const MACAddress& mac);
+const Platform::CameraDiagnosis* FindByMac(const std::vector<Platform::CameraDiagnosis>& cameras,
+                                           const MACAddress& mac);
 
 /// "camera 19340211 (02:00:5e:00:00:01)"
 std::string NameOf(const GigECamera& camera);

@@ -60,7 +60,8 @@ std::string HeardCamera::Explain() const {
 std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnosis) {
     std::vector<HeardCamera> cameras;
     for (const Platform::CameraDiagnosis& heard : diagnosis.cameras) {
-        HeardCamera camera{FromRecord(heard.record), heard.usability, FindInterface(diagnosis, heard.interface)};
+        HeardCamera camera{FromRecord(heard.record), heard.usability, FindInterface(diagnosis, heard.interface),
+                           heard.listed};
         const auto known = std::find_if(cameras.begin(), cameras.end(), [&camera](const HeardCamera& other) {
             return IsSame(other.camera, camera.camera);
         });
@@ -74,9 +75,15 @@ std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnos
 }
 
 std::string CureForUnusable(const std::vector<HeardCamera>& cameras) {
-    // A silent camera may need an address or not: the doctor looks closer.
-    const auto isCuredByAutoIp = [](const HeardCamera& camera) {
-        return Platform::NeedsAddress(camera.usability) && camera.usability != Usability::NoAnswer;
+    // A silent camera may need an address or not, and one on an interface whose mask has room for none needs a mask:
+    // the doctor looks closer.
+    const auto hasRoom = [](const HeardCamera& camera) {
+        const auto isRoomy = [](const Platform::InterfaceAddress& address) { return address.prefixLength <= 30; };
+        return camera.interface == nullptr || std::any_of(camera.interface->interface.addresses.begin(),
+                                                          camera.interface->interface.addresses.end(), isRoomy);
+    };
+    const auto isCuredByAutoIp = [&hasRoom](const HeardCamera& camera) {
+        return Platform::NeedsAddress(camera.usability) && camera.usability != Usability::NoAnswer && hasRoom(camera);
     };
     const auto isUnusable = [](const HeardCamera& camera) { return camera.usability != Usability::Usable; };
     const auto unusable = std::count_if(cameras.begin(), cameras.end(), isUnusable);

@@ -21,6 +21,7 @@ struct HeardCamera {
     GigECamera camera;
     Usability usability = Usability::Usable;
     const Platform::InterfaceDiagnosis* interface = nullptr;  ///< Of the diagnosis; null when it is gone.
+    bool isListed = false;
 
     /// "wrong subnet: eth1 is on 192.168.77.0/24"
     std::string Explain() const;

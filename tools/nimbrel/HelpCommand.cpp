@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/nimbrel/CommandError.h"
+#include "tools/nimbrel/CommandLine.h"
 #include "tools/nimbrel/Commands.h"
 #include "tools/nimbrel/UsageErrors.h"
 
@@ -20,32 +21,46 @@ const char Footer[] =
 Exit status:
   0  The help was printed.
   2  There is no such command.
+
+JSON: {"name","description","options":[{"names","value","description"}],
+"arguments":[{"name","required","repeatable","description"}],"commands":[...],
+"more"}. "value" is missing for options that take none; "commands" are those
+below it, described in the same way; "more" is what help ends with.
 )";
 
-std::string HelpOf(const CLI::App& app, const std::vector<std::string>& words) {
+const CLI::App& Find(const CLI::App& app, const std::vector<std::string>& words) {
     const CLI::App* command = &app;
-    std::string name = app.get_name();
     for (const std::string& word : words) {
-        const auto below = command->get_subcommands([&word](const CLI::App* one) { return one->check_name(word); });
-        if (below.empty()) {
+        const CLI::App* below = FindCommand(*command, word);
+        if (below == nullptr) {
             throw CommandError(UnknownCommand(*command, word), ExitUsage);
         }
-        command = below.front();
+        command = below;
+    }
+    return *command;
+}
+
+std::string HelpOf(const CLI::App& app, const std::vector<std::string>& words) {
+    std::string name = app.get_name();
+    for (const std::string& word : words) {
         name += " " + word;
     }
     // App::help() would explain the command that is running, this one.
-    return app.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
+    return app.get_formatter()->make_help(&Find(app, words), name, CLI::AppFormatMode::Normal);
 }
 
 }  // namespace
 
 void AddHelpCommand(CLI::App& app, CommandContext& context) {
     const auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App* command = context.AddCommand(app, "help", "Explains a command.", [&app, &context, words] {
-        context.Print(HelpOf(app, *words));
+    const auto json = std::make_shared<bool>(false);
+    CLI::App* command = context.AddCommand(app, "help", "Explains a command.", [&app, &context, words, json] {
+        context.Print(*json ? Dump(DescribeCommand(Find(app, *words))) : HelpOf(app, *words));
         return static_cast<int>(ExitDone);
     });
     command->add_option("COMMAND", *words, "The command; without it: all of them.")->type_name("");
+    command->add_flag("--json", *json,
+                      "Print JSON: the commands and options for programs\nthat make menus or manuals.");
     command->footer(Footer);
 }
 

@@ -247,10 +247,10 @@ private:
             return text;
         }
         if (!m_filter.IsEmpty()) {
-            return "No camera that is attached fits.\n" + text;
+            return "No attached camera matches.\n" + text;
         }
         if (!listed.unusable.empty()) {
-            return "No usable cameras found on " + m_context.DescribeBuses() + ".\n" + text;
+            return "No usable cameras found on " + m_context.DescribeBuses("or") + ".\n" + text;
         }
         return NothingFound(m_context) + text;
     }

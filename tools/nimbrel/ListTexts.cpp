@@ -6,6 +6,7 @@
 
 #include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/SearchReport.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/Words.h"
@@ -77,6 +78,19 @@ std::string MostSpeed(const Camera& camera) {
     return text;
 }
 
+std::string DescribeUnusable(const std::string& heading, bool isListed, const std::vector<HeardCamera>& cameras) {
+    std::string text;
+    for (const HeardCamera& heard : cameras) {
+        if (heard.isListed != isListed) {
+            continue;
+        }
+        text += "  " + NameOf(heard.camera) + " at " + FormatSubnet(heard.camera.ip, heard.camera.subnet) +
+                (heard.interface == nullptr ? "" : " on " + ForTerminal(heard.interface->interface.name)) + ": " +
+                ForTerminal(heard.Explain()) + "\n";
+    }
+    return text.empty() ? text : "\n" + heading + "\n" + text;
+}
+
 // What follows the cameras in either form.
 std::string Remarks(const Listed& listed, bool coloured) {
     std::string text;
@@ -89,13 +103,30 @@ std::string Remarks(const Listed& listed, bool coloured) {
     if (listed.unusable.empty()) {
         return text;
     }
-    text += "\nHeard on the network, but not usable:\n";
-    for (const HeardCamera& heard : listed.unusable) {
-        text += "  " + NameOf(heard.camera) + " at " + FormatSubnet(heard.camera.ip, heard.camera.subnet) +
-                (heard.interface == nullptr ? "" : " on " + ForTerminal(heard.interface->interface.name)) + ": " +
-                ForTerminal(heard.Explain()) + "\n";
-    }
+    text += DescribeUnusable("Heard on the network, but not usable:", false, listed.unusable);
+    // It is there, and an application may have to know; only its registers do not answer.
+    text += DescribeUnusable("Listed, but not usable now:", true, listed.unusable);
     return text + CureForUnusable(listed.unusable);
+}
+
+std::string DescribeSearch(const CommandContext& context) {
+    const Platform::GigESearchReport report = ReadSearchReport();
+    const std::vector<std::string> interfaces = context.GetSearchedInterfaces(report);
+    if (interfaces.empty() && context.GetRig()) {
+        return "GigE: the rig has no network interface that is up.\n";
+    }
+    if (interfaces.empty() && !report.problems.empty()) {
+        return "GigE: no network interface was searched.\n";
+    }
+    if (interfaces.empty()) {
+        return "GigE: no network interface is up with a link and an IPv4 address (loopback must be\n"
+               "named: `--interface lo`).\n";
+    }
+    std::vector<std::string> shown;
+    for (const std::string& name : interfaces) {
+        shown.push_back(ForTerminal(name));
+    }
+    return "GigE: searched " + Enumerate(shown) + ".\n";
 }
 
 }  // namespace
@@ -163,27 +194,10 @@ std::string ListAsParagraphs(const Listed& listed, bool coloured) {
 }
 
 std::string NothingFound(const CommandContext& context) {
-    std::string text = "No cameras found on " + context.DescribeBuses() + ".\n\n";
-    text += "Check that each camera has power and that its cable is plugged in at both ends.\n";
-    if (!context.UsesBus("gige")) {
-        return text;
-    }
-    const std::vector<std::string> interfaces = context.GetNetworkInterfaces();
-    if (interfaces.empty() && context.GetRig()) {
-        return text + "GigE: the rig has no network interface that is up.\n";
-    }
-    if (interfaces.empty()) {
-        text +=
-            "GigE: no network interface is up with a link and an IPv4 address (loopback must be\n"
-            "named: `--interface lo`).\n";
-    } else {
-        std::vector<std::string> shown;
-        for (const std::string& name : interfaces) {
-            shown.push_back(ForTerminal(name));
-        }
-        text += "GigE: searched " + Enumerate(shown) + ".\n";
-    }
-    return text + "`nimbrel doctor` finds out what keeps cameras from being seen.\n";
+    return "No cameras found on " + context.DescribeBuses("or") + ".\n\n" +
+           "Check that each camera has power and that its cable is plugged in at both ends.\n" +
+           (context.UsesBus("gige") ? DescribeSearch(context) : "") +
+           "`nimbrel doctor` finds out what keeps cameras from being seen.\n";
 }
 
 }  // namespace Nimbrel2::Tool

@@ -11,9 +11,6 @@ namespace Nimbrel2::Tool {
 /// All of them, in the order of the kernel.
 std::vector<std::string> NetworkInterfaceNames();
 
-/// Those that GigE uses when none is named: up, with a link and an IPv4 address, and not loopback.
-std::vector<std::string> UsualNetworkInterfaceNames();
-
 }  // namespace Nimbrel2::Tool
 
 #endif

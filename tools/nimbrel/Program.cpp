@@ -4,15 +4,19 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "tools/nimbrel/CommandContext.h"
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/Commands.h"
+#include "tools/nimbrel/CompleteCommand.h"
 #include "tools/nimbrel/Interrupts.h"
 #include "tools/nimbrel/Output.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Text.h"
 #include "tools/nimbrel/TraceLog.h"
 #include "tools/nimbrel/UsageErrors.h"
@@ -44,12 +48,24 @@ const char BusOptions[] = "Options of the commands that look at the buses, befor
 
 // The user's own words, as a shell takes them, run by root.
 std::string AgainAsRoot(int argc, const char* const* argv) {
-    std::string line = "sudo nimbrel";
+    std::string line = SudoNimbrel();
     for (int i = 1; i < argc; ++i) {
         line += " " + QuoteForShell(argv[i]);
     }
     return line;
 }
+
+// One empty line between two groups of options, where CLI11 writes two.
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
+        std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
+        for (std::size_t at = text.find("\n\n\n"); at != std::string::npos; at = text.find("\n\n\n", at)) {
+            text.erase(at, 1);
+        }
+        return text;
+    }
+};
 
 // A line of the trace for each line of the text.
 void TraceLines(const std::string& text) {
@@ -114,7 +130,9 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     app.set_help_flag("-h,--help", "Print this help and end.");
     app.require_subcommand(0, 1);  // a missing command is found below, where a misspelt one can be named
     app.footer(Footer);
-    app.get_formatter()->column_width(29);
+    const auto formatter = std::make_shared<HelpFormatter>();
+    formatter->column_width(29);
+    app.formatter(formatter);
     AddListCommand(app, context);
     AddWatchCommand(app, context);
     AddTopologyCommand(app, context);
@@ -131,6 +149,7 @@ void Declare(CLI::App& app, CommandContext& context, LogOptions& log) {
     AddRigCommand(app, context);
     AddSimulateCommand(app, context);
     AddHelpCommand(app, context);
+    AddCompleteCommand(app, context);
     // They may stand before the command as well. After the commands, which would inherit the group.
     app.option_defaults()->group(BusOptions);
     context.AddBusOptions(app);
@@ -156,6 +175,9 @@ int Run(CLI::App& app, CommandContext& context, const LogOptions& log, int argc,
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
+        if (const std::string unknown = UnknownCommandBesideHelp(app); !unknown.empty()) {
+            throw CommandError(unknown, ExitUsage);
+        }
         context.Print(app.help());
         return ExitDone;
     } catch (const CLI::CallForVersion&) {

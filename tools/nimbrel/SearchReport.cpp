@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Words for the report of a search. Pure.
+// Words for the report of a search. Main thread only; no lock.
 #include "tools/nimbrel/SearchReport.h"
 
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/Text.h"
 
 namespace Nimbrel2::Tool {
@@ -11,9 +12,7 @@ using Platform::GigESearchProblem;
 
 std::string WhatIsMissing(const GigESearchProblem& problem) {
     const std::string name = problem.interfaceName.empty() ? "GigE" : ForTerminal(problem.interfaceName);
-    const bool inPart =
-        problem.kind == GigESearchProblem::Kind::Request || problem.kind == GigESearchProblem::Kind::SourcePorts;
-    return name + (inPart ? " is searched in part" : " is not searched");
+    return name + (problem.inPart ? " is searched in part" : " is not searched");
 }
 
 std::string NextStepFor(GigESearchProblem::Kind kind) {
@@ -24,6 +23,27 @@ std::string NextStepFor(GigESearchProblem::Kind kind) {
 }
 
 }  // namespace
+
+Platform::GigESearchReport ReadSearchReport() {
+    Platform::GigESearchReport report;
+    if (Platform::GetGigESearchReport(&report) != HAL_OK) {
+        return {};
+    }
+    return report;
+}
+
+CommandError ExplainSearchFailure(std::uint32_t status) {
+    std::string reasons;
+    for (const GigESearchProblem& problem : ReadSearchReport().problems) {
+        const std::string name = problem.interfaceName.empty() ? "" : ForTerminal(problem.interfaceName) + ": ";
+        reasons += (reasons.empty() ? "" : "; ") + name + problem.reason;
+    }
+    if (reasons.empty()) {
+        return CommandError("GigE cannot be searched: " + DescribeStatus(status))
+            .WithHint(NextStep(status, INTERFACE_GIGE));
+    }
+    return CommandError("GigE cannot be searched: " + reasons).WithHint("`nimbrel doctor` finds out why.");
+}
 
 std::vector<std::string> DescribeProblems(const Platform::GigESearchReport& report) {
     std::vector<std::string> lines;

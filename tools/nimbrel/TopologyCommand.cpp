@@ -163,9 +163,9 @@ private:
         }
         const bool nothing = !m_below && topology.computer.children.empty() && topology.unplaced.empty();
         return TopologyAsText(topology, OutputWidth(), m_context.UsesColour()) +
-               (nothing
-                    ? "\nNo cameras found on " + m_context.DescribeBuses() + ". `nimbrel list` shows what to check.\n"
-                    : "");
+               (nothing ? "\nNo cameras found on " + m_context.DescribeBuses("or") +
+                              ". `nimbrel list` shows what to check.\n"
+                        : "");
     }
 
     CommandContext& m_context;

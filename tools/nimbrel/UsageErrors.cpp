@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "tools/nimbrel/CommandLine.h"
 #include "tools/nimbrel/Words.h"
 
 namespace Nimbrel2::Tool {
@@ -33,7 +34,10 @@ std::string UnknownOption(const CLI::App& command, const std::string& word) {
     for (const CLI::App* below : command.get_subcommands({})) {
         const std::vector<std::string> options = OptionsOf(*below);
         if (std::find(options.begin(), options.end(), name) != options.end()) {
-            return text + " before the command; write it after the command: nimbrel " + below->get_name() + " " + name;
+            return (text + " before the command; write it after the command: nimbrel ")
+                .append(below->get_name())
+                .append(" ")
+                .append(name);
         }
     }
     return text;
@@ -56,7 +60,7 @@ std::string CommandName(const CLI::App& app) {
 
 std::vector<std::string> CommandsOf(const CLI::App& command) {
     std::vector<std::string> names;
-    for (const CLI::App* below : command.get_subcommands({})) {
+    for (const CLI::App* below : ShownCommands(command)) {
         names.push_back(below->get_name());
     }
     return names;
@@ -68,6 +72,19 @@ std::string UnknownCommand(const CLI::App& above, const std::string& word) {
     const std::string meant = DidYouMean(word, known);
     const bool few = above.get_parent() != nullptr;
     return text + (meant.empty() && few ? "; " + CommandName(above) + " has " + Enumerate(known) : meant);
+}
+
+std::string UnknownCommandBesideHelp(const CLI::App& app) {
+    const CLI::App& command = ChosenCommand(app);
+    if (command.get_subcommands({}).empty()) {
+        return "";
+    }
+    for (const std::string& word : command.remaining()) {
+        if (!word.empty() && word.front() != '-') {
+            return UnknownCommand(command, word);
+        }
+    }
+    return "";
 }
 
 std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error) {

@@ -23,6 +23,8 @@ std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error
 
 /// "unknown command 'lis'; did you mean list?"
 std::string UnknownCommand(const CLI::App& above, const std::string& word);
+/// The same of a command line that asks for help; empty when every command in it is known.
+std::string UnknownCommandBesideHelp(const CLI::App& app);
 
 }  // namespace Nimbrel2::Tool
 

@@ -41,7 +41,7 @@ std::string DescribeLink(BusMaster& busMaster, const FoundCamera& camera, bool a
     if (asJson) {
         return Dump({{"ok", true}, {"value", value}, {"speed", speed}, {"port", link.port}, {"hubs", link.hubs}});
     }
-    return "speed  " + DescribeUsbSpeed(link.speed) + "\nport   " + std::to_string(link.port) +
+    return "speed  " + DescribeUsbSpeed(speed) + "\nport   " + std::to_string(link.port) +
            (link.hubs == 0 ? " of the computer" : " of its hub") + "\nhubs   " + std::to_string(link.hubs) +
            " above it\n";
 }

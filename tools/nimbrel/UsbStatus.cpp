@@ -5,8 +5,12 @@
 #include <array>
 #include <utility>
 
+#include "tools/nimbrel/Values.h"
+
 namespace Nimbrel2::Tool {
 namespace {
+
+constexpr std::uint32_t SuperSpeed = 5000;
 
 using BitNames = std::array<const char*, 16>;
 
@@ -44,22 +48,20 @@ std::vector<std::string> NamesOf(std::uint32_t bits, const BitNames& names) {
 
 UsbLink DecodeUsbLink(std::uint32_t link) { return {link >> 16, link >> 8 & 0xFF, link & 0xFF}; }
 
-std::string DescribeUsbSpeed(std::uint32_t tens) {
-    switch (tens) {
+std::string DescribeUsbSpeed(std::uint32_t megabits) {
+    switch (megabits) {
         case 0:
-            return "1.5 Mbit/s (low speed)";
+            return "unknown";
         case 1:
-            return "12 Mbit/s (full speed)";
-        case 48:
-            return "480 Mbit/s (high speed)";
-        case 500:
-            return "5 Gbit/s (SuperSpeed)";
-        case 1000:
-            return "10 Gbit/s (SuperSpeed+)";
-        case 2000:
-            return "20 Gbit/s (SuperSpeed+)";
+            return "1.5 Mbit/s (low speed)";
+        case 12:
+            return FormatSpeed(megabits) + " (full speed)";
+        case 480:
+            return FormatSpeed(megabits) + " (high speed)";
+        case SuperSpeed:
+            return FormatSpeed(megabits) + " (SuperSpeed)";
         default:
-            return std::to_string(tens * 10) + " Mbit/s";
+            return FormatSpeed(megabits) + (megabits > SuperSpeed ? " (SuperSpeed+)" : "");
     }
 }
 

@@ -17,8 +17,8 @@ struct UsbLink {
 };
 UsbLink DecodeUsbLink(std::uint32_t link);
 
-/// "5 Gbit/s (SuperSpeed)". @param tens  In units of 10 Mbit/s, rounded down.
-std::string DescribeUsbSpeed(std::uint32_t tens);
+/// "5 Gbit/s (SuperSpeed)". @param megabits  1 for 1.5 Mbit/s, 0 for a speed that nobody knows.
+std::string DescribeUsbSpeed(std::uint32_t megabits);
 
 /// A port's status, from BusMaster::GetUsbPortStatus.
 struct UsbPort {

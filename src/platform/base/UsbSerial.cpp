@@ -32,7 +32,9 @@ std::optional<std::uint32_t> Parse(std::uint16_t vendorId, std::string_view text
         return std::nullopt;
     }
     if (std::all_of(text.begin(), text.end(), IsDigit)) {
-        return Number(text, 10);
+        if (const auto number = Number(text, 10)) {
+            return number;
+        }
     }
     if (text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X") {
         return Number(text.substr(2), 16);

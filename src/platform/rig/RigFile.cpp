@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -12,6 +13,7 @@
 #include <initializer_list>
 #include <set>
 #include <sstream>
+#include <system_error>
 
 #include "platform/rig/JsonReader.h"
 
@@ -86,7 +88,7 @@ std::uint32_t Address(const JsonValue& value) {
     return *address;
 }
 
-// Of a host or camera, so not 0.0.0.0, which stands for having none.
+// Of a host, so not 0.0.0.0, which stands for having none.
 std::uint32_t OwnAddress(const JsonValue& value) {
     const std::uint32_t address = Address(value);
     if (address == 0) {
@@ -100,8 +102,9 @@ struct AddressAndMask {
     std::uint32_t mask = 0;
 };
 
-// "192.168.77.1/24"
-AddressAndMask ToAddressAndMask(const JsonValue& value) {
+// "192.168.77.1/24"; of a camera also 0.0.0.0, which is what one has that waits for an address.
+enum class AddressOf { Computer, Camera };
+AddressAndMask ToAddressAndMask(const JsonValue& value, AddressOf owner) {
     const std::string text = value.Text();
     const std::size_t slash = text.find('/');
     const std::optional<std::uint32_t> address = ParseAddress(std::string_view(text).substr(0, slash));
@@ -112,7 +115,7 @@ AddressAndMask ToAddressAndMask(const JsonValue& value) {
     if (!address.has_value() || prefix > 32) {
         value.Fail("an IPv4 address with a prefix length (192.168.77.1/24) is wanted, not " + Quoted(text));
     }
-    if (*address == 0) {
+    if (*address == 0 && owner == AddressOf::Computer) {
         value.Fail("0.0.0.0 is nobody's address");
     }
     return {*address, prefix == 0 ? 0 : ~std::uint32_t{0} << (32 - prefix)};
@@ -325,7 +328,7 @@ GigECameraDescription ReadGigECamera(const JsonValue& value, const std::string& 
     camera.name = object.Required("name").Text();
     options.interfaceName = interfaceName;
     options.mac = Mac(object.Required("mac"));
-    const AddressAndMask address = ToAddressAndMask(object.Required("address"));
+    const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Camera);
     options.address = address.address;
     options.subnetMask = address.mask;
     object.Optional("gateway", [&](const JsonValue& gateway) { options.gateway = Address(gateway); });
@@ -353,7 +356,7 @@ NetworkInterfaceDescription ReadNetworkInterface(const JsonValue& value) {
     JsonObject object(value);
     NetworkInterfaceDescription network;
     network.name = object.Required("name").Text();
-    const AddressAndMask address = ToAddressAndMask(object.Required("address"));
+    const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Computer);
     network.address = address.address;
     network.subnetMask = address.mask;
     object.Optional("up", [&](const JsonValue& up) { network.up = up.Boolean(); });
@@ -527,7 +530,7 @@ constexpr ActionKey ActionKeys[] = {
          return ReadObject(value, [&](JsonObject& object) -> RigAction {
              AddressStep step;
              step.camera = Named(object.Required("camera"), names.cameras, "GigE camera");
-             const AddressAndMask address = ToAddressAndMask(object.Required("address"));
+             const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Camera);
              step.address = address.address;
              step.subnetMask = address.mask;
              object.Optional("gateway", [&](const JsonValue& gateway) { step.gateway = Address(gateway); });
@@ -685,9 +688,12 @@ RigAction ParseRigAction(std::string_view text, const RigDescription& rig) {
 }
 
 RigPlan ReadRigFile(const std::string& path) {
+    errno = 0;
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        throw RigFileError(path, "", "cannot be opened");
+        const int error = errno;
+        throw RigFileError(path, "",
+                           "cannot be opened" + (error == 0 ? "" : ": " + std::generic_category().message(error)));
     }
     std::string text(MaxFileBytes + 1, '\0');
     in.read(text.data(), static_cast<std::streamsize>(text.size()));

@@ -14,6 +14,8 @@ TEST(UsbSerialNumber, TakesDecimalHexadecimalAndGuidTextsAndHashesTheRest) {
     EXPECT_EQ(UsbSerialNumber(1, 2, "0138C343"), 0x0138C343U);
     EXPECT_EQ(UsbSerialNumber(1, 2, "0x1F"), 0x1FU);
     EXPECT_EQ(UsbSerialNumber(0x2676, 2, "267601A2B3C4"), 0x01A2B3C4U);
+    EXPECT_EQ(UsbSerialNumber(0x2676, 2, "267612345678"), 0x12345678U) << "too large to be decimal";
+    EXPECT_NE(UsbSerialNumber(0x2677, 2, "267612345678"), 0x12345678U) << "another maker's twelve digits";
     const std::uint32_t hashed = UsbSerialNumber(1, 2, "4H05114PAKCE6F3");
     EXPECT_EQ(UsbSerialNumber(1, 2, "4H05114PAKCE6F3"), hashed);
     EXPECT_NE(UsbSerialNumber(1, 3, "4H05114PAKCE6F3"), hashed) << "the ids count too";

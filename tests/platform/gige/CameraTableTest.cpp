@@ -534,6 +534,47 @@ TEST_F(CameraTableTest, FindsRealCamerasInAFloodByTheHostsThatThisComputerKnows)
     EXPECT_EQ(ListedAddresses().size(), 16u) << "after one second";
 }
 
+TEST_F(CameraTableTest, FindsRealCamerasInAFloodThatIsWorkedOffInOneGoAfterAPause) {
+    std::uint64_t invented = 0;
+    const auto flood = [&](std::size_t number) {
+        for (std::size_t i = 0; i < number; ++i) {
+            ++invented;
+            Hear(TestFirst, Record(0x10000 + invented, static_cast<std::uint32_t>(0x10000 + invented)));
+        }
+    };
+    flood(100);
+    std::set<std::uint32_t> hosts;
+    for (std::uint32_t i = 1; i <= 16; ++i) {
+        hosts.insert(100 + i);
+    }
+    m_table.KnowHosts(TestFirst, hosts);
+    for (std::uint64_t i = 1; i <= 16; ++i) {
+        Hear(TestFirst, Record(i, static_cast<std::uint32_t>(100 + i)));
+    }
+    // More than are remembered, before anybody asks again who is known.
+    flood(2 * CameraTable::MaxSightings);
+    Pass(2s, [this](const Probe& probe) {
+        if (probe.ip <= 116) {
+            Answer(probe, Record(probe.ip - 100, probe.ip));
+        }
+    });
+    EXPECT_EQ(ListedAddresses().size(), 16u);
+}
+
+TEST_F(CameraTableTest, AsksOnceForAllThatClaimOneAddressOfAKnownHost) {
+    m_table.KnowHosts(TestFirst, {50, 101, 102});
+    // Each from another sender.
+    for (std::uint32_t i = 0; i < 1000; ++i) {
+        std::vector<Probe> probes;
+        m_table.HeardBroadcast({TestFirst, 0x2000 + i, Record(0x1000 + i, 50)}, m_now, &probes);
+    }
+    Hear(TestFirst, Record(1, 101));
+    Hear(TestFirst, Record(2, 102));
+    std::set<std::uint32_t> asked;
+    Pass(700ms, [&](const Probe& probe) { asked.insert(probe.ip); });
+    EXPECT_THAT(asked, ::testing::IsSupersetOf({101u, 102u})) << "with the next that are asked";
+}
+
 TEST_F(CameraTableTest, SharesItsQuestionsAmongTheSenders) {
     // One sender claims a thousand cameras, another one.
     for (std::uint32_t i = 0; i < 1000; ++i) {

@@ -94,6 +94,14 @@ TEST_F(GigERefused, WithoutDescriptorsItDoesNotStart) {
     m_bus->Stop();
 }
 
+TEST_F(GigERefused, AnAddressWithoutDescriptorsIsAProblemOfThisComputerAndNotOfTheNetwork) {
+    AddCamera("192.168.77.102", 2);
+    Start({});
+    EXPECT_EQ(List().size(), 1u);
+    const NoMoreDescriptors none;
+    EXPECT_EQ(ForceIp(0x020000000002, Ip("192.168.77.103"), 0xFFFFFF00, 0), HAL_OUT_OF_MEMORY);
+}
+
 TEST_F(GigERefused, AnInterfaceWithoutASocketIsTriedAgain) {
     AddCamera("192.168.77.102", 2);
     m_host.Ip("link set h0 down");

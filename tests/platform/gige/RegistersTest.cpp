@@ -211,6 +211,36 @@ TEST_F(GigERegisters, OfAllCamerasAreReadAtOnce) {
     }
 }
 
+TEST_F(GigERegisters, SayOfACameraThatIsHeldWhetherItDoesNotNameItsHolderOrWasNotHeard) {
+    // 127.0.0.2 has no register that names it, 127.0.0.3 falls silent when it is asked, 127.0.0.4 names it.
+    Use([](HostileDevice& device, const Request& request) {
+        const std::uint32_t address = request.Address();
+        if (address == 0xA00) {
+            Say(device, request, HostileDevice::ReadAck(request, 2));
+        } else if (IsFor(request, 2)) {
+            const auto refusal =
+                Platform::Gvcp::EncodeErrorAck(Platform::Gvcp::MessageId::ReadRegAck, request.header.requestId,
+                                               Platform::Gvcp::Status::InvalidAddress);
+            Say(device, request, {refusal.GetBytes().begin(), refusal.GetBytes().end()});
+        } else if (IsFor(request, 4)) {
+            Say(device, request, HostileDevice::ReadAck(request, address == 0xA04 ? 5555 : Ip("127.0.0.9")));
+        }
+    });
+    auto readings = m_registers->ReadAll(Places(3), {true, 0});
+    for (const std::uint64_t number : {2, 3, 4}) {
+        EXPECT_EQ(readings.at(Key(number)).control.state, ControlState::Controlled) << number;
+        EXPECT_EQ(readings.at(Key(number)).control.ownerIp, number == 4 ? Ip("127.0.0.9") : 0) << number;
+        EXPECT_EQ(readings.at(Key(number)).control.status, number == 3 ? HAL_TIMED_OUT : HAL_OK) << number;
+    }
+    Platform::ControlInfo control;
+    EXPECT_EQ(m_registers->GetControl(Key(3), &control), HAL_OK);
+    EXPECT_EQ(control.state, ControlState::Controlled);
+    EXPECT_EQ(control.status, HAL_TIMED_OUT);
+    EXPECT_EQ(m_registers->GetControl(Key(3), &control), HAL_TIMED_OUT) << "it is left in peace for a second";
+    EXPECT_EQ(control.state, ControlState::Unknown);
+    EXPECT_EQ(control.status, HAL_TIMED_OUT);
+}
+
 TEST_F(GigERegisters, OfAMuteCameraAreWaitedForOnceAndThenOnlyAsked) {
     Use([](HostileDevice& device, const Request& request) {
         if (!IsFor(request, 3)) {

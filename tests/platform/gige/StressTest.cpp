@@ -150,7 +150,7 @@ TEST_F(GigEStress, StopEndsEverythingThatWaits) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_LT(Since(start), 1s);
+    EXPECT_LT(Since(start), m_window / 2) << "by themselves they would wait for the window";
 }
 
 TEST_F(GigEStress, AQuarterOf128CamerasComesAndGoesWithoutAFalseWord) {

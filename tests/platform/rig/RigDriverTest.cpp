@@ -23,6 +23,20 @@ using testing::IsEmpty;
 class Recorder final : public BusEventSink {
 public:
     void Report(BusState state) noexcept override {
+        ++m_numUnsettled;
+        Keep(std::move(state));
+    }
+    void ReportSettled(BusState state) noexcept override {
+        ++m_numSettled;
+        Keep(std::move(state));
+    }
+    void RaiseError() noexcept override { m_events.push_back("error"); }
+    std::vector<std::string> Take() { return std::exchange(m_events, {}); }
+    int GetNumUnsettled() const { return m_numUnsettled; }
+    int GetNumSettled() const { return m_numSettled; }
+
+private:
+    void Keep(BusState state) {
         m_news.Report(std::move(state), [this](HALBusEvent event, std::uint32_t first, std::uint32_t second) {
             static const char* const names[] = {"reset", "arrival", "removal"};
             m_events.push_back(names[event] + (first != 0 || second != 0
@@ -30,12 +44,11 @@ public:
                                                    : std::string()));
         });
     }
-    void RaiseError() noexcept override { m_events.push_back("error"); }
-    std::vector<std::string> Take() { return std::exchange(m_events, {}); }
 
-private:
     BusNews m_news;
     std::vector<std::string> m_events;
+    int m_numUnsettled = 0;
+    int m_numSettled = 0;
 };
 
 class RigDrivers : public testing::Test {
@@ -83,6 +96,20 @@ protected:
     const std::unique_ptr<FireWireBus> m_fireWire = MakeRigFireWireBus(m_rig, m_fireWireEvents);
     const std::unique_ptr<UsbBus> m_usb = MakeRigUsbBus(m_rig, m_usbEvents);
 };
+
+TEST_F(RigDrivers, SayInVirtualTimeThatEachBurstIsOverSoThatNobodyWaitsForItsEnd) {
+    const int before = m_usbEvents.GetNumUnsettled();
+    m_rig->SetFast(true);
+    for (int i = 0; i < 10; ++i) {
+        m_rig->Unplug("hub");
+        m_rig->Plug("hub");
+    }
+    EXPECT_EQ(m_usbEvents.GetNumUnsettled(), before);
+    EXPECT_EQ(m_usbEvents.GetNumSettled(), 20);
+    m_rig->SetFast(false);
+    m_rig->Unplug("hub");
+    EXPECT_EQ(m_usbEvents.GetNumUnsettled(), before + 1);
+}
 
 TEST_F(RigDrivers, RaiseAResetAndWhatCameOrWentAndNameOnlyFireWireDevices) {
     m_rig->Unplug("disk");

@@ -163,7 +163,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "no serial number"},
         BadFile{"GroupMac", "02:00:00:00:00:0A", "01:00:5e:00:00:0A", "/gige/0/cameras/0/mac", "of a group"},
         BadFile{"BroadcastMac", "02:00:00:00:00:0A", "ff:ff:ff:ff:ff:ff", "/gige/0/cameras/0/mac", "of a group"},
-        BadFile{"NoAddress", "10.0.0.2/24", "0.0.0.0/24", "/gige/0/cameras/0/address", "nobody's"},
+        BadFile{"NoAddress", "10.0.0.1/8", "0.0.0.0/8", "/gige/0/address", "nobody's"},
         BadFile{"TakenByNobody", R"("address": "1.2.3.4")", R"("address": "0.0.0.0")", "/timeline/6/take/address",
                 "nobody's"},
         BadFile{"MovesToAPortOfAnInterface", R"({"device": "u", "to": "x", "port": 2})",
@@ -297,7 +297,9 @@ TEST_F(RigFileOnDisk, IsRead) {
     EXPECT_EQ(ReadRigFile(m_path).name, "good");
 }
 
-TEST_F(RigFileOnDisk, ThatIsNotThereIsNamed) { EXPECT_EQ(ReadError(), m_path + ": cannot be opened"); }
+TEST_F(RigFileOnDisk, ThatIsNotThereIsNamed) {
+    EXPECT_EQ(ReadError(), m_path + ": cannot be opened: No such file or directory");
+}
 
 TEST_F(RigFileOnDisk, OfAHundredMegabytesIsRefused) {
     std::ofstream(m_path).close();

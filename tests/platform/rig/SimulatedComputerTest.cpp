@@ -70,7 +70,8 @@ TEST(SimulatedComputer, SaysWhyATextIsNoAction) {
 }
 
 TEST(SimulatedComputer, SaysWhyAFileIsNone) {
-    EXPECT_EQ(Thrown([] { SimulatedComputer::ReadFile("no such file"); }), "no such file: cannot be opened");
+    EXPECT_EQ(Thrown([] { SimulatedComputer::ReadFile("no such file"); }),
+              "no such file: cannot be opened: No such file or directory");
     EXPECT_EQ(Thrown([] { SimulatedComputer::Parse(R"({"gige": 1})", "mine"); }).substr(0, 12), "mine: /gige:");
 }
 

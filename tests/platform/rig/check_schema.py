@@ -34,7 +34,8 @@ GOOD = {
             "address": "10.0.0.1/8",
             "up": False,
             "cameras": [
-                {"name": "g", "mac": "02:00:00:00:00:0A", "address": "010.0.0.2/24", "serial": "8", "owner": {"address": "10.0.0.3", "port": 5}, "answers": {"silent": True}}
+                {"name": "g", "mac": "02:00:00:00:00:0A", "address": "010.0.0.2/24", "serial": "8", "owner": {"address": "10.0.0.3", "port": 5}, "answers": {"silent": True}},
+                {"name": "h", "mac": "02:00:00:00:00:0B", "address": "0.0.0.0/0"},
             ],
         }
     ],
@@ -104,7 +105,6 @@ BAD = [
     ("/gige/0/cameras/0/mac", "02-00-00-00-00-0A"),
     ("/gige/0/cameras/0/mac", "03:00:00:00:00:0A"),
     ("/gige/0/cameras/0/mac", "ff:ff:ff:ff:ff:ff"),
-    ("/gige/0/cameras/0/address", "0.0.0.0/24"),
     ("/gige/0/cameras/0/owner/address", "0.0.0.0"),
     ("/gige/0/address", "0.0.0.0/8"),
     ("/gige/0/cameras/0/serial", "12345678901234567"),

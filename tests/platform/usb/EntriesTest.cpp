@@ -93,6 +93,35 @@ TEST_F(UsbEntries, OfCamerasWithOneSerialTextNameTheirPorts) {
     EXPECT_EQ(AddressOf(*both[1]), 2u << 8 | 3u);
 }
 
+TEST_F(UsbEntries, FollowACameraThatFallsBackToUsb2BeforeTheKernelHasGivenUpItsSuperSpeedLink) {
+    bed.Add(Camera("2-1", 2, "A"));
+    Start();
+    const Device camera = List().at(0);
+    bed.Add(Camera("1-1", 3, "A", false));
+    ASSERT_TRUE(states.WaitForDevices(2));
+    EXPECT_EQ(AddressOf(*camera), 2u << 8 | 2u) << "it stays what it is as long as that is there";
+    bed.Remove("2-1");
+    ASSERT_TRUE(states.WaitForDevices(1));
+    EXPECT_EQ(AddressOf(*camera), 1u << 8 | 3u);
+    bed.Remove("1-1");
+    ASSERT_TRUE(states.WaitForDevices(0));
+    bed.Add(Camera("2-5", 4, "A"));
+    ASSERT_TRUE(states.WaitForDevices(1));
+    EXPECT_EQ(AddressOf(*camera), 2u << 8 | 4u) << "its text tells it as before";
+}
+
+TEST_F(UsbEntries, OfCamerasThatStayInBothHalvesOfAControllerWithOneSerialTextNameTheirPorts) {
+    timings.fallBack = 0ms;
+    bed.Add(Camera("2-1", 2, "A"));
+    Start();
+    const Device camera = List().at(0);
+    bed.Add(Camera("1-1", 3, "A", false));
+    ASSERT_TRUE(states.WaitForDevices(2));
+    bed.Remove("2-1");
+    ASSERT_TRUE(states.WaitForDevices(1));
+    EXPECT_EQ(StatusOf(*camera), HAL_GONE) << "the other one is no falling back";
+}
+
 TEST_F(UsbEntries, OfTheSameSerialTextAndAnotherModelAreOtherCameras) {
     bed.Add(Camera("2-1", 2, "A"));
     Start();

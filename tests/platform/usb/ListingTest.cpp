@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the USB driver lists, of recorded and of built trees. No device is opened.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <set>
 
@@ -121,14 +126,15 @@ TEST_F(UsbListing, TellsCamerasWithoutSerialTextsApartByTheirPlaces) {
     bed.Add(Camera("2-1", 2, ""));
     bed.Add(Camera("2-2", 3, ""));
     bed.Add(Camera("2-3", 4, "00000000"));
+    bed.Add(Camera("1-1", 2, "", false));  // another socket than 2-1
     Start();
     std::set<std::uint32_t> serials;
     for (const Device& camera : List()) {
         serials.insert(InfoOf(*camera).numbers[2]);
     }
-    EXPECT_THAT(serials, SizeIs(3));
+    EXPECT_THAT(serials, SizeIs(4));
     EXPECT_EQ(serials.count(0), 0u);
-    EXPECT_THAT(states.GetLast().devices, SizeIs(3));
+    EXPECT_THAT(states.GetLast().devices, SizeIs(4));
 }
 
 TEST_F(UsbListing, SkipsADeviceThatMakesNoSenseWithAWordThatNamesIt) {
@@ -146,6 +152,9 @@ TEST_F(UsbListing, SkipsADeviceThatMakesNoSenseWithAWordThatNamesIt) {
     camera.attributes = {{"devnum", "999"}};
     bed.Add(camera);
     bed.Add(Camera("2-3", 4, "C"));
+    bed.Add(Camera("2-5", 6, "E"));
+    bed.RemoveAttribute("2-5", "devnum");
+    std::filesystem::create_directory(bed.RealPath(bed.PathOf("2-5")) + "/devnum");  // reading it fails
     Start();
     EXPECT_THAT(ListNames(), ElementsAre("Model C"));
     bed.Add(Camera("2-4", 5, "D"));  // another look changes nothing
@@ -153,7 +162,8 @@ TEST_F(UsbListing, SkipsADeviceThatMakesNoSenseWithAWordThatNamesIt) {
     const std::lock_guard lock(mutex);
     EXPECT_THAT(traces,
                 testing::UnorderedElementsAre("USB device 2-1 is left out: its descriptors or its path make no sense",
-                                              "USB device 2-2 is left out: its device number makes no sense"));
+                                              "USB device 2-2 is left out: its device number makes no sense",
+                                              "USB device 2-5 is left out: it cannot be read: Is a directory"));
 }
 
 TEST_F(UsbListing, OfDescriptorsCutAtAnyByteLosesNoOtherCamera) {
@@ -181,6 +191,30 @@ TEST_F(UsbListing, IsMadeWithoutAskingAnyDevice) {
     std::uint32_t link = 0;
     EXPECT_EQ(List()[0]->GetLinkInfo(&link), HAL_OK);
     EXPECT_EQ(link, 500u << 16 | 1u << 8);
+}
+
+TEST_F(UsbListing, DoesNotWaitForADeviceThatCanBeNoCameraAndThatTheKernelIsStuckWith) {
+    bed.AddController(UsbTestbed::Pci, 1, 2);
+    bed.Add(Hub("2-2", 2, true));
+    // The kernel answers these once it is done with the device.
+    std::vector<std::string> stuck;
+    for (const char* attribute : {"bConfigurationValue", "manufacturer", "product"}) {
+        bed.RemoveAttribute("2-2", attribute);
+        stuck.push_back(bed.RealPath(bed.PathOf("2-2")) + "/" + attribute);
+        ASSERT_EQ(::mkfifo(stuck.back().c_str(), 0600), 0);
+    }
+    bed.Add(Camera("2-1", 3, "A"));
+    auto names = std::async(std::launch::async, [&] {
+        Start();
+        return ListNames();
+    });
+    const bool isListed = names.wait_for(20s) == std::future_status::ready;
+    for (const std::string& path : stuck) {
+        const Platform::FileDescriptor reader(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        std::filesystem::remove(path);  // whoever reads it goes on
+    }
+    EXPECT_TRUE(isListed);
+    EXPECT_THAT(names.get(), ElementsAre("Model A"));
 }
 
 TEST_F(UsbListing, GoesOnWhileDevicesVanishUnderItsHands) {

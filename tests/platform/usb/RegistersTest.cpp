@@ -142,6 +142,21 @@ TEST_F(UsbRegisters, OfACameraThatAsksForTimeAreWaitedFor) {
     EXPECT_THAT(simulated->commands, SizeIs(1)) << "the command is not sent again";
 }
 
+TEST_F(UsbRegisters, AreTakenFromAnAcknowledgeThatComesWhileItsTransferIsBeingCancelled) {
+    simulated->onCommand = [&](const Bytes& command) {
+        return Answers{{0ms, SimulatedVisionCamera::MakePending(SimulatedVisionCamera::IdOf(command), 900)}};
+    };
+    simulated->onCancel = [&] {
+        if (!simulated->commands.empty()) {
+            simulated->Say({0ms, simulated->Acknowledge(simulated->commands.back())});
+            simulated->onCancel = nullptr;
+        }
+    };
+    EXPECT_EQ(Read(0x1D8), HAL_OK);
+    EXPECT_EQ(value, 0x00010000u);
+    EXPECT_THAT(simulated->commands, SizeIs(1));
+}
+
 TEST_F(UsbRegisters, OfACameraThatAsksForTimeWithoutEndTimeOutAfterOneSecond) {
     simulated->onCommand = [&](const Bytes& command) {
         Answers answers;
@@ -264,6 +279,15 @@ TEST_F(UsbRegisters, AreNeverReadFromAnotherDeviceThatHasGotTheNumber) {
         << std::string(reinterpret_cast<const char*>(HubDescriptors(0x0300).data()), HubDescriptors(0x0300).size());
     EXPECT_EQ(camera.ReadRegister(0x1D8, &value), HAL_GONE);
     EXPECT_THAT(simulated->commands, SizeIs(0));
+}
+
+TEST_F(UsbRegisters, OfACameraWithoutANodeMayNotBeReachedThoughItIsAttached) {
+    Platform::UsbDevice& camera = CameraEntry();
+    std::filesystem::remove(bed.RealPath(TestNode));
+    EXPECT_EQ(camera.ReadRegister(0x1D8, &value), HAL_PERMISSION);
+    EXPECT_EQ(camera.FireBusReset(), HAL_PERMISSION);
+    bed.RemoveSilently("2-1");
+    EXPECT_EQ(camera.ReadRegister(0x1D8, &value), HAL_GONE) << "though nobody has said so";
 }
 
 TEST_F(UsbRegisters, OfOneCameraWaitForOneAnother) {

@@ -45,6 +45,8 @@ public:
     virtual std::optional<std::vector<std::uint8_t>> BulkIn(std::uint8_t endpoint);
     /// @return 0 or an errno.
     virtual int Reset();
+    /// Called before a transfer is cancelled: what the device says now comes just in time.
+    std::function<void()> onCancel;
     /// Nothing for one that this user may claim.
     std::set<unsigned int> claimedByOthers;
     std::set<std::uint8_t> haltedEndpoints;

@@ -7,9 +7,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,6 +35,15 @@ std::size_t CountEntries(const char* folder) {
         ++count;
     }
     return count;
+}
+
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(thread.path() / "comm");
+        std::getline(file, names.emplace_back());
+    }
+    return names;
 }
 
 // The testbed's own thread closes its side of a connection a little later.
@@ -216,6 +227,8 @@ TEST_F(UsbStory, LeavesNoThreadAndNoFileBehind) {
         std::uint32_t value = 0;
         // It opens the node, which is an ordinary file here: libusb gets as far as that.
         EXPECT_NE(HAL_UsbReadRegister(entries[0], 0, 0xFFFFFFFF, &value), HAL_OK);
+        EXPECT_THAT(ThreadNames(), testing::Not(testing::Contains(testing::HasSubstr("libusb"))))
+            << "it looks for nothing";
         ASSERT_EQ(HAL_CleanupLibrary(), HAL_OK);
         if (i == 0) {
             threads = CountEntries("/proc/self/task");

@@ -15,6 +15,7 @@
 
 #include "hal/HAL.h"
 #include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/doctor/FireWireTexts.h"
 
@@ -101,7 +102,7 @@ Findings CheckFireWireDriver(const FireWireExamination& examined) {
     }
     if (examined.status != HAL_OK) {
         return {{check, false, "IEEE 1394 cannot be searched: " + DescribeStatus(examined.status),
-                 "sudo nimbrel doctor --bus 1394"}};
+                 SudoNimbrel() + " doctor --bus 1394"}};
     }
     Findings wrong;
     std::vector<std::string> measured;

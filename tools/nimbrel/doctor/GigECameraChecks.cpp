@@ -5,6 +5,7 @@
 #include <set>
 
 #include "platform/base/CameraAddress.h"
+#include "tools/nimbrel/ErrorTexts.h"
 #include "tools/nimbrel/GigECameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -73,9 +74,17 @@ std::map<Identity, ForeignCamera> FindForeign(const GigEExamination& examined) {
     return foreign;
 }
 
-std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interface, const GigEExamination& examined,
+// It asks the network which address is free, for all cameras at once: one that is picked here may be another host's.
+std::string AutoIp(const GvcpDiscoveryRecord& record, const InterfaceDiagnosis* interface, bool sharesSerial) {
+    const std::uint32_t serial = FromRecord(record).serialNumber;
+    const bool loopback = interface != nullptr && interface->interface.loopback;
+    return std::string("nimbrel auto-ip") +
+           (serial != 0 && !sharesSerial ? " --serial " + std::to_string(serial) : "") +
+           (loopback ? " --interface " + QuoteForShell(interface->interface.name) : "");
+}
+
+std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interface, const GigEDiagnosis& diagnosis,
                    bool sharesSerial) {
-    const GigEDiagnosis& diagnosis = examined.diagnosis;
     const std::string name = InterfaceName(diagnosis, camera.interface);
     if (interface != nullptr && interface->interface.addresses.empty()) {
         return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", name});
@@ -83,15 +92,23 @@ std::string CureOf(const ForeignCamera& camera, const InterfaceDiagnosis* interf
     if (MacOf(camera.record) == 0) {
         return Sudo({"ip", "route", "add", IpText(camera.record.ipAddress) + "/32", "dev", name});
     }
-    const std::uint32_t serial = FromRecord(camera.record).serialNumber;
-    const bool loopback = interface != nullptr && interface->interface.loopback;
-    if (serial != 0 && !sharesSerial) {
-        return "nimbrel auto-ip --serial " + std::to_string(serial) +
-               (loopback ? " --interface " + QuoteForShell(name) : "");
+    return AutoIp(camera.record, interface, sharesSerial);
+}
+
+// Cameras with each serial number: a number that two of them share names neither.
+std::map<std::uint32_t, int> CountSerials(const GigEExamination& examined) {
+    std::map<Identity, std::uint32_t> serials;
+    for (const CameraDiagnosis& camera : examined.diagnosis.cameras) {
+        serials[IdentityOf(camera.record)] = FromRecord(camera.record).serialNumber;
     }
-    const InterfaceAddress* subnet = interface == nullptr ? nullptr : &interface->interface.addresses.front();
-    const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
-    return free == 0 ? "nimbrel auto-ip" : ForceIp(camera.record, free, *subnet);
+    for (const MutedCamera& camera : examined.hearing.muted) {
+        serials[IdentityOf(camera.record)] = FromRecord(camera.record).serialNumber;
+    }
+    std::map<std::uint32_t, int> bySerial;
+    for (const auto& [identity, serial] : serials) {
+        ++bySerial[serial];
+    }
+    return bySerial;
 }
 
 // ---- Control -------------------------------------------------------------------------------------------------------
@@ -124,13 +141,14 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
     const std::string check = "gige.foreign-subnet";
     const GigEDiagnosis& diagnosis = examined.diagnosis;
     const std::map<Identity, ForeignCamera> foreign = FindForeign(examined);
-    std::map<std::uint32_t, int> bySerial;
-    for (const auto& [identity, camera] : foreign) {
-        ++bySerial[FromRecord(camera.record).serialNumber];
-    }
+    std::map<std::uint32_t, int> bySerial = CountSerials(examined);
     Findings wrong;
     for (const auto& [identity, camera] : foreign) {
         const InterfaceDiagnosis* interface = FindInterface(diagnosis, camera.interface);
+        const auto wider = interface == nullptr ? std::nullopt : WiderSubnet(interface->interface);
+        if (wider && wider->Contains(camera.record.ipAddress)) {
+            continue;  // its address is right, and the interface's mask is not
+        }
         std::vector<std::string> subnets;
         if (interface != nullptr) {
             for (const InterfaceAddress& address : interface->interface.addresses) {
@@ -144,7 +162,7 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
                                         : " has the address " + IpText(ip) +
                                               (Platform::IsHostAddress(ip) ? "" : ", which no host can have,");
         wrong.push_back({check, false, CameraText(camera.record) + has + where + ", so it cannot be used",
-                         CureOf(camera, interface, examined, bySerial[FromRecord(camera.record).serialNumber] > 1)});
+                         CureOf(camera, interface, diagnosis, bySerial[FromRecord(camera.record).serialNumber] > 1)});
     }
     std::set<Identity> known;
     for (const CameraDiagnosis& camera : diagnosis.cameras) {
@@ -159,6 +177,7 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
 Findings CheckAddressConflict(const GigEExamination& examined) {
     const std::string check = "gige.address-conflict";
     const GigEDiagnosis& diagnosis = examined.diagnosis;
+    std::map<std::uint32_t, int> bySerial = CountSerials(examined);
     std::map<std::pair<int, std::uint32_t>, std::vector<const CameraDiagnosis*>> byAddress;
     for (const CameraDiagnosis& camera : diagnosis.cameras) {
         if (!IsElsewhere(camera)) {
@@ -170,10 +189,10 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
         const InterfaceDiagnosis* interface = FindInterface(diagnosis, where.first);
         const bool loopback = interface != nullptr && interface->interface.loopback;
         const bool own = !loopback && IsOwnAddress(diagnosis, where.second);
-        const bool taken = std::any_of(cameras.begin(), cameras.end(), [](const auto* camera) {
+        const auto movers = std::count_if(cameras.begin(), cameras.end(), [](const auto* camera) {
             return camera->usability == GigEUsability::AddressTaken;
         });
-        if (cameras.size() == 1 && !own && !taken) {
+        if (cameras.size() == 1 && !own && movers == 0) {
             continue;
         }
         // The one that is listed keeps the address.
@@ -190,13 +209,13 @@ Findings CheckAddressConflict(const GigEExamination& examined) {
             names.push_back("another camera");
         }
         const GvcpDiscoveryRecord& mover = cameras.back()->record;
-        const InterfaceAddress* subnet = interface == nullptr ? nullptr : interface->interface.FindSubnet(where.second);
-        const std::uint32_t free = subnet == nullptr ? 0 : FreeAddress(diagnosis, *subnet);
-        const bool canMove = free != 0 && MacOf(mover) != 0;
-        wrong.push_back({check, false,
-                         Enumerate(names) + " have the address " + IpText(where.second) + " on " +
-                             InterfaceName(diagnosis, where.first) + ": only one of them can be used",
-                         canMove ? ForceIp(mover, free, *subnet) : ByHand("give one of them another address")});
+        const bool sharesSerial = movers > 1 || bySerial[FromRecord(mover).serialNumber] > 1;
+        const bool canMove = movers > 0 && MacOf(mover) != 0;
+        wrong.push_back(
+            {check, false,
+             Enumerate(names) + " have the address " + IpText(where.second) + " on " +
+                 InterfaceName(diagnosis, where.first) + ": only one of them can be used",
+             canMove ? AutoIp(mover, interface, sharesSerial) : ByHand("give one of them another address")});
     }
     if (!wrong.empty() || byAddress.empty()) {
         return wrong;
@@ -257,13 +276,18 @@ Findings CheckControl(const GigEExamination& examined) {
         const std::string used = CameraText(camera.record) + " at " + IpText(camera.record.ipAddress) + " is in use" +
                                  (state == ControlState::Exclusive ? " exclusively" : "") + " by ";
         if (state == ControlState::Unknown) {
-            measured.push_back(CameraText(camera.record) + " did not say whether it is in use");
+            const std::uint32_t why = camera.control.status;
+            measured.push_back(CameraText(camera.record) + " did not say whether it is in use" +
+                               (why == HAL_OK ? std::string() : ": " + DescribeStatus(why)));
         } else if (state != ControlState::Controlled && state != ControlState::Exclusive) {
             ++numFree;
         } else if (owner != 0 && IsOwnAddress(examined.diagnosis, owner)) {
             measured.push_back(used + "a program on this computer, UDP port " + port);
         } else if (owner == 0) {
-            wrong.push_back({check, false, used + "an application that it does not name",
+            const std::uint32_t why = camera.control.status;
+            wrong.push_back({check, false,
+                             used + "an application that it " +
+                                 (why == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(why)),
                              ByHand("end the application that uses it; it is free when its heartbeat has run out")});
         } else {
             wrong.push_back({check, false, used + IpText(owner) + ", port " + port + ", which is another computer",

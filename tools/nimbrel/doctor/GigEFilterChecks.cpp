@@ -2,6 +2,7 @@
 // What this computer drops of what cameras and the driver send each other. Pure.
 #include <algorithm>
 
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/GigETexts.h"
@@ -72,7 +73,8 @@ std::uint32_t OwnAddress(const InterfaceDiagnosis& entry, std::uint32_t camera) 
     return subnet == nullptr ? 0 : subnet->address;
 }
 
-Packet PacketOf(const InterfaceDiagnosis& entry, std::uint32_t camera, bool incoming, bool isNew) {
+Packet PacketOf(const InterfaceDiagnosis& entry, const HostSettings& host, std::uint32_t camera, bool incoming,
+                bool isNew) {
     Packet packet;
     packet.incoming = incoming;
     packet.interface = entry.interface.name;
@@ -83,6 +85,7 @@ Packet PacketOf(const InterfaceDiagnosis& entry, std::uint32_t camera, bool inco
     packet.destinationPort = incoming ? entry.localPort : GvcpPort;
     packet.isNew = isNew;
     packet.isBroadcast = camera == Everybody;
+    packet.isBridged = host.bridges.count(entry.interface.name) != 0;
     return packet;
 }
 
@@ -137,10 +140,11 @@ std::vector<Exchange> ExchangesOf(const InterfaceDiagnosis& entry, const GigEExa
     const std::uint32_t camera = SomeCamera(entry, examined);
     const std::uint32_t answering = muted.empty() ? camera : muted.front()->record.ipAddress;
     const std::string silent = DescribeSilent(entry, examined);
-    return {{PacketOf(entry, Everybody, false, true), "requests to all cameras", ""},
-            {PacketOf(entry, answering, true, true), "answers of cameras to them", Describe(muted)},
-            {PacketOf(entry, camera, false, true), "requests to single cameras", silent},
-            {PacketOf(entry, camera, true, false), "answers of cameras to those", silent}};
+    const HostSettings& host = examined.host;
+    return {{PacketOf(entry, host, Everybody, false, true), "requests to all cameras", ""},
+            {PacketOf(entry, host, answering, true, true), "answers to requests to all cameras", Describe(muted)},
+            {PacketOf(entry, host, camera, false, true), "requests to single cameras", silent},
+            {PacketOf(entry, host, camera, true, false), "answers to requests to single cameras", silent}};
 }
 
 // One finding a chain, whatever it drops.
@@ -246,7 +250,7 @@ Findings CheckFirewall(const GigEExamination& examined) {
                  entry->interface.name + ": " + Describe(muted) + "; " +
                      (known ? "no rule of nftables or iptables drops them" : "only root may see which rule drops them"),
                  known ? ByHand("look for a filter that nftables and iptables do not show, such as one in eBPF")
-                       : ByHand("root sees which rule: sudo nimbrel doctor --interface " +
+                       : ByHand("root sees which rule: " + SudoNimbrel() + " doctor --interface " +
                                 QuoteForShell(entry->interface.name))});
         } else if (walls.empty() && hearing.error == 0) {
             measured.push_back(HearingText(hearing, entry->interface.name));

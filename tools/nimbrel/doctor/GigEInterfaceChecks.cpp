@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/Words.h"
 #include "tools/nimbrel/doctor/GigEChecks.h"
 #include "tools/nimbrel/doctor/GigETexts.h"
@@ -20,16 +21,22 @@ using Platform::NetworkInterface;
 
 constexpr std::uint32_t JumboMtu = 9000;
 constexpr std::uint32_t AmpleReceiveBuffer = 33554432;
+// What the driver's socket holds when it has got all that it asks for. More is not asked for.
+constexpr std::uint32_t DriverReceiveBuffer = 8388608;
 
 bool IsKnown(const GigEExamination& examined) { return examined.status == HAL_OK && examined.diagnosis.error == 0; }
 
 bool IsRefusal(int error) { return error == EPERM || error == EACCES; }
 
+bool IsLackOfFiles(int error) { return error == EMFILE || error == ENFILE; }
+
+std::string CureOfLackOfFiles() { return ByHand("too many files are open: close programs, or raise `ulimit -n`"); }
+
 std::string CureOfRefusal(const std::string& name, int error, const GigEDiagnosis& diagnosis) {
     switch (error) {
         case EPERM:
         case EACCES:
-            return ByHand("run it as root to see which rule refuses it: sudo nimbrel doctor --bus gige");
+            return ByHand("run it as root to see which rule refuses it: " + SudoNimbrel() + " doctor --bus gige");
         case ENETUNREACH:
         case EADDRNOTAVAIL:
             return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", name});
@@ -41,11 +48,11 @@ std::string CureOfRefusal(const std::string& name, int error, const GigEDiagnosi
 }
 
 std::string CureOfSocket(int error) {
-    if (error == EMFILE || error == ENFILE) {
-        return ByHand("too many files are open: close programs, or raise `ulimit -n`");
+    if (IsLackOfFiles(error)) {
+        return CureOfLackOfFiles();
     }
     if (IsRefusal(error)) {
-        return Sudo({"nimbrel", "doctor", "--bus", "gige"});
+        return SudoNimbrel() + " doctor --bus gige";
     }
     if (error == EADDRINUSE) {
         return ByHand("other programs have these ports: give --source-port another range");
@@ -74,27 +81,57 @@ bool CouldCarryCameras(const InterfaceDiagnosis& entry, const GigEExamination& e
     const NetworkInterface& interface = entry.interface;
     return !interface.loopback && interface.broadcast && !interface.pointToPoint && interface.portOf.empty() &&
            entry.error == 0 && entry.reason != "not among the network interfaces asked for" &&
-           examined.host.carriers.count(interface.name) == 0;
+           examined.host.carriers.count(interface.name) == 0 && examined.host.cameraless.count(interface.name) == 0;
 }
 
 std::string WhatIsMissing(const NetworkInterface& interface) {
+    const std::string address = interface.addresses.empty() ? "no IPv4 address" : "";
     if (!interface.up) {
-        return "is down";
+        return "is down" + (address.empty() ? "" : " and has " + address);
     }
     if (!interface.running) {
-        return "has no link";
+        return "has no link" + (address.empty() ? "" : " and " + address);
     }
-    return "has no IPv4 address";
+    return "has " + address;
 }
 
-std::string CureOf(const NetworkInterface& interface, const GigEDiagnosis& diagnosis) {
+// All that is missing, at once. @param address  for an interface without one.
+std::string CureOf(const NetworkInterface& interface, const std::string& address) {
+    const std::string add =
+        interface.addresses.empty() ? Sudo({"ip", "address", "add", address, "dev", interface.name}) : std::string();
     if (!interface.up) {
-        return Sudo({"ip", "link", "set", "dev", interface.name, "up"});
+        return Sudo({"ip", "link", "set", "dev", interface.name, "up"}) + (add.empty() ? "" : " && " + add);
     }
     if (!interface.running) {
-        return ByHand("plug the cable of " + interface.name + " in at both ends");
+        return ByHand("plug the cable of " + interface.name + " in at both ends" +
+                      (add.empty() ? "" : ", then: " + add));
     }
-    return Sudo({"ip", "address", "add", FreeSubnetAddress(diagnosis), "dev", interface.name});
+    return add;
+}
+
+// Whether an address with the mask that was meant must take the place of the one that is there: when a camera is heard,
+// or nothing else works. Without either, nobody may want cameras there.
+bool LacksRoom(const InterfaceDiagnosis& entry, const GigEExamination& examined) {
+    if (!WiderSubnet(entry.interface)) {
+        return false;
+    }
+    const auto& cameras = examined.diagnosis.cameras;
+    const auto& all = examined.diagnosis.interfaces;
+    const bool isHeard = std::any_of(cameras.begin(), cameras.end(), [&entry](const auto& camera) {
+        return camera.interface == entry.interface.index;
+    });
+    return isHeard || std::none_of(all.begin(), all.end(), [](const InterfaceDiagnosis& other) {
+               return other.used && !other.interface.addresses.empty() && !WiderSubnet(other.interface);
+           });
+}
+
+Finding WithoutRoom(const std::string& check, const NetworkInterface& interface) {
+    const InterfaceAddress& address = interface.addresses.front();
+    return {check, false,
+            interface.name + " has the address " + AddressText(address) +
+                ", a subnet without room for a camera, so no camera on it can be used",
+            Sudo({"ip", "address", "add", AddressText(*WiderSubnet(interface)), "dev", interface.name}) + " && " +
+                Sudo({"ip", "address", "delete", AddressText(address), "dev", interface.name})};
 }
 
 bool Overlap(const InterfaceAddress& a, const InterfaceAddress& b) {
@@ -106,14 +143,18 @@ bool Overlap(const InterfaceAddress& a, const InterfaceAddress& b) {
 Findings CheckDriver(const GigEExamination& examined) {
     const std::string check = "gige.driver";
     const GigEDiagnosis& diagnosis = examined.diagnosis;
-    const std::string again = Sudo({"nimbrel", "doctor", "--bus", "gige"});
+    const std::string again = SudoNimbrel() + " doctor --bus gige";
+    if (examined.status == HAL_OUT_OF_MEMORY) {
+        return {{check, false, "the GigE driver cannot search: " + DescribeStatus(examined.status),
+                 ByHand("close programs, or raise `ulimit -n` and `ulimit -u`")}};
+    }
     if (examined.status != HAL_OK) {
         return {{check, false, "the GigE driver cannot search: " + DescribeStatus(examined.status), again}};
     }
     if (diagnosis.error != 0) {
         return {{check, false,
                  "the kernel does not list its network interfaces: " + std::generic_category().message(diagnosis.error),
-                 again}};
+                 IsLackOfFiles(diagnosis.error) ? CureOfLackOfFiles() : again}};
     }
     Findings wrong;
     std::vector<std::string> used;
@@ -124,6 +165,9 @@ Findings CheckDriver(const GigEExamination& examined) {
         const bool explained = IsRefusal(sendError) && examined.host.rules.known;
         if (entry.error != 0) {
             wrong.push_back({check, false, name + ": " + entry.reason, CureOfSocket(entry.error)});
+        } else if (entry.used && IsLackOfFiles(sendError)) {
+            wrong.push_back({check, false, name + ": socket refused: " + std::generic_category().message(sendError),
+                             CureOfLackOfFiles()});
         } else if (entry.used && sendError != 0 && !explained) {
             wrong.push_back({check, false,
                              name + ": a broadcast was refused: " + std::generic_category().message(sendError),
@@ -152,11 +196,16 @@ Findings CheckInterfaces(const GigEExamination& examined) {
         std::any_of(interfaces.begin(), interfaces.end(), [](const auto& entry) { return entry.error != 0; });
     Findings wrong;
     std::vector<std::string> measured;
+    std::size_t subnetsGiven = 0;
     for (const InterfaceDiagnosis& entry : interfaces) {
         const NetworkInterface& interface = entry.interface;
         std::string addresses;
         for (const InterfaceAddress& address : interface.addresses) {
             addresses += " " + AddressText(address);
+        }
+        if (entry.used && LacksRoom(entry, examined)) {
+            wrong.push_back(WithoutRoom(check, interface));
+            continue;
         }
         if (entry.used && (!addresses.empty() || interface.loopback)) {
             measured.push_back(interface.name + " is up with" + addresses);
@@ -168,8 +217,9 @@ Findings CheckInterfaces(const GigEExamination& examined) {
         const bool lacksAddress = interface.running && interface.up && interface.addresses.empty();
         const std::string evidence = interface.name + " " + WhatIsMissing(interface);
         if (!anyWorks || lacksAddress) {
-            wrong.push_back(
-                {check, false, evidence + ", so no camera on it can be used", CureOf(interface, examined.diagnosis)});
+            const std::string address = FreeSubnetAddress(examined.diagnosis, subnetsGiven);
+            subnetsGiven += interface.addresses.empty() ? 1 : 0;
+            wrong.push_back({check, false, evidence + ", so no camera on it can be used", CureOf(interface, address)});
         } else {
             measured.push_back(evidence + " and is not searched");
         }
@@ -281,7 +331,7 @@ Findings CheckReceiveBuffer(const GigEExamination& examined) {
             measured.push_back(evidence);
             continue;
         }
-        const bool isAmple = largest && *largest >= AmpleReceiveBuffer;
+        const bool isAmple = entry.receiveBuffer >= DriverReceiveBuffer || (largest && *largest >= AmpleReceiveBuffer);
         wrong.push_back({check, false, evidence,
                          isAmple ? ByHand("this computer is too busy to read them: end other programs")
                                  : Sudo({"sysctl", "-w", "net.core.rmem_max=" + std::to_string(AmpleReceiveBuffer)})});

@@ -2,8 +2,10 @@
 // Names and numbers in the findings on GigE. Pure.
 #include "tools/nimbrel/doctor/GigETexts.h"
 
+#include <algorithm>
 #include <set>
 
+#include "platform/base/CameraAddress.h"
 #include "tools/nimbrel/Cameras.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
@@ -66,7 +68,7 @@ bool IsOwnAddress(const GigEDiagnosis& diagnosis, std::uint32_t ip) {
     return false;
 }
 
-std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
+std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis, std::size_t skip) {
     for (std::uint32_t third = 100; third < 255; ++third) {
         const InterfaceAddress candidate{0xC0A80001 | third << 8, 24};
         bool taken = false;
@@ -75,11 +77,20 @@ std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis) {
                 taken = taken || candidate.Contains(address.address) || address.Contains(candidate.address);
             }
         }
-        if (!taken) {
+        if (!taken && skip-- == 0) {
             return AddressText(candidate);
         }
     }
     return "10.77.77.1/24";
+}
+
+std::optional<InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& interface) {
+    const bool hasRoom = std::any_of(interface.addresses.begin(), interface.addresses.end(),
+                                     [](const InterfaceAddress& address) { return address.prefixLength <= 30; });
+    if (interface.addresses.empty() || hasRoom || interface.loopback || interface.pointToPoint) {
+        return std::nullopt;
+    }
+    return InterfaceAddress{interface.addresses.front().address, 24};
 }
 
 std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress& subnet) {
@@ -92,14 +103,8 @@ std::uint32_t FreeAddress(const GigEDiagnosis& diagnosis, const InterfaceAddress
     for (const Platform::CameraDiagnosis& camera : diagnosis.cameras) {
         taken.insert({camera.record.ipAddress, camera.record.defaultGateway});
     }
-    // From the top, where fewer hosts and address servers are.
-    const std::uint32_t first = subnet.address & subnet.GetMask();
-    for (std::uint32_t ip = (first | ~subnet.GetMask()) - 1; ip > first && subnet.prefixLength < 31; --ip) {
-        if (taken.count(ip) == 0) {
-            return ip;
-        }
-    }
-    return 0;
+    const std::vector<std::uint32_t> free = Platform::FindFreeAddresses(subnet, taken, 0, 1);
+    return free.empty() ? 0 : free.front();
 }
 
 std::string Sudo(const std::vector<std::string>& words) {

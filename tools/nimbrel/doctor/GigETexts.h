@@ -3,7 +3,9 @@
 #ifndef NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
 #define NIMBREL2_TOOLS_NIMBREL_DOCTOR_GIGETEXTS_H
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,12 +35,15 @@ std::string InterfaceName(const Platform::GigEDiagnosis& diagnosis, int index);
 bool IsOwnAddress(const Platform::GigEDiagnosis& diagnosis, std::uint32_t ip);
 
 /// An address with its prefix, "192.168.100.1/24": of a subnet that this computer has no interface in.
-std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis);
+/// @param skip  How many such subnets are given to others already.
+std::string FreeSubnetAddress(const Platform::GigEDiagnosis& diagnosis, std::size_t skip = 0);
+/// The subnet that was meant where an address was given with a mask that leaves no room for a camera, as `ip address
+/// add` does without one: of 24 bits. Nothing where some address has room.
+std::optional<Platform::InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& interface);
 /// An address of that subnet that no interface and no camera is known to have; 0 when there is none.
 std::uint32_t FreeAddress(const Platform::GigEDiagnosis& diagnosis, const Platform::InterfaceAddress& subnet);
 
-// ---- Commands, for a POSIX shell
-// -----------------------------------------------------------------------------------------------
+// ---- Commands, for a POSIX shell -----------------------------------------------------------------------------------
 
 /// The words, quoted where they must be, run by root.
 std::string Sudo(const std::vector<std::string>& words);

@@ -3,6 +3,7 @@
 #include "tools/nimbrel/doctor/HostSettings.h"
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -112,6 +113,26 @@ std::set<std::string> ReadCarriers() {
     return carriers;
 }
 
+// Which interfaces are bridges, and which cannot have cameras: ifb and dummy devices, bridges that nothing is plugged
+// into.
+void ReadKinds(HostSettings* settings) {
+    std::error_code ignored;
+    for (const auto& interface : std::filesystem::directory_iterator("/sys/class/net", ignored)) {
+        const std::string name = interface.path().filename();
+        std::istringstream flags(ReadAll(interface.path() / "flags"));
+        unsigned int value = 0;
+        if (flags >> std::hex >> value && (value & IFF_NOARP) != 0) {
+            settings->cameraless.insert(name);
+        }
+        if (std::filesystem::exists(interface.path() / "bridge", ignored)) {
+            settings->bridges.insert(name);
+            if (std::filesystem::is_empty(interface.path() / "brif", ignored)) {
+                settings->cameraless.insert(name);
+            }
+        }
+    }
+}
+
 RuleSet ReadRules() {
     RuleSet rules;
     const auto nft = RunQuietly({"/usr/sbin/nft", "-j", "list", "ruleset"});
@@ -119,6 +140,9 @@ RuleSet ReadRules() {
         if (auto chains = ParseNftRules(*nft)) {
             rules.known = true;
             rules.chains = std::move(*chains);
+            if (const auto text = RunQuietly({"/usr/sbin/nft", "list", "chains"})) {
+                ReadDevicesOfChains(*text, &rules.chains);
+            }
         }
     }
     for (const auto& [program, tool] : {std::pair("/usr/sbin/iptables-nft-save", RuleTool::Iptables),
@@ -151,6 +175,7 @@ HostSettings ReadHostSettings() {
         settings.largestReceiveBuffer = octets;
     }
     settings.carriers = ReadCarriers();
+    ReadKinds(&settings);
     settings.rules = ReadRules();
     return settings;
 }

@@ -16,6 +16,8 @@ struct HostSettings {
     std::optional<std::uint32_t> largestReceiveBuffer;  ///< net.core.rmem_max, octets
     RuleSet rules;                                      ///< of nftables and both kinds of iptables
     std::set<std::string> carriers;                     ///< network interfaces that others are built upon
+    std::set<std::string> bridges;                      ///< network interfaces that are bridges
+    std::set<std::string> cameraless;  ///< without ARP, or bridges without a port: no camera can be there
 };
 
 /// Reads files, and runs the programs that list rules; they change nothing and are refused to most users.

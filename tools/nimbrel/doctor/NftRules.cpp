@@ -5,7 +5,9 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "tools/nimbrel/SimulateOptions.h"
 #include "tools/nimbrel/doctor/PacketRules.h"
@@ -164,8 +166,8 @@ public:
         if (value.isNumber && number) {
             return AsTruth(value.number == *number);
         }
-        // A service by name, for one; what has no value at all equals nothing.
-        return value.isNumber || !value.words.empty() ? Truth::Maybe : Truth::No;
+        // A service by name, for one. What has names has another one, and what has no value at all equals nothing.
+        return value.isNumber && value.words.empty() ? Truth::Maybe : Truth::No;
     }
 
 private:
@@ -274,7 +276,11 @@ Predicate MatchOf(const Json& match, const std::shared_ptr<const Sets>& sets, co
         if (left == nullptr || right == nullptr) {
             return Truth::Maybe;
         }
-        const std::optional<Value> value = LeftOf(packet, *left);
+        // There the interface is the port of the bridge, and which one the camera is behind is not known.
+        const Json* meta = Find(*left, "meta");
+        const std::string key = meta == nullptr ? "" : TextOf(*meta, "key");
+        const bool isPort = scope.rfind("bridge ", 0) == 0 && (key.rfind("iif", 0) == 0 || key.rfind("oif", 0) == 0);
+        const std::optional<Value> value = isPort ? std::nullopt : LeftOf(packet, *left);
         return value ? Compare(*value, TextOf(match, "op"), *right, Matcher(*sets, scope)) : Truth::Maybe;
     };
 }
@@ -337,6 +343,37 @@ void AddRules(const Json& rule, const std::shared_ptr<const Sets>& sets, const s
     }
 }
 
+using Words = std::vector<std::string>;
+
+// Words at blanks and commas, without their quotes.
+Words SplitLine(const std::string& line) {
+    Words words;
+    std::string word;
+    bool quoted = false;
+    for (const char letter : line + " ") {
+        if (letter == '"') {
+            quoted = !quoted;
+        } else if (quoted || (letter != ' ' && letter != '\t' && letter != ',')) {
+            word += letter;
+        } else if (!word.empty()) {
+            words.push_back(std::exchange(word, {}));
+        }
+    }
+    return words;
+}
+
+// "type filter hook ingress device eth1 priority filter;", "... devices = { eth1 eth2 } priority ..."
+Words DevicesOf(const Words& words) {
+    if (words[4] == "device") {
+        return {words[5]};
+    }
+    const auto end = std::find(words.begin(), words.end(), "}");
+    if (words[4] != "devices" || end < words.begin() + 7) {
+        return {};
+    }
+    return {words.begin() + 7, end};
+}
+
 // iptables writes its rules into tables and chains of these names, and reads them back by its own program.
 bool BelongsToIptables(const std::string& family, const std::string& table, const std::string& chain) {
     const std::set<std::string> tables{"filter", "raw", "mangle", "nat", "security"};
@@ -355,6 +392,7 @@ std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
     const auto sets = std::make_shared<Sets>();
     std::vector<Chain> chains;
     std::set<std::string> ofIptables;  // tables
+    const std::set<std::string> families{"inet", "ip", "netdev", "bridge"};
     for (const Json& entry : *entries) {
         for (const char* kind : {"set", "map"}) {
             const Json* set = Find(entry, kind);
@@ -373,18 +411,19 @@ std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
         made.table = TextOf(*chain, "table");
         made.name = TextOf(*chain, "name");
         made.hook = TextOf(*chain, "hook");
-        const Json* device = Find(*chain, "dev");
-        if (device != nullptr && device->is_array() && device->size() == 1) {
-            device = &(*device)[0];
-        }
-        if (device != nullptr && device->is_string()) {
-            made.device = device->get<std::string>();
+        const Json* devices = Find(*chain, "dev");
+        for (const Json& device : devices == nullptr    ? Json::array()
+                                  : devices->is_array() ? *devices
+                                                        : Json::array({*devices})) {
+            if (device.is_string()) {
+                made.devices.push_back(device.get<std::string>());
+            }
         }
         made.dropsByPolicy = TextOf(*chain, "policy") == "drop";
         if (BelongsToIptables(made.family, made.table, made.name)) {
             ofIptables.insert(made.family + " " + made.table);
         }
-        if (made.family == "inet" || made.family == "ip" || made.family == "netdev") {
+        if (families.count(made.family) != 0) {
             chains.push_back(std::move(made));
         }
     }
@@ -406,6 +445,29 @@ std::optional<std::vector<Chain>> ParseNftRules(const std::string& json) {
                        [&](const Chain& chain) { return ofIptables.count(chain.family + " " + chain.table) != 0; }),
         chains.end());
     return chains;
+}
+
+void ReadDevicesOfChains(const std::string& text, std::vector<Chain>* chains) {
+    std::istringstream lines(text);
+    std::string family;
+    std::string table;
+    std::string chain;
+    for (std::string line; std::getline(lines, line);) {
+        const Words words = SplitLine(line);
+        if (words.size() >= 3 && words[0] == "table") {
+            family = words[1];
+            table = words[2];
+        } else if (words.size() >= 2 && words[0] == "chain") {
+            chain = words[1];
+        } else if (words.size() >= 6 && words[0] == "type" && words[2] == "hook") {
+            const auto known = std::find_if(chains->begin(), chains->end(), [&](const Chain& one) {
+                return one.tool == RuleTool::Nft && one.family == family && one.table == table && one.name == chain;
+            });
+            if (known != chains->end()) {
+                known->devices = DevicesOf(words);
+            }
+        }
+    }
 }
 
 }  // namespace Nimbrel2::Tool::Doctor

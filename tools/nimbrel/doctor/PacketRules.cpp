@@ -21,11 +21,24 @@ struct Fate {
     std::string maybeDropped;  ///< how; empty: surely not
 };
 
-bool IsReached(const Chain& chain, const Packet& packet) {
+bool IsOfDevices(const Chain& chain) { return chain.hook == "ingress" || chain.hook == "egress"; }
+
+// Yes and No are sure. What passes the port of a bridge may or may not come from a camera.
+Truth IsReached(const Chain& chain, const Packet& packet) {
     const bool forIncoming = chain.hook == "ingress" || chain.hook == "prerouting" || chain.hook == "input";
     const bool forOutgoing = chain.hook == "output" || chain.hook == "postrouting" || chain.hook == "egress";
-    const bool isHere = chain.device.empty() || chain.device == packet.interface;
-    return isHere && (packet.incoming ? forIncoming : forOutgoing);
+    if (!(packet.incoming ? forIncoming : forOutgoing) || (chain.family == "bridge" && !packet.isBridged)) {
+        return Truth::No;
+    }
+    if (!IsOfDevices(chain)) {
+        return Truth::Yes;
+    }
+    const auto& devices = chain.devices;
+    if (devices.empty()) {
+        return Truth::Maybe;
+    }
+    const bool isHere = std::count(devices.begin(), devices.end(), packet.interface) != 0;
+    return isHere ? Truth::Yes : Truth::No;
 }
 
 class Walk {
@@ -155,12 +168,13 @@ Truth Not(Truth a) { return a == Truth::Yes ? Truth::No : a == Truth::No ? Truth
 std::vector<Blocker> RuleSet::FindBlockers(const Packet& packet) const {
     std::vector<Blocker> blockers;
     for (const Chain& chain : chains) {
-        if (chain.hook.empty() || !IsReached(chain, packet)) {
+        const Truth reached = chain.hook.empty() ? Truth::No : IsReached(chain, packet);
+        if (reached == Truth::No) {
             continue;
         }
         const Fate fate = Walk(chains, packet).Through(chain, 0);
         if (fate.kind == Fate::Kind::Dropped) {
-            blockers.push_back({&chain, fate.how, !fate.maybeAccepted});
+            blockers.push_back({&chain, fate.how, reached == Truth::Yes && !fate.maybeAccepted});
         } else if (!fate.maybeDropped.empty()) {
             blockers.push_back({&chain, fate.maybeDropped, false});
         }
@@ -175,13 +189,18 @@ std::string CureOf(const RuleSet& rules, const Blocker& blocker, const Packet& p
                QuoteForShell(packet.interface) + " proto udp " +
                (packet.incoming ? "from any port 3956" : "to any port 3956");
     }
-    if (chain.tool == RuleTool::Nft && chain.table == "firewalld") {
-        const std::string rule = packet.incoming ? "--add-source-port=3956/udp" : "--add-port=3956/udp";
-        return "sudo firewall-cmd " + rule + " && sudo firewall-cmd --permanent " + rule;
+    // Its zones are for what comes in. An interface that was given to no zone is in the default one.
+    if (chain.tool == RuleTool::Nft && chain.table == "firewalld" && packet.incoming) {
+        const std::string rule = "--zone=\"$zone\" --add-source-port=3956/udp";
+        return "sudo sh -c " +
+               QuoteForShell("zone=$(firewall-cmd --get-zone-of-interface=" + QuoteForShell(packet.interface) +
+                             " || firewall-cmd --get-default-zone) && firewall-cmd " + rule +
+                             " && firewall-cmd --permanent " + rule);
     }
     if (chain.tool == RuleTool::Nft) {
         return "sudo nft insert rule " + chain.family + " " + QuoteForShell(chain.table) + " " +
-               QuoteForShell(chain.name) + " " + NftMatch(packet, chain.device.empty()) + " accept";
+               QuoteForShell(chain.name) + " " +
+               NftMatch(packet, chain.family != "bridge" && chain.devices.size() != 1) + " accept";
     }
     const std::string program = chain.tool == RuleTool::Iptables ? "iptables-nft" : "iptables-legacy";
     return "sudo " + program + " -w -t " + QuoteForShell(chain.table) + " -I " + QuoteForShell(chain.name) + " 1 " +

@@ -22,6 +22,7 @@ struct Packet {
     std::uint16_t destinationPort = 0;
     bool isNew = true;         ///< to connection tracking; answers to broadcasts are
     bool isBroadcast = false;  ///< to everybody on the network
+    bool isBridged = false;    ///< the interface is a bridge: the packet passes one of its ports
 };
 
 /// Yes and No are sure; Maybe is what cannot be told, such as a rule that looks at something unknown here.
@@ -44,11 +45,12 @@ enum class RuleTool { Nft, Iptables, IptablesLegacy };
 
 struct Chain {
     RuleTool tool = RuleTool::Nft;
-    std::string family;  ///< nft: "inet", "ip", "netdev"
+    std::string family;  ///< nft: "inet", "ip", "netdev", "bridge"
     std::string table;
     std::string name;
-    std::string hook;    ///< "ingress", "prerouting", "input", "output", "postrouting"; empty: reached by jumps only
-    std::string device;  ///< ingress: the interface that it is for; empty: all
+    std::string hook;  ///< "ingress", "prerouting", "input", "output", "postrouting"; empty: reached by jumps only
+    /// Ingress and egress: the interfaces that it is for; empty when that is not known.
+    std::vector<std::string> devices;
     bool dropsByPolicy = false;
     std::vector<Rule> rules;
 };
@@ -80,6 +82,10 @@ std::string Describe(const Chain& chain);
 /// The chains in the JSON form of `nft -j list ruleset`, without those that belong to iptables. Nothing when it is
 /// none.
 std::optional<std::vector<Chain>> ParseNftRules(const std::string& json);
+
+/// Reads from the text of `nft list chains` which interfaces the chains at ingress and egress are for: the JSON form
+/// of nft 1.0.6 leaves that out.
+void ReadDevicesOfChains(const std::string& text, std::vector<Chain>* chains);
 
 /// The chains in the text of iptables-save.
 std::vector<Chain> ParseIptablesRules(const std::string& text, RuleTool tool);

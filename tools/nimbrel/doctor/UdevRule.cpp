@@ -5,12 +5,13 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tools/nimbrel/doctor/InstalledFiles.h"
+
 namespace Nimbrel2::Tool::Doctor {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char BelowPrefix[] = "lib/udev/rules.d";
 // Where udevd looks (udev(7)).
 constexpr const char* RuleFolders[] = {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
                                        "/usr/lib/udev/rules.d", "/lib/udev/rules.d"};
@@ -24,16 +25,7 @@ bool Exists(const fs::path& path) {
 
 UdevRule FindUdevRule(const std::string& name) {
     UdevRule rule;
-    rule.installed = std::string(NIMBREL2_INSTALL_PREFIX) + "/" + BelowPrefix + "/" + name;
-    std::error_code error;
-    const fs::path program = fs::read_symlink("/proc/self/exe", error);
-    if (!error) {
-        // An installed tree may have been moved.
-        const fs::path beside = program.parent_path().parent_path() / BelowPrefix / name;
-        if (Exists(beside)) {
-            rule.installed = beside.string();
-        }
-    }
+    rule.installed = FindInstalledFile("udev/" + name);
     for (const char* folder : RuleFolders) {
         rule.isInForce = rule.isInForce || Exists(fs::path(folder) / name);
     }

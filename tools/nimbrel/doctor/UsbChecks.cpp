@@ -8,6 +8,7 @@
 
 #include "hal/HAL.h"
 #include "tools/nimbrel/ErrorTexts.h"
+#include "tools/nimbrel/OwnCommand.h"
 #include "tools/nimbrel/doctor/UsbTexts.h"
 
 namespace Nimbrel2::Tool::Doctor {
@@ -81,12 +82,12 @@ Findings CheckUsbDriver(const UsbExamination& examined) {
     }
     if (examined.status != HAL_OK) {
         return {{check, false, "USB cannot be searched: " + DescribeStatus(examined.status),
-                 "sudo nimbrel doctor --bus usb"}};
+                 SudoNimbrel() + " doctor --bus usb"}};
     }
     if (examined.diagnosis.error != 0) {
         return {{check, false,
                  std::string("sysfs cannot be read: ") + std::generic_category().message(examined.diagnosis.error),
-                 "sudo nimbrel doctor --bus usb"}};
+                 SudoNimbrel() + " doctor --bus usb"}};
     }
     std::size_t cameras = 0;
     for (const UsbDeviceDiagnosis& device : examined.diagnosis.devices) {
@@ -173,7 +174,8 @@ Findings CheckUsbClaims(const UsbExamination& examined) {
                 findings.push_back(
                     {check, false,
                      UsbCameraText(device) + " is in use: " + interface + " is claimed by " + ProgramText(claim),
-                     claim.process != 0 ? "kill " + std::to_string(claim.process) : "sudo nimbrel doctor --bus usb"});
+                     claim.process != 0 ? "kill " + std::to_string(claim.process)
+                                        : SudoNimbrel() + " doctor --bus usb"});
                 break;  // a program takes all that it uses
             }
             if (!claim.isControl) {

@@ -2,6 +2,7 @@
 // What is wrong with links, ports, power and memory of USB cameras. Pure.
 #include <algorithm>
 
+#include "tools/nimbrel/Values.h"
 #include "tools/nimbrel/doctor/UsbChecks.h"
 #include "tools/nimbrel/doctor/UsbTexts.h"
 
@@ -49,7 +50,7 @@ Blame BlameRootPort(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& dev
                 "# plug " + who + " into another port of this computer with another USB 3 cable"};
     }
     if (HasSuperSpeed(diagnosis)) {
-        return {port + " can do " + SpeedText(device.portSpeed) + " only",
+        return {port + " can do " + FormatSpeed(device.portSpeed) + " only",
                 "# plug " + who + " into a SuperSpeed port of this computer"};
     }
     return {"this computer has no SuperSpeed ports", "# plug a USB 3 card into this computer"};
@@ -62,7 +63,7 @@ Blame FindBlame(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis& camera)
         const std::string who = device == &camera ? "the camera" : UsbHubText(*device);
         if (device->portSpeed >= SuperSpeed) {
             return {"the cable of " + who + ", for " + UsbPortText(diagnosis, *device) + " can do " +
-                        SpeedText(device->portSpeed),
+                        FormatSpeed(device->portSpeed),
                     "# connect " + who + " with another USB 3 cable, pushed in all the way"};
         }
         if (hub->hub.empty()) {
@@ -102,13 +103,13 @@ Findings CheckUsbSpeed(const UsbExamination& examined) {
         }
         if (device.speed == 0 || device.speed >= SuperSpeed || device.deviceSpeed < SuperSpeed) {
             measured += (measured.empty() ? "" : "; ") + UsbCameraText(device) + ": " +
-                        (device.speed == 0 ? "speed unknown" : SpeedText(device.speed));
+                        (device.speed == 0 ? "speed unknown" : FormatSpeed(device.speed));
             continue;
         }
         const Blame blame = FindBlame(examined.diagnosis, device);
         findings.push_back({check, false,
-                            UsbCameraText(device) + " can do " + SpeedText(device.deviceSpeed) + " and runs at " +
-                                SpeedText(device.speed) + "; to blame: " + blame.what,
+                            UsbCameraText(device) + " can do " + FormatSpeed(device.deviceSpeed) + " and runs at " +
+                                FormatSpeed(device.speed) + "; to blame: " + blame.what,
                             blame.cure});
     }
     if (findings.empty() && !measured.empty()) {
@@ -133,14 +134,14 @@ Findings CheckUsbHubSpeed(const UsbExamination& examined) {
         }
         const std::string evidence =
             UsbHubText(hub) + " on " + UsbPortText(examined.diagnosis, hub) +
-            (hasFallen ? " can do " + SpeedText(hub.deviceSpeed) + " and has fallen to " : " can do no more than ") +
-            SpeedText(hub.speed);
+            (hasFallen ? " can do " + FormatSpeed(hub.deviceSpeed) + " and has fallen to " : " can do no more than ") +
+            FormatSpeed(hub.speed);
         findings.push_back({check, false, evidence,
                             hasFallen ? "# pull " + UsbHubText(hub) + " out and plug it in again, with another cable"
                                       : "# put another hub in the place of " + UsbHubText(hub)});
     }
     if (findings.empty() && hubs != 0) {
-        findings.push_back(Fine(check, "every hub runs at 480 Mbit/s or more"));
+        findings.push_back(Fine(check, "no hub has fallen to 12 Mbit/s, and none above a camera can do no more"));
     }
     return findings;
 }

@@ -22,6 +22,8 @@ std::string CommandForUsbRule(const UsbRule& rule);
 
 /// What whoever may not open a USB camera can do: one sentence with a command.
 std::string HintForUsbPermission();
+/// The same, pure. @param hasNodes  This computer shows device nodes of USB at all.
+std::string HintForUsbPermission(const UsbRule& rule, bool hasNodes);
 
 }  // namespace Nimbrel2::Tool::Doctor
 

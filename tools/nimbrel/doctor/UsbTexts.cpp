@@ -36,8 +36,6 @@ std::string UsbPortText(const UsbDiagnosis& diagnosis, const UsbDeviceDiagnosis&
     return "port " + std::to_string(device.port) + " of " + (hub != nullptr ? UsbHubText(*hub) : "hub " + device.hub);
 }
 
-std::string SpeedText(std::uint32_t speed) { return std::to_string(speed) + " Mbit/s"; }
-
 std::string UsbAttribute(const UsbDeviceDiagnosis& device, const std::string& attribute) {
     return "/sys/bus/usb/devices/" + device.name + "/" + attribute;
 }

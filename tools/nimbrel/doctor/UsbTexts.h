@@ -24,8 +24,6 @@ std::string UsbCameraText(const Platform::UsbDeviceDiagnosis& camera);
 std::string UsbHubText(const Platform::UsbDeviceDiagnosis& hub);
 /// "port 3 of hub 2-1": the one that a device is on.
 std::string UsbPortText(const Platform::UsbDiagnosis& diagnosis, const Platform::UsbDeviceDiagnosis& device);
-/// "5000 Mbit/s"
-std::string SpeedText(std::uint32_t speed);
 
 /// "/sys/bus/usb/devices/2-1/" and the attribute.
 std::string UsbAttribute(const Platform::UsbDeviceDiagnosis& device, const std::string& attribute);

@@ -113,17 +113,19 @@ std::vector<int> Addresses::FindInterfacesOf(std::uint64_t mac) const {
     return heard.empty() ? all : heard;
 }
 
-std::vector<Addresses::Line> Addresses::Open(const std::set<int>& interfaces) {
+std::vector<Addresses::Line> Addresses::Open(const std::set<int>& interfaces, int* error) {
     std::vector<Line> lines;
     for (const int interface : interfaces) {
         if (const auto used = m_parts.interfaces.FindUsed(interface)) {
             lines.push_back({*used, {}});
         }
     }
+    *error = ENETUNREACH;
     m_parts.monitor.Run([&] {
         std::string where;
         for (Line& line : lines) {
-            m_parts.OpenSocket(line.interface.info, {}, &line.socket, &where);
+            const int refusal = m_parts.OpenSocket(line.interface.info, {}, &line.socket, &where);
+            *error = refusal != 0 ? refusal : *error;
         }
     });
     std::erase_if(lines, [](const Line& line) { return line.socket == nullptr; });
@@ -139,7 +141,8 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
         job.id = ids.Take();
         interfaces.insert(job.interfaces.begin(), job.interfaces.end());
     }
-    const std::vector<Line> lines = Open(interfaces);
+    int openError = 0;
+    const std::vector<Line> lines = Open(interfaces, &openError);
     std::vector<int> fds;
     for (const Line& line : lines) {
         fds.push_back(line.socket->GetFd());
@@ -148,7 +151,7 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
     // Nobody acknowledges the address 0, so that nothing is waited for.
     const auto isWaitedFor = [](const Job& job) { return job.heardOn == 0 && job.address.ip != 0 && job.id != 0; };
     for (int i = 0; i < timings.forceIpTries; ++i) {
-        Send(jobs, lines);
+        Send(jobs, lines, openError);
         const TimePoint deadline = Clock::now() + timings.forceIpTry;
         std::vector<bool> readable;
         while (std::any_of(jobs.begin(), jobs.end(), isWaitedFor) &&
@@ -172,7 +175,7 @@ void Addresses::ForceAll(std::vector<Job>& jobs) {
     FollowMoved(jobs, start);
 }
 
-void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines) const {
+void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines, int openError) const {
     for (Job& job : jobs) {
         if (job.heardOn != 0) {
             continue;
@@ -186,7 +189,7 @@ void Addresses::Send(std::vector<Job>& jobs, const std::vector<Line>& lines) con
                                            static_cast<std::uint32_t>(address.mac), address.ip, address.mask,
                                            address.gateway};
         const Gvcp::Packet packet = Gvcp::EncodeForceIpCommand(job.id, ForceIpFlags, command);
-        int error = ENETUNREACH;
+        int error = openError;
         for (const Line& line : lines) {
             if (std::count(job.interfaces.begin(), job.interfaces.end(), line.interface.info.index) == 0) {
                 continue;
@@ -410,9 +413,10 @@ std::uint32_t Addresses::AskWhoHas(int interface, const std::vector<std::uint32_
     if (ips.empty()) {
         return HAL_OK;
     }
-    const std::vector<Line> lines = Open({interface});
+    int openError = 0;
+    const std::vector<Line> lines = Open({interface}, &openError);
     if (lines.empty()) {
-        return m_parts.presence.IsRunning() ? HAL_UNREACHABLE : HAL_CLOSED;
+        return m_parts.presence.IsRunning() ? StatusOfErrno(openError) : std::uint32_t{HAL_CLOSED};
     }
     const NetworkInterface& info = lines[0].interface.info;
     if (info.loopback) {

@@ -40,9 +40,11 @@ private:
     };
 
     std::vector<int> FindInterfacesOf(std::uint64_t mac) const;
-    std::vector<Line> Open(const std::set<int>& interfaces);
+    /// @param error  Receives the errno of the last one that was refused, ENETUNREACH when there was none to open.
+    std::vector<Line> Open(const std::set<int>& interfaces, int* error);
     void ForceAll(std::vector<Job>& jobs);
-    void Send(std::vector<Job>& jobs, const std::vector<Line>& lines) const;
+    /// @param openError  What becomes of a job whose interfaces all have no line.
+    void Send(std::vector<Job>& jobs, const std::vector<Line>& lines, int openError) const;
     void Receive(std::vector<Job>& jobs, const Line& line) const;
     void FollowMoved(const std::vector<Job>& jobs, TimePoint since);
     ForceIpResult Verify(const Job& job, TimePoint since);

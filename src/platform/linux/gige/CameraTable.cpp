@@ -183,10 +183,20 @@ void CameraTable::NotConfirmed(Sighting& sighting, TimePoint now) {
 
 // ---- Probes --------------------------------------------------------------------------------------------------------
 
-// Whether it is its turn: what is waiting for another camera to leave its address is not asked in vain.
+// What is waiting for another camera to leave its address is not asked in vain; nor is its address while it is being
+// asked for another one that claims it, for whoever answers there answers for all of them.
+bool CameraTable::IsWaitingForItsTurn(const Sighting& sighting) const {
+    if (sighting.state != State::Unconfirmed || sighting.m_probing || IsPaused(sighting.interface)) {
+        return false;
+    }
+    return m_holders.count({sighting.interface, sighting.ip}) == 0 &&
+           std::none_of(m_confirming.begin(), m_confirming.end(), [&](const Sighting* other) {
+               return other->interface == sighting.interface && other->ip == sighting.ip;
+           });
+}
+
 bool CameraTable::MayBeConfirmed(const Sighting& sighting, TimePoint now) const {
-    return sighting.state == State::Unconfirmed && !sighting.m_probing && now >= sighting.m_nextProbe &&
-           m_holders.count({sighting.interface, sighting.ip}) == 0 && !IsPaused(sighting.interface);
+    return now >= sighting.m_nextProbe && IsWaitingForItsTurn(sighting);
 }
 
 void CameraTable::StartConfirmations(TimePoint now, std::vector<Probe>* out) {
@@ -380,10 +390,8 @@ void CameraTable::FindNextDue() {
         if (!room) {
             break;  // one that ends brings the next
         }
-        const bool waits = sighting->state == State::Unconfirmed && !sighting->m_probing &&
-                           m_holders.count({sighting->interface, sighting->ip}) == 0 && !IsPaused(sighting->interface);
-        if (waits) {
-            next = std::min(next, sighting->m_nextProbe);
+        if (sighting->m_nextProbe < next && IsWaitingForItsTurn(*sighting)) {
+            next = sighting->m_nextProbe;
         }
     }
     if (!m_unlisted.empty()) {
@@ -518,6 +526,8 @@ CameraTable::Sighting* CameraTable::AddSighting(const Answer& answer, TimePoint 
     sighting->record = answer.record;
     sighting->lastHeard = now;
     sighting->m_sender = answer.from;
+    const auto hosts = m_hosts.find(answer.interface);
+    sighting->m_hasHost = hosts != m_hosts.end() && hosts->second.count(sighting->ip) != 0;
     sighting->m_nextProbe = now;
     sighting->m_unlisted = unlisted.begin();
     m_unlisted.splice(m_unlisted.end(), unlisted);
@@ -528,6 +538,9 @@ CameraTable::Sighting* CameraTable::AddSighting(const Answer& answer, TimePoint 
 }
 
 void CameraTable::Erase(Sighting* sighting) {
+    if (sighting->m_probing) {
+        Due(TimePoint());  // others may have waited for this question
+    }
     EndProbe(*sighting);
     if (sighting->state == State::Present) {
         // Who waits for its address is asked next.
@@ -572,6 +585,7 @@ void CameraTable::EraseIf(const std::function<bool(const Sighting&)>& predicate)
 void CameraTable::DropInterface(int interface) {
     EraseIf([&](const Sighting& sighting) { return sighting.interface == interface; });
     m_paused.erase(interface);
+    m_hosts.erase(interface);
 }
 
 void CameraTable::PauseInterface(int interface) {
@@ -633,10 +647,12 @@ void CameraTable::HasMoved(const Answer& answer, TimePoint now, std::vector<Prob
     }
 }
 
-void CameraTable::KnowHosts(int interface, const std::set<std::uint32_t>& hosts) {
+void CameraTable::KnowHosts(int interface, std::set<std::uint32_t> hosts) {
+    std::set<std::uint32_t>& known = m_hosts[interface];
+    known = std::move(hosts);
     for (Sighting* sighting : m_unlisted) {
         if (sighting->interface == interface) {
-            sighting->m_hasHost = hosts.count(sighting->ip) != 0;
+            sighting->m_hasHost = known.count(sighting->ip) != 0;
         }
     }
 }

@@ -147,9 +147,10 @@ public:
     /// while, for it and its neighbours first have to find each other anew.
     void HasMoved(const Answer& answer, TimePoint now, std::vector<Probe>* out);
 
-    /// Hosts that this computer knows on an interface. What claims to be at one of these addresses is asked first, and
-    /// forgotten last: a camera asks for this computer by ARP before it answers, an invented one cannot.
-    void KnowHosts(int interface, const std::set<std::uint32_t>& hosts);
+    /// Hosts that this computer knows on an interface. What claims to be at one of these addresses, now or later, is
+    /// asked first, and forgotten last: a camera asks for this computer by ARP before it answers, an invented one
+    /// cannot.
+    void KnowHosts(int interface, std::set<std::uint32_t> hosts);
 
     /// Does what is due: repeats probes, starts those whose time has come, drops what missed its rounds.
     void Tick(TimePoint now, std::vector<Probe>* out);
@@ -200,6 +201,7 @@ private:
     void AskAboutClaim(Sighting& present, TimePoint now, std::vector<Probe>* out);
     void Confirm(Sighting& sighting, const GvcpDiscoveryRecord& record, TimePoint now);
     void NotConfirmed(Sighting& sighting, TimePoint now);
+    bool IsWaitingForItsTurn(const Sighting& sighting) const;
     bool MayBeConfirmed(const Sighting& sighting, TimePoint now) const;
     void StartConfirmations(TimePoint now, std::vector<Probe>* out);
     void MoveToUnlisted(Sighting& sighting, State state);
@@ -216,6 +218,7 @@ private:
     std::vector<Sighting*> m_confirming;  ///< unverified sightings with a running probe
     std::list<Sighting*> m_unlisted;      ///< sightings that are not present, least recently heard first
     std::set<int> m_paused;
+    std::map<int, std::set<std::uint32_t>> m_hosts;  ///< known ones, by interface
     std::size_t m_numSightings = 0;
     TimePoint m_nextDue = TimePoint::max();
     bool m_changed = false;

@@ -94,7 +94,8 @@ void DriverParts::FillReport(std::uint64_t filteredBefore, GigESearchReport* rep
         report->problems.push_back(
             {interface, interfaces.GetName(interface), GigESearchProblem::Kind::SourcePorts, EADDRINUSE,
              "the source ports " + std::to_string(range.first) + "-" + std::to_string(range.last) +
-                 " are too few: " + std::to_string(cameras) + " more are needed"});
+                 " are too few: " + std::to_string(cameras) + " more are needed",
+             true});
     }
     report->filteredPackets = filtered.Read() - filteredBefore;
     const int defaultRoute = routes.FindRoute(NowhereNear);

@@ -269,8 +269,9 @@ void Interfaces::AddProblems(GigESearchReport* report) const {
     }
     const TimePoint now = Clock::now();
     for (const auto& [index, interface] : m_interfaces) {
-        const auto add = [&, number = index, &name = interface.info.name](Kind kind, int error, std::string reason) {
-            report->problems.push_back({number, name, kind, error, std::move(reason)});
+        const auto add = [&, number = index, &name = interface.info.name](Kind kind, int error, std::string reason,
+                                                                          bool inPart = false) {
+            report->problems.push_back({number, name, kind, error, std::move(reason), inPart});
         };
         if (interface.error == EADDRINUSE) {
             add(Kind::SourcePorts, interface.error, "all source ports are in use");
@@ -286,7 +287,7 @@ void Interfaces::AddProblems(GigESearchReport* report) const {
             add(Kind::Broadcast, interface.sendError, "broadcasts are refused: " + ErrorText(interface.sendError));
         } else if (refused) {
             add(Kind::Request, interface.probeError,
-                "requests for single cameras are refused: " + ErrorText(interface.probeError));
+                "requests for single cameras are refused: " + ErrorText(interface.probeError), true);
         }
     }
 }

@@ -330,7 +330,7 @@ void Monitor::AskForHosts(TimePoint now) {
         for (const auto& neighbour : neighbours) {
             hosts.insert(neighbour.first);
         }
-        m_presence.KnowHosts(polled.socket->GetInterface(), hosts);
+        m_presence.KnowHosts(polled.socket->GetInterface(), std::move(hosts));
     }
 }
 

@@ -109,9 +109,9 @@ bool Presence::HeardProbe(Port port, const Answer& answer, std::uint16_t id, Tim
     return m_running && m_table.HeardProbe(port, answer, id, now, probes);
 }
 
-void Presence::KnowHosts(int interface, const std::set<std::uint32_t>& hosts) {
+void Presence::KnowHosts(int interface, std::set<std::uint32_t> hosts) {
     const LockGuard lock(m_mutex);
-    m_table.KnowHosts(interface, hosts);
+    m_table.KnowHosts(interface, std::move(hosts));
 }
 
 bool Presence::HasBacklog(TimePoint now) const {

@@ -74,7 +74,7 @@ public:
     /// A broadcast left. The first one begins the window of the first listing.
     void Broadcasted(int interface, TimePoint now);
     bool HeardProbe(Port port, const Answer& answer, std::uint16_t id, TimePoint now, std::vector<Probe>* probes);
-    void KnowHosts(int interface, const std::set<std::uint32_t>& hosts);
+    void KnowHosts(int interface, std::set<std::uint32_t> hosts);
     bool HasBacklog(TimePoint now) const;
     /// Does what is due, reports what has changed and wakes who waits. @return when it is due again.
     TimePoint Tick(TimePoint now, std::vector<Probe>* probes);

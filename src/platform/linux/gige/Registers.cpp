@@ -68,10 +68,10 @@ public:
             const bool more = status == HAL_OK && m_held != 0;
             m_next = more ? std::optional<std::uint32_t>(Register::PrimaryApplicationPort) : std::nullopt;
         } else if (m_next == Register::PrimaryApplicationPort) {
-            m_port = status == HAL_OK ? value : 0;
+            m_port = TakeOwner(status, value);
             m_next = m_port != 0 ? std::optional<std::uint32_t>(Register::PrimaryApplicationIpAddress) : std::nullopt;
         } else {
-            m_ip = status == HAL_OK ? value : 0;
+            m_ip = TakeOwner(status, value);
             m_next.reset();
         }
     }
@@ -81,6 +81,7 @@ public:
 
     ControlInfo Conclude(const CameraChannel::State& channel) const {
         ControlInfo control;
+        control.status = m_status;
         if (m_status != HAL_OK) {
             return control;
         }
@@ -95,6 +96,8 @@ public:
             // On an interface without an address the kernel lends it another one's.
             const std::uint32_t local = channel.socket->GetLocalAddress();
             ours = (local == 0 || m_ip == local) && m_port == channel.socket->GetLocalPort();
+        } else {
+            control.status = m_next ? std::uint32_t{HAL_TIMED_OUT} : m_ownerStatus;
         }
         const bool exclusive = (m_held & Gvcp::Ccp::ExclusiveAccess) != 0;
         control.state = ours ? ControlState::Ours : exclusive ? ControlState::Exclusive : ControlState::Controlled;
@@ -102,8 +105,27 @@ public:
     }
 
 private:
+    // 0 when it has none. A camera without these registers, or that refuses them, does not say; one that was not heard,
+    // or that asks to be asked again, might.
+    std::uint32_t TakeOwner(std::uint32_t status, std::uint32_t value) {
+        switch (status) {
+            case HAL_OK:
+                return value;
+            case HAL_NO_SUCH_REGISTER:
+            case HAL_NOT_SUPPORTED:
+            case HAL_INVALID_ARGUMENT:
+            case HAL_ACCESS_DENIED:
+            case HAL_REFUSED:
+                return 0;
+            default:
+                m_ownerStatus = status;
+                return 0;
+        }
+    }
+
     std::optional<std::uint32_t> m_next = Register::ControlChannelPrivilege;
     std::uint32_t m_status = HAL_TIMED_OUT;
+    std::uint32_t m_ownerStatus = HAL_OK;
     std::uint32_t m_held = 0;
     std::uint32_t m_port = 0;
     std::uint32_t m_ip = 0;
@@ -156,7 +178,8 @@ std::uint32_t Registers::GetControl(const CameraKey& key, ControlInfo* control) 
         query.Take(status, value);
     }
     if (query.GetStatus() != HAL_OK) {
-        return query.GetStatus();
+        control->status = query.GetStatus();
+        return control->status;
     }
     const CameraChannel::Command command = CameraChannel::Begin(GetChannel(key));
     if (!query.IsHeld()) {
@@ -244,16 +267,22 @@ std::uint32_t Registers::Exchange(const UdpSocket& socket, std::span<const std::
             return StatusOfErrno(error);
         }
         const TimePoint end = Clock::now() + m_timings.registerTry;
-        // A camera that asks for less time than it has, or for none, is not given up the sooner for it.
-        while (!reply.IsAnswered() && WaitReadable(socket.GetFd(), std::max(end, reply.GetPendingUntil()))) {
+        for (bool isLast = false; !reply.IsAnswered() && !isLast;) {
+            // A camera that asks for less time than it has, or for none, is not given up the sooner for it.
+            const TimePoint deadline = std::max(end, reply.GetPendingUntil());
+            // What lies on the socket by then has come in time; a flood does not put it off any further.
+            isLast = Clock::now() >= deadline;
+            WaitReadable(socket.GetFd(), deadline);
             if (m_stopped) {
                 return HAL_CLOSED;
             }
-            const std::size_t size = socket.ReceiveFromPeer(buffer);
-            reply.Take({buffer.data(), size}, Clock::now());
-        }
-        if (m_stopped) {
-            return HAL_CLOSED;
+            for (int k = 0; k < ReadBudget && !reply.IsAnswered(); ++k) {
+                const std::size_t size = socket.ReceiveFromPeer(buffer);
+                if (size == 0) {
+                    break;
+                }
+                reply.Take({buffer.data(), size}, Clock::now());
+            }
         }
         if (reply.GetPendingUntil() != TimePoint()) {
             break;
@@ -262,12 +291,10 @@ std::uint32_t Registers::Exchange(const UdpSocket& socket, std::span<const std::
     return HAL_OK;
 }
 
-// False when the deadline has come.
-bool Registers::WaitReadable(int fd, TimePoint deadline) const {
+void Registers::WaitReadable(int fd, TimePoint deadline) const {
     const timespec limit = Until(deadline);
     std::array<pollfd, 2> fds{pollfd{fd, POLLIN, 0}, pollfd{m_stopFd, POLLIN, 0}};
-    const int count = ::ppoll(fds.data(), fds.size(), &limit, nullptr);
-    return count > 0 || Clock::now() < deadline;
+    ::ppoll(fds.data(), fds.size(), &limit, nullptr);
 }
 
 // ---- Channels ------------------------------------------------------------------------------------------------------
@@ -370,6 +397,8 @@ void Registers::Finish(Job& job) {
             job.command->holdsControl = false;
         }
         job.readings.control = job.control->Conclude(*job.command.operator->());
+    } else if (job.control) {
+        job.readings.control.status = job.readings.controlStatus;
     }
     job.command.End();
 }

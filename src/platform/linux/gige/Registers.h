@@ -92,7 +92,8 @@ private:
     std::uint32_t Execute(const CameraKey& key, const Request& request, std::uint32_t* value);
     std::uint32_t ExecuteAlone(CameraChannel::Command& command, const Request& request, std::uint32_t* value);
     std::uint32_t Exchange(const UdpSocket& socket, std::span<const std::uint8_t> packet, Reply& reply);
-    bool WaitReadable(int fd, TimePoint deadline) const;
+    /// Until the deadline at most, and not after Stop.
+    void WaitReadable(int fd, TimePoint deadline) const;
 
     // Of ReadAll.
     std::vector<Job> BeginJobs(const std::vector<CameraPlace>& places, const ReadingPlan& plan);

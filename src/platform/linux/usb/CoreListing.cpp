@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lists cameras and finds the ones that entries name. Any thread; m_mutex for each call, while sysfs is read too.
-#include <algorithm>
-
 #include "platform/base/Errno.h"
 #include "platform/linux/usb/UsbCore.h"
 
@@ -65,16 +63,24 @@ std::uint32_t UsbCore::GetTree(NamedCamera* camera, std::vector<UsbSelfId>* reco
 }
 
 DevicePointer UsbCore::FindAttached(NamedCamera* camera) const {
-    // The text tells it, wherever it is now; else it is the one at its place.
-    const bool byText = !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0;
-    const auto found = std::find_if(m_devices.begin(), m_devices.end(), [&](const DevicePointer& device) {
-        return device->IsListed() && KeyOf(*device) == camera->key && (byText || PlaceOf(*device) == camera->place);
-    });
-    if (found == m_devices.end()) {
-        return nullptr;
+    const bool isByText = !camera->key.serial.empty() && m_ambiguous.count(camera->key) == 0;
+    DevicePointer found;
+    for (const DevicePointer& device : m_devices) {
+        if (!device->IsListed() || KeyOf(*device) != camera->key) {
+            continue;
+        }
+        if (PlaceOf(*device) == camera->place) {
+            return device;
+        }
+        // The text tells it, wherever it is now.
+        if (isByText && found == nullptr) {
+            found = device;
+        }
     }
-    camera->place = PlaceOf(**found);
-    return *found;
+    if (found != nullptr) {
+        camera->place = PlaceOf(*found);
+    }
+    return found;
 }
 
 }  // namespace Nimbrel2::Platform::Usb

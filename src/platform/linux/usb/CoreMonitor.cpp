@@ -15,6 +15,10 @@ namespace {
 constexpr std::uint64_t UeventToken = 0;
 constexpr char Subsystem[] = "usb";  // devices and their interfaces
 
+bool AreInBothHalves(const DeviceRecord& a, const DeviceRecord& b) {
+    return a.controller == b.controller && (a.speed >= SuperSpeed) != (b.speed >= SuperSpeed);
+}
+
 }  // namespace
 
 UsbCore::UsbCore(LinuxUsbOptions options, const Timings& timings, BusEventSink& events)
@@ -184,12 +188,30 @@ void UsbCore::UpdateTrees() {
 }
 
 void UsbCore::FindAmbiguousKeys() {
-    std::set<CameraKey> seen;
+    const TimePoint now = Clock::now();
+    std::map<CameraKey, const DeviceRecord*> seen;
+    std::map<CameraKey, TimePoint> doubled;
     for (const DevicePointer& device : m_devices) {
-        if (device->IsListed() && !seen.insert(KeyOf(*device)).second) {
-            m_ambiguous.insert(KeyOf(*device));
+        if (!device->IsListed()) {
+            continue;
+        }
+        const CameraKey key = KeyOf(*device);
+        const auto [first, isFirst] = seen.emplace(key, device.get());
+        if (isFirst) {
+            continue;
+        }
+        const auto before = m_doubled.find(key);
+        doubled.emplace(key, before != m_doubled.end() ? before->second : now);
+        if (!AreInBothHalves(*first->second, *device)) {
+            m_ambiguous.insert(key);
         }
     }
+    for (const auto& [key, since] : m_doubled) {
+        if (now - since >= m_timings.fallBack) {
+            m_ambiguous.insert(key);
+        }
+    }
+    m_doubled = std::move(doubled);
 }
 
 BusState UsbCore::MakeState() {
@@ -215,8 +237,7 @@ BusState UsbCore::MakeState() {
             std::to_string(device->descriptors.vendorId) + ":" + std::to_string(device->descriptors.productId) + ":";
         present.identity = ids + "s" + device->texts.serial;
         if (device->texts.serial.empty() || taken.count(present.identity) != 0) {
-            present.identity = ids + "p" + device->controller + (device->speed >= SuperSpeed ? "/3-" : "/2-") +
-                               PortPath(device->ports);
+            present.identity = ids + "p" + PlaceText(*device);
         }
         taken.insert(present.identity);
         reported.emplace(device, std::move(present));

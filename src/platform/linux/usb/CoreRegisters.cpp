@@ -86,13 +86,27 @@ std::uint32_t UsbCore::OpenCamera(NamedCamera* camera, DevicePointer* device, Op
         } else {
             status = IsGone(error) ? std::uint32_t{HAL_GONE} : StatusOfErrno(error);
         }
-        if (status != HAL_GONE || ++tries == OpenTries) {
+        if (status != HAL_GONE) {
             return status;
         }
-        // It has left or come back a moment ago: the news of that may be on its way.
-        const LockGuard lock(m_mutex);
-        if (m_running) {
-            Look();
+        const bool isLast = ++tries == OpenTries;
+        if (isLast && error == ENOENT) {
+            std::this_thread::sleep_for(m_timings.permissionRetry);  // the node of a device that leaves goes first
+        }
+        {
+            // It has left or come back a moment ago: the news of that may be on its way.
+            const LockGuard lock(m_mutex);
+            if (m_running) {
+                Look();
+            }
+        }
+        if (isLast) {
+            status = FindNow(camera, device);
+            if (status != HAL_OK) {
+                return status;
+            }
+            // Attached, and without a node: a container that was not given it.
+            return error == ENOENT ? HAL_PERMISSION : HAL_GONE;
         }
     }
 }

@@ -37,8 +37,8 @@ struct DeviceRecord {
     std::uint32_t number = 0;  ///< devnum, 1 to 127; a device that comes back has another one
     std::uint32_t speed = 0;   ///< Mbit/s; 0 when the kernel does not know it
     Descriptors descriptors;
-    std::uint32_t configuration = 0;  ///< 0 while it has been given none
-    bool authorized = true;
+    std::uint32_t configuration = 0;  ///< 0 while it has been given none; of what can be no camera its first one
+    bool authorized = true;           ///< of what may be a camera
 
     // Of cameras only.
     Protocol protocol = Protocol::None;
@@ -59,6 +59,11 @@ struct DeviceRecord {
 };
 
 using DevicePointer = std::shared_ptr<const DeviceRecord>;
+
+/// Where it is: the two halves of a controller have ports of the same numbers, which are other sockets.
+inline std::string PlaceText(const DeviceRecord& device) {
+    return device.controller + (device.speed >= SuperSpeed ? "/3-" : "/2-") + PortPath(device.ports);
+}
 
 /// Controllers one after the other; of each the buses, and each device after the hub above it.
 inline bool IsBefore(const DeviceRecord& a, const DeviceRecord& b) {

@@ -176,8 +176,6 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
     diagnosis.isCamera = device.protocol != Protocol::None;
     diagnosis.isVision = device.protocol == Protocol::Vision;
     diagnosis.isListed = device.IsListed();
-    diagnosis.isAuthorized = device.authorized;
-    diagnosis.configuration = device.configuration;
     diagnosis.node = NodePath(device.bus, device.number);
     if (device.ports.size() == 1) {
         diagnosis.hub = "usb" + std::to_string(device.bus);
@@ -196,7 +194,11 @@ UsbDeviceDiagnosis Inspect(const DeviceRecord& device) {
         diagnosis.model = device.texts.model;
         diagnosis.serial = device.texts.serial;
         diagnosis.serialNumber = device.serialNumber;
+        diagnosis.isAuthorized = device.authorized;
+        diagnosis.configuration = device.configuration;
     } else {
+        diagnosis.isAuthorized = directory.ReadNumber("authorized").value_or(1) != 0;
+        diagnosis.configuration = directory.ReadNumber("bConfigurationValue").value_or(0);
         diagnosis.vendor = ReadText(directory, "manufacturer");
         diagnosis.model = ReadText(directory, "product");
         diagnosis.serial = ReadText(directory, "serial");

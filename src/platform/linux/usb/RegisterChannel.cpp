@@ -161,14 +161,16 @@ RegisterChannel::Outcome RegisterChannel::Await(OpenDevice& device, std::uint8_t
         int received = 0;
         const int result = libusb_bulk_transfer(device.Get(), endpoint, m_answer.data(),
                                                 static_cast<int>(m_answer.size()), &received, InMilliseconds(left));
-        if (result == LIBUSB_ERROR_TIMEOUT) {
+        // What has come while the transfer was being cancelled is there all the same, and the camera will not say it
+        // again.
+        if (result == LIBUSB_ERROR_TIMEOUT && received == 0) {
             continue;
         }
         if (result == LIBUSB_ERROR_PIPE) {
             libusb_clear_halt(device.Get(), endpoint);
             return {HAL_REFUSED, true};
         }
-        if (result != LIBUSB_SUCCESS) {
+        if (result != LIBUSB_SUCCESS && result != LIBUSB_ERROR_TIMEOUT) {
             return {StatusOfLibusb(result), false};
         }
         const auto answer =

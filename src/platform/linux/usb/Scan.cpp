@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include "platform/base/Sysfs.h"
@@ -117,6 +118,9 @@ int Scanner::Scan(std::vector<DevicePointer>* devices) {
 }
 
 void Scanner::Removed(std::string_view path) {
+    if (!ParseDeviceName(path.substr(path.rfind('/') + 1))) {
+        return;  // an interface
+    }
     const auto known =
         std::find_if(m_last.begin(), m_last.end(), [&](const auto& device) { return device->path == path; });
     std::uint64_t inode = 0;
@@ -169,10 +173,7 @@ int Scanner::ReadDevice(const SysfsDirectory& devices, const std::string& name, 
         error = Nonsense;
     }
     if (error != 0) {
-        if (error == Nonsense) {
-            TraceOnce(name, record.inode, "its device number makes no sense");
-        }
-        return error;
+        return LeaveOut(record, error, "its device number makes no sense");
     }
 
     const DevicePointer known = Find(name);
@@ -181,10 +182,16 @@ int Scanner::ReadDevice(const SysfsDirectory& devices, const std::string& name, 
     if (isKnown) {
         record = *known;
     } else if (error = ReadNew(directory, &record); error != 0) {
-        if (error == Nonsense) {
-            TraceOnce(name, record.inode, "its descriptors or its path make no sense");
+        return LeaveOut(record, error, "its descriptors or its path make no sense");
+    }
+    if (!IsNamed(record.descriptors) && record.descriptors.FindVisionControl(0) == nullptr) {
+        // It can be no camera, whatever configuration it is given. Asking which one waits for what the kernel does with
+        // the device: five seconds while a broken one does not answer, and nobody would be listed meanwhile.
+        if (!isKnown && !record.descriptors.configurations.empty()) {
+            record.configuration = record.descriptors.configurations.front().value;
         }
-        return error;
+        *device = isKnown ? known : std::make_shared<const DeviceRecord>(std::move(record));
+        return 0;
     }
     Permit permit;
     if (error = ReadPermit(directory, record.descriptors, &permit); error != 0) {
@@ -226,13 +233,16 @@ int Scanner::ReadNew(const SysfsDirectory& directory, DeviceRecord* record) cons
     return 0;
 }
 
-int Scanner::Identify(const SysfsDirectory& directory, DeviceRecord* record) const {
-    const Descriptors& descriptors = record->descriptors;
-    const bool isNamed = std::any_of(m_cameraIds.begin(), m_cameraIds.end(), [&](const UsbId& id) {
+bool Scanner::IsNamed(const Descriptors& descriptors) const {
+    return std::any_of(m_cameraIds.begin(), m_cameraIds.end(), [&](const UsbId& id) {
         return id.vendor == descriptors.vendorId && id.product == descriptors.productId;
     });
+}
+
+int Scanner::Identify(const SysfsDirectory& directory, DeviceRecord* record) const {
+    const Descriptors& descriptors = record->descriptors;
     record->protocol = record->FindControl() != nullptr ? Protocol::Vision
-                       : isNamed                        ? Protocol::VendorRequests
+                       : IsNamed(descriptors)           ? Protocol::VendorRequests
                                                         : Protocol::None;
     if (record->protocol == Protocol::None) {
         return 0;
@@ -242,17 +252,21 @@ int Scanner::Identify(const SysfsDirectory& directory, DeviceRecord* record) con
         return error;
     }
     record->texts = ChooseTexts(descriptors, record->FindVisionInfo(), texts);
-    record->serialNumber = UsbSerialNumber(descriptors.vendorId, descriptors.productId, record->texts.serial,
-                                           record->controller + " " + PortPath(record->ports));
+    record->serialNumber =
+        UsbSerialNumber(descriptors.vendorId, descriptors.productId, record->texts.serial, PlaceText(*record));
     return 0;
 }
 
-void Scanner::TraceOnce(const std::string& name, std::uint64_t inode, const char* what) {
-    std::uint64_t& traced = m_traced[name];
-    if (!m_trace || std::exchange(traced, inode) == inode) {
-        return;
+int Scanner::LeaveOut(const DeviceRecord& device, int error, const char* nonsense) {
+    if (!m_trace || IsShortage(error) || HasLeft(error)) {
+        return error;
     }
-    m_trace("USB device " + name + " is left out: " + what);
+    // Once per visit.
+    if (std::exchange(m_traced[device.name], device.inode) != device.inode) {
+        m_trace("USB device " + device.name + " is left out: " +
+                (error == Nonsense ? nonsense : "it cannot be read: " + std::generic_category().message(error)));
+    }
+    return error;
 }
 
 }  // namespace Nimbrel2::Platform::Usb

@@ -44,13 +44,16 @@ private:
     int ReadDevice(const SysfsDirectory& devices, const std::string& name, DevicePointer* device);
     int ReadNew(const SysfsDirectory& directory, DeviceRecord* record) const;
     int Identify(const SysfsDirectory& directory, DeviceRecord* record) const;
-    void TraceOnce(const std::string& name, std::uint64_t inode, const char* what);
+    bool IsNamed(const Descriptors& descriptors) const;
+    /// A word on a device that cannot be read though it has not left. @param nonsense  What is wrong, for Nonsense.
+    /// @return the error
+    int LeaveOut(const DeviceRecord& device, int error, const char* nonsense);
 
     const std::vector<UsbId> m_cameraIds;
     const std::function<void(const std::string&)> m_trace;
     bool m_hasScanned = false;
     std::vector<DevicePointer> m_last;
-    std::map<std::string, std::uint64_t, std::less<>> m_removed;  ///< inodes by path
+    std::map<std::string, std::uint64_t, std::less<>> m_removed;  ///< inodes of devices by path
     std::map<std::string, std::uint64_t> m_traced;                ///< inodes by name
 };
 

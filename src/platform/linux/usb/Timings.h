@@ -20,6 +20,9 @@ struct Timings {
     Milliseconds freshLook{100};    ///< how long a look is believed there; a listing never believes an old one
     Milliseconds scanRetry{1000};   ///< after a scan that failed for want of memory or descriptors
 
+    /// How long one camera may be seen in both halves of its controller: after that they are two.
+    Milliseconds fallBack{10000};
+
     /// udevd may give a new device's node to its users only now.
     Milliseconds permissionGrace{1000};
     Milliseconds permissionRetry{20};

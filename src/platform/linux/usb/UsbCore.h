@@ -158,6 +158,9 @@ private:
     std::vector<DevicePointer> m_devices NIMBREL2_GUARDED_BY(m_mutex);
     /// Of cameras that were seen at the same time: none of them is known by its text any more.
     std::set<CameraKey> m_ambiguous NIMBREL2_GUARDED_BY(m_mutex);
+    /// Those that are seen twice now, and since when. In the two halves of one controller that may be one camera, which
+    /// has fallen back to USB 2 before the kernel has given up its SuperSpeed link.
+    std::map<CameraKey, TimePoint> m_doubled NIMBREL2_GUARDED_BY(m_mutex);
     std::map<std::uint64_t, Tree> m_trees NIMBREL2_GUARDED_BY(m_mutex);  ///< by host key
     std::uint32_t m_lastGeneration NIMBREL2_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_resets NIMBREL2_GUARDED_BY(m_mutex) = 0;
