@@ -279,7 +279,9 @@ NIMBREL2_API uint32_t HAL_GvcpAutoForceIpToCamera(uint32_t serialNumber);
  * Identification. No bus I/O. vendor and model are zero-terminated; the sizes come in as the capacities and go out as
  * the lengths without the zero; longer texts are cut. first is the high quadlet of the EUI-64, serialNumber the low
  * one (IEEE 1394 configuration ROM, quadlets 3 and 4); nodeAddress is the 16-bit node id (0xFFC0 | phy id), card the
- * controller, unitVersion the unit's software version. A virtual camera answers 0 for what it has not.
+ * controller, unitVersion the unit's software version. A virtual camera answers 0 for what it has not. nodeAddress is
+ * 0xFFFF when this user may not open the node; both are 0xFFFF of one that has left since it was listed, which is still
+ * identified, for a camera that is not makes the bus master drop its whole bus.
  */
 NIMBREL2_API uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32_t* nodeAddress, uint32_t* serialNumber,
                                             uint32_t* card, uint32_t* unitVersion, char* vendor, char* model,
@@ -292,7 +294,10 @@ NIMBREL2_API uint32_t HAL_1394GetConfigInfo(void* entry, uint32_t* first, uint32
  */
 NIMBREL2_API uint32_t HAL_1394GetDeviceInfo(void* entry, uint32_t* info1, uint32_t* info2, uint32_t* info3);
 
-/* Phy id (0..62) and bus number (the card) as the last reading of the bus had them. No bus I/O. */
+/*
+ * Phy id (0..62) and bus number (the card) as the last reading of the bus had them; 0xFFFF for what this user may not
+ * find out. No bus I/O.
+ */
 NIMBREL2_API uint32_t HAL_1394GetNode(void* entry, uint16_t* node, uint16_t* busNumber);
 
 /*
@@ -306,8 +311,8 @@ NIMBREL2_API uint32_t HAL_1394WriteRegister(void* entry, uint64_t address, uint3
 
 /*
  * One PHY register (IEEE 1394a-2000 5B.1). address 0..7 is a base register (page and port must be 0); 8..15 is a
- * register of that page (0..7) and port (0..15). May block for 300 ms. HAL_PHY_WRITE_NOT_IMPLEMENTED: writing cannot be
- * done on this computer at all.
+ * register of that page (0..7) and port (0..15). May block for a second. HAL_PHY_WRITE_NOT_IMPLEMENTED: writing cannot
+ * be done on this computer at all.
  */
 NIMBREL2_API uint32_t HAL_1394ReadPhyRegister(void* entry, uint32_t page, uint32_t port, uint32_t address,
                                               uint32_t* value);
@@ -320,8 +325,9 @@ NIMBREL2_API uint32_t HAL_1394FireBusReset(void* entry);
 /*
  * The self-ID stream of the device's bus: packet zero and extended packets of each PHY in ascending phy id. *count
  * comes in as the capacity; a bus has at most 252 quadlets. *generation changes with every bus reset; *busKey tells
- * buses apart. One bus read a generation, whoever asks. HAL_ARRAY_TOO_SMALL is not used: a smaller capacity answers
- * HAL_INVALID_ARGUMENT with *count set to the need.
+ * buses apart. One bus read a generation, whoever asks; may block for 3 s while the bus is being reset. HAL_PERMISSION
+ * also when it is the controller's file, or the node's own, that this user may not open. HAL_ARRAY_TOO_SMALL is not
+ * used: a smaller capacity answers HAL_INVALID_ARGUMENT with *count set to the need.
  */
 NIMBREL2_API uint32_t HAL_1394GetSelfIds(void* entry, SelfIdPacket_t* packets, uint64_t* count, uint64_t* busKey,
                                          uint32_t* generation);

@@ -116,11 +116,12 @@ class FireWireDevice {
 public:
     virtual ~FireWireDevice() = default;
     /// EUI-64's high quadlet, node id (0xFFC0 | phy id), EUI-64's low quadlet as the serial number, card, software
-    /// version of the unit; the texts of the configuration ROM. A virtual camera has 0 where it has nothing. No I/O.
+    /// version of the unit; the texts of the configuration ROM. A virtual camera has 0 where it has nothing. Of a node
+    /// that has left what the listing saw, with 0xFFFF for node id and card. No I/O.
     virtual std::uint32_t GetConfigInfo(ConfigInfo* info) = 0;
     /// No I/O.
     virtual std::uint32_t GetEui64(std::uint32_t* high, std::uint32_t* low) = 0;
-    /// Phy id and card, as the bus was last seen. No I/O.
+    /// Phy id and card, as the bus was last seen; 0xFFFF for what may not be known. No I/O.
     virtual std::uint32_t GetNode(std::uint16_t* node, std::uint16_t* busNumber) = 0;
     /// One transaction, in host order, at most 3 s; a node that timed out answers HAL_TIMED_OUT at once for a second.
     /// HAL_NO_SUCH_REGISTER: the node has nothing at that address. HAL_REFUSED: it has answered with another error.
@@ -128,7 +129,7 @@ public:
     virtual std::uint32_t ReadQuadlet(std::uint64_t offset, std::uint32_t* value) = 0;
     /// As ReadQuadlet; HAL_WRITE_PROTECTED too.
     virtual std::uint32_t WriteQuadlet(std::uint64_t offset, std::uint32_t value) = 0;
-    /// One PHY register, at most 300 ms. page and port count from address 8 on.
+    /// One PHY register, at most a second. page and port count from address 8 on.
     virtual std::uint32_t ReadPhy(std::uint32_t page, std::uint32_t port, std::uint32_t address,
                                   std::uint32_t* value) = 0;
     /// HAL_PHY_WRITE_NOT_IMPLEMENTED: this computer has no way to do it.
@@ -137,7 +138,8 @@ public:
     /// Asks for a short bus reset and does not wait for it.
     virtual std::uint32_t FireBusReset() = 0;
     /// The self-ID packets of the node's bus, by phy id, in bus order within one PHY. busKey tells buses apart,
-    /// generation changes with every bus reset. All nodes of a bus share one reading per generation: at most 300 ms.
+    /// generation changes with every bus reset. All nodes of a bus share one reading per generation: milliseconds, at
+    /// most 3 s on a bus that is being reset. HAL_PERMISSION also for a node that this user may not open.
     virtual std::uint32_t GetSelfIds(std::vector<SelfIdPacket_t>* packets, std::uint64_t* busKey,
                                      std::uint32_t* generation) = 0;
     /// One serial number per phy id, 0 where none is known. No I/O.
