@@ -31,6 +31,10 @@ extern "C" __attribute__((visibility("default"))) int UseBusMaster() {
         busMaster.RegisterCallback(&OnReset, BUS_RESET, nullptr, &handle) != ERROR_OK) {
         return 1;
     }
+    // A rescan that finds the worker busy, with its start here, begins no enumeration.
+    if (!busMaster.WaitUntilQuiet(20000)) {
+        return 3;
+    }
     busMaster.RescanBus();
     {
         std::unique_lock<std::mutex> lock(g_mutex);
@@ -39,5 +43,5 @@ extern "C" __attribute__((visibility("default"))) int UseBusMaster() {
     if (busMaster.UnregisterCallback(handle) != ERROR_OK) {
         return 2;
     }
-    return busMaster.WaitUntilQuiet(20000) ? 0 : 3;
+    return busMaster.WaitUntilQuiet(20000) ? 0 : 4;
 }

@@ -71,7 +71,8 @@ TEST(Verbose, SaysHowACommandFailedToo) {
     const ProgramResult result = RunOnDemo({"reset", "--demo", "-v", "4711"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(Lines(result.errors), Contains(HasSubstr("  exit status 1: ")));
-    EXPECT_THAT(Lines(result.errors).back(), HasSubstr("4711"));
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("4711"), EndsWith("`nimbrel doctor` finds out why a camera is not seen.\n")));
 }
 
 TEST_F(TraceLogFile, GetsTheTraceAndNothingGoesToStandardError) {

@@ -547,9 +547,12 @@ TEST_F(RigStory, StartsWithAHundredCamerasThatLoseNearlyEverything) {
     std::string cameras;
     for (int i = 0; i < 100; ++i) {
         const std::string number = std::to_string(i + 100);
-        cameras += (i == 0 ? "" : ",") + std::string(R"({"name": "g)") + number + R"(", "mac": "02:00:00:00:01:)" +
-                   std::to_string(i / 10) + std::to_string(i % 10) + R"(", "address": "192.168.77.)" + number +
-                   R"(/24", "serial": ")" + number + R"(", "answers": {"lossPercent": 99}})";
+        cameras.append(i == 0 ? "" : ",").append(R"({"name": "g)").append(number);
+        cameras.append(R"(", "mac": "02:00:00:00:01:)")
+            .append(number, 1)
+            .append(R"(", "address": "192.168.77.)")
+            .append(number);
+        cameras.append(R"(/24", "serial": ")").append(number).append(R"(", "answers": {"lossPercent": 99}})");
     }
     const std::string network = R"({"gige": [{"name": "e", "address": "192.168.77.1/24", "cameras": [)";
     Use(Platform::ParseRig(network + cameras + "]}]}", "lossy").rig);
