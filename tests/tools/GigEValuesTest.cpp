@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Addresses as text, in and out.
+// Addresses as text, in and out, and what a listing says of cameras that cannot be used.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tools/nimbrel/CommandError.h"
 #include "tools/nimbrel/GigEValues.h"
+#include "tools/nimbrel/ListTexts.h"
 
 namespace Nimbrel2::Tool::Testing {
 namespace {
@@ -21,6 +22,27 @@ std::string Refused(Parse parse, const std::string& text) {
         return error.GetStatus() == ExitUsage ? error.what() : "not as wrong usage";
     }
     return "accepted";
+}
+
+TEST(ListOfCameras, TellsUnusableOnesThatAreListedFromThoseThatAreNot) {
+    HeardCamera mute;
+    mute.camera.serialNumber = 2;
+    mute.camera.ip = Ip("192.168.77.102");
+    mute.camera.subnet = Ip("255.255.255.0");
+    mute.usability = Usability::NoRegisters;
+    mute.isListed = true;
+    HeardCamera silent = mute;
+    silent.camera.serialNumber = 3;
+    silent.usability = Usability::NoAnswer;
+    silent.isListed = false;
+    Listed listed;
+    listed.unusable = {mute, silent};
+    EXPECT_EQ(ListAsTable(listed, {}, false),
+              "\nHeard on the network, but not usable:\n"
+              "  camera 3 (00:00:00:00:00:00) at 192.168.77.102/24: it does not answer at its address\n"
+              "\nListed, but not usable now:\n"
+              "  camera 2 (00:00:00:00:00:00) at 192.168.77.102/24: its registers do not answer\n"
+              "`nimbrel doctor` explains why.\n");
 }
 
 TEST(GigEValues, AreRead) {

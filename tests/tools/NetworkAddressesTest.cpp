@@ -395,17 +395,6 @@ TEST_F(TwoWires, AreNotHalfSearchedInSilence) {
     }
 }
 
-TEST_F(GigEAddresses, OfAMuteCameraAreListedOnceAndSaidNotToBeUsable) {
-    auto options = Camera("192.168.77.102", 2);
-    options.faults.pendingAnnounced = options.faults.pendingActual = std::chrono::minutes(1);
-    AddCamera(options);
-    AddCamera("10.9.9.9", 9);
-    const std::string output = Run({"list"}).output;
-    EXPECT_THAT(output, AllOf(HasSubstr("Heard on the network, but not usable:\n  camera 9 "),
-                              HasSubstr("Listed, but not usable now:\n  camera 2 "),
-                              HasSubstr(": its registers do not answer\n")));
-}
-
 TEST_F(GigEAddresses, AreAskedFromTheSourcePortsOfTheUser) {
     AddCamera("192.168.77.102", 2);
     AddCamera("192.168.77.103", 3);

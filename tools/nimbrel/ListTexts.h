@@ -15,7 +15,7 @@ namespace Nimbrel2::Tool {
 struct Listed {
     std::vector<Camera> cameras;
     std::vector<Device> devices;
-    std::vector<HeardCamera> unusable;  ///< GigE cameras that were heard and are not listed.
+    std::vector<HeardCamera> unusable;  ///< GigE cameras that were heard and cannot be used.
     std::vector<std::string> cut;       ///< Sentences on buses that hold more cameras than a listing has room for.
 };
 

@@ -87,9 +87,11 @@ void AddAddressOptions(CLI::App& command, SimulateOptions& options) {
         ->type_name("N")
         ->check(Whole(1, MostCameras, "a number from 1 to 4096"));
     CLI::Option* single = command.add_option("--address", options.address, "Address of the first camera (127.0.0.2).")
+                              ->type_name("A")
                               ->option_text("A")
                               ->check(address);
     command.add_option("--base-address", options.address, "The same as --address.")
+        ->type_name("A")
         ->option_text("A")
         ->check(address)
         ->excludes(single);

@@ -333,17 +333,24 @@ TEST_P(RigStories, KeepsHandleGuidAndInterfaceOfACameraThatMovesFromNode2ToNode5
 TEST_P(RigStories, NoticesNothingOfAReplugThatIsOverBeforeItLooks) {
     Start();
     const ZevoGuid guid = GuidOf(1);
-    IEEE1394Interface* const camera = FireWireOf(1);
-    ASSERT_EQ(m_rig->Unplug("one"), std::nullopt);
-    ASSERT_EQ(m_rig->Plug("one"), std::nullopt);
-    Settle();
-    EXPECT_TRUE(GuidOf(1) == guid);
+    std::vector<std::string> events;
+    IEEE1394Interface* camera = nullptr;
+    int replugs = 0;
+    do {
+        ASSERT_LT(++replugs, 100) << "each was seen half-way";
+        camera = FireWireOf(1);
+        ASSERT_EQ(m_rig->Unplug("one"), std::nullopt);
+        ASSERT_EQ(m_rig->Plug("one"), std::nullopt);
+        Settle();
+        EXPECT_TRUE(GuidOf(1) == guid);
+        events = m_record.Take();
+        if (!events.empty()) {
+            EXPECT_THAT(events, UnorderedElementsAre("-1", "+1"));
+        }
+    } while (!events.empty());
     std::uint32_t value = 0;
     EXPECT_EQ(camera->ReadRegister(0xF0000410, 0xFFFFFFFF, &value), HAL_OK) << "and the old interface works on";
     EXPECT_EQ(value, 1U);
-    for (const std::string& event : m_record.Take()) {
-        EXPECT_THAT((std::vector<std::string>{"-1", "+1"}), Contains(event));
-    }
 }
 
 TEST_P(RigStories, CoalescesAStormAndLosesNothing) {

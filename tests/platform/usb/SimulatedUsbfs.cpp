@@ -234,16 +234,21 @@ int SimulatedUsbfs::Reap(File& file, void** urb) {
 }
 
 int SimulatedUsbfs::Discard(File& file, const usbdevfs_urb* urb) {
-    if (file.device && file.device->onCancel) {
-        file.device->onCancel();
-        Advance(file);
-    }
     const auto found = std::find_if(file.transfers.begin(), file.transfers.end(),
                                     [urb](const Transfer& transfer) { return transfer.urb == urb && !transfer.ended; });
     if (found == file.transfers.end()) {
         return Fail(EINVAL);
     }
-    End(*found, -ENOENT, 0);
+    int length = 0;
+    if (file.device && file.device->onCancel && (urb->endpoint & USB_DIR_IN) != 0) {
+        file.device->onCancel();
+        // What comes while the kernel takes the transfer back is in it, and its status is that of a cancelled one.
+        if (const auto said = file.device->BulkIn(urb->endpoint)) {
+            length = static_cast<int>(std::min(said->size(), static_cast<std::size_t>(urb->buffer_length)));
+            std::copy_n(said->begin(), length, static_cast<std::uint8_t*>(urb->buffer));
+        }
+    }
+    End(*found, -ENOENT, length);
     return 0;
 }
 
