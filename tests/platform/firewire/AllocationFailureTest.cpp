@@ -156,19 +156,19 @@ TEST_F(FireWireMonitorWithoutMemory, LosesNoChangeOfARom) {
                                          0x64696666, 0x0002A5A5, 0x1200A02D, 0x13000102};
     AddStandardBus();
     Start();
-    char letter = 'A';
+    std::uint32_t letter = 0;
     Sweep([&] {
-        letter = letter == 'Z' ? 'A' : static_cast<char>(letter + 1);
+        letter = (letter + 1) % 26;
         const std::uint64_t resets = m_sink.GetLast().resets;
         std::vector<std::uint32_t> changed = rom;
-        changed[12] = changed[12] - (std::uint32_t{'A'} << 24) + (static_cast<std::uint32_t>(letter) << 24);
+        changed[12] += letter << 24;
         m_computer.ChangeRom("left", changed);
         EXPECT_TRUE(m_sink.WaitForResets(resets + 1));
         ConfigInfo info;
         const auto left = FindCamera(0x00031001);
         ASSERT_TRUE(left);
         EXPECT_EQ(left->GetConfigInfo(&info), HAL_OK);
-        EXPECT_EQ(info.vendor, std::string(1, letter) + " name that diff");
+        EXPECT_EQ(info.vendor, std::string(1, static_cast<char>('A' + letter)) + " name that diff");
     });
 }
 

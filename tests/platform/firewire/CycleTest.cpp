@@ -71,7 +71,7 @@ TEST_F(FireWireBusMaster, WaitsInOneCycleForAllMuteCamerasTogetherAndInTheNextFo
     ASSERT_EQ(CountCameras(busMaster), NumCameras);
     Mute();
     const milliseconds first = Cycle(busMaster);
-    EXPECT_EQ(CountRequestsToMute(), NumMuteCameras);
+    EXPECT_GE(CountRequestsToMute(), NumMuteCameras);
     const milliseconds second = Cycle(busMaster);
     RecordProperty("first_ms", static_cast<int>(first.count()));
     RecordProperty("second_ms", static_cast<int>(second.count()));
