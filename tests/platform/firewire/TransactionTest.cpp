@@ -412,7 +412,7 @@ TEST_F(FireWireCycle, OnABusThatIsResetAgainAndAgainWaitsOnceForAllMuteCamerasTo
         }
     });
     const Clock::time_point start = Clock::now();
-    for (unsigned int i = 0; i < NumMuteCameras; ++i) {
+    for (std::size_t i = 0; i < NumMuteCameras; ++i) {
         std::uint32_t value = 0;
         EXPECT_THAT(m_cameras[2 * i]->ReadQuadlet(SerialNumberRegister, &value),
                     ::testing::AnyOf(HAL_TIMED_OUT, HAL_BUSY))
