@@ -211,12 +211,13 @@ TEST(CameraArgument, OfACameraThatIsHeardAndCannotBeUsedFailsWithTheReasonAndThe
     const std::string serial = std::to_string((*lost)["serial"].get<unsigned int>());
     const std::string mac = (*lost)["mac"];
     const std::string ip = (*lost)["ip"];
+    const std::string reason = "nimbrel control: camera " + serial + " (" + mac + ") at " + ip +
+                               " is heard, but cannot be used: its address is in another subnet; ";
     for (const std::string& name : {serial, "mac:" + mac, "ip:" + ip}) {
         const ProgramResult result = RunReal({"control", name, "--rig", rig});
         EXPECT_EQ(result.exitStatus, 1);
         EXPECT_THAT(result.errors,
-                    AllOf(StartsWith("nimbrel control: camera " + serial + " (" + mac + ") at " + ip +
-                                     " is heard, but cannot be used: its address is in another subnet; "),
+                    AllOf(StartsWith(reason),
                           HasSubstr("\n`nimbrel auto-ip` gives that camera an address of the right subnet.\n")));
     }
     EXPECT_THAT(RunReal({"usb-link", serial, "--rig", rig}).errors, HasSubstr("no camera has the serial number"))

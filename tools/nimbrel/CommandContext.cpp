@@ -380,7 +380,7 @@ void CommandContext::NoteFilters(const std::string& command) const {
         return;
     }
     for (const std::string& line : DescribeFilters(ReadSearchReport())) {
-        WriteError("nimbrel " + command + ": " + line + ".\n");
+        WriteError(std::string("nimbrel ").append(command).append(": ").append(line).append(".\n"));
     }
 }
 
