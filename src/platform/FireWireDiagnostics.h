@@ -35,6 +35,9 @@ struct FireWirePhy {
     bool initiatedReset = false;
     std::vector<FireWirePort> ports;  ///< by port number
 
+    /// Only passes on what it hears. A PHY with one port and no link is a device without power.
+    bool IsHub() const { return !linkActive && ports.size() > 1; }
+
     bool operator==(const FireWirePhy& other) const {
         return phyId == other.phyId && linkActive == other.linkActive && gapCount == other.gapCount &&
                speed == other.speed && contender == other.contender && powerClass == other.powerClass &&

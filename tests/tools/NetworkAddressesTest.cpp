@@ -118,6 +118,22 @@ protected:
         return options;
     }
 
+    /// Camera 9 at 192.168.77.50, in the place of the others, that says it has 10.9.9.9.
+    /// @param take  What it says that it has after a FORCEIP.
+    HostileDevice MakeClaimant(std::uint32_t (*take)(const HostileDevice::Request& request)) {
+        m_cameras.reset();
+        m_wire.Ip("addr add 192.168.77.50/24 dev c0");
+        return HostileDevice(
+            m_wire, Ip("192.168.77.50"),
+            [take, address = Ip("10.9.9.9")](HostileDevice& self, const HostileDevice::Request& request) mutable {
+                if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
+                    address = take(request);
+                } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
+                    self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
+                }
+            });
+    }
+
     void AddCamera(const std::string& ip, std::uint64_t number) { AddCamera(Camera(ip, number)); }
     void AddCamera(const SimulatedCameraOptions& options) {
         const auto added = m_cameras->AddCamera(options);
@@ -523,17 +539,7 @@ TEST_F(GigEAddresses, OfACameraThatARouteLeadsToAreLeftAloneAndTheRouteIsTheReas
 }
 
 TEST_F(GigEAddresses, AreNotSaidToBeGivenByACameraThatOnlyClaimsToHaveThem) {
-    m_cameras.reset();
-    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
-    std::uint32_t address = Ip("10.9.9.9");
-    const HostileDevice device(
-        m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
-            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
-                address = ForcedAddress(request);
-            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
-                self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
-            }
-        });
+    const HostileDevice device = MakeClaimant(ForcedAddress);
     const ProgramResult result = Run({"auto-ip"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output,
@@ -565,17 +571,7 @@ TEST_F(GigEAddresses, AreWaitedForWhenTheCameraBeginsAnewAndItsAcknowledgeIsLost
 }
 
 TEST_F(GigEAddresses, AreNamedWhenACameraTakesAnotherThanItWasGiven) {
-    m_cameras.reset();
-    m_wire.Ip("addr add 192.168.77.50/24 dev c0");
-    std::uint32_t address = Ip("10.9.9.9");
-    const HostileDevice device(
-        m_wire, Ip("192.168.77.50"), [&](HostileDevice& self, const HostileDevice::Request& request) {
-            if (request.Is(Platform::Gvcp::MessageId::ForceIpCmd)) {
-                address = Ip("10.8.8.8");
-            } else if (request.Is(Platform::Gvcp::MessageId::DiscoveryCmd)) {
-                self.Answer(request, HostileDevice::DiscoveryAck(request, 0x020000000009, address));
-            }
-        });
+    const HostileDevice device = MakeClaimant([](const HostileDevice::Request&) { return Ip("10.8.8.8"); });
     const ProgramResult result = Run({"auto-ip"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_THAT(result.output, AllOf(HasSubstr("10.9.9.9/24 could not be changed"),

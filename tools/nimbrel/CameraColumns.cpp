@@ -129,7 +129,7 @@ const std::vector<CameraColumn>& CameraColumns() {
 
 std::vector<const CameraColumn*> ParseColumns(const std::string& option, const std::string& text) {
     std::vector<const CameraColumn*> columns;
-    for (const std::string& name : SplitAtCommas(text)) {
+    for (const std::string& name : SplitAt(text, ',')) {
         columns.push_back(&FindColumn(option, name));
     }
     return columns;
@@ -137,7 +137,7 @@ std::vector<const CameraColumn*> ParseColumns(const std::string& option, const s
 
 std::vector<SortKey> ParseSortKeys(const std::string& option, const std::string& text) {
     std::vector<SortKey> keys;
-    for (const std::string& name : SplitAtCommas(text)) {
+    for (const std::string& name : SplitAt(text, ',')) {
         const bool descending = !name.empty() && name.front() == '-';
         keys.push_back({&FindColumn(option, descending ? name.substr(1) : name), descending});
     }

@@ -161,7 +161,7 @@ std::string BeforeLastComma(const std::string& typed) { return typed.substr(0, t
 std::vector<Candidate> CompleteSerials(const std::string& typed, bool isList, Attached& attached) {
     std::vector<Candidate> found;
     const std::string before = isList ? BeforeLastComma(typed) : "";
-    const std::vector<std::string> given = SplitAtCommas(before);
+    const std::vector<std::string> given = SplitAt(before, ',');
     for (const Camera& camera : attached.List()) {
         const std::string serial = std::to_string(camera.serialNumber);
         if (std::find(given.begin(), given.end(), serial) == given.end()) {
@@ -174,7 +174,7 @@ std::vector<Candidate> CompleteSerials(const std::string& typed, bool isList, At
 std::vector<Candidate> CompleteColumns(const std::string& typed, bool mayDescend) {
     std::vector<Candidate> found;
     std::string before = BeforeLastComma(typed);
-    const std::vector<std::string> given = SplitAtCommas(before);
+    const std::vector<std::string> given = SplitAt(before, ',');
     if (mayDescend && typed.compare(before.size(), 1, "-") == 0) {
         before += "-";
     }
@@ -196,16 +196,10 @@ std::vector<Candidate> AsCandidates(const std::vector<std::string>& words) {
 
 // "auto|always|never"; capitals stand for values that are not these words.
 std::vector<std::string> WordsOfPlaceholder(const std::string& placeholder) {
-    std::vector<std::string> words;
     const bool isChoice = placeholder.find('|') != std::string::npos &&
                           std::none_of(placeholder.begin(), placeholder.end(),
                                        [](char letter) { return letter >= 'A' && letter <= 'Z'; });
-    for (std::size_t begin = 0; isChoice && begin <= placeholder.size();) {
-        const std::size_t end = std::min(placeholder.find('|', begin), placeholder.size());
-        words.push_back(placeholder.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return words;
+    return isChoice ? SplitAt(placeholder, '|') : std::vector<std::string>();
 }
 
 bool LooksAtTheBuses(const CLI::App& command) { return FindOption(command, "--demo") != nullptr; }

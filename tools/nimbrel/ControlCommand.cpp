@@ -79,8 +79,7 @@ std::string DescribeHolder(const ControlInfo& control) {
         return "the application at " + FormatIp(UnpackIPAddress(control.ownerIp)) + ", port " +
                std::to_string(control.ownerPort);
     }
-    const std::string another = "another application, which it ";
-    return another + (control.status == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(control.status));
+    return "another application, which it " + WhyNotNamed(control.status);
 }
 
 std::string ForPeople(const FoundCamera& camera, bool available, const ControlInfo& control) {

@@ -91,6 +91,10 @@ std::string DescribeCause(const Error& error) {
     return message.empty() ? "failed without a reason" : message;
 }
 
+std::string WhyNotNamed(std::uint32_t status) {
+    return status == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(status);
+}
+
 std::string NextStep(std::uint32_t status, InterfaceType bus) {
     const bool isUsb = bus == INTERFACE_USB_2 || bus == INTERFACE_USB_3;
     switch (status) {

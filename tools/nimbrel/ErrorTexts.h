@@ -22,6 +22,9 @@ std::optional<std::uint32_t> FindStatus(const Error& error);
 /// Why, without the places and numbers that only developers read.
 std::string DescribeCause(const Error& error);
 
+/// Of a camera that is asked for a name and tells none: "does not name", or "did not name: " and what kept it.
+std::string WhyNotNamed(std::uint32_t status);
+
 /// What a user can do about a status on that bus: a sentence with a command, or nothing.
 std::string NextStep(std::uint32_t status, InterfaceType bus);
 

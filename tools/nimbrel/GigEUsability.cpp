@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "platform/base/CameraAddress.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/Words.h"
 
@@ -74,16 +75,17 @@ std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnos
     return cameras;
 }
 
+bool HasRoomForCameras(const Platform::NetworkInterface& interface) {
+    return std::any_of(interface.addresses.begin(), interface.addresses.end(),
+                       [](const auto& address) { return address.prefixLength <= Platform::LongestPrefix; });
+}
+
 std::string CureForUnusable(const std::vector<HeardCamera>& cameras) {
     // A silent camera may need an address or not, and one on an interface whose mask has room for none needs a mask:
     // the doctor looks closer.
-    const auto hasRoom = [](const HeardCamera& camera) {
-        const auto isRoomy = [](const Platform::InterfaceAddress& address) { return address.prefixLength <= 30; };
-        return camera.interface == nullptr || std::any_of(camera.interface->interface.addresses.begin(),
-                                                          camera.interface->interface.addresses.end(), isRoomy);
-    };
-    const auto isCuredByAutoIp = [&hasRoom](const HeardCamera& camera) {
-        return Platform::NeedsAddress(camera.usability) && camera.usability != Usability::NoAnswer && hasRoom(camera);
+    const auto isCuredByAutoIp = [](const HeardCamera& camera) {
+        return Platform::NeedsAddress(camera.usability) && camera.usability != Usability::NoAnswer &&
+               (camera.interface == nullptr || HasRoomForCameras(camera.interface->interface));
     };
     const auto isUnusable = [](const HeardCamera& camera) { return camera.usability != Usability::Usable; };
     const auto unusable = std::count_if(cameras.begin(), cameras.end(), isUnusable);

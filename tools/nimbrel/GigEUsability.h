@@ -30,6 +30,9 @@ struct HeardCamera {
 /// Every camera that was heard, each once, in the order of the diagnosis. Points into it.
 std::vector<HeardCamera> FindHeardCameras(const Platform::GigEDiagnosis& diagnosis);
 
+/// Whether one of its subnets has addresses for cameras; not when its masks leave none.
+bool HasRoomForCameras(const Platform::NetworkInterface& interface);
+
 /// What to do about cameras that were heard and cannot be used; empty when all can.
 std::string CureForUnusable(const std::vector<HeardCamera>& cameras);
 

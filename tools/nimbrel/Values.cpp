@@ -95,7 +95,7 @@ Platform::PortRange ParsePortRange(const std::string& option, const std::string&
 
 std::vector<std::uint32_t> ParseSerialNumbers(const std::string& option, const std::string& text) {
     std::vector<std::uint32_t> serials;
-    for (const std::string& word : SplitAtCommas(text)) {
+    for (const std::string& word : SplitAt(text, ',')) {
         const auto serial = WholeNumber<std::uint32_t>(word);
         if (!serial) {
             throw Refusal(option, word, "a serial number, which is a number from 0 to 4294967295");
@@ -124,10 +124,10 @@ std::string FormatSpeed(std::uint32_t megabits) {
     return text + (decimals.empty() ? "" : "." + decimals) + " Gbit/s";
 }
 
-std::vector<std::string> SplitAtCommas(const std::string& text) {
+std::vector<std::string> SplitAt(const std::string& text, char separator) {
     std::vector<std::string> words;
     for (std::size_t begin = 0; begin <= text.size();) {
-        const std::size_t end = std::min(text.find(',', begin), text.size());
+        const std::size_t end = std::min(text.find(separator, begin), text.size());
         words.push_back(text.substr(begin, end - begin));
         begin = end + 1;
     }

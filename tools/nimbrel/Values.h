@@ -37,8 +37,8 @@ std::string FormatSeconds(std::chrono::milliseconds time);
 /// "480 Mbit/s", "5 Gbit/s", "2.5 Gbit/s".
 std::string FormatSpeed(std::uint32_t megabits);
 
-/// The words between the commas, empty ones included.
-std::vector<std::string> SplitAtCommas(const std::string& text);
+/// The words between the separators, empty ones included.
+std::vector<std::string> SplitAt(const std::string& text, char separator);
 
 }  // namespace Nimbrel2::Tool
 

@@ -11,7 +11,6 @@ namespace Nimbrel2::Platform {
 namespace {
 
 constexpr std::uint32_t Loopback = 0x7F000001;
-constexpr std::uint8_t LongestPrefix = 30;  ///< of a subnet with room for a camera beside this computer
 
 bool HasRoom(const InterfaceAddress& subnet) { return subnet.prefixLength > 0 && subnet.prefixLength <= LongestPrefix; }
 

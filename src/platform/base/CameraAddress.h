@@ -31,6 +31,9 @@ constexpr bool IsSubnetEdge(std::uint32_t ip, std::uint32_t mask) {
 /// @return HAL_OK, HAL_BAD_MASK, HAL_BAD_ADDRESS or HAL_BAD_GATEWAY.
 std::uint32_t CheckCameraAddress(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
 
+/// The prefix of the smallest subnet with room for a camera beside this computer.
+inline constexpr std::uint8_t LongestPrefix = 30;
+
 /// The address that this computer talks from to that camera; 0 when the interface has none.
 std::uint32_t LocalAddressFor(const NetworkInterface& interface, std::uint32_t ip);
 

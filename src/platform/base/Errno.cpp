@@ -38,4 +38,6 @@ std::uint32_t StatusOfErrno(int error) {
     }
 }
 
+bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
 }  // namespace Nimbrel2::Platform

@@ -10,6 +10,10 @@ namespace Nimbrel2::Platform {
 /// The HALStatus that stands for an errno; HAL_OK for 0, HAL_FAILED for one that says nothing to a caller.
 std::uint32_t StatusOfErrno(int error);
 
+/// This computer or process is short of memory or descriptors: nothing was learnt of what was asked, and it must not
+/// count as gone.
+bool IsShortage(int error);
+
 }  // namespace Nimbrel2::Platform
 
 #endif

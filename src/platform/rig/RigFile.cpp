@@ -102,9 +102,8 @@ struct AddressAndMask {
     std::uint32_t mask = 0;
 };
 
-// "192.168.77.1/24"; of a camera also 0.0.0.0, which is what one has that waits for an address.
-enum class AddressOf { Computer, Camera };
-AddressAndMask ToAddressAndMask(const JsonValue& value, AddressOf owner) {
+// "192.168.77.1/24", or 0.0.0.0, which is what a camera has that waits for an address.
+AddressAndMask ToAddressAndMask(const JsonValue& value) {
     const std::string text = value.Text();
     const std::size_t slash = text.find('/');
     const std::optional<std::uint32_t> address = ParseAddress(std::string_view(text).substr(0, slash));
@@ -115,10 +114,15 @@ AddressAndMask ToAddressAndMask(const JsonValue& value, AddressOf owner) {
     if (!address.has_value() || prefix > 32) {
         value.Fail("an IPv4 address with a prefix length (192.168.77.1/24) is wanted, not " + Quoted(text));
     }
-    if (*address == 0 && owner == AddressOf::Computer) {
+    return {*address, prefix == 0 ? 0 : ~std::uint32_t{0} << (32 - prefix)};
+}
+
+AddressAndMask OwnAddressAndMask(const JsonValue& value) {
+    const AddressAndMask own = ToAddressAndMask(value);
+    if (own.address == 0) {
         value.Fail("0.0.0.0 is nobody's address");
     }
-    return {*address, prefix == 0 ? 0 : ~std::uint32_t{0} << (32 - prefix)};
+    return own;
 }
 
 std::uint64_t Mac(const JsonValue& value) {
@@ -328,7 +332,7 @@ GigECameraDescription ReadGigECamera(const JsonValue& value, const std::string& 
     camera.name = object.Required("name").Text();
     options.interfaceName = interfaceName;
     options.mac = Mac(object.Required("mac"));
-    const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Camera);
+    const AddressAndMask address = ToAddressAndMask(object.Required("address"));
     options.address = address.address;
     options.subnetMask = address.mask;
     object.Optional("gateway", [&](const JsonValue& gateway) { options.gateway = Address(gateway); });
@@ -356,7 +360,7 @@ NetworkInterfaceDescription ReadNetworkInterface(const JsonValue& value) {
     JsonObject object(value);
     NetworkInterfaceDescription network;
     network.name = object.Required("name").Text();
-    const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Computer);
+    const AddressAndMask address = OwnAddressAndMask(object.Required("address"));
     network.address = address.address;
     network.subnetMask = address.mask;
     object.Optional("up", [&](const JsonValue& up) { network.up = up.Boolean(); });
@@ -530,7 +534,7 @@ constexpr ActionKey ActionKeys[] = {
          return ReadObject(value, [&](JsonObject& object) -> RigAction {
              AddressStep step;
              step.camera = Named(object.Required("camera"), names.cameras, "GigE camera");
-             const AddressAndMask address = ToAddressAndMask(object.Required("address"), AddressOf::Camera);
+             const AddressAndMask address = ToAddressAndMask(object.Required("address"));
              step.address = address.address;
              step.subnetMask = address.mask;
              object.Optional("gateway", [&](const JsonValue& gateway) { step.gateway = Address(gateway); });

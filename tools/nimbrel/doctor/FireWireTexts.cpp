@@ -43,7 +43,7 @@ std::string PhyText(const FireWireBusDiagnosis& bus, unsigned int phyId) {
     if (bus.local == phyId) {
         return "this computer's controller";
     }
-    const bool isHub = phyId < bus.phys.size() && !bus.phys[phyId].linkActive && bus.phys[phyId].ports.size() > 1;
+    const bool isHub = phyId < bus.phys.size() && bus.phys[phyId].IsHub();
     return (isHub ? "the hub that is PHY " : "PHY ") + std::to_string(phyId);
 }
 

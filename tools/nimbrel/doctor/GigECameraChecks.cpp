@@ -284,10 +284,7 @@ Findings CheckControl(const GigEExamination& examined) {
         } else if (owner != 0 && IsOwnAddress(examined.diagnosis, owner)) {
             measured.push_back(used + "a program on this computer, UDP port " + port);
         } else if (owner == 0) {
-            const std::uint32_t why = camera.control.status;
-            wrong.push_back({check, false,
-                             used + "an application that it " +
-                                 (why == HAL_OK ? "does not name" : "did not name: " + DescribeStatus(why)),
+            wrong.push_back({check, false, used + "an application that it " + WhyNotNamed(camera.control.status),
                              ByHand("end the application that uses it; it is free when its heartbeat has run out")});
         } else {
             wrong.push_back({check, false, used + IpText(owner) + ", port " + port + ", which is another computer",

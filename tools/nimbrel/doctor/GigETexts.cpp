@@ -2,11 +2,11 @@
 // Names and numbers in the findings on GigE. Pure.
 #include "tools/nimbrel/doctor/GigETexts.h"
 
-#include <algorithm>
 #include <set>
 
 #include "platform/base/CameraAddress.h"
 #include "tools/nimbrel/Cameras.h"
+#include "tools/nimbrel/GigEUsability.h"
 #include "tools/nimbrel/GigEValues.h"
 #include "tools/nimbrel/SimulateOptions.h"
 #include "tools/nimbrel/Text.h"
@@ -85,9 +85,7 @@ std::string FreeSubnetAddress(const GigEDiagnosis& diagnosis, std::size_t skip) 
 }
 
 std::optional<InterfaceAddress> WiderSubnet(const Platform::NetworkInterface& interface) {
-    const bool hasRoom = std::any_of(interface.addresses.begin(), interface.addresses.end(),
-                                     [](const InterfaceAddress& address) { return address.prefixLength <= 30; });
-    if (interface.addresses.empty() || hasRoom || interface.loopback || interface.pointToPoint) {
+    if (interface.addresses.empty() || HasRoomForCameras(interface) || interface.loopback || interface.pointToPoint) {
         return std::nullopt;
     }
     return InterfaceAddress{interface.addresses.front().address, 24};

@@ -69,7 +69,7 @@ Truth IsIn(std::uint32_t address, const std::string& subnet) {
 
 // "3956", "1024:65535", "53,3956,5000:6000"
 Truth IsAmong(std::uint16_t port, const std::string& ports) {
-    for (const std::string& word : SplitAtCommas(ports)) {
+    for (const std::string& word : SplitAt(ports, ',')) {
         const std::size_t colon = word.find(':');
         const auto low = ReadWhole(word.substr(0, colon), 0, 65535);
         const auto high = colon == std::string::npos ? low : ReadWhole(word.substr(colon + 1), 0, 65535);
@@ -92,7 +92,7 @@ Truth IsLike(const std::string& name, const std::string& pattern) {
 }
 
 Truth HasState(const Packet& packet, const std::string& states) {
-    for (const std::string& state : SplitAtCommas(states)) {
+    for (const std::string& state : SplitAt(states, ',')) {
         if (state == (packet.isNew ? "NEW" : "ESTABLISHED")) {
             return Truth::Yes;
         }

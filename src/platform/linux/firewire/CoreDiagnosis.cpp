@@ -55,7 +55,7 @@ BusMap FireWireCore::DescribeBus(const std::string& path) {
         for (const FireWirePhy& phy : card.phys) {
             BusMapNode& entry = nodes[phy.phyId];
             entry.speed = SlowestPhy << phy.speed;
-            entry.isHub = !phy.linkActive && phy.ports.size() > 1;  // or else something without power
+            entry.isHub = phy.IsHub();
         }
     }
     for (const auto& [name, node] : m_nodes) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/base/Errno.h"
 #include "platform/base/Sysfs.h"
 
 namespace Nimbrel2::Platform::FireWire {
@@ -54,9 +55,6 @@ int Scan(const SysfsDirectory& devices, const std::string& name, ScannedNode* no
     return 0;
 }
 
-/// What this process lacks says nothing of a node.
-bool IsOfThisProcess(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
-
 }  // namespace
 
 int ScanNodes(std::vector<ScannedNode>* nodes) {
@@ -76,7 +74,7 @@ int ScanNodes(std::vector<ScannedNode>* nodes) {
         }
         ScannedNode node;
         error = Scan(devices, name, &node);
-        if (IsOfThisProcess(error)) {
+        if (IsShortage(error)) {
             return error;
         }
         if (error == 0) {

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/base/Errno.h"
 #include "platform/base/Sysfs.h"
 #include "platform/base/UsbSerial.h"
 
@@ -17,8 +18,6 @@ namespace {
 constexpr std::uint32_t MostNumber = 127;
 constexpr int Nonsense = EINVAL;  // what is there is not what the kernel writes
 
-// This computer is short of something: nothing was learnt of the device, and it must not count as gone.
-bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 // The device left while it was looked at.
 bool HasLeft(int error) { return error == ENOENT || error == ENODEV || error == ENXIO; }
 
