@@ -161,7 +161,7 @@ Findings CheckForeignSubnet(const GigEExamination& examined) {
         const std::string has = ip == 0 ? " has no address yet"
                                         : " has the address " + IpText(ip) +
                                               (Platform::IsHostAddress(ip) ? "" : ", which no host can have,");
-        wrong.push_back({check, false, CameraText(camera.record) + has + where + ", so it cannot be used",
+        wrong.push_back({check, false, (CameraText(camera.record) + has).append(where).append(", so it cannot be used"),
                          CureOf(camera, interface, diagnosis, bySerial[FromRecord(camera.record).serialNumber] > 1)});
     }
     std::set<Identity> known;
@@ -282,13 +282,16 @@ Findings CheckControl(const GigEExamination& examined) {
         } else if (state != ControlState::Controlled && state != ControlState::Exclusive) {
             ++numFree;
         } else if (owner != 0 && IsOwnAddress(examined.diagnosis, owner)) {
-            measured.push_back(used + "a program on this computer, UDP port " + port);
+            measured.push_back((used + "a program on this computer, UDP port ").append(port));
         } else if (owner == 0) {
-            wrong.push_back({check, false, used + "an application that it " + WhyNotNamed(camera.control.status),
+            wrong.push_back({check, false,
+                             (used + "an application that it ").append(WhyNotNamed(camera.control.status)),
                              ByHand("end the application that uses it; it is free when its heartbeat has run out")});
         } else {
-            wrong.push_back({check, false, used + IpText(owner) + ", port " + port + ", which is another computer",
-                             ByHand("end the program on " + IpText(owner) + " that uses UDP port " + port)});
+            wrong.push_back(
+                {check, false,
+                 (used + IpText(owner)).append(", port ").append(port).append(", which is another computer"),
+                 ByHand("end the program on " + IpText(owner) + " that uses UDP port " + port)});
         }
     }
     if (numFree != 0) {
